@@ -1,0 +1,152 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "base/packet_reader.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include <sys/uio.h>
+
+#include "protocol/ipc_protocol.h"
+
+namespace zelta::base {
+namespace {
+
+constexpr size_t kBufferBytes = 64 << 10;
+// A frame up to this size is cheaper to copy out of the buffer than to read by a call of its own.
+constexpr size_t kLargeFrameBytes = 16 << 10;
+
+template <class T>
+T load(const char* from) {
+  T value;
+  std::memcpy(&value, from, sizeof value);
+  return value;
+}
+
+}  // namespace
+
+packet_reader::packet_reader(int fd, receiver& to)
+    : fd_(fd),
+      receiver_(to),
+      buffer_(std::make_unique<char[]>(kBufferBytes)),
+      capacity_(kBufferBytes) {}
+
+packet_reader::result packet_reader::read_some(size_t bound_bytes) {
+  for (size_t total = 0; total < bound_bytes;) {
+    switch (read_once(total)) {
+      case step::kEnd:
+        return result::kEnd;
+      case step::kWait:
+        return result::kEmpty;
+      case step::kRead:
+        break;
+    }
+    if (!deliver_buffered()) return result::kBroken;
+  }
+  return result::kMore;
+}
+
+packet_reader::step packet_reader::read_once(size_t& total) {
+  iovec parts[2];
+  int count = 0;
+  const size_t payload_left = in_large_frame_ ? payload_.size() - payload_filled_ : 0;
+  if (payload_left > 0) parts[count++] = {payload_.data() + payload_filled_, payload_left};
+  parts[count++] = {buffer_.get() + end_, capacity_ - end_};
+  ssize_t got = -1;
+  do {
+    got = ::readv(fd_, parts, count);
+  } while (got < 0 && errno == EINTR);
+  if (got < 0 && errno == EAGAIN) return step::kWait;
+  if (got <= 0) return step::kEnd;
+  const auto bytes = static_cast<size_t>(got);
+  const size_t into_payload = std::min(bytes, payload_left);
+  payload_filled_ += into_payload;
+  end_ += bytes - into_payload;
+  total += bytes;
+  return step::kRead;
+}
+
+// Delivers every packet that is complete; false when the stream is out of step.
+bool packet_reader::deliver_buffered() {
+  for (;;) {
+    if (in_large_frame_) {
+      if (payload_filled_ < payload_.size() || buffered() < fields_bytes_) return true;
+      deliver_large_frame();
+      continue;
+    }
+    if (buffered() < kLengthPrefixBytes) break;
+    const size_t total_bytes = load<uint32_t>(begin());
+    if (total_bytes < protocol::kMinPacketBytes || total_bytes > protocol::kMaxPacketBytes) {
+      return false;
+    }
+    if (buffered() < total_bytes) {
+      if (start_large_frame(total_bytes)) continue;
+      make_room(total_bytes);
+      return true;
+    }
+    unpacker u(begin() + kLengthPrefixBytes, total_bytes - kLengthPrefixBytes, false);
+    const auto uri = load<uint16_t>(begin() + kLengthPrefixBytes);
+    // Passed over first: whatever the receiver does, the packet is not seen twice.
+    begin_ += total_bytes;
+    receiver_.on_packet(u, uri);
+  }
+  make_room(kLengthPrefixBytes);
+  return true;
+}
+
+// True when the packet at begin() is a large frame whose head is there: from then on the buffer
+// holds its body without the payload. A frame that claims more payload than its packet has room for
+// is left to the ordinary way, where the decoder refuses it.
+bool packet_reader::start_large_frame(size_t total_bytes) {
+  if (total_bytes <= kLargeFrameBytes || buffered() < protocol::kMinPacketBytes) return false;
+  const char* const body = begin() + kLengthPrefixBytes;
+  const auto position = protocol::frame_payload_position(load<uint16_t>(body));
+  if (!position || buffered() < kLengthPrefixBytes + *position) return false;
+  const size_t body_bytes = total_bytes - kLengthPrefixBytes;
+  const size_t payload_bytes = load<uint32_t>(body + *position - sizeof(uint32_t));
+  if (*position + payload_bytes > body_bytes) return false;
+
+  in_large_frame_ = true;
+  payload_position_ = *position;
+  fields_bytes_ = body_bytes - payload_bytes;
+  payload_.resize(payload_bytes);
+  const size_t after_head = buffered() - kLengthPrefixBytes - *position;
+  payload_filled_ = std::min(after_head, payload_bytes);
+  std::memcpy(payload_.data(), body + *position, payload_filled_);
+  const size_t tail = after_head - payload_filled_;
+  std::memmove(buffer_.get(), body, *position);
+  std::memmove(buffer_.get() + *position, body + *position + payload_filled_, tail);
+  begin_ = 0;
+  end_ = *position + tail;
+  return true;
+}
+
+void packet_reader::deliver_large_frame() {
+  in_large_frame_ = false;
+  unpacker u(begin(), fields_bytes_, payload_, payload_position_);
+  const auto uri = load<uint16_t>(begin());
+  begin_ += fields_bytes_;
+  receiver_.on_packet(u, uri);
+}
+
+// Makes sure that a packet of `bytes` fits behind begin(), and that there is something to read
+// into.
+void packet_reader::make_room(size_t bytes) {
+  const size_t held = buffered();
+  const size_t capacity = std::max(bytes, kBufferBytes);
+  if (capacity != capacity_ && (capacity > capacity_ || held <= capacity)) {
+    // A long control packet gets the room for its time only.
+    auto moved = std::make_unique<char[]>(capacity);
+    std::memcpy(moved.get(), begin(), held);
+    buffer_ = std::move(moved);
+    capacity_ = capacity;
+  } else if (begin_ > 0) {
+    std::memmove(buffer_.get(), begin(), held);
+  } else {
+    return;
+  }
+  begin_ = 0;
+  end_ = held;
+}
+
+}  // namespace zelta::base

@@ -1,0 +1,67 @@
+// SPDX-License-Identifier: Apache-2.0
+// One recorder process and its two pipes, from launch to end.
+#pragma once
+
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/event_loop.h"
+#include "base/packet.h"
+#include "base/packet_reader.h"
+#include "base/packet_writer.h"
+#include "base/recorder_process.h"
+#include "base/router.h"
+
+namespace zelta::base {
+
+// send() from any thread; everything else on the loop's thread, or while the loop doesn't run.
+class recorder_link : private packet_reader::receiver {
+  struct made_by_start {};
+
+ public:
+  struct settings {
+    bool large_pipes;
+    std::string logdir;
+    router_listener* listener;
+    event_loop* loop;
+  };
+
+  // Null, with a log line, when the recorder could not be started.
+  static std::unique_ptr<recorder_link> start(const std::vector<const char*>& argv, settings to);
+  recorder_link(const recorder_link&) = delete;
+  recorder_link& operator=(const recorder_link&) = delete;
+  // Ends the recorder by force if it still runs.
+  ~recorder_link();
+
+  void send(const packet& p);
+  // Flushes, closes, and waits for the recorder to complete its files.
+  void finish();
+
+  recorder_link(made_by_start, settings to, unique_fd read_end, unique_fd write_end,
+                recorder_process process);
+
+ private:
+  void on_packet(unpacker& u, uint16_t uri) override;
+  void on_readable();
+  void on_writable();
+  void on_break(int events);
+  void drain();
+  void flush_bounded();
+  void close_pipes();
+  void end_process(std::chrono::milliseconds patience);
+
+  const settings to_;
+  unique_fd read_end_;
+  unique_fd write_end_;
+  recorder_process process_;
+  // What senders on other threads name the descriptor by, also while it is being closed.
+  const int write_fd_;
+  packet_reader reader_;
+  packet_writer writer_;
+  // Set once the link has ended, by a break or by finish().
+  bool ended_ = false;
+  atomic_bool_t refusing_{false};
+};
+
+}  // namespace zelta::base

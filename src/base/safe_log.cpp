@@ -1,0 +1,23 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "base/safe_log.h"
+
+#include <unistd.h>
+
+namespace zelta::base {
+
+safe_log::safe_log(const char* logdir, const char* file, int line, int severity,
+                   zelta_log_module module)
+    : severity_(severity), module_(module), logdir_(logdir) {
+  sout_ << file << ":" << line << ": ";
+}
+
+safe_log::safe_log(const char* file, int line, int severity, zelta_log_module module)
+    : safe_log(nullptr, file, line, severity, module) {}
+
+// The text is an argument and never a format: it may hold percent signs of a peer's.
+safe_log::~safe_log() {
+  log_dir(logdir_, static_cast<log_levels>(severity_), module_, "(%d) %s", getpid(),
+          sout_.str().c_str());
+}
+
+}  // namespace zelta::base
