@@ -1,0 +1,65 @@
+// SPDX-License-Identifier: Apache-2.0
+// A channel: where users come from and what they send.
+//
+// One file a backend. All functions and callbacks are for the recorder's loop thread.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "base/event_loop.h"
+#include "core_service/media/gst.h"
+
+namespace zelta::core_service {
+
+// What a user sends: a bin with one source pad a track, encoded media with its codec in the caps,
+// paced in real time.
+struct user_media {
+  media::element_ptr source;
+  // Every pad is there. Otherwise pads are added while the bin runs, and its "no-more-pads" signal
+  // tells when that was all.
+  bool complete = false;
+};
+
+class channel_listener {
+ public:
+  virtual void on_channel_joined() = 0;
+  virtual void on_channel_failed(const std::string& why) = 0;
+  virtual void on_user_in(uint32_t uid, user_media media) = 0;
+  virtual void on_user_out(uint32_t uid) = 0;
+  virtual void on_channel_interrupted() = 0;
+  virtual void on_channel_lost() = 0;
+
+ protected:
+  ~channel_listener() = default;
+};
+
+class channel {
+ public:
+  virtual ~channel() = default;
+  // on_channel_joined or on_channel_failed follows, at the earliest in the loop's next round.
+  virtual void join() = 0;
+  // No callback comes after it.
+  virtual void leave() = 0;
+};
+
+struct channel_place {
+  std::string server;  // "test:…", "dir:…"
+  std::string channel_id;
+  std::string logdir;
+};
+
+// Null, with `error` saying what is wrong and what would be right. Loop and listener are borrowed
+// and must outlive the channel.
+std::unique_ptr<channel> make_channel(const channel_place& place, base::event_loop& loop,
+                                      channel_listener& listener, std::string& error);
+
+// The backends, for make_channel.
+std::unique_ptr<channel> make_test_channel(const std::string& script, base::event_loop& loop,
+                                           channel_listener& listener, std::string& error);
+std::unique_ptr<channel> make_dir_channel(const std::string& root, const channel_place& place,
+                                          base::event_loop& loop, channel_listener& listener,
+                                          std::string& error);
+
+}  // namespace zelta::core_service

@@ -1,0 +1,202 @@
+// SPDX-License-Identifier: Apache-2.0
+// A folder as a channel: PATH/CHANNEL/UID.mp4 (mkv, webm, ogg, wav) is a user whose media is that
+// file, played in real time. A file that appears is a user who joins, one that is removed or ends a
+// user who leaves.
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <charconv>
+#include <cstring>
+#include <map>
+#include <utility>
+#include <vector>
+
+#include <dirent.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "base/log.h"
+#include "base/unique_fd.h"
+#include "core_service/channel/channel.h"
+
+namespace zelta::core_service {
+namespace {
+
+constexpr std::array<const char*, 5> kMediaEndings{"mp4", "mkv", "webm", "ogg", "wav"};
+
+struct user_file {
+  uint32_t uid;
+  std::string ending;
+};
+
+// False for a name that is no user's: "notes.txt", "12a.mp4".
+bool parse_name(const std::string& name, user_file& file) {
+  const size_t dot = name.rfind('.');
+  if (dot == std::string::npos) return false;
+  const char* const end = name.data() + dot;
+  uint32_t uid = 0;
+  const auto [stopped, failed] = std::from_chars(name.data(), end, uid);
+  if (failed != std::errc() || stopped != end || uid == 0) return false;
+  file = {uid, name.substr(dot + 1)};
+  return true;
+}
+
+bool is_media(const user_file& file) {
+  return std::find(kMediaEndings.begin(), kMediaEndings.end(), file.ending) != kMediaEndings.end();
+}
+
+// Each track that the file turns out to have is paced by a clock of its own and shown at the bin.
+void on_track(GstElement* /*parser*/, GstPad* track, gpointer bin) {
+  GstElement* const pace = gst_element_factory_make("clocksync", nullptr);
+  gst_bin_add(GST_BIN(bin), pace);
+  gst_element_sync_state_with_parent(pace);
+  const media::pad_ptr in(gst_element_get_static_pad(pace, "sink"));
+  gst_pad_link(track, in.get());
+  const media::pad_ptr out(gst_element_get_static_pad(pace, "src"));
+  GstPad* const shown = gst_ghost_pad_new(nullptr, out.get());
+  gst_pad_set_active(shown, TRUE);
+  gst_element_add_pad(GST_ELEMENT(bin), shown);
+}
+
+void on_all_tracks(GstElement* /*parser*/, gpointer bin) {
+  gst_element_no_more_pads(GST_ELEMENT(bin));
+}
+
+user_media make_file_user(const std::string& path) {
+  media::element_ptr bin(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
+  GstElement* const file = gst_element_factory_make("filesrc", nullptr);
+  GstElement* const parser = gst_element_factory_make("parsebin", nullptr);
+  g_object_set(file, "location", path.c_str(), nullptr);
+  gst_bin_add_many(GST_BIN(bin.get()), file, parser, nullptr);
+  gst_element_link(file, parser);
+  g_signal_connect(parser, "pad-added", G_CALLBACK(on_track), bin.get());
+  g_signal_connect(parser, "no-more-pads", G_CALLBACK(on_all_tracks), bin.get());
+  return {std::move(bin), false};
+}
+
+class dir_channel : public channel {
+ public:
+  dir_channel(std::string folder, std::string logdir, base::event_loop& loop,
+              channel_listener& listener)
+      : folder_(std::move(folder)), logdir_(std::move(logdir)), loop_(loop), listener_(listener) {}
+  ~dir_channel() override { leave(); }
+
+  void join() override {
+    loop_.post([this, alive = std::weak_ptr<int>(alive_)] {
+      if (!alive.expired()) open();
+    });
+  }
+
+  void leave() override {
+    alive_.reset();
+    loop_.remove_watcher(changes_.get());
+    changes_.reset();
+  }
+
+ private:
+  // Watches before it looks, so that a file which appears in between isn't missed.
+  void open() {
+    changes_.reset(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    constexpr uint32_t kEvents =
+        IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE | IN_MOVED_FROM | IN_DELETE_SELF | IN_ONLYDIR;
+    if (!changes_.valid() || inotify_add_watch(changes_.get(), folder_.c_str(), kEvents) < 0) {
+      return listener_.on_channel_failed("can't watch the channel's folder " + folder_ + ": " +
+                                         std::strerror(errno));
+    }
+    loop_.add_watcher(
+        changes_.get(), this,
+        [](int, void* self) { static_cast<dir_channel*>(self)->on_changes(); }, nullptr, nullptr);
+    listener_.on_channel_joined();
+    for (const std::string& name : present_files()) appeared(name);
+  }
+
+  std::vector<std::string> present_files() const {
+    std::vector<std::string> names;
+    const std::unique_ptr<DIR, int (*)(DIR*)> dir(opendir(folder_.c_str()), closedir);
+    if (!dir) return names;
+    while (const dirent* const entry = readdir(dir.get())) names.emplace_back(entry->d_name);
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+
+  void on_changes() {
+    alignas(inotify_event) std::array<char, 16384> buffer{};
+    const std::weak_ptr<int> alive = alive_;
+    for (;;) {
+      const ssize_t got = read(changes_.get(), buffer.data(), buffer.size());
+      if (got <= 0) return;
+      for (ssize_t at = 0; at < got;) {
+        const auto* const event = reinterpret_cast<const inotify_event*>(buffer.data() + at);
+        at += static_cast<ssize_t>(sizeof(inotify_event) + event->len);
+        on_change(*event);
+        // A callback may have left the channel.
+        if (alive.expired()) return;
+      }
+    }
+  }
+
+  void on_change(const inotify_event& event) {
+    if ((event.mask & IN_DELETE_SELF) != 0) return listener_.on_channel_lost();
+    if ((event.mask & IN_Q_OVERFLOW) != 0) {
+      for (const std::string& name : present_files()) appeared(name);
+      return;
+    }
+    if (event.len == 0) return;
+    if ((event.mask & (IN_CLOSE_WRITE | IN_MOVED_TO)) != 0) return appeared(event.name);
+    disappeared(event.name);
+  }
+
+  void appeared(const std::string& name) {
+    user_file file;
+    if (!parse_name(name, file)) return;
+    if (!is_media(file)) {
+      return base::log_dir(
+          logdir_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
+          "%s is no user: a user's file ends in mp4, mkv, webm, ogg or wav", name.c_str());
+    }
+    // A second file of a user, and a file that was only written again, change nothing.
+    if (!present_.emplace(file.uid, name).second) return;
+    listener_.on_user_in(file.uid, make_file_user(folder_ + name));
+  }
+
+  void disappeared(const std::string& name) {
+    user_file file;
+    if (!parse_name(name, file)) return;
+    const auto found = present_.find(file.uid);
+    if (found == present_.end() || found->second != name) return;
+    present_.erase(found);
+    listener_.on_user_out(file.uid);
+  }
+
+  const std::string folder_;
+  const std::string logdir_;
+  base::event_loop& loop_;
+  channel_listener& listener_;
+  base::unique_fd changes_;
+  std::map<uint32_t, std::string> present_;
+  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+};
+
+}  // namespace
+
+std::unique_ptr<channel> make_dir_channel(const std::string& root, const channel_place& place,
+                                          base::event_loop& loop, channel_listener& listener,
+                                          std::string& error) {
+  const std::string& id = place.channel_id;
+  // The name comes from the application's users; it must not lead out of the folder.
+  if (id.find('/') != std::string::npos || id == "." || id == "..") {
+    error = "channel name \"" + id + "\" can't be a folder's name";
+    return nullptr;
+  }
+  const std::string folder = root + "/" + id + "/";
+  struct stat status {};
+  if (stat(folder.c_str(), &status) != 0) {
+    error = "the channel's folder " + folder + " can't be used: " + std::strerror(errno) +
+            "; it should hold a media file UID.mp4 a user";
+    return nullptr;
+  }
+  return std::make_unique<dir_channel>(folder, place.logdir, loop, listener);
+}
+
+}  // namespace zelta::core_service

@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core_service/engine_link.h"
+
+#include <utility>
+
+#include <fcntl.h>
+#include <poll.h>
+
+#include "base/log.h"
+
+namespace zelta::core_service {
+namespace {
+
+using namespace protocol;
+
+// Four 1080p pictures: more only makes what arrives older.
+constexpr size_t kRawFrameLimitBytes = 16 << 20;
+constexpr size_t kQueueLimitBytes = 64 << 20;
+constexpr size_t kReadBoundBytes = 1 << 20;
+
+void make_ours(const base::unique_fd& fd) {
+  // On failure the descriptor keeps blocking, which a pipe that nobody fills forgives.
+  const int flags = fcntl(fd.get(), F_GETFL);
+  if (flags >= 0) fcntl(fd.get(), F_SETFL, flags | O_NONBLOCK);
+  fcntl(fd.get(), F_SETFD, FD_CLOEXEC);
+}
+
+void run(engine_listener& to, const leave_packet&) {
+  to.on_leave_command();
+}
+void run(engine_listener& to, const set_log_level_packet& p) {
+  to.on_log_level(p.level);
+}
+void run(engine_listener& to, const log_enable_module_packet& p) {
+  to.on_log_modules(p.module, p.enable != 0);
+}
+// What the engine confirms needs no answer.
+void run(engine_listener&, const user_join_confirm_packet&) {}
+void run(engine_listener&, const user_drop_confirm_packet&) {}
+void run(engine_listener&, const media_frame_confirm_packet&) {}
+void run(engine_listener&, const audio_frame_confirm_packet&) {}
+void run(engine_listener&, const video_frame_confirm_packet&) {}
+void run(engine_listener& to, const parameters_packet&) {
+  to.on_other_command("parameters");
+}
+void run(engine_listener& to, const video_mixing_layout_packet&) {
+  to.on_other_command("mixing layout");
+}
+void run(engine_listener& to, const start_service_packet&) {
+  to.on_other_command("start service");
+}
+void run(engine_listener& to, const stop_service_packet&) {
+  to.on_other_command("stop service");
+}
+void run(engine_listener& to, const set_user_background_packet&) {
+  to.on_other_command("user background");
+}
+
+template <class Visit, class... Packets>
+bool visit_uri(uint16_t uri, packet_list<Packets...>, Visit visit) {
+  return ((uri == Packets::kUri && (visit(Packets()), true)) || ...);
+}
+
+}  // namespace
+
+engine_link::engine_link(int read_fd, int write_fd, base::event_loop& loop,
+                         engine_listener& listener, std::string logdir)
+    : loop_(loop),
+      listener_(listener),
+      logdir_(std::move(logdir)),
+      read_fd_(read_fd),
+      write_fd_(write_fd) {
+  if (!read_fd_.valid() || !write_fd_.valid()) return;
+  make_ours(read_fd_);
+  make_ours(write_fd_);
+  reader_ = std::make_unique<base::packet_reader>(read_fd, static_cast<receiver&>(*this));
+  writer_ = std::make_unique<base::packet_writer>(write_fd, kQueueLimitBytes);
+  loop_.add_watcher(
+      read_fd, this, [](int, void* self) { static_cast<engine_link*>(self)->on_readable(); },
+      nullptr, [](int, void* self, int) { static_cast<engine_link*>(self)->on_gone(); });
+  loop_.add_watcher(
+      write_fd, this, nullptr,
+      [](int, void* self) { static_cast<engine_link*>(self)->on_writable(); },
+      [](int, void* self, int) { static_cast<engine_link*>(self)->on_gone(); });
+}
+
+engine_link::~engine_link() {
+  if (writer_) writer_->close();
+  loop_.remove_watcher(read_fd_.get());
+  loop_.remove_watcher(write_fd_.get());
+}
+
+void engine_link::send(const base::packet& p) {
+  write(p, true);
+}
+
+bool engine_link::send_frame(const base::packet& p) {
+  if (!connected()) return false;
+  const bool raw = p.uri == yuv_frame2::kUri || p.uri == pcm_frame::kUri;
+  const bool room = !raw || writer_->queued_bytes() < kRawFrameLimitBytes;
+  if (room && write(p, false)) return true;
+  ++dropped_frames_;
+  return false;
+}
+
+bool engine_link::write(const base::packet& p, bool always) {
+  if (!connected()) return false;
+  base::packer out;
+  p.pack(out);
+  switch (writer_->send(out.take_buffer(), always)) {
+    case base::packet_writer::result::kWritten:
+      return true;
+    case base::packet_writer::result::kQueued:
+      loop_.want_write(write_fd_.get(), true);
+      return true;
+    case base::packet_writer::result::kRefused:
+      return false;
+    case base::packet_writer::result::kBroken:
+      // The loop sees the same and ends the session there.
+      return false;
+  }
+  return false;
+}
+
+void engine_link::on_writable() {
+  if (writer_->flush() != base::packet_writer::result::kQueued) {
+    loop_.want_write(write_fd_.get(), false);
+  }
+}
+
+void engine_link::on_readable() {
+  using result = base::packet_reader::result;
+  const result got = reader_->read_some(kReadBoundBytes);
+  if (got == result::kBroken) {
+    base::log_dir(logdir_.c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_IPC,
+                  "the engine's packets are out of step: bad length");
+  }
+  if (got == result::kEnd || got == result::kBroken) on_gone();
+}
+
+void engine_link::on_gone() {
+  if (gone_.exchange(true)) return;
+  writer_->close();
+  loop_.remove_watcher(read_fd_.get());
+  loop_.remove_watcher(write_fd_.get());
+  listener_.on_engine_gone();
+}
+
+void engine_link::on_packet(base::unpacker& u, uint16_t uri) {
+  const bool known = visit_uri(uri, control_packets{}, [this, &u, uri](auto p) {
+    if (decode(u, p)) return run(listener_, p);
+    base::log_dir(logdir_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_IPC,
+                  "skipped a command of the engine that makes no sense, uri %d", uri);
+  });
+  if (!known) {
+    base::log_dir(logdir_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_IPC,
+                  "skipped an unknown command of the engine, uri %d", uri);
+  }
+}
+
+void engine_link::flush(std::chrono::milliseconds limit) {
+  if (!connected()) return;
+  const auto deadline = std::chrono::steady_clock::now() + limit;
+  while (writer_->flush() == base::packet_writer::result::kQueued) {
+    const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+        deadline - std::chrono::steady_clock::now());
+    pollfd writable{write_fd_.get(), POLLOUT, 0};
+    if (left.count() <= 0 || ::poll(&writable, 1, static_cast<int>(left.count())) == 0) return;
+  }
+}
+
+}  // namespace zelta::core_service

@@ -1,0 +1,71 @@
+// SPDX-License-Identifier: Apache-2.0
+// The recorder's command line.
+#pragma once
+
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace zelta::core_service {
+
+// Field by field what the engine passes; the defaults are what an option that is not given means.
+struct options {
+  std::string app_id;
+  std::string channel_key;
+  std::string channel_id;
+  unsigned uid = 0;  // 0: the recorder chooses
+  bool audio_only = false;
+  bool video_only = false;
+  bool mix = false;
+  int mixed_video_audio = 0;
+  bool live = false;
+  std::string encrypt_mode;
+  std::string encrypt_secret;
+  int chunk_time_span = 0;  // seconds
+  int idle = 300;           // seconds
+  int decode_audio = 0;
+  int decode_video = 0;
+  int capture_interval = 5;           // seconds
+  int audio_indication_interval = 0;  // milliseconds
+  unsigned syslog_fclt = 8;
+  int stream_type = 0;
+  int service_mode = 0;
+  std::string recording_file_dir = ".";
+  std::string vocs;
+  int vocs_port = 0;
+  std::string vos;
+  int vos_port = 0;
+  std::string mix_resolution;
+  int min_port = 0;
+  int max_port = 0;
+  int trigger_mode = 0;
+  int lang = 0;
+  std::string proxy_server;
+  int audio_profile = 0;
+  std::string default_video_bg;
+  std::string default_user_bg;
+  int log_level = 4;
+  int enabled_modules = -1;
+  int av_sync_type = 2;
+  int recovery_id = 0;  // counts the relaunches of a session
+  long long recovery_time = 0;
+  int read_fd = -1;  // -1: no engine, the recorder runs by itself
+  int write_fd = -1;
+
+  // Options that nobody knows.
+  std::vector<std::string> unknown;
+};
+
+struct parsed_options {
+  std::optional<options> values;
+  // When there are no values: what to print and the exit status (0 after --help).
+  std::string message;
+  int exit_status = 0;
+};
+
+parsed_options parse_options(int argc, const char* const* argv);
+
+// The options that were given and that this recorder doesn't act on, for the log.
+std::vector<std::string> options_without_effect(const options& given);
+
+}  // namespace zelta::core_service

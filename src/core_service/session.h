@@ -1,0 +1,97 @@
+// SPDX-License-Identifier: Apache-2.0
+// One recording, from join to the last byte.
+//
+// Thread rule: everything on the loop's thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "base/event_loop.h"
+#include "core_service/channel/channel.h"
+#include "core_service/engine_link.h"
+#include "core_service/manifest.h"
+#include "core_service/media/user_graph.h"
+#include "core_service/options.h"
+
+namespace zelta::core_service {
+
+// Exit statuses of the recorder; the engine logs them.
+enum exit_status : int {
+  kExitDone = 0,       // left in order; also when the engine was gone
+  kExitUsage = 2,      // the command line can't be used
+  kExitNotJoined = 3,  // the channel could not be joined
+  kExitDisk = 4,       // a file could not be written
+};
+
+class session : private engine_listener,
+                private channel_listener,
+                private media::user_graph_listener {
+ public:
+  // `server` names the channel server. The loop is borrowed.
+  session(options given, std::string server, base::event_loop& loop);
+  session(const session&) = delete;
+  session& operator=(const session&) = delete;
+  ~session();
+
+  // Joins and records; the loop is stopped when all is done.
+  void start();
+  // SIGTERM or SIGINT: leaves; a second one doesn't wait for anything.
+  void on_signal(int number);
+  int exit_status() const { return status_; }
+
+ private:
+  enum class phase { kStarting, kRecording, kFinishing, kLingering, kDone };
+
+  void on_leave_command() override;
+  void on_log_level(uint32_t level) override;
+  void on_log_modules(uint32_t modules, bool enable) override;
+  void on_other_command(const char* name) override;
+  void on_engine_gone() override;
+
+  void on_channel_joined() override;
+  void on_channel_failed(const std::string& why) override;
+  void on_user_in(uint32_t uid, user_media from) override;
+  void on_user_out(uint32_t uid) override;
+  void on_channel_interrupted() override;
+  void on_channel_lost() override;
+
+  void on_first_video(uint32_t uid, int width, int height) override;
+  void on_first_audio(uint32_t uid) override;
+  void on_graph_finished(media::user_graph& graph, const std::string& why, bool disk) override;
+
+  void on_tick();
+  void report_stream_status();
+  void leave(uint32_t reason, int status);
+  void end_user(uint32_t uid, const std::string& why);
+  void complete_when_idle();
+  void done();
+  int elapsed_ms() const;
+  void log(base::log_levels level, const std::string& text) const;
+
+  const options options_;
+  const std::string server_;
+  base::event_loop& loop_;
+  engine_link link_;
+  manifest manifest_;
+  std::unique_ptr<channel> channel_;
+  std::map<uint32_t, std::unique_ptr<media::user_graph>> users_;
+  // Graphs of users who have left, until their files are complete.
+  std::vector<std::unique_ptr<media::user_graph>> leaving_;
+  base::timer_event* tick_ = nullptr;
+
+  phase phase_ = phase::kStarting;
+  uint32_t reason_ = 0;
+  int status_ = kExitDone;
+  int64_t joined_ms_ = 0;
+  int64_t alone_since_ms_ = 0;
+  int64_t linger_until_ms_ = 0;
+  uint32_t ticks_ = 0;
+  bool receives_audio_ = false;
+  bool receives_video_ = false;
+};
+
+}  // namespace zelta::core_service
