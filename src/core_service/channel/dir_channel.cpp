@@ -66,7 +66,12 @@ void on_all_tracks(GstElement* /*parser*/, gpointer bin) {
 user_media make_file_user(const std::string& path) {
   media::element_ptr bin(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
   GstElement* const file = gst_element_factory_make("filesrc", nullptr);
-  GstElement* const parser = gst_element_factory_make("parsebin", nullptr);
+  // Stops at encoded media; it tells when all tracks are known, which parsebin doesn't.
+  GstElement* const parser = gst_element_factory_make("decodebin", nullptr);
+  const media::caps_ptr encoded(gst_caps_from_string(
+      "video/x-h264; video/x-vp8; video/x-vp9; audio/mpeg; audio/x-opus; audio/x-vorbis; "
+      "audio/x-flac; audio/x-mulaw; audio/x-alaw; audio/x-raw"));
+  g_object_set(parser, "caps", encoded.get(), nullptr);
   g_object_set(file, "location", path.c_str(), nullptr);
   gst_bin_add_many(GST_BIN(bin.get()), file, parser, nullptr);
   gst_element_link(file, parser);

@@ -40,6 +40,21 @@ GstPadProbeReturn drop(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*un
   return GST_PAD_PROBE_DROP;
 }
 
+// A file announces where it ends. The recording may end earlier, and what fills gaps in sound would
+// then fill up to the announced end.
+GstPadProbeReturn forget_end(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer /*unused*/) {
+  GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
+  if (GST_EVENT_TYPE(event) != GST_EVENT_SEGMENT) return GST_PAD_PROBE_OK;
+  GstSegment segment;
+  gst_event_copy_segment(event, &segment);
+  segment.stop = GST_CLOCK_TIME_NONE;
+  GstEvent* const open_ended = gst_event_new_segment(&segment);
+  gst_event_set_seqnum(open_ended, gst_event_get_seqnum(event));
+  gst_event_unref(event);
+  GST_PAD_PROBE_INFO_DATA(info) = open_ended;
+  return GST_PAD_PROBE_OK;
+}
+
 // What the pad carries, or may carry while nothing has come yet.
 caps_ptr caps_of(GstPad* pad) {
   caps_ptr caps(gst_pad_get_current_caps(pad));
@@ -109,9 +124,12 @@ void user_graph::on_no_more_pads(GstElement* /*source*/, gpointer self) {
 }
 
 void user_graph::open(GstPad* pad, bool blocked) {
-  const gulong probe =
-      blocked ? gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BLOCK_DOWNSTREAM, block, nullptr, nullptr)
-              : 0;
+  // Media alone is held up: a source may send events from the very thread that still has pads to
+  // add.
+  constexpr auto kMedia = static_cast<GstPadProbeType>(
+      GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST);
+  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, forget_end, nullptr, nullptr);
+  const gulong probe = blocked ? gst_pad_add_probe(pad, kMedia, block, nullptr, nullptr) : 0;
   const std::lock_guard<std::mutex> guard(open_pads_lock_);
   open_pads_.push_back({pad_ptr(GST_PAD(gst_object_ref(pad))), probe});
 }
@@ -237,7 +255,8 @@ std::string user_graph::branch_description(const codec& c) const {
 std::string user_graph::recorded_branch(const codec& c) const {
   const std::string parsed = std::string(kQueue) + " ! " + c.parse;
   if (c.kind == media_kind::kVideo) {
-    return webm_ ? parsed : parsed + " ! capsfilter caps=video/x-h264,stream-format=avc,alignment=au";
+    return webm_ ? parsed
+                 : parsed + " ! capsfilter caps=video/x-h264,stream-format=avc,alignment=au";
   }
   if (webm_ && std::string(c.name) == "opus") return parsed;
   return parsed + " ! " + c.decode + " ! " + kFillGaps + " ! " + (webm_ ? kOpus : kAac);
@@ -263,7 +282,9 @@ bool user_graph::open_file(bool with_video) {
                              : ".m4a");
   entry.uid = uid_;
   path_ = around_.folder + entry.name;
-  g_object_set(sink, "location", path_.c_str(), "async", FALSE, "sync", FALSE, nullptr);
+  g_object_set(sink, "location", path_.c_str(), "async", FALSE, "sync", FALSE,
+               // Unbuffered: what a fragment has closed must outlive this process.
+               "buffer-mode", 2, nullptr);
   muxer_ = add(pipeline_.get(), std::move(muxer));
   gst_bin_add(GST_BIN(pipeline_.get()), sink);
   gst_element_link(muxer_, sink);
