@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+// The command line of zelta-record.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include "IZeltaRecordingEngine.h"
+
+namespace zelta::record {
+
+struct options {
+  std::string app_id = "zelta-record";
+  std::string channel_key;
+  std::string channel_id;
+  uint32_t uid = 0;
+  std::string server;
+  bool demo = false;
+  bool json = false;
+  std::string frames_dir;  // empty: frames are counted and not kept
+  double duration_s = 0;   // 0: until a signal or the recorder's own end
+  int log_level = 0;       // 0: as it is
+
+  // What `config` points to.
+  std::string mix_resolution;
+  std::string decryption_mode;
+  std::string secret;
+  std::string applite_dir;
+  std::string record_file_root_dir;
+  std::string cfg_file_path;
+  std::string proxy_server;
+  std::string default_video_bg;
+  std::string default_user_bg;
+  recording::RecordingConfig config;
+};
+
+struct parse_result {
+  bool ok;
+  // When not ok: what to print and the exit status (0 after --help).
+  std::string message;
+  int exit_status;
+};
+
+// Fills `o`, whose config then points into its own strings: keep it where it is.
+parse_result parse_options(int argc, const char* const* argv, options& o);
+
+}  // namespace zelta::record
