@@ -27,6 +27,10 @@ install(FILES "${CMAKE_CURRENT_BINARY_DIR}/zelta_recordingConfig.cmake"
               "${CMAKE_CURRENT_BINARY_DIR}/zelta_recordingConfigVersion.cmake"
         DESTINATION "${package_dir}")
 
+# Relative to the .pc file, so that the tree can be moved.
+file(RELATIVE_PATH include_from_pc "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig"
+     "${CMAKE_INSTALL_FULL_INCLUDEDIR}")
+set(ZELTA_PC_INCLUDEDIR "\${pcfiledir}/${include_from_pc}")
 configure_file(cmake/zelta_recording.pc.in "${CMAKE_CURRENT_BINARY_DIR}/zelta_recording.pc" @ONLY)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/zelta_recording.pc"
         DESTINATION "${CMAKE_INSTALL_LIBDIR}/pkgconfig")

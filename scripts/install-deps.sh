@@ -1,0 +1,34 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Installs what is missing on a Debian 12: to build and record; with "test" what the tests need too;
+# with "lint" what CI's checks need too.
+set -euo pipefail
+
+packages=(
+  g++ cmake ninja-build pkg-config git ca-certificates
+  libjsoncpp-dev libcli11-dev
+  libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev
+  gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
+  gstreamer1.0-plugins-ugly gstreamer1.0-libav
+  ffmpeg
+)
+for want in "$@"; do
+  case "$want" in
+    test) packages+=(libgtest-dev) ;;
+    lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test or lint" >&2; exit 2 ;;
+  esac
+done
+
+missing=()
+for package in "${packages[@]}"; do
+  dpkg-query -W -f='${Status}' "$package" 2>/dev/null | grep -q 'ok installed' || missing+=("$package")
+done
+[ "${#missing[@]}" -eq 0 ] && exit 0
+
+echo "installing ${missing[*]}"
+as_root=()
+[ "$(id -u)" -eq 0 ] || as_root=(sudo)
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+"${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
+  apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -1,0 +1,291 @@
+// SPDX-License-Identifier: Apache-2.0
+// The event loop, the log and the clocks.
+#include <atomic>
+#include <csignal>
+#include <cstring>
+#include <thread>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+#include <syslog.h>
+
+#include "base/clocks.h"
+#include "base/event_loop.h"
+#include "base/safe_log.h"
+#include "support/temp_dir.h"
+
+namespace zelta::test {
+namespace {
+
+using base::event_loop;
+
+// ---- The loop ------------------------------------------------------------------------------
+
+struct Ticker {
+  event_loop loop;
+  std::vector<int64_t> at;
+  int wanted = 0;
+  base::timer_event* handle = nullptr;
+  bool removes_itself = false;
+  int64_t slow_ms = 0;
+
+  static void tick(int, void* self) {
+    auto& t = *static_cast<Ticker*>(self);
+    t.at.push_back(base::tick_ms());
+    // One callback that takes its time, without anything to wait for.
+    while (t.at.size() == 1 && base::tick_ms() - t.at[0] < t.slow_ms) {
+    }
+    if (t.removes_itself) t.loop.remove_timer(t.handle);
+    if (static_cast<int>(t.at.size()) == t.wanted) t.loop.stop();
+  }
+};
+
+TEST(EventLoop, LateTickDoesNotDelayTheNextNorComeInABurst) {
+  Ticker t;
+  t.wanted = 4;
+  t.slow_ms = 250;
+  const int64_t start = base::tick_ms();
+  t.handle = t.loop.add_timer(100, &Ticker::tick, &t);
+  EXPECT_EQ(t.loop.run(false), 0);
+  // Due at 100 (which ends at 350), 200 and 300 are missed, so one at once, then 400 and 500.
+  EXPECT_GE(t.at[1] - start, 350);
+  EXPECT_GE(t.at[2] - start, 400);
+  EXPECT_LT(t.at[2] - start, 480);
+  EXPECT_GE(t.at[3] - start, 500);
+  EXPECT_LT(t.at[3] - start, 580);
+}
+
+TEST(EventLoop, TimerMayRemoveItselfAndOthers) {
+  Ticker first;
+  Ticker other;
+  first.removes_itself = true;
+  first.handle = first.loop.add_timer(10, &Ticker::tick, &first);
+  auto* const removed = first.loop.add_timer(20, &Ticker::tick, &other);
+  EXPECT_EQ(first.loop.remove_timer(removed), 0);
+  EXPECT_EQ(first.loop.remove_timer(removed), -1);
+  first.loop.add_timer(
+      50, [](int, void* loop) { static_cast<event_loop*>(loop)->stop(); }, &first.loop);
+  first.loop.run(false);
+  EXPECT_EQ(first.at.size(), 1U);
+  EXPECT_TRUE(other.at.empty());
+}
+
+TEST(EventLoop, StopsFromAnotherThreadAndRunsAgain) {
+  event_loop loop;
+  for (int round = 0; round < 3; ++round) {
+    std::thread stopper;
+    loop.post([&] {
+      EXPECT_TRUE(loop.in_loop_thread());
+      stopper = std::thread([&loop] {
+        loop.stop();
+        loop.stop();
+      });
+    });
+    EXPECT_EQ(loop.run(false), 0);
+    stopper.join();
+    EXPECT_FALSE(loop.running());
+  }
+}
+
+struct Watched {
+  event_loop& loop;
+  int other;
+  std::vector<std::string> seen;
+};
+
+TEST(EventLoop, RemovedWatcherIsNotCalledEvenWhenItWasDue) {
+  event_loop loop;
+  const base::unique_fd a(eventfd(1, EFD_CLOEXEC));
+  const base::unique_fd b(eventfd(1, EFD_CLOEXEC));
+  // Whichever comes first removes both; only one call may be made.
+  Watched context{loop, 0, {}};
+  const auto remove_all = [](int fd, void* c) {
+    auto& w = *static_cast<Watched*>(c);
+    w.seen.push_back(std::to_string(fd));
+    w.loop.remove_watcher(w.other);
+    w.loop.remove_watcher(fd);
+    w.other = fd;
+  };
+  Watched context_a{loop, b.get(), {}};
+  Watched context_b{loop, a.get(), {}};
+  EXPECT_EQ(loop.add_watcher(a.get(), &context_a, remove_all, nullptr, nullptr), 0);
+  EXPECT_EQ(loop.add_watcher(a.get(), &context_a, remove_all, nullptr, nullptr), -1);
+  EXPECT_EQ(loop.add_watcher(b.get(), &context_b, remove_all, nullptr, nullptr), 0);
+  loop.run(true);
+  EXPECT_EQ(context_a.seen.size() + context_b.seen.size(), 1U);
+  EXPECT_EQ(loop.remove_watcher(a.get()), -1);
+}
+
+TEST(EventLoop, HangUpComesAfterEverythingThatWasSent) {
+  event_loop loop;
+  int fds[2];
+  ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
+  const base::unique_fd read_end(fds[0]);
+  ASSERT_EQ(write(fds[1], "abc", 3), 3);
+  close(fds[1]);
+  Watched context{loop, 0, {}};
+  loop.add_watcher(
+      read_end.get(), &context,
+      [](int fd, void* c) {
+        char byte = 0;
+        EXPECT_EQ(read(fd, &byte, 1), 1);
+        static_cast<Watched*>(c)->seen.emplace_back(1, byte);
+      },
+      nullptr,
+      [](int fd, void* c, int events) {
+        auto& w = *static_cast<Watched*>(c);
+        w.seen.push_back("events " + std::to_string(events));
+        w.loop.remove_watcher(fd);
+        w.loop.stop();
+      });
+  loop.run(false);
+  EXPECT_EQ(context.seen, (std::vector<std::string>{"a", "b", "c", "events 16"}));
+}
+
+TEST(EventLoop, WritingIsWatchedOnlyWhileWanted) {
+  event_loop loop;
+  const base::unique_fd fd(eventfd(0, EFD_CLOEXEC));
+  Watched context{loop, 0, {}};
+  loop.add_watcher(
+      fd.get(), &context, nullptr,
+      [](int writable, void* c) {
+        auto& w = *static_cast<Watched*>(c);
+        w.seen.emplace_back("writable");
+        w.loop.want_write(writable, false);
+        w.loop.post([&w] { w.loop.stop(); });
+      },
+      nullptr);
+  loop.post([] {});
+  loop.run(true);
+  EXPECT_TRUE(context.seen.empty());
+  std::thread asker([&] { loop.want_write(fd.get(), true); });
+  loop.run(false);
+  asker.join();
+  EXPECT_EQ(context.seen.size(), 1U);
+}
+
+// ---- The log -------------------------------------------------------------------------------
+
+class LogTest : public ::testing::Test {
+ protected:
+  LogTest() {
+    base::log_config::set_log_level(base::NOTICE_LOG);
+    base::log_config::enable_all_modules();
+  }
+  std::string text() const { return read_file(dir.path() + "recording_engine.log"); }
+  void say(base::log_levels level, base::zelta_log_module module, const char* message) const {
+    base::log_dir(dir.path().c_str(), level, module, "%s", message);
+  }
+  TempDir dir;
+};
+
+TEST_F(LogTest, LineHasTimeLevelModuleAndMessage) {
+  say(base::ERROR_LOG, base::ZELTA_LOG_MODULE_IPC, "two\nlines");
+  {
+    base::safe_log line(dir.path().c_str(), "src/x.cpp", 7, base::WARN_LOG,
+                        base::ZELTA_LOG_MODULE_RECORDING_ENGINE);
+    line.stream() << "100%s " << 5;
+  }
+  {
+    const base::safe_log empty(dir.path().c_str(), "f", 1, base::WARN_LOG,
+                               base::ZELTA_LOG_MODULE_ANY);
+  }
+  const auto lines = lines_of(text());
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_EQ(lines[0].substr(23), "Z error ipc two lines");
+  EXPECT_EQ(lines[0][10], 'T');
+  const std::string pid = "(" + std::to_string(getpid()) + ") ";
+  EXPECT_EQ(lines[1].substr(25), "warn recording_engine " + pid + "src/x.cpp:7: 100%s 5");
+  EXPECT_EQ(lines[2].substr(25), "warn any " + pid + "f:1: ");
+}
+
+TEST_F(LogTest, LevelAndModuleFilter) {
+  using base::log_config;
+  say(base::INFO_LOG, base::ZELTA_LOG_MODULE_IPC, "too verbose");
+  log_config::disable_module(base::ZELTA_LOG_MODULE_IPC);
+  say(base::ERROR_LOG, base::ZELTA_LOG_MODULE_IPC, "module is off");
+  say(base::ERROR_LOG, base::ZELTA_LOG_MODULE_COMMON, "seen");
+  EXPECT_EQ(lines_of(text()).size(), 1U);
+  log_config::disable_all_modules();
+  log_config::enable_module(base::ZELTA_LOG_MODULE_IPC);
+  EXPECT_TRUE(log_config::log_enabled(base::NOTICE_LOG, base::ZELTA_LOG_MODULE_IPC));
+  EXPECT_FALSE(log_config::log_enabled(base::NOTICE_LOG, base::ZELTA_LOG_MODULE_COMMON));
+  EXPECT_FALSE(log_config::log_enabled(base::INFO_LOG, base::ZELTA_LOG_MODULE_IPC));
+  const int expected[] = {LOG_CRIT, LOG_ERR, LOG_WARNING, LOG_NOTICE, LOG_INFO, LOG_DEBUG};
+  for (uint32_t level = 1; level <= 6; ++level) {
+    EXPECT_EQ(log_config::convert_to_syslog_level(static_cast<base::log_levels>(level)),
+              expected[level - 1]);
+  }
+}
+
+TEST_F(LogTest, NullStringAndLongLinesAreWritten) {
+  // Volatile, so that the compiler can't see what it would rightly warn of.
+  const char* volatile nothing = nullptr;
+  base::log_dir(dir.path().c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_IPC, "[%s]", nothing);
+  const std::string longer(5000, 'x');
+  say(base::ERROR_LOG, base::ZELTA_LOG_MODULE_IPC, longer.c_str());
+  const auto lines = lines_of(text());
+  EXPECT_NE(lines[0].find("[(null)]"), std::string::npos);
+  EXPECT_NE(lines[1].find(longer), std::string::npos);
+}
+
+TEST_F(LogTest, ErrorThatItsFolderCannotTakeIsSeenOnStandardError) {
+  ::testing::internal::CaptureStderr();
+  base::log_dir("/nonexistent/", base::ERROR_LOG, base::ZELTA_LOG_MODULE_IPC, "fatal news");
+  base::log_dir("/nonexistent/", base::WARN_LOG, base::ZELTA_LOG_MODULE_IPC, "small talk");
+  base::log_dir("", base::WARN_LOG, base::ZELTA_LOG_MODULE_IPC, "no folder yet");
+  const std::string seen = ::testing::internal::GetCapturedStderr();
+  EXPECT_NE(seen.find("fatal news"), std::string::npos);
+  EXPECT_EQ(seen.find("small talk"), std::string::npos);
+  EXPECT_NE(seen.find("no folder yet"), std::string::npos);
+}
+
+TEST_F(LogTest, RotatesKeepingFour) {
+  base::log_config::set_drop_cannel(1);
+  const std::string megabyte(1 << 20, 'x');
+  for (int i = 0; i < 16 * 6; ++i)
+    say(base::NOTICE_LOG, base::ZELTA_LOG_MODULE_IPC, megabyte.c_str());
+  base::log_config::set_drop_cannel(0);
+  int files = 0;
+  for (const auto& entry : std::filesystem::directory_iterator(dir.path())) {
+    ++files;
+    EXPECT_LE(entry.file_size(), 16U << 20);
+  }
+  EXPECT_EQ(files, 5);
+}
+
+TEST_F(LogTest, FloodIsDroppedCountedAndErrorsAreKept) {
+  for (int i = 0; i < 1500; ++i) say(base::WARN_LOG, base::ZELTA_LOG_MODULE_IPC, "again");
+  say(base::ERROR_LOG, base::ZELTA_LOG_MODULE_IPC, "important");
+  const auto lines = lines_of(text());
+  EXPECT_GE(lines.size(), 1001U);
+  EXPECT_LT(lines.size(), 1500U);
+  EXPECT_NE(lines.back().find("important"), std::string::npos);
+  EXPECT_NE(lines[lines.size() - 2].find("log lines were lost here"), std::string::npos);
+}
+
+// ---- The clocks ----------------------------------------------------------------------------
+
+TEST(Clocks, FolderTimeFitsItsBuffer) {
+  char buffer[20];
+  base::Time2UTCStrWithSlash_ns(buffer, sizeof buffer);
+  const std::string text = buffer;
+  ASSERT_EQ(text.size(), 17U);
+  EXPECT_EQ(text.find_first_not_of("0123456789"), 6U);
+  EXPECT_EQ(text[6], '_');
+  EXPECT_EQ(text.find_first_not_of("0123456789", 7), 16U);
+  EXPECT_EQ(text[16], '/');
+  char small[4];
+  base::Time2UTCStrWithSlash_ns(small, sizeof small);
+  EXPECT_EQ(std::strlen(small), 3U);
+}
+
+TEST(Clocks, TextsOfAMoment) {
+  EXPECT_EQ(base::utc_iso_text(1769903999123), "2026-01-31T23:59:59.123Z");
+  EXPECT_EQ(base::utc_compact_text(1769903999007), "20260131T235959007");
+}
+
+}  // namespace
+}  // namespace zelta::test

@@ -1,0 +1,404 @@
+// SPDX-License-Identifier: Apache-2.0
+// The recorder: its options and manifest, and recordings of real media through the engine.
+#include <array>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <sys/wait.h>
+
+#include "core_service/manifest.h"
+#include "core_service/options.h"
+#include "support/recording_handler.h"
+#include "support/temp_dir.h"
+
+namespace zelta::test {
+namespace {
+
+using core_service::manifest;
+using core_service::manifest_file;
+
+// ---- Options -------------------------------------------------------------------------------
+
+TEST(RecorderOptions, TakeTheEnginesCommandLine) {
+  const char* const argv[] = {"ZeltaCoreService",
+                              "--app_id",
+                              "a",
+                              "--channel_key",
+                              "-k",
+                              "--channel_id",
+                              "room",
+                              "--uid",
+                              "4294967295",
+                              "--mix",
+                              "1",
+                              "--enabledModules",
+                              "-1",
+                              "--proxy_server",
+                              "",
+                              "--vocs_port",
+                              "-1",
+                              "--recording_file_dir",
+                              "/x/",
+                              "--read",
+                              "3",
+                              "--write",
+                              "4",
+                              "--recoveryid",
+                              "2",
+                              "--recoverytime",
+                              "123456789012",
+                              "--novelty",
+                              "1"};
+  const auto parsed = core_service::parse_options(std::size(argv), argv);
+  ASSERT_TRUE(parsed.values) << parsed.message;
+  EXPECT_EQ(parsed.values->channel_key, "-k");
+  EXPECT_EQ(parsed.values->uid, 4294967295U);
+  EXPECT_EQ(parsed.values->enabled_modules, -1);
+  EXPECT_EQ(parsed.values->recovery_id, 2);
+  EXPECT_EQ(parsed.values->recovery_time, 123456789012);
+  EXPECT_EQ(parsed.values->write_fd, 4);
+  EXPECT_EQ(core_service::options_without_effect(*parsed.values),
+            (std::vector<std::string>{"--mix", "--novelty", "1"}));
+}
+
+TEST(RecorderOptions, LastOfTwoCommandLinesWinsAndBadValuesAreNamed) {
+  const char* const twice[] = {"p", "--channel_id", "a", "p", "--channel_id", "b"};
+  EXPECT_EQ(core_service::parse_options(std::size(twice), twice).values->channel_id, "b");
+  const char* const bad[] = {"p", "--channel_id", "a", "--idle", "soon"};
+  const auto refused = core_service::parse_options(std::size(bad), bad);
+  EXPECT_FALSE(refused.values);
+  EXPECT_NE(refused.message.find("soon"), std::string::npos);
+}
+
+// ---- Manifest ------------------------------------------------------------------------------
+
+Json::Value read_json(const std::string& path) {
+  Json::Value root;
+  std::istringstream(read_file(path)) >> root;
+  return root;
+}
+
+TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
+  const TempDir dir;
+  {
+    manifest first(dir.path(), "room");
+    manifest_file file;
+    file.name = "1_x.mp4";
+    file.uid = 1;
+    file.first_utc_ms = 1000;
+    file.last_utc_ms = 3500;
+    first.add(file);
+    first.at(first.add(manifest_file())).closed = "user left";
+    EXPECT_TRUE(first.save());
+  }
+  manifest second(dir.path(), "room");
+  second.remove(second.add(manifest_file()));
+  second.at(second.add(manifest_file())).name = "new";
+  EXPECT_TRUE(second.save());
+  const Json::Value files = read_json(dir.path() + "recording.json")["files"];
+  ASSERT_EQ(files.size(), 3U);
+  EXPECT_EQ(files[0]["closed"].asString(), "recorder died");
+  EXPECT_EQ(files[0]["duration_ms"].asInt(), 2500);
+  EXPECT_EQ(files[1]["closed"].asString(), "user left");
+  EXPECT_EQ(files[2]["name"].asString(), "new");
+}
+
+TEST(Manifest, UnreadableOneIsKeptAside) {
+  const TempDir dir;
+  for (const char* broken : {"{\"files\":", "{\"files\":[5]}", "[1]"}) {
+    dir.file("recording.json", broken);
+    manifest fresh(dir.path(), "room");
+    EXPECT_TRUE(fresh.save());
+    EXPECT_EQ(read_file(dir.path() + "recording.json.broken"), broken);
+    EXPECT_EQ(read_json(dir.path() + "recording.json")["files"].size(), 0U);
+  }
+  manifest nowhere("/nonexistent/", "room");
+  EXPECT_FALSE(nowhere.save());
+}
+
+// ---- Recordings ----------------------------------------------------------------------------
+
+struct Releaser {
+  void operator()(IRecordingEngine* engine) const { engine->release(); }
+};
+
+std::string output_of(const std::string& command) {
+  std::string text;
+  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen((command + " 2>&1").c_str(), "r"), pclose);
+  std::array<char, 4096> part{};
+  while (const size_t got = fread(part.data(), 1, part.size(), pipe.get())) {
+    text.append(part.data(), got);
+  }
+  return text;
+}
+
+// "h264 aac" and so on, in the order of the streams.
+std::string codecs_of(const std::string& file) {
+  std::string all;
+  for (const std::string& line : lines_of(
+           output_of("ffprobe -v error -show_entries stream=codec_name -of csv=p=0 " + file))) {
+    all += (all.empty() ? "" : " ") + line;
+  }
+  return all;
+}
+
+double seconds_of(const std::string& file) {
+  return std::atof(
+      output_of("ffprobe -v error -show_entries format=duration -of csv=p=0 " + file).c_str());
+}
+
+std::string decode_errors_of(const std::string& file) {
+  return output_of("ffmpeg -v error -i " + file + " -f null -");
+}
+
+class RecordingTest : public ::testing::Test {
+ protected:
+  RecordingTest() {
+    unsetenv("ZELTA_SERVICE_DIR");
+    config.recordFileRootDir = const_cast<char*>(dir.path().c_str());
+  }
+
+  void join(const std::string& server) {
+    setenv("ZELTA_CHANNEL_SERVER", server.c_str(), 1);
+    engine.reset(IRecordingEngine::createZeltaRecordingEngine("app", &handler));
+    ASSERT_EQ(engine->joinChannel("", "room", 77, config), 0);
+    folder = engine->getProperties()->storageDir;
+  }
+  void release() { engine.reset(); }
+  Json::Value files() const { return read_json(folder + "recording.json")["files"]; }
+  std::string log() const { return read_file(folder + "recording_engine.log"); }
+
+  TempDir dir;
+  RecordingHandler handler;
+  RecordingConfig config;
+  std::unique_ptr<IRecordingEngine, Releaser> engine;
+  std::string folder;
+};
+
+TEST_F(RecordingTest, TwoUsersGiveTwoCompleteFilesAndAllEvents) {
+  join("test:users=2,leave=2@2,size=320x180,fps=15");
+  ASSERT_TRUE(handler.wait_for("joined room 77"));
+  ASSERT_TRUE(handler.wait_for("first video", 2));
+  ASSERT_TRUE(handler.wait_for("first audio", 2));
+  ASSERT_TRUE(handler.wait_for("user out 2 0"));
+  release();
+  EXPECT_EQ(handler.calls()[1], "user in 1 " + folder);
+  EXPECT_EQ(handler.count("first video 1 320 180 "), 1);
+  EXPECT_EQ(handler.count("receiving 1 1"), 1);
+  ASSERT_EQ(files().size(), 2U);
+  for (const Json::Value& file : files()) {
+    const std::string path = folder + file["name"].asString();
+    EXPECT_EQ(codecs_of(path), "h264 aac");
+    EXPECT_NEAR(seconds_of(path) * 1000, file["duration_ms"].asDouble(), 100);
+    EXPECT_EQ(decode_errors_of(path), "");
+    EXPECT_EQ(file["kind"].asString(), "audio_video");
+    EXPECT_EQ(file["width"].asInt(), 320);
+    EXPECT_EQ(file["closed"].asString(),
+              file["uid"].asInt() == 2 ? "user left" : "recording ended");
+    // Finalised: the index stands in the file, not in fragments.
+    EXPECT_EQ(read_file(path).find("moof"), std::string::npos);
+  }
+  EXPECT_GT(files()[0]["duration_ms"].asInt(), 1800);
+}
+
+struct CodecRow {
+  const char* server;
+  bool audio_only;
+  const char* ending;
+  const char* codecs;
+};
+
+TEST_F(RecordingTest, ContainerFollowsTheCodecs) {
+  const CodecRow rows[] = {
+      {"test:users=1,video=vp8", false, ".webm", "vp8 opus"},
+      {"test:users=1,video=vp8,audio=pcmu", false, ".webm", "vp8 opus"},
+      {"test:users=1,video=none,audio=pcma", false, ".m4a", "aac"},
+      {"test:users=1,audio=none", false, ".mp4", "h264"},
+      {"test:users=1,audio=aac", false, ".mp4", "h264 aac"},
+      {"test:users=1", true, ".m4a", "aac"},
+  };
+  for (const CodecRow& row : rows) {
+    config.isAudioOnly = row.audio_only;
+    handler.clear();
+    join(row.server);
+    const bool video = std::string(row.codecs).find("aac") != 0;
+    ASSERT_TRUE(handler.wait_for(video ? "first video" : "first audio")) << row.server;
+    release();
+    ASSERT_EQ(files().size(), 1U) << row.server;
+    const std::string name = files()[0]["name"].asString();
+    EXPECT_NE(name.find(row.ending), std::string::npos) << row.server << " " << name;
+    EXPECT_EQ(codecs_of(folder + name), row.codecs) << row.server;
+    EXPECT_EQ(decode_errors_of(folder + name), "") << row.server;
+  }
+}
+
+TEST_F(RecordingTest, FileOfAFolderIsRecordedUntouchedAndItsEndIsALeave) {
+  std::filesystem::create_directories(dir.path() + "channels/room");
+  const std::string user = dir.path() + "channels/room/5.mp4";
+  // B-frames, so that decoding and presentation order differ.
+  ASSERT_EQ(output_of("ffmpeg -v error -f lavfi -i testsrc=size=160x120:rate=10:duration=2 -f "
+                      "lavfi -i sine=duration=2 -c:v libx264 -bf 2 -c:a aac " +
+                      user),
+            "");
+  dir.file("channels/room/notes.txt", "no user");
+  join("dir:" + dir.path() + "channels");
+  ASSERT_TRUE(handler.wait_for("user in 5"));
+  const auto start = std::chrono::steady_clock::now();
+  ASSERT_TRUE(handler.wait_for("user out 5"));
+  const auto took = std::chrono::steady_clock::now() - start;
+  EXPECT_GT(took, std::chrono::milliseconds(1700)) << "played in real time";
+  release();
+  ASSERT_EQ(files().size(), 1U);
+  EXPECT_EQ(files()[0]["closed"].asString(), "end of media");
+  const std::string path = folder + files()[0]["name"].asString();
+  const std::string hash =
+      "ffmpeg -v error -i %s -map 0:v -c copy -bsf:v h264_mp4toannexb -f md5 -";
+  const auto md5 = [&hash](const std::string& file) {
+    std::string command = hash;
+    return output_of(command.replace(command.find("%s"), 2, file));
+  };
+  EXPECT_EQ(md5(path), md5(user)) << "H.264 as it came";
+  EXPECT_NEAR(seconds_of(path), 2.0, 0.1);
+}
+
+TEST_F(RecordingTest, FilesThatComeAndGoAreUsersWhoComeAndGo) {
+  std::filesystem::create_directories(dir.path() + "channels/room");
+  const std::string made = dir.path() + "made.wav";
+  ASSERT_EQ(output_of("ffmpeg -v error -f lavfi -i sine=duration=60 " + made), "");
+  const std::string broken = dir.file("channels/room/8.mp4", "this is no media");
+  join("dir:" + dir.path() + "channels");
+  ASSERT_TRUE(handler.wait_for("user out 8"));
+  std::filesystem::rename(made, dir.path() + "channels/room/7.wav");
+  ASSERT_TRUE(handler.wait_for("first audio 7"));
+  std::filesystem::remove(dir.path() + "channels/room/7.wav");
+  ASSERT_TRUE(handler.wait_for("user out 7"));
+  release();
+  ASSERT_EQ(files().size(), 1U) << "nothing is left of the broken one";
+  EXPECT_LT(files()[0]["duration_ms"].asInt(), 5000) << "cut where the user left";
+  EXPECT_LT(seconds_of(folder + files()[0]["name"].asString()), 5);
+}
+
+TEST_F(RecordingTest, FramesGoToTheApplicationInPlaceOfTheFile) {
+  config.decodeAudio = AUDIO_FORMAT_PCM_FRAME_TYPE;
+  config.decodeVideo = VIDEO_FORMAT_YUV_FRAME_TYPE;
+  join("test:users=1,size=322x182,fps=10");
+  ASSERT_TRUE(handler.wait_for("pcm 1 ", 30));
+  ASSERT_TRUE(handler.wait_for("yuv 1 ", 5));
+  release();
+  EXPECT_EQ(files().size(), 0U);
+  for (const std::string& call : handler.calls()) {
+    if (call.rfind("pcm", 0) == 0) {
+      EXPECT_NE(call.find(" 1 16 48000 960 1920 0"), std::string::npos) << call;
+    }
+    if (call.rfind("yuv", 0) == 0) {
+      EXPECT_NE(call.find(" 322 182 324 164 164 "), std::string::npos) << call;
+    }
+  }
+  config.decodeAudio = AUDIO_FORMAT_AAC_FRAME_TYPE;
+  config.decodeVideo = VIDEO_FORMAT_H264_FRAME_TYPE;
+  unsigned char first_bytes[4] = {};
+  handler.also = [&](const std::string& call) {
+    if (call.rfind("h264 1 ", 0) == 0 && first_bytes[3] == 0) {
+      std::copy_n(handler.payload, 4, first_bytes);
+    }
+  };
+  join("test:users=1");
+  ASSERT_TRUE(handler.wait_for("aac 1 ", 20));
+  ASSERT_TRUE(handler.wait_for("h264 1 ", 10));
+  release();
+  handler.also = nullptr;
+  EXPECT_EQ(first_bytes[3], 1) << "a start code";
+}
+
+TEST_F(RecordingTest, EveryWayToLeaveHasItsReasonAndCompleteFiles) {
+  join("test:users=1,leave=1@1");
+  config.idleLimitSec = 3;
+  release();
+  handler.clear();
+  join("test:users=1,leave=1@1");
+  ASSERT_TRUE(handler.wait_for("leave 4")) << "nobody there for three seconds";
+  release();
+  EXPECT_EQ(handler.count("error"), 0) << "an application that leaves then sees no break";
+  EXPECT_EQ(decode_errors_of(folder + files()[0]["name"].asString()), "");
+
+  handler.clear();
+  join("test:users=1");
+  ASSERT_TRUE(handler.wait_for("first video"));
+  output_of("pkill -TERM -P " + std::to_string(getpid()) + " ZeltaCoreServic");
+  ASSERT_TRUE(handler.wait_for("leave 2"));
+  release();
+  EXPECT_EQ(decode_errors_of(folder + files()[0]["name"].asString()), "");
+}
+
+TEST_F(RecordingTest, KilledRecorderLosesAFragmentAndIsContinued) {
+  join("test:users=1,size=320x180");
+  ASSERT_TRUE(handler.wait_for("first video"));
+  // Several fragments' worth, told by the manifest, which is written every two seconds.
+  ASSERT_TRUE(handler.wait_for("first audio"));
+  const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (files()[0]["duration_ms"].asInt() < 2000 && std::chrono::steady_clock::now() < end) {
+    std::this_thread::yield();
+  }
+  output_of("pkill -KILL -P " + std::to_string(getpid()) + " ZeltaCoreServic");
+  ASSERT_TRUE(handler.wait_for("warning 108"));
+  ASSERT_TRUE(handler.wait_for("first video", 2));
+  release();
+  ASSERT_EQ(files().size(), 2U);
+  EXPECT_EQ(files()[0]["closed"].asString(), "recorder died");
+  for (const Json::Value& file : files()) {
+    EXPECT_EQ(decode_errors_of(folder + file["name"].asString()), "");
+  }
+  EXPECT_GT(seconds_of(folder + files()[0]["name"].asString()), 1.0);
+}
+
+TEST_F(RecordingTest, ChannelThatCannotBeJoinedIsAnErrorThatSaysWhat) {
+  const struct {
+    const char* server;
+    const char* says;
+  } rows[] = {
+      {"", "set the environment variable ZELTA_CHANNEL_SERVER"},
+      {"carrier-pigeon:", "unknown channel server \"carrier-pigeon:\""},
+      {"test:users=many", "can't use \"users=many\""},
+      {"dir:/nonexistent", "/nonexistent/room/"},
+  };
+  for (const auto& row : rows) {
+    handler.clear();
+    join(row.server);
+    ASSERT_TRUE(handler.wait_for("error 1 2")) << row.server;
+    release();
+    EXPECT_NE(log().find(row.says), std::string::npos) << row.server;
+    EXPECT_EQ(handler.calls().size(), 1U) << row.server;
+  }
+}
+
+TEST_F(RecordingTest, OptionsWithoutEffectAreNamedInOneLine) {
+  config.isMixingEnabled = true;
+  config.channelProfile = CHANNEL_PROFILE_LIVE_BROADCASTING;
+  join("test:users=0");
+  ASSERT_TRUE(handler.wait_for("joined"));
+  release();
+  EXPECT_NE(log().find("options without effect in this recorder: --mix --live"), std::string::npos);
+}
+
+TEST_F(RecordingTest, RoundsLeaveNoDescriptorAndNoChild) {
+  const char* const asked = std::getenv("ZELTA_ROUNDS");
+  const int rounds = asked != nullptr ? std::atoi(asked) : 10;
+  join("test:users=1,size=64x64");
+  release();
+  const int before = open_descriptors();
+  for (int round = 0; round < rounds; ++round) {
+    handler.clear();
+    join("test:users=1,size=64x64");
+    ASSERT_TRUE(handler.wait_for("user in 1"));
+    release();
+  }
+  // Logs of folders that were used within the last minute are still open.
+  EXPECT_LE(open_descriptors() - before, std::min(rounds, 130));
+  EXPECT_EQ(waitpid(-1, nullptr, WNOHANG), -1);
+  EXPECT_EQ(errno, ECHILD);
+}
+
+}  // namespace
+}  // namespace zelta::test

@@ -1,0 +1,264 @@
+// SPDX-License-Identifier: Apache-2.0
+// The engine with its real router and loop and a real child process.
+#include <csignal>
+#include <future>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+
+#include "support/recording_handler.h"
+#include "support/temp_dir.h"
+
+namespace zelta::test {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+struct Releaser {
+  void operator()(IRecordingEngine* engine) const { engine->release(); }
+};
+
+class LinkTest : public ::testing::Test {
+ protected:
+  LinkTest() {
+    config.recordFileRootDir = const_cast<char*>(dir.path().c_str());
+    setenv("ZELTA_SERVICE_DIR", FAKE_SERVICE_DIR, 1);
+  }
+  ~LinkTest() override { unsetenv("ZELTA_SERVICE_DIR"); }
+
+  int join(const std::string& script) {
+    setenv("FAKE_RECORDER", script.c_str(), 1);
+    engine.reset(IRecordingEngine::createZeltaRecordingEngine("app", &handler));
+    return engine->joinChannel("key", "room", 1, config);
+  }
+  std::string log() const {
+    const char* const folder = engine->getProperties()->storageDir;
+    return read_file(std::string(folder != nullptr ? folder : "") + "recording_engine.log");
+  }
+  static bool has_children() { return waitpid(-1, nullptr, WNOHANG) >= 0 || errno != ECHILD; }
+
+  TempDir dir;
+  RecordingHandler handler;
+  RecordingConfig config;
+  std::unique_ptr<IRecordingEngine, Releaser> engine;
+};
+
+TEST_F(LinkTest, RecorderStartsWithItsArgumentsAndNothingElseOfOurs) {
+  // What an application may have: descriptors that are inherited, signals ignored and blocked.
+  const int stray = open("/dev/null", O_RDONLY);
+  std::signal(SIGUSR1, SIG_IGN);
+  sigset_t usr2;
+  sigemptyset(&usr2);
+  sigaddset(&usr2, SIGUSR2);
+  pthread_sigmask(SIG_BLOCK, &usr2, nullptr);
+  const std::string facts = dir.path() + "facts";
+  ASSERT_EQ(join("facts:" + facts + " join await:1"), 0);
+  ASSERT_TRUE(handler.wait_for("joined room 1"));
+  engine.reset();
+  const auto lines = lines_of(read_file(facts));
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_NE(lines[0].find(" --channel_id room "), std::string::npos);
+  EXPECT_NE(lines[0].find(" --read 3 --write 4 "), std::string::npos);
+  EXPECT_EQ(lines[1], "0 1 2 3 4 ");
+  EXPECT_EQ(lines[2], "clean");
+  close(stray);
+  std::signal(SIGUSR1, SIG_DFL);
+  pthread_sigmask(SIG_UNBLOCK, &usr2, nullptr);
+}
+
+TEST_F(LinkTest, EventsAndFramesArriveInOrderOnOneThreadOfTheEngine) {
+  ASSERT_EQ(join("hello join user:5 pcm:3000 h264:300000 h264:5 drop:5 await:16"), 0);
+  ASSERT_TRUE(handler.wait_for("user out 5"));
+  const auto calls = handler.calls();
+  ASSERT_EQ(calls.size(), 3005U);
+  EXPECT_EQ(calls[1], "user in 5 /folder/");
+  for (int i = 0; i < 3000; ++i) {
+    EXPECT_EQ(calls[static_cast<size_t>(i) + 2],
+              "pcm 5 " + std::to_string(i) + " 1 16 48000 960 1920 0");
+  }
+  EXPECT_EQ(calls[3002], "h264 5 0 0 300000 0");
+  EXPECT_EQ(calls[3003], "h264 5 0 0 5 0");
+  engine.reset();
+  EXPECT_EQ(handler.threads().size(), 1U);
+  EXPECT_EQ(handler.threads().count(std::this_thread::get_id()), 0U);
+}
+
+TEST_F(LinkTest, LastPacketsOfADyingRecorderComeBeforeItsError) {
+  // Killed before anything was joined, so the break is an error and no recovery.
+  ASSERT_EQ(join("user:5 pcm:200 user:6 kill"), 0);
+  ASSERT_TRUE(handler.wait_for("error"));
+  const auto calls = handler.calls();
+  ASSERT_EQ(calls.size(), 203U);
+  EXPECT_EQ(calls[201], "user in 6 /folder/");
+  EXPECT_EQ(calls[202], "error 3 16");
+}
+
+TEST_F(LinkTest, FourBreaksGiveThreeWarningsThenAnError) {
+  ASSERT_EQ(join("join kill"), 0);
+  ASSERT_TRUE(handler.wait_for("error"));
+  std::vector<std::string> calls = handler.calls();
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "warning 108"), 3);
+  EXPECT_EQ(std::count(calls.begin(), calls.end(), "joined room 1"), 4);
+  EXPECT_EQ(calls.back(), "error 3 16");
+  EXPECT_FALSE(has_children());
+  EXPECT_EQ(engine->startService(), -1);
+}
+
+TEST_F(LinkTest, EachKindOfBreakIsToldOnceWithItsBits) {
+  const struct {
+    const char* script;
+    std::vector<std::string> calls;
+  } rows[] = {
+      {"exit:5", {"error 3 16"}},
+      {"garbage hang", {"error 3 8"}},
+      {"close-write hang", {"error 3 16"}},
+      {"close-read hang", {"error 3 8"}},
+      {"user:1 ignore-term close-write hang", {"user in 1 /folder/", "error 3 16"}},
+      {"leave:4 exit:0", {"leave 4", "error 3 16"}},
+      {"error exit:3", {"error 1 2", "error 3 16"}},
+  };
+  for (const auto& row : rows) {
+    handler.clear();
+    ASSERT_EQ(join(row.script), 0);
+    ASSERT_TRUE(handler.wait_for("error 3")) << row.script;
+    EXPECT_FALSE(has_children()) << row.script << ": made sure of before it is told";
+    engine.reset();
+    EXPECT_EQ(handler.calls(), row.calls) << row.script;
+  }
+}
+
+TEST_F(LinkTest, LeaveReachesTheRecorderAndWaitsForIt) {
+  const std::string facts = dir.path() + "facts";
+  ASSERT_EQ(join("join await:1 facts:" + facts), 0);
+  ASSERT_TRUE(handler.wait_for("joined"));
+  const auto start = Clock::now();
+  engine->leaveChannel();
+  EXPECT_LT(Clock::now() - start, std::chrono::milliseconds(700)) << "one tick";
+  const auto calls = handler.calls();
+  engine.reset();
+  EXPECT_FALSE(read_file(facts).empty()) << "it has finished before release returns";
+  EXPECT_EQ(handler.calls(), calls) << "nothing is told after the leave";
+  EXPECT_FALSE(has_children());
+}
+
+TEST_F(LinkTest, LeaveFromInsideACallbackEndsTheThread) {
+  handler.also = [this](const std::string& call) {
+    if (call == "user in 2 /folder/") engine->leaveChannel();
+  };
+  ASSERT_EQ(join("join user:2 await:1"), 0);
+  ASSERT_TRUE(handler.wait_for("user in 2"));
+  engine.reset();
+  EXPECT_EQ(handler.calls().size(), 2U);
+}
+
+TEST_F(LinkTest, ReleaseRightAfterJoinEndsARecorderThatIsStillStarting) {
+  ASSERT_EQ(join("await:1"), 0);
+  engine.reset();
+  EXPECT_FALSE(has_children());
+}
+
+TEST_F(LinkTest, RecorderThatIgnoresEverythingIsEndedByForce) {
+  ASSERT_EQ(join("ignore-term join hang"), 0);
+  ASSERT_TRUE(handler.wait_for("joined"));
+  const std::string folder = engine->getProperties()->storageDir;
+  const auto start = Clock::now();
+  engine.reset();
+  const auto took = Clock::now() - start;
+  EXPECT_GT(took, std::chrono::seconds(12)) << "its files get their time";
+  EXPECT_LT(took, std::chrono::seconds(14));
+  EXPECT_NE(read_file(folder + "recording_engine.log").find("after SIGKILL"), std::string::npos);
+  EXPECT_FALSE(has_children());
+}
+
+TEST_F(LinkTest, StalledRecorderCostsABoundedQueueAndStillGetsTheLeave) {
+  ASSERT_EQ(join("join await:20 exit:0"), 0);
+  ASSERT_TRUE(handler.wait_for("joined"));
+  // It stops reading for good at the first packet that it waits for, which never comes: stopped.
+  engine.reset();
+  ASSERT_EQ(join("join hang"), 0);
+  ASSERT_TRUE(handler.wait_for("joined", 2));
+  const std::string path(1 << 20, 'x');
+  for (int i = 0; i < 40; ++i) engine->setUserBackground(1, path.c_str());
+  const std::string text = log();
+  size_t refusals = 0;
+  for (size_t at = text.find("refusing packets"); at != std::string::npos;
+       at = text.find("refusing packets", at + 1)) {
+    ++refusals;
+  }
+  EXPECT_EQ(refusals, 1U) << "one line an episode";
+  EXPECT_EQ(kill(0, 0), 0);
+  engine.reset();
+  EXPECT_FALSE(has_children());
+}
+
+TEST_F(LinkTest, QueuedCommandsArriveWholeWhenTheRecorderReadsAgain) {
+  const std::string facts = dir.path() + "facts";
+  ASSERT_EQ(join("join await:21 facts:" + facts + " user:9 await:1"), 0);
+  ASSERT_TRUE(handler.wait_for("joined"));
+  const std::string path(1 << 20, 'x');
+  for (int i = 0; i < 12; ++i) engine->setUserBackground(1, path.c_str());
+  VideoMixingLayout layout;
+  engine->setVideoMixingLayout(layout);
+  engine->setLogLevel(ZELTA_LOG_LEVEL_NOTICE);
+  engine.reset();
+  EXPECT_EQ(handler.count("error"), 0) << "the stream stayed in step";
+}
+
+TEST_F(LinkTest, ProgramThatIsNowhereIsNamedWithEveryPlace) {
+  unsetenv("ZELTA_SERVICE_DIR");
+  setenv("ZELTA_SERVICE_DIR", dir.path().c_str(), 1);
+  config.appliteDir = const_cast<char*>("/nonexistent");
+  EXPECT_EQ(join(""), -1);
+  EXPECT_NE(log().find("no executable file at any of: /nonexistent/ZeltaCoreService"),
+            std::string::npos);
+  const std::string text = dir.file("ZeltaCoreService", "not a program");
+  chmod(text.c_str(), 0755);
+  config.appliteDir = const_cast<char*>(dir.path().c_str());
+  EXPECT_EQ(join(""), -1);
+  EXPECT_NE(log().find("Exec format error"), std::string::npos);
+}
+
+TEST_F(LinkTest, CommandsFromManyThreadsWhileFramesAndABreakArrive) {
+  ASSERT_EQ(join("join user:5 pcm:2000 kill"), 0);
+  std::vector<std::thread> threads;
+  std::atomic<bool> over{false};
+  for (int i = 0; i < 4; ++i) {
+    threads.emplace_back([&] {
+      const VideoMixingLayout layout;
+      while (!over) {
+        engine->setUserBackground(1, "a.png");
+        engine->setVideoMixingLayout(layout);
+        engine->startService();
+        engine->stopService();
+        engine->setLogLevel(ZELTA_LOG_LEVEL_NOTICE);
+        engine->getProperties();
+      }
+    });
+  }
+  EXPECT_TRUE(handler.wait_for("error"));
+  std::thread leaver([&] { engine->leaveChannel(); });
+  engine->leaveChannel();
+  leaver.join();
+  over = true;
+  for (auto& thread : threads) thread.join();
+  engine.reset();
+  EXPECT_EQ(handler.threads().size(), 1U);
+}
+
+TEST_F(LinkTest, RoundsLeaveNoDescriptorAndNoChild) {
+  ASSERT_EQ(join("join await:1"), 0);
+  engine.reset();
+  const int before = open_descriptors();
+  for (int round = 0; round < 20; ++round) {
+    ASSERT_EQ(join(round % 2 == 0 ? "join await:1" : "join exit:0"), 0);
+    ASSERT_TRUE(handler.wait_for("joined", round + 2));
+    engine.reset();
+  }
+  // One log a folder stays open for a minute.
+  EXPECT_LE(open_descriptors() - before, 20);
+  EXPECT_FALSE(has_children());
+}
+
+}  // namespace
+}  // namespace zelta::test

@@ -1,0 +1,547 @@
+// SPDX-License-Identifier: Apache-2.0
+// A session over a fake router: life, commands, events, frames, reports, recovery.
+#include <csignal>
+
+#include <gtest/gtest.h>
+
+#include "support/engine_probe.h"
+
+namespace zelta::test {
+namespace {
+
+using namespace protocol;
+using std::string;
+using Lines = std::vector<string>;
+
+// ---- Life ----------------------------------------------------------------------------------
+
+TEST(Factory, RefusesWithoutAppIdOrHandler) {
+  RecordingHandler handler;
+  ::testing::internal::CaptureStderr();
+  EXPECT_EQ(IRecordingEngine::createZeltaRecordingEngine(nullptr, &handler), nullptr);
+  EXPECT_EQ(IRecordingEngine::createZeltaRecordingEngine("", &handler), nullptr);
+  EXPECT_EQ(IRecordingEngine::createZeltaRecordingEngine("app", nullptr), nullptr);
+  const auto lines = lines_of(::testing::internal::GetCapturedStderr());
+  ASSERT_EQ(lines.size(), 3U);
+  EXPECT_NE(lines[1].find(": app id is empty"), string::npos);
+  EXPECT_NE(lines[2].find(": event handler is empty"), string::npos);
+  EXPECT_NE(lines[2].find("(" + std::to_string(getpid()) + ") "), string::npos);
+  EXPECT_NE(lines[2].find("src/rec_engine/RecordingEngineImpl"), string::npos);
+}
+
+TEST(Factory, EngineThatNeverJoinedCanBeReleased) {
+  RecordingHandler handler;
+  IRecordingEngine* const engine = IRecordingEngine::createZeltaRecordingEngine("app", &handler);
+  ASSERT_NE(engine, nullptr);
+  EXPECT_EQ(engine->getProperties()->storageDir, nullptr);
+  EXPECT_EQ(std::signal(SIGPIPE, SIG_IGN), SIG_IGN);
+  EXPECT_EQ(engine->release(), 0);
+  EXPECT_TRUE(handler.calls().empty());
+}
+
+TEST_F(EngineTest, ReleaseLeavesThenShutsTheRouterThenDropsTheTimer) {
+  EXPECT_EQ(engine->joinChannel("k", "room", 1, config), 0);
+  EXPECT_TRUE(engine->joined_);
+  EXPECT_TRUE(engine->thread_started_);
+  const string log_folder = engine->logdir_;
+  EXPECT_EQ(engine.release()->release(), 0);
+  const auto lines = logged(log_folder);
+  EXPECT_EQ(router.sent_uris(), std::vector<int>{leave_packet::kUri});
+  EXPECT_EQ(router.last<leave_packet>().reason, 0U);
+  EXPECT_EQ(router.shutdowns, 1);
+  EXPECT_TRUE(router.deleted);
+  ASSERT_GE(lines.size(), 3U);
+  EXPECT_EQ(lines[lines.size() - 3], "API call to leave channel not in event loop thread");
+  EXPECT_NE(lines[lines.size() - 2].find("is ready to be release"), string::npos);
+  EXPECT_EQ(lines.back(), "Recording wrapper delete timer");
+}
+
+TEST_F(EngineTest, SecondLeaveDoesNothing) {
+  EXPECT_EQ(engine->joinChannel("k", "room", 1, config), 0);
+  EXPECT_EQ(engine->leaveChannel(), 0);
+  EXPECT_FALSE(engine->joined_);
+  EXPECT_FALSE(engine->thread_started_);
+  new_lines();
+  EXPECT_EQ(engine->leaveChannel(), 0);
+  EXPECT_EQ(new_lines(), Lines{"API call to stopped on error not in event loop thread"});
+}
+
+TEST_F(EngineTest, FailedLaunchLeavesTheEngineUnjoined) {
+  router.launch_result = -7;
+  EXPECT_EQ(engine->joinChannel("k", "room", 1, config), -7);
+  EXPECT_FALSE(engine->joined_);
+  EXPECT_FALSE(engine->thread_started_);
+  EXPECT_EQ(logged(engine->logdir_).back(), "joinChannel failed to pushParamsToZRS");
+  EXPECT_NE(engine->getProperties()->storageDir, nullptr) << "the folder stays";
+}
+
+TEST_F(EngineTest, SecondJoinEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(
+      {
+        engine->joinChannel("k", "room", 1, config);
+        engine->joinChannel("k", "room", 1, config);
+      },
+      "");
+}
+
+TEST(GetNs, IsTheNanosecondFieldAlone) {
+  for (int i = 0; i < 1000; ++i) EXPECT_LT(get_ns(), 1'000'000'000U);
+}
+
+// ---- Commands ------------------------------------------------------------------------------
+
+TEST_F(EngineTest, CommandsSendTheirPacketsAndLog) {
+  new_lines();
+  EXPECT_EQ(engine->setUserBackground(5, "a.png"), 0);
+  EXPECT_EQ(router.last<set_user_background_packet>().uid, 5U);
+  EXPECT_EQ(router.last<set_user_background_packet>().img_path, "a.png");
+  EXPECT_EQ(engine->setUserBackground(6, nullptr), 0);
+  EXPECT_EQ(router.last<set_user_background_packet>().img_path, "");
+  EXPECT_EQ(engine->setParameters(R"({"a":1})"), 0);
+  EXPECT_EQ(router.last<parameters_packet>().parameters, R"({"a":1})");
+  EXPECT_EQ(engine->setParameters(nullptr), 0);
+  EXPECT_EQ(router.last<parameters_packet>().parameters, "");
+  EXPECT_EQ(engine->enableModuleLog(8, false), 0);
+  EXPECT_EQ(router.last<log_enable_module_packet>().module, 8U);
+  EXPECT_EQ(router.last<log_enable_module_packet>().enable, 0);
+  EXPECT_EQ(base::log_config::get_enabled_modules(), 0xFFFFFFF7U);
+  EXPECT_EQ(engine->enableModuleLog(8, true), 0);
+  EXPECT_EQ(base::log_config::get_enabled_modules(), 0xFFFFFFFFU);
+  EXPECT_EQ(engine->setLogLevel(ZELTA_LOG_LEVEL_DEBUG), 0);
+  EXPECT_EQ(router.last<set_log_level_packet>().level, 6U);
+  EXPECT_EQ(base::log_config::get_log_level(), base::DEBUG_LOG);
+  VideoMixingLayout layout;
+  EXPECT_EQ(engine->setVideoMixingLayout(layout), 0);
+  const size_t size = router.last<video_mixing_layout_packet>().data.size();
+  EXPECT_EQ(
+      new_lines(),
+      (Lines{"setUserBackground : uid :5 ,path :a.png",
+             "setUserBackground : uid :6 ,path :", "enableModuleLog , enable 0 log for module :8",
+             "enableModuleLog , enable 1 log for module :8", "setLogLevel , set log level to : 6",
+             "write_packet: encodedlayout size: " + std::to_string(size)}));
+  for (const auto& p : router.sent) EXPECT_EQ(p->server_type, 0);
+}
+
+TEST_F(EngineTest, LayoutThatCannotBeEncodedIsRefused) {
+  VideoMixingLayout layout;
+  layout.regionCount = 1;
+  EXPECT_EQ(engine->setVideoMixingLayout(layout), -2);
+  EXPECT_TRUE(router.sent.empty());
+}
+
+TEST_F(EngineTest, CommandsWorkWithoutARouter) {
+  EngineProbe bare("app", nullptr, nullptr);
+  EXPECT_EQ(bare.setParameters("x"), 0);
+  EXPECT_EQ(bare.setUserBackground(1, "x"), 0);
+  EXPECT_EQ(bare.setVideoMixingLayout(VideoMixingLayout()), 0);
+  bare.on_user_joined(1, "");
+  bare.on_active_speaker(1);
+  bare.on_audio_volume_indication({1}, {2});
+  EXPECT_EQ(bare.peers_.size(), 1U);
+  bare.on_user_dropped(1);
+  EXPECT_TRUE(bare.on_error(16));
+  EXPECT_TRUE(bare.peers_.empty());
+}
+
+TEST_F(EngineTest, ServiceIsToggledInManualModeOnly) {
+  const auto start = [this] { return engine->startService(); };
+  const auto stop = [this] { return engine->stopService(); };
+  const struct {
+    bool joined;
+    uint32_t mode;
+    bool active;
+    std::function<int()> call;
+    int result;
+    const char* line;
+  } rows[] = {
+      {false, 1, false, start, -1, "failed to start service, joined channel: 0 trigger mode: 1"},
+      {true, 0, false, start, -1, "failed to start service, joined channel: 1 trigger mode: 0"},
+      {true, 1, false, start, 0, "User trigger start service"},
+      {true, 1, true, start, -1, "engine has already started service"},
+      {true, 0, true, stop, -1, "failed to stop service, joined channel: 1 trigger mode: 0"},
+      {true, 1, false, stop, -1, "engine hasn't started service yet "},
+      {true, 1, true, stop, 0, "User trigger stop service"},
+  };
+  for (const auto& row : rows) {
+    engine->joined_ = row.joined;
+    engine->config_.triggerMode = row.mode;
+    engine->isSessionActive_ = row.active;
+    router.sent.clear();
+    new_lines();
+    EXPECT_EQ(row.call(), row.result) << row.line;
+    EXPECT_EQ(new_lines(), Lines{row.line});
+    EXPECT_EQ(engine->isSessionActive_.load(), row.result == 0 ? !row.active : row.active);
+    EXPECT_EQ(router.sent.size(), row.result == 0 ? 1U : 0U);
+    if (row.result == 0) {
+      EXPECT_EQ(router.sent_uris()[0], row.active ? 21 : 20);
+    }
+  }
+}
+
+// ---- Events --------------------------------------------------------------------------------
+
+TEST_F(EngineTest, EventsReachTheHandlerWithTheirValues) {
+  const struct {
+    std::function<void()> event;
+    Lines calls;
+    std::vector<int> sent;
+  } rows[] = {
+      {[this] { engine->on_join_channel_success(9, "room"); }, {"joined room 9"}, {}},
+      {[this] { engine->on_user_joined(3, "/f/"); }, {"user in 3 /f/"}, {15}},
+      {[this] { engine->on_user_dropped(3); }, {"user out 3 0"}, {16}},
+      {[this] { engine->on_user_dropped(4); }, {"user out 4 0"}, {16}},
+      {[this] { engine->on_active_speaker(3); }, {"speaker 3"}, {}},
+      {[this] {
+         engine->on_audio_volume_indication({1, 2}, {10, 20, 30});
+       },
+       {"volumes 1=10,2=20,"},
+       {}},
+      {[this] { engine->on_audio_volume_indication({}, {1}); }, {}, {}},
+      {[this] { engine->on_audio_volume_indication({1}, {}); }, {}, {}},
+      {[this] { engine->on_first_video_decoded(3, 640, 360, 12); },
+       {"first video 3 640 360 12"},
+       {}},
+      {[this] { engine->on_first_audio_frame(3, 13); }, {"first audio 3 13"}, {}},
+      {[this] { engine->on_receiving_stream_status_changed(2, 0); }, {"receiving 1 0"}, {}},
+      {[this] { engine->on_connection_interrupted(); }, {"interrupted"}, {}},
+      {[this] { engine->on_connection_lost(); }, {"lost"}, {}},
+      {[this] { engine->on_set_user_background(1, "x"); }, {}, {}},
+      {[this] { engine->on_recorder_error(1, 2); }, {"error 1 2"}, {}},
+  };
+  for (const auto& row : rows) {
+    handler.clear();
+    router.sent.clear();
+    row.event();
+    EXPECT_EQ(handler.calls(), row.calls);
+    EXPECT_EQ(router.sent_uris(), row.sent);
+  }
+}
+
+TEST_F(EngineTest, JoinedStateFollowsTheRecorder) {
+  engine->on_join_channel_success(1, "room");
+  engine->isSessionActive_ = true;
+  EXPECT_TRUE(engine->joined_);
+  EXPECT_EQ(engine->recovery_.flag, 1);
+  engine->on_recorder_error(1, 1);
+  EXPECT_FALSE(engine->joined_);
+  EXPECT_FALSE(engine->isSessionActive_);
+}
+
+// ---- Frames and counting -------------------------------------------------------------------
+
+template <class Frame>
+Frame frame(size_t payload_bytes) {
+  Frame f;
+  f.uid = 3;
+  f.frame_ms = 40;
+  f.data.assign(payload_bytes, 'x');
+  return f;
+}
+
+template <class Yuv>
+Yuv yuv(size_t payload_bytes) {
+  auto f = frame<Yuv>(payload_bytes);
+  f.width = 5;
+  f.height = 3;
+  f.ystride = 8;
+  f.ustride = 5;
+  f.vstride = 6;
+  return f;
+}
+
+TEST_F(EngineTest, FramesAreWrappedWithoutACopyAndCountedByKind) {
+  auto pcm = frame<pcm_frame>(3840);
+  pcm.channels = 2;
+  pcm.bits = 16;
+  pcm.sample_rates = 48000;
+  auto aac = frame<aac_frame>(100);
+  aac.channels = 2;
+  aac.bitrate = 64000;
+  auto h264 = frame<h264_frame>(50);
+  h264.frame_num = 8;
+  auto h264_2 = frame<h264_frame2>(50);
+  h264_2.frame_num = 8;
+  h264_2.rotation = 90;
+  auto yuv_2 = yuv<yuv_frame2>(40);
+  yuv_2.rotation = 270;
+  auto jpg = frame<jpg_frame>(7);
+  jpg.rotation = 180;
+  const auto old_yuv = yuv<yuv_frame>(40);
+  const auto empty = yuv<yuv_frame2>(0);
+  using Counts = std::array<uint32_t, 4>;  // yuv, h264, jpg, pcm
+  const struct {
+    std::function<void()> deliver;
+    const string& data;
+    string call;
+    Counts counts;
+  } rows[] = {
+      {[&] { engine->on_audio_frame(pcm); },
+       pcm.data,
+       "pcm 3 40 2 16 48000 1920 3840 0",
+       {0, 0, 0, 1}},
+      {[&] { engine->on_audio_frame(aac); }, aac.data, "aac 3 40 2 64000 100", {0, 0, 0, 0}},
+      {[&] { engine->on_video_frame(old_yuv); },
+       old_yuv.data,
+       "yuv 3 40 5 3 8 5 6 40 0 24 31 0",
+       {0, 0, 0, 0}},
+      {[&] { engine->on_video_frame(yuv_2); },
+       yuv_2.data,
+       "yuv 3 40 5 3 8 5 6 40 0 24 31 270",
+       {1, 0, 0, 0}},
+      {[&] { engine->on_video_frame(h264); }, h264.data, "h264 3 40 8 50 0", {0, 0, 0, 0}},
+      {[&] { engine->on_video_frame(h264_2); }, h264_2.data, "h264 3 40 8 50 90", {0, 1, 0, 0}},
+      {[&] { engine->on_video_frame(jpg); }, jpg.data, "jpg 3 40 7 180", {0, 0, 1, 0}},
+      {[&] { engine->on_video_frame(empty); },
+       empty.data,
+       "yuv 3 40 5 3 8 5 6 0 0 24 31 0",
+       {1, 0, 0, 0}},
+  };
+  for (const auto& row : rows) {
+    const auto counts = [this]() -> Counts {
+      const auto& c = *engine->peers_.at(3);
+      return {c.yuvCnt, c.h264Cnt, c.jpgCnt, c.pcmCnt};
+    };
+    handler.clear();
+    row.deliver();
+    EXPECT_EQ(handler.calls(), Lines{row.call});
+    EXPECT_EQ(handler.payload, reinterpret_cast<const uint8_t*>(row.data.data()));
+    EXPECT_TRUE(engine->peers_.empty()) << "an unknown user gets no entry";
+    engine->on_user_joined(3, "");
+    row.deliver();
+    EXPECT_EQ(counts(), row.counts) << row.call;
+    engine->m_handler = nullptr;
+    row.deliver();
+    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(counts()[i], 2 * row.counts[i]) << row.call;
+    engine->m_handler = &handler;
+    engine->on_user_joined(3, "");
+    EXPECT_EQ(counts()[0], 2 * row.counts[0]) << "a second join keeps the counts";
+    engine->on_user_dropped(3);
+  }
+}
+
+TEST_F(EngineTest, ReportsGoOutEveryFourthTickByConfiguration) {
+  for (uint32_t uid : {30U, 10U, 20U}) engine->on_user_joined(uid, "");
+  engine->peers_.at(10)->pcmCnt = 1;
+  engine->peers_.at(20)->yuvCnt = 2;
+  engine->peers_.at(30)->h264Cnt = 3;
+  engine->peers_.at(30)->jpgCnt = 4;
+  const std::vector<uint32_t> uids{10, 20, 30};
+  const struct {
+    VIDEO_FORMAT_TYPE video;
+    AUDIO_FORMAT_TYPE audio;
+    int uri;
+  } rows[] = {{VIDEO_FORMAT_YUV_FRAME_TYPE, AUDIO_FORMAT_PCM_FRAME_TYPE, 17},
+              {VIDEO_FORMAT_YUV_FRAME_TYPE, AUDIO_FORMAT_DEFAULT_TYPE, 19},
+              {VIDEO_FORMAT_DEFAULT_TYPE, AUDIO_FORMAT_PCM_FRAME_TYPE, 18},
+              {VIDEO_FORMAT_DEFAULT_TYPE, AUDIO_FORMAT_DEFAULT_TYPE, 0}};
+  for (const auto& row : rows) {
+    engine->config_.decodeVideo = row.video;
+    engine->config_.decodeAudio = row.audio;
+    router.sent.clear();
+    for (int tick = 1; tick <= 4; ++tick) {
+      EXPECT_TRUE(router.sent.empty());
+      engine->on_timer();
+    }
+    EXPECT_EQ(router.sent_uris(), row.uri != 0 ? std::vector<int>{row.uri} : std::vector<int>{});
+    if (row.uri == 17) {
+      const auto& p = router.last<media_frame_confirm_packet>();
+      EXPECT_EQ(
+          std::tie(p.uids, p.pcmCnts, p.yuvCnts, p.h264Cnts, p.jpgCnts),
+          std::make_tuple(uids, std::vector<uint32_t>{1, 0, 0}, std::vector<uint32_t>{0, 2, 0},
+                          std::vector<uint32_t>{0, 0, 3}, std::vector<uint32_t>{0, 0, 4}));
+    } else if (row.uri == 19) {
+      const auto& p = router.last<video_frame_confirm_packet>();
+      EXPECT_EQ(std::tie(p.uids, p.yuvCnts, p.h264Cnts, p.jpgCnts),
+                std::make_tuple(uids, std::vector<uint32_t>{0, 2, 0},
+                                std::vector<uint32_t>{0, 0, 3}, std::vector<uint32_t>{0, 0, 4}));
+    } else if (row.uri == 18) {
+      const auto& p = router.last<audio_frame_confirm_packet>();
+      EXPECT_EQ(std::tie(p.uids, p.pcmCnts), std::make_tuple(uids, std::vector<uint32_t>{1, 0, 0}));
+    }
+  }
+  for (uint32_t uid : uids) engine->on_user_dropped(uid);
+  engine->config_.decodeVideo = VIDEO_FORMAT_YUV_FRAME_TYPE;
+  router.sent.clear();
+  for (int tick = 0; tick < 4; ++tick) engine->on_timer();
+  EXPECT_TRUE(router.sent.empty()) << "nobody to report about";
+}
+
+TEST_F(EngineTest, StatisticsAreLoggedEveryTwentiethTickAndCleared) {
+  engine->channelId_ = "room";
+  engine->stats_.totalPackets = 1;
+  engine->stats_.pcmPackets = 2;
+  engine->stats_.pcmTotalPackets = 3;
+  engine->stats_.aacPackets = 4;
+  engine->stats_.yuvPackets = 90;
+  engine->stats_.yuvF2Packets = 5;
+  engine->stats_.h264F2Packets = 6;
+  engine->stats_.errPackets = 7;
+  engine->stats_.otherPackets = 8;
+  new_lines();
+  for (int tick = 0; tick < 19; ++tick) engine->on_timer();
+  EXPECT_TRUE(new_lines().empty());
+  engine->on_timer();
+  EXPECT_EQ(new_lines(),
+            Lines{"[Wrapper] channel id: room packet stats, total: 1, "
+                  "callback_->AudioFrameReceived: pcmPackets: 2, pcmTotalPackets: 3, aacPackets: "
+                  "4, yuvF2Packets: 5, h264F2Packets: 6, errPackets: 7, otherPackets: 8"});
+  EXPECT_EQ(engine->stats_.yuvPackets, 0U);
+  engine->stopped_ = true;
+  engine->on_timer();
+  engine->on_timer();
+  EXPECT_EQ(router.sent_uris(), (std::vector<int>{1, 1})) << "every tick until the loop ends";
+}
+
+// ---- Recovery ------------------------------------------------------------------------------
+
+TEST_F(EngineTest, RecoveryDependsOnEventAndSession) {
+  const struct {
+    const char* name;
+    int flag;
+    int event;
+    bool with_handler;
+    bool recovers;
+  } rows[] = {
+      {"error", 1, 8, true, true},
+      {"hang-up", 1, 16, true, true},
+      {"peer hang-up", 1, 0x2000, true, true},
+      {"invalid descriptor", 1, 32, true, false},
+      {"several bits", 1, 16 | 32, true, true},
+      {"never joined", 0, 16, true, false},
+      {"left", 1 | 2, 16, true, false},
+      {"final leave", 1 | 2 | 4, 16, true, false},
+      {"no handler", 1, 16, false, false},
+  };
+  for (const auto& row : rows) {
+    engine->recovery_.flag = row.flag;
+    engine->m_handler = row.with_handler ? &handler : nullptr;
+    new_lines();
+    EXPECT_EQ(engine->needRecovery(row.event), row.recovers) << row.name;
+    EXPECT_EQ(new_lines(),
+              Lines{"RECOVERY: needRecovery, event :" + std::to_string(row.event) + ", flag"});
+    if (row.recovers) continue;
+    engine->joined_ = true;
+    engine->isSessionActive_ = true;
+    handler.clear();
+    EXPECT_TRUE(engine->on_error(row.event));
+    EXPECT_EQ(handler.calls(),
+              row.with_handler ? Lines{"error 3 " + std::to_string(row.event)} : Lines{})
+        << row.name;
+    EXPECT_FALSE(engine->joined_);
+    EXPECT_FALSE(engine->isSessionActive_);
+  }
+  EXPECT_TRUE(router.relaunches.empty());
+  engine->m_handler = &handler;
+}
+
+TEST_F(EngineTest, ThreeRecoveriesThenAnError) {
+  engine->on_join_channel_success(1, "room");
+  engine->config_.triggerMode = 1;
+  std::vector<const char*> args{"prog", "--a", "1", nullptr};
+  engine->backup_args(args);
+  for (int attempt = 1; attempt <= 3; ++attempt) {
+    new_lines();
+    engine->isSessionActive_ = false;
+    EXPECT_TRUE(engine->on_error(16));
+    EXPECT_EQ(engine->recovery_.recovery_stat, EngineProbe::RECOVERY_STAT_RECOVERED);
+    const auto& line = router.relaunches.back();
+    ASSERT_EQ(line.size(), 8U);
+    EXPECT_EQ(line[3], "--recoveryid");
+    EXPECT_EQ(line[4], std::to_string(attempt));
+    EXPECT_EQ(line[5], "--recoverytime");
+    EXPECT_EQ(line[7], "(null)");
+    EXPECT_EQ(router.sent_uris().back(), 20) << "manual mode starts the new recorder's service";
+    EXPECT_TRUE(engine->isSessionActive_);
+    EXPECT_TRUE(engine->joined_);
+    const auto lines = new_lines();
+    EXPECT_EQ(lines[1], "Error occur, try to recover.");
+    EXPECT_EQ(lines[3],
+              "======recovery video_recorder " + std::to_string(attempt) + " times ======");
+    EXPECT_EQ(lines[lines.size() - 2], "(null)") << "the terminator is shown";
+    EXPECT_EQ(lines.back(), "recovery auto trigger start service");
+  }
+  EXPECT_TRUE(engine->on_error(8));
+  EXPECT_EQ(handler.calls(),
+            (Lines{"joined room 1", "warning 108", "warning 108", "warning 108", "error 3 8"}));
+  EXPECT_TRUE(said("times is 0."));
+  EXPECT_EQ(engine->recovery_.times, 0);
+}
+
+TEST_F(EngineTest, FailedRelaunchCountsAndIsAnError) {
+  engine->on_join_channel_success(1, "room");
+  router.launch_result = -1;
+  EXPECT_TRUE(engine->on_error(16));
+  EXPECT_EQ(engine->recovery_.times, 2);
+  EXPECT_EQ(engine->recovery_.recovery_stat, EngineProbe::RECOVERY_STAT_RECOVERING);
+  EXPECT_EQ(handler.calls().back(), "error 3 16");
+}
+
+TEST_F(EngineTest, LeaveOfTheRecorderRulesOutRecovery) {
+  const struct {
+    uint32_t reason;
+    int flag;
+  } rows[] = {{16, 1 | 2}, {0, 1 | 2}, {2, 7}, {4, 7}, {8, 7}, {16 | 4, 7}};
+  for (const auto& row : rows) {
+    engine->recovery_.flag = 0;
+    engine->on_join_channel_success(1, "room");
+    engine->isSessionActive_ = true;
+    handler.clear();
+    int flag_in_handler = 0;
+    handler.also = [&](const string&) { flag_in_handler = engine->recovery_.flag; };
+    engine->on_leave(row.reason);
+    handler.also = nullptr;
+    EXPECT_EQ(handler.calls(), Lines{"leave " + std::to_string(row.reason)});
+    EXPECT_EQ(engine->recovery_.flag, row.flag);
+    EXPECT_EQ(flag_in_handler, 3) << "the final leave is noted after the handler";
+    EXPECT_FALSE(engine->joined_);
+    EXPECT_FALSE(engine->isSessionActive_);
+    EXPECT_FALSE(engine->checkRecoveryFlag());
+  }
+}
+
+TEST_F(EngineTest, BackupKeepsTheCommandLineWithoutTheLink) {
+  const struct {
+    std::vector<const char*> args;
+    Lines kept;
+  } rows[] = {
+      {{"p", "--a", "1", nullptr}, {"p", "--a", "1"}},
+      {{"p", "--write", "4", "--a", "1", "--read", "3", nullptr}, {"p", "--a", "1"}},
+      {{"p", "--read", "3", "--read", "5", nullptr}, {"p", "--read", "5"}},
+      {{"p", nullptr, "--a", nullptr}, {"p"}},
+      {{"p", "--a"}, {"p", "--a"}},
+      {{"p", "--write", nullptr}, {"p"}},
+  };
+  for (const auto& row : rows) {
+    engine->args_.clear();
+    engine->args_str_.clear();
+    auto args = row.args;
+    EXPECT_EQ(engine->backup_args(args), 0);
+    EXPECT_EQ(engine->args_str_, row.kept);
+    ASSERT_EQ(engine->args_.size(), row.kept.size() + 1);
+    EXPECT_EQ(engine->args_[0], engine->args_str_[0].c_str());
+    EXPECT_EQ(engine->args_.back(), nullptr);
+  }
+}
+
+TEST_F(EngineTest, SecondBackupStandsBehindTheFirst) {
+  std::vector<const char*> args{"p", "--a", nullptr};
+  engine->backup_args(args);
+  engine->backup_args(args);
+  EXPECT_EQ(engine->args_str_, (Lines{"p", "--a", "p", "--a"}));
+  ASSERT_EQ(engine->args_.size(), 8U);
+  EXPECT_EQ(engine->args_[2], nullptr);
+  EXPECT_EQ(engine->prepare_recovery_args(), 0);
+  EXPECT_EQ(engine->prepare_recovery_args(), 0);
+  EXPECT_EQ(engine->args_.size(), 9U) << "one recovery pair, however often";
+}
+
+TEST_F(EngineTest, StoppedOnErrorOffTheEngineThreadOnlyLogs) {
+  new_lines();
+  EXPECT_EQ(engine->stoppedOnError(), 0);
+  EXPECT_EQ(new_lines(), Lines{"API call to stopped on error not in event loop thread"});
+  EXPECT_TRUE(router.sent.empty());
+}
+
+}  // namespace
+}  // namespace zelta::test
