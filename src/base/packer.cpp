@@ -30,11 +30,12 @@ void packer::check_size(size_t size, uint32_t position) {
   if (buffer_.size() < position + size) buffer_.resize(position + size);
 }
 
-void packer::append(const void* bytes, size_t size) {
+packer& packer::push_bytes(const void* bytes, size_t size) {
   // Inserting, where check_size would grow first, spares a payload the zeroes that resize() writes.
   const auto* from = static_cast<const char*>(bytes);
   buffer_.insert(buffer_.end(), from, from + size);
   position_ += static_cast<uint32_t>(size);
+  return *this;
 }
 
 void packer::replace(const void* bytes, size_t size, uint32_t position) {
@@ -43,16 +44,16 @@ void packer::replace(const void* bytes, size_t size, uint32_t position) {
 }
 
 packer& packer::push(uint8_t value) {
-  return append(&value, sizeof value), *this;
+  return push_bytes(&value, sizeof value);
 }
 packer& packer::push(uint16_t value) {
-  return append(&value, sizeof value), *this;
+  return push_bytes(&value, sizeof value);
 }
 packer& packer::push(uint32_t value) {
-  return append(&value, sizeof value), *this;
+  return push_bytes(&value, sizeof value);
 }
 packer& packer::push(uint64_t value) {
-  return append(&value, sizeof value), *this;
+  return push_bytes(&value, sizeof value);
 }
 packer& packer::push(int8_t value) {
   return push(static_cast<uint8_t>(value));
@@ -69,7 +70,7 @@ packer& packer::push(int64_t value) {
 
 packer& packer::push(const std::string& value) {
   push(static_cast<uint32_t>(value.size()));
-  return append(value.data(), value.size()), *this;
+  return push_bytes(value.data(), value.size());
 }
 
 void packer::write(uint16_t value, uint32_t position) {
@@ -118,9 +119,7 @@ packer& operator<<(packer& p, const std::vector<uint32_t>& values) {
 }
 
 packer& operator<<(packer& p, const std::vector<uint8_t>& bytes) {
-  p.push(static_cast<uint32_t>(bytes.size()));
-  for (const uint8_t byte : bytes) p.push(byte);
-  return p;
+  return p.push(static_cast<uint32_t>(bytes.size())).push_bytes(bytes.data(), bytes.size());
 }
 
 unpacker::unpacker(const char* data, size_t size, bool copy) : data_(data), size_(size) {
@@ -179,6 +178,12 @@ void unpacker::pop_string(std::string& out) {
   position_ += count;
 }
 
+void unpacker::pop_bytes(std::vector<uint8_t>& out, size_t count) {
+  if (!check_size(count, position_)) return;
+  out.insert(out.end(), data_ + position_, data_ + position_ + count);
+  position_ += static_cast<uint32_t>(count);
+}
+
 std::string unpacker::pop_string() {
   std::string text;
   pop_string(text);
@@ -223,7 +228,7 @@ unpacker& operator>>(unpacker& u, std::vector<uint8_t>& bytes) {
   }
   // Grown to exactly the announced count, so that a layout that is read once wastes nothing.
   if (count > bytes.capacity()) bytes.reserve(count);
-  for (uint32_t i = 0; i < count; ++i) bytes.push_back(u.pop_uint8());
+  u.pop_bytes(bytes, count);
   return u;
 }
 

@@ -37,6 +37,8 @@ class packer {
   packer& push(int32_t value);
   packer& push(int64_t value);
   packer& push(const std::string& value);
+  // The bytes alone, without a count.
+  packer& push_bytes(const void* bytes, size_t size);
 
   // Replaces what stands at `position`, counted from the start of the buffer.
   void write(uint16_t value, uint32_t position);
@@ -57,7 +59,6 @@ class packer {
   void check_size(size_t size, uint32_t position);
 
  private:
-  void append(const void* bytes, size_t size);
   void replace(const void* bytes, size_t size, uint32_t position);
 
   std::vector<char> buffer_;
@@ -97,6 +98,8 @@ class unpacker {
   std::string pop_string();
   // Reuses the storage of `out`. `out` is untouched on failure.
   void pop_string(std::string& out);
+  // Appends `count` bytes to `out`.
+  void pop_bytes(std::vector<uint8_t>& out, size_t count);
 
   // Back to the first byte; a failure is forgotten.
   void rewind();

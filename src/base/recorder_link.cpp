@@ -125,7 +125,7 @@ recorder_link::recorder_link(made_by_start, settings to, unique_fd read_end, uni
   to_.loop->add_watcher(
       write_end_.get(), this, nullptr,
       [](int, void* self) { static_cast<recorder_link*>(self)->on_writable(); },
-      [](int, void* self, int events) { static_cast<recorder_link*>(self)->on_break(events); });
+      [](int, void* self, int events) { static_cast<recorder_link*>(self)->on_unread(events); });
 }
 
 recorder_link::~recorder_link() {
@@ -183,6 +183,13 @@ void recorder_link::on_writable() {
   if (writer_.flush() == packet_writer::result::kQueued) return;
   refusing_ = false;
   to_.loop->want_write(write_fd_, false);
+}
+
+// Nobody reads our packets any more. A process that ends closes its descriptors one after the other,
+// so this is often the first sign of an end; what the application is told must not depend on that
+// race. One that has stopped reading and lives is an error.
+void recorder_link::on_unread(int events) {
+  on_break(process_.wait(kExitLimit) ? POLLHUP : events);
 }
 
 // The listener may replace this link from inside on_error, so nothing is touched after it.

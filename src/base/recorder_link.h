@@ -45,6 +45,7 @@ class recorder_link : private packet_reader::receiver {
   void on_packet(unpacker& u, uint16_t uri) override;
   void on_readable();
   void on_writable();
+  void on_unread(int events);
   void on_break(int events);
   void drain();
   void flush_bounded();
