@@ -32,8 +32,10 @@ void link_pads(GstPad* from, GstElement* to, const char* name) {
   gst_pad_link(from, in.get());
 }
 
-GstPadProbeReturn block(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*unused*/) {
-  return GST_PAD_PROBE_OK;
+// Holds a track up until its branch is ready, and is gone then.
+GstPadProbeReturn hold(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer gate) {
+  static_cast<track_gate*>(gate)->wait();
+  return GST_PAD_PROBE_REMOVE;
 }
 
 GstPadProbeReturn drop(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*unused*/) {
@@ -83,6 +85,7 @@ user_graph::~user_graph() {
   alive_.reset();
   if (give_up_timer_ != nullptr) around_.loop.remove_timer(give_up_timer_);
   around_.loop.remove_watcher(bus_fd_);
+  gate_.open();
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
 }
 
@@ -123,15 +126,18 @@ void user_graph::on_no_more_pads(GstElement* /*source*/, gpointer self) {
   graph->post([graph] { graph->wire(); });
 }
 
-void user_graph::open(GstPad* pad, bool blocked) {
+void user_graph::open(GstPad* pad, bool held) {
+  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, forget_end, nullptr, nullptr);
   // Media alone is held up: a source may send events from the very thread that still has pads to
   // add.
-  constexpr auto kMedia = static_cast<GstPadProbeType>(
-      GST_PAD_PROBE_TYPE_BLOCK | GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST);
-  gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, forget_end, nullptr, nullptr);
-  const gulong probe = blocked ? gst_pad_add_probe(pad, kMedia, block, nullptr, nullptr) : 0;
+  if (held) {
+    gst_pad_add_probe(
+        pad,
+        static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_BUFFER_LIST),
+        hold, &gate_, nullptr);
+  }
   const std::lock_guard<std::mutex> guard(open_pads_lock_);
-  open_pads_.push_back({pad_ptr(GST_PAD(gst_object_ref(pad))), probe});
+  open_pads_.emplace_back(GST_PAD(gst_object_ref(pad)));
 }
 
 void user_graph::post(std::function<void()> work) {
@@ -145,54 +151,52 @@ void user_graph::post(std::function<void()> work) {
 void user_graph::wire() {
   if (wired_ || !finish_reason_.empty()) return;
   wired_ = true;
-  std::vector<open_pad> pads;
+  std::vector<pad_ptr> pads;
   {
     const std::lock_guard<std::mutex> guard(open_pads_lock_);
     pads.swap(open_pads_);
   }
   bool records = false;
   bool records_video = false;
-  for (const open_pad& from : pads) {
-    const codec* const c = find_codec(caps_of(from.pad.get()).get());
+  for (const pad_ptr& from : pads) {
+    const codec* const c = find_codec(caps_of(from.get()).get());
     if (c == nullptr || !recorded(*c)) continue;
     records = true;
     records_video = records_video || c->kind == media_kind::kVideo;
     webm_ = webm_ || std::string(c->name) == "vp8" || std::string(c->name) == "vp9";
   }
   if (records && !open_file(records_video)) return;
-  for (open_pad& from : pads) {
-    if (!wire_track(from)) return;
+  for (pad_ptr& from : pads) {
+    if (!wire_track(std::move(from))) return;
   }
-  // From the file upwards, so that nothing flows into an element that isn't ready.
-  GstIterator* const elements = gst_bin_iterate_sorted(GST_BIN(pipeline_.get()));
-  gst_iterator_foreach(
-      elements,
-      [](const GValue* item, gpointer source) {
-        auto* const element = GST_ELEMENT(g_value_get_object(item));
-        if (element != source) gst_element_sync_state_with_parent(element);
-      },
-      source_);
-  gst_iterator_free(elements);
-  for (size_t i = 0; i < pads.size(); ++i) {
-    if (pads[i].block_probe != 0) {
-      gst_pad_remove_probe(tracks_[i].source.get(), pads[i].block_probe);
-    }
-  }
+  if (!complete_source_) start_branches();
+  gate_.open();
   if (pads.empty()) log(base::WARN_LOG, "sends nothing");
 }
 
-bool user_graph::wire_track(open_pad& from) {
-  const caps_ptr caps = caps_of(from.pad.get());
+// The pipeline runs already, or is about to on a thread of its own; following its state of the
+// moment would race with that. From the file upwards, so that nothing flows into what isn't ready.
+void user_graph::start_branches() {
+  if (muxer_ != nullptr) {
+    const element_ptr file(gst_bin_get_by_name(GST_BIN(pipeline_.get()), "file"));
+    gst_element_set_state(file.get(), GST_STATE_PLAYING);
+    gst_element_set_state(muxer_, GST_STATE_PLAYING);
+  }
+  for (const track& t : tracks_) gst_element_set_state(t.branch, GST_STATE_PLAYING);
+}
+
+bool user_graph::wire_track(pad_ptr from) {
+  const caps_ptr caps = caps_of(from.get());
   const codec* const c = find_codec(caps.get());
   if (c == nullptr) {
     const std::unique_ptr<char, void (*)(void*)> text(gst_caps_to_string(caps.get()), g_free);
     log(base::WARN_LOG, std::string("sends what can't be recorded: ") + text.get());
   }
   if (c == nullptr || !wanted(*c)) {
-    discard(std::move(from.pad));
+    discard(std::move(from));
     return true;
   }
-  track t{c, std::move(from.pad), nullptr, nullptr, nullptr};
+  track t{c, std::move(from), nullptr, nullptr, nullptr};
   if (!connect(t, branch_description(*c))) return false;
   tracks_.push_back(std::move(t));
   return true;
@@ -372,6 +376,7 @@ void user_graph::done(const std::string& why) {
   update_manifest();
   finished_ = true;
   if (give_up_timer_ != nullptr) around_.loop.remove_timer(std::exchange(give_up_timer_, nullptr));
+  gate_.open();
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
   const bool empty = std::all_of(tracks_.begin(), tracks_.end(), [](const track& t) {
     return t.kind == nullptr || t.frames || !t.meter || t.meter->read().buffers == 0;

@@ -13,6 +13,7 @@
 // post to it.
 #pragma once
 
+#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -41,6 +42,25 @@ struct media_plan {
   std::optional<frame_kind> audio_frames;
   std::optional<frame_kind> video_frames;
   int32_t avsync_type = 2;
+};
+
+// Where the source's threads wait until their tracks lead somewhere. Once open it stays open.
+class track_gate {
+ public:
+  void wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    opened_.wait(lock, [this] { return open_; });
+  }
+  void open() {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    open_ = true;
+    opened_.notify_all();
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable opened_;
+  bool open_ = false;
 };
 
 class user_graph;
@@ -84,11 +104,6 @@ class user_graph {
   void update_manifest();
 
  private:
-  // A pad of the source that is not wired yet; it blocks while `block_probe` is not 0.
-  struct open_pad {
-    pad_ptr pad;
-    gulong block_probe;
-  };
   // A pad of the source and what it leads to.
   struct track {
     const codec* kind;  // null: nothing is done with it
@@ -104,9 +119,10 @@ class user_graph {
   void watch_bus();
   void on_bus();
   void on_message(GstMessage* message);
-  void open(GstPad* pad, bool blocked);
+  void open(GstPad* pad, bool held);
   void wire();
-  bool wire_track(open_pad& from);
+  void start_branches();
+  bool wire_track(pad_ptr from);
   bool connect(track& t, const std::string& description);
   void discard(pad_ptr source);
   std::string branch_description(const codec& c) const;
@@ -131,7 +147,8 @@ class user_graph {
 
   // Filled by the source's thread.
   std::mutex open_pads_lock_;
-  std::vector<open_pad> open_pads_;
+  std::vector<pad_ptr> open_pads_;
+  track_gate gate_;
 
   std::vector<track> tracks_;
   GstElement* muxer_ = nullptr;  // borrowed from the pipeline
