@@ -170,6 +170,9 @@ void user_graph::wire() {
     if (!wire_track(std::move(from))) return;
   }
   if (!complete_source_) start_branches();
+  // Last of all: events that a source pushes into a branch which isn't running yet would make its
+  // next buffer fail, before any probe could hold it.
+  for (const track& t : tracks_) link_pads(t.source.get(), t.branch, "sink");
   gate_.open();
   if (pads.empty()) log(base::WARN_LOG, "sends nothing");
 }
@@ -211,7 +214,6 @@ bool user_graph::connect(track& t, const std::string& description) {
     return false;
   }
   t.branch = add(pipeline_.get(), std::move(made));
-  link_pads(t.source.get(), t.branch, "sink");
   if (const auto kind = frames_of(*t.kind)) {
     const element_ptr sink(gst_bin_get_by_name(GST_BIN(t.branch), "frames"));
     t.frames = frame_sink::make(*kind, sink.get(), {uid_, plan_.avsync_type}, around_.link);
@@ -231,7 +233,6 @@ void user_graph::discard(pad_ptr source) {
   GstElement* const sink = gst_element_factory_make("fakesink", nullptr);
   g_object_set(sink, "sync", FALSE, "async", FALSE, nullptr);
   gst_bin_add(GST_BIN(pipeline_.get()), sink);
-  link_pads(source.get(), sink, "sink");
   tracks_.push_back({nullptr, std::move(source), sink, nullptr, nullptr});
 }
 
