@@ -185,9 +185,9 @@ void recorder_link::on_writable() {
   to_.loop->want_write(write_fd_, false);
 }
 
-// Nobody reads our packets any more. A process that ends closes its descriptors one after the other,
-// so this is often the first sign of an end; what the application is told must not depend on that
-// race. One that has stopped reading and lives is an error.
+// Nobody reads our packets any more. A process that ends closes its descriptors one after the
+// other, so this is often the first sign of an end; what the application is told must not depend on
+// that race. One that has stopped reading and lives is an error.
 void recorder_link::on_unread(int events) {
   on_break(process_.wait(kExitLimit) ? POLLHUP : events);
 }

@@ -16,7 +16,7 @@
 namespace zelta::base {
 
 // send() from any thread; everything else on the loop's thread, or while the loop doesn't run.
-class recorder_link : private packet_reader::receiver {
+class recorder_link final : private packet_reader::receiver {
   struct made_by_start {};
 
  public:

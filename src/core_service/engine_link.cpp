@@ -114,9 +114,8 @@ bool engine_link::write(const base::packet& p, bool always) {
       loop_.want_write(write_fd_.get(), true);
       return true;
     case base::packet_writer::result::kRefused:
-      return false;
     case base::packet_writer::result::kBroken:
-      // The loop sees the same and ends the session there.
+      // Of a break the loop hears as well, and ends the session there.
       return false;
   }
   return false;

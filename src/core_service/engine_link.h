@@ -32,7 +32,7 @@ class engine_listener {
 };
 
 // send() and send_frame() from any thread and never blocking; the rest on the loop's thread.
-class engine_link : private base::packet_reader::receiver {
+class engine_link final : private base::packet_reader::receiver {
  public:
   // Takes both descriptors; -1 for both: there is no engine, and what is sent goes nowhere. Loop
   // and listener are borrowed.

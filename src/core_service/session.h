@@ -27,9 +27,9 @@ enum exit_status : int {
   kExitDisk = 4,       // a file could not be written
 };
 
-class session : private engine_listener,
-                private channel_listener,
-                private media::user_graph_listener {
+class session final : private engine_listener,
+                      private channel_listener,
+                      private media::user_graph_listener {
  public:
   // `server` names the channel server. The loop is borrowed.
   session(options given, std::string server, base::event_loop& loop);

@@ -27,7 +27,6 @@
 
 namespace zelta::recording {
 
-using base::DEBUG_LOG;
 using base::ERROR_LOG;
 using base::INFO_LOG;
 using base::log_config;
@@ -578,7 +577,7 @@ int RecordingEngineImpl::publish_folder(const std::string& folder) {
     ENGINE_LOG(ERROR_LOG) << "there's no memory to malloc";
     return kRefused;
   }
-  std::memcpy(copy, folder.data(), folder.length());
+  folder.copy(copy, folder.length());
   earlier_storage_dirs_.emplace_back(properties_.storageDir);
   properties_.storageDir = copy;
   return 0;
@@ -930,8 +929,10 @@ void RecordingEngineImpl::deliver_yuv(const Frame& packet, int rotation) {
   yuv.bufSize_ = size_of(packet.data);
   // The U plane has half the rows of the picture; where V starts doesn't depend on V's stride.
   yuv.ybuf_ = yuv.buf_;
-  yuv.ubuf_ = yuv.ybuf_ + yuv.ystride_ * yuv.height_;
-  yuv.vbuf_ = yuv.ybuf_ + (yuv.ystride_ * yuv.height_ + ((yuv.ustride_ * yuv.height_) >> 1));
+  const uint_t y_bytes = yuv.ystride_ * yuv.height_;
+  const uint_t u_bytes = (yuv.ustride_ * yuv.height_) >> 1;
+  yuv.ubuf_ = yuv.ybuf_ + y_bytes;
+  yuv.vbuf_ = yuv.ybuf_ + (y_bytes + u_bytes);
   if (m_handler == nullptr) return;
   VideoFrame frame;
   frame.type = VIDEO_FRAME_RAW_YUV;

@@ -120,7 +120,7 @@ void frame_files::write_yuv(uint32_t uid, const VideoYuvFrame& yuv) {
   }
   put(y4m.file.get(), "FRAME\n", 6);
   const auto plane = [&](const uchar_t* rows, uint_t stride, uint_t width, uint_t height) {
-    for (uint_t row = 0; row < height; ++row) put(y4m.file.get(), rows + row * stride, width);
+    for (uint_t row = 0; row < height; ++row, rows += stride) put(y4m.file.get(), rows, width);
   };
   plane(yuv.ybuf_, yuv.ystride_, yuv.width_, yuv.height_);
   plane(yuv.ubuf_, yuv.ustride_, (yuv.width_ + 1) / 2, yuv.height_ / 2);

@@ -3,6 +3,7 @@
 
 #include <exception>
 #include <fstream>
+#include <utility>
 
 #include <json/json.h>
 #include <sys/stat.h>
@@ -18,9 +19,12 @@ std::vector<recorded_file> recorded_files(const std::string& folder) {
     for (const Json::Value& entry : root["files"]) {
       const std::string video = entry["video_codec"].asString();
       const std::string audio = entry["audio_codec"].asString();
+      std::string codecs = video;
+      if (!video.empty() && !audio.empty()) codecs += "+";
+      codecs += audio;
       recorded_file file{entry["name"].asString(),
                          entry["uid"].asUInt(),
-                         video + (video.empty() || audio.empty() ? "" : "+") + audio,
+                         std::move(codecs),
                          entry["duration_ms"].asInt64(),
                          0,
                          entry["closed"].asString()};

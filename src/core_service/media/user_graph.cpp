@@ -258,7 +258,7 @@ std::string user_graph::branch_description(const codec& c) const {
 }
 
 std::string user_graph::recorded_branch(const codec& c) const {
-  const std::string parsed = std::string(kQueue) + " ! " + c.parse;
+  std::string parsed = std::string(kQueue) + " ! " + c.parse;
   if (c.kind == media_kind::kVideo) {
     return webm_ ? parsed
                  : parsed + " ! capsfilter caps=video/x-h264,stream-format=avc,alignment=au";
