@@ -185,6 +185,8 @@ TEST_F(RecordingTest, TwoUsersGiveTwoCompleteFilesAndAllEvents) {
   ASSERT_TRUE(handler.wait_for("user out 2 0"));
   release();
   EXPECT_EQ(handler.calls()[1], "user in 1 " + folder);
+  EXPECT_NE(log().find("ended: exit status 0"), std::string::npos)
+      << "a sanitizer finds: " << log();
   EXPECT_EQ(handler.count("first video 1 320 180 "), 1);
   EXPECT_EQ(handler.count("receiving 1 1"), 1);
   ASSERT_EQ(files().size(), 2U);

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The engine with its real router and loop and a real child process.
+#include <atomic>
 #include <csignal>
-#include <future>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -30,6 +30,7 @@ class LinkTest : public ::testing::Test {
   int join(const std::string& script) {
     setenv("FAKE_RECORDER", script.c_str(), 1);
     engine.reset(IRecordingEngine::createZeltaRecordingEngine("app", &handler));
+    callable = engine.get();
     return engine->joinChannel("key", "room", 1, config);
   }
   std::string log() const {
@@ -42,6 +43,8 @@ class LinkTest : public ::testing::Test {
   RecordingHandler handler;
   RecordingConfig config;
   std::unique_ptr<IRecordingEngine, Releaser> engine;
+  // The same for callbacks, which may still come while the other is being reset.
+  std::atomic<IRecordingEngine*> callable{nullptr};
 };
 
 TEST_F(LinkTest, RecorderStartsWithItsArgumentsAndNothingElseOfOurs) {
@@ -144,7 +147,7 @@ TEST_F(LinkTest, LeaveReachesTheRecorderAndWaitsForIt) {
 
 TEST_F(LinkTest, LeaveFromInsideACallbackEndsTheThread) {
   handler.also = [this](const std::string& call) {
-    if (call == "user in 2 /folder/") engine->leaveChannel();
+    if (call == "user in 2 /folder/") callable.load()->leaveChannel();
   };
   ASSERT_EQ(join("join user:2 await:1"), 0);
   ASSERT_TRUE(handler.wait_for("user in 2"));
