@@ -255,7 +255,7 @@ int RecordingEngineImpl::refuse_mixing(const RecordingConfig& config) {
       int high_height = 0;
       int fps = 0;
       int kbps = 0;
-      const int read =  // NOLINTNEXTLINE(cert-err34-c): what it can't read is refused below
+      const int read =
           std::sscanf(config.mixResolution, "%d,%d,%d,%d", &high_width, &high_height, &fps, &kbps);
       if (read < 4 || high_width <= 0 || high_height <= 0 || fps <= 0 || kbps <= 0) {
         ENGINE_LOGF(ERROR_LOG, "Illegal resolution: %s", config.mixResolution);
