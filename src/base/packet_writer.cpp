@@ -15,14 +15,40 @@ constexpr size_t kPacketsAWrite = 64;
 
 }  // namespace
 
-packet_writer::result packet_writer::send(std::vector<char> bytes, bool always) {
+packet_writer::result packet_writer::send(std::vector<char> bytes, bool always, bool replaceable) {
   const std::lock_guard<std::mutex> guard(mutex_);
   if (broken_) return result::kBroken;
   if (!always && queued_bytes_ + bytes.size() > limit_) return result::kRefused;
   const bool idle = queue_.empty();
   queued_bytes_ += bytes.size();
-  queue_.push_back(std::move(bytes));
+  if (replaceable) replaceable_bytes_ += bytes.size();
+  queue_.push_back({std::move(bytes), replaceable});
   return idle ? flush_locked() : result::kQueued;
+}
+
+size_t packet_writer::drop_replaceable(size_t bytes) {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  size_t dropped = 0;
+  size_t freed = 0;
+  // A packet of which some is in the pipe already has to be written to its end.
+  auto next = queue_.begin() + (front_written_ > 0 ? 1 : 0);
+  while (next != queue_.end() && freed < bytes) {
+    if (!next->replaceable) {
+      ++next;
+      continue;
+    }
+    freed += next->bytes.size();
+    next = queue_.erase(next);
+    ++dropped;
+  }
+  queued_bytes_ -= freed;
+  replaceable_bytes_ -= freed;
+  return dropped;
+}
+
+size_t packet_writer::replaceable_bytes() const {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return replaceable_bytes_;
 }
 
 packet_writer::result packet_writer::flush() {
@@ -46,7 +72,7 @@ packet_writer::result packet_writer::flush_locked() {
     size_t count = 0;
     for (auto& packet : queue_) {
       const size_t skip = count == 0 ? front_written_ : 0;
-      parts[count++] = {packet.data() + skip, packet.size() - skip};
+      parts[count++] = {packet.bytes.data() + skip, packet.bytes.size() - skip};
       if (count == kPacketsAWrite) break;
     }
     const ssize_t written = ::writev(fd_, parts, static_cast<int>(count));
@@ -58,8 +84,9 @@ packet_writer::result packet_writer::flush_locked() {
     }
     queued_bytes_ -= static_cast<size_t>(written);
     front_written_ += static_cast<size_t>(written);
-    while (!queue_.empty() && front_written_ >= queue_.front().size()) {
-      front_written_ -= queue_.front().size();
+    while (!queue_.empty() && front_written_ >= queue_.front().bytes.size()) {
+      front_written_ -= queue_.front().bytes.size();
+      if (queue_.front().replaceable) replaceable_bytes_ -= queue_.front().bytes.size();
       queue_.pop_front();
     }
   }
@@ -70,6 +97,7 @@ void packet_writer::drop_locked() {
   broken_ = true;
   queue_.clear();
   queued_bytes_ = 0;
+  replaceable_bytes_ = 0;
   front_written_ = 0;
 }
 

@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <deque>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 namespace zelta::base {
@@ -24,7 +25,16 @@ class packet_writer {
   packet_writer(int fd, size_t queue_limit_bytes) : fd_(fd), limit_(queue_limit_bytes) {}
 
   // `bytes` is one complete packet. `always` lets it past the limit.
-  result send(std::vector<char> bytes, bool always);
+  result send(std::vector<char> bytes, bool always) {
+    return send(std::move(bytes), always, false);
+  }
+  // A packet that is `replaceable` may be dropped by drop_replaceable() while it waits.
+  result send(std::vector<char> bytes, bool always, bool replaceable);
+  // Drops the oldest replaceable packets that wait until `bytes` are free of them, or none is left.
+  // Returns how many were dropped.
+  size_t drop_replaceable(size_t bytes);
+  // Bytes of the replaceable packets that wait.
+  size_t replaceable_bytes() const;
   // Writes on as far as the pipe takes it.
   result flush();
   // Drops what waits and refuses everything from here on; the descriptor is not used any more.
@@ -33,16 +43,22 @@ class packet_writer {
   size_t queued_bytes() const;
 
  private:
+  struct waiting {
+    std::vector<char> bytes;
+    bool replaceable;
+  };
+
   result flush_locked();
   void drop_locked();
 
   const int fd_;
   const size_t limit_;
   mutable std::mutex mutex_;
-  std::deque<std::vector<char>> queue_;
+  std::deque<waiting> queue_;
   // Bytes of the first packet that are in the pipe already.
   size_t front_written_ = 0;
   size_t queued_bytes_ = 0;
+  size_t replaceable_bytes_ = 0;
   bool broken_ = false;
 };
 

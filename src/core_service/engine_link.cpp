@@ -13,8 +13,10 @@ namespace {
 
 using namespace protocol;
 
-// Four 1080p pictures: more only makes what arrives older.
-constexpr size_t kRawFrameLimitBytes = 16 << 20;
+// Raw pictures: five of 1080p, of which the oldest goes first, because more only makes what arrives
+// older. Coded pictures end before sound, which is small and missed the most, does.
+constexpr size_t kPictureLimitBytes = 16 << 20;
+constexpr size_t kCodedLimitBytes = 48 << 20;
 constexpr size_t kQueueLimitBytes = 64 << 20;
 constexpr size_t kReadBoundBytes = 1 << 20;
 
@@ -40,20 +42,20 @@ void run(engine_listener&, const user_drop_confirm_packet&) {}
 void run(engine_listener&, const media_frame_confirm_packet&) {}
 void run(engine_listener&, const audio_frame_confirm_packet&) {}
 void run(engine_listener&, const video_frame_confirm_packet&) {}
-void run(engine_listener& to, const parameters_packet&) {
-  to.on_other_command("parameters");
+void run(engine_listener& to, const parameters_packet& p) {
+  to.on_parameters(p.parameters);
 }
-void run(engine_listener& to, const video_mixing_layout_packet&) {
-  to.on_other_command("mixing layout");
+void run(engine_listener& to, const video_mixing_layout_packet& p) {
+  to.on_layout(p.data);
 }
 void run(engine_listener& to, const start_service_packet&) {
-  to.on_other_command("start service");
+  to.on_start_service();
 }
 void run(engine_listener& to, const stop_service_packet&) {
-  to.on_other_command("stop service");
+  to.on_stop_service();
 }
-void run(engine_listener& to, const set_user_background_packet&) {
-  to.on_other_command("user background");
+void run(engine_listener& to, const set_user_background_packet& p) {
+  to.on_user_background(p.uid, p.img_path);
 }
 
 template <class Visit, class... Packets>
@@ -91,23 +93,53 @@ engine_link::~engine_link() {
 }
 
 void engine_link::send(const base::packet& p) {
-  write(p, true);
+  write(p, true, false);
 }
 
-bool engine_link::send_frame(const base::packet& p) {
-  if (!connected()) return false;
-  const bool raw = p.uri == yuv_frame2::kUri || p.uri == pcm_frame::kUri;
-  const bool room = !raw || writer_->queued_bytes() < kRawFrameLimitBytes;
-  if (room && write(p, false)) return true;
-  ++dropped_frames_;
-  return false;
-}
-
-bool engine_link::write(const base::packet& p, bool always) {
+bool engine_link::send_picture(const base::packet& p) {
   if (!connected()) return false;
   base::packer out;
   p.pack(out);
-  switch (writer_->send(out.take_buffer(), always)) {
+  std::vector<char> bytes = out.take_buffer();
+  const size_t waiting = writer_->replaceable_bytes() + bytes.size();
+  if (waiting > kPictureLimitBytes) {
+    dropped_.pictures += writer_->drop_replaceable(waiting - kPictureLimitBytes);
+  }
+  if (write(std::move(bytes), false, true)) return true;
+  ++dropped_.pictures;
+  return false;
+}
+
+bool engine_link::send_coded(const base::packet& p, uint32_t uid, bool key) {
+  if (!connected()) return false;
+  const std::lock_guard<std::mutex> guard(broken_lock_);
+  // What comes behind a missing picture can't be decoded until the next key frame.
+  const bool useless = !key && broken_.count(uid) != 0;
+  if (!useless && writer_->queued_bytes() < kCodedLimitBytes && write(p, false, false)) {
+    broken_.erase(uid);
+    return true;
+  }
+  broken_.insert(uid);
+  ++dropped_.coded;
+  return false;
+}
+
+bool engine_link::send_sound(const base::packet& p) {
+  if (!connected()) return false;
+  if (write(p, false, false)) return true;
+  ++dropped_.sound;
+  return false;
+}
+
+bool engine_link::write(const base::packet& p, bool always, bool replaceable) {
+  if (!connected()) return false;
+  base::packer out;
+  p.pack(out);
+  return write(out.take_buffer(), always, replaceable);
+}
+
+bool engine_link::write(std::vector<char> bytes, bool always, bool replaceable) {
+  switch (writer_->send(std::move(bytes), always, replaceable)) {
     case base::packet_writer::result::kWritten:
       return true;
     case base::packet_writer::result::kQueued:

@@ -6,7 +6,10 @@
 #include <chrono>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <set>
 #include <string>
+#include <vector>
 
 #include "base/event_loop.h"
 #include "base/packet_reader.h"
@@ -22,8 +25,13 @@ class engine_listener {
   virtual void on_leave_command() = 0;
   virtual void on_log_level(uint32_t level) = 0;
   virtual void on_log_modules(uint32_t modules, bool enable) = 0;
-  // A command that this recorder doesn't act on.
-  virtual void on_other_command(const char* name) = 0;
+  // A JSON text.
+  virtual void on_parameters(const std::string& text) = 0;
+  // As rec_engine/mixing_layout.h encodes it.
+  virtual void on_layout(const std::vector<uint8_t>& bytes) = 0;
+  virtual void on_start_service() = 0;
+  virtual void on_stop_service() = 0;
+  virtual void on_user_background(uint32_t uid, const std::string& path) = 0;
   // The engine has closed its side or died; nothing can be sent any more.
   virtual void on_engine_gone() = 0;
 
@@ -31,7 +39,7 @@ class engine_listener {
   ~engine_listener() = default;
 };
 
-// send() and send_frame() from any thread and never blocking; the rest on the loop's thread.
+// What sends may be called from any thread and never blocks; the rest on the loop's thread.
 class engine_link final : private base::packet_reader::receiver {
  public:
   // Takes both descriptors; -1 for both: there is no engine, and what is sent goes nowhere. Loop
@@ -45,10 +53,18 @@ class engine_link final : private base::packet_reader::receiver {
   bool connected() const { return writer_ != nullptr && !gone_; }
   // An event: waits in a queue when the engine is slow.
   void send(const base::packet& p);
-  // A media frame: false, and counted, when the engine is so slow that it had to be dropped. Raw
-  // frames go first, so that what is small still arrives.
-  bool send_frame(const base::packet& p);
-  uint64_t dropped_frames() const { return dropped_frames_; }
+  // Media frames: false, and counted, when the engine is so slow that one had to be dropped. Of raw
+  // pictures the oldest that wait make room; of coded ones all go up to the next key frame of the
+  // user; sound goes last.
+  bool send_picture(const base::packet& p);
+  bool send_coded(const base::packet& p, uint32_t uid, bool key);
+  bool send_sound(const base::packet& p);
+  struct dropped_frames {
+    std::atomic<uint64_t> pictures{0};
+    std::atomic<uint64_t> coded{0};
+    std::atomic<uint64_t> sound{0};
+  };
+  const dropped_frames& dropped() const { return dropped_; }
   // Writes what waits, for `limit` at most.
   void flush(std::chrono::milliseconds limit);
 
@@ -57,7 +73,8 @@ class engine_link final : private base::packet_reader::receiver {
   void on_readable();
   void on_writable();
   void on_gone();
-  bool write(const base::packet& p, bool always);
+  bool write(const base::packet& p, bool always, bool replaceable);
+  bool write(std::vector<char> bytes, bool always, bool replaceable);
 
   base::event_loop& loop_;
   engine_listener& listener_;
@@ -67,7 +84,10 @@ class engine_link final : private base::packet_reader::receiver {
   std::unique_ptr<base::packet_reader> reader_;
   std::unique_ptr<base::packet_writer> writer_;
   std::atomic<bool> gone_{false};
-  std::atomic<uint64_t> dropped_frames_{0};
+  dropped_frames dropped_;
+  std::mutex broken_lock_;
+  // Users whose coded pictures wait for a key frame.
+  std::set<uint32_t> broken_;
 };
 
 }  // namespace zelta::core_service

@@ -15,6 +15,7 @@
 #include "base/log.h"
 #include "base/unique_fd.h"
 #include "core_service/options.h"
+#include "core_service/secrets.h"
 #include "core_service/session.h"
 
 namespace {
@@ -30,6 +31,8 @@ base::unique_fd take_signals() {
   pthread_sigmask(SIG_BLOCK, &taken, nullptr);
   // The engine may die at any moment; a write to it then fails and says so.
   std::signal(SIGPIPE, SIG_IGN);
+  // A file that grows past a limit fails to be written, which is told; it doesn't kill.
+  std::signal(SIGXFSZ, SIG_IGN);
   return base::unique_fd(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
@@ -73,6 +76,8 @@ int record(core_service::options given) {
 
 int main(int argc, char** argv) {
   core_service::parsed_options parsed = core_service::parse_options(argc, argv);
+  core_service::wipe_secret_arguments(argc, argv);
+  core_service::renounce_privileges();
   if (!parsed.values) {
     std::fputs(parsed.message.c_str(), parsed.exit_status == 0 ? stdout : stderr);
     return parsed.exit_status == 0 ? core_service::kExitDone : core_service::kExitUsage;

@@ -9,13 +9,10 @@
 #include <fstream>
 #include <utility>
 
-#include <fcntl.h>
 #include <json/json.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include "base/log.h"
-#include "base/unique_fd.h"
+#include "core_service/atomic_file.h"
 
 namespace zelta::core_service {
 namespace {
@@ -54,19 +51,6 @@ manifest_file from_json(const Json::Value& v) {
   return f;
 }
 
-// Writes and syncs, so that the rename that follows never makes an empty file the true one.
-bool write_whole(const std::string& path, const std::string& text) {
-  const base::unique_fd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
-  if (!file.valid()) return false;
-  for (size_t done = 0; done < text.size();) {
-    const ssize_t written = write(file.get(), text.data() + done, text.size() - done);
-    if (written < 0 && errno == EINTR) continue;
-    if (written <= 0) return false;
-    done += static_cast<size_t>(written);
-  }
-  return fsync(file.get()) == 0;
-}
-
 }  // namespace
 
 manifest::manifest(std::string folder, std::string channel_id)
@@ -85,6 +69,14 @@ void manifest::load() {
       throw Json::RuntimeError(errors);
     }
     for (const Json::Value& entry : root["files"]) add(from_json(entry));
+    const Json::Value& pictures = root["pictures"];
+    for (const std::string& uid : pictures.getMemberNames()) {
+      pictures_[static_cast<uint32_t>(std::stoul(uid))] = pictures[uid].asUInt64();
+    }
+    const Json::Value& dropped = root["dropped_frames"];
+    dropped_before_ = {dropped.get("pictures", 0).asUInt64(), dropped.get("coded", 0).asUInt64(),
+                       dropped.get("sound", 0).asUInt64()};
+    dropped_ = dropped_before_;
   } catch (const std::exception& e) {
     files_.clear();
     base::log_dir(folder_.c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
@@ -94,6 +86,11 @@ void manifest::load() {
   for (auto& [number, f] : files_) {
     if (f.closed.empty()) f.closed = "recorder died";
   }
+}
+
+void manifest::set_dropped(const dropped_counts& now) {
+  dropped_ = {dropped_before_.pictures + now.pictures, dropped_before_.coded + now.coded,
+              dropped_before_.sound + now.sound};
 }
 
 size_t manifest::add(manifest_file file) {
@@ -108,12 +105,20 @@ bool manifest::save() {
   Json::Value files(Json::arrayValue);
   for (const auto& [number, f] : files_) files.append(to_json(f));
   root["files"] = std::move(files);
+  Json::Value pictures(Json::objectValue);
+  for (const auto& [uid, count] : pictures_) {
+    pictures[std::to_string(uid)] = Json::UInt64{count};
+  }
+  root["pictures"] = std::move(pictures);
+  Json::Value dropped(Json::objectValue);
+  dropped["pictures"] = Json::UInt64{dropped_.pictures};
+  dropped["coded"] = Json::UInt64{dropped_.coded};
+  dropped["sound"] = Json::UInt64{dropped_.sound};
+  root["dropped_frames"] = std::move(dropped);
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "  ";
   const std::string path = folder_ + kName;
-  const std::string fresh = path + ".new";
-  const bool saved = write_whole(fresh, Json::writeString(writer, root) + "\n") &&
-                     std::rename(fresh.c_str(), path.c_str()) == 0;
+  const bool saved = replace_file(path, Json::writeString(writer, root) + "\n");
   if (!saved && !std::exchange(failed_, true)) {
     base::log_dir(folder_.c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
                   "can't write %s: %s", path.c_str(), std::strerror(errno));

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // recording.json: what files the recording has and where each stands in time.
 //
-// Rewritten whole, into a file beside it that is then renamed over it, so a reader sees a true one
-// at every moment and a crash leaves the last. All functions are for the recorder's loop thread.
+// Replaced as a whole, so that a reader sees a true one at every moment and a crash leaves the
+// last. All functions are for the recorder's loop thread.
 #pragma once
 
 #include <cstdint>
@@ -12,8 +12,8 @@
 namespace zelta::core_service {
 
 struct manifest_file {
-  std::string name;  // in the recording folder
-  uint32_t uid = 0;
+  std::string name;         // in the recording folder
+  uint32_t uid = 0;         // 0: the mix
   std::string kind;         // "audio_video", "audio", "video"
   std::string video_codec;  // "h264", "vp8", "vp9"; empty: no video
   std::string audio_codec;  // "aac", "opus"; empty: no audio
@@ -24,6 +24,13 @@ struct manifest_file {
   int64_t last_utc_ms = 0;
   // Why the file was closed; empty while it is written.
   std::string closed;
+};
+
+// Frames that the application was too slow for.
+struct dropped_counts {
+  uint64_t pictures = 0;  // YUV and JPEG
+  uint64_t coded = 0;     // H.264
+  uint64_t sound = 0;     // PCM and AAC
 };
 
 class manifest {
@@ -37,6 +44,10 @@ class manifest {
   size_t add(manifest_file file);
   manifest_file& at(size_t number) { return files_.at(number); }
   void remove(size_t number) { files_.erase(number); }
+  // One more captured picture of the user in a file.
+  void count_picture(uint32_t uid) { ++pictures_[uid]; }
+  // How many this process has dropped so far.
+  void set_dropped(const dropped_counts& now);
   // Writes the manifest. False, with a line in the log, when the folder doesn't take it.
   bool save();
 
@@ -48,6 +59,10 @@ class manifest {
   // In the order in which they were opened.
   std::map<size_t, manifest_file> files_;
   size_t next_number_ = 0;
+  std::map<uint32_t, uint64_t> pictures_;
+  // By the processes before this one, and in all.
+  dropped_counts dropped_before_;
+  dropped_counts dropped_;
   bool failed_ = false;
 };
 

@@ -69,41 +69,4 @@ parsed_options parse_options(int argc, const char* const* argv) {
   return {o, "", 0};
 }
 
-std::vector<std::string> options_without_effect(const options& o) {
-  const struct {
-    bool given;
-    const char* name;
-  } rows[] = {
-      {o.mix, "--mix"},
-      {o.mixed_video_audio != 0, "--mixedVideoAudio"},
-      {o.live, "--live"},
-      {!o.encrypt_mode.empty(), "--encrypt_mode"},
-      {!o.encrypt_secret.empty(), "--encrypt_secret"},
-      {o.chunk_time_span != 0, "--chunk_time_span"},
-      {o.decode_audio > 2, "--decode_audio 3"},
-      {o.decode_video > 2, "--decode_video 3 to 5"},
-      {o.audio_indication_interval != 0, "--audio_indication_interval"},
-      {o.stream_type != 0, "--streamType"},
-      {o.service_mode != 0, "--serviceMode"},
-      {!o.vos.empty(), "--vos"},
-      {o.vos_port != 0, "--vos_port"},
-      {!o.mix_resolution.empty(), "--mix_resolution"},
-      {o.min_port != 0, "--min_port"},
-      {o.max_port != 0, "--max_port"},
-      {o.trigger_mode != 0, "--triggerMode"},
-      {o.lang != 0, "--lang"},
-      {!o.proxy_server.empty(), "--proxy_server"},
-      {o.audio_profile != 0, "--audioProfile"},
-      {!o.default_video_bg.empty(), "--defaultVideoBg"},
-      {!o.default_user_bg.empty(), "--defaultUserBg"},
-      {o.av_sync_type != 2, "--avSyncType"},
-  };
-  std::vector<std::string> names;
-  for (const auto& row : rows) {
-    if (row.given) names.emplace_back(row.name);
-  }
-  names.insert(names.end(), o.unknown.begin(), o.unknown.end());
-  return names;
-}
-
 }  // namespace zelta::core_service

@@ -65,7 +65,4 @@ struct parsed_options {
 
 parsed_options parse_options(int argc, const char* const* argv);
 
-// The options that were given and that this recorder doesn't act on, for the log.
-std::vector<std::string> options_without_effect(const options& given);
-
 }  // namespace zelta::core_service

@@ -9,6 +9,8 @@
 
 #include "IZeltaRecordingEngine.h"
 #include "base/clocks.h"
+#include "core_service/media/codecs.h"
+#include "core_service/parameters.h"
 
 namespace zelta::core_service {
 namespace {
@@ -16,30 +18,25 @@ namespace {
 using namespace linuxsdk;
 using namespace std::chrono_literals;
 
-constexpr int kTickMs = 500;
+// What doesn't come has to be noticed: gaps, silence, the time to stop.
+constexpr int kTickMs = 100;
 // The manifest of a running recording is this fresh.
-constexpr uint32_t kTicksPerSave = 4;
+constexpr int64_t kSaveMs = 2000;
 // A recorder that left by itself waits so long for the engine to hang up: an application that
 // leaves when it is told so never sees the link break.
 constexpr int64_t kLingerMs = 5000;
 constexpr std::chrono::milliseconds kFlushLimit = 1s;
+// Below it, nobody speaks.
+constexpr uint32_t kSpeakingVolume = 10;
+// A call's missing packets are worth less of a wait than a broadcast's: nobody waits for an answer
+// in a recording, but its mix is held back by as much.
+constexpr media::media_time kCallJitter = 400ms;
+constexpr media::media_time kLiveJitter = 1s;
 
 uint32_t choose_uid(unsigned given) {
   if (given != 0) return given;
   std::random_device random;
   return std::uniform_int_distribution<uint32_t>(1, 0x7FFFFFFF)(random);
-}
-
-media::media_plan plan_of(const options& o) {
-  media::media_plan plan;
-  plan.take_audio = !o.video_only;
-  plan.take_video = !o.audio_only;
-  if (o.decode_audio == AUDIO_FORMAT_AAC_FRAME_TYPE) plan.audio_frames = media::frame_kind::kAac;
-  if (o.decode_audio == AUDIO_FORMAT_PCM_FRAME_TYPE) plan.audio_frames = media::frame_kind::kPcm;
-  if (o.decode_video == VIDEO_FORMAT_H264_FRAME_TYPE) plan.video_frames = media::frame_kind::kH264;
-  if (o.decode_video == VIDEO_FORMAT_YUV_FRAME_TYPE) plan.video_frames = media::frame_kind::kYuv;
-  plan.avsync_type = o.av_sync_type;
-  return plan;
 }
 
 template <class Packet, class... Values>
@@ -55,12 +52,17 @@ session::session(options given, std::string server, base::event_loop& loop)
     : options_(std::move(given)),
       server_(std::move(server)),
       loop_(loop),
+      posting_(loop),
       link_(options_.read_fd, options_.write_fd, loop, *this, options_.recording_file_dir),
-      manifest_(options_.recording_file_dir, options_.channel_id) {}
+      manifest_(options_.recording_file_dir, options_.channel_id),
+      journal_(options_.recording_file_dir) {}
 
 session::~session() {
   if (tick_ != nullptr) loop_.remove_timer(tick_);
+  if (volume_tick_ != nullptr) loop_.remove_timer(volume_tick_);
 }
+
+// ---- The start -----------------------------------------------------------------------------
 
 void session::start() {
   link_.send(make<protocol::hello_packet>(protocol::kProtocolVersion,
@@ -68,19 +70,92 @@ void session::start() {
   tick_ = loop_.add_timer(
       kTickMs, [](int, void* self) { static_cast<session*>(self)->on_tick(); }, this);
   alone_since_ms_ = base::tick_ms();
-  std::string idle;
-  for (const std::string& name : options_without_effect(options_)) idle += " " + name;
-  if (!idle.empty()) log(base::WARN_LOG, "options without effect in this recorder:" + idle);
+  // Laid once on the wall clock, here.
+  static_cast<void>(media::utc_ms_of(media::now()));
   if (!manifest_.save()) {
     return on_channel_failed("the recording folder " + options_.recording_file_dir +
                              " can't be written");
   }
-  std::string error;
-  channel_ = make_channel({server_, options_.channel_id, options_.recording_file_dir}, loop_, *this,
-                          error);
-  if (!channel_) return on_channel_failed(error);
+  channel_place place;
+  if (!check_options() || !prepare_channel(place) || !prepare_mix(place.rtp.jitter_latency)) return;
+  if (options_.recovery_id > 0) recover();
+  set_volume_interval(options_.audio_indication_interval);
+  serving_ = options_.trigger_mode == AUTOMATICALLY_MODE || journal_.state.serving;
+  if (serving_ && mix_) mix_->start_service();
   log(base::NOTICE_LOG, "joining channel " + options_.channel_id + " at " + server_);
   channel_->join();
+}
+
+bool session::check_options() {
+  std::vector<std::string> warnings;
+  plan_ = plan_of(options_, warnings);
+  std::string unknown;
+  for (const std::string& name : options_.unknown) unknown += " " + name;
+  if (!unknown.empty()) warnings.push_back("options that nobody knows:" + unknown);
+  for (const std::string& text : media::missing_plugins()) warnings.push_back(text);
+  for (const std::string& text : warnings) log(base::WARN_LOG, text);
+  // The backends that there are send one stream a user, without a proxy.
+  log(base::NOTICE_LOG, "stream type " + std::to_string(options_.stream_type) + ", language " +
+                            std::to_string(options_.lang) + ", proxy \"" + options_.proxy_server +
+                            "\", service mode " + std::to_string(options_.service_mode) +
+                            ", media server \"" + options_.vos +
+                            "\":" + std::to_string(options_.vos_port));
+  return true;
+}
+
+bool session::prepare_channel(channel_place& place) {
+  place.server = server_;
+  place.channel_id = options_.channel_id;
+  place.logdir = options_.recording_file_dir;
+  place.rtp.jitter_latency = options_.live ? kLiveJitter : kCallJitter;
+  place.rtp.min_port = options_.min_port;
+  place.rtp.max_port = options_.max_port;
+  place.rtp.use_sender_reports = options_.av_sync_type != 0;
+  std::string error;
+  const bool encrypted = !options_.encrypt_mode.empty() || !options_.encrypt_secret.empty();
+  if (encrypted) {
+    place.rtp.key = rtp::parse_key(options_.encrypt_mode, options_.encrypt_secret, error);
+    if (!place.rtp.key) {
+      on_channel_failed(error);
+      return false;
+    }
+  }
+  channel_ = make_channel(place, loop_, *this, error);
+  if (!channel_) on_channel_failed(error);
+  return channel_ != nullptr;
+}
+
+bool session::prepare_mix(media::media_time lateness) {
+  if (!plan_.mix_sound && !plan_.mix_video) return true;
+  std::string error;
+  mix_ = mix::mix::make(plan_, lateness, {options_.default_video_bg, options_.default_user_bg},
+                        {options_.recording_file_dir, loop_, manifest_, link_},
+                        {[this](const std::string& why, bool disk) { on_files_failed(why, disk); },
+                         [this] {
+                           mix_finished_ = true;
+                           complete_when_idle();
+                         }},
+                        error);
+  if (!mix_) on_channel_failed(error);
+  return mix_ != nullptr;
+}
+
+// Goes on where the process before this one was stopped.
+void session::recover() {
+  std::string error;
+  if (!journal_.load(error)) return log(base::WARN_LOG, "recovery without a journal: " + error);
+  const journal_state& state = journal_.state;
+  if (state.log_level != 0) on_log_level(state.log_level);
+  if (state.log_modules >= 0) {
+    base::log_config::set_enabled_modules(static_cast<uint32_t>(state.log_modules));
+  }
+  if (!state.layout.empty()) apply_layout(state.layout);
+  for (const auto& [uid, path] : state.user_backgrounds) {
+    if (mix_) mix_->set_user_background(uid, path);
+  }
+  log(base::NOTICE_LOG, "recovery " + std::to_string(options_.recovery_id) + " goes on " +
+                            std::to_string(base::tick_ms() - options_.recovery_time) +
+                            " ms after it was called for");
 }
 
 // ---- The engine's commands -----------------------------------------------------------------
@@ -92,6 +167,8 @@ void session::on_leave_command() {
 
 void session::on_log_level(uint32_t level) {
   base::log_config::set_log_level(static_cast<base::log_levels>(level));
+  journal_.state.log_level = level;
+  keep_journal();
 }
 
 void session::on_log_modules(uint32_t modules, bool enable) {
@@ -100,10 +177,78 @@ void session::on_log_modules(uint32_t modules, bool enable) {
   } else {
     base::log_config::disable_module(modules);
   }
+  journal_.state.log_modules = base::log_config::get_enabled_modules();
+  keep_journal();
 }
 
-void session::on_other_command(const char* name) {
-  log(base::WARN_LOG, std::string("command without effect in this recorder: ") + name);
+void session::on_parameters(const std::string& text) {
+  std::vector<std::string> warnings;
+  const parameters changed = parse_parameters(text, warnings);
+  for (const std::string& warning : warnings) log(base::WARN_LOG, warning);
+  if (changed.idle) options_.idle = *changed.idle;
+  if (changed.audio_indication_interval) set_volume_interval(*changed.audio_indication_interval);
+  if (!changed.capture_interval) return;
+  plan_.jpg_interval = std::chrono::seconds(*changed.capture_interval);
+  for (const auto& one : users_) one.second->set_capture_interval(*changed.capture_interval);
+}
+
+void session::on_layout(const std::vector<uint8_t>& bytes) {
+  if (!apply_layout(bytes)) return;
+  journal_.state.layout = bytes;
+  keep_journal();
+}
+
+bool session::apply_layout(const std::vector<uint8_t>& bytes) {
+  recording::mixing_layout layout;
+  if (!recording::decodeMixingLayout(bytes, layout)) {
+    log(base::WARN_LOG, "a mixing layout that makes no sense was ignored");
+    return false;
+  }
+  if (!mix_ || !plan_.mix_video) {
+    log(base::WARN_LOG, "a mixing layout has no effect: no pictures are mixed");
+    return false;
+  }
+  mix_->set_layout(layout);
+  return true;
+}
+
+void session::on_user_background(uint32_t uid, const std::string& path) {
+  if (!mix_ || !plan_.mix_video) {
+    return log(base::WARN_LOG, "a user's background has no effect: no pictures are mixed");
+  }
+  mix_->set_user_background(uid, path);
+  journal_.state.user_backgrounds[uid] = path;
+  keep_journal();
+}
+
+void session::on_start_service() {
+  if (options_.trigger_mode == MANUALLY_MODE) set_serving(true, "");
+}
+
+void session::on_stop_service() {
+  if (options_.trigger_mode == MANUALLY_MODE) set_serving(false, "service stopped");
+}
+
+void session::set_serving(bool serving, const std::string& why) {
+  if (serving == serving_ || phase_ == phase::kFinishing || phase_ == phase::kLingering) return;
+  serving_ = serving;
+  log(base::NOTICE_LOG, serving ? "service started" : why);
+  for (const auto& one : users_) {
+    if (serving) {
+      one.second->start_service();
+    } else {
+      one.second->stop_service(why);
+    }
+  }
+  if (mix_ && serving) mix_->start_service();
+  if (mix_ && !serving) mix_->stop_service(why);
+  journal_.state.serving = serving;
+  keep_journal();
+}
+
+void session::keep_journal() {
+  if (!journal_.save())
+    log(base::ERROR_LOG, "the journal can't be written: a recovery would forget");
 }
 
 // An engine that died can't be told anything, but its recording is worth completing.
@@ -141,12 +286,29 @@ void session::on_channel_failed(const std::string& why) {
 void session::on_user_in(uint32_t uid, user_media from) {
   if (phase_ != phase::kRecording || users_.count(uid) != 0) return;
   log(base::NOTICE_LOG, "user " + std::to_string(uid) + " joined");
-  auto& graph = users_[uid];
-  graph = std::make_unique<media::user_graph>(
-      uid, std::move(from), plan_of(options_),
-      media::user_graph::surroundings{options_.recording_file_dir, loop_, manifest_, link_, *this});
+  auto& made = users_[uid];
+  made = std::make_unique<user>(
+      uid, std::move(from), plan_,
+      user::surroundings{options_.recording_file_dir, loop_, manifest_, link_},
+      mix_ ? mix_->add_user(uid) : nullptr, events_of(uid));
   link_.send(make<protocol::user_joined_packet>(uid, options_.recording_file_dir));
-  graph->start();
+  if (serving_) made->start_service();
+  made->start();
+}
+
+user::events session::events_of(uint32_t uid) {
+  user::events told;
+  told.first_video = [this, uid](int width, int height) {
+    link_.send(make<protocol::first_video_decoded_packet>(uid, width, height, elapsed_ms()));
+    report_stream_status();
+  };
+  told.first_sound = [this, uid] {
+    link_.send(make<protocol::first_audio_frame_packet>(uid, elapsed_ms()));
+    report_stream_status();
+  };
+  told.failed = [this](const std::string& why, bool disk) { on_files_failed(why, disk); };
+  told.ended = [this, uid](const std::string& why) { end_user(uid, why); };
+  return told;
 }
 
 void session::on_user_out(uint32_t uid) {
@@ -159,10 +321,23 @@ void session::end_user(uint32_t uid, const std::string& why) {
   log(base::NOTICE_LOG, "user " + std::to_string(uid) + " out: " + why);
   leaving_.push_back(std::move(found->second));
   users_.erase(found);
+  if (mix_) mix_->remove_user(uid);
   if (users_.empty()) alone_since_ms_ = base::tick_ms();
   link_.send(make<protocol::user_dropped_packet>(uid));
   report_stream_status();
-  leaving_.back()->finish(why);
+  user* const gone = leaving_.back().get();
+  gone->finish(why, [this, gone] {
+    leaving_.erase(std::remove_if(leaving_.begin(), leaving_.end(),
+                                  [gone](const auto& old) { return old.get() == gone; }),
+                   leaving_.end());
+    complete_when_idle();
+  });
+}
+
+void session::on_user_error(uint32_t uid, const std::string& why) {
+  log(base::ERROR_LOG, "user " + std::to_string(uid) + ": " + why);
+  link_.send(make<protocol::recorder_error_packet>(int32_t{ERR_INVALID_ARGUMENT},
+                                                   uint32_t{STAT_ERR_FROM_ENGINE}));
 }
 
 void session::on_channel_interrupted() {
@@ -177,20 +352,10 @@ void session::on_channel_lost() {
 
 // ---- The users' media ----------------------------------------------------------------------
 
-void session::on_first_video(uint32_t uid, int width, int height) {
-  link_.send(make<protocol::first_video_decoded_packet>(uid, width, height, elapsed_ms()));
-  report_stream_status();
-}
-
-void session::on_first_audio(uint32_t uid) {
-  link_.send(make<protocol::first_audio_frame_packet>(uid, elapsed_ms()));
-  report_stream_status();
-}
-
 void session::report_stream_status() {
   const auto any = [this](media::media_kind kind) {
     return std::any_of(users_.begin(), users_.end(),
-                       [kind](const auto& user) { return user.second->has(kind); });
+                       [kind](const auto& one) { return one.second->has(kind); });
   };
   const bool audio = any(media::media_kind::kAudio);
   const bool video = any(media::media_kind::kVideo);
@@ -200,18 +365,40 @@ void session::report_stream_status() {
   link_.send(make<protocol::receiving_stream_status_packet>(int32_t{audio}, int32_t{video}));
 }
 
-void session::on_graph_finished(media::user_graph& graph, const std::string& why, bool disk) {
-  const auto user = users_.find(graph.uid());
-  if (user != users_.end() && user->second.get() == &graph) end_user(graph.uid(), why);
-  leaving_.erase(std::remove_if(leaving_.begin(), leaving_.end(),
-                                [&graph](const auto& old) { return old.get() == &graph; }),
-                 leaving_.end());
-  if (disk && phase_ == phase::kRecording) {
+void session::set_volume_interval(int interval_ms) {
+  if (volume_tick_ != nullptr) loop_.remove_timer(std::exchange(volume_tick_, nullptr));
+  if (interval_ms <= 0) return;
+  volume_tick_ = loop_.add_timer(
+      interval_ms, [](int, void* self) { static_cast<session*>(self)->report_volumes(); }, this);
+}
+
+void session::report_volumes() {
+  if (phase_ != phase::kRecording || users_.empty()) return;
+  std::vector<uint32_t> uids;
+  std::vector<uint32_t> volumes;
+  for (const auto& [uid, one] : users_) {
+    uids.push_back(uid);
+    volumes.push_back(one->read_volume());
+  }
+  const auto loudest = std::max_element(volumes.begin(), volumes.end());
+  const uint32_t speaker = uids[static_cast<size_t>(loudest - volumes.begin())];
+  const bool speaks = *loudest >= kSpeakingVolume;
+  link_.send(make<protocol::audio_volume_indication_packet>(std::move(uids), std::move(volumes)));
+  if (!speaks || speaker == active_speaker_) return;
+  active_speaker_ = speaker;
+  link_.send(make<protocol::active_speaker_packet>(speaker));
+}
+
+// From inside a file's own call, so the end comes later.
+void session::on_files_failed(const std::string& why, bool disk) {
+  log(base::ERROR_LOG, "recording failed: " + why);
+  if (!disk) return;
+  posting_.post([this] {
+    if (phase_ != phase::kRecording) return;
     link_.send(
         make<protocol::recorder_error_packet>(int32_t{ERR_FAILED}, uint32_t{STAT_ERR_FROM_ENGINE}));
     leave(LEAVE_CODE_TIMER_CATCH, kExitDisk);
-  }
-  complete_when_idle();
+  });
 }
 
 // ---- The end -------------------------------------------------------------------------------
@@ -219,15 +406,26 @@ void session::on_graph_finished(media::user_graph& graph, const std::string& why
 void session::on_tick() {
   const int64_t now = base::tick_ms();
   if (phase_ == phase::kLingering && now >= linger_until_ms_) return done();
+  for (const auto& one : users_) one.second->tick();
+  for (const auto& one : leaving_) one->tick();
+  if (mix_) mix_->tick();
   if (phase_ != phase::kRecording) return;
-  if (++ticks_ % kTicksPerSave == 0 && !users_.empty()) {
-    for (const auto& user : users_) user.second->update_manifest();
-    manifest_.save();
-  }
+  if (now - saved_ms_ >= kSaveMs && !users_.empty()) save_manifest();
   if (users_.empty() && now - alone_since_ms_ >= int64_t{options_.idle} * 1000) {
     log(base::NOTICE_LOG, "nobody here for " + std::to_string(options_.idle) + " s");
     leave(LEAVE_CODE_NO_USERS, kExitDone);
   }
+}
+
+void session::save_manifest() {
+  saved_ms_ = base::tick_ms();
+  for (const auto& one : users_) one.second->update_manifest();
+  for (const auto& one : leaving_) one->update_manifest();
+  if (mix_) mix_->update_manifest();
+  const auto& dropped = link_.dropped();
+  manifest_.set_dropped({dropped.pictures, dropped.coded, dropped.sound});
+  // A folder that was removed takes no file any more, though those that are open don't notice.
+  if (!manifest_.save()) on_files_failed("the recording folder can't be written", true);
 }
 
 void session::leave(uint32_t reason, int status) {
@@ -236,16 +434,27 @@ void session::leave(uint32_t reason, int status) {
   reason_ = reason;
   status_ = status;
   if (channel_) channel_->leave();
+  // The mix first: it still has to mix what its users have sent by now.
+  if (mix_) {
+    mix_->finish("recording ended");
+  } else {
+    mix_finished_ = true;
+  }
   while (!users_.empty()) end_user(users_.begin()->first, "recording ended");
   complete_when_idle();
 }
 
 void session::complete_when_idle() {
-  if (phase_ != phase::kFinishing || !users_.empty() || !leaving_.empty()) return;
+  if (phase_ != phase::kFinishing || !mix_finished_ || !users_.empty() || !leaving_.empty()) return;
+  const auto& dropped = link_.dropped();
+  const dropped_counts counts{dropped.pictures, dropped.coded, dropped.sound};
+  manifest_.set_dropped(counts);
   manifest_.save();
-  const uint64_t dropped = link_.dropped_frames();
-  if (dropped > 0) {
-    log(base::WARN_LOG, std::to_string(dropped) + " frames were dropped: the engine was too slow");
+  if (counts.pictures + counts.coded + counts.sound > 0) {
+    log(base::WARN_LOG,
+        "frames were dropped, because the engine was too slow: " + std::to_string(counts.pictures) +
+            " pictures, " + std::to_string(counts.coded) + " coded, " +
+            std::to_string(counts.sound) + " of sound");
   }
   if (reason_ != LEAVE_CODE_INIT) link_.send(make<protocol::recorder_leave_packet>(reason_));
   if (reason_ == LEAVE_CODE_CLIENT_LEAVE || !link_.connected()) return done();

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -13,9 +14,12 @@
 #include "base/event_loop.h"
 #include "core_service/channel/channel.h"
 #include "core_service/engine_link.h"
+#include "core_service/journal.h"
 #include "core_service/manifest.h"
-#include "core_service/media/user_graph.h"
+#include "core_service/mix/mix.h"
 #include "core_service/options.h"
+#include "core_service/recording_plan.h"
+#include "core_service/user.h"
 
 namespace zelta::core_service {
 
@@ -27,9 +31,7 @@ enum exit_status : int {
   kExitDisk = 4,       // a file could not be written
 };
 
-class session final : private engine_listener,
-                      private channel_listener,
-                      private media::user_graph_listener {
+class session final : private engine_listener, private channel_listener {
  public:
   // `server` names the channel server. The loop is borrowed.
   session(options given, std::string server, base::event_loop& loop);
@@ -49,22 +51,37 @@ class session final : private engine_listener,
   void on_leave_command() override;
   void on_log_level(uint32_t level) override;
   void on_log_modules(uint32_t modules, bool enable) override;
-  void on_other_command(const char* name) override;
+  void on_parameters(const std::string& text) override;
+  void on_layout(const std::vector<uint8_t>& bytes) override;
+  void on_start_service() override;
+  void on_stop_service() override;
+  void on_user_background(uint32_t uid, const std::string& path) override;
   void on_engine_gone() override;
 
   void on_channel_joined() override;
   void on_channel_failed(const std::string& why) override;
   void on_user_in(uint32_t uid, user_media from) override;
   void on_user_out(uint32_t uid) override;
+  void on_user_error(uint32_t uid, const std::string& why) override;
   void on_channel_interrupted() override;
   void on_channel_lost() override;
 
-  void on_first_video(uint32_t uid, int width, int height) override;
-  void on_first_audio(uint32_t uid) override;
-  void on_graph_finished(media::user_graph& graph, const std::string& why, bool disk) override;
+  // What the start is made of, in this order; false: the session is failing.
+  bool check_options();
+  bool prepare_channel(channel_place& place);
+  bool prepare_mix(media::media_time lateness);
+  void recover();
 
-  void on_tick();
+  user::events events_of(uint32_t uid);
+  void on_files_failed(const std::string& why, bool disk);
   void report_stream_status();
+  void report_volumes();
+  void set_volume_interval(int interval_ms);
+  bool apply_layout(const std::vector<uint8_t>& bytes);
+  void keep_journal();
+  void set_serving(bool serving, const std::string& why);
+  void on_tick();
+  void save_manifest();
   void leave(uint32_t reason, int status);
   void end_user(uint32_t uid, const std::string& why);
   void complete_when_idle();
@@ -72,24 +89,32 @@ class session final : private engine_listener,
   int elapsed_ms() const;
   void log(base::log_levels level, const std::string& text) const;
 
-  const options options_;
+  options options_;
   const std::string server_;
   base::event_loop& loop_;
+  const media::posting posting_;
   engine_link link_;
   manifest manifest_;
+  journal journal_;
+  recording_plan plan_;
+  std::unique_ptr<mix::mix> mix_;
+  bool mix_finished_ = false;
   std::unique_ptr<channel> channel_;
-  std::map<uint32_t, std::unique_ptr<media::user_graph>> users_;
-  // Graphs of users who have left, until their files are complete.
-  std::vector<std::unique_ptr<media::user_graph>> leaving_;
+  std::map<uint32_t, std::unique_ptr<user>> users_;
+  // Users who have left, until their files are complete.
+  std::vector<std::unique_ptr<user>> leaving_;
   base::timer_event* tick_ = nullptr;
+  base::timer_event* volume_tick_ = nullptr;
 
   phase phase_ = phase::kStarting;
+  bool serving_ = false;
   uint32_t reason_ = 0;
   int status_ = kExitDone;
   int64_t joined_ms_ = 0;
   int64_t alone_since_ms_ = 0;
   int64_t linger_until_ms_ = 0;
-  uint32_t ticks_ = 0;
+  int64_t saved_ms_ = 0;
+  uint32_t active_speaker_ = 0;
   bool receives_audio_ = false;
   bool receives_video_ = false;
 };

@@ -59,8 +59,7 @@ TEST(RecorderOptions, TakeTheEnginesCommandLine) {
   EXPECT_EQ(parsed.values->recovery_id, 2);
   EXPECT_EQ(parsed.values->recovery_time, 123456789012);
   EXPECT_EQ(parsed.values->write_fd, 4);
-  EXPECT_EQ(core_service::options_without_effect(*parsed.values),
-            (std::vector<std::string>{"--mix", "--novelty", "1"}));
+  EXPECT_EQ(parsed.values->unknown, (std::vector<std::string>{"--novelty", "1"}));
 }
 
 TEST(RecorderOptions, LastOfTwoCommandLinesWinsAndBadValuesAreNamed) {
@@ -377,15 +376,6 @@ TEST_F(RecordingTest, ChannelThatCannotBeJoinedIsAnErrorThatSaysWhat) {
     EXPECT_NE(log().find(row.says), std::string::npos) << row.server;
     EXPECT_EQ(handler.calls().size(), 1U) << row.server;
   }
-}
-
-TEST_F(RecordingTest, OptionsWithoutEffectAreNamedInOneLine) {
-  config.isMixingEnabled = true;
-  config.channelProfile = CHANNEL_PROFILE_LIVE_BROADCASTING;
-  join("test:users=0");
-  ASSERT_TRUE(handler.wait_for("joined"));
-  release();
-  EXPECT_NE(log().find("options without effect in this recorder: --mix --live"), std::string::npos);
 }
 
 TEST_F(RecordingTest, RoundsLeaveNoDescriptorAndNoChild) {

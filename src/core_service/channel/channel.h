@@ -10,6 +10,8 @@
 
 #include "base/event_loop.h"
 #include "core_service/media/gst.h"
+#include "core_service/media/timeline.h"
+#include "core_service/rtp/settings.h"
 
 namespace zelta::core_service {
 
@@ -20,6 +22,10 @@ struct user_media {
   // Every pad is there. Otherwise pads are added while the bin runs, and its "no-more-pads" signal
   // tells when that was all.
   bool complete = false;
+  // What is not to be waited for.
+  bool may_have_video = true;
+  // How much later than captured media comes out.
+  media::media_time lateness{};
 };
 
 class channel_listener {
@@ -28,6 +34,8 @@ class channel_listener {
   virtual void on_channel_failed(const std::string& why) = 0;
   virtual void on_user_in(uint32_t uid, user_media media) = 0;
   virtual void on_user_out(uint32_t uid) = 0;
+  // The user stays, but what they send can't be used, as with a wrong key.
+  virtual void on_user_error(uint32_t uid, const std::string& why) = 0;
   virtual void on_channel_interrupted() = 0;
   virtual void on_channel_lost() = 0;
 
@@ -48,6 +56,7 @@ struct channel_place {
   std::string server;  // "test:…", "dir:…"
   std::string channel_id;
   std::string logdir;
+  rtp::settings rtp;
 };
 
 // Null, with `error` saying what is wrong and what would be right. Loop and listener are borrowed

@@ -112,7 +112,7 @@ std::string video_description(const test_script& script, uint32_t uid) {
   const int key_distance = script.fps * 2;
   std::string encoder;
   if (script.video == "h264") {
-    encoder = media::h264_encoder(kVideoKbps, key_distance) + " ! h264parse";
+    encoder = media::h264_encoder({kVideoKbps, key_distance, false, "ultrafast"}) + " ! h264parse";
   } else {
     encoder = script.video + "enc deadline=1 cpu-used=8 lag-in-frames=0 target-bitrate=" +
               std::to_string(kVideoKbps * 1000) +
@@ -234,7 +234,7 @@ std::unique_ptr<channel> make_test_channel(const std::string& script, base::even
                                            channel_listener& listener, std::string& error) {
   test_script parsed;
   if (!parse_script(script, parsed, error)) return nullptr;
-  if (parsed.video == "h264" && media::h264_encoder(kVideoKbps, 1).empty()) {
+  if (parsed.video == "h264" && media::h264_encoder({kVideoKbps, 1, false, "ultrafast"}).empty()) {
     error =
         "test channel: no H.264 encoder is installed: install gstreamer1.0-plugins-ugly (x264enc) "
         "or gstreamer1.0-plugins-bad (openh264enc)";

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include <gst/gst.h>
 
@@ -17,13 +18,29 @@ struct codec {
   const char* caps;    // media type of its caps
   const char* parse;   // brings the stream into a form that muxers and decoders take
   const char* decode;  // to raw samples or pictures
+  bool in_webm;        // where it is recorded as it came
+  const char* rtp;     // its name in a session description; null: none
+  const char* depay;   // from RTP packets to the stream
 };
+
+// For every plugin that is missing what it costs and which package brings it.
+std::vector<std::string> missing_plugins();
 
 // The codec of `caps`; null for one that isn't supported.
 const codec* find_codec(const GstCaps* caps);
 const codec* find_codec(const std::string& name);
+// By the encoding name of a session description, in any case.
+const codec* find_rtp_codec(const std::string& encoding_name);
 
-// An H.264 encoder for live use, x264 where it is installed, else OpenH264; empty: neither is.
-std::string h264_encoder(int kbps, int key_frame_distance);
+struct h264_settings {
+  int kbps;
+  int key_frame_distance;  // pictures
+  bool high_profile;       // else constrained baseline
+  const char* preset;      // x264's word for effort
+};
+
+// An H.264 encoder for live use, x264 where it is installed, else OpenH264; empty: neither is. It
+// holds no picture back, so a recorder that is killed loses none.
+std::string h264_encoder(const h264_settings& wanted);
 
 }  // namespace zelta::core_service::media

@@ -16,6 +16,52 @@ element_ptr make_bin(const std::string& description, std::string& error) {
   return element_ptr(bin != nullptr ? GST_ELEMENT(gst_object_ref_sink(bin)) : nullptr);
 }
 
+element_ptr make_pipeline(const std::string& description, std::string& error) {
+  GError* failed = nullptr;
+  GstElement* const made =
+      gst_parse_launch_full(description.c_str(), nullptr, GST_PARSE_FLAG_FATAL_ERRORS, &failed);
+  if (failed != nullptr) {
+    error = std::string(failed->message) + " (in: " + description + ")";
+    g_clear_error(&failed);
+  }
+  return element_ptr(made != nullptr ? GST_ELEMENT(gst_object_ref_sink(made)) : nullptr);
+}
+
+GstElement* child(GstElement* bin, const char* name) {
+  const element_ptr found(gst_bin_get_by_name(GST_BIN(bin), name));
+  return found.get();
+}
+
+namespace {
+
+struct sample_taker {
+  std::function<void(GstSample*)> take;
+  std::function<void()> ended;
+};
+
+}  // namespace
+
+void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
+                std::function<void()> ended) {
+  auto taker = std::make_unique<sample_taker>();
+  taker->take = std::move(take);
+  taker->ended = std::move(ended);
+  GstAppSinkCallbacks callbacks{};
+  callbacks.new_sample = [](GstAppSink* sink, gpointer context) {
+    const sample_ptr sample(gst_app_sink_pull_sample(sink));
+    if (!sample) return GST_FLOW_EOS;
+    static_cast<sample_taker*>(context)->take(sample.get());
+    return GST_FLOW_OK;
+  };
+  callbacks.eos = [](GstAppSink*, gpointer context) {
+    const auto* const told = static_cast<sample_taker*>(context);
+    if (told->ended) told->ended();
+  };
+  gst_app_sink_set_callbacks(GST_APP_SINK(appsink), &callbacks, taker.release(), [](gpointer done) {
+    const std::unique_ptr<sample_taker> owner(static_cast<sample_taker*>(done));
+  });
+}
+
 bool have_element(const char* name) {
   GstElementFactory* const found = gst_element_factory_find(name);
   if (found == nullptr) return false;
@@ -27,6 +73,48 @@ GstElement* add(GstElement* parent, element_ptr child) {
   GstElement* const borrowed = child.get();
   gst_bin_add(GST_BIN(parent), child.get());
   return borrowed;
+}
+
+bus_watch::bus_watch(GstElement* pipeline, base::event_loop& loop, events told)
+    : loop_(loop), told_(std::move(told)), bus_(gst_pipeline_get_bus(GST_PIPELINE(pipeline))) {
+  GPollFD polled{};
+  gst_bus_get_pollfd(bus_.get(), &polled);
+  fd_ = polled.fd;
+  loop_.add_watcher(
+      fd_, this, [](int, void* self) { static_cast<bus_watch*>(self)->on_readable(); }, nullptr,
+      nullptr);
+}
+
+bus_watch::~bus_watch() {
+  loop_.remove_watcher(fd_);
+}
+
+void bus_watch::on_readable() {
+  const std::weak_ptr<int> alive = alive_;
+  while (!alive.expired()) {
+    const message_ptr message(gst_bus_pop(bus_.get()));
+    if (!message) return;
+    on_message(message.get());
+  }
+}
+
+void bus_watch::on_message(GstMessage* message) {
+  // Copies, because what is called may destroy this.
+  const events told = told_;
+  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS && told.ended) return told.ended();
+  if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR || !told.failed) return;
+  GError* error = nullptr;
+  char* details = nullptr;
+  gst_message_parse_error(message, &error, &details);
+  std::string why = error->message;
+  if (details != nullptr) why += std::string(" (") + details + ")";
+  const bool disk = g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT) ||
+                    g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE) ||
+                    g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE) ||
+                    g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_SEEK);
+  g_clear_error(&error);
+  g_free(details);
+  told.failed(why, GST_OBJECT_NAME(GST_MESSAGE_SRC(message)), disk);
 }
 
 }  // namespace zelta::core_service::media

@@ -2,10 +2,14 @@
 // Owners of GStreamer objects and the few steps that every graph needs.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 
+#include <gst/app/gstappsink.h>
 #include <gst/gst.h>
+
+#include "base/event_loop.h"
 
 namespace zelta::core_service::media {
 
@@ -21,6 +25,9 @@ struct message_unref {
 struct sample_unref {
   void operator()(GstSample* sample) const { gst_sample_unref(sample); }
 };
+struct buffer_unref {
+  void operator()(GstBuffer* buffer) const { gst_buffer_unref(buffer); }
+};
 struct event_unref {
   void operator()(GstEvent* event) const { gst_event_unref(event); }
 };
@@ -32,6 +39,7 @@ using clock_ptr = std::unique_ptr<GstClock, object_unref>;
 using caps_ptr = std::unique_ptr<GstCaps, caps_unref>;
 using message_ptr = std::unique_ptr<GstMessage, message_unref>;
 using sample_ptr = std::unique_ptr<GstSample, sample_unref>;
+using buffer_ptr = std::unique_ptr<GstBuffer, buffer_unref>;
 using event_ptr = std::unique_ptr<GstEvent, event_unref>;
 
 // A bin of the elements that `description` names in gst-launch syntax, its open ends as pads "sink"
@@ -41,7 +49,60 @@ element_ptr make_bin(const std::string& description, std::string& error);
 // Whether the plugin with the element is installed.
 bool have_element(const char* name);
 
+// A pipeline of the elements that `description` names. Null, with `error`, when one is missing.
+element_ptr make_pipeline(const std::string& description, std::string& error);
+
+// The element called `name` inside `bin`, which keeps it alive.
+GstElement* child(GstElement* bin, const char* name);
+
+// Calls `take` on the streaming thread for every sample of `appsink`, and `ended` (unless null)
+// when the stream has ended. Neither comes any more once the sink is in the state NULL.
+void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
+                std::function<void()> ended);
+
 // Adds `child` to `parent`, which takes it. Returns it, borrowed.
 GstElement* add(GstElement* parent, element_ptr child);
+
+// What a pipeline has to say, told on the loop's thread until the watch is gone.
+class bus_watch {
+ public:
+  struct events {
+    std::function<void()> ended;
+    // `from` is the name of the element; `disk` tells that a file could not be written.
+    std::function<void(const std::string& why, const std::string& from, bool disk)> failed;
+  };
+  // Pipeline and loop are borrowed and must outlive it. The callbacks may destroy it.
+  bus_watch(GstElement* pipeline, base::event_loop& loop, events told);
+  bus_watch(const bus_watch&) = delete;
+  bus_watch& operator=(const bus_watch&) = delete;
+  ~bus_watch();
+
+ private:
+  void on_readable();
+  void on_message(GstMessage* message);
+
+  base::event_loop& loop_;
+  const events told_;
+  bus_ptr bus_;
+  int fd_ = -1;
+  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+};
+
+// What may be posted to the loop by an object that may be gone when its turn comes.
+class posting {
+ public:
+  explicit posting(base::event_loop& loop) : loop_(loop) {}
+  // Any thread, while the owner lives.
+  void post(std::function<void()> work) const {
+    loop_.post([alive = std::weak_ptr<int>(alive_), work = std::move(work)] {
+      if (!alive.expired()) work();
+    });
+  }
+  base::event_loop& loop() const { return loop_; }
+
+ private:
+  base::event_loop& loop_;
+  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+};
 
 }  // namespace zelta::core_service::media

@@ -1,19 +1,22 @@
 // SPDX-License-Identifier: Apache-2.0
-// What becomes of one user's media: the one place where the graph is wired.
+// What comes from one user: the one place where the graph of a user is wired.
 //
-//     source ─▶ queue ─▶ parse ──────────────────────────▶ mp4 / webm ─▶ file      video as it came
-//     source ─▶ queue ─▶ parse ─▶ decode ─▶ fill gaps ─▶ encode ─▶ mp4 / webm      sound
-//     source ─▶ queue ─▶ parse ─▶ [decode] ─▶ frames                               for the
-//     application
+//     source ─▶ parse ─┬─▶ encoded video                          as it came
+//                      ├─▶ H.264 access units
+//                      └─▶ decode ─┬─▶ pictures for the mix
+//                                  ├─▶ pictures for the application
+//                                  └─▶ JPEG, now and then
+//     source ─▶ parse ─▶ decode ─▶ sound                          48 kHz, 16 bits
 //
-// A medium goes into the file or to the application, not to both. Every user has a pipeline of
-// their own, so that an error of one user's media costs nobody else anything.
+// Only the branches that are taken are built. Every track that a source turns out to have, a sender
+// that starts again with a new SSRC included, gets a branch of its own. Every user has a pipeline
+// of their own, so that an error of one user's media costs nobody else anything.
 //
-// Thread rule: all functions and listener calls on the recorder's loop thread. GStreamer's threads
-// post to it.
+// Thread rule: all functions on the recorder's loop thread. What comes out comes on GStreamer's
+// threads, except where it says so.
 #pragma once
 
-#include <condition_variable>
+#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -25,143 +28,116 @@
 #include "base/event_loop.h"
 #include "base/log.h"
 #include "core_service/channel/channel.h"
-#include "core_service/engine_link.h"
-#include "core_service/manifest.h"
 #include "core_service/media/codecs.h"
-#include "core_service/media/frame_sink.h"
 #include "core_service/media/gst.h"
-#include "core_service/media/track_meter.h"
+#include "core_service/media/timeline.h"
 
 namespace zelta::core_service::media {
 
-// What is done with a medium.
-struct media_plan {
-  bool take_audio = true;
-  bool take_video = true;
-  // Set: frames for the application in place of a recording.
-  std::optional<frame_kind> audio_frames;
-  std::optional<frame_kind> video_frames;
-  int32_t avsync_type = 2;
-};
-
-// Where the source's threads wait until their tracks lead somewhere. Once open it stays open.
-class track_gate {
- public:
-  void wait() {
-    std::unique_lock<std::mutex> lock(mutex_);
-    opened_.wait(lock, [this] { return open_; });
-  }
-  void open() {
-    const std::lock_guard<std::mutex> guard(mutex_);
-    open_ = true;
-    opened_.notify_all();
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable opened_;
-  bool open_ = false;
-};
-
-class user_graph;
-
-class user_graph_listener {
- public:
-  virtual void on_first_video(uint32_t uid, int width, int height) = 0;
-  virtual void on_first_audio(uint32_t uid) = 0;
-  // All media has been written and the file is closed; the graph may be destroyed. `why` is the
-  // manifest's reason. `disk` tells that the file could not be written.
-  virtual void on_graph_finished(user_graph& graph, const std::string& why, bool disk) = 0;
-
- protected:
-  ~user_graph_listener() = default;
+// Where the media goes; what is null isn't made.
+struct user_outputs {
+  // On the loop's thread.
+  std::function<void(const media_sample&, const codec&)> video;
+  std::function<void(media_time, const int16_t* samples, size_t frames)> sound;
+  // `rotation` in degrees clockwise. Access units in byte-stream format.
+  std::function<void(const media_sample&, int rotation)> h264;
+  std::function<void(GstSample*, media_time, int rotation)> yuv;
+  std::function<void(GstSample*, media_time)> mix;
+  std::function<void(const media_sample&, int rotation)> jpg;
+  // Between two JPEGs.
+  media_time jpg_interval{};
+  int channels = 1;
 };
 
 class user_graph {
  public:
-  struct surroundings {
-    std::string folder;
-    base::event_loop& loop;
-    manifest& files;
-    engine_link& link;
-    user_graph_listener& listener;
+  // All on the loop's thread.
+  struct events {
+    std::function<void(int width, int height)> first_video;
+    std::function<void()> first_sound;
+    // No further tracks than these will come.
+    std::function<void(bool sound, bool video)> tracks_known;
+    // All media has come out. The graph may be destroyed from inside the call.
+    std::function<void(const std::string& why)> finished;
   };
 
-  user_graph(uint32_t uid, user_media from, const media_plan& plan, surroundings around);
+  user_graph(uint32_t uid, user_media from, user_outputs to, base::event_loop& loop, events told,
+             std::string logdir);
   user_graph(const user_graph&) = delete;
   user_graph& operator=(const user_graph&) = delete;
-  // Stops at once; a file that isn't finished stays a fragmented one.
   ~user_graph();
 
-  uint32_t uid() const { return uid_; }
   // Whether any media of the kind has come.
-  bool has(media_kind kind) const;
-
+  bool has(media_kind kind) const { return kind == media_kind::kVideo ? video_ : sound_; }
   void start();
-  // No more media: completes the file, within a bound. on_graph_finished follows.
+  // What has come by now comes out, within a bound; events::finished follows.
   void finish(const std::string& why);
-  // Writes the state of the file into its manifest entry.
-  void update_manifest();
+  // Asks the sender for a picture that can be decoded by itself, once a second at most.
+  void request_key_frame();
+  void set_jpg_interval(media_time interval) { jpg_interval_ = interval.count(); }
 
  private:
   // A pad of the source and what it leads to.
   struct track {
-    const codec* kind;  // null: nothing is done with it
+    const codec* kind;
     pad_ptr source;
-    GstElement* branch;  // borrowed from the pipeline
-    std::unique_ptr<track_meter> meter;
-    std::unique_ptr<frame_sink> frames;
+    GstElement* branch = nullptr;  // borrowed from the pipeline
+    // Media time of the latest buffer, nanoseconds.
+    std::atomic<int64_t> latest{0};
+    std::atomic<int> rotation{0};
+    int64_t next_jpg = 0;
+    bool seen = false;
+  };
+
+  // What a pad of the source is linked to.
+  struct end {
+    pad_ptr source;
+    pad_ptr in;
   };
 
   static void on_pad_added(GstElement* source, GstPad* pad, gpointer self);
   static void on_no_more_pads(GstElement* source, gpointer self);
-  void post(std::function<void()> work);
-  void watch_bus();
-  void on_bus();
-  void on_message(GstMessage* message);
-  void open(GstPad* pad, bool held);
-  void wire();
-  void start_branches();
-  bool wire_track(pad_ptr from);
-  bool connect(track& t, const std::string& description);
-  void discard(pad_ptr source);
-  std::string branch_description(const codec& c) const;
-  std::string recorded_branch(const codec& c) const;
+  void attach(GstPad* pad);
+  void lead(GstPad* pad, GstElement* branch);
+  void discard(GstPad* pad);
   bool wanted(const codec& c) const;
-  std::optional<frame_kind> frames_of(const codec& c) const;
-  bool recorded(const codec& c) const { return wanted(c) && !frames_of(c); }
-  bool open_file(bool with_video);
-  void meter(track& t, GstPad* end);
-  int64_t utc_ms_at(GstClockTime running_time) const;
+  std::string video_branch(const codec& c) const;
+  std::string sound_branch(const codec& c) const;
+  void connect(const std::shared_ptr<track>& t);
+  void connect_video(const std::shared_ptr<track>& t);
+  void follow_rotation(const std::shared_ptr<track>& t);
+  void pick_jpgs(const std::shared_ptr<track>& t);
+  bool is_current(track& t, media_time time);
+  void note(const std::shared_ptr<track>& t, const media_sample& sample);
+  void on_first(const track& t, int width, int height);
+  void note_tracks();
   void done(const std::string& why);
   void log(base::log_levels level, const std::string& text) const;
 
   const uint32_t uid_;
-  const media_plan plan_;
-  surroundings around_;
+  const user_outputs to_;
+  const events told_;
+  const std::string logdir_;
+  const posting posting_;
   element_ptr pipeline_;
-  bus_ptr bus_;
-  int bus_fd_ = -1;
+  std::optional<bus_watch> watch_;
   GstElement* source_;  // borrowed from the pipeline
   const bool complete_source_;
+  std::atomic<int64_t> jpg_interval_;
 
-  // Filled by the source's thread.
-  std::mutex open_pads_lock_;
-  std::vector<pad_ptr> open_pads_;
-  track_gate gate_;
+  // The source's threads add to it.
+  std::mutex tracks_lock_;
+  std::vector<std::shared_ptr<track>> tracks_;
+  std::vector<end> ends_;
+  track* current_video_ = nullptr;
+  track* current_sound_ = nullptr;
 
-  std::vector<track> tracks_;
-  GstElement* muxer_ = nullptr;  // borrowed from the pipeline
-  bool webm_ = false;
-  std::optional<size_t> file_;
-  std::string path_;
-  bool wired_ = false;
+  bool video_ = false;
+  bool sound_ = false;
+  media_time key_asked_{};
   std::string finish_reason_;
-  bool disk_failed_ = false;
   bool finished_ = false;
   base::timer_event* give_up_timer_ = nullptr;
-  // Posted work of a graph that is gone must not run.
-  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };
 
 }  // namespace zelta::core_service::media

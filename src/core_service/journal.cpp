@@ -1,0 +1,92 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core_service/journal.h"
+
+#include <charconv>
+#include <exception>
+#include <fstream>
+
+#include <json/json.h>
+
+#include "core_service/atomic_file.h"
+
+namespace zelta::core_service {
+namespace {
+
+constexpr int kVersion = 1;
+
+std::string hex_of(const std::vector<uint8_t>& bytes) {
+  const char* const digits = "0123456789abcdef";
+  std::string text;
+  for (const uint8_t byte : bytes) {
+    text += digits[byte >> 4U];
+    text += digits[byte & 15U];
+  }
+  return text;
+}
+
+std::vector<uint8_t> bytes_of(const std::string& hex) {
+  std::vector<uint8_t> bytes;
+  if (hex.size() % 2 != 0) throw Json::RuntimeError("layout: half a byte");
+  for (size_t at = 0; at < hex.size(); at += 2) {
+    uint8_t byte = 0;
+    const auto [end, failed] = std::from_chars(hex.data() + at, hex.data() + at + 2, byte, 16);
+    if (failed != std::errc() || end != hex.data() + at + 2) {
+      throw Json::RuntimeError("layout: \"" + hex.substr(at, 2) + "\" is no byte");
+    }
+    bytes.push_back(byte);
+  }
+  return bytes;
+}
+
+journal_state from_json(const Json::Value& root) {
+  journal_state state;
+  if (root.get("version", 0).asInt() != kVersion) throw Json::RuntimeError("unknown version");
+  state.layout = bytes_of(root.get("layout", "").asString());
+  const Json::Value& backgrounds = root["user_backgrounds"];
+  for (const std::string& uid : backgrounds.getMemberNames()) {
+    state.user_backgrounds[static_cast<uint32_t>(std::stoul(uid))] = backgrounds[uid].asString();
+  }
+  state.log_level = root.get("log_level", 0U).asUInt();
+  state.log_modules = root.get("log_modules", -1).asInt64();
+  state.serving = root.get("serving", false).asBool();
+  return state;
+}
+
+}  // namespace
+
+bool journal::load(std::string& error) {
+  std::ifstream file(path_);
+  if (!file) {
+    error = "there is no " + path_;
+    return false;
+  }
+  try {
+    Json::Value root;
+    std::string errors;
+    if (!Json::parseFromStream(Json::CharReaderBuilder(), file, &root, &errors)) {
+      throw Json::RuntimeError(errors);
+    }
+    state = from_json(root);
+    return true;
+  } catch (const std::exception& e) {
+    error = path_ + " can't be read: " + e.what();
+    return false;
+  }
+}
+
+bool journal::save() const {
+  Json::Value root(Json::objectValue);
+  root["version"] = kVersion;
+  root["layout"] = hex_of(state.layout);
+  Json::Value backgrounds(Json::objectValue);
+  for (const auto& [uid, path] : state.user_backgrounds) backgrounds[std::to_string(uid)] = path;
+  root["user_backgrounds"] = std::move(backgrounds);
+  root["log_level"] = state.log_level;
+  root["log_modules"] = Json::Int64{state.log_modules};
+  root["serving"] = state.serving;
+  Json::StreamWriterBuilder writer;
+  writer["indentation"] = "  ";
+  return replace_file(path_, Json::writeString(writer, root) + "\n");
+}
+
+}  // namespace zelta::core_service

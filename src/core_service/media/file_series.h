@@ -1,0 +1,160 @@
+// SPDX-License-Identifier: Apache-2.0
+// The files of one user or of the mix, one after the other: where encoded video and sound go, and
+// the one place that decides when a file begins and ends.
+//
+//     on_video() ──────────────────────────────────────────────▶ file, file, …
+//     sound() ─▶ sound line ─▶ encoder ─▶ (routed by its time) ──▶
+//
+// A file begins with a key frame, or with the sound that was there before the first one. A new one
+// begins at a key frame when the picture's size or codec changed or a chunk is full; where there is
+// no picture for two seconds the sound goes on in a file of its own, because a muxer that waits
+// for a picture would keep the sound from the disk. Sound is encoded through all of this, so files
+// that are laid end to end are the whole.
+//
+// Thread rule: everything on the loop's thread; sound() may be fed by any thread.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include "base/log.h"
+#include "core_service/manifest.h"
+#include "core_service/media/media_file.h"
+#include "core_service/media/sound_encoder.h"
+#include "core_service/media/sound_line.h"
+
+namespace zelta::core_service::media {
+
+struct series_plan {
+  uint32_t uid = 0;    // 0: the mix
+  std::string prefix;  // of the files' names
+  bool video = true;   // what is recorded where it comes
+  bool sound = true;
+  int channels = 1;
+  int sound_bits_per_second = 64'000;
+  // Length of a file; 0: no limit.
+  media_time chunk{};
+  // Gaps in sound that are left as gaps.
+  media_time longest_gap{};
+  // How much later than captured media may arrive here.
+  media_time lateness{};
+};
+
+class file_series {
+ public:
+  struct surroundings {
+    std::string folder;
+    base::event_loop& loop;
+    manifest& files;
+  };
+  struct events {
+    // A picture is needed that can be decoded by itself.
+    std::function<void()> need_key_frame;
+    // A file could not be written; it is as complete as it can be.
+    std::function<void(const std::string& why, bool disk)> failed;
+    // After stop(): all files are complete. The series may be destroyed from inside the call.
+    std::function<void()> stopped;
+  };
+
+  file_series(series_plan plan, surroundings around, events told);
+  file_series(const file_series&) = delete;
+  file_series& operator=(const file_series&) = delete;
+  // Stops at once: MP4 files stay fragmented ones.
+  ~file_series();
+
+  // Where sound is to be pushed; null when none is recorded.
+  sound_line* sound() { return line_ ? &*line_ : nullptr; }
+  // Whether a picture is still to be waited for.
+  void expect_video(bool expected) { video_expected_ = expected; }
+
+  // Records what comes from now on, into new files.
+  void start();
+  // Records what was captured before `at`, for which it waits until `patience` has passed.
+  // events::stopped follows.
+  void stop(const std::string& why, media_time at, media_time patience);
+  bool recording() const { return recording_; }
+  // Where the recorded picture has come to.
+  media_time last_video_end() const { return last_video_end_; }
+
+  void on_video(const media_sample& sample, const codec& kind);
+  // Several times a second: what doesn't come has to be noticed as well.
+  void tick();
+  // Writes the state of the files into the manifest's entries.
+  void update_manifest();
+
+ private:
+  struct open_file {
+    std::unique_ptr<media_file> file;
+    media_file::contents holds;
+    size_t entry;
+    media_time begin;
+    media_time end;  // what comes later belongs to the next file
+    caps_ptr video_caps;
+    const codec* video = nullptr;
+    int encoder = 0;  // number of the encoder that its sound comes from
+    bool sound_done = false;
+    bool finishing = false;
+    std::string why;
+  };
+
+  struct waiting_sound {
+    media_sample sample;
+    int encoder;
+  };
+
+  bool waits_for_key(const media_sample& sample) const;
+  bool is_new_file(const media_sample& sample) const;
+  void open_with_video(const media_sample& sample, const codec& kind);
+  void open(media_time begin, const media_file::contents& holds, const media_sample* video,
+            const codec* kind);
+  void cut(media_time at, const std::string& why);
+  void open_sound_alone();
+  void on_sound(media_sample sample, int encoder);
+  void route_sound();
+  void route(const waiting_sound& next);
+  void on_sound_end(int encoder);
+  void finish_complete();
+  void on_done(open_file* which, const std::string& error, bool disk);
+  std::shared_ptr<sound_encoder> make_encoder(sound_codec codec);
+  void enter(open_file& of);
+  void report_stopped();
+  void tick_silence(media_time at);
+  void tick_stop();
+  void log(base::log_levels level, const std::string& text) const;
+
+  const series_plan plan_;
+  const surroundings around_;
+  const events told_;
+  const posting posting_;
+  std::optional<sound_line> line_;
+
+  bool recording_ = false;
+  bool video_expected_;
+  media_time started_{};
+  media_time last_video_end_{};
+  media_time last_sound_end_{};
+  int failures_ = 0;
+
+  open_file* current_ = nullptr;  // the last of files_, or null
+  std::list<open_file> files_;    // in the order of time
+  std::deque<waiting_sound> waiting_sound_;
+  std::optional<sound_codec> encoder_codec_;
+  int encoder_ = 0;
+  // Those whose sound has not all come out.
+  std::map<int, std::shared_ptr<sound_encoder>> encoders_;
+
+  struct ending {
+    std::string why;
+    media_time at;
+    media_time deadline;
+  };
+  std::optional<ending> ending_;
+};
+
+}  // namespace zelta::core_service::media

@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core_service/media/media_file.h"
+
+#include <algorithm>
+#include <utility>
+
+#include <gst/app/gstappsrc.h>
+
+namespace zelta::core_service::media {
+namespace {
+
+// Completing a file takes milliseconds unless the disk hangs; the engine waits 10 s.
+constexpr int kFinishLimitMs = 5000;
+// A disk that is behind by so much will not catch up, and the memory is needed for the others.
+constexpr guint64 kBacklogLimitBytes = 256U << 20;
+
+std::string description_of(const media_file::contents& holds) {
+  std::string text = holds.kind == container::kWebm ? "webmmux name=muxer offset-to-zero=true"
+                                                    : "mp4mux name=muxer fragment-duration=500 "
+                                                      "fragment-mode=first-moov-then-finalise";
+  // Unbuffered: what a fragment has closed must outlive this process.
+  text += " ! filesink name=file async=false sync=false buffer-mode=unbuffered";
+  const std::string source = "appsrc format=time max-bytes=0 name=";
+  if (holds.video) text += " " + source + "video ! muxer.video_0";
+  if (holds.sound) text += " " + source + "sound ! muxer.audio_0";
+  return text;
+}
+
+GstClockTime clock_time(media_time time) {
+  return static_cast<GstClockTime>(std::max(time, media_time::zero()).count());
+}
+
+}  // namespace
+
+std::unique_ptr<media_file> media_file::make(const std::string& path, const contents& holds,
+                                             base::event_loop& loop, done_callback done,
+                                             std::string& error) {
+  element_ptr pipeline = make_pipeline(description_of(holds), error);
+  if (!pipeline) return nullptr;
+  g_object_set(child(pipeline.get(), "file"), "location", path.c_str(), nullptr);
+  return std::unique_ptr<media_file>(
+      new media_file(std::move(pipeline), holds, loop, std::move(done)));
+}
+
+media_file::media_file(element_ptr pipeline, const contents& holds, base::event_loop& loop,
+                       done_callback done)
+    : loop_(loop),
+      posting_(loop),
+      done_(std::move(done)),
+      pipeline_(std::move(pipeline)),
+      video_(holds.video ? child(pipeline_.get(), "video") : nullptr),
+      sound_(holds.sound ? child(pipeline_.get(), "sound") : nullptr) {
+  watch_.emplace(pipeline_.get(), loop_,
+                 bus_watch::events{[this] { give_up("", false); },
+                                   [this](const std::string& why, const std::string& from,
+                                          bool disk) { give_up(why, disk && from == "file"); }});
+  gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
+}
+
+media_file::~media_file() {
+  if (limit_ != nullptr) loop_.remove_timer(limit_);
+  watch_.reset();
+  gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+}
+
+void media_file::write(media_kind kind, const media_sample& sample) {
+  GstElement* const to = kind == media_kind::kVideo ? video_ : sound_;
+  if (to == nullptr || failed_) return;
+  // The samples are shared with others, the times are this file's own.
+  GstBuffer* const buffer = gst_buffer_copy(sample.buffer.get());
+  GST_BUFFER_PTS(buffer) = clock_time(sample.time);
+  GST_BUFFER_DTS(buffer) =
+      kind == media_kind::kVideo ? clock_time(sample.decode_time) : GST_CLOCK_TIME_NONE;
+  GST_BUFFER_DURATION(buffer) =
+      sample.duration > media_time::zero() ? clock_time(sample.duration) : GST_CLOCK_TIME_NONE;
+  const sample_ptr whole(gst_sample_new(buffer, sample.caps.get(), nullptr, nullptr));
+  gst_buffer_unref(buffer);
+  gst_app_src_push_sample(GST_APP_SRC(to), whole.get());
+  first_ = written_ ? std::min(first_, sample.time) : sample.time;
+  last_ = written_ ? std::max(last_, sample.end()) : sample.end();
+  written_ = true;
+  if (gst_app_src_get_current_level_bytes(GST_APP_SRC(to)) > kBacklogLimitBytes) {
+    // Later, because who writes still holds this.
+    posting_.post([this] { give_up("the disk is too slow", true); });
+  }
+}
+
+void media_file::finish() {
+  if (limit_ != nullptr || failed_) return;
+  limit_ = loop_.add_timer(
+      kFinishLimitMs,
+      [](int, void* self) {
+        static_cast<media_file*>(self)->give_up("not completed in time; it stays fragmented", true);
+      },
+      this);
+  for (GstElement* const source : {video_, sound_}) {
+    if (source != nullptr) gst_app_src_end_of_stream(GST_APP_SRC(source));
+  }
+}
+
+void media_file::give_up(const std::string& why, bool disk) {
+  if (std::exchange(failed_, true)) return;
+  // Everything is written to the file before this returns.
+  gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+  const done_callback done = done_;
+  done(why, disk);
+}
+
+}  // namespace zelta::core_service::media

@@ -1,0 +1,111 @@
+// SPDX-License-Identifier: Apache-2.0
+// The mix of all users: who is in it, how they stand, and what becomes of it.
+//
+// Thread rule: everything on the loop's thread.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "base/log.h"
+#include "core_service/engine_link.h"
+#include "core_service/manifest.h"
+#include "core_service/media/file_series.h"
+#include "core_service/media/frame_sender.h"
+#include "core_service/mix/mix_graph.h"
+#include "core_service/recording_plan.h"
+
+namespace zelta::core_service::mix {
+
+class mix {
+ public:
+  struct surroundings {
+    std::string folder;
+    base::event_loop& loop;
+    manifest& files;
+    engine_link& link;
+  };
+  struct events {
+    // A file could not be written, or the graph failed as a whole.
+    std::function<void(const std::string& why, bool disk)> failed;
+    // After finish(): all files are complete. The mix may be destroyed from inside the call.
+    std::function<void()> finished;
+  };
+  struct backgrounds {
+    std::string canvas;  // paths of images; empty: none
+    std::string user;
+  };
+
+  // `lateness` is that of the users' media. Null, with `error`, when a plugin is missing.
+  static std::unique_ptr<mix> make(const recording_plan& plan, media::media_time lateness,
+                                   const backgrounds& images, const surroundings& around,
+                                   events told, std::string& error);
+  mix(const mix&) = delete;
+  mix& operator=(const mix&) = delete;
+  // Stops at once.
+  ~mix();
+
+  std::shared_ptr<media::mix_input> add_user(uint32_t uid);
+  // What the user has sent by now is still mixed.
+  void remove_user(uint32_t uid);
+  // In place of the grid, or of the layout before.
+  void set_layout(const recording::mixing_layout& layout);
+  void set_user_background(uint32_t uid, const std::string& path);
+
+  void start_service();
+  void stop_service(const std::string& why);
+  // Everything that was captured until now is mixed and recorded; events::finished follows.
+  void finish(const std::string& why);
+  void tick();
+  void update_manifest();
+
+ private:
+  mix(const recording_plan& plan, media::media_time lateness, const surroundings& around,
+      events told);
+  struct member {
+    uint32_t uid;
+    std::shared_ptr<media::mix_input> input;
+    std::optional<media::media_time> left;
+  };
+
+  bool build(const backgrounds& images, std::string& error);
+  void make_series(bool video, bool sound);
+  void on_sound(media::media_time time, const int16_t* samples, size_t frames);
+  void arrange();
+  void let_go(media::media_time left_before);
+  void show_canvas();
+  media::sample_ptr background_of(uint32_t uid);
+  void on_stopped();
+  void warn(const std::string& text) const;
+
+  const recording_plan plan_;
+  const surroundings around_;
+  const events told_;
+  const media::posting posting_;
+  const media::media_time latency_;
+  const media::codec* const h264_;
+
+  media::sample_ptr canvas_image_;
+  media::sample_ptr user_image_;
+  std::map<uint32_t, media::sample_ptr> user_images_;
+  std::optional<recording::mixing_layout> layout_;
+  std::vector<member> users_;  // in the order of coming
+
+  std::atomic<bool> serving_{false};
+  std::shared_ptr<media::frame_sender> frames_;
+  std::optional<media::sound_line> frame_line_;
+  std::vector<std::unique_ptr<media::file_series>> series_;
+  media::file_series* sound_files_ = nullptr;
+  bool finishing_ = false;
+  size_t stopped_ = 0;
+  std::atomic<int64_t> progress_{0};
+  std::unique_ptr<mix_graph> graph_;
+};
+
+}  // namespace zelta::core_service::mix

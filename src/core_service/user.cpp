@@ -1,0 +1,223 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core_service/user.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <utility>
+
+#include "base/clocks.h"
+
+namespace zelta::core_service {
+namespace {
+
+using namespace std::chrono_literals;
+using media::media_time;
+
+constexpr int kFileBitsPerSecond = 64'000;
+// What was captured before a stop may take so long to arrive.
+constexpr media_time kStopPatience = 300ms;
+constexpr media_time kSoundPatience = 1s;
+
+}  // namespace
+
+user::user(uint32_t uid, user_media from, const recording_plan& plan, surroundings around,
+           std::shared_ptr<media::mix_input> mix, events told)
+    : uid_(uid),
+      plan_(plan),
+      around_(std::move(around)),
+      told_(std::move(told)),
+      mix_(std::move(mix)),
+      posting_(around_.loop),
+      lateness_(from.lateness) {
+  frames_ = std::make_shared<media::frame_sender>(media::frame_labels{uid_, plan_.avsync_type},
+                                                  around_.link);
+  if (plan_.sound_out == sound_frames::kPcm || plan_.sound_out == sound_frames::kAac) {
+    frame_line_.emplace(static_cast<size_t>(plan_.channels), plan_.longest_gap);
+  }
+  make_series(from.may_have_video);
+  graph_ = std::make_unique<media::user_graph>(
+      uid_, std::move(from), outputs(), around_.loop,
+      media::user_graph::events{told_.first_video, told_.first_sound,
+                                [this](bool /*sound*/, bool video) {
+                                  if (series_) series_->expect_video(video);
+                                },
+                                [this](const std::string& why) { on_graph_finished(why); }},
+      around_.folder);
+}
+
+user::~user() {
+  // Its threads feed what is declared before it.
+  graph_.reset();
+}
+
+void user::make_series(bool may_have_video) {
+  if (!plan_.record_sound && !plan_.record_video) return;
+  media::series_plan files;
+  files.uid = uid_;
+  files.prefix = std::to_string(uid_);
+  files.video = plan_.record_video;
+  files.sound = plan_.record_sound;
+  files.channels = plan_.channels;
+  files.sound_bits_per_second = kFileBitsPerSecond;
+  files.chunk = plan_.chunk;
+  files.longest_gap = plan_.longest_gap;
+  files.lateness = lateness_;
+  series_ = std::make_unique<media::file_series>(
+      files, media::file_series::surroundings{around_.folder, around_.loop, around_.files},
+      media::file_series::events{[this] {
+                                   if (graph_) graph_->request_key_frame();
+                                 },
+                                 told_.failed,
+                                 [this] {
+                                   if (media_ended_ && finished_) tell_finished();
+                                 }});
+  series_->expect_video(plan_.record_video && may_have_video);
+}
+
+media::user_outputs user::outputs() {
+  media::user_outputs to;
+  to.channels = plan_.channels;
+  if (plan_.record_video) {
+    to.video = [this](const media::media_sample& sample, const media::codec& kind) {
+      series_->on_video(sample, kind);
+    };
+  }
+  if (plan_.take_sound) {
+    to.sound = [this](media_time time, const int16_t* samples, size_t frames) {
+      on_sound(time, samples, frames);
+    };
+  }
+  if (plan_.take_video && plan_.video_out == video_frames::kH264) {
+    to.h264 = [this](const media::media_sample& sample, int rotation) {
+      if (serving_) frames_->send_h264(sample, rotation);
+    };
+  }
+  if (plan_.take_video && plan_.video_out == video_frames::kYuv) {
+    to.yuv = [this](GstSample* picture, media_time time, int rotation) {
+      if (serving_) frames_->send_yuv(picture, time, rotation);
+    };
+  }
+  if (plan_.mix_video && mix_) {
+    to.mix = [this](GstSample* picture, media_time time) { mix_->on_picture(picture, time); };
+  }
+  if (plan_.take_video && (plan_.jpg_packets || plan_.jpg_files)) {
+    to.jpg_interval = plan_.jpg_interval;
+    to.jpg = [this](const media::media_sample& sample, int rotation) {
+      if (!serving_) return;
+      if (plan_.jpg_packets) return frames_->send_jpg(sample, rotation);
+      write_jpg(sample);
+    };
+  }
+  return to;
+}
+
+// On the decoder's thread.
+void user::on_sound(media_time time, const int16_t* samples, size_t frames) {
+  volume_.add(samples, frames * static_cast<size_t>(plan_.channels));
+  if (mix_) mix_->on_sound(time, samples, frames);
+  if (series_ && series_->sound() != nullptr) series_->sound()->push(time, samples, frames);
+  if (!frame_line_ || !serving_) return;
+  if (!frame_line_->position()) start_frames(time);
+  frame_line_->push(time, samples, frames);
+}
+
+void user::start_frames(media_time time) {
+  if (plan_.sound_out == sound_frames::kPcm) {
+    return frame_line_->start(time, std::make_shared<media::pcm_sink>(frames_, plan_.channels));
+  }
+  std::string error;
+  auto encoder = media::sound_encoder::make(
+      {media::sound_codec::kAdts, plan_.channels, media::kAacFrameBitsPerSecond},
+      {[frames = frames_](const media::media_sample& sample) { frames->send_aac(sample); },
+       nullptr},
+      error);
+  if (encoder) return frame_line_->start(time, std::move(encoder));
+  base::log_dir(around_.folder.c_str(), base::ERROR_LOG,
+                base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER, "user %u: no AAC frames: %s", uid_,
+                error.c_str());
+}
+
+// On the encoder's thread. Written under another name first, so that whoever looks for pictures
+// finds whole ones.
+void user::write_jpg(const media::media_sample& sample) {
+  const std::string path = around_.folder + std::to_string(uid_) + "_" +
+                           base::utc_compact_text(media::utc_ms_of(sample.time)) + ".jpg";
+  const std::string fresh = path + ".new";
+  GstMapInfo map{};
+  if (gst_buffer_map(sample.buffer.get(), &map, GST_MAP_READ) == FALSE) return;
+  std::FILE* const file = std::fopen(fresh.c_str(), "wbe");
+  bool written = file != nullptr && std::fwrite(map.data, 1, map.size, file) == map.size;
+  // Closing is what writes the rest.
+  written = file != nullptr && std::fclose(file) == 0 && written;
+  gst_buffer_unmap(sample.buffer.get(), &map);
+  written = written && std::rename(fresh.c_str(), path.c_str()) == 0;
+  posting_.post([this, written, path, why = std::string(std::strerror(errno))] {
+    if (written) return around_.files.count_picture(uid_);
+    std::remove((path + ".new").c_str());
+    told_.failed("can't write " + path + ": " + why, true);
+  });
+}
+
+// ---- The service ---------------------------------------------------------------------------
+
+void user::start() {
+  graph_->start();
+}
+
+void user::start_service() {
+  if (serving_.exchange(true)) return;
+  if (series_) series_->start();
+  if (plan_.video_out == video_frames::kH264) graph_->request_key_frame();
+}
+
+void user::stop_service(const std::string& why) {
+  if (!serving_.exchange(false)) return;
+  if (series_) series_->stop(why, media::now(), lateness_ + kStopPatience);
+}
+
+void user::set_capture_interval(int seconds) {
+  graph_->set_jpg_interval(std::chrono::seconds(seconds));
+}
+
+void user::finish(const std::string& why, std::function<void()> finished) {
+  finish_reason_ = why;
+  finished_ = std::move(finished);
+  finish_time_ = media::now();
+  if (media_ended_) return on_graph_finished(why);
+  graph_->finish(why);
+}
+
+void user::on_graph_finished(const std::string& why) {
+  const bool by_itself = finish_reason_.empty();
+  media_ended_ = true;
+  if (by_itself) return told_.ended(why);
+  if (!series_) return posting_.post([this] { tell_finished(); });
+  // Media that ended by itself ends where its last sound or picture does.
+  media_time end = finish_time_;
+  if (finish_reason_ == "end of media") {
+    const auto sound = series_->sound() != nullptr ? series_->sound()->last_heard() : std::nullopt;
+    end = std::max(series_->last_video_end(), sound.value_or(media_time::zero()));
+  }
+  series_->stop(finish_reason_, end, 0s);
+}
+
+// A copy, because what is called may destroy this.
+void user::tell_finished() const {
+  const std::function<void()> finished = finished_;
+  finished();
+}
+
+void user::tick() {
+  if (series_) series_->tick();
+  if (frame_line_ && plan_.longest_gap == media_time::zero()) {
+    frame_line_->fill_to(media::now() - lateness_ - kSoundPatience);
+  }
+}
+
+void user::update_manifest() {
+  if (series_) series_->update_manifest();
+}
+
+}  // namespace zelta::core_service
