@@ -36,12 +36,12 @@ user::user(uint32_t uid, user_media from, const recording_plan& plan, surroundin
   if (plan_.sound_out == sound_frames::kPcm || plan_.sound_out == sound_frames::kAac) {
     frame_line_.emplace(static_cast<size_t>(plan_.channels), plan_.longest_gap);
   }
-  make_series(from.may_have_video);
+  make_series(from.may_have_video, from.may_have_sound);
   graph_ = std::make_unique<media::user_graph>(
       uid_, std::move(from), outputs(), around_.loop,
       media::user_graph::events{told_.first_video, told_.first_sound,
-                                [this](bool /*sound*/, bool video) {
-                                  if (series_) series_->expect_video(video);
+                                [this](bool sound, bool video) {
+                                  if (series_) series_->expect(video, sound);
                                 },
                                 [this](const std::string& why) { on_graph_finished(why); }},
       around_.folder);
@@ -52,7 +52,7 @@ user::~user() {
   graph_.reset();
 }
 
-void user::make_series(bool may_have_video) {
+void user::make_series(bool may_have_video, bool may_have_sound) {
   if (!plan_.record_sound && !plan_.record_video) return;
   media::series_plan files;
   files.uid = uid_;
@@ -73,7 +73,7 @@ void user::make_series(bool may_have_video) {
                                  [this] {
                                    if (media_ended_ && finished_) tell_finished();
                                  }});
-  series_->expect_video(plan_.record_video && may_have_video);
+  series_->expect(may_have_video, may_have_sound);
 }
 
 media::user_outputs user::outputs() {

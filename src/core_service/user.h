@@ -64,7 +64,7 @@ class user {
 
  private:
   media::user_outputs outputs();
-  void make_series(bool may_have_video);
+  void make_series(bool may_have_video, bool may_have_sound);
   void on_sound(media::media_time time, const int16_t* samples, size_t frames);
   void start_frames(media::media_time time);
   void on_graph_finished(const std::string& why);

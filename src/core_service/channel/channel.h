@@ -24,6 +24,7 @@ struct user_media {
   bool complete = false;
   // What is not to be waited for.
   bool may_have_video = true;
+  bool may_have_sound = true;
   // How much later than captured media comes out.
   media::media_time lateness{};
 };

@@ -77,7 +77,9 @@ user_media make_file_user(const std::string& path) {
   gst_element_link(file, parser);
   g_signal_connect(parser, "pad-added", G_CALLBACK(on_track), bin.get());
   g_signal_connect(parser, "no-more-pads", G_CALLBACK(on_all_tracks), bin.get());
-  return {std::move(bin), false, true, {}};
+  user_media made;
+  made.source = std::move(bin);
+  return made;
 }
 
 class dir_channel : public channel {

@@ -203,8 +203,11 @@ class test_channel : public channel {
   }
 
   void user_in(uint32_t uid) {
-    user_media made{media::element_ptr(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr)))),
-                    true};
+    user_media made;
+    made.source.reset(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
+    made.complete = true;
+    made.may_have_video = script_.video != "none";
+    made.may_have_sound = script_.audio != "none";
     std::string error;
     if (script_.video != "none") add_track(made, "video", video_description(script_, uid), error);
     if (script_.audio != "none") add_track(made, "audio", audio_description(script_, uid), error);

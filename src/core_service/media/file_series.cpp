@@ -53,7 +53,8 @@ file_series::file_series(series_plan plan, surroundings around, events told)
       around_(std::move(around)),
       told_(std::move(told)),
       posting_(around_.loop),
-      video_expected_(plan_.video) {
+      video_expected_(plan_.video),
+      sound_expected_(plan_.sound) {
   if (plan_.sound) line_.emplace(static_cast<size_t>(plan_.channels), plan_.longest_gap);
 }
 
@@ -110,7 +111,7 @@ void file_series::open_with_video(const media_sample& sample, const codec& kind)
     const auto heard = line_->first_kept();
     if (heard && *heard < begin) begin = std::max(*heard, std::min(started_, begin));
   }
-  open(begin, {form, true, plan_.sound}, &sample, &kind);
+  open(begin, {form, true, sound_expected_}, &sample, &kind);
 }
 
 // ---- Files ---------------------------------------------------------------------------------

@@ -70,8 +70,11 @@ class file_series {
 
   // Where sound is to be pushed; null when none is recorded.
   sound_line* sound() { return line_ ? &*line_ : nullptr; }
-  // Whether a picture is still to be waited for.
-  void expect_video(bool expected) { video_expected_ = expected; }
+  // Whether there may be pictures, and sound: what isn't expected is not waited for.
+  void expect(bool video, bool sound) {
+    video_expected_ = plan_.video && video;
+    sound_expected_ = plan_.sound && sound;
+  }
 
   // Records what comes from now on, into new files.
   void start();
@@ -136,6 +139,7 @@ class file_series {
 
   bool recording_ = false;
   bool video_expected_;
+  bool sound_expected_;
   media_time started_{};
   media_time last_video_end_{};
   media_time last_sound_end_{};
