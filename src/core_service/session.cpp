@@ -307,6 +307,7 @@ user::events session::events_of(uint32_t uid) {
     report_stream_status();
   };
   told.failed = [this](const std::string& why, bool disk) { on_files_failed(why, disk); };
+  told.faulty = [this, uid](const std::string& why) { on_user_error(uid, why); };
   told.ended = [this, uid](const std::string& why) { end_user(uid, why); };
   return told;
 }
@@ -334,6 +335,7 @@ void session::end_user(uint32_t uid, const std::string& why) {
   });
 }
 
+// The user stays, and so does the recording: others send what can be used.
 void session::on_user_error(uint32_t uid, const std::string& why) {
   log(base::ERROR_LOG, "user " + std::to_string(uid) + ": " + why);
   link_.send(make<protocol::recorder_error_packet>(int32_t{ERR_INVALID_ARGUMENT},

@@ -30,7 +30,8 @@ user::user(uint32_t uid, user_media from, const recording_plan& plan, surroundin
       told_(std::move(told)),
       mix_(std::move(mix)),
       posting_(around_.loop),
-      lateness_(from.lateness) {
+      lateness_(from.lateness),
+      fault_(std::move(from.fault)) {
   frames_ = std::make_shared<media::frame_sender>(media::frame_labels{uid_, plan_.avsync_type},
                                                   around_.link);
   if (plan_.sound_out == sound_frames::kPcm || plan_.sound_out == sound_frames::kAac) {
@@ -210,7 +211,11 @@ void user::tell_finished() const {
 }
 
 void user::tick() {
-  if (series_) series_->tick();
+  const std::string fault = fault_ && !media_ended_ ? fault_() : "";
+  if (!fault.empty()) told_.faulty(fault);
+  // Between the end of the sender and the end of what it sent nothing is missing.
+  const bool draining = !finish_reason_.empty() && !media_ended_;
+  if (series_ && !draining) series_->tick();
   if (frame_line_ && plan_.longest_gap == media_time::zero()) {
     frame_line_->fill_to(media::now() - lateness_ - kSoundPatience);
   }

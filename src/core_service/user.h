@@ -35,6 +35,8 @@ class user {
     std::function<void()> first_sound;
     // A file of the user could not be written.
     std::function<void(const std::string& why, bool disk)> failed;
+    // What the user sends can't be used.
+    std::function<void(const std::string& why)> faulty;
     // The media ended by itself; finish() is to be called.
     std::function<void(const std::string& why)> ended;
   };
@@ -78,6 +80,7 @@ class user {
   const std::shared_ptr<media::mix_input> mix_;
   const media::posting posting_;
   const media::media_time lateness_;
+  const std::function<std::string()> fault_;
 
   std::shared_ptr<media::frame_sender> frames_;
   std::optional<media::sound_line> frame_line_;

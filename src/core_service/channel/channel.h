@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -25,6 +26,8 @@ struct user_media {
   // What is not to be waited for.
   bool may_have_video = true;
   bool may_have_sound = true;
+  // What is wrong with what comes, once; else empty. May be null. Valid while `source` lives.
+  std::function<std::string()> fault;
   // How much later than captured media comes out.
   media::media_time lateness{};
 };
@@ -35,8 +38,6 @@ class channel_listener {
   virtual void on_channel_failed(const std::string& why) = 0;
   virtual void on_user_in(uint32_t uid, user_media media) = 0;
   virtual void on_user_out(uint32_t uid) = 0;
-  // The user stays, but what they send can't be used, as with a wrong key.
-  virtual void on_user_error(uint32_t uid, const std::string& why) = 0;
   virtual void on_channel_interrupted() = 0;
   virtual void on_channel_lost() = 0;
 

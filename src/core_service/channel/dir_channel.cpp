@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // A folder as a channel: PATH/CHANNEL/UID.mp4 (mkv, webm, ogg, wav) is a user whose media is that
-// file, played in real time. A file that appears is a user who joins, one that is removed or ends a
-// user who leaves.
+// file, played in real time; UID.sdp is one who sends RTP as that session description says. A file
+// that appears is a user who joins, one that is removed or ends a user who leaves. A description
+// that leaves a port open, with 9 for it, is answered by UID.sdp.answer, which has the port.
 #include <algorithm>
 #include <array>
 #include <cerrno>
 #include <charconv>
 #include <cstring>
+#include <fstream>
 #include <map>
 #include <utility>
 #include <vector>
@@ -18,12 +20,17 @@
 
 #include "base/log.h"
 #include "base/unique_fd.h"
+#include "core_service/atomic_file.h"
 #include "core_service/channel/channel.h"
+#include "core_service/rtp/rtp_source.h"
 
 namespace zelta::core_service {
 namespace {
 
 constexpr std::array<const char*, 5> kMediaEndings{"mp4", "mkv", "webm", "ogg", "wav"};
+constexpr const char* kDescriptionEnding = "sdp";
+// No description is longer; whatever else has the name is not read into memory.
+constexpr std::streamsize kMaxDescriptionBytes = 64 << 10;
 
 struct user_file {
   uint32_t uid;
@@ -82,11 +89,23 @@ user_media make_file_user(const std::string& path) {
   return made;
 }
 
+std::string read_description(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  std::string text(kMaxDescriptionBytes, '\0');
+  file.read(text.data(), kMaxDescriptionBytes);
+  text.resize(static_cast<size_t>(file.gcount()));
+  return text;
+}
+
 class dir_channel : public channel {
  public:
-  dir_channel(std::string folder, std::string logdir, base::event_loop& loop,
+  dir_channel(std::string folder, const channel_place& place, base::event_loop& loop,
               channel_listener& listener)
-      : folder_(std::move(folder)), logdir_(std::move(logdir)), loop_(loop), listener_(listener) {}
+      : folder_(std::move(folder)),
+        logdir_(place.logdir),
+        rtp_(place.rtp),
+        loop_(loop),
+        listener_(listener) {}
   ~dir_channel() override { leave(); }
 
   void join() override {
@@ -157,14 +176,43 @@ class dir_channel : public channel {
   void appeared(const std::string& name) {
     user_file file;
     if (!parse_name(name, file)) return;
-    if (!is_media(file)) {
-      return base::log_dir(
-          logdir_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
-          "%s is no user: a user's file ends in mp4, mkv, webm, ogg or wav", name.c_str());
+    const bool description = file.ending == kDescriptionEnding;
+    if (!is_media(file) && !description) {
+      return log(name + " is no user: a user's file ends in mp4, mkv, webm, ogg, wav or sdp");
     }
     // A second file of a user, and a file that was only written again, change nothing.
-    if (!present_.emplace(file.uid, name).second) return;
-    listener_.on_user_in(file.uid, make_file_user(folder_ + name));
+    if (present_.count(file.uid) != 0) return;
+    user_media from = description ? make_sender(name) : make_file_user(folder_ + name);
+    if (!from.source) return;
+    present_.emplace(file.uid, name);
+    listener_.on_user_in(file.uid, std::move(from));
+  }
+
+  // Empty when the description can't be used; it may be written again.
+  user_media make_sender(const std::string& name) {
+    std::vector<std::string> warnings;
+    std::string error;
+    auto made = rtp::make_rtp_source(read_description(folder_ + name), rtp_, warnings, error);
+    for (const std::string& text : warnings) log(name + ": " + text);
+    if (!made) {
+      log(name + " can't be recorded: " + error);
+      return {};
+    }
+    if (!made->answer.empty() && !replace_file(folder_ + name + ".answer", made->answer)) {
+      log(name + ".answer can't be written: " + std::strerror(errno));
+    }
+    user_media from;
+    from.source = std::move(made->bin);
+    from.may_have_video = made->video;
+    from.may_have_sound = made->sound;
+    from.fault = std::move(made->fault);
+    from.lateness = rtp_.jitter_latency;
+    return from;
+  }
+
+  void log(const std::string& text) const {
+    base::log_dir(logdir_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
+                  "%s", text.c_str());
   }
 
   void disappeared(const std::string& name) {
@@ -178,6 +226,7 @@ class dir_channel : public channel {
 
   const std::string folder_;
   const std::string logdir_;
+  const rtp::settings rtp_;
   base::event_loop& loop_;
   channel_listener& listener_;
   base::unique_fd changes_;
@@ -200,10 +249,10 @@ std::unique_ptr<channel> make_dir_channel(const std::string& root, const channel
   struct stat status {};
   if (stat(folder.c_str(), &status) != 0) {
     error = "the channel's folder " + folder + " can't be used: " + std::strerror(errno) +
-            "; it should hold a media file UID.mp4 a user";
+            "; it should hold a file UID.mp4 or UID.sdp a user";
     return nullptr;
   }
-  return std::make_unique<dir_channel>(folder, place.logdir, loop, listener);
+  return std::make_unique<dir_channel>(folder, place, loop, listener);
 }
 
 }  // namespace zelta::core_service

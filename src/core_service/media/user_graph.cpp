@@ -105,6 +105,7 @@ void user_graph::start() {
     note_tracks();
   } else {
     g_signal_connect(source_, "pad-added", G_CALLBACK(on_pad_added), this);
+    g_signal_connect(source_, "pad-removed", G_CALLBACK(on_pad_removed), this);
     g_signal_connect(source_, "no-more-pads", G_CALLBACK(on_no_more_pads), this);
   }
   gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
@@ -114,6 +115,40 @@ void user_graph::start() {
 
 void user_graph::on_pad_added(GstElement* /*source*/, GstPad* pad, gpointer self) {
   static_cast<user_graph*>(self)->attach(pad);
+}
+
+// On a thread of the source, which may be the one that feeds the branch.
+void user_graph::on_pad_removed(GstElement* /*source*/, GstPad* pad, gpointer self) {
+  auto* const graph = static_cast<user_graph*>(self);
+  const std::shared_ptr<GstPad> kept(GST_PAD(gst_object_ref(pad)), gst_object_unref);
+  graph->posting_.post([graph, kept] { graph->detach(kept.get()); });
+}
+
+void user_graph::detach(GstPad* pad) {
+  if (finished_ || !finish_reason_.empty()) return;
+  pad_ptr in;
+  std::shared_ptr<track> gone;
+  {
+    const std::lock_guard<std::mutex> guard(tracks_lock_);
+    const auto end_at = std::find_if(ends_.begin(), ends_.end(),
+                                     [pad](const end& e) { return e.source.get() == pad; });
+    if (end_at == ends_.end()) return;
+    in = std::move(end_at->in);
+    ends_.erase(end_at);
+    const auto track_at = std::find_if(tracks_.begin(), tracks_.end(),
+                                       [pad](const auto& t) { return t->source.get() == pad; });
+    if (track_at != tracks_.end()) {
+      gone = *track_at;
+      tracks_.erase(track_at);
+      if (current_video_ == gone.get()) current_video_ = nullptr;
+      if (current_sound_ == gone.get()) current_sound_ = nullptr;
+    }
+  }
+  const element_ptr branch(gst_pad_get_parent_element(in.get()));
+  // Ends it, so that its sinks are not waited for later.
+  gst_pad_send_event(in.get(), gst_event_new_eos());
+  gst_element_set_state(branch.get(), GST_STATE_NULL);
+  gst_bin_remove(GST_BIN(pipeline_.get()), branch.get());
 }
 
 void user_graph::on_no_more_pads(GstElement* /*source*/, gpointer self) {
@@ -214,71 +249,70 @@ std::string user_graph::video_branch(const codec& c) const {
   return text;
 }
 
+// `take` gets what the sink called `name` of the track's branch receives, placed in time.
+void user_graph::receive(const std::shared_ptr<track>& t, const char* name,
+                         std::function<void(GstSample*, media_sample&)> take) {
+  ++open_sinks_;
+  on_samples(
+      child(t->branch, name),
+      [pipeline = pipeline_.get(), take = std::move(take)](GstSample* from) {
+        media_sample sample;
+        if (take_sample(from, pipeline, sample)) take(from, sample);
+      },
+      [this] {
+        if (--open_sinks_ > 0) return;
+        posting_.post([this] {
+          // A source has sinks of its own, which this end doesn't reach.
+          if (!finish_reason_.empty()) done(finish_reason_);
+        });
+      });
+}
+
 void user_graph::connect(const std::shared_ptr<track>& t) {
   if (t->kind->kind == media_kind::kVideo) return connect_video(t);
-  on_samples(
-      child(t->branch, "sound"),
-      [this, t](GstSample* from) {
-        media_sample sample;
-        if (!take_sample(from, pipeline_.get(), sample)) return;
-        note(t, sample);
-        GstMapInfo map{};
-        if (!is_current(*t, sample.time) ||
-            gst_buffer_map(sample.buffer.get(), &map, GST_MAP_READ) == FALSE) {
-          return;
-        }
-        const size_t frame_bytes = sizeof(int16_t) * static_cast<size_t>(to_.channels);
-        to_.sound(sample.time, reinterpret_cast<const int16_t*>(map.data), map.size / frame_bytes);
-        gst_buffer_unmap(sample.buffer.get(), &map);
-      },
-      nullptr);
+  receive(t, "sound", [this, t](GstSample* /*from*/, media_sample& sample) {
+    note(t, sample);
+    GstMapInfo map{};
+    if (!is_current(*t, sample.time) ||
+        gst_buffer_map(sample.buffer.get(), &map, GST_MAP_READ) == FALSE) {
+      return;
+    }
+    const size_t frame_bytes = sizeof(int16_t) * static_cast<size_t>(to_.channels);
+    to_.sound(sample.time, reinterpret_cast<const int16_t*>(map.data), map.size / frame_bytes);
+    gst_buffer_unmap(sample.buffer.get(), &map);
+  });
 }
 
 void user_graph::connect_video(const std::shared_ptr<track>& t) {
   follow_rotation(t);
-  on_samples(
-      child(t->branch, "coded_out"),
-      [this, t](GstSample* from) {
-        auto sample = std::make_shared<media_sample>();
-        if (!take_sample(from, pipeline_.get(), *sample)) return;
-        note(t, *sample);
-        if (!to_.video) return;
-        posting_.post([this, t, sample] {
-          if (is_current(*t, sample->time)) to_.video(*sample, *t->kind);
-        });
-      },
-      nullptr);
-  const auto coded = [this, t](const char* name, const auto& to) {
-    GstElement* const sink = child(t->branch, name);
-    if (!to || sink == nullptr) return;
-    on_samples(
-        sink,
-        [this, t, &to](GstSample* from) {
-          media_sample sample;
-          if (take_sample(from, pipeline_.get(), sample) && is_current(*t, sample.time)) {
-            to(sample, t->rotation);
-          }
-        },
-        nullptr);
-  };
-  coded("h264", to_.h264);
-  coded("jpg", to_.jpg);
-  if (to_.jpg) pick_jpgs(t);
-  const auto raw = [this, t](const char* name, std::function<void(GstSample*, media_time)> to) {
-    on_samples(
-        child(t->branch, name),
-        [this, t, to = std::move(to)](GstSample* from) {
-          media_sample sample;
-          if (take_sample(from, pipeline_.get(), sample) && is_current(*t, sample.time)) {
-            to(from, sample.time);
-          }
-        },
-        nullptr);
-  };
-  if (to_.mix) raw("mix", to_.mix);
-  if (to_.yuv) {
-    raw("yuv", [this, t](GstSample* from, media_time time) { to_.yuv(from, time, t->rotation); });
+  receive(t, "coded_out", [this, t](GstSample* /*from*/, media_sample& sample) {
+    note(t, sample);
+    if (!to_.video) return;
+    const auto shared = std::make_shared<media_sample>(std::move(sample));
+    posting_.post([this, t, shared] {
+      if (is_current(*t, shared->time)) to_.video(*shared, *t->kind);
+    });
+  });
+  if (to_.h264 && child(t->branch, "h264") != nullptr) {
+    receive(t, "h264", [this, t](GstSample* /*from*/, media_sample& sample) {
+      if (is_current(*t, sample.time)) to_.h264(sample, t->rotation);
+    });
   }
+  if (to_.mix) {
+    receive(t, "mix", [this, t](GstSample* from, media_sample& sample) {
+      if (is_current(*t, sample.time)) to_.mix(from, sample.time);
+    });
+  }
+  if (to_.yuv) {
+    receive(t, "yuv", [this, t](GstSample* from, media_sample& sample) {
+      if (is_current(*t, sample.time)) to_.yuv(from, sample.time, t->rotation);
+    });
+  }
+  if (!to_.jpg) return;
+  pick_jpgs(t);
+  receive(t, "jpg", [this, t](GstSample* /*from*/, media_sample& sample) {
+    if (is_current(*t, sample.time)) to_.jpg(sample, t->rotation);
+  });
 }
 
 void user_graph::follow_rotation(const std::shared_ptr<track>& t) {

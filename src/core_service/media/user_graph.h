@@ -96,13 +96,17 @@ class user_graph {
   };
 
   static void on_pad_added(GstElement* source, GstPad* pad, gpointer self);
+  static void on_pad_removed(GstElement* source, GstPad* pad, gpointer self);
   static void on_no_more_pads(GstElement* source, gpointer self);
   void attach(GstPad* pad);
   void lead(GstPad* pad, GstElement* branch);
   void discard(GstPad* pad);
+  void detach(GstPad* pad);
   bool wanted(const codec& c) const;
   std::string video_branch(const codec& c) const;
   std::string sound_branch(const codec& c) const;
+  void receive(const std::shared_ptr<track>& t, const char* name,
+               std::function<void(GstSample*, media_sample&)> take);
   void connect(const std::shared_ptr<track>& t);
   void connect_video(const std::shared_ptr<track>& t);
   void follow_rotation(const std::shared_ptr<track>& t);
@@ -132,6 +136,8 @@ class user_graph {
   track* current_video_ = nullptr;
   track* current_sound_ = nullptr;
 
+  // Ends that have not seen the end of their stream.
+  std::atomic<int> open_sinks_{0};
   bool video_ = false;
   bool sound_ = false;
   media_time key_asked_{};

@@ -1,0 +1,36 @@
+// SPDX-License-Identifier: Apache-2.0
+// The UDP sockets of one stream.
+#pragma once
+
+#include <memory>
+#include <string>
+
+#include <gio/gio.h>
+
+namespace zelta::core_service::rtp {
+
+struct gobject_unref {
+  void operator()(void* object) const { g_object_unref(object); }
+};
+using socket_ptr = std::unique_ptr<GSocket, gobject_unref>;
+
+struct socket_pair {
+  socket_ptr rtp;
+  socket_ptr rtcp;  // null: both come on one
+  int port = 0;     // of rtp
+};
+
+struct wanted_sockets {
+  std::string address;
+  int port;       // 0: any even one between the next two
+  int rtcp_port;  // not used when port is 0: then it is the next one
+  bool rtcp_mux;
+  int min_port;  // 0: no bound
+  int max_port;
+};
+
+// Bound to the address where it is one of this machine, else to all addresses. Empty with `error`
+// when a port can't be had.
+socket_pair open_sockets(const wanted_sockets& wanted, std::string& error);
+
+}  // namespace zelta::core_service::rtp
