@@ -14,7 +14,7 @@ constexpr const char* kDecodeH264 = "avdec_h264";
 
 constexpr codec kCodecs[] = {
     {media_kind::kVideo, "h264", "video/x-h264", kAvc, kDecodeH264, false, "H264",
-     "rtph264depay request-keyframe=true"},
+     "rtph264depay request-keyframe=true ! h264parse ! h264timestamper"},
     {media_kind::kVideo, "vp8", "video/x-vp8", "identity", "vp8dec", true, "VP8",
      "rtpvp8depay request-keyframe=true"},
     {media_kind::kVideo, "vp9", "video/x-vp9", "vp9parse", "vp9dec", true, "VP9",

@@ -10,6 +10,7 @@
 
 #include <gst/net/gstnetaddressmeta.h>
 
+#include "core_service/rtp/reordered_times.h"
 #include "core_service/rtp/rtcp_cname.h"
 #include "core_service/rtp/session_description.h"
 #include "core_service/rtp/sockets.h"
@@ -104,6 +105,9 @@ void on_stream(GstElement* rtpbin, GstPad* stream, gpointer context) {
     shown = gst_ghost_pad_new(("stream_" + std::to_string(state->next_pad++)).c_str(), out.get());
     state->pads[stream] = shown;
   }
+  int clock_rate = 90'000;
+  gst_structure_get_int(gst_caps_get_structure(caps.get(), 0), "clock-rate", &clock_rate);
+  if (c->kind == media::media_kind::kVideo) restore_times(stream, clock_rate);
   gst_pad_set_active(shown, TRUE);
   gst_element_add_pad(bin, shown);
   gst_pad_link(stream, in.get());

@@ -1,0 +1,114 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Media with a flash and a beep each second, and where they are found again in a file."""
+import json
+import os
+import re
+import statistics
+import subprocess
+
+FPS = 25
+# The first mark stands where every receiver has had the time to listen.
+FIRST_MARK_S = 2
+# What follows the last mark: a clipped end loses it.
+TAIL_S = 0.4
+
+
+def run(*command):
+    done = subprocess.run(command, capture_output=True, text=True, check=False)
+    return done.stdout + done.stderr
+
+
+def make(folder, seconds, video, audio, size="640x360", hue=0):
+    """A file with marks at 2, 3, … `seconds`; None for a medium leaves it out."""
+    path = f"{folder}/{video}_{audio}_{size}_{seconds}_{hue}.mkv"
+    if os.path.exists(path):
+        return path
+    total = seconds + TAIL_S
+    on = f"gte(t,{FIRST_MARK_S}-0.001)"
+    encoders = {
+        "h264": ["libx264", "-preset", "veryfast", "-tune", "zerolatency", "-profile:v", "baseline"],
+        "vp8": ["libvpx", "-deadline", "realtime", "-cpu-used", "8"],
+        "vp9": ["libvpx-vp9", "-deadline", "realtime", "-cpu-used", "8"],
+        "opus": ["libopus", "-b:a", "48k"],
+        "pcmu": ["pcm_mulaw", "-ar", "8000"],
+        "pcma": ["pcm_alaw", "-ar", "8000"],
+    }
+    command = ["ffmpeg", "-v", "error", "-y"]
+    if video:
+        command += ["-f", "lavfi", "-i",
+                    f"color=black:s={size}:r={FPS}:d={total},drawbox=enable='{on}*lt(mod(t+0.001,1),"
+                    f"0.15)':color=white:t=fill,noise=alls=8:allf=t"]
+    if audio:
+        command += ["-f", "lavfi", "-i",
+                    f"aevalsrc='{on}*lt(mod(t,1),0.1)*0.7*sin(2*PI*1000*t)':s=48000:d={total}"]
+    if video:
+        command += ["-c:v", *encoders[video], "-g", str(FPS), "-b:v", "600k"]
+    if audio:
+        command += ["-c:a", *encoders[audio]]
+    print(run(*command, path), end="")
+    return path
+
+
+def flashes(path):
+    text = run("ffmpeg", "-v", "error", "-i", path, "-an", "-vf",
+               "scale=64:36,signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=-",
+               "-fps_mode", "passthrough", "-f", "null", "-")
+    found, time, lit = [], 0.0, False
+    for line in text.splitlines():
+        at = re.search(r"pts_time:(-?[0-9.]+)", line)
+        if at:
+            time = float(at.group(1))
+        if "YAVG=" in line:
+            level = float(line.split("=")[1])
+            if level > 75 and not lit:
+                found.append(time)
+            lit = level > 75
+    return found
+
+
+def beeps(path):
+    # Silence is trusted after 0.4 s of it; what ends it is a beep, and the end of the file is not.
+    text = run("ffmpeg", "-v", "info", "-i", path, "-vn", "-af",
+               "silencedetect=n=-34dB:d=0.4", "-f", "null", "-")
+    found = [float(at) for at in re.findall(r"silence_end: ([0-9.]+)", text)]
+    end = duration(path, "a:0")
+    return [at for at in found if at < end - 0.05]
+
+
+def probe(path, what, stream=None):
+    select = ["-select_streams", stream] if stream else []
+    return run("ffprobe", "-v", "error", *select, *what, "-of", "json", path)
+
+
+def duration(path, stream=None):
+    facts = json.loads(probe(path, ["-show_entries", "format=duration:stream=duration"], stream))
+    streams = [float(s["duration"]) for s in facts.get("streams", []) if "duration" in s]
+    return streams[0] if stream and streams else float(facts["format"].get("duration", 0))
+
+
+def frames(path):
+    facts = json.loads(probe(path, ["-count_packets", "-show_entries", "stream=nb_read_packets"], "v"))
+    return sum(int(s["nb_read_packets"]) for s in facts.get("streams", []))
+
+
+def decode_errors(path):
+    # A null muxer complains of uneven times that a player doesn't mind.
+    text = run("ffmpeg", "-v", "error", "-i", path, "-fps_mode", "passthrough", "-f", "null", "-")
+    return len(text.splitlines())
+
+
+def sync_ms(flash, beep, lossy=False):
+    """Largest and mean distance of a beep from its flash; positive: the beep is late.
+
+    Where packets were lost a flash may be missing or show only in a later picture, which says
+    nothing of sync. There the largest is that of the medians of ten stretches of the file.
+    """
+    pairs = [min((b - f for f in flash), key=abs) for b in beep if flash]
+    pairs = [1000 * p for p in pairs if abs(p) < 0.5]
+    if not pairs:
+        return None, None
+    if lossy:
+        part = max(len(pairs) // 10, 5)
+        pairs = [statistics.median(pairs[at:at + part])
+                 for at in range(0, len(pairs) - part + 1, part)]
+    return max(pairs, key=abs), sum(pairs) / len(pairs)
