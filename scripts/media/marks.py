@@ -71,6 +71,10 @@ def beeps(path):
     text = run("ffmpeg", "-v", "info", "-i", path, "-vn", "-af",
                "silencedetect=n=-34dB:d=0.4", "-f", "null", "-")
     found = [float(at) for at in re.findall(r"silence_end: ([0-9.]+)", text)]
+    # A file that was cut at a beep begins without the silence that the beep would end.
+    quiet = [float(at) for at in re.findall(r"silence_start: (-?[0-9.]+)", text)]
+    if quiet and quiet[0] > 0.03:
+        found.insert(0, 0.0)
     end = duration(path, "a:0")
     return [at for at in found if at < end - 0.05]
 

@@ -63,7 +63,10 @@ std::string description_of(const mix_graph::settings& s) {
 class mix_graph::input : public media::mix_input {
  public:
   input(uint32_t uid, GstElement* pipeline, const settings& s)
-      : uid_(uid), base_(gst_element_get_base_time(pipeline)), pipeline_(pipeline) {
+      : uid_(uid),
+        base_(gst_element_get_base_time(pipeline)),
+        half_picture_(std::chrono::nanoseconds(1s) / s.fps / 2),
+        pipeline_(pipeline) {
     if (s.video) {
       picture_ = enter("pictures", std::string(kSource) +
                                        "name=in max-buffers=60 leaky-type=downstream ! "
@@ -175,7 +178,9 @@ class mix_graph::input : public media::mix_input {
   }
 
   void push_picture_locked(GstSample* picture, media_time time) {
-    const auto at = running_time(time);
+    // A mixed picture shows what comes during its time from its beginning on. Half a picture later,
+    // the error lies on both sides of the truth.
+    const auto at = running_time(time + half_picture_);
     if (picture_.bin == nullptr || !at) return;
     GstBuffer* const buffer = gst_buffer_copy(gst_sample_get_buffer(picture));
     GST_BUFFER_PTS(buffer) = *at;
@@ -189,6 +194,7 @@ class mix_graph::input : public media::mix_input {
 
   const uint32_t uid_;
   const GstClockTime base_;
+  const media_time half_picture_;
   GstElement* const pipeline_;  // outlives what is in it
   size_t frame_bytes_ = 2;
   std::mutex mutex_;
