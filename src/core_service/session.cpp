@@ -28,6 +28,8 @@ constexpr int64_t kLingerMs = 5000;
 constexpr std::chrono::milliseconds kFlushLimit = 1s;
 // Below it, nobody speaks.
 constexpr uint32_t kSpeakingVolume = 10;
+// Two who are as loud as each other don't take turns.
+constexpr uint32_t kSpeakerLead = 8;
 // A call's missing packets are worth less of a wait than a broadcast's: nobody waits for an answer
 // in a recording, but its mix is held back by as much.
 constexpr media::media_time kCallJitter = 400ms;
@@ -384,7 +386,12 @@ void session::report_volumes() {
   }
   const auto loudest = std::max_element(volumes.begin(), volumes.end());
   const uint32_t speaker = uids[static_cast<size_t>(loudest - volumes.begin())];
-  const bool speaks = *loudest >= kSpeakingVolume;
+  const auto active = users_.find(active_speaker_);
+  const uint32_t held =
+      active != users_.end()
+          ? volumes[static_cast<size_t>(std::distance(users_.begin(), active))] + kSpeakerLead
+          : kSpeakingVolume;
+  const bool speaks = *loudest >= std::max(kSpeakingVolume, held);
   link_.send(make<protocol::audio_volume_indication_packet>(std::move(uids), std::move(volumes)));
   if (!speaks || speaker == active_speaker_) return;
   active_speaker_ = speaker;

@@ -1,8 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // The recorder: its options and manifest, and recordings of real media through the engine.
-#include <array>
-#include <cstdio>
-
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
@@ -10,8 +7,7 @@
 
 #include "core_service/manifest.h"
 #include "core_service/options.h"
-#include "support/recording_handler.h"
-#include "support/temp_dir.h"
+#include "support/recording_test.h"
 
 namespace zelta::test {
 namespace {
@@ -73,12 +69,6 @@ TEST(RecorderOptions, LastOfTwoCommandLinesWinsAndBadValuesAreNamed) {
 
 // ---- Manifest ------------------------------------------------------------------------------
 
-Json::Value read_json(const std::string& path) {
-  Json::Value root;
-  std::istringstream(read_file(path)) >> root;
-  return root;
-}
-
 TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
   const TempDir dir;
   {
@@ -118,63 +108,6 @@ TEST(Manifest, UnreadableOneIsKeptAside) {
 }
 
 // ---- Recordings ----------------------------------------------------------------------------
-
-struct Releaser {
-  void operator()(IRecordingEngine* engine) const { engine->release(); }
-};
-
-std::string output_of(const std::string& command) {
-  std::string text;
-  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen((command + " 2>&1").c_str(), "r"), pclose);
-  std::array<char, 4096> part{};
-  while (const size_t got = fread(part.data(), 1, part.size(), pipe.get())) {
-    text.append(part.data(), got);
-  }
-  return text;
-}
-
-// "h264 aac" and so on, in the order of the streams.
-std::string codecs_of(const std::string& file) {
-  std::string all;
-  for (const std::string& line : lines_of(
-           output_of("ffprobe -v error -show_entries stream=codec_name -of csv=p=0 " + file))) {
-    all += (all.empty() ? "" : " ") + line;
-  }
-  return all;
-}
-
-double seconds_of(const std::string& file) {
-  return std::atof(
-      output_of("ffprobe -v error -show_entries format=duration -of csv=p=0 " + file).c_str());
-}
-
-std::string decode_errors_of(const std::string& file) {
-  return output_of("ffmpeg -v error -i " + file + " -f null -");
-}
-
-class RecordingTest : public ::testing::Test {
- protected:
-  RecordingTest() {
-    unsetenv("ZELTA_SERVICE_DIR");
-    config.recordFileRootDir = const_cast<char*>(dir.path().c_str());
-  }
-
-  void join(const std::string& server) {
-    setenv("ZELTA_CHANNEL_SERVER", server.c_str(), 1);
-    engine.reset(IRecordingEngine::createZeltaRecordingEngine("app", &handler));
-    ASSERT_EQ(engine->joinChannel("", "room", 77, config), 0);
-    folder = engine->getProperties()->storageDir;
-  }
-  void release() { engine.reset(); }
-  Json::Value files() const { return read_json(folder + "recording.json")["files"]; }
-  std::string log() const { return read_file(folder + "recording_engine.log"); }
-
-  TempDir dir;
-  RecordingHandler handler;
-  RecordingConfig config;
-  std::unique_ptr<IRecordingEngine, Releaser> engine;
-  std::string folder;
-};
 
 TEST_F(RecordingTest, TwoUsersGiveTwoCompleteFilesAndAllEvents) {
   join("test:users=2,leave=2@2,size=320x180,fps=15");

@@ -17,6 +17,9 @@ using media::media_time;
 
 // A picture that is older than this is no longer what the user looks like.
 constexpr media_time kPicturePatience = 2s;
+// The mixer passes over pictures that come too close upon each other, so one that doesn't move is
+// given again.
+constexpr media_time kStillInterval = 500ms;
 // Two seconds between key frames: where a file may be cut, and seeking lands.
 constexpr int kKeyFrameSeconds = 2;
 // Two seconds of pictures at most wait for their time; more is a stall, and the oldest go.
@@ -49,6 +52,17 @@ std::string sound_description(const mix_graph::settings& s) {
          " ! audiomixer name=sounds output-buffer-duration=20000000 latency=" +
          latency_text(s.latency) + " ! " + raw_sound(s.channels) +
          " ! appsink name=sound sync=false async=false";
+}
+
+void push_picture(GstElement* source, GstSample* picture, GstClockTime at) {
+  GstBuffer* const buffer = gst_buffer_copy(gst_sample_get_buffer(picture));
+  GST_BUFFER_PTS(buffer) = at;
+  GST_BUFFER_DTS(buffer) = GST_CLOCK_TIME_NONE;
+  GST_BUFFER_DURATION(buffer) = GST_CLOCK_TIME_NONE;
+  const media::sample_ptr placed(
+      gst_sample_new(buffer, gst_sample_get_caps(picture), nullptr, nullptr));
+  gst_buffer_unref(buffer);
+  gst_app_src_push_sample(GST_APP_SRC(source), placed.get());
 }
 
 std::string description_of(const mix_graph::settings& s) {
@@ -103,7 +117,7 @@ class mix_graph::input : public media::mix_input {
   void set_substitute(GstSample* picture) {
     const std::lock_guard<std::mutex> guard(mutex_);
     substitute_.reset(picture != nullptr ? gst_sample_ref(picture) : nullptr);
-    substituted_ = false;
+    substituted_ = media_time::zero();
   }
 
   void set_tile(const tile* where, unsigned layer) {
@@ -122,9 +136,9 @@ class mix_graph::input : public media::mix_input {
     const std::lock_guard<std::mutex> guard(mutex_);
     if (picture_.bin == nullptr) return;
     const bool live = media::now() - latest_ < kPicturePatience + latency;
-    if (live) substituted_ = false;
-    if (!live && substitute_ && !std::exchange(substituted_, true)) {
-      push_picture_locked(substitute_.get(), media::now());
+    if (!live && substitute_ && media::now() - substituted_ > kStillInterval) {
+      substituted_ = media::now();
+      push_picture_locked(substitute_.get(), substituted_);
     }
     const bool seen = live || substitute_ != nullptr;
     g_object_set(picture_.pad.get(), "alpha", seen ? alpha_ : 0.0, nullptr);
@@ -182,14 +196,7 @@ class mix_graph::input : public media::mix_input {
     // the error lies on both sides of the truth.
     const auto at = running_time(time + half_picture_);
     if (picture_.bin == nullptr || !at) return;
-    GstBuffer* const buffer = gst_buffer_copy(gst_sample_get_buffer(picture));
-    GST_BUFFER_PTS(buffer) = *at;
-    GST_BUFFER_DTS(buffer) = GST_CLOCK_TIME_NONE;
-    GST_BUFFER_DURATION(buffer) = GST_CLOCK_TIME_NONE;
-    const media::sample_ptr placed(
-        gst_sample_new(buffer, gst_sample_get_caps(picture), nullptr, nullptr));
-    gst_buffer_unref(buffer);
-    gst_app_src_push_sample(GST_APP_SRC(picture_.source), placed.get());
+    push_picture(picture_.source, picture, *at);
   }
 
   const uint32_t uid_;
@@ -203,7 +210,7 @@ class mix_graph::input : public media::mix_input {
   media_time latest_{};
   double alpha_ = 0;
   media::sample_ptr substitute_;
-  bool substituted_ = false;
+  media_time substituted_{};
 };
 
 // ---- The mix -------------------------------------------------------------------------------
@@ -299,15 +306,16 @@ void mix_graph::set_tiles(const std::vector<tile>& tiles) {
 }
 
 void mix_graph::set_canvas(GstSample* picture) {
-  if (!settings_.video) return;
-  GstBuffer* const buffer = gst_buffer_copy(gst_sample_get_buffer(picture));
+  canvas_.reset(gst_sample_ref(picture));
+  show_canvas();
+}
+
+void mix_graph::show_canvas() {
+  if (!canvas_) return;
+  shown_ = media::now();
   const media_time base(static_cast<int64_t>(gst_element_get_base_time(pipeline_.get())));
-  GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>((media::now() - base).count());
-  GST_BUFFER_DURATION(buffer) = GST_CLOCK_TIME_NONE;
-  const media::sample_ptr placed(
-      gst_sample_new(buffer, gst_sample_get_caps(picture), nullptr, nullptr));
-  gst_buffer_unref(buffer);
-  gst_app_src_push_sample(GST_APP_SRC(child(pipeline_.get(), "canvas")), placed.get());
+  push_picture(child(pipeline_.get(), "canvas"), canvas_.get(),
+               static_cast<GstClockTime>((shown_ - base).count()));
 }
 
 void mix_graph::set_substitute(uint32_t uid, GstSample* picture) {
@@ -317,6 +325,7 @@ void mix_graph::set_substitute(uint32_t uid, GstSample* picture) {
 }
 
 void mix_graph::tick() {
+  if (media::now() - shown_ > kStillInterval) show_canvas();
   for (const auto& user : users_) user->tick(settings_.latency);
 }
 

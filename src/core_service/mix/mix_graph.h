@@ -72,11 +72,14 @@ class mix_graph {
   mix_graph(media::element_ptr pipeline, const settings& wanted, base::event_loop& loop,
             outputs to);
   void connect(outputs to);
+  void show_canvas();
 
   const settings settings_;
   media::element_ptr pipeline_;
   std::optional<media::bus_watch> watch_;
   std::vector<std::shared_ptr<input>> users_;
+  media::sample_ptr canvas_;
+  media::media_time shown_{};
 };
 
 }  // namespace zelta::core_service::mix

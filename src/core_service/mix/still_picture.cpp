@@ -79,6 +79,9 @@ media::sample_ptr plain_picture(uint32_t colour, int width, int height) {
       pixel[2] = static_cast<uint8_t>(colour);
     }
   }
+  // As wide and high as the result, so that scaling leaves no border.
+  info.par_n = width;
+  info.par_d = height;
   const media::caps_ptr caps(gst_video_info_to_caps(&info));
   const media::buffer_ptr buffer(gst_buffer_new_memdup(pixels.data(), pixels.size()));
   const media::sample_ptr dot(gst_sample_new(buffer.get(), caps.get(), nullptr, nullptr));

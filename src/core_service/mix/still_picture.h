@@ -16,7 +16,7 @@ media::sample_ptr load_picture(const std::string& path, std::string& error);
 // A picture of one colour, 0xrrggbb.
 media::sample_ptr plain_picture(uint32_t colour, int width, int height);
 
-// `image` scaled so that it fills the size.
+// `image` scaled to fit into the size, with black borders where its shape is another.
 media::sample_ptr scaled_picture(GstSample* image, int width, int height);
 
 }  // namespace zelta::core_service::mix

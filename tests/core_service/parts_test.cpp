@@ -1,0 +1,388 @@
+// SPDX-License-Identifier: Apache-2.0
+// The recorder's parts that need no media: sound on its line, tiles, keys, descriptions, journal.
+#include <chrono>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "base/packet_writer.h"
+#include "core_service/journal.h"
+#include "core_service/media/sound_line.h"
+#include "core_service/media/volume_meter.h"
+#include "core_service/mix/tiles.h"
+#include "core_service/parameters.h"
+#include "core_service/recording_plan.h"
+#include "core_service/rtp/rtcp_cname.h"
+#include "core_service/rtp/session_description.h"
+#include "core_service/rtp/settings.h"
+#include "core_service/secrets.h"
+#include "support/temp_dir.h"
+
+namespace zelta::test {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace core_service;
+
+// ---- Sound line ----------------------------------------------------------------------------
+
+// What reaches the end of a line: runs of equal samples, as "value*count", and the times of jumps.
+class Heard : public media::sound_sink {
+ public:
+  void on_sound(media::media_time time, const int16_t* samples, size_t frames) override {
+    if (total == 0) first = time;
+    if (total > 0 && time != next) jumps.push_back(time - next);
+    next = time + media::media_time(static_cast<int64_t>(frames) * 1'000'000'000 / 48'000);
+    for (size_t i = 0; i < frames; ++i) {
+      if (runs.empty() || runs.back().first != samples[i]) runs.emplace_back(samples[i], 0);
+      ++runs.back().second;
+    }
+    total += frames;
+  }
+  void on_sound_end() override { ended = true; }
+  std::string text() const {
+    std::string all;
+    for (const auto& [value, count] : runs) {
+      all += (all.empty() ? "" : " ") + std::to_string(value) + "*" + std::to_string(count);
+    }
+    return all;
+  }
+
+  std::vector<std::pair<int, size_t>> runs;
+  std::vector<media::media_time> jumps;
+  media::media_time first{};
+  media::media_time next{};
+  size_t total = 0;
+  bool ended = false;
+};
+
+struct Push {
+  media::media_time at;
+  int16_t value;
+  size_t frames;
+};
+
+TEST(SoundLine, PutsSoundWhereItsTimeSays) {
+  const struct {
+    const char* name;
+    std::vector<Push> pushes;
+    media::media_time end;
+    const char* heard;
+  } rows[] = {
+      {"contiguous", {{100s, 1, 4800}, {100s + 100ms, 2, 4800}}, 100s + 200ms, "1*4800 2*4800"},
+      {"late start", {{100s + 500ms, 1, 480}}, 100s + 510ms, "0*24000 1*480"},
+      {"gap", {{100s, 1, 480}, {101s, 2, 480}}, 101s + 10ms, "1*480 0*47520 2*480"},
+      {"silent end", {{100s, 1, 480}}, 100s + 1s, "1*480 0*47520"},
+      {"overlap", {{100s, 1, 4800}, {100s + 50ms, 2, 4800}}, 100s + 150ms, "1*4800 2*2400"},
+      {"jitter stays", {{100s, 1, 4800}, {100s + 112ms, 2, 4800}}, 100s + 200ms, "1*4800 2*4800"},
+      {"before the start", {{99s, 1, 480}, {100s, 2, 480}}, 100s + 10ms, "2*480"},
+      {"after the end", {{100s, 1, 9600}}, 100s + 100ms, "1*4800"},
+  };
+  for (const auto& row : rows) {
+    media::sound_line line(1, 0s);
+    const auto heard = std::make_shared<Heard>();
+    line.start(100s, heard);
+    line.cut(row.end, nullptr);
+    for (const Push& push : row.pushes) {
+      const std::vector<int16_t> samples(push.frames, push.value);
+      line.push(push.at, samples.data(), samples.size());
+    }
+    line.fill_to(row.end);
+    EXPECT_EQ(heard->text(), row.heard) << row.name;
+    EXPECT_TRUE(heard->ended) << row.name;
+    EXPECT_TRUE(heard->jumps.empty()) << row.name;
+    EXPECT_EQ(heard->first, media::media_time(100s)) << row.name;
+  }
+}
+
+TEST(SoundLine, DriftOfTheSendersClockIsTakenBack) {
+  media::sound_line line(1, 0s);
+  const auto heard = std::make_shared<Heard>();
+  line.start(0s, heard);
+  // 300 ppm slow: after ten minutes 180 ms are missing.
+  const std::vector<int16_t> samples(960, 1);
+  for (int64_t i = 0; i < 30'000; ++i) line.push(i * 20'006us, samples.data(), samples.size());
+  EXPECT_NEAR(static_cast<double>(heard->total) / 48'000, 600.18, 0.021);
+}
+
+TEST(SoundLine, EveryStretchOfACutLineIsContiguous) {
+  media::sound_line line(2, 0s);
+  const auto first = std::make_shared<Heard>();
+  const auto second = std::make_shared<Heard>();
+  const std::vector<int16_t> samples(2 * 48'000, 7);
+  line.push(10s, samples.data(), 48'000);
+  EXPECT_EQ(*line.first_kept(), media::media_time(10s));
+  line.start(10s, first);
+  EXPECT_EQ(first->total, 48'000U) << "what was kept";
+  line.cut(11s + 300ms, second);
+  line.push(11s, samples.data(), 48'000);
+  EXPECT_EQ(first->total, 48'000U + 14'400U);
+  EXPECT_TRUE(first->ended);
+  EXPECT_EQ(second->first, media::media_time(11s + 300ms));
+  line.cut(9s, nullptr);
+  EXPECT_TRUE(second->ended) << "a cut in the past takes effect at once";
+  EXPECT_EQ(first->total + second->total, 96'000U);
+  EXPECT_FALSE(line.position());
+}
+
+TEST(SoundLine, ShortGapsStayWhereSilenceIsNotWanted) {
+  media::sound_line line(1, 1s);
+  const auto heard = std::make_shared<Heard>();
+  line.start(0s, heard);
+  const std::vector<int16_t> samples(960, 1);
+  line.push(0s, samples.data(), 960);
+  line.push(500ms, samples.data(), 960);
+  line.push(3s, samples.data(), 960);
+  ASSERT_EQ(heard->jumps.size(), 1U);
+  EXPECT_EQ(heard->jumps[0], media::media_time(480ms));
+  EXPECT_EQ(heard->next, media::media_time(3s + 20ms)) << "a long one is filled";
+}
+
+TEST(VolumeMeter, GoesFromSilenceToFullScale) {
+  media::volume_meter meter;
+  EXPECT_EQ(meter.read(), 0U);
+  const std::vector<int16_t> square(960, 32767);
+  meter.add(square.data(), square.size());
+  EXPECT_EQ(meter.read(), 255U);
+  EXPECT_EQ(meter.read(), 0U) << "only what came since";
+}
+
+// ---- Tiles ---------------------------------------------------------------------------------
+
+std::string text_of(const std::vector<mix::tile>& tiles) {
+  std::string all;
+  for (const mix::tile& t : tiles) {
+    all += std::to_string(t.uid) + ":" + std::to_string(t.x) + "," + std::to_string(t.y) + "," +
+           std::to_string(t.width) + "x" + std::to_string(t.height) + (t.crop ? "c " : " ");
+  }
+  return all;
+}
+
+TEST(Tiles, GridIsAsSquareAsPossible) {
+  EXPECT_EQ(text_of(mix::grid_tiles({}, 640, 360)), "");
+  EXPECT_EQ(text_of(mix::grid_tiles({9}, 640, 360)), "9:0,0,640x360 ");
+  EXPECT_EQ(text_of(mix::grid_tiles({1, 2}, 640, 360)), "1:0,0,320x360 2:320,0,320x360 ");
+  EXPECT_EQ(text_of(mix::grid_tiles({1, 2, 3}, 640, 360)),
+            "1:0,0,320x180 2:320,0,320x180 3:160,180,320x180 ");
+}
+
+TEST(Tiles, LayoutLeavesOutWhatCannotBeShown) {
+  recording::mixing_layout layout;
+  linuxsdk::VideoMixingLayout::Region region;
+  region.uid = 1;
+  region.x = 0.5;
+  region.y = -0.25;
+  region.width = 0.5;
+  region.height = 1;
+  layout.regions.push_back(region);
+  for (const double bad : {0.0, -1.0, 1e300, std::nan(""), 1e-9}) {
+    region.width = bad;
+    layout.regions.push_back(region);
+  }
+  std::vector<std::string> warnings;
+  EXPECT_EQ(text_of(mix::layout_tiles(layout, 640, 360, warnings)), "1:320,-90,320x360c ");
+  EXPECT_EQ(warnings.size(), 5U);
+}
+
+TEST(Tiles, ColoursAreReadOrRefused) {
+  EXPECT_EQ(mix::parse_colour("#1a2B3c"), 0x1a2b3cU);
+  for (const char* bad : {"", "red", "1a2b3c", "#1a2b3", "#1a2b3g", "#+a2b3c", "#1a2b3c4"}) {
+    EXPECT_FALSE(mix::parse_colour(bad)) << bad;
+  }
+}
+
+// ---- RTP -----------------------------------------------------------------------------------
+
+TEST(RtcpCname, EverySenderReportGetsTheName) {
+  const std::vector<uint8_t> report{0x80, 200, 0, 6, 1, 2, 3, 4, 5, 5, 5, 5, 5, 5,
+                                    5,    5,   6, 6, 6, 6, 7, 7, 7, 7, 8, 8, 8, 8};
+  const std::vector<uint8_t> description{0x81, 202, 0, 3, 1, 2, 3, 4, 1, 3, 'x', 'y', 'z', 0, 0, 0};
+  std::vector<uint8_t> both = report;
+  both.insert(both.end(), description.begin(), description.end());
+  std::vector<uint8_t> wanted = report;
+  const std::vector<uint8_t> ours{0x81, 202, 0, 3, 1, 2, 3, 4, 1, 2, 'm', 'e', 0, 0, 0, 0};
+  wanted.insert(wanted.end(), ours.begin(), ours.end());
+  EXPECT_EQ(rtp::with_cname(report.data(), report.size(), "me"), wanted);
+  EXPECT_EQ(rtp::with_cname(both.data(), both.size(), "me"), wanted);
+  EXPECT_EQ(rtp::with_cname(both.data(), both.size(), ""), report);
+  for (size_t size = 0; size < both.size(); ++size) {
+    const auto named = rtp::with_cname(both.data(), size, "me");
+    EXPECT_EQ(named.empty(), size != report.size()) << "cut at " << size;
+  }
+  both[0] = 0x40;
+  EXPECT_TRUE(rtp::with_cname(both.data(), both.size(), "me").empty()) << "version 1";
+}
+
+TEST(SrtpKey, HasTheLengthThatItsModeWants) {
+  const std::string bytes28 = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGw==";
+  const std::string bytes30 = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwd";
+  const std::string bytes44 = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8gISIjJCUmJygpKis=";
+  const struct {
+    const char* mode;
+    std::string secret;
+    const char* error;  // empty: it is taken
+  } rows[] = {
+      {"aes-128-cm-sha1-80", bytes30, ""},
+      {"aes-128-gcm", bytes28, ""},
+      {"aes-256-gcm", bytes44, ""},
+      {"aes-256-gcm", bytes28, "32 bytes of key and 12 of salt for aes-256-gcm; it has 28"},
+      {"aes-128-gcm", "not base64!", "it is no base64"},
+      {"aes-128-gcm", "", "it is no base64"},
+      {"xor", bytes28, "--encrypt_mode \"xor\" should be aes-128-cm-sha1-80, aes-128-gcm"},
+  };
+  for (const auto& row : rows) {
+    std::string error;
+    const auto key = rtp::parse_key(row.mode, row.secret, error);
+    EXPECT_EQ(key.has_value(), row.error[0] == '\0') << row.mode << " " << row.secret;
+    EXPECT_NE(error.find(row.error), std::string::npos) << error;
+    EXPECT_EQ(error.find(bytes28), std::string::npos) << "a secret stands in no message";
+  }
+}
+
+TEST(SessionDescription, TellsWhatCanBeReceived) {
+  const std::string head = "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\n";
+  const struct {
+    std::string text;
+    size_t streams;
+    const char* says;  // in the error or a warning
+  } rows[] = {
+      {head + "m=audio 5006 RTP/AVP 0\n", 1, ""},
+      {head + "m=audio 5006 RTP/AVP 97\na=rtpmap:97 opus/48000/2\nm=video 5004 RTP/AVP 96\n"
+              "a=rtpmap:96 VP8/90000\n",
+       2, ""},
+      {head + "m=video 0 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, "m=video 0 is turned off"},
+      {head + "m=video 70000 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, ""},
+      {head + "m=video 5004 RTP/AVP 96\na=rtpmap:96 H265/90000\n", 0, "no codec that can be"},
+      {head + "m=audio 5006 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, "no codec that can be"},
+      {head + "m=audio 5006 TCP 0\nm=audio 5008 RTP/AVP 8\n", 1, "is no RTP"},
+      {"nothing of the kind", 0, "no s"},
+      {"", 0, ""},
+  };
+  for (const auto& row : rows) {
+    std::vector<std::string> warnings;
+    std::string error;
+    const auto streams = rtp::parse_description(row.text, warnings, error);
+    EXPECT_EQ(streams.size(), row.streams) << row.text;
+    EXPECT_EQ(error.empty(), row.streams > 0) << row.text;
+    for (const std::string& warning : warnings) error += "; " + warning;
+    EXPECT_NE(error.find(row.says), std::string::npos) << error;
+  }
+  EXPECT_EQ(rtp::answer_with_ports(
+                "m=audio 9 RTP/AVP 0\nm=video 5 RTP/AVP 1\nm=video 9 RTP/AVP 2\n", {100, 102}),
+            "m=audio 100 RTP/AVP 0\nm=video 5 RTP/AVP 1\nm=video 102 RTP/AVP 2\n");
+}
+
+// ---- What the application says -------------------------------------------------------------
+
+TEST(Parameters, AreTakenOrNamedInAWarning) {
+  const struct {
+    const char* text;
+    int capture;  // -1: not set
+    const char* warning;
+  } rows[] = {
+      {R"({"capture_interval": 7})", 7, ""},
+      {R"({"capture_interval": 0})", -1, "parameter capture_interval should be a whole number"},
+      {R"({"capture_interval": "7"})", -1, "should be a whole number from 1"},
+      {R"({"volume": 3})", -1, "unknown parameter \"volume\"; there are audio_indication_interval"},
+      {R"([1])", -1, "should be a JSON object"},
+      {"", -1, "should be a JSON object"},
+      {"{", -1, "should be a JSON object"},
+  };
+  for (const auto& row : rows) {
+    std::vector<std::string> warnings;
+    const parameters got = parse_parameters(row.text, warnings);
+    EXPECT_EQ(got.capture_interval.value_or(-1), row.capture) << row.text;
+    const std::string warning = warnings.empty() ? "" : warnings[0];
+    EXPECT_NE(warning.find(row.warning), std::string::npos) << warning;
+    EXPECT_EQ(warning.empty(), row.warning[0] == '\0') << row.text;
+  }
+}
+
+TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
+  const TempDir dir;
+  std::string error;
+  journal first(dir.path());
+  EXPECT_FALSE(first.load(error)) << "there is none yet";
+  first.state.layout = {0, 1, 0xfe, 0xff};
+  first.state.user_backgrounds = {{4294967295U, "/a b/\"c\".png"}};
+  first.state.log_level = 6;
+  first.state.log_modules = 4294967295;
+  first.state.serving = true;
+  ASSERT_TRUE(first.save());
+  journal second(dir.path());
+  ASSERT_TRUE(second.load(error)) << error;
+  EXPECT_EQ(second.state.layout, first.state.layout);
+  EXPECT_EQ(second.state.user_backgrounds, first.state.user_backgrounds);
+  EXPECT_EQ(second.state.log_modules, 4294967295);
+  EXPECT_TRUE(second.state.serving);
+  for (const char* broken : {"", "[]", "{\"version\":2}", "{\"version\":1,\"layout\":\"0\"}",
+                             "{\"version\":1,\"layout\":\"zz\"}",
+                             "{\"version\":1,\"user_backgrounds\":{\"x\":\"y\"}}"}) {
+    dir.file("journal.json", broken);
+    EXPECT_FALSE(second.load(error)) << broken;
+    EXPECT_NE(error.find("can't be read"), std::string::npos) << error;
+  }
+}
+
+TEST(RecordingPlan, NamesWhatItCannotUse) {
+  options given;
+  given.mix = true;
+  given.mix_resolution = "1280,720,25";
+  given.audio_profile = 3;
+  std::vector<std::string> warnings;
+  const recording_plan plan = plan_of(given, warnings);
+  ASSERT_EQ(warnings.size(), 2U);
+  EXPECT_NE(warnings[0].find("--audioProfile 3 should be 0 to 2"), std::string::npos);
+  EXPECT_NE(warnings[1].find("\"1280,720,25\" should be width,height,fps,kbps"), std::string::npos);
+  EXPECT_EQ(plan.mix_width, 640);
+  EXPECT_FALSE(plan.record_video) << "nobody has a file of their own";
+}
+
+TEST(Secrets, AreWipedFromTheArguments) {
+  std::string texts[] = {
+      "p",    "--channel_key",    "key-1",           "--channel_id", "room", "--encrypt_secret",
+      "sec2", "--channel_key=k3", "--encrypt_secret"};
+  std::vector<char*> argv;
+  for (std::string& text : texts) argv.push_back(text.data());
+  wipe_secret_arguments(static_cast<int>(argv.size()), argv.data());
+  EXPECT_STREQ(argv[2], "");
+  EXPECT_STREQ(argv[4], "room");
+  EXPECT_STREQ(argv[6], "");
+  EXPECT_STREQ(argv[7], "--channel_key=");
+  EXPECT_EQ(texts[2], std::string(5, '\0')) << "every byte of it";
+}
+
+// ---- Frames that wait ----------------------------------------------------------------------
+
+TEST(PacketWriter, OldestReplaceablePacketsMakeRoom) {
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
+  const base::unique_fd in(ends[0]);
+  const base::unique_fd out(ends[1]);
+  base::packet_writer writer(out.get(), 1 << 30);
+  // More than a pipe holds, so that it is half written.
+  const size_t big = 1 << 20;
+  for (const char name : {'a', 'b', 'c', 'd'}) {
+    writer.send(std::vector<char>(big, name), false, name != 'b');
+  }
+  EXPECT_EQ(writer.drop_replaceable(1), 1U) << "c: a is half in the pipe, b has to stay";
+  EXPECT_EQ(writer.drop_replaceable(2 * big), 1U) << "d";
+  std::string got;
+  std::vector<char> part(1 << 16);
+  for (ssize_t size = 0; got.size() < 2 * big;) {
+    writer.flush();
+    size = read(in.get(), part.data(), part.size());
+    ASSERT_GT(size, 0);
+    got.append(part.data(), static_cast<size_t>(size));
+  }
+  EXPECT_EQ(got, std::string(big, 'a') + std::string(big, 'b'));
+  EXPECT_EQ(writer.queued_bytes(), 0U);
+  EXPECT_EQ(writer.replaceable_bytes(), 0U);
+}
+
+}  // namespace
+}  // namespace zelta::test

@@ -1,0 +1,307 @@
+// SPDX-License-Identifier: Apache-2.0
+// Users who send RTP: real senders on loopback, with what can go wrong on the way.
+#include <csignal>
+#include <filesystem>
+#include <thread>
+#include <vector>
+
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+
+#include "base/unique_fd.h"
+#include "support/recording_test.h"
+
+namespace zelta::test {
+namespace {
+
+using namespace std::chrono_literals;
+
+// A command that runs until the end of the test.
+class Process {
+ public:
+  explicit Process(const std::string& command) : pid_(fork()) {
+    if (pid_ != 0) return;
+    execl("/bin/sh", "sh", "-c", ("exec " + command + " >/dev/null 2>&1").c_str(), nullptr);
+    _exit(127);
+  }
+  Process(const Process&) = delete;
+  Process& operator=(const Process&) = delete;
+  ~Process() { end(); }
+  void end() {
+    if (pid_ <= 0) return;
+    kill(pid_, SIGKILL);
+    wait();
+  }
+  void wait() {
+    waitpid(pid_, nullptr, 0);
+    pid_ = -1;
+  }
+
+ private:
+  pid_t pid_;
+};
+
+// A UDP socket of the test's own, whose port nobody else gets while it is open.
+class Socket {
+ public:
+  explicit Socket(int port = 0) : fd_(socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {
+    address_.sin_family = AF_INET;
+    address_.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address_.sin_port = htons(static_cast<uint16_t>(port));
+    bound_ = bind(fd_.get(), reinterpret_cast<sockaddr*>(&address_), sizeof address_) == 0;
+    socklen_t size = sizeof address_;
+    getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address_), &size);
+  }
+  bool bound() const { return bound_; }
+  int port() const { return ntohs(address_.sin_port); }
+  void send(int port, const std::vector<uint8_t>& bytes) {
+    sockaddr_in to = address_;
+    to.sin_port = htons(static_cast<uint16_t>(port));
+    sendto(fd_.get(), bytes.data(), bytes.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof to);
+  }
+
+ private:
+  base::unique_fd fd_;
+  sockaddr_in address_{};
+  bool bound_;
+};
+
+// The first of four ports in a row that are free now.
+int four_free_ports() {
+  for (;;) {
+    const Socket first;
+    const int port = first.port() & ~1;
+    bool free = port > 1024 && port < 65530;
+    for (int i = 0; free && i < 4; ++i) free = port + i == first.port() || Socket(port + i).bound();
+    if (free) return port;
+  }
+}
+
+class RtpTest : public RecordingTest {
+ protected:
+  RtpTest() : port(four_free_ports()) {
+    std::filesystem::create_directories(dir.path() + "channels/room");
+  }
+
+  void join_channel() {
+    join("dir:" + dir.path() + "channels");
+    ASSERT_TRUE(handler.wait_for("joined"));
+  }
+  // User 1, of whom the recorder listens to H.264 (96), VP8 (98) and Opus (97) from then on.
+  void describe(const std::string& profile = "RTP/AVPF",
+                const std::string& host = "IP4 127.0.0.1") {
+    const std::string made = dir.file(
+        "1.sdp", "v=0\no=- 0 0 IN " + host + "\ns=x\nc=IN " + host + "\nt=0 0\nm=video " +
+                     std::to_string(port) + " " + profile +
+                     " 96 98\na=rtpmap:96 H264/90000\na=rtpmap:98 VP8/90000\nm=audio " +
+                     std::to_string(port + 2) + " " + profile + " 97\na=rtpmap:97 opus/48000/2\n");
+    std::filesystem::rename(made, dir.path() + "channels/room/1.sdp");
+    ASSERT_TRUE(handler.wait_for("user in 1"));
+  }
+  void user_leaves() {
+    std::filesystem::remove(dir.path() + "channels/room/1.sdp");
+    ASSERT_TRUE(handler.wait_for("user out 1"));
+  }
+  // Video from a real RTP session that takes feedback: a key frame each 1000 pictures, unless one
+  // is asked for.
+  std::string video_sender(const std::string& ssrc, const std::string& size = "160x90",
+                           const std::string& encrypt = "") const {
+    const size_t cross = size.find('x');
+    const std::string p = std::to_string(port);
+    const std::string sink = "udpsink host=127.0.0.1 sync=false async=false port=";
+    return "gst-launch-1.0 rtpbin name=r rtp-profile=avpf videotestsrc is-live=true ! "
+           "video/x-raw,width=" +
+           size.substr(0, cross) + ",height=" + size.substr(cross + 1) +
+           ",framerate=25/1 ! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=1000 ! "
+           "video/x-h264,profile=baseline ! rtph264pay pt=96 config-interval=-1 ssrc=" +
+           ssrc +
+           " ! application/x-rtp,rtcp-fb-nack-pli=true ! r.send_rtp_sink_0 r.send_rtp_src_0 ! " +
+           (encrypt.empty() ? sink + p : encrypt + " ! " + sink + p) +
+           (encrypt.empty() ? " r.send_rtcp_src_0 ! udpsink name=out host=127.0.0.1 sync=false "
+                              "async=false port=" +
+                                  std::to_string(port + 1) +
+                                  " bind-port=" + std::to_string(port + 3) + " udpsrc port=" +
+                                  std::to_string(port + 3) + " reuse=true ! r.recv_rtcp_sink_0"
+                            : "");
+  }
+  // Sound, a beep of 0.1 s each second.
+  std::string sound_sender(int buffers) const {
+    return "gst-launch-1.0 audiotestsrc is-live=true samplesperbuffer=960 wave=ticks num-buffers=" +
+           std::to_string(buffers) +
+           " ! audio/x-raw,rate=48000,channels=1 ! opusenc ! rtpopuspay pt=97 ! udpsink sync=false "
+           "host=127.0.0.1 port=" +
+           std::to_string(port + 2);
+  }
+  bool wait_recorded(int ms) {
+    const auto end = std::chrono::steady_clock::now() + 20s;
+    while (std::chrono::steady_clock::now() < end) {
+      const Json::Value all = files();
+      if (!all.empty() && all[all.size() - 1]["duration_ms"].asInt() >= ms) return true;
+      std::this_thread::yield();
+    }
+    return false;
+  }
+
+  const int port;
+};
+
+TEST_F(RtpTest, FfmpegsStreamsArriveWholeAndInSync) {
+  const std::string source = dir.path() + "source.mkv";
+  ASSERT_EQ(
+      output_of("ffmpeg -v error -f lavfi -i testsrc=size=160x120:rate=20:duration=4 -f lavfi -i "
+                "sine=duration=4 -c:v libx264 -bf 2 -g 20 -c:a libopus " +
+                source),
+      "");
+  for (const std::string host : {"127.0.0.1", "[::1]"}) {
+    handler.clear();
+    join_channel();
+    describe("RTP/AVP", host[0] == '[' ? "IP6 ::1" : "IP4 127.0.0.1");
+    Process sender("ffmpeg -v error -re -i " + source +
+                   " -map 0:v -c copy -f rtp -payload_type 96 rtp://" + host + ":" +
+                   std::to_string(port) + " -map 0:a -c copy -f rtp -payload_type 97 rtp://" +
+                   host + ":" + std::to_string(port + 2));
+    sender.wait();
+    user_leaves();
+    release();
+    ASSERT_EQ(files().size(), 1U) << host;
+    const std::string path = folder + files()[0]["name"].asString();
+    EXPECT_EQ(codecs_of(path), "h264 aac");
+    EXPECT_EQ(files()[0]["width"].asInt(), 160);
+    EXPECT_EQ(std::atoi(output_of("ffprobe -v error -select_streams v -count_frames -show_entries "
+                                  "stream=nb_read_frames -of csv=p=0 " +
+                                  path)
+                            .c_str()),
+              80);
+    // B-frames keep their places.
+    const std::string times =
+        output_of("ffmpeg -v error -i " + path +
+                  " -an -f framecrc -fps_mode passthrough - | grep '^0' | cut -d, -f3");
+    int64_t before = -1;
+    for (const std::string& line : lines_of(times)) {
+      EXPECT_GT(std::atoll(line.c_str()), before) << "pictures in the order of their times";
+      before = std::atoll(line.c_str());
+    }
+  }
+}
+
+TEST_F(RtpTest, LateJoinerAsksForAKeyFrameAndANewSsrcOrSizeGoesOn) {
+  Process first(video_sender("1111"));
+  join_channel();
+  const auto start = std::chrono::steady_clock::now();
+  describe();
+  ASSERT_TRUE(handler.wait_for("first video 1 "));
+  ASSERT_TRUE(wait_recorded(1500)) << "without the key frame there would be no file for 40 s";
+  EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
+  first.end();
+  Process second(video_sender("2222", "320x180"));
+  const auto end = std::chrono::steady_clock::now() + 20s;
+  while (files().size() < 2 && std::chrono::steady_clock::now() < end) std::this_thread::yield();
+  ASSERT_TRUE(wait_recorded(1000));
+  user_leaves();
+  release();
+  ASSERT_EQ(files().size(), 2U);
+  EXPECT_EQ(files()[0]["width"].asInt(), 160);
+  EXPECT_EQ(files()[0]["closed"].asString(), "picture changed");
+  EXPECT_EQ(files()[1]["width"].asInt(), 320);
+  for (const Json::Value& entry : files()) {
+    EXPECT_EQ(decode_errors_of(folder + entry["name"].asString()), "");
+  }
+}
+
+TEST_F(RtpTest, SoundThatStopsAndComesBackLeavesSilenceOfTheSameLength) {
+  join_channel();
+  describe();
+  Process first(sound_sender(75));
+  first.wait();
+  std::this_thread::yield();
+  ASSERT_TRUE(wait_recorded(4000)) << "silence goes on being recorded";
+  Process second(sound_sender(75));
+  second.wait();
+  user_leaves();
+  release();
+  ASSERT_EQ(files().size(), 1U);
+  EXPECT_EQ(files()[0]["kind"].asString(), "audio");
+  const std::string path = folder + files()[0]["name"].asString();
+  EXPECT_NEAR(seconds_of(path) * 1000, files()[0]["duration_ms"].asDouble(), 100);
+  EXPECT_GT(seconds_of(path), 5.0);
+}
+
+TEST_F(RtpTest, HostilePacketsCostNothing) {
+  join_channel();
+  describe();
+  Process video(video_sender("3333"));
+  ASSERT_TRUE(wait_recorded(500));
+  Socket hostile;
+  uint32_t random = 1;
+  for (int i = 0; i < 4000; ++i) {
+    std::vector<uint8_t> bytes((random >> 8U) % 200);
+    for (uint8_t& byte : bytes)
+      byte = static_cast<uint8_t>((random = random * 1664525 + 1013904223) >> 24U);
+    // Every other one looks like RTP or RTCP.
+    if (i % 2 == 0 && bytes.size() > 12) bytes[0] = 0x80;
+    if (i % 4 == 0 && bytes.size() > 12) bytes[1] = 96;
+    hostile.send(port + i % 4, bytes);
+  }
+  ASSERT_TRUE(wait_recorded(2500)) << "the recording goes on";
+  user_leaves();
+  release();
+  EXPECT_EQ(handler.count("error"), 0);
+  EXPECT_EQ(handler.count("warning"), 0) << "no recovery";
+  EXPECT_EQ(decode_errors_of(folder + files()[0]["name"].asString()), "");
+}
+
+TEST_F(RtpTest, RightKeyIsRecordedAndAWrongOneIsAnErrorWithoutAFile) {
+  config.decryptionMode = const_cast<char*>("aes-256-gcm");
+  config.secret = const_cast<char*>("AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8gISIjJCUmJygpKis=");
+  std::string key;
+  for (int i = 0; i < 44; ++i) {
+    char hex[3];
+    std::snprintf(hex, sizeof hex, "%02x", i);
+    key += hex;
+  }
+  for (const bool right : {true, false}) {
+    handler.clear();
+    join_channel();
+    describe("RTP/SAVPF");
+    if (!right) key[0] = '1';
+    Process video(video_sender("4444", "160x90",
+                               "srtpenc key=" + key +
+                                   " rtp-cipher=aes-256-gcm rtp-auth=null "
+                                   "rtcp-cipher=aes-256-gcm rtcp-auth=null"));
+    if (right) {
+      EXPECT_TRUE(wait_recorded(1000));
+    } else {
+      EXPECT_TRUE(handler.wait_for("error 2 1"));
+    }
+    user_leaves();
+    release();
+    EXPECT_EQ(files().size(), right ? 1U : 0U);
+    EXPECT_EQ(log().find("can be decrypted") == std::string::npos, right);
+  }
+}
+
+TEST_F(RtpTest, OpenPortIsChosenInItsBoundsAndAnswered) {
+  config.lowUdpPort = port;
+  config.highUdpPort = port + 5;
+  join_channel();
+  const std::string text =
+      "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\nm=audio 9 RTP/AVP 0\n";
+  std::filesystem::rename(dir.file("4.sdp", text), dir.path() + "channels/room/4.sdp");
+  ASSERT_TRUE(handler.wait_for("user in 4"));
+  const std::string answer = read_file(dir.path() + "channels/room/4.sdp.answer");
+  const int chosen = std::atoi(answer.substr(answer.find("m=audio ") + 8).c_str());
+  EXPECT_GE(chosen, port);
+  EXPECT_LT(chosen, port + 5);
+  EXPECT_FALSE(Socket(chosen).bound()) << "the recorder listens there";
+  std::filesystem::rename(dir.file("5.sdp", text), dir.path() + "channels/room/5.sdp");
+  std::filesystem::rename(dir.file("6.sdp", "v=0\n"), dir.path() + "channels/room/6.sdp");
+  ASSERT_TRUE(handler.wait_for("user in 5"));
+  release();
+  EXPECT_NE(log().find("6.sdp can't be recorded: it describes no stream"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace zelta::test

@@ -1,0 +1,84 @@
+// SPDX-License-Identifier: Apache-2.0
+// Recordings of the real recorder through the engine, and what ffprobe and ffmpeg say of the files.
+#pragma once
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <string>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+
+#include "support/recording_handler.h"
+#include "support/temp_dir.h"
+
+namespace zelta::test {
+
+// Null while there is no such file.
+inline Json::Value read_json(const std::string& path) {
+  Json::Value root;
+  const std::string text = read_file(path);
+  if (!text.empty()) std::istringstream(text) >> root;
+  return root;
+}
+
+struct Releaser {
+  void operator()(IRecordingEngine* engine) const { engine->release(); }
+};
+
+inline std::string output_of(const std::string& command) {
+  std::string text;
+  const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen((command + " 2>&1").c_str(), "r"), pclose);
+  std::array<char, 4096> part{};
+  while (const size_t got = fread(part.data(), 1, part.size(), pipe.get())) {
+    text.append(part.data(), got);
+  }
+  return text;
+}
+
+// "h264 aac" and so on, in the order of the streams.
+inline std::string codecs_of(const std::string& file) {
+  std::string all;
+  for (const std::string& line : lines_of(
+           output_of("ffprobe -v error -show_entries stream=codec_name -of csv=p=0 " + file))) {
+    all += (all.empty() ? "" : " ") + line;
+  }
+  return all;
+}
+
+inline double seconds_of(const std::string& file) {
+  return std::atof(
+      output_of("ffprobe -v error -show_entries format=duration -of csv=p=0 " + file).c_str());
+}
+
+inline std::string decode_errors_of(const std::string& file) {
+  return output_of("ffmpeg -v error -i " + file + " -f null -");
+}
+
+class RecordingTest : public ::testing::Test {
+ protected:
+  RecordingTest() {
+    unsetenv("ZELTA_SERVICE_DIR");
+    config.recordFileRootDir = const_cast<char*>(dir.path().c_str());
+  }
+
+  void join(const std::string& server) {
+    setenv("ZELTA_CHANNEL_SERVER", server.c_str(), 1);
+    engine.reset(IRecordingEngine::createZeltaRecordingEngine("app", &handler));
+    ASSERT_EQ(engine->joinChannel("", "room", 77, config), 0);
+    folder = engine->getProperties()->storageDir;
+  }
+  void release() { engine.reset(); }
+  Json::Value files() const { return read_json(folder + "recording.json")["files"]; }
+  std::string log() const { return read_file(folder + "recording_engine.log"); }
+
+  TempDir dir;
+  RecordingHandler handler;
+  RecordingConfig config;
+  std::unique_ptr<IRecordingEngine, Releaser> engine;
+  std::string folder;
+};
+
+}  // namespace zelta::test
