@@ -3,7 +3,6 @@
 // recovery, and disks that fail.
 #include <algorithm>
 #include <filesystem>
-#include <thread>
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
@@ -19,22 +18,6 @@ using namespace std::chrono_literals;
 
 class ModesTest : public RecordingTest {
  protected:
-  // Of the recording so far: waits, 20 s at most, until `ready` holds.
-  template <class Ready>
-  bool wait_until(Ready ready) {
-    const auto end = std::chrono::steady_clock::now() + 20s;
-    while (!ready()) {
-      if (std::chrono::steady_clock::now() > end) return false;
-      std::this_thread::yield();
-    }
-    return true;
-  }
-  bool wait_recorded(int ms) {
-    return wait_until([this, ms] {
-      const Json::Value all = files();
-      return !all.empty() && all[all.size() - 1]["duration_ms"].asInt() >= ms;
-    });
-  }
   // The files whose name has `part` in it.
   std::vector<std::string> named(const std::string& part) const {
     std::vector<std::string> found;
@@ -305,7 +288,6 @@ TEST_F(ModesTest, ChunksLaidEndToEndAreTheWhole) {
   config.cfgFilePath = const_cast<char*>(cfg.c_str());
   config.channelProfile = CHANNEL_PROFILE_LIVE_BROADCASTING;
   join("dir:" + dir.path() + "channels");
-  std::this_thread::yield();
   ASSERT_TRUE(handler.wait_for("user in 5"));
   ASSERT_TRUE(wait_until([this] { return files().size() == 2; }));
   ASSERT_TRUE(handler.wait_for("user out 5"));

@@ -10,7 +10,11 @@
 
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
 
+#include "base/unique_fd.h"
 #include "support/recording_handler.h"
 #include "support/temp_dir.h"
 
@@ -71,6 +75,31 @@ class RecordingTest : public ::testing::Test {
     folder = engine->getProperties()->storageDir;
   }
   void release() { engine.reset(); }
+  // Waits, 20 s at most, until `ready` holds, which is looked at whenever the recording folder
+  // changes.
+  template <class Ready>
+  bool wait_until(Ready ready) const {
+    const base::unique_fd changes(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
+    inotify_add_watch(changes.get(), folder.c_str(), IN_MOVED_TO | IN_DELETE);
+    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+    while (!ready()) {
+      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+          end - std::chrono::steady_clock::now());
+      pollfd changed{changes.get(), POLLIN, 0};
+      if (left.count() <= 0 || poll(&changed, 1, static_cast<int>(left.count())) == 0) return false;
+      std::array<char, 4096> events{};
+      while (read(changes.get(), events.data(), events.size()) > 0) {
+      }
+    }
+    return true;
+  }
+  // Until the last file, and `count` of them, has so much in it.
+  bool wait_recorded(int ms, unsigned count = 1) const {
+    return wait_until([this, ms, count] {
+      const Json::Value all = files();
+      return all.size() >= count && all[all.size() - 1]["duration_ms"].asInt() >= ms;
+    });
+  }
   Json::Value files() const { return read_json(folder + "recording.json")["files"]; }
   std::string log() const { return read_file(folder + "recording_engine.log"); }
 
