@@ -233,4 +233,5 @@ def main():
     return 0 if all(good) else 1
 
 
-sys.exit(main())
+if __name__ == "__main__":
+    sys.exit(main())

@@ -18,9 +18,9 @@ def run(*command):
     return done.stdout + done.stderr
 
 
-def make(folder, seconds, video, audio, size="640x360", hue=0):
+def make(folder, seconds, video, audio, size="640x360", fps=FPS):
     """A file with marks at 2, 3, … `seconds`; None for a medium leaves it out."""
-    path = f"{folder}/{video}_{audio}_{size}_{seconds}_{hue}.mkv"
+    path = f"{folder}/{video}_{audio}_{size}x{fps}_{seconds}.mkv"
     if os.path.exists(path):
         return path
     total = seconds + TAIL_S
@@ -36,13 +36,13 @@ def make(folder, seconds, video, audio, size="640x360", hue=0):
     command = ["ffmpeg", "-v", "error", "-y"]
     if video:
         command += ["-f", "lavfi", "-i",
-                    f"color=black:s={size}:r={FPS}:d={total},drawbox=enable='{on}*lt(mod(t+0.001,1),"
+                    f"color=black:s={size}:r={fps}:d={total},drawbox=enable='{on}*lt(mod(t+0.001,1),"
                     f"0.15)':color=white:t=fill,noise=alls=8:allf=t"]
     if audio:
         command += ["-f", "lavfi", "-i",
                     f"aevalsrc='{on}*lt(mod(t,1),0.1)*0.7*sin(2*PI*1000*t)':s=48000:d={total}"]
     if video:
-        command += ["-c:v", *encoders[video], "-g", str(FPS), "-b:v", "600k"]
+        command += ["-c:v", *encoders[video], "-g", str(fps), "-b:v", "600k"]
     if audio:
         command += ["-c:a", *encoders[audio]]
     print(run(*command, path), end="")
