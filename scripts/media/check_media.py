@@ -107,7 +107,7 @@ class Recording:
 
     def end(self):
         self.ended_ms = time.time() * 1000
-        self.process.send_signal(signal.SIGINT)
+        self.process.send_signal(signal.SIGTERM)
         rest, _ = self.process.communicate(timeout=60)
         self.events = [json.loads(line) for line in rest.splitlines()]
         with open(f"{self.folder}/recording.json", encoding="utf-8") as manifest:

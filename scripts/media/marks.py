@@ -26,7 +26,9 @@ def make(folder, seconds, video, audio, size="640x360", fps=FPS):
     total = seconds + TAIL_S
     on = f"gte(t,{FIRST_MARK_S}-0.001)"
     encoders = {
-        "h264": ["libx264", "-preset", "veryfast", "-tune", "zerolatency", "-profile:v", "baseline"],
+        # Every key frame brings its parameter sets, as senders without a description do.
+        "h264": ["libx264", "-preset", "veryfast", "-tune", "zerolatency", "-profile:v", "baseline",
+                 "-x264-params", "repeat-headers=1"],
         "vp8": ["libvpx", "-deadline", "realtime", "-cpu-used", "8"],
         "vp9": ["libvpx-vp9", "-deadline", "realtime", "-cpu-used", "8"],
         "opus": ["libopus", "-b:a", "48k"],

@@ -35,7 +35,7 @@ user::user(uint32_t uid, user_media from, const recording_plan& plan, surroundin
   frames_ = std::make_shared<media::frame_sender>(media::frame_labels{uid_, plan_.avsync_type},
                                                   around_.link);
   if (plan_.sound_out == sound_frames::kPcm || plan_.sound_out == sound_frames::kAac) {
-    frame_line_.emplace(static_cast<size_t>(plan_.channels), plan_.longest_gap);
+    frame_line_.emplace(static_cast<size_t>(plan_.channels), plan_.longest_gap, media::kFrameBlock);
   }
   make_series(from.may_have_video, from.may_have_sound);
   graph_ = std::make_unique<media::user_graph>(

@@ -83,7 +83,7 @@ TEST(SoundLine, PutsSoundWhereItsTimeSays) {
       {"after the end", {{100s, 1, 9600}}, 100s + 100ms, "1*4800"},
   };
   for (const auto& row : rows) {
-    media::sound_line line(1, 0s);
+    media::sound_line line(1, 0s, media::kFrameBlock);
     const auto heard = std::make_shared<Heard>();
     line.start(100s, heard);
     line.cut(row.end, nullptr);
@@ -100,7 +100,7 @@ TEST(SoundLine, PutsSoundWhereItsTimeSays) {
 }
 
 TEST(SoundLine, DriftOfTheSendersClockIsTakenBack) {
-  media::sound_line line(1, 0s);
+  media::sound_line line(1, 0s, media::kFrameBlock);
   const auto heard = std::make_shared<Heard>();
   line.start(0s, heard);
   // 300 ppm slow: after ten minutes 180 ms are missing.
@@ -110,7 +110,7 @@ TEST(SoundLine, DriftOfTheSendersClockIsTakenBack) {
 }
 
 TEST(SoundLine, EveryStretchOfACutLineIsContiguous) {
-  media::sound_line line(2, 0s);
+  media::sound_line line(2, 0s, media::kFrameBlock);
   const auto first = std::make_shared<Heard>();
   const auto second = std::make_shared<Heard>();
   const std::vector<int16_t> samples(2 * 48'000, 7);
@@ -130,7 +130,7 @@ TEST(SoundLine, EveryStretchOfACutLineIsContiguous) {
 }
 
 TEST(SoundLine, ShortGapsStayWhereSilenceIsNotWanted) {
-  media::sound_line line(1, 1s);
+  media::sound_line line(1, 1s, media::kFrameBlock);
   const auto heard = std::make_shared<Heard>();
   line.start(0s, heard);
   const std::vector<int16_t> samples(960, 1);

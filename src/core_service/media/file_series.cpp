@@ -55,7 +55,8 @@ file_series::file_series(series_plan plan, surroundings around, events told)
       posting_(around_.loop),
       video_expected_(plan_.video),
       sound_expected_(plan_.sound) {
-  if (plan_.sound) line_.emplace(static_cast<size_t>(plan_.channels), plan_.longest_gap);
+  if (plan_.sound)
+    line_.emplace(static_cast<size_t>(plan_.channels), plan_.longest_gap, kFileBlock);
 }
 
 file_series::~file_series() = default;

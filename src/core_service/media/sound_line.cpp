@@ -105,9 +105,9 @@ void sound_line::place_locked(media_time time, const int16_t* samples, size_t fr
 }
 
 void sound_line::silence_locked(size_t frames) {
-  const std::vector<int16_t> silence(kBlockFrames * channels_);
+  const std::vector<int16_t> silence(block_frames_ * channels_);
   while (frames > 0 && sink_) {
-    const size_t part = std::min(frames, kBlockFrames);
+    const size_t part = std::min(frames, block_frames_);
     emit_locked(silence.data(), part);
     frames -= part;
   }
@@ -129,7 +129,7 @@ void sound_line::emit_locked(const int16_t* samples, size_t frames) {
 
 void sound_line::append_locked(const int16_t* samples, size_t frames) {
   while (frames > 0) {
-    const size_t room = kBlockFrames - block_.size() / channels_;
+    const size_t room = block_frames_ - block_.size() / channels_;
     const size_t part = std::min(room, frames);
     block_.insert(block_.end(), samples, samples + part * channels_);
     frames_ += static_cast<int64_t>(part);

@@ -22,8 +22,10 @@
 namespace zelta::core_service::media {
 
 constexpr int kSampleRate = 48'000;
-// What goes out goes in blocks of 20 ms, except for what is left at an end.
-constexpr size_t kBlockFrames = kSampleRate / 50;
+// What goes out goes in blocks of one size, except for what is left at an end: 20 ms for who waits
+// for it, 100 ms for a file, which saves threads most of their waking up.
+constexpr size_t kFrameBlock = kSampleRate / 50;
+constexpr size_t kFileBlock = kSampleRate / 10;
 
 // Where a stretch of the line goes. A frame is one sample of every channel, 16 bits each.
 class sound_sink {
@@ -38,8 +40,9 @@ class sound_line {
  public:
   // Gaps up to `longest_gap` stay gaps in the times of what goes out; 0: none does. A file's sound
   // must never stop for long, or what stands beside it would wait with it.
-  sound_line(size_t channels, media_time longest_gap)
-      : channels_(channels), longest_gap_(longest_gap) {}
+  // `block` in samples a channel.
+  sound_line(size_t channels, media_time longest_gap, size_t block)
+      : channels_(channels), longest_gap_(longest_gap), block_frames_(block) {}
 
   // Interleaved samples that were captured at `time`. Before start() they are kept, the last five
   // seconds of them.
@@ -79,6 +82,7 @@ class sound_line {
 
   const size_t channels_;
   const media_time longest_gap_;
+  const size_t block_frames_;
   mutable std::mutex mutex_;
   std::deque<piece> kept_;
   std::optional<media_time> last_heard_;

@@ -50,7 +50,8 @@ bool mix::build(const backgrounds& images, std::string& error) {
     make_series(plan_.mix_video, sound_file);
   }
   if (plan_.sound_out == sound_frames::kMixedPcm) {
-    frame_line_.emplace(static_cast<size_t>(plan_.channels), media_time::zero());
+    frame_line_.emplace(static_cast<size_t>(plan_.channels), media_time::zero(),
+                        media::kFrameBlock);
     frames_ = std::make_shared<media::frame_sender>(media::frame_labels{0, plan_.avsync_type},
                                                     around_.link);
   }

@@ -24,6 +24,7 @@ constexpr guint kDiscardPort = 9;
 constexpr guint kLastPort = 65535;
 
 message_ptr parse(const std::string& text) {
+  if (text.empty()) return nullptr;
   GstSDPMessage* raw = nullptr;
   if (gst_sdp_message_new(&raw) != GST_SDP_OK) return nullptr;
   message_ptr message(raw);
