@@ -10,6 +10,7 @@ import statistics
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 import marks
@@ -168,11 +169,16 @@ def crowd(work, users, seconds):
     pid = recording.recorder_pid()
     before = cpu_seconds(pid)
     began = time.time()
-    for sender in senders:
+    def end(sender):
         sender.wait()
-    share = (cpu_seconds(pid) - before) / (time.time() - began)
-    for sender in senders:
         sender.leave()
+
+    ends = [threading.Thread(target=end, args=(sender,)) for sender in senders]
+    for thread in ends:
+        thread.start()
+    for thread in ends:
+        thread.join()
+    share = (cpu_seconds(pid) - before) / (time.time() - began)
     files = recording.end()
     sent = marks.frames(source)
     lost = sum(sent - marks.frames(f"{recording.folder}/{f['name']}") for f in files)

@@ -98,8 +98,9 @@ def frames(path):
 
 
 def decode_errors(path):
-    # A null muxer complains of uneven times that a player doesn't mind.
-    text = run("ffmpeg", "-v", "error", "-i", path, "-fps_mode", "passthrough", "-f", "null", "-")
+    # In the file's own time base: rounded to the frame rate two times may be one.
+    text = run("ffmpeg", "-v", "error", "-i", path, "-fps_mode", "passthrough", "-enc_time_base", "-1",
+               "-f", "null", "-")
     return len(text.splitlines())
 
 

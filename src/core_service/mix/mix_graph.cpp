@@ -35,7 +35,8 @@ std::string video_description(const mix_graph::settings& s) {
          "force-live=true latency=" +
          latency_text(s.latency) + " ! video/x-raw,format=I420,width=" + std::to_string(s.width) +
          ",height=" + std::to_string(s.height) + ",framerate=" + std::to_string(s.fps) +
-         "/1,pixel-aspect-ratio=1/1 ! queue max-size-buffers=10 max-size-bytes=0 max-size-time=0 "
+         "/1,pixel-aspect-ratio=1/1,colorimetry=" + colorimetry_of(s.height) +
+         " ! queue max-size-buffers=10 max-size-bytes=0 max-size-time=0 "
          "! " +
          media::h264_encoder({s.kbps, s.fps * kKeyFrameSeconds, s.high_profile, "veryfast"}) +
          " ! h264parse ! video/x-h264,stream-format=avc,alignment=au ! appsink name=video "

@@ -91,7 +91,8 @@ media::sample_ptr plain_picture(uint32_t colour, int width, int height) {
 media::sample_ptr scaled_picture(GstSample* image, int width, int height) {
   const media::caps_ptr caps(gst_caps_new_simple(
       "video/x-raw", "format", G_TYPE_STRING, "I420", "width", G_TYPE_INT, width, "height",
-      G_TYPE_INT, height, "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1, nullptr));
+      G_TYPE_INT, height, "pixel-aspect-ratio", GST_TYPE_FRACTION, 1, 1, "colorimetry",
+      G_TYPE_STRING, colorimetry_of(height), nullptr));
   return media::sample_ptr(gst_video_convert_sample(image, caps.get(), 2 * GST_SECOND, nullptr));
 }
 
