@@ -253,6 +253,40 @@ TEST_F(ModesTest, SlowApplicationLosesFramesAndNoRecording) {
   EXPECT_NE(log().find("frames were dropped"), std::string::npos);
 }
 
+TEST_F(ModesTest, CommandLineKeepsFramesInFilesAndItsStatusSaysWhatHappened) {
+  const std::string program =
+      std::filesystem::read_symlink("/proc/self/exe").parent_path() / "zelta-record";
+  const auto run = [&](const std::string& arguments) {
+    return output_of(program + " room --record-file-root-dir " + dir.path() + " --frames " +
+                     dir.path() + "frames --duration 2 " + arguments + "; echo status $?");
+  };
+  const struct {
+    const char* arguments;
+    const char* status;
+    std::vector<const char*> frames;
+  } rows[] = {
+      {"--server test:users=1,size=160x90 --decode-video 2 --decode-audio 2",
+       "status 0",
+       {"1_1.y4m", "1.wav"}},
+      {"--server test:users=1,size=160x90 --decode-video 1 --decode-audio 1",
+       "status 0",
+       {"1.h264", "1.aac"}},
+      {"--server test:users=2,size=160x90 --decode-audio 3", "status 0", {"0.wav"}},
+      {"--server test:users=many", "status 1", {}},
+      {"--decode-video nine", "status 2", {}},
+      {"--server test: --is-audio-only --is-video-only", "status 3", {}},
+  };
+  for (const auto& row : rows) {
+    std::filesystem::remove_all(dir.path() + "frames");
+    EXPECT_NE(run(row.arguments).find(row.status), std::string::npos) << row.arguments;
+    for (const char* name : row.frames) {
+      const std::string path = dir.path() + "frames/" + name;
+      EXPECT_EQ(decode_errors_of(path), "") << name;
+      EXPECT_GT(std::filesystem::file_size(path), 1000U) << name;
+    }
+  }
+}
+
 // ---- Start, stop, cut ----------------------------------------------------------------------
 
 TEST_F(ModesTest, EveryManualStartOpensFilesAndEveryStopCompletesThem) {
