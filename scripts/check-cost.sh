@@ -3,7 +3,7 @@
 # Measures the recorder's CPU time and memory beside a bare gst-launch pipeline that does the same
 # work in the same run, and records a crowd of users with nothing dropped: a table on standard
 # output, exit status 1 when a bound is missed. Arguments: --seconds N, --rounds N, --users N,
-# --only cost|crowd. Wants a machine that does nothing else.
+# --only cost|crowd, --cases TEXT. Wants a machine that does nothing else.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 

@@ -79,16 +79,16 @@ void session::start() {
                              " can't be written");
   }
   channel_place place;
-  if (!check_options() || !prepare_channel(place) || !prepare_mix(place.rtp.jitter_latency)) return;
+  check_options();
+  if (!prepare_channel(place) || !prepare_mix(place.rtp.jitter_latency)) return;
   if (options_.recovery_id > 0) recover();
   set_volume_interval(options_.audio_indication_interval);
   serving_ = options_.trigger_mode == AUTOMATICALLY_MODE || journal_.state.serving;
-  if (serving_ && mix_) mix_->start_service();
   log(base::NOTICE_LOG, "joining channel " + options_.channel_id + " at " + server_);
   channel_->join();
 }
 
-bool session::check_options() {
+void session::check_options() {
   std::vector<std::string> warnings;
   plan_ = plan_of(options_, warnings);
   std::string unknown;
@@ -102,7 +102,6 @@ bool session::check_options() {
                             "\", service mode " + std::to_string(options_.service_mode) +
                             ", media server \"" + options_.vos +
                             "\":" + std::to_string(options_.vos_port));
-  return true;
 }
 
 bool session::prepare_channel(channel_place& place) {
@@ -242,7 +241,7 @@ void session::set_serving(bool serving, const std::string& why) {
       one.second->stop_service(why);
     }
   }
-  if (mix_ && serving) mix_->start_service();
+  if (mix_ && serving && !users_.empty()) mix_->start_service();
   if (mix_ && !serving) mix_->stop_service(why);
   journal_.state.serving = serving;
   keep_journal();
@@ -295,6 +294,8 @@ void session::on_user_in(uint32_t uid, user_media from) {
       mix_ ? mix_->add_user(uid) : nullptr, events_of(uid));
   link_.send(make<protocol::user_joined_packet>(uid, options_.recording_file_dir));
   if (serving_) made->start_service();
+  // A mix begins with its first user: before, there is nothing to see or hear.
+  if (serving_ && mix_) mix_->start_service();
   made->start();
 }
 
@@ -399,9 +400,9 @@ void session::report_volumes() {
 }
 
 // From inside a file's own call, so the end comes later.
-void session::on_files_failed(const std::string& why, bool disk) {
+void session::on_files_failed(const std::string& why, bool fatal) {
   log(base::ERROR_LOG, "recording failed: " + why);
-  if (!disk) return;
+  if (!fatal) return;
   posting_.post([this] {
     if (phase_ != phase::kRecording) return;
     link_.send(

@@ -66,14 +66,14 @@ class session final : private engine_listener, private channel_listener {
   void on_channel_lost() override;
 
   // What the start is made of, in this order; false: the session is failing.
-  bool check_options();
+  void check_options();
   bool prepare_channel(channel_place& place);
   bool prepare_mix(media::media_time lateness);
   void recover();
 
   void on_user_error(uint32_t uid, const std::string& why);
   user::events events_of(uint32_t uid);
-  void on_files_failed(const std::string& why, bool disk);
+  void on_files_failed(const std::string& why, bool fatal);
   void report_stream_status();
   void report_volumes();
   void set_volume_interval(int interval_ms);

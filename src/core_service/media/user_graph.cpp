@@ -244,7 +244,8 @@ std::string user_graph::video_branch(const codec& c) const {
   text += std::string(" coded. ! ") + kDecodeQueue + " ! " + c.decode + " ! tee name=raw";
   const std::string raw = std::string(" raw. ! ") + kPictureQueue + " ! ";
   if (to_.yuv) text += raw + "videoconvert ! video/x-raw,format=I420 ! " + sink + "yuv";
-  if (to_.mix) text += raw + "videoflip video-direction=auto ! " + sink + "mix";
+  // The mix has a queue of its own.
+  if (to_.mix) text += " raw. ! videoflip video-direction=auto ! " + sink + "mix";
   if (to_.jpg) text += raw + "videoconvert name=jpg_in ! jpegenc ! " + sink + "jpg";
   return text;
 }

@@ -64,7 +64,7 @@ bool mix::build(const backgrounds& images, std::string& error) {
   to.sound = [this](media_time time, const int16_t* samples, size_t frames) {
     on_sound(time, samples, frames);
   };
-  to.failed = [this](const std::string& why) { told_.failed("the mix failed: " + why, false); };
+  to.failed = [this](const std::string& why) { told_.failed("the mix failed: " + why, true); };
   graph_ = mix_graph::make(
       {plan_.mix_video, plan_.mix_sound, plan_.mix_width, plan_.mix_height, plan_.mix_fps,
        plan_.mix_kbps, plan_.mix_high_profile, plan_.channels, latency_},
@@ -111,6 +111,11 @@ void mix::on_sound(media_time time, const int16_t* samples, size_t frames) {
 // ---- Who is in it, and where ---------------------------------------------------------------
 
 std::shared_ptr<media::mix_input> mix::add_user(uint32_t uid) {
+  // One who comes back at once takes the place at once.
+  for (member& user : users_) {
+    if (user.uid == uid && user.left) user.left = media_time::zero();
+  }
+  let_go(media::now() - latency_);
   users_.push_back({uid, graph_->add_user(uid), std::nullopt});
   const media::sample_ptr background = background_of(uid);
   graph_->set_substitute(uid, background.get());
@@ -191,6 +196,7 @@ void mix::show_canvas() {
 // ---- The service ---------------------------------------------------------------------------
 
 void mix::start_service() {
+  progress_ = media::now().count();
   serving_ = true;
   for (const auto& files : series_) files->start();
 }

@@ -32,8 +32,9 @@ class mix {
     engine_link& link;
   };
   struct events {
-    // A file could not be written, or the graph failed as a whole.
-    std::function<void(const std::string& why, bool disk)> failed;
+    // A file could not be written, or the graph failed as a whole. `fatal`: the next will not be
+    // written either.
+    std::function<void(const std::string& why, bool fatal)> failed;
     // After finish(): all files are complete. The mix may be destroyed from inside the call.
     std::function<void()> finished;
   };
