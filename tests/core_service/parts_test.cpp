@@ -113,7 +113,7 @@ TEST(SoundLine, EveryStretchOfACutLineIsContiguous) {
   media::sound_line line(2, 0s, media::kFrameBlock);
   const auto first = std::make_shared<Heard>();
   const auto second = std::make_shared<Heard>();
-  const std::vector<int16_t> samples(2 * 48'000, 7);
+  const std::vector<int16_t> samples(96'000, 7);
   line.push(10s, samples.data(), 48'000);
   EXPECT_EQ(*line.first_kept(), media::media_time(10s));
   line.start(10s, first);

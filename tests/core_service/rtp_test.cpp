@@ -126,6 +126,11 @@ class RtpTest : public RecordingTest {
                                   std::to_string(port + 5) + " reuse=true ! r.recv_rtcp_sink_0"
                             : "");
   }
+  std::string host_streams(const std::string& source, const std::string& host) const {
+    const std::string to = " -c copy -f rtp rtp://" + host + ":";
+    return " -i " + source + " -map 0:v" + to + std::to_string(port) + " -map 0:a" + to +
+           std::to_string(port + 2);
+  }
   // Sound, a beep of 0.1 s each second.
   std::string sound_sender(int buffers) const {
     return "gst-launch-1.0 audiotestsrc is-live=true samplesperbuffer=960 wave=ticks num-buffers=" +
@@ -147,10 +152,9 @@ TEST_F(RtpTest, FfmpegsStreamsArriveWholeAndInSync) {
       "");
   for (const std::string host : {"127.0.0.1", "[::1]"}) {
     handler.clear();
-    const auto send = [&](const std::string& how) {
-      const std::string to = " -c copy -f rtp rtp://" + host + ":";
-      return "ffmpeg -v error -re " + how + " -i " + source + " -map 0:v" + to +
-             std::to_string(port) + " -map 0:a" + to + std::to_string(port + 2);
+    const std::string streams = host_streams(source, host);
+    const auto send = [&streams](const char* how) {
+      return std::string("ffmpeg -v error -re ").append(how).append(streams);
     };
     // A short run that nobody hears writes the description.
     const std::string made = dir.path() + "made.sdp";

@@ -193,7 +193,9 @@ class dir_channel : public channel {
     std::vector<std::string> warnings;
     std::string error;
     auto made = rtp::make_rtp_source(read_description(folder_ + name), rtp_, warnings, error);
-    for (const std::string& text : warnings) log(name + ": " + text);
+    std::string all;
+    for (const std::string& text : warnings) all += ": " + text;
+    if (!all.empty()) log(name + all);
     if (!made) {
       log(name + " can't be recorded: " + error);
       return {};

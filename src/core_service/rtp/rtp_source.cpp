@@ -18,8 +18,6 @@
 namespace zelta::core_service::rtp {
 namespace {
 
-using media::child;
-
 // A foreign sender may invent sources; each costs memory until it times out.
 constexpr unsigned kMaxSources = 16;
 // So many packets without one that could be decrypted are no accident.
