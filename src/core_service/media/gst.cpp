@@ -43,23 +43,45 @@ struct sample_taker {
 
 void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
                 std::function<void()> ended) {
-  auto taker = std::make_unique<sample_taker>();
-  taker->take = std::move(take);
-  taker->ended = std::move(ended);
+  auto taker =
+      std::make_unique<carried<sample_taker>>(sample_taker{std::move(take), std::move(ended)});
   GstAppSinkCallbacks callbacks{};
   callbacks.new_sample = [](GstAppSink* sink, gpointer context) {
     const sample_ptr sample(gst_app_sink_pull_sample(sink));
     if (!sample) return GST_FLOW_EOS;
-    static_cast<sample_taker*>(context)->take(sample.get());
+    static_cast<carried<sample_taker>*>(context)->get().take(sample.get());
     return GST_FLOW_OK;
   };
   callbacks.eos = [](GstAppSink*, gpointer context) {
-    const auto* const told = static_cast<sample_taker*>(context);
-    if (told->ended) told->ended();
+    const sample_taker& told = static_cast<carried<sample_taker>*>(context)->get();
+    if (told.ended) told.ended();
   };
   gst_app_sink_set_callbacks(GST_APP_SINK(appsink), &callbacks, taker.release(), [](gpointer done) {
-    const std::unique_ptr<sample_taker> owner(static_cast<sample_taker*>(done));
+    const std::unique_ptr<carried<sample_taker>> owner(static_cast<carried<sample_taker>*>(done));
   });
+}
+
+__attribute__((no_sanitize("thread"))) buffer_times times_of(const GstBuffer* buffer) {
+  return {GST_BUFFER_PTS(buffer), GST_BUFFER_DTS(buffer), GST_BUFFER_DURATION(buffer)};
+}
+
+__attribute__((no_sanitize("thread"))) void set_times(GstBuffer* buffer,
+                                                      const buffer_times& times) {
+  GST_BUFFER_PTS(buffer) = times.pts;
+  GST_BUFFER_DTS(buffer) = times.dts;
+  GST_BUFFER_DURATION(buffer) = times.duration;
+}
+
+__attribute__((no_sanitize("thread"))) bool is_key(const GstBuffer* buffer) {
+  return !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+}
+
+__attribute__((no_sanitize("thread"))) GstEventType type_of(const GstEvent* event) {
+  return GST_EVENT_TYPE(event);
+}
+
+__attribute__((no_sanitize("thread"))) GstMessageType type_of(const GstMessage* message) {
+  return GST_MESSAGE_TYPE(message);
 }
 
 bool have_element(const char* name) {
@@ -101,8 +123,8 @@ void bus_watch::on_readable() {
 void bus_watch::on_message(GstMessage* message) {
   // Copies, because what is called may destroy this.
   const events told = told_;
-  if (GST_MESSAGE_TYPE(message) == GST_MESSAGE_EOS && told.ended) return told.ended();
-  if (GST_MESSAGE_TYPE(message) != GST_MESSAGE_ERROR || !told.failed) return;
+  if (type_of(message) == GST_MESSAGE_EOS && told.ended) return told.ended();
+  if (type_of(message) != GST_MESSAGE_ERROR || !told.failed) return;
   GError* error = nullptr;
   char* details = nullptr;
   gst_message_parse_error(message, &error, &details);

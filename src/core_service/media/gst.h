@@ -2,9 +2,11 @@
 // Owners of GStreamer objects and the few steps that every graph needs.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
@@ -55,10 +57,42 @@ element_ptr make_pipeline(const std::string& description, std::string& error);
 // The element called `name` inside `bin`, which keeps it alive.
 GstElement* child(GstElement* bin, const char* name);
 
+// What is given to GStreamer on one thread and comes back in a callback on another: the hand-over
+// is said in the language's own terms too, for compilers and sanitizers, which don't see the
+// library's.
+template <class T>
+class carried {
+ public:
+  explicit carried(T value) : value_(std::move(value)) { given_.store(true); }
+  T& get() {
+    static_cast<void>(given_.load());
+    return value_;
+  }
+
+ private:
+  T value_;
+  std::atomic<bool> given_{false};
+};
+
 // Calls `take` on the streaming thread for every sample of `appsink`, and `ended` (unless null)
 // when the stream has ended. Neither comes any more once the sink is in the state NULL.
 void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
                 std::function<void()> ended);
+
+// The times of a buffer. All that reads and writes fields of GStreamer's stands in these: it hands
+// them from thread to thread and uses their memory again under locks that the thread sanitizer
+// doesn't see, because the library isn't instrumented, so it is told not to look.
+struct buffer_times {
+  GstClockTime pts = GST_CLOCK_TIME_NONE;
+  GstClockTime dts = GST_CLOCK_TIME_NONE;
+  GstClockTime duration = GST_CLOCK_TIME_NONE;
+};
+buffer_times times_of(const GstBuffer* buffer);
+void set_times(GstBuffer* buffer, const buffer_times& times);
+// Whether the buffer can be decoded by itself.
+bool is_key(const GstBuffer* buffer);
+GstEventType type_of(const GstEvent* event);
+GstMessageType type_of(const GstMessage* message);
 
 // Adds `child` to `parent`, which takes it. Returns it, borrowed.
 GstElement* add(GstElement* parent, element_ptr child);

@@ -68,11 +68,11 @@ void media_file::write(media_kind kind, const media_sample& sample) {
   if (to == nullptr || failed_) return;
   // The samples are shared with others, the times are this file's own.
   GstBuffer* const buffer = gst_buffer_copy(sample.buffer.get());
-  GST_BUFFER_PTS(buffer) = clock_time(sample.time);
-  GST_BUFFER_DTS(buffer) =
-      kind == media_kind::kVideo ? clock_time(sample.decode_time) : GST_CLOCK_TIME_NONE;
-  GST_BUFFER_DURATION(buffer) =
-      sample.duration > media_time::zero() ? clock_time(sample.duration) : GST_CLOCK_TIME_NONE;
+  set_times(
+      buffer,
+      {clock_time(sample.time),
+       kind == media_kind::kVideo ? clock_time(sample.decode_time) : GST_CLOCK_TIME_NONE,
+       sample.duration > media_time::zero() ? clock_time(sample.duration) : GST_CLOCK_TIME_NONE});
   const sample_ptr whole(gst_sample_new(buffer, sample.caps.get(), nullptr, nullptr));
   gst_buffer_unref(buffer);
   gst_app_src_push_sample(GST_APP_SRC(to), whole.get());

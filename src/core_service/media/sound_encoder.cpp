@@ -54,7 +54,7 @@ sound_encoder::sound_encoder(element_ptr pipeline, const settings& wanted, event
         media_sample sample;
         if (!take_sample(from, pipeline, sample)) return;
         // The samples' own times are the timeline's, whatever the pipeline's base time is.
-        sample.time = media_time(static_cast<int64_t>(GST_BUFFER_PTS(sample.buffer.get()))) - delay;
+        sample.time = media_time(static_cast<int64_t>(times_of(sample.buffer.get()).pts)) - delay;
         sample.decode_time = sample.time;
         sample.key = true;
         encoded(std::move(sample));
@@ -70,8 +70,8 @@ sound_encoder::~sound_encoder() {
 void sound_encoder::on_sound(media_time time, const int16_t* samples, size_t frames) {
   const size_t bytes = frames * channels_ * sizeof(int16_t);
   GstBuffer* const buffer = gst_buffer_new_memdup(samples, bytes);
-  GST_BUFFER_PTS(buffer) = static_cast<GstClockTime>(time.count());
-  GST_BUFFER_DURATION(buffer) = static_cast<GstClockTime>(frames) * GST_SECOND / kSampleRate;
+  set_times(buffer, {static_cast<GstClockTime>(time.count()), GST_CLOCK_TIME_NONE,
+                     static_cast<GstClockTime>(frames) * GST_SECOND / kSampleRate});
   // A refusal means that the encoder failed; its file then ends for lack of sound.
   gst_app_src_push_buffer(GST_APP_SRC(source_), buffer);
 }

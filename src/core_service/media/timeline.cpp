@@ -35,15 +35,16 @@ int64_t utc_ms_of(media_time time) {
 bool take_sample(GstSample* sample, GstElement* pipeline, media_sample& out) {
   GstBuffer* const buffer = gst_sample_get_buffer(sample);
   const GstSegment* const segment = gst_sample_get_segment(sample);
-  const bool has_decode_time = place(segment, GST_BUFFER_DTS(buffer), pipeline, out.decode_time);
-  if (!place(segment, GST_BUFFER_PTS(buffer), pipeline, out.time)) {
+  const buffer_times times = times_of(buffer);
+  const bool has_decode_time = place(segment, times.dts, pipeline, out.decode_time);
+  if (!place(segment, times.pts, pipeline, out.time)) {
     if (!has_decode_time) return false;
     out.time = out.decode_time;
   }
   if (!has_decode_time) out.decode_time = out.time;
   out.duration = media_time(
-      GST_BUFFER_DURATION_IS_VALID(buffer) ? static_cast<int64_t>(GST_BUFFER_DURATION(buffer)) : 0);
-  out.key = !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+      GST_CLOCK_TIME_IS_VALID(times.duration) ? static_cast<int64_t>(times.duration) : 0);
+  out.key = is_key(buffer);
   out.buffer.reset(gst_buffer_ref(buffer));
   out.caps.reset(gst_caps_ref(gst_sample_get_caps(sample)));
   return true;

@@ -45,19 +45,16 @@ int rotation_of(const GstTagList* tags, int present) {
   return std::strncmp(text, "rotate-", 7) == 0 ? std::atoi(text + 7) : 0;
 }
 
-template <class Element>
-void add_probe(Element* pad, GstPadProbeType type,
+void add_probe(GstPad* pad, GstPadProbeType type,
                std::function<GstPadProbeReturn(GstPadProbeInfo*)> look) {
-  using function = std::function<GstPadProbeReturn(GstPadProbeInfo*)>;
+  using context = carried<std::function<GstPadProbeReturn(GstPadProbeInfo*)>>;
   gst_pad_add_probe(
       pad, type,
-      [](GstPad*, GstPadProbeInfo* info, gpointer context) {
-        return (*static_cast<function*>(context))(info);
+      [](GstPad*, GstPadProbeInfo* info, gpointer given) {
+        return static_cast<context*>(given)->get()(info);
       },
-      std::make_unique<function>(std::move(look)).release(),
-      [](gpointer context) {
-        const std::unique_ptr<function> owner(static_cast<function*>(context));
-      });
+      std::make_unique<context>(std::move(look)).release(),
+      [](gpointer given) { const std::unique_ptr<context> owner(static_cast<context*>(given)); });
 }
 
 }  // namespace
@@ -319,7 +316,7 @@ void user_graph::connect_video(const std::shared_ptr<track>& t) {
 void user_graph::follow_rotation(const std::shared_ptr<track>& t) {
   add_probe(t->source.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [t](GstPadProbeInfo* info) {
     GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
-    if (GST_EVENT_TYPE(event) == GST_EVENT_TAG) {
+    if (type_of(event) == GST_EVENT_TAG) {
       GstTagList* tags = nullptr;
       gst_event_parse_tag(event, &tags);
       t->rotation = rotation_of(tags, t->rotation);
@@ -332,7 +329,7 @@ void user_graph::follow_rotation(const std::shared_ptr<track>& t) {
 void user_graph::pick_jpgs(const std::shared_ptr<track>& t) {
   const pad_ptr in(gst_element_get_static_pad(child(t->branch, "jpg_in"), "sink"));
   add_probe(in.get(), GST_PAD_PROBE_TYPE_BUFFER, [this, t](GstPadProbeInfo* info) {
-    const auto at = static_cast<int64_t>(GST_BUFFER_PTS(GST_PAD_PROBE_INFO_BUFFER(info)));
+    const auto at = static_cast<int64_t>(times_of(GST_PAD_PROBE_INFO_BUFFER(info)).pts);
     if (at < t->next_jpg) return GST_PAD_PROBE_DROP;
     // On a grid, so that the pictures don't drift, unless the user was away.
     const int64_t interval = jpg_interval_;

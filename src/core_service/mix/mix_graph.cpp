@@ -57,9 +57,7 @@ std::string sound_description(const mix_graph::settings& s) {
 
 void push_picture(GstElement* source, GstSample* picture, GstClockTime at) {
   GstBuffer* const buffer = gst_buffer_copy(gst_sample_get_buffer(picture));
-  GST_BUFFER_PTS(buffer) = at;
-  GST_BUFFER_DTS(buffer) = GST_CLOCK_TIME_NONE;
-  GST_BUFFER_DURATION(buffer) = GST_CLOCK_TIME_NONE;
+  media::set_times(buffer, {at});
   const media::sample_ptr placed(
       gst_sample_new(buffer, gst_sample_get_caps(picture), nullptr, nullptr));
   gst_buffer_unref(buffer);
@@ -110,8 +108,7 @@ class mix_graph::input : public media::mix_input {
     const auto at = running_time(time);
     if (sound_.bin == nullptr || !at) return;
     GstBuffer* const buffer = gst_buffer_new_memdup(samples, frames * frame_bytes_);
-    GST_BUFFER_PTS(buffer) = *at;
-    GST_BUFFER_DURATION(buffer) = frames * GST_SECOND / 48'000;
+    media::set_times(buffer, {*at, GST_CLOCK_TIME_NONE, frames * GST_SECOND / 48'000});
     gst_app_src_push_buffer(GST_APP_SRC(sound_.source), buffer);
   }
 

@@ -50,7 +50,7 @@ media::sample_ptr load_picture(const std::string& path, std::string& error) {
       bus.get(), 2 * GST_SECOND,
       static_cast<GstMessageType>(GST_MESSAGE_ASYNC_DONE | GST_MESSAGE_ERROR)));
   media::sample_ptr picture;
-  if (message && GST_MESSAGE_TYPE(message.get()) == GST_MESSAGE_ASYNC_DONE) {
+  if (message && media::type_of(message.get()) == GST_MESSAGE_ASYNC_DONE) {
     picture.reset(
         gst_app_sink_try_pull_preroll(GST_APP_SINK(media::child(pipeline.get(), "out")), 0));
   }

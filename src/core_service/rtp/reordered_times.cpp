@@ -6,6 +6,8 @@
 
 #include <gst/rtp/gstrtpbuffer.h>
 
+#include "core_service/media/gst.h"
+
 namespace zelta::core_service::rtp {
 namespace {
 
@@ -18,10 +20,11 @@ struct latest_picture {
 };
 
 GstPadProbeReturn restore(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer context) {
-  auto& latest = *static_cast<latest_picture*>(context);
+  auto& latest = static_cast<media::carried<latest_picture>*>(context)->get();
   GstBuffer* buffer = GST_PAD_PROBE_INFO_BUFFER(info);
   GstRTPBuffer packet = GST_RTP_BUFFER_INIT;
-  if (!GST_BUFFER_PTS_IS_VALID(buffer) ||
+  media::buffer_times times = media::times_of(buffer);
+  if (!GST_CLOCK_TIME_IS_VALID(times.pts) ||
       gst_rtp_buffer_map(buffer, GST_MAP_READ, &packet) == FALSE) {
     return GST_PAD_PROBE_OK;
   }
@@ -33,12 +36,13 @@ GstPadProbeReturn restore(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer conte
   if (!latest.seen || behind <= 0 || behind > latest.clock_rate) {
     latest.seen = true;
     latest.rtp_time = rtp_time;
-    latest.time = GST_BUFFER_PTS(buffer);
+    latest.time = times.pts;
     return GST_PAD_PROBE_OK;
   }
   const auto earlier = static_cast<GstClockTime>(behind * int64_t{GST_SECOND} / latest.clock_rate);
   buffer = gst_buffer_make_writable(buffer);
-  GST_BUFFER_PTS(buffer) = latest.time > earlier ? latest.time - earlier : 0;
+  times.pts = latest.time > earlier ? latest.time - earlier : 0;
+  media::set_times(buffer, times);
   GST_PAD_PROBE_INFO_DATA(info) = buffer;
   return GST_PAD_PROBE_OK;
 }
@@ -46,10 +50,10 @@ GstPadProbeReturn restore(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer conte
 }  // namespace
 
 void restore_times(GstPad* pad, int clock_rate) {
-  auto state = std::make_unique<latest_picture>();
-  state->clock_rate = clock_rate;
+  using context = media::carried<latest_picture>;
+  auto state = std::make_unique<context>(latest_picture{clock_rate});
   gst_pad_add_probe(pad, GST_PAD_PROBE_TYPE_BUFFER, restore, state.release(), [](gpointer done) {
-    const std::unique_ptr<latest_picture> owner(static_cast<latest_picture*>(done));
+    const std::unique_ptr<context> owner(static_cast<context*>(done));
   });
 }
 
