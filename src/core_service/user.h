@@ -11,25 +11,18 @@
 #include <optional>
 #include <string>
 
-#include "core_service/engine_link.h"
-#include "core_service/manifest.h"
 #include "core_service/media/file_series.h"
 #include "core_service/media/frame_sender.h"
 #include "core_service/media/mix_input.h"
 #include "core_service/media/user_graph.h"
 #include "core_service/media/volume_meter.h"
 #include "core_service/recording_plan.h"
+#include "core_service/surroundings.h"
 
 namespace zelta::core_service {
 
 class user {
  public:
-  struct surroundings {
-    std::string folder;
-    base::event_loop& loop;
-    manifest& files;
-    engine_link& link;
-  };
   struct events {
     std::function<void(int width, int height)> first_video;
     std::function<void()> first_sound;

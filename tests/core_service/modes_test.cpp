@@ -229,6 +229,27 @@ TEST_F(ModesTest, MixedPcmHasUidZeroAndParametersChangeReports) {
   }
 }
 
+TEST_F(ModesTest, PicturesSayHowTheyAreToBeTurned) {
+  std::filesystem::create_directories(dir.path() + "channels/room");
+  const std::string upright = dir.path() + "upright.mp4";
+  ASSERT_EQ(output_of("ffmpeg -v error -f lavfi -i testsrc=rate=10:duration=2:size=160x120 -c:v "
+                      "libx264 " +
+                      upright),
+            "");
+  // The matrix that it writes turns by 270 degrees clockwise.
+  ASSERT_EQ(output_of("ffmpeg -v error -i " + upright + " -c copy -metadata:s:v:0 rotate=90 " +
+                      dir.path() + "channels/room/8.mp4"),
+            "");
+  config.decodeVideo = VIDEO_FORMAT_YUV_FRAME_TYPE;
+  join("dir:" + dir.path() + "channels");
+  ASSERT_TRUE(handler.wait_for("yuv 8 ", 3));
+  release();
+  for (const std::string& call : handler.calls()) {
+    if (call.rfind("yuv", 0) != 0) continue;
+    EXPECT_EQ(call.substr(call.rfind(' ')), " 270") << call;
+  }
+}
+
 TEST_F(ModesTest, SlowApplicationLosesFramesAndNoRecording) {
   config.decodeVideo = VIDEO_FORMAT_YUV_FRAME_TYPE;
   // Holds up the engine's thread, and with it the pipe, while five seconds of pictures come.

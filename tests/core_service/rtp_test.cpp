@@ -226,6 +226,30 @@ TEST_F(RtpTest, SoundThatStopsAndComesBackLeavesSilenceOfTheSameLength) {
   EXPECT_GT(seconds_of(path), 5.0);
 }
 
+TEST_F(RtpTest, PictureThatStopsGivesWayToSoundAndComesBack) {
+  join_channel();
+  describe();
+  Process sound(sound_sender(100'000));
+  {
+    const Process video(video_sender("5555"));
+    ASSERT_TRUE(wait_recorded(1500));
+  }
+  ASSERT_TRUE(wait_recorded(1000, 2)) << "sound alone, on the disk";
+  const Process video(video_sender("6666"));
+  ASSERT_TRUE(wait_recorded(1000, 3));
+  user_leaves();
+  release();
+  ASSERT_EQ(files().size(), 3U);
+  const char* const kinds[] = {"audio_video", "audio", "audio_video"};
+  for (Json::ArrayIndex i = 0; i < 3; ++i) {
+    EXPECT_EQ(files()[i]["kind"].asString(), kinds[i]);
+    EXPECT_EQ(decode_errors_of(folder + files()[i]["name"].asString()), "");
+    if (i == 0) continue;
+    const auto gap = files()[i]["first_utc_ms"].asInt64() - files()[i - 1]["last_utc_ms"].asInt64();
+    EXPECT_LE(std::abs(gap), 45) << "no sound is lost between two files";
+  }
+}
+
 TEST_F(RtpTest, HostilePacketsCostNothing) {
   join_channel();
   describe();

@@ -18,6 +18,8 @@ constexpr media_time kFirstPicturePatience = 3s;
 constexpr media_time kPicturePatience = 2s;
 // A gap in sound is filled once it is this old: what is late until then is still in time.
 constexpr media_time kSoundPatience = 1s;
+// A picture is decoded from packets, which takes a little longer than sound does.
+constexpr media_time kPictureDelay = 100ms;
 // A folder that takes no file will not take the next one either.
 constexpr int kFailureLimit = 3;
 
@@ -80,7 +82,8 @@ void file_series::on_video(const media_sample& sample, const codec& kind) {
   if (!plan_.video || ends || (!recording_ && !ending_)) return;
   if (waits_for_key(sample)) return told_.need_key_frame();
   if (recording_ && (current_ == nullptr || is_new_file(sample))) open_with_video(sample, kind);
-  if (current_ == nullptr) return;
+  // While it ends, nothing new begins.
+  if (current_ == nullptr || is_new_file(sample)) return;
   current_->file->write(media_kind::kVideo, sample);
   last_video_end_ = std::max(last_video_end_, sample.end());
   route_sound();
@@ -230,9 +233,13 @@ void file_series::on_sound(media_sample sample, int encoder) {
 }
 
 void file_series::route_sound() {
-  const bool free = current_ == nullptr || !current_->holds.video;
-  const media_time reached =
-      free ? media_time::max() : std::max(last_video_end_, now() - plan_.lateness - kSoundPatience);
+  const bool with_picture = current_ != nullptr && current_->holds.video;
+  // A picture that comes back stands a jitter buffer behind the sound.
+  const bool may_come = !with_picture && recording_ && video_expected_;
+  const media_time heard = now() - plan_.lateness;
+  const media_time reached = with_picture ? std::max(last_video_end_, heard - kSoundPatience)
+                             : may_come   ? heard - kPictureDelay
+                                          : media_time::max();
   while (!waiting_sound_.empty() && waiting_sound_.front().sample.time < reached) {
     const waiting_sound next = std::move(waiting_sound_.front());
     waiting_sound_.pop_front();

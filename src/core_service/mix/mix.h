@@ -14,23 +14,16 @@
 #include <vector>
 
 #include "base/log.h"
-#include "core_service/engine_link.h"
-#include "core_service/manifest.h"
 #include "core_service/media/file_series.h"
 #include "core_service/media/frame_sender.h"
 #include "core_service/mix/mix_graph.h"
 #include "core_service/recording_plan.h"
+#include "core_service/surroundings.h"
 
 namespace zelta::core_service::mix {
 
 class mix {
  public:
-  struct surroundings {
-    std::string folder;
-    base::event_loop& loop;
-    manifest& files;
-    engine_link& link;
-  };
   struct events {
     // A file could not be written, or the graph failed as a whole. `fatal`: the next will not be
     // written either.
