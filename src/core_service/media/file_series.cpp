@@ -83,7 +83,7 @@ void file_series::on_video(const media_sample& sample, const codec& kind) {
   if (waits_for_key(sample)) return told_.need_key_frame();
   if (recording_ && (current_ == nullptr || is_new_file(sample))) open_with_video(sample, kind);
   // While it ends, nothing new begins.
-  if (current_ == nullptr || is_new_file(sample)) return;
+  if (current_ == nullptr || (!recording_ && is_new_file(sample))) return;
   current_->file->write(media_kind::kVideo, sample);
   last_video_end_ = std::max(last_video_end_, sample.end());
   route_sound();
