@@ -2,15 +2,21 @@
 // Users who send RTP: real senders on loopback, with what can go wrong on the way.
 #include <csignal>
 #include <filesystem>
+#include <optional>
+#include <stdexcept>
 #include <vector>
 
 #include <arpa/inet.h>
+#include <gio/gio.h>
+#include <gst/gst.h>
 #include <gtest/gtest.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 
 #include "base/unique_fd.h"
+#include "core_service/media/gst.h"
 #include "support/recording_test.h"
 
 namespace zelta::test {
@@ -43,6 +49,34 @@ class Process {
   pid_t pid_;
 };
 
+// A sender in this process. Its reports go out and feedback comes in by one socket, as SFUs do it.
+class Sender {
+ public:
+  explicit Sender(const std::string& description) {
+    gst_init(nullptr, nullptr);
+    std::string error;
+    pipeline_ = core_service::media::make_pipeline(description, error);
+    if (!pipeline_) throw std::runtime_error(error);
+    GstElement* const in = core_service::media::child(pipeline_.get(), "reports_in");
+    if (in != nullptr) {
+      gst_element_set_state(in, GST_STATE_READY);
+      GSocket* socket = nullptr;
+      g_object_get(in, "used-socket", &socket, nullptr);
+      g_object_set(core_service::media::child(pipeline_.get(), "reports_out"), "socket", socket,
+                   "close-socket", FALSE, nullptr);
+      g_object_unref(socket);
+    }
+    gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
+  }
+  Sender(const Sender&) = delete;
+  Sender& operator=(const Sender&) = delete;
+  ~Sender() { end(); }
+  void end() { gst_element_set_state(pipeline_.get(), GST_STATE_NULL); }
+
+ private:
+  core_service::media::element_ptr pipeline_;
+};
+
 // A UDP socket of the test's own, whose port nobody else gets while it is open.
 class Socket {
  public:
@@ -55,6 +89,12 @@ class Socket {
     getsockname(fd_.get(), reinterpret_cast<sockaddr*>(&address_), &size);
   }
   bool bound() const { return bound_; }
+  // Takes one packet; false when none has come for 10 s.
+  bool wait_packet() const {
+    pollfd readable{fd_.get(), POLLIN, 0};
+    char packet[2048];
+    return poll(&readable, 1, 10'000) == 1 && recv(fd_.get(), packet, sizeof packet, 0) > 0;
+  }
   int port() const { return ntohs(address_.sin_port); }
   void send(int port, const std::vector<uint8_t>& bytes) {
     sockaddr_in to = address_;
@@ -109,22 +149,18 @@ class RtpTest : public RecordingTest {
   std::string video_sender(const std::string& ssrc, const std::string& size = "160x90",
                            const std::string& encrypt = "") const {
     const size_t cross = size.find('x');
-    const std::string p = std::to_string(port);
-    const std::string sink = "udpsink host=127.0.0.1 sync=false async=false port=";
-    return "gst-launch-1.0 rtpbin name=r rtp-profile=avpf videotestsrc is-live=true ! "
-           "video/x-raw,width=" +
-           size.substr(0, cross) + ",height=" + size.substr(cross + 1) +
-           ",framerate=25/1 ! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=1000 ! "
-           "video/x-h264,profile=baseline ! rtph264pay pt=96 config-interval=-1 ssrc=" +
-           ssrc +
-           " ! application/x-rtp,rtcp-fb-nack-pli=true ! r.send_rtp_sink_0 r.send_rtp_src_0 ! " +
-           (encrypt.empty() ? sink + p : encrypt + " ! " + sink + p) +
-           (encrypt.empty() ? " r.send_rtcp_src_0 ! udpsink name=out host=127.0.0.1 sync=false "
-                              "async=false port=" +
-                                  std::to_string(port + 1) +
-                                  " bind-port=" + std::to_string(port + 5) + " udpsrc port=" +
-                                  std::to_string(port + 5) + " reuse=true ! r.recv_rtcp_sink_0"
-                            : "");
+    const std::string to = "udpsink host=127.0.0.1 sync=false async=false port=";
+    std::string text =
+        "rtpbin name=r rtp-profile=avpf videotestsrc is-live=true ! video/x-raw,width=" +
+        size.substr(0, cross) + ",height=" + size.substr(cross + 1) +
+        ",framerate=25/1 ! x264enc tune=zerolatency speed-preset=ultrafast key-int-max=1000 ! "
+        "video/x-h264,profile=baseline ! rtph264pay pt=96 config-interval=-1 ssrc=" +
+        ssrc + " ! application/x-rtp,rtcp-fb-nack-pli=true ! r.send_rtp_sink_0 r.send_rtp_src_0 ! ";
+    if (!encrypt.empty()) return text + encrypt + " ! " + to + std::to_string(port);
+    return text + to + std::to_string(port) +
+           " udpsrc name=reports_in port=0 ! r.recv_rtcp_sink_0 "
+           "r.send_rtcp_src_0 ! " +
+           to + std::to_string(port + 1) + " name=reports_out";
   }
   std::string host_streams(const std::string& source, const std::string& host) const {
     const std::string to = " -c copy -f rtp rtp://" + host + ":";
@@ -188,15 +224,19 @@ TEST_F(RtpTest, FfmpegsStreamsArriveWholeAndInSync) {
 
 TEST_F(RtpTest, LateJoinerAsksForAKeyFrameAndANewSsrcOrSizeGoesOn) {
   config.isVideoOnly = true;
-  Process first(video_sender("1111"));
   join_channel();
+  std::optional<Socket> listener(port);
+  Sender first(video_sender("1111"));
+  // Its only key frame has passed when the recorder listens.
+  for (int i = 0; i < 10; ++i) ASSERT_TRUE(listener->wait_packet());
+  listener.reset();
   const auto start = std::chrono::steady_clock::now();
   describe();
   ASSERT_TRUE(handler.wait_for("first video 1 "));
   ASSERT_TRUE(wait_recorded(1500)) << "without the key frame there would be no file for 40 s";
   EXPECT_LT(std::chrono::steady_clock::now() - start, 10s);
   first.end();
-  Process second(video_sender("2222", "320x180"));
+  Sender second(video_sender("2222", "320x180"));
   ASSERT_TRUE(wait_recorded(1000, 2));
   user_leaves();
   release();
@@ -231,11 +271,11 @@ TEST_F(RtpTest, PictureThatStopsGivesWayToSoundAndComesBack) {
   describe();
   Process sound(sound_sender(100'000));
   {
-    const Process video(video_sender("5555"));
+    const Sender video(video_sender("5555"));
     ASSERT_TRUE(wait_recorded(1500));
   }
   ASSERT_TRUE(wait_recorded(1000, 2)) << "sound alone, on the disk";
-  const Process video(video_sender("6666"));
+  const Sender video(video_sender("6666"));
   ASSERT_TRUE(wait_recorded(1000, 3));
   user_leaves();
   release();
@@ -253,7 +293,7 @@ TEST_F(RtpTest, PictureThatStopsGivesWayToSoundAndComesBack) {
 TEST_F(RtpTest, HostilePacketsCostNothing) {
   join_channel();
   describe();
-  Process video(video_sender("3333"));
+  Sender video(video_sender("3333"));
   ASSERT_TRUE(wait_recorded(500));
   Socket hostile;
   uint32_t random = 1;
@@ -288,10 +328,10 @@ TEST_F(RtpTest, RightKeyIsRecordedAndAWrongOneIsAnErrorWithoutAFile) {
     join_channel();
     describe("RTP/SAVPF");
     if (!right) key[0] = '1';
-    Process video(video_sender("4444", "160x90",
-                               "srtpenc key=" + key +
-                                   " rtp-cipher=aes-256-gcm rtp-auth=null "
-                                   "rtcp-cipher=aes-256-gcm rtcp-auth=null"));
+    Sender video(video_sender("4444", "160x90",
+                              "srtpenc key=" + key +
+                                  " rtp-cipher=aes-256-gcm rtp-auth=null "
+                                  "rtcp-cipher=aes-256-gcm rtcp-auth=null"));
     if (right) {
       EXPECT_TRUE(wait_recorded(1000));
     } else {
