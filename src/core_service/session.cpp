@@ -403,6 +403,9 @@ void session::on_files_failed(const std::string& why, bool fatal) {
   log(base::ERROR_LOG, "recording failed: " + why);
   if (!fatal) return;
   posting_.post([this] {
+    for (const auto& one : users_) one.second->abandon_files();
+    for (const auto& one : leaving_) one->abandon_files();
+    if (mix_) mix_->abandon_files();
     if (phase_ != phase::kRecording) return;
     link_.send(
         make<protocol::recorder_error_packet>(int32_t{ERR_FAILED}, uint32_t{STAT_ERR_FROM_ENGINE}));

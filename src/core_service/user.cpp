@@ -178,6 +178,10 @@ void user::stop_service(const std::string& why) {
   if (series_) series_->stop(why, media::now(), lateness_ + kStopPatience);
 }
 
+void user::abandon_files() {
+  if (series_) series_->abandon();
+}
+
 void user::set_capture_interval(int seconds) {
   graph_->set_jpg_interval(std::chrono::seconds(seconds));
 }

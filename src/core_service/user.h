@@ -53,6 +53,7 @@ class user {
   // The user is gone: what has come is recorded to its end. `finished` follows when all files are
   // complete; the user may be destroyed from inside it.
   void finish(const std::string& why, std::function<void()> finished);
+  void abandon_files();
   void set_capture_interval(int seconds);
   void tick();
   void update_manifest();

@@ -175,8 +175,14 @@ void file_series::cut(media_time at, const std::string& why) {
 
 void file_series::finish_complete() {
   for (open_file& of : files_) {
-    if (of.finishing && of.sound_done) of.file->finish();
+    if (of.finishing && of.sound_done && !abandoned_) of.file->finish();
   }
+}
+
+void file_series::abandon() {
+  if (std::exchange(abandoned_, true)) return;
+  recording_ = false;
+  for (open_file& of : files_) of.file->abandon();
 }
 
 void file_series::on_done(open_file* which, const std::string& error, bool disk) {

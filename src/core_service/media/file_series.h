@@ -81,6 +81,8 @@ class file_series {
   // Records what was captured before `at`, for which it waits until `patience` has passed.
   // events::stopped follows.
   void stop(const std::string& why, media_time at, media_time patience);
+  // The disk has failed: files are left as they are from here on.
+  void abandon();
   bool recording() const { return recording_; }
   // Where the recorded picture has come to.
   media_time last_video_end() const { return last_video_end_; }
@@ -144,6 +146,7 @@ class file_series {
   media_time last_video_end_{};
   media_time last_sound_end_{};
   int failures_ = 0;
+  bool abandoned_ = false;
 
   open_file* current_ = nullptr;  // the last of files_, or null
   std::list<open_file> files_;    // in the order of time

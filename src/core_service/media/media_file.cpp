@@ -98,6 +98,11 @@ void media_file::finish() {
   }
 }
 
+void media_file::abandon() {
+  // Later, because who asks still holds this.
+  posting_.post([this] { give_up("not completed, because the disk failed", false); });
+}
+
 void media_file::give_up(const std::string& why, bool disk) {
   if (std::exchange(failed_, true)) return;
   // Everything is written to the file before this returns.

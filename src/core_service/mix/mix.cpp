@@ -216,6 +216,10 @@ void mix::finish(const std::string& why) {
   for (const auto& files : series_) files->stop(why, at, latency_ + 1s);
 }
 
+void mix::abandon_files() {
+  for (const auto& files : series_) files->abandon();
+}
+
 void mix::on_stopped() {
   if (finishing_ && ++stopped_ == series_.size()) told_.finished();
 }

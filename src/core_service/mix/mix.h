@@ -56,6 +56,7 @@ class mix {
   void stop_service(const std::string& why);
   // Everything that was captured until now is mixed and recorded; events::finished follows.
   void finish(const std::string& why);
+  void abandon_files();
   void tick();
   void update_manifest();
 
