@@ -263,8 +263,8 @@ TEST_F(ModesTest, SlowApplicationLosesFramesAndNoRecording) {
   };
   join("test:users=1,size=1280x720,fps=25");
   ASSERT_TRUE(handler.wait_for("yuv 1 ", 40));
-  handler.also = nullptr;
   release();
+  handler.also = nullptr;
   ASSERT_EQ(files().size(), 1U) << "the sound, which nobody asked for, is recorded";
   EXPECT_NEAR(seconds_of(folder + files()[0]["name"].asString()) * 1000,
               files()[0]["duration_ms"].asDouble(), 100);
