@@ -80,6 +80,8 @@ void file_series::start() {
 void file_series::on_video(const media_sample& sample, const codec& kind) {
   const bool ends = ending_ && sample.time >= ending_->at;
   if (!plan_.video || ends || (!recording_ && !ending_)) return;
+  // What was captured before the start may arrive after it.
+  if (current_ == nullptr && sample.time < started_) return;
   if (waits_for_key(sample)) return told_.need_key_frame();
   if (recording_ && (current_ == nullptr || is_new_file(sample))) open_with_video(sample, kind);
   // While it ends, nothing new begins.

@@ -47,8 +47,8 @@ class media_file {
   void write(media_kind kind, const media_sample& sample);
   // No more comes; `done` follows, within a bound.
   void finish();
-  // Stays as it is on the disk: a file that is completed on a full disk may lose what it has. `done`
-  // follows.
+  // Stays as it is on the disk: a file that is completed on a full disk may lose what it has.
+  // `done` follows.
   void abandon();
 
   // Of what was written so far, presentation times; equal: nothing.

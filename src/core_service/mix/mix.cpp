@@ -93,7 +93,8 @@ void mix::make_series(bool video, bool sound) {
   files.lateness = latency_;
   series_.push_back(std::make_unique<media::file_series>(
       files, media::file_series::surroundings{around_.folder, around_.loop, around_.files},
-      media::file_series::events{[] {}, told_.failed, [this] { on_stopped(); }}));
+      media::file_series::events{[this] { graph_->request_key_frame(); }, told_.failed,
+                                 [this] { on_stopped(); }}));
   if (sound) sound_files_ = series_.back().get();
 }
 

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include <gst/app/gstappsrc.h>
+#include <gst/video/video.h>
 
 #include "core_service/mix/still_picture.h"
 
@@ -320,6 +321,13 @@ void mix_graph::set_substitute(uint32_t uid, GstSample* picture) {
   for (const auto& user : users_) {
     if (user->uid() == uid) user->set_substitute(picture);
   }
+}
+
+void mix_graph::request_key_frame() {
+  if (!settings_.video || media::now() - key_asked_ < kStillInterval) return;
+  key_asked_ = media::now();
+  gst_element_send_event(child(pipeline_.get(), "video"),
+                         gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
 }
 
 void mix_graph::tick() {

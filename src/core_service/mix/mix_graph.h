@@ -63,6 +63,8 @@ class mix_graph {
   void set_canvas(GstSample* picture);
   // Shown in place of the user's own picture until that comes again; null: nothing is.
   void set_substitute(uint32_t uid, GstSample* picture);
+  // The next picture is one that a file can begin with; twice a second at most.
+  void request_key_frame();
   // Notices who has stopped sending pictures.
   void tick();
 
@@ -80,6 +82,7 @@ class mix_graph {
   std::vector<std::shared_ptr<input>> users_;
   media::sample_ptr canvas_;
   media::media_time shown_{};
+  media::media_time key_asked_{};
 };
 
 }  // namespace zelta::core_service::mix
