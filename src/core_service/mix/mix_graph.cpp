@@ -326,8 +326,11 @@ void mix_graph::set_substitute(uint32_t uid, GstSample* picture) {
 void mix_graph::request_key_frame() {
   if (!settings_.video || media::now() - key_asked_ < kStillInterval) return;
   key_asked_ = media::now();
+  // Of this very moment, which the encoder has yet to come to.
+  const media_time base(static_cast<int64_t>(gst_element_get_base_time(pipeline_.get())));
+  const auto at = static_cast<GstClockTime>((key_asked_ - base).count());
   gst_element_send_event(child(pipeline_.get(), "video"),
-                         gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
+                         gst_video_event_new_upstream_force_key_unit(at, TRUE, 0));
 }
 
 void mix_graph::tick() {

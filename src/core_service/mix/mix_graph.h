@@ -63,7 +63,7 @@ class mix_graph {
   void set_canvas(GstSample* picture);
   // Shown in place of the user's own picture until that comes again; null: nothing is.
   void set_substitute(uint32_t uid, GstSample* picture);
-  // The next picture is one that a file can begin with; twice a second at most.
+  // The first picture from now on is one that a file can begin with; twice a second at most.
   void request_key_frame();
   // Notices who has stopped sending pictures.
   void tick();
