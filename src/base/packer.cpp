@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "base/packer.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -16,24 +17,22 @@ constexpr size_t kFirstBufferBytes = 256;
 }  // namespace
 
 packer::packer() {
-  buffer_.reserve(kFirstBufferBytes);
+  buffer_.resize(kFirstBufferBytes);
   reset();
 }
 
 void packer::reset() {
-  buffer_.assign(kLengthPrefixBytes, 0);
   position_ = kLengthPrefixBytes;
   length_ = 0;
 }
 
 void packer::check_size(size_t size, uint32_t position) {
-  if (buffer_.size() < position + size) buffer_.resize(position + size);
+  if (buffer_.size() < position + size)
+    buffer_.resize(std::max(position + size, 2 * buffer_.size()));
 }
 
 packer& packer::push_bytes(const void* bytes, size_t size) {
-  // Inserting, where check_size would grow first, spares a payload the zeroes that resize() writes.
-  const auto* from = static_cast<const char*>(bytes);
-  buffer_.insert(buffer_.end(), from, from + size);
+  replace(bytes, size, position_);
   position_ += static_cast<uint32_t>(size);
   return *this;
 }

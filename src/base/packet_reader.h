@@ -2,8 +2,10 @@
 // The receiving end of a link: turns a stream of bytes into packets.
 #pragma once
 
+#include <array>
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -42,12 +44,13 @@ class packet_reader {
   result read_some(size_t bound_bytes);
 
  private:
-  enum class step { kRead, kWait, kEnd };
+  enum class step { kRead, kReadAll, kWait, kEnd };
 
   step read_once(size_t& total);
   bool deliver_buffered();
   bool start_large_frame(size_t total_bytes);
   void deliver_large_frame();
+  void choose_payload(size_t bytes);
   void make_room(size_t bytes);
 
   char* begin() { return buffer_.get() + begin_; }
@@ -55,14 +58,29 @@ class packet_reader {
 
   const int fd_;
   receiver& receiver_;
-  std::unique_ptr<char[]> buffer_;
+  // Left as it is given, so that what an idle link doesn't use costs no memory.
+  struct freed {
+    void operator()(char* memory) const { std::free(memory); }  // NOLINT: its other half is malloc
+  };
+  using buffer = std::unique_ptr<char, freed>;
+  static buffer allocate(size_t bytes);
+
+  buffer buffer_;
   size_t capacity_;
   // What has been read and not delivered; while a large frame is read, its body without payload.
   size_t begin_ = 0;
   size_t end_ = 0;
 
+  // How much is read into the buffer at a time: little where a large payload may follow, which
+  // would only be copied out of it again.
+  size_t window_;
+  int large_frames_lately_ = 0;
+
   bool in_large_frame_ = false;
-  std::string payload_;
+  // Storage for payloads. Several, because a string that grows is filled with zeros first: pictures
+  // of two sizes in turn find one of their own size.
+  std::array<std::string, 4> payloads_;
+  std::string* payload_ = payloads_.data();
   size_t payload_filled_ = 0;
   size_t payload_position_ = 0;
   // Length of the body without its payload.

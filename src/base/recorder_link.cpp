@@ -117,7 +117,7 @@ recorder_link::recorder_link(made_by_start, settings to, unique_fd read_end, uni
       process_(std::move(process)),
       write_fd_(write_end_.get()),
       reader_(read_end_.get(), *this),
-      writer_(write_fd_, kQueueLimitBytes) {
+      writer_(write_fd_, kQueueLimitBytes, packet_writer::large::kWrite) {
   to_.loop->add_watcher(
       read_end_.get(), this,
       [](int, void* self) { static_cast<recorder_link*>(self)->on_readable(); }, nullptr,
@@ -135,14 +135,13 @@ recorder_link::~recorder_link() {
 }
 
 void recorder_link::send(const packet& p) {
-  packer out;
-  p.pack(out);
   const bool always = p.uri == protocol::leave_packet::kUri;
-  switch (writer_.send(out.take_buffer(), always)) {
-    case packet_writer::result::kWritten:
+  switch (writer_.send(p, always ? packet_writer::room::kAlways : packet_writer::room::kLimited)) {
+    case packet_writer::result::kDone:
       refusing_ = false;
       break;
     case packet_writer::result::kQueued:
+    case packet_writer::result::kGathering:
       to_.loop->want_write(write_fd_, true);
       break;
     case packet_writer::result::kRefused:
@@ -180,9 +179,13 @@ void recorder_link::on_readable() {
 }
 
 void recorder_link::on_writable() {
-  if (writer_.flush() == packet_writer::result::kQueued) return;
-  refusing_ = false;
+  // In this order: what another thread queues after the flush asks for the next one itself.
   to_.loop->want_write(write_fd_, false);
+  if (writer_.flush() == packet_writer::result::kQueued) {
+    to_.loop->want_write(write_fd_, true);
+  } else {
+    refusing_ = false;
+  }
 }
 
 // Nobody reads our packets any more. A process that ends closes its descriptors one after the

@@ -5,6 +5,8 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/timerfd.h>
+#include <unistd.h>
 
 #include "base/log.h"
 
@@ -66,17 +68,19 @@ bool visit_uri(uint16_t uri, packet_list<Packets...>, Visit visit) {
 }  // namespace
 
 engine_link::engine_link(int read_fd, int write_fd, base::event_loop& loop,
-                         engine_listener& listener, std::string logdir)
+                         engine_listener& listener, std::string logdir,
+                         base::packet_writer::large payloads)
     : loop_(loop),
       listener_(listener),
       logdir_(std::move(logdir)),
       read_fd_(read_fd),
-      write_fd_(write_fd) {
+      write_fd_(write_fd),
+      gather_timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
   if (!read_fd_.valid() || !write_fd_.valid()) return;
   make_ours(read_fd_);
   make_ours(write_fd_);
   reader_ = std::make_unique<base::packet_reader>(read_fd, static_cast<receiver&>(*this));
-  writer_ = std::make_unique<base::packet_writer>(write_fd, kQueueLimitBytes);
+  writer_ = std::make_unique<base::packet_writer>(write_fd, kQueueLimitBytes, payloads);
   loop_.add_watcher(
       read_fd, this, [](int, void* self) { static_cast<engine_link*>(self)->on_readable(); },
       nullptr, [](int, void* self, int) { static_cast<engine_link*>(self)->on_gone(); });
@@ -84,38 +88,41 @@ engine_link::engine_link(int read_fd, int write_fd, base::event_loop& loop,
       write_fd, this, nullptr,
       [](int, void* self) { static_cast<engine_link*>(self)->on_writable(); },
       [](int, void* self, int) { static_cast<engine_link*>(self)->on_gone(); });
+  if (!gather_timer_.valid()) return;
+  loop_.add_watcher(
+      gather_timer_.get(), this,
+      [](int, void* self) { static_cast<engine_link*>(self)->on_gathered(); }, nullptr, nullptr);
 }
 
 engine_link::~engine_link() {
   if (writer_) writer_->close();
+  loop_.remove_watcher(gather_timer_.get());
   loop_.remove_watcher(read_fd_.get());
   loop_.remove_watcher(write_fd_.get());
 }
 
 void engine_link::send(const base::packet& p) {
-  write(p, true, false);
+  if (connected()) sent(writer_->send(p, base::packet_writer::room::kAlways));
 }
 
-bool engine_link::send_picture(const base::packet& p) {
+bool engine_link::send_picture(const base::packet& p, base::payload data) {
   if (!connected()) return false;
-  base::packer out;
-  p.pack(out);
-  std::vector<char> bytes = out.take_buffer();
-  const size_t waiting = writer_->replaceable_bytes() + bytes.size();
+  const size_t waiting = writer_->replaceable_bytes() + data.bytes();
   if (waiting > kPictureLimitBytes) {
     dropped_.pictures += writer_->drop_replaceable(waiting - kPictureLimitBytes);
   }
-  if (write(std::move(bytes), false, true)) return true;
+  if (sent(writer_->send_frame(p, std::move(data), true))) return true;
   ++dropped_.pictures;
   return false;
 }
 
-bool engine_link::send_coded(const base::packet& p, uint32_t uid, bool key) {
+bool engine_link::send_coded(const base::packet& p, base::payload data, uint32_t uid, bool key) {
   if (!connected()) return false;
   const std::lock_guard<std::mutex> guard(broken_lock_);
   // What comes behind a missing picture can't be decoded until the next key frame.
   const bool useless = !key && broken_.count(uid) != 0;
-  if (!useless && writer_->queued_bytes() < kCodedLimitBytes && write(p, false, false)) {
+  if (!useless && writer_->queued_bytes() < kCodedLimitBytes &&
+      sent(writer_->send_frame(p, std::move(data), false))) {
     broken_.erase(uid);
     return true;
   }
@@ -124,26 +131,22 @@ bool engine_link::send_coded(const base::packet& p, uint32_t uid, bool key) {
   return false;
 }
 
-bool engine_link::send_sound(const base::packet& p) {
+bool engine_link::send_sound(const base::packet& p, base::payload data) {
   if (!connected()) return false;
-  if (write(p, false, false)) return true;
+  if (sent(writer_->send_frame(p, std::move(data), false))) return true;
   ++dropped_.sound;
   return false;
 }
 
-bool engine_link::write(const base::packet& p, bool always, bool replaceable) {
-  if (!connected()) return false;
-  base::packer out;
-  p.pack(out);
-  return write(out.take_buffer(), always, replaceable);
-}
-
-bool engine_link::write(std::vector<char> bytes, bool always, bool replaceable) {
-  switch (writer_->send(std::move(bytes), always, replaceable)) {
-    case base::packet_writer::result::kWritten:
+bool engine_link::sent(base::packet_writer::result how) {
+  switch (how) {
+    case base::packet_writer::result::kDone:
       return true;
     case base::packet_writer::result::kQueued:
       loop_.want_write(write_fd_.get(), true);
+      return true;
+    case base::packet_writer::result::kGathering:
+      flush_soon();
       return true;
     case base::packet_writer::result::kRefused:
     case base::packet_writer::result::kBroken:
@@ -153,9 +156,26 @@ bool engine_link::write(std::vector<char> bytes, bool always, bool replaceable) 
   return false;
 }
 
+// The loop's own timers are too coarse, and waking it at once would leave nothing to gather.
+void engine_link::flush_soon() {
+  const auto wait = std::chrono::nanoseconds(base::packet_writer::kGatherTime);
+  const itimerspec when{{}, {0, static_cast<long>(wait.count())}};
+  if (timerfd_settime(gather_timer_.get(), 0, &when, nullptr) == 0) return;
+  loop_.want_write(write_fd_.get(), true);
+}
+
+void engine_link::on_gathered() {
+  uint64_t expired = 0;
+  // Nothing to read means that it was armed again meanwhile.
+  [[maybe_unused]] const ssize_t ignored = ::read(gather_timer_.get(), &expired, sizeof expired);
+  on_writable();
+}
+
 void engine_link::on_writable() {
-  if (writer_->flush() != base::packet_writer::result::kQueued) {
-    loop_.want_write(write_fd_.get(), false);
+  // In this order: what another thread queues after the flush asks for the next one itself.
+  loop_.want_write(write_fd_.get(), false);
+  if (writer_->flush() == base::packet_writer::result::kQueued) {
+    loop_.want_write(write_fd_.get(), true);
   }
 }
 
@@ -172,6 +192,7 @@ void engine_link::on_readable() {
 void engine_link::on_gone() {
   if (gone_.exchange(true)) return;
   writer_->close();
+  loop_.remove_watcher(gather_timer_.get());
   loop_.remove_watcher(read_fd_.get());
   loop_.remove_watcher(write_fd_.get());
   listener_.on_engine_gone();

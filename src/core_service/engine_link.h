@@ -43,9 +43,10 @@ class engine_listener {
 class engine_link final : private base::packet_reader::receiver {
  public:
   // Takes both descriptors; -1 for both: there is no engine, and what is sent goes nowhere. Loop
-  // and listener are borrowed.
+  // and listener are borrowed. Payloads are spliced unless `payloads` says otherwise.
   engine_link(int read_fd, int write_fd, base::event_loop& loop, engine_listener& listener,
-              std::string logdir);
+              std::string logdir,
+              base::packet_writer::large payloads = base::packet_writer::large::kSplice);
   engine_link(const engine_link&) = delete;
   engine_link& operator=(const engine_link&) = delete;
   ~engine_link();
@@ -53,18 +54,22 @@ class engine_link final : private base::packet_reader::receiver {
   bool connected() const { return writer_ != nullptr && !gone_; }
   // An event: waits in a queue when the engine is slow.
   void send(const base::packet& p);
-  // Media frames: false, and counted, when the engine is so slow that one had to be dropped. Of raw
+  // Media frames, whose packets come with an empty `data` and the payload beside them. A payload
+  // without an owner is copied, one with an owner is held until the engine has read it. False, and
+  // counted, when the engine is so slow that one had to be dropped. Of raw
   // pictures the oldest that wait make room; of coded ones all go up to the next key frame of the
   // user; sound goes last.
-  bool send_picture(const base::packet& p);
-  bool send_coded(const base::packet& p, uint32_t uid, bool key);
-  bool send_sound(const base::packet& p);
+  bool send_picture(const base::packet& p, base::payload data);
+  bool send_coded(const base::packet& p, base::payload data, uint32_t uid, bool key);
+  bool send_sound(const base::packet& p, base::payload data);
   struct dropped_frames {
     std::atomic<uint64_t> pictures{0};
     std::atomic<uint64_t> coded{0};
     std::atomic<uint64_t> sound{0};
   };
   const dropped_frames& dropped() const { return dropped_; }
+  // Bytes that wait for the engine here, outside the pipe.
+  size_t waiting_bytes() const { return connected() ? writer_->queued_bytes() : 0; }
   // Writes what waits, for `limit` at most.
   void flush(std::chrono::milliseconds limit);
 
@@ -72,15 +77,17 @@ class engine_link final : private base::packet_reader::receiver {
   void on_packet(base::unpacker& u, uint16_t uri) override;
   void on_readable();
   void on_writable();
+  void flush_soon();
+  void on_gathered();
   void on_gone();
-  bool write(const base::packet& p, bool always, bool replaceable);
-  bool write(std::vector<char> bytes, bool always, bool replaceable);
+  bool sent(base::packet_writer::result how);
 
   base::event_loop& loop_;
   engine_listener& listener_;
   const std::string logdir_;
   base::unique_fd read_fd_;
   base::unique_fd write_fd_;
+  base::unique_fd gather_timer_;
   std::unique_ptr<base::packet_reader> reader_;
   std::unique_ptr<base::packet_writer> writer_;
   std::atomic<bool> gone_{false};

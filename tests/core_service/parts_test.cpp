@@ -9,7 +9,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "base/packet_writer.h"
 #include "core_service/journal.h"
 #include "core_service/media/sound_line.h"
 #include "core_service/media/volume_meter.h"
@@ -354,34 +353,6 @@ TEST(Secrets, AreWipedFromTheArguments) {
   EXPECT_STREQ(argv[6], "");
   EXPECT_STREQ(argv[7], "--channel_key=");
   EXPECT_EQ(texts[2], std::string(5, '\0')) << "every byte of it";
-}
-
-// ---- Frames that wait ----------------------------------------------------------------------
-
-TEST(PacketWriter, OldestReplaceablePacketsMakeRoom) {
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
-  const base::unique_fd in(ends[0]);
-  const base::unique_fd out(ends[1]);
-  base::packet_writer writer(out.get(), 1 << 30);
-  // More than a pipe holds, so that it is half written.
-  const size_t big = 1 << 20;
-  for (const char name : {'a', 'b', 'c', 'd'}) {
-    writer.send(std::vector<char>(big, name), false, name != 'b');
-  }
-  EXPECT_EQ(writer.drop_replaceable(1), 1U) << "c: a is half in the pipe, b has to stay";
-  EXPECT_EQ(writer.drop_replaceable(2 * big), 1U) << "d";
-  std::string got;
-  std::vector<char> part(1 << 16);
-  for (ssize_t size = 0; got.size() < 2 * big;) {
-    writer.flush();
-    size = read(in.get(), part.data(), part.size());
-    ASSERT_GT(size, 0);
-    got.append(part.data(), static_cast<size_t>(size));
-  }
-  EXPECT_EQ(got, std::string(big, 'a') + std::string(big, 'b'));
-  EXPECT_EQ(writer.queued_bytes(), 0U);
-  EXPECT_EQ(writer.replaceable_bytes(), 0U);
 }
 
 }  // namespace

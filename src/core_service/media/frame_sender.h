@@ -36,7 +36,7 @@ class frame_sender {
 
  private:
   engine_link& link_;
-  // One of each for all frames: the storage of its payload is used again.
+  // What all frames of a kind have in common; their payloads go beside them.
   protocol::h264_frame2 h264_;
   protocol::yuv_frame2 yuv_;
   protocol::jpg_frame jpg_;
