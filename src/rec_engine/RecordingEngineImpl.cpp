@@ -148,6 +148,7 @@ RecordingEngineImpl::~RecordingEngineImpl() {
   ENGINE_LOGF(NOTICE_LOG, "Recorder %x is ready to be release", address_of(this));
   std::free(properties_.storageDir);  // NOLINT: made by malloc, as the public type promises
   properties_.storageDir = nullptr;
+  counters_.clear();
   for (auto& peer : peers_) peer.second.reset();
   if (router_) {
     router_->shutdown();
@@ -812,6 +813,7 @@ void RecordingEngineImpl::on_user_joined(uint32_t uid, const std::string& info) 
   auto& counters = peers_[uid];
   // A user whom a new recorder reports again goes on with the old counts.
   if (!counters) counters = std::make_unique<mediaFrameCnt>();
+  counters_[uid] = counters.get();
   if (m_handler != nullptr) {
     UserJoinInfos infos;
     infos.storageDir = info.c_str();
@@ -821,6 +823,7 @@ void RecordingEngineImpl::on_user_joined(uint32_t uid, const std::string& info) 
 }
 
 void RecordingEngineImpl::on_user_dropped(uint32_t uid) {
+  counters_.erase(uid);
   peers_.erase(uid);
   if (m_handler != nullptr) m_handler->onUserOffline(uid, USER_OFFLINE_QUIT);
   send<protocol::user_drop_confirm_packet>([uid](auto& p) { p.uid = uid; });
@@ -886,8 +889,8 @@ void RecordingEngineImpl::on_set_user_background(uint32_t /*uid*/,
 // what current recorders send is counted: pcm_frame, jpg_frame and the "2" video frames.
 
 RecordingEngineImpl::mediaFrameCnt* RecordingEngineImpl::counters_of(uint32_t uid) {
-  const auto peer = peers_.find(uid);
-  return peer != peers_.end() ? peer->second.get() : nullptr;
+  const auto peer = counters_.find(uid);
+  return peer != counters_.end() ? peer->second : nullptr;
 }
 
 void RecordingEngineImpl::on_audio_frame(const protocol::pcm_frame& packet) {

@@ -16,6 +16,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include "IZeltaRecordingEngine.h"
@@ -158,6 +159,8 @@ class RecordingEngineImpl : public IRecordingEngine, public protocol::ProtocolHa
   std::string m_appId;
   RecordingEngineProperties properties_;
   mapUidToFrameCnt peers_;
+  // The same by uid, because each frame looks its user up and there may be a thousand of them.
+  std::unordered_map<uint32_t, mediaFrameCnt*> counters_;
   RecordingConfigEx config_;
   std::vector<std::string> args_str_;  // the command line, kept for relaunches
   std::vector<const char*> args_;      // pointers into args_str_

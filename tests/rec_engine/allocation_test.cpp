@@ -1,0 +1,109 @@
+// SPDX-License-Identifier: Apache-2.0
+// The frame path from the pipe to the callback allocates nothing once it is warm. A program of its
+// own, because it counts every allocation of the process.
+#include <atomic>
+#include <cstdlib>
+#include <new>
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include "base/packet_reader.h"
+#include "base/unique_fd.h"
+#include "support/engine_probe.h"
+
+namespace {
+
+std::atomic<size_t> allocations{0};
+
+}  // namespace
+
+// NOLINTBEGIN(cppcoreguidelines-no-malloc): these are what new and delete stand on
+void* operator new(size_t bytes) {
+  ++allocations;
+  if (void* const memory = std::malloc(bytes)) return memory;
+  throw std::bad_alloc();
+}
+void operator delete(void* memory) noexcept {
+  std::free(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+  std::free(memory);
+}
+// NOLINTEND(cppcoreguidelines-no-malloc)
+
+namespace zelta::test {
+namespace {
+
+class CountingHandler : public RecordingHandler {
+ public:
+  void audioFrameReceived(unsigned int, const AudioFrame*) override { ++frames; }
+  void videoFrameReceived(unsigned int, const VideoFrame*) override { ++frames; }
+  size_t frames = 0;
+};
+
+class ToEngine : public base::packet_reader::receiver {
+ public:
+  explicit ToEngine(EngineProbe& engine) : engine_(engine) {}
+  void on_packet(base::unpacker& u, uint16_t uri) override { engine_.on_receive_packet(u, uri); }
+
+ private:
+  EngineProbe& engine_;
+};
+
+template <class Frame>
+std::string frame_of(uint32_t uid, size_t bytes) {
+  Frame frame;
+  frame.uid = uid;
+  frame.data.assign(bytes, 'p');
+  base::packer p;
+  frame.pack(p);
+  return {p.buffer(), p.length()};
+}
+
+TEST(FramePath, AllocatesNothingOnceWarm) {
+  CountingHandler handler;
+  FakeRouter::Seen router;
+  EngineProbe engine("app", &handler, std::make_unique<FakeRouter>(router).release());
+  constexpr uint32_t kUsers = 100;
+  for (uint32_t uid = 0; uid < kUsers; ++uid) engine.on_user_joined(uid, "/folder/");
+
+  int fds[2];
+  ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
+  const base::unique_fd in(fds[0]);
+  const base::unique_fd out(fds[1]);
+  ToEngine to(engine);
+  base::packet_reader reader(in.get(), to);
+
+  // Pictures of two sizes, coded pictures of many, and sound, of users in turn.
+  std::string stream;
+  size_t frames = 0;
+  const auto add = [&](const std::string& packet) { stream += packet, ++frames; };
+  for (uint32_t i = 0; i < 4 * kUsers; ++i) {
+    const uint32_t uid = i % kUsers;
+    add(frame_of<protocol::pcm_frame>(uid, 1920));
+    add(frame_of<protocol::aac_frame>(uid, 300));
+    add(frame_of<protocol::h264_frame2>(uid, 2000 + 37'000 * i % 90'000));
+    if (i % 10 == 0) add(frame_of<protocol::yuv_frame2>(uid, i % 20 == 0 ? 1'382'400 : 345'600));
+    if (i % 10 == 5) add(frame_of<protocol::jpg_frame>(uid, 60'000));
+  }
+  const auto play = [&] {
+    for (size_t at = 0; at < stream.size();) {
+      const ssize_t put = ::write(out.get(), stream.data() + at, stream.size() - at);
+      ASSERT_GT(put, 0);
+      at += static_cast<size_t>(put);
+      ASSERT_EQ(reader.read_some(1 << 20), base::packet_reader::result::kEmpty);
+    }
+  };
+  play();
+  play();
+  const size_t warm = allocations;
+  ASSERT_GT(warm, 0U) << "they are counted";
+  play();
+  EXPECT_EQ(allocations - warm, 0U);
+  EXPECT_EQ(handler.frames, 3 * frames);
+  EXPECT_EQ(engine.stats_.errPackets, 0U);
+}
+
+}  // namespace
+}  // namespace zelta::test
