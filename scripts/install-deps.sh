@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Installs what is missing on a Debian 12: to build and record; with "test" what the tests need too;
-# with "lint" what CI's checks need too.
+# with "bench" what the benchmarks compare with and draw by; with "lint" what CI's checks need too.
 set -euo pipefail
 
 packages=(
@@ -15,8 +15,9 @@ packages=(
 for want in "$@"; do
   case "$want" in
     test) packages+=(libgtest-dev) ;;
+    bench) packages+=(libzmq3-dev gnuplot-nox) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
-    *) echo "install-deps.sh: unknown set \"$want\": it should be test or lint" >&2; exit 2 ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test, bench or lint" >&2; exit 2 ;;
   esac
 done
 

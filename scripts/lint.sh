@@ -4,11 +4,11 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh test lint
+scripts/install-deps.sh test bench lint
 mapfile -t sources < <(git ls-files -co --exclude-standard '*.cpp' '*.h')
 echo "== clang-format"
 clang-format-14 --dry-run -Werror "${sources[@]}"
 echo "== clang-tidy"
-cmake --preset release -DZELTA_BUILD_TESTS=ON >/dev/null
-run-clang-tidy-14 -quiet -p build/release "$PWD/(src|tools|tests)/" >build/tidy.log 2>&1 ||
+cmake --preset release -DZELTA_BUILD_TESTS=ON -DZELTA_BUILD_BENCH=ON >/dev/null
+run-clang-tidy-14 -quiet -p build/release "$PWD/(src|tools|tests|bench)/" >build/tidy.log 2>&1 ||
   { grep -E '(warning|error):' build/tidy.log | sort -u; exit 1; }
