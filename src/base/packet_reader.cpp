@@ -13,7 +13,6 @@
 namespace zelta::base {
 namespace {
 
-constexpr size_t kBufferBytes = 256 << 10;
 // A frame up to this size is cheaper to copy out of the buffer than to read by a call of its own.
 constexpr size_t kLargeFrameBytes = 32 << 10;
 // What is read behind a large payload: the rest of its packet and the head of the next one, whose
@@ -33,12 +32,13 @@ T load(const char* from) {
 
 }  // namespace
 
-packet_reader::packet_reader(int fd, receiver& to)
+packet_reader::packet_reader(int fd, receiver& to, size_t buffer_bytes)
     : fd_(fd),
       receiver_(to),
-      buffer_(allocate(kBufferBytes)),
-      capacity_(kBufferBytes),
-      window_(kBufferBytes) {}
+      usual_capacity_(buffer_bytes),
+      buffer_(allocate(buffer_bytes)),
+      capacity_(buffer_bytes),
+      window_(buffer_bytes) {}
 
 packet_reader::buffer packet_reader::allocate(size_t bytes) {
   buffer made(static_cast<char*>(std::malloc(bytes)));  // NOLINT: new would touch every page
@@ -58,7 +58,7 @@ packet_reader::result packet_reader::read_some(size_t bound_bytes) {
         if (large_frames_lately_ > 0) window_ = kHeadBytes;
         return result::kEmpty;
       case step::kRead:
-        if (!in_large_frame_) window_ = kBufferBytes;
+        if (!in_large_frame_) window_ = usual_capacity_;
         if (!deliver_buffered()) return result::kBroken;
         break;
     }
@@ -177,7 +177,7 @@ void packet_reader::deliver_large_frame() {
 // into.
 void packet_reader::make_room(size_t bytes) {
   const size_t held = buffered();
-  const size_t capacity = std::max(bytes, kBufferBytes);
+  const size_t capacity = std::max(bytes, usual_capacity_);
   if (capacity != capacity_ && (capacity > capacity_ || held <= capacity)) {
     // A long control packet gets the room for its time only.
     buffer moved = allocate(capacity);

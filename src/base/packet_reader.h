@@ -36,8 +36,12 @@ class packet_reader {
     ~receiver() = default;
   };
 
-  // Both are borrowed.
-  packet_reader(int fd, receiver& to);
+  // For media; commands need no more than kCommandBytes.
+  static constexpr size_t kMediaBytes = 256 << 10;
+  static constexpr size_t kCommandBytes = 16 << 10;
+
+  // Both are borrowed. `buffer_bytes` is what is read at most with one call, large payloads aside.
+  packet_reader(int fd, receiver& to, size_t buffer_bytes = kMediaBytes);
 
   // Reads and delivers until the pipe is empty, but stops after about `bound_bytes`, so that one
   // busy link leaves the loop time for others.
@@ -65,6 +69,7 @@ class packet_reader {
   using buffer = std::unique_ptr<char, freed>;
   static buffer allocate(size_t bytes);
 
+  const size_t usual_capacity_;
   buffer buffer_;
   size_t capacity_;
   // What has been read and not delivered; while a large frame is read, its body without payload.

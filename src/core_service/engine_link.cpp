@@ -79,7 +79,8 @@ engine_link::engine_link(int read_fd, int write_fd, base::event_loop& loop,
   if (!read_fd_.valid() || !write_fd_.valid()) return;
   make_ours(read_fd_);
   make_ours(write_fd_);
-  reader_ = std::make_unique<base::packet_reader>(read_fd, static_cast<receiver&>(*this));
+  reader_ = std::make_unique<base::packet_reader>(read_fd, static_cast<receiver&>(*this),
+                                                  base::packet_reader::kCommandBytes);
   writer_ = std::make_unique<base::packet_writer>(write_fd, kQueueLimitBytes, payloads);
   loop_.add_watcher(
       read_fd, this, [](int, void* self) { static_cast<engine_link*>(self)->on_readable(); },

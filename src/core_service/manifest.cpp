@@ -79,6 +79,7 @@ void manifest::load() {
     dropped_ = dropped_before_;
   } catch (const std::exception& e) {
     files_.clear();
+    pictures_.clear();
     base::log_dir(folder_.c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
                   "%s can't be read and is kept as %s.broken: %s", kName, kName, e.what());
     std::rename(path.c_str(), (path + ".broken").c_str());

@@ -212,6 +212,10 @@ TEST(RtcpCname, EverySenderReportGetsTheName) {
     const auto named = rtp::with_cname(both.data(), size, "me");
     EXPECT_EQ(named.empty(), size != report.size()) << "cut at " << size;
   }
+  // The first report names the sender; one that is too short to names nobody, whatever follows.
+  std::vector<uint8_t> nameless{0x80, 201, 0, 0};
+  nameless.insert(nameless.end(), report.begin(), report.end());
+  EXPECT_TRUE(rtp::with_cname(nameless.data(), nameless.size(), "me").empty());
   both[0] = 0x40;
   EXPECT_TRUE(rtp::with_cname(both.data(), both.size(), "me").empty()) << "version 1";
 }

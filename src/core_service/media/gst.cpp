@@ -28,8 +28,9 @@ element_ptr make_pipeline(const std::string& description, std::string& error) {
 }
 
 GstElement* child(GstElement* bin, const char* name) {
-  const element_ptr found(gst_bin_get_by_name(GST_BIN(bin), name));
-  return found.get();
+  GstElement* const found = gst_bin_get_by_name(GST_BIN(bin), name);
+  if (found != nullptr) gst_object_unref(found);
+  return found;
 }
 
 namespace {

@@ -38,8 +38,11 @@ std::vector<uint8_t> with_cname(const uint8_t* bytes, size_t size, const std::st
     const size_t length = 4 * ((static_cast<size_t>(packet[2]) << 8U | packet[3]) + 1);
     if (length > size - at) return {};
     const uint8_t kind = packet[1];
-    if (at == 0 && kind != kSenderReport && kind != kReceiverReport) return {};
-    if (sender == nullptr && length >= kHeaderBytes) sender = packet + 4;
+    if (at == 0) {
+      const bool report = kind == kSenderReport || kind == kReceiverReport;
+      if (!report || length < kHeaderBytes) return {};
+      sender = packet + 4;
+    }
     // A goodbye stands last.
     std::vector<uint8_t>& to = kind == kGoodbye ? rest : reports;
     if (kind != kSourceDescription) to.insert(to.end(), packet, packet + length);

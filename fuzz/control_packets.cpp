@@ -1,0 +1,91 @@
+// SPDX-License-Identifier: Apache-2.0
+// Bytes of an engine: through the recorder's link, into what reads parameters and layouts.
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "core_service/engine_link.h"
+#include "core_service/parameters.h"
+#include "rec_engine/mixing_layout.h"
+#include "target.h"
+
+namespace zelta::fuzz {
+namespace {
+
+using namespace protocol;
+
+class reading_listener final : public core_service::engine_listener {
+ public:
+  bool gone = false;
+
+  void on_leave_command() override {}
+  void on_log_level(uint32_t) override {}
+  void on_log_modules(uint32_t, bool) override {}
+  void on_parameters(const std::string& text) override {
+    std::vector<std::string> warnings;
+    core_service::parse_parameters(text, warnings);
+  }
+  void on_layout(const std::vector<uint8_t>& bytes) override {
+    recording::mixing_layout layout;
+    static_cast<void>(recording::decodeMixingLayout(bytes, layout));
+  }
+  void on_start_service() override {}
+  void on_stop_service() override {}
+  void on_user_background(uint32_t, const std::string&) override {}
+  void on_engine_gone() override { gone = true; }
+};
+
+template <class Packet, class... Values>
+std::string with(Values... values) {
+  Packet p;
+  Packet::fields(p) = std::make_tuple(values...);
+  return bytes_of(p);
+}
+
+}  // namespace
+
+std::vector<std::string> seeds() {
+  using list = std::vector<uint32_t>;
+  linuxsdk::VideoMixingLayout layout;
+  linuxsdk::VideoMixingLayout::Region region;
+  region.uid = 7;
+  layout.canvasWidth = 640;
+  layout.canvasHeight = 360;
+  layout.backgroundColor = "#336699";
+  layout.regionCount = 1;
+  layout.regions = &region;
+  std::vector<uint8_t> encoded;
+  require(recording::encodeMixingLayout(layout, encoded, ""), "the seed's layout");
+  return {
+      with<leave_packet>(0U),
+      with<parameters_packet>(std::string(R"({"idle": 30, "captureInterval": 2})")),
+      with<video_mixing_layout_packet>(encoded),
+      with<user_join_confirm_packet>(7U) + with<user_drop_confirm_packet>(7U),
+      with<media_frame_confirm_packet>(list{7}, list{1}, list{2}, list{3}, list{4}),
+      with<audio_frame_confirm_packet>(list{7, 8}, list{1, 2}),
+      with<video_frame_confirm_packet>(list{7}, list{1}, list{2}, list{3}),
+      with<start_service_packet>(0U) + with<stop_service_packet>(0U),
+      with<set_user_background_packet>(7U, std::string("image.png")),
+      with<set_log_level_packet>(5U) + with<log_enable_module_packet>(16U, 1),
+  };
+}
+
+}  // namespace zelta::fuzz
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  using namespace zelta;
+  // What fits into a pipe.
+  if (size > (1 << 16) || fuzz::claims_much(data, size)) return 0;
+  int commands[2];
+  int reports[2];
+  fuzz::require(::pipe2(commands, O_CLOEXEC) == 0 && ::pipe2(reports, O_CLOEXEC) == 0, "pipe2");
+  base::unique_fd feed(commands[1]);
+  const base::unique_fd sink(reports[0]);
+  static base::event_loop loop;
+  fuzz::reading_listener listener;
+  core_service::engine_link link(commands[0], reports[1], loop, listener, "");
+  fuzz::require(::write(feed.get(), data, size) == static_cast<ssize_t>(size), "write");
+  feed.reset();
+  // The end of the stream is told after what was in it.
+  while (!listener.gone) loop.run(true);
+  return 0;
+}
