@@ -9,6 +9,7 @@
 
 #include <sys/eventfd.h>
 
+#include "base/clocks.h"
 #include "base/log.h"
 
 namespace zelta::base {
@@ -27,6 +28,8 @@ namespace {
 constexpr int kErrorBits = POLLERR | POLLHUP | POLLNVAL;
 // Without a wake descriptor (none was left in the process) stop() and post() are noticed this late.
 constexpr int kUnwakeableTimeoutMs = 100;
+constexpr int kPollRetryMs = 10;
+constexpr int64_t kPollLogMs = 1000;
 
 }  // namespace
 
@@ -94,12 +97,11 @@ void event_loop::want_write(int fd, bool wanted) {
 int event_loop::run(bool once) {
   stop_ = false;
   loop_thread_ = std::this_thread::get_id();
-  int result = 0;
   do {
-    result = run_round();
-  } while (result == 0 && !once && !stop_);
+    run_round();
+  } while (!once && !stop_);
   loop_thread_ = std::thread::id();
-  return result;
+  return 0;
 }
 
 void event_loop::stop() {
@@ -122,13 +124,10 @@ bool event_loop::running() const {
   return loop_thread_ != std::thread::id();
 }
 
-int event_loop::run_round() {
+void event_loop::run_round() {
   prepare_poll_events();
   const int ready = ::poll(pollfds_.data(), pollfds_.size(), poll_timeout_ms());
-  if (ready < 0 && errno != EINTR) {
-    log_dir(logdir_.c_str(), ERROR_LOG, ZELTA_LOG_MODULE_COMMON, "poll: %s", std::strerror(errno));
-    return -1;
-  }
+  if (ready < 0 && errno != EINTR) wait_without_descriptors(errno);
   if (ready > 0) {
     for (size_t i = 0; i < pollfds_.size(); ++i) {
       if (pollfds_[i].revents == 0) continue;
@@ -141,7 +140,18 @@ int event_loop::run_round() {
   }
   run_posted();
   run_timers();
-  return 0;
+}
+
+// A system that is short of memory for a moment must not end a session: nobody would be told.
+void event_loop::wait_without_descriptors(int error) {
+  const int64_t now = tick_ms();
+  if (poll_failed_ms_ == 0 || now - poll_failed_ms_ >= kPollLogMs) {
+    log_dir(logdir_.c_str(), ERROR_LOG, ZELTA_LOG_MODULE_COMMON, "poll: %s; trying again",
+            std::strerror(error));
+    poll_failed_ms_ = now;
+  }
+  // Without descriptors it needs no memory; if it fails all the same, the next round comes sooner.
+  ::poll(nullptr, 0, kPollRetryMs);
 }
 
 void event_loop::prepare_poll_events() {

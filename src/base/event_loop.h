@@ -58,7 +58,7 @@ class event_loop {
   void want_write(int fd, bool wanted);
 
   // Runs until stop(); with `once` true, for a single round. A loop that was stopped can be run
-  // again. 0, or -1 when poll failed for good.
+  // again. Always 0: a poll that fails is logged, once a second, and tried again.
   int run(bool once);
   // Makes run() return after the current round. A stop while nothing runs has no effect.
   void stop();
@@ -89,7 +89,8 @@ class event_loop {
     bool operator()(const timer_event* a, const timer_event* b) const;
   };
 
-  int run_round();
+  void run_round();
+  void wait_without_descriptors(int error);
   void prepare_poll_events();
   int poll_timeout_ms();
   void dispatch(const pollfd& polled, uint64_t generation);
@@ -109,6 +110,8 @@ class event_loop {
   std::mutex events_lock_;
   std::vector<uint64_t> polled_generations_;
   uint64_t next_generation_ = 1;
+  // Of the last line about a poll that failed.
+  int64_t poll_failed_ms_ = 0;
   std::mutex posted_lock_;
   std::vector<std::function<void()>> posted_;
   unique_fd wake_fd_;

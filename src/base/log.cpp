@@ -3,6 +3,7 @@
 
 #include <cstdarg>
 #include <cstdio>
+#include <exception>
 #include <string>
 
 #include <syslog.h>
@@ -104,9 +105,8 @@ std::string format_text(const char* format, va_list arguments) {
   return text;
 }
 
-void write_line(const char* dir, log_levels level, zelta_log_module module, const char* format,
-                va_list arguments) {
-  if (!log_config::log_enabled(level, module)) return;
+void make_and_write_line(const char* dir, log_levels level, zelta_log_module module,
+                         const char* format, va_list arguments) {
   std::string message = format_text(format, arguments);
   // One line stays one line whatever a peer or a file name put into it.
   for (char& c : message) {
@@ -124,6 +124,18 @@ void write_line(const char* dir, log_levels level, zelta_log_module module, cons
   }
   syslog(log_config::convert_to_syslog_level(level) | static_cast<int>(log_config::facility), "%s",
          message.c_str());
+}
+
+// A line is never worth what it is about: without memory for it, it is lost.
+void write_line(const char* dir, log_levels level, zelta_log_module module, const char* format,
+                va_list arguments) noexcept {
+  if (!log_config::log_enabled(level, module)) return;
+  try {
+    make_and_write_line(dir, level, module, format, arguments);
+  } catch (const std::exception&) {
+    constexpr char kLost[] = "a log line was lost for want of memory\n";
+    [[maybe_unused]] const ssize_t ignored = ::write(STDERR_FILENO, kLost, sizeof kLost - 1);
+  }
 }
 
 }  // namespace

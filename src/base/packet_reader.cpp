@@ -94,7 +94,8 @@ packet_reader::step packet_reader::read_once(size_t& total) {
   return bytes < wanted ? step::kReadAll : step::kRead;
 }
 
-// Delivers every packet that is complete; false when the stream is out of step.
+// Delivers every packet that is complete; false when the stream is out of step, or when there is no
+// memory for what it says is coming.
 bool packet_reader::deliver_buffered() {
   for (;;) {
     if (in_large_frame_) {
@@ -108,8 +109,12 @@ bool packet_reader::deliver_buffered() {
       return false;
     }
     if (buffered() < total_bytes) {
-      if (start_large_frame(total_bytes)) continue;
-      make_room(total_bytes);
+      try {
+        if (start_large_frame(total_bytes)) continue;
+        make_room(total_bytes);
+      } catch (const std::bad_alloc&) {
+        return false;
+      }
       return true;
     }
     unpacker u(begin() + kLengthPrefixBytes, total_bytes - kLengthPrefixBytes, false);

@@ -24,7 +24,7 @@ class packet_reader {
     kMore,    // the bound was reached, there may be more
     kEmpty,   // the pipe is empty for now
     kEnd,     // the other side has closed it, or reading failed for good
-    kBroken,  // a length that can't be: the stream is out of step
+    kBroken,  // a length that can't be (the stream is out of step), or that there is no memory for
   };
 
   class receiver {

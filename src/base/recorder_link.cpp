@@ -126,6 +126,10 @@ recorder_link::recorder_link(made_by_start, settings to, unique_fd read_end, uni
       write_end_.get(), this, nullptr,
       [](int, void* self) { static_cast<recorder_link*>(self)->on_writable(); },
       [](int, void* self, int events) { static_cast<recorder_link*>(self)->on_unread(events); });
+  // A child of the recorder's may hold its pipes open when it is gone.
+  to_.loop->add_watcher(
+      process_.end_fd(), this,
+      [](int, void* self) { static_cast<recorder_link*>(self)->on_exit(); }, nullptr, nullptr);
 }
 
 recorder_link::~recorder_link() {
@@ -172,7 +176,8 @@ void recorder_link::on_readable() {
       on_break(POLLHUP);
       break;
     case packet_reader::result::kBroken:
-      LINK_LOG(to_.logdir, ERROR_LOG, "the recorder's packets are out of step: bad length");
+      LINK_LOG(to_.logdir, ERROR_LOG,
+               "the recorder's packets are out of step: bad length, or no memory for it");
       on_break(POLLERR);
       break;
   }
@@ -195,6 +200,11 @@ void recorder_link::on_unread(int events) {
   on_break(process_.wait(kExitLimit) ? POLLHUP : events);
 }
 
+// What it wrote last decides what kind of end it was.
+void recorder_link::on_exit() {
+  on_break(drain() == packet_reader::result::kBroken ? POLLERR : POLLHUP);
+}
+
 // The listener may replace this link from inside on_error, so nothing is touched after it.
 void recorder_link::on_break(int events) {
   drain();
@@ -206,8 +216,8 @@ void recorder_link::on_break(int events) {
 
 // What a dying recorder wrote counts. A pipe holds 1 MiB at most, so this ends even if the recorder
 // lives on and goes on writing.
-void recorder_link::drain() {
-  reader_.read_some(2 * static_cast<size_t>(kPipeBytes));
+packet_reader::result recorder_link::drain() {
+  return reader_.read_some(2 * static_cast<size_t>(kPipeBytes));
 }
 
 void recorder_link::finish() {
@@ -241,6 +251,7 @@ void recorder_link::close_pipes() {
   ended_ = true;
   to_.loop->remove_watcher(read_end_.get());
   to_.loop->remove_watcher(write_end_.get());
+  to_.loop->remove_watcher(process_.end_fd());
   // Before the descriptor's number can be anybody else's: other threads may be sending.
   writer_.close();
   read_end_.reset();

@@ -47,7 +47,8 @@ class recorder_link final : private packet_reader::receiver {
   void on_writable();
   void on_unread(int events);
   void on_break(int events);
-  void drain();
+  void on_exit();
+  packet_reader::result drain();
   void flush_bounded();
   void close_pipes();
   void end_process(std::chrono::milliseconds patience);

@@ -42,6 +42,8 @@ class recorder_process {
   // Ends the child in stages: waits `patience`, then SIGTERM and waits `term_patience`, then
   // SIGKILL. Returns what it took: "", "SIGTERM" or "SIGKILL".
   const char* end(std::chrono::milliseconds patience, std::chrono::milliseconds term_patience);
+  // Readable once the child has ended; lent.
+  int end_fd() const { return pidfd_.get(); }
   // How the child ended, for the log: "exit status 0", "signal 9". Empty before that.
   const std::string& how_ended() const { return how_ended_; }
 

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "base/safe_log.h"
 
+#include <exception>
+
 #include <unistd.h>
 
 namespace zelta::base {
@@ -16,8 +18,12 @@ safe_log::safe_log(const char* file, int line, int severity, zelta_log_module mo
 
 // The text is an argument and never a format: it may hold percent signs of a peer's.
 safe_log::~safe_log() {
-  log_dir(logdir_, static_cast<log_levels>(severity_), module_, "(%d) %s", getpid(),
-          sout_.str().c_str());
+  try {
+    log_dir(logdir_, static_cast<log_levels>(severity_), module_, "(%d) %s", getpid(),
+            sout_.str().c_str());
+  } catch (const std::exception&) {
+    // The line is lost for want of memory.
+  }
 }
 
 }  // namespace zelta::base

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <deque>
+#include <exception>
 #include <initializer_list>
 #include <iterator>
 #include <utility>
@@ -114,6 +115,19 @@ uint32_t size_of(const std::string& payload) {
 
 }  // namespace
 
+// No exception crosses the public interface: memory or a thread that is not to be had refuses the
+// call. What was begun by then ends with the engine.
+template <class Call>
+int guarded(const char* name, const std::string& logdir, Call call) {
+  try {
+    return call();
+  } catch (const std::exception& failure) {
+    base::log_dir(logdir.c_str(), ERROR_LOG, ZELTA_LOG_MODULE_RECORDING_ENGINE, "%s failed: %s",
+                  name, failure.what());
+    return kRefused;
+  }
+}
+
 uint64_t get_ns() {
   std::timespec now{};
   return clock_gettime(CLOCK_MONOTONIC, &now) == 0 ? static_cast<uint64_t>(now.tv_nsec) : 0;
@@ -132,9 +146,15 @@ IRecordingEngine* IRecordingEngine::createZeltaRecordingEngine(
   if (eventHandler == nullptr) return refuse(__LINE__, "event handler is empty"), nullptr;
   // A recorder that dies while we write to it must not take the application with it.
   std::signal(SIGPIPE, SIG_IGN);
-  auto router = std::make_unique<base::pipe_router>(true);
-  // The engine is its own owner: release() ends it.
-  return std::make_unique<RecordingEngineImpl>(appId, eventHandler, router.release()).release();
+  IRecordingEngine* made = nullptr;
+  guarded("createZeltaRecordingEngine", "", [&] {
+    auto router = std::make_unique<base::pipe_router>(true);
+    // The engine is its own owner: release() ends it.
+    made = std::make_unique<RecordingEngineImpl>(appId, eventHandler, router.get()).release();
+    router.release();
+    return 0;
+  });
+  return made;
 }
 
 RecordingEngineImpl::RecordingEngineImpl(const char* appId, IRecordingEngineEventHandler* handler,
@@ -176,23 +196,25 @@ const RecordingEngineProperties* RecordingEngineImpl::getProperties() {
 
 int RecordingEngineImpl::joinChannel(const char* channelKey, const char* channelId, uid_t uid,
                                      const RecordingConfig& config) {
-  const int refused = joinChannelValidationCheck(channelKey, channelId, uid, &config);
-  if (refused != 0) return refused;
-  config_ = config;
-  std::vector<const char*> args;
-  std::string program = kServiceName;
-  const int failed = pushParamsToZRS(channelKey, channelId, uid, &config, args, program);
-  if (failed != 0) {
-    ENGINE_LOG(NOTICE_LOG) << "joinChannel"
-                           << " failed to pushParamsToZRS";
-    return failed;
-  }
-  // Over a thread that is still joinable this ends the process: two sessions can't share an engine,
-  // and the first one's recorder would be lost without a word.
-  thread_ = std::thread([this] { run_internal(); });
-  joined_ = true;
-  thread_started_ = true;
-  return 0;
+  return guarded("joinChannel", logdir_, [&] {
+    const int refused = joinChannelValidationCheck(channelKey, channelId, uid, &config);
+    if (refused != 0) return refused;
+    config_ = config;
+    std::vector<const char*> args;
+    std::string program = kServiceName;
+    const int failed = pushParamsToZRS(channelKey, channelId, uid, &config, args, program);
+    if (failed != 0) {
+      ENGINE_LOG(NOTICE_LOG) << "joinChannel"
+                             << " failed to pushParamsToZRS";
+      return failed;
+    }
+    // Over a thread that is still joinable this ends the process: two sessions can't share an
+    // engine, and the first one's recorder would be lost without a word.
+    thread_ = std::thread([this] { run_internal(); });
+    joined_ = true;
+    thread_started_ = true;
+    return 0;
+  });
 }
 
 // The first rule that fails decides; rules that take a value from the file keep it even when a
@@ -613,34 +635,36 @@ bool RecordingEngineImpl::in_engine_thread() const {
 }
 
 int RecordingEngineImpl::leaveChannel() {
-  {
-    const std::lock_guard<std::mutex> guard(recovery_.lock);
-    recovery_.flag |= RECOVERY_FLAG_LEFT;
-  }
-  IRecordingEngine* const engine = this;
-  engine->stoppedOnError();
-  if (in_engine_thread() || stopped_) return 0;
-  {
-    const std::lock_guard<base::Mutexer> guard(stopped_mutex_);
-    if (stopped_) return 0;
-    stopped_ = true;
-  }
-  joined_ = false;
-  isSessionActive_ = false;
-  // Asked a second time on purpose: joining the thread that we are on would never return.
-  if (in_engine_thread()) {
-    ENGINE_LOG(NOTICE_LOG) << "API call to leave channel in event loop thread";
-    return leave_channel();
-  }
-  ENGINE_LOG(NOTICE_LOG) << "API call to leave channel not in event loop thread";
-  if (thread_started_ && thread_.joinable()) {
-    // Its next tick sees stopped_, tells the recorder and stops the loop.
-    thread_.join();
-    thread_started_ = false;
+  return guarded("leaveChannel", logdir_, [&] {
+    {
+      const std::lock_guard<std::mutex> guard(recovery_.lock);
+      recovery_.flag |= RECOVERY_FLAG_LEFT;
+    }
+    IRecordingEngine* const engine = this;
+    engine->stoppedOnError();
+    if (in_engine_thread() || stopped_) return 0;
+    {
+      const std::lock_guard<base::Mutexer> guard(stopped_mutex_);
+      if (stopped_) return 0;
+      stopped_ = true;
+    }
+    joined_ = false;
+    isSessionActive_ = false;
+    // Asked a second time on purpose: joining the thread that we are on would never return.
+    if (in_engine_thread()) {
+      ENGINE_LOG(NOTICE_LOG) << "API call to leave channel in event loop thread";
+      return leave_channel();
+    }
+    ENGINE_LOG(NOTICE_LOG) << "API call to leave channel not in event loop thread";
+    if (thread_started_ && thread_.joinable()) {
+      // Its next tick sees stopped_, tells the recorder and stops the loop.
+      thread_.join();
+      thread_started_ = false;
+      return 0;
+    }
+    end_thread_from_inside();
     return 0;
-  }
-  end_thread_from_inside();
-  return 0;
+  });
 }
 
 int RecordingEngineImpl::leave_channel() {
@@ -657,14 +681,16 @@ void RecordingEngineImpl::end_thread_from_inside() {
 }
 
 int RecordingEngineImpl::stoppedOnError() {
-  if (!in_engine_thread()) {
-    ENGINE_LOG(INFO_LOG) << "API call to stopped on error not in event loop thread";
+  return guarded("stoppedOnError", logdir_, [&] {
+    if (!in_engine_thread()) {
+      ENGINE_LOG(INFO_LOG) << "API call to stopped on error not in event loop thread";
+      return 0;
+    }
+    ENGINE_LOG(INFO_LOG) << "API call to stopped on error in event loop thread";
+    send<protocol::leave_packet>([](auto& p) { p.reason = 0; });
+    loop_.stop();
     return 0;
-  }
-  ENGINE_LOG(INFO_LOG) << "API call to stopped on error in event loop thread";
-  send<protocol::leave_packet>([](auto& p) { p.reason = 0; });
-  loop_.stop();
-  return 0;
+  });
 }
 
 // ---- Commands ------------------------------------------------------------------------------
@@ -683,75 +709,85 @@ bool RecordingEngineImpl::may_toggle_service() const {
 }
 
 int RecordingEngineImpl::startService() {
-  if (!may_toggle_service()) {
-    ENGINE_LOG(ERROR_LOG) << "failed to start service, joined channel: " << joined_.load()
-                          << " trigger mode: " << config_.triggerMode;
-    return kRefused;
-  }
-  if (isSessionActive_) {
-    ENGINE_LOG(ERROR_LOG) << "engine has already started service";
-    return kRefused;
-  }
-  isSessionActive_ = true;
-  ENGINE_LOG(NOTICE_LOG) << "User trigger start service";
-  send<protocol::start_service_packet>([](auto& p) { p.uid = 0; });
-  return 0;
+  return guarded("startService", logdir_, [&] {
+    if (!may_toggle_service()) {
+      ENGINE_LOG(ERROR_LOG) << "failed to start service, joined channel: " << joined_.load()
+                            << " trigger mode: " << config_.triggerMode;
+      return kRefused;
+    }
+    if (isSessionActive_) {
+      ENGINE_LOG(ERROR_LOG) << "engine has already started service";
+      return kRefused;
+    }
+    isSessionActive_ = true;
+    ENGINE_LOG(NOTICE_LOG) << "User trigger start service";
+    send<protocol::start_service_packet>([](auto& p) { p.uid = 0; });
+    return 0;
+  });
 }
 
 int RecordingEngineImpl::stopService() {
-  if (!may_toggle_service()) {
-    ENGINE_LOG(ERROR_LOG) << "failed to stop service, joined channel: " << joined_.load()
-                          << " trigger mode: " << config_.triggerMode;
-    return kRefused;
-  }
-  if (!isSessionActive_) {
-    ENGINE_LOG(ERROR_LOG) << "engine hasn't started service yet ";
-    return kRefused;
-  }
-  isSessionActive_ = false;
-  ENGINE_LOG(NOTICE_LOG) << "User trigger stop service";
-  send<protocol::stop_service_packet>([](auto& p) { p.uid = 0; });
-  return 0;
+  return guarded("stopService", logdir_, [&] {
+    if (!may_toggle_service()) {
+      ENGINE_LOG(ERROR_LOG) << "failed to stop service, joined channel: " << joined_.load()
+                            << " trigger mode: " << config_.triggerMode;
+      return kRefused;
+    }
+    if (!isSessionActive_) {
+      ENGINE_LOG(ERROR_LOG) << "engine hasn't started service yet ";
+      return kRefused;
+    }
+    isSessionActive_ = false;
+    ENGINE_LOG(NOTICE_LOG) << "User trigger stop service";
+    send<protocol::stop_service_packet>([](auto& p) { p.uid = 0; });
+    return 0;
+  });
 }
 
 int RecordingEngineImpl::setLogLevel(zelta_log_level level) {
-  ENGINE_LOG(NOTICE_LOG) << "setLogLevel"
-                         << " , set log level to : " << static_cast<int>(level);
-  // The public levels have the internal numbers.
-  log_config::set_log_level(static_cast<base::log_levels>(level));
-  send<protocol::set_log_level_packet>(
-      [level](auto& p) { p.level = static_cast<uint32_t>(level); });
-  return 0;
+  return guarded("setLogLevel", logdir_, [&] {
+    ENGINE_LOG(NOTICE_LOG) << "setLogLevel"
+                           << " , set log level to : " << static_cast<int>(level);
+    // The public levels have the internal numbers.
+    log_config::set_log_level(static_cast<base::log_levels>(level));
+    send<protocol::set_log_level_packet>(
+        [level](auto& p) { p.level = static_cast<uint32_t>(level); });
+    return 0;
+  });
 }
 
 int RecordingEngineImpl::enableModuleLog(uint32_t module, bool enable) {
-  ENGINE_LOG(NOTICE_LOG) << "enableModuleLog"
-                         << " , enable " << enable << " log for module :" << module;
-  if (enable) {
-    log_config::enable_module(module);
-  } else {
-    log_config::disable_module(module);
-  }
-  send<protocol::log_enable_module_packet>([module, enable](auto& p) {
-    p.module = module;
-    p.enable = enable ? 1 : 0;
+  return guarded("enableModuleLog", logdir_, [&] {
+    ENGINE_LOG(NOTICE_LOG) << "enableModuleLog"
+                           << " , enable " << enable << " log for module :" << module;
+    if (enable) {
+      log_config::enable_module(module);
+    } else {
+      log_config::disable_module(module);
+    }
+    send<protocol::log_enable_module_packet>([module, enable](auto& p) {
+      p.module = module;
+      p.enable = enable ? 1 : 0;
+    });
+    return 0;
   });
-  return 0;
 }
 
 int RecordingEngineImpl::setUserBackground(uid_t uid, const char* imagePath) {
-  const char* const path = imagePath != nullptr ? imagePath : "";
-  ENGINE_LOG(NOTICE_LOG) << "setUserBackground"
-                         << " : uid :" << uid << " ,path :" << path;
-  send<protocol::set_user_background_packet>([uid, path](auto& p) {
-    p.uid = uid;
-    p.img_path = path;
+  return guarded("setUserBackground", logdir_, [&] {
+    const char* const path = imagePath != nullptr ? imagePath : "";
+    ENGINE_LOG(NOTICE_LOG) << "setUserBackground"
+                           << " : uid :" << uid << " ,path :" << path;
+    send<protocol::set_user_background_packet>([uid, path](auto& p) {
+      p.uid = uid;
+      p.img_path = path;
+    });
+    return 0;
   });
-  return 0;
 }
 
 int RecordingEngineImpl::setVideoMixingLayout(const VideoMixingLayout& layout) {
-  return _setVideoMixingLayout(layout);
+  return guarded("setVideoMixingLayout", logdir_, [&] { return _setVideoMixingLayout(layout); });
 }
 
 int RecordingEngineImpl::_setVideoMixingLayout(const VideoMixingLayout& layout) {
@@ -764,9 +800,11 @@ int RecordingEngineImpl::_setVideoMixingLayout(const VideoMixingLayout& layout) 
 }
 
 int RecordingEngineImpl::setParameters(const char* parameters) {
-  send<protocol::parameters_packet>(
-      [parameters](auto& p) { p.parameters = parameters != nullptr ? parameters : ""; });
-  return 0;
+  return guarded("setParameters", logdir_, [&] {
+    send<protocol::parameters_packet>(
+        [parameters](auto& p) { p.parameters = parameters != nullptr ? parameters : ""; });
+    return 0;
+  });
 }
 
 // ---- Engine thread -------------------------------------------------------------------------

@@ -5,47 +5,11 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
-#include "support/recording_handler.h"
-#include "support/temp_dir.h"
+#include "support/link_fixture.h"
 
 namespace zelta::test {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-
-struct Releaser {
-  void operator()(IRecordingEngine* engine) const { engine->release(); }
-};
-
-class LinkTest : public ::testing::Test {
- protected:
-  LinkTest() {
-    config.recordFileRootDir = const_cast<char*>(dir.path().c_str());
-    setenv("ZELTA_SERVICE_DIR", FAKE_SERVICE_DIR, 1);
-  }
-  ~LinkTest() override { unsetenv("ZELTA_SERVICE_DIR"); }
-
-  int join(const std::string& script) {
-    setenv("FAKE_RECORDER", script.c_str(), 1);
-    engine.reset(IRecordingEngine::createZeltaRecordingEngine("app", &handler));
-    callable = engine.get();
-    return engine->joinChannel("key", "room", 1, config);
-  }
-  std::string log() const {
-    const char* const folder = engine->getProperties()->storageDir;
-    return read_file(std::string(folder != nullptr ? folder : "") + "recording_engine.log");
-  }
-  static bool has_children() { return waitpid(-1, nullptr, WNOHANG) >= 0 || errno != ECHILD; }
-
-  TempDir dir;
-  RecordingHandler handler;
-  RecordingConfig config;
-  std::unique_ptr<IRecordingEngine, Releaser> engine;
-  // The same for callbacks, which may still come while the other is being reset.
-  std::atomic<IRecordingEngine*> callable{nullptr};
-};
 
 TEST_F(LinkTest, RecorderStartsWithItsArgumentsAndNothingElseOfOurs) {
   // What an application may have: descriptors that are inherited, signals ignored and blocked.

@@ -2,6 +2,8 @@
 // A recorder that does what the environment variable FAKE_RECORDER says, step by step:
 //
 //     hello join user:UID drop:UID pcm:COUNT h264:BYTES error leave:REASON garbage
+//     bytes:FILE (sends what is in it)  drip:FILE (byte by byte)  flood:COUNT (of unknown packets)
+//     grandchild (holds the descriptors for as long as the test runs)
 //     await:URI (reads until that packet)  close-read  close-write  ignore-term  hang
 //     facts:FILE (writes its arguments, descriptors, signals)  exit:STATUS  kill
 #include <algorithm>
@@ -11,6 +13,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <iterator>
 #include <set>
 #include <sstream>
 #include <string>
@@ -35,6 +38,38 @@ void put(const zelta::base::packet& p) {
     if (written <= 0) std::exit(90);
     done += static_cast<size_t>(written);
   }
+}
+
+void put_bytes(const std::string& bytes, size_t a_call) {
+  for (size_t done = 0; done < bytes.size();) {
+    const ssize_t written =
+        write(write_fd, bytes.data() + done, std::min(a_call, bytes.size() - done));
+    if (written <= 0) std::exit(90);
+    done += static_cast<size_t>(written);
+  }
+}
+
+std::string content_of(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  return {std::istreambuf_iterator<char>(file), {}};
+}
+
+// The smallest packets there are, of a kind that nobody knows.
+void flood(uint32_t count) {
+  std::string packets;
+  for (int i = 0; i < 1000; ++i) packets.append("\x06\0\0\0\xe7\x03", 6);
+  for (uint32_t sent = 0; sent < count; sent += 1000) put_bytes(packets, packets.size());
+}
+
+// Holds every descriptor that we have. It ends with the test, which holds the other end of the
+// descriptor that the variable names.
+void leave_a_grandchild() {
+  if (fork() != 0) return;
+  setsid();
+  const char* const path = std::getenv("FAKE_GRANDCHILD_ENDS");
+  std::ifstream until(path != nullptr ? path : "");
+  until.get();
+  std::_Exit(0);
 }
 
 template <class Packet, class... Values>
@@ -109,6 +144,10 @@ void run(const std::string& step, const std::string& value, const std::vector<st
   if (step == "garbage") {
     [[maybe_unused]] const ssize_t written = write(write_fd, "\0\0\0\0", 4);
   }
+  if (step == "bytes") put_bytes(content_of(value), 1 << 20);
+  if (step == "drip") put_bytes(content_of(value), 1);
+  if (step == "flood") flood(number);
+  if (step == "grandchild") leave_a_grandchild();
   if (step == "await" && !await(static_cast<int>(number))) std::exit(0);
   if (step == "close-read") close(read_fd);
   if (step == "close-write") close(write_fd);

@@ -2,6 +2,7 @@
 // A handler that writes down what it is told, one line a call, and can be waited for.
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <condition_variable>
 #include <functional>
@@ -9,6 +10,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "IZeltaRecordingEngine.h"
@@ -84,6 +86,14 @@ class RecordingHandler : public IRecordingEngineEventHandler {
     std::unique_lock<std::mutex> lock(mutex_);
     return changed_.wait_for(lock, std::chrono::seconds(20),
                              [&] { return count_locked(start) >= count; });
+  }
+  // The same for whichever comes first.
+  bool wait_for_any(const std::vector<std::pair<std::string, int>>& any) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20), [&] {
+      return std::any_of(any.begin(), any.end(),
+                         [this](const auto& one) { return count_locked(one.first) >= one.second; });
+    });
   }
   int count(const std::string& start) const {
     const std::lock_guard<std::mutex> guard(mutex_);
