@@ -7,6 +7,15 @@ target_compile_options(
   INTERFACE -Wall -Wextra -Wshadow -Wconversion
             # Logs name sources by their path in the project, wherever it was built.
             "-fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=")
+# What a bug in a parser may do: the stack is guarded, checked copies stop at the end of their
+# buffer, and nothing that is written to is executed or steers a call. tests/hardening looks.
+target_compile_options(zelta_options INTERFACE -fstack-protector-strong -fstack-clash-protection)
+target_link_options(zelta_options INTERFACE "LINKER:-z,relro,-z,now,-z,noexecstack")
+if(NOT ZELTA_SANITIZE)
+  # It needs the optimiser, and the sanitizers check more.
+  target_compile_options(
+    zelta_options INTERFACE "$<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE;-D_FORTIFY_SOURCE=2>")
+endif()
 if(ZELTA_WARNINGS_AS_ERRORS)
   target_compile_options(zelta_options INTERFACE -Werror)
 endif()

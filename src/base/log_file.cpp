@@ -127,4 +127,10 @@ bool log_file_write(const std::string& dir, const std::string& line, bool may_dr
   return all.by_dir.try_emplace(dir, dir).first->second.write(line, may_drop, now);
 }
 
+void log_file_close(const std::string& dir) {
+  log_files& all = files();
+  const std::lock_guard<std::mutex> guard(all.mutex);
+  all.by_dir.erase(dir);
+}
+
 }  // namespace zelta::base

@@ -17,4 +17,8 @@ constexpr const char* kLogFileName = "recording_engine.log";
 // written. Any thread.
 bool log_file_write(const std::string& dir, const std::string& line, bool may_drop);
 
+// Nothing more is expected for `dir`: its file is closed now and not only after a while. A line
+// that comes all the same opens it again.
+void log_file_close(const std::string& dir);
+
 }  // namespace zelta::base

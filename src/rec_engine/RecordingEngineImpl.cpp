@@ -22,6 +22,7 @@
 
 #include "base/clocks.h"
 #include "base/log.h"
+#include "base/log_file.h"
 #include "base/pipe_router.h"
 #include "base/safe_log.h"
 #include "rec_engine/config_file.h"
@@ -179,6 +180,8 @@ RecordingEngineImpl::~RecordingEngineImpl() {
     timer_ = nullptr;
     ENGINE_LOG(NOTICE_LOG) << "Recording wrapper delete timer";
   }
+  // A server may make a thousand short recordings a minute.
+  base::log_file_close(logdir_);
 }
 
 int RecordingEngineImpl::release() {

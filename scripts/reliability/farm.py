@@ -1,0 +1,101 @@
+# SPDX-License-Identifier: Apache-2.0
+"""An application process with engines (tests/reliability/engine_farm.cpp), and what it says."""
+import collections
+import json
+import os
+import pathlib
+import random
+import subprocess
+import tempfile
+import threading
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parents[2]
+BIN = ROOT / "build/release/bin"
+
+
+def size_of(pid):
+    """Resident kB, descriptors, threads."""
+    status = pathlib.Path(f"/proc/{pid}")
+    resident = int((status / "statm").read_text().split()[1]) * os.sysconf("SC_PAGESIZE") // 1024
+    return resident, len(os.listdir(status / "fd")), len(os.listdir(status / "task"))
+
+
+class Session:
+    def __init__(self):
+        self.events = []
+        self.folder = ""
+        self.kills = []  # (UTC ms, signal)
+        self.joined_at = None
+        self.kill_at = None
+        self.leaving = False
+
+    def values(self, event):
+        return [one["value"] for one in self.events if one["event"] == event]
+
+
+class Farm:
+    def __init__(self, work, server, engines, seconds, frames=False):
+        self.recordings = tempfile.mkdtemp(dir=work)
+        environment = dict(os.environ, ZELTA_CHANNEL_SERVER=server, ZELTA_SERVICE_DIR=str(BIN))
+        command = [BIN / "engine_farm", str(engines), self.recordings, str(seconds)]
+        self.process = subprocess.Popen(
+            command + (["frames"] if frames else []), stdin=subprocess.PIPE,
+            stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=environment)
+        self.lock = threading.Lock()
+        self.sessions = collections.OrderedDict()
+        self.ended = []
+        self.reader = threading.Thread(target=self._read)
+        self.reader.start()
+
+    def _read(self):
+        for line in self.process.stdout:
+            event = json.loads(line)
+            with self.lock:
+                key = (event["slot"], event["session"])
+                session = self.sessions.setdefault(key, Session())
+                session.events.append(event)
+                session.folder = event["folder"] or session.folder
+                if event["event"] == "joined":
+                    session.joined_at = time.monotonic()
+                    session.kill_at = session.joined_at + random.uniform(0.3, 2.5)
+                if event["event"] in ("error", "leaving"):
+                    session.leaving = True
+                if event["event"] == "ended":
+                    self.ended.append(self.sessions.pop(key))
+
+    def wait_joined(self, count, limit_s=60):
+        """Whether so many sessions have joined, and a user with them."""
+        deadline = time.monotonic() + limit_s
+        while time.monotonic() < deadline:
+            with self.lock:
+                if sum(1 for one in self.sessions.values() if one.values("user")) >= count:
+                    return True
+            time.sleep(0.05)
+        return False
+
+    def children(self):
+        """Recorders by folder; and how many children are zombies."""
+        found, zombies = {}, 0
+        for task in pathlib.Path(f"/proc/{self.process.pid}/task").glob("*/children"):
+            try:
+                pids = task.read_text().split()
+            except OSError:
+                continue
+            for pid in pids:
+                try:
+                    command = pathlib.Path(f"/proc/{pid}/cmdline").read_bytes().split(b"\0")
+                    if not command[0]:
+                        zombies += 1
+                        continue
+                    at = command.index(b"--recording_file_dir")
+                    found[command[at + 1].decode()] = int(pid)
+                except (OSError, ValueError):
+                    continue
+        return found, zombies
+
+    def finish(self):
+        self.process.stdin.close()
+        status = self.process.wait(timeout=120)
+        self.reader.join()
+        return status

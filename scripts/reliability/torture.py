@@ -1,0 +1,258 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Kills recorders and applications at random moments, and looks at what is left.
+
+A farm of engines records marked media with the real recorder. Recorders get SIGKILL, SIGSEGV, or
+SIGSTOP for 5 s; applications get SIGKILL. Every stretch must play, a kill may cost one fragment,
+the application must be told of exactly what happened, and nothing may be left over."""
+
+import argparse
+import collections
+import concurrent.futures
+import json
+import os
+import pathlib
+import random
+import select
+import signal
+import statistics
+import sys
+import tempfile
+import threading
+import time
+
+from farm import ROOT, Farm, size_of
+
+sys.path.insert(0, str(ROOT / "scripts/media"))
+import marks  # noqa: E402  pylint: disable=wrong-import-position
+
+# A fragment is half a second; what was captured and not yet written comes on top.
+FRAGMENT_MS = 500
+IN_FLIGHT_MS = 350
+COMPLETE_S = 2.0
+STOP_S = 5.0
+RECOVERIES = 3
+
+
+def now_ms():
+    return time.time() * 1000
+
+
+class Findings:
+    def __init__(self):
+        self.lock = threading.Lock()
+        self.wrong = []
+        self.losses_ms = []
+        self.stretches = 0
+        self.short = 0
+        self.release_ms = []
+        self.completion_s = []
+
+    def wrong_if(self, bad, text):
+        if bad:
+            with self.lock:
+                self.wrong.append(text)
+
+
+def playable_ms(path):
+    """How long the file plays; None when it doesn't, or not without an error."""
+    text = marks.run("ffprobe", "-v", "error", "-show_entries", "format=duration", "-of", "csv=p=0",
+                     str(path)).strip()
+    errors = marks.run("ffmpeg", "-v", "error", "-i", str(path), "-f", "null", "-")
+    try:
+        return None if errors else float(text) * 1000
+    except ValueError:
+        return None
+
+
+def check_files(session, findings):
+    try:
+        manifest = json.loads(pathlib.Path(session.folder, "recording.json").read_text())
+    except (OSError, ValueError) as error:
+        # A recorder that was killed before it had written anything has lost nothing.
+        findings.wrong_if(not session.kills, f"{session.folder}: no manifest: {error}")
+        return
+    for file in manifest["files"]:
+        # The last recorder of a session that was given up has no successor that closes its file.
+        given_up = file["closed"] == "" and session.values("error")
+        died = file["closed"] == "recorder died" or given_up
+        after = [ms for ms, _ in session.kills if ms >= file["first_utc_ms"]]
+        killed_ms = min(after, default=None) if died else None
+        findings.wrong_if(died and killed_ms is None, f"{file['name']}: died of nothing")
+        findings.wrong_if(file["closed"] == "" and not given_up, f"{session.folder}{file['name']}: never closed")
+        age = (killed_ms or 0) - file["first_utc_ms"]
+        length = playable_ms(pathlib.Path(session.folder, file["name"]))
+        with findings.lock:
+            findings.stretches += 1
+        if killed_ms is None:
+            findings.wrong_if(length is None, f"{session.folder}{file['name']}: doesn't play")
+            continue
+        if length is None and (age <= FRAGMENT_MS + IN_FLIGHT_MS or file["first_utc_ms"] == 0):
+            # Younger than its first fragment.
+            with findings.lock:
+                findings.short += 1
+                if file["first_utc_ms"] != 0:
+                    findings.losses_ms.append(age)
+            continue
+        findings.wrong_if(length is None, f"{session.folder}{file['name']}: doesn't play")
+        if length is not None:
+            with findings.lock:
+                findings.losses_ms.append(age - length)
+            findings.wrong_if(age - length > FRAGMENT_MS + IN_FLIGHT_MS,
+                              f"{session.folder}{file['name']}: lost {age - length:.0f} ms")
+
+
+def check_events(session, findings):
+    deaths = [ms for ms, number in session.kills if number != signal.SIGSTOP]
+    leaving = [one["utc_ms"] for one in session.events if one["event"] == "leaving"]
+    # A recorder may be killed in the moment in which its session leaves.
+    late = sum(1 for ms in deaths if leaving and ms > leaving[0] - 100)
+    warnings = session.values("warning").count(108)
+    errors = session.values("error").count(3)
+    told = warnings + errors
+    findings.wrong_if(not len(deaths) - late <= told <= len(deaths),
+                      f"{session.folder}: {len(deaths)} deaths, {warnings} recoveries, "
+                      f"{errors} errors")
+    findings.wrong_if(warnings > RECOVERIES or (errors > 0) != (told == RECOVERIES + 1),
+                      f"{session.folder}: {warnings} recoveries and {errors} errors")
+    with findings.lock:
+        findings.release_ms += session.values("ended")
+
+
+def check(session, findings):
+    try:
+        check_events(session, findings)
+        check_files(session, findings)
+    except Exception as error:  # pylint: disable=broad-except  # one session must not hide others
+        findings.wrong_if(True, f"{session.folder}: {error!r}")
+
+
+def kill_recorders(work, rounds, engines, seconds, findings):
+    farm = Farm(work, f"dir:{work}/channels", engines, seconds)
+    counts, sizes, conts = collections.Counter(), [], []
+    zombies_since = None
+    with concurrent.futures.ThreadPoolExecutor(2) as pool:
+        jobs = []
+        while sum(counts.values()) < rounds:
+            time.sleep(0.02)  # the pace of the torture, not a synchronisation
+            findings.wrong_if(farm.process.poll() is not None, "the application ended")
+            if farm.process.poll() is not None:
+                break
+            for due, pid in [one for one in conts if one[0] <= time.monotonic()]:
+                conts.remove((due, pid))
+                try:
+                    os.kill(pid, signal.SIGCONT)
+                except ProcessLookupError:
+                    pass
+            children, zombies = farm.children()
+            zombies_since = (zombies_since or time.monotonic()) if zombies else None
+            if zombies_since and time.monotonic() - zombies_since > 2:
+                findings.wrong_if(True, "a zombie for 2 s")
+                zombies_since = None
+            with farm.lock:
+                due = [one for one in farm.sessions.values()
+                       if one.kill_at and one.kill_at <= time.monotonic() and not one.leaving
+                       and one.folder in children]
+                for session in due:
+                    number = random.choices([signal.SIGKILL, signal.SIGSEGV, signal.SIGSTOP],
+                                            [14, 5, 1])[0]
+                    session.kill_at = None
+                    session.kills.append((now_ms(), number))
+                    pid = children[session.folder]
+                    os.kill(pid, number)
+                    if number == signal.SIGSTOP:
+                        conts.append((time.monotonic() + STOP_S, pid))
+                    counts[number.name] += 1
+                ended, farm.ended = farm.ended, []
+            jobs += [pool.submit(check, one, findings) for one in ended]
+            if not sizes or time.monotonic() - sizes[-1][0] > 2:
+                sizes.append((time.monotonic(), *size_of(farm.process.pid)))
+        for _, pid in conts:
+            try:
+                os.kill(pid, signal.SIGCONT)
+            except ProcessLookupError:
+                pass
+        status = farm.finish()
+        findings.wrong_if(status != 0, f"the application ended with {status}")
+        jobs += [pool.submit(check, one, findings) for one in farm.ended]
+        concurrent.futures.wait(jobs)
+    return counts, sizes, len(jobs)
+
+
+def kill_applications(work, rounds, findings):
+    for _ in range(rounds):
+        farm = Farm(work, f"dir:{work}/channels", 3, 60)
+        findings.wrong_if(not farm.wait_joined(3), "three engines that don't join")
+        time.sleep(random.uniform(0.3, 2.5))
+        children, _ = farm.children()
+        findings.wrong_if(len(children) != 3, f"{len(children)} recorders of 3")
+        ends = [os.pidfd_open(pid) for pid in children.values()]
+        farm.process.kill()
+        killed = time.monotonic()
+        for end in ends:
+            waiting = max(0.0, killed + 10 - time.monotonic())
+            done = select.select([end], [], [], waiting)[0]
+            findings.wrong_if(not done, "a recorder that outlived its application by 10 s")
+            os.close(end)
+        took = time.monotonic() - killed
+        findings.completion_s.append(took)
+        findings.wrong_if(took > COMPLETE_S, f"files complete only after {took:.1f} s")
+        farm.process.wait()
+        farm.reader.join()
+        for session in farm.sessions.values():
+            check_files(session, findings)
+
+
+def share(values, part):
+    return sorted(values)[int(part * (len(values) - 1))] if values else 0
+
+
+def main():
+    arguments = argparse.ArgumentParser(description=__doc__)
+    arguments.add_argument("rounds", type=int, nargs="?", default=1000)
+    arguments.add_argument("--engines", type=int, default=6)
+    arguments.add_argument("--seconds", type=int, default=9, help="a session at most")
+    arguments.add_argument("--application-rounds", type=int, default=None,
+                           help="kills of applications with three engines; a twentieth if not given")
+    arguments.add_argument("--seed", type=int, default=None)
+    given = arguments.parse_args()
+    seed = given.seed if given.seed is not None else random.randrange(1 << 30)
+    random.seed(seed)
+    app_rounds = given.rounds // 20 if given.application_rounds is None else given.application_rounds
+    findings = Findings()
+    with tempfile.TemporaryDirectory(prefix="zelta-torture-") as work:
+        channel = pathlib.Path(work, "channels/torture")
+        channel.mkdir(parents=True)
+        media = marks.make(work, 60, "h264", "opus", "320x180", 15)
+        os.rename(media, channel / "1.mkv")
+        started = time.monotonic()
+        counts, sizes, sessions = kill_recorders(work, given.rounds, given.engines, given.seconds,
+                                                 findings)
+        kill_applications(work, app_rounds, findings)
+        stray = marks.run("pgrep", "-f", work).split()
+        findings.wrong_if([pid for pid in stray if int(pid) != os.getpid()], "stray processes")
+    third = max(1, len(sizes) // 3)
+    print(f"seed {seed}, {time.monotonic() - started:.0f} s, {sessions} sessions of "
+          f"{given.engines} engines in one application\n")
+    print("| | |\n|---|---|")
+    print("| recorders: " + ", ".join(f"{name} {count}" for name, count in sorted(counts.items())) +
+          f" | {findings.stretches} stretches, {findings.short} younger than a fragment |")
+    print(f"| lost a kill | median {statistics.median(findings.losses_ms or [0]):.0f} ms, 99 % "
+          f"{share(findings.losses_ms, 0.99):.0f} ms, most {max(findings.losses_ms or [0]):.0f} ms |")
+    print(f"| release of an engine | median {statistics.median(findings.release_ms or [0]):.0f} ms, "
+          f"most {max(findings.release_ms or [0])} ms |")
+    print(f"| applications killed: {app_rounds} of 3 engines | files complete after "
+          f"{statistics.median(findings.completion_s or [0]):.2f} s, at most "
+          f"{max(findings.completion_s or [0]):.2f} s |")
+    for column, name in [(1, "memory, kB"), (2, "descriptors"), (3, "threads")]:
+        early = statistics.median(one[column] for one in sizes[third:2 * third] or sizes)
+        late = statistics.median(one[column] for one in sizes[2 * third:] or sizes)
+        print(f"| application's {name} | second third {early:.0f}, last third {late:.0f} |")
+    print(f"| wrong | {len(findings.wrong)} |")
+    for text in findings.wrong[:40]:
+        print("  " + text)
+    return 1 if findings.wrong else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())

@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Records for MINUTES (30 unless given), with 64 users, and for an application that stops, and
+# watches memory, descriptors and threads: tables on standard output, exit status 1 when something
+# grows. Arguments: MINUTES, --engines N, --only soak|crowd|stall.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh test >&2
+cmake --preset release -DZELTA_BUILD_TESTS=ON >&2
+cmake --build --preset release --target engine_farm ZeltaCoreService -- --quiet >&2
+exec python3 scripts/reliability/soak.py "$@"

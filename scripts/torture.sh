@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Kills recorders ROUNDS times (1000 unless given) and applications a twentieth as often, at random
+# moments, and checks what is left: a table on standard output, exit status 1 when something is
+# wrong. Arguments: ROUNDS, --engines N, --seconds N, --application-rounds N, --seed N.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+
+scripts/install-deps.sh test >&2
+cmake --preset release -DZELTA_BUILD_TESTS=ON >&2
+cmake --build --preset release --target engine_farm ZeltaCoreService -- --quiet >&2
+exec python3 scripts/reliability/torture.py "$@"

@@ -1,0 +1,116 @@
+// SPDX-License-Identifier: Apache-2.0
+// An application with many engines that record one session after the other until its input ends.
+//
+//     engine_farm ENGINES ROOT SECONDS [frames]
+//
+// With "frames" it takes pictures and sound as frames instead of having them recorded. Prints a
+// line of JSON an event. Who runs it kills its recorders, and it, and looks at what is left;
+// scripts/torture.sh does.
+#include <atomic>
+#include <condition_variable>
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <unistd.h>
+
+#include "base/clocks.h"
+#include "base/log.h"
+#include "support/quiet_handler.h"
+
+namespace {
+
+using namespace zelta;
+using namespace zelta::recording;
+
+std::mutex output;
+std::atomic<bool> over{false};
+
+class session final : public test::QuietHandler {
+ public:
+  session(int slot, int number) : slot_(slot), number_(number) {}
+
+  void run(const char* root, int seconds, bool frames) {
+    RecordingConfig config;
+    config.recordFileRootDir = const_cast<char*>(root);
+    if (frames) {
+      config.decodeAudio = AUDIO_FORMAT_PCM_FRAME_TYPE;
+      config.decodeVideo = VIDEO_FORMAT_YUV_FRAME_TYPE;
+    }
+    IRecordingEngine* const engine = IRecordingEngine::createZeltaRecordingEngine("torture", this);
+    const int joined = engine == nullptr ? -1 : engine->joinChannel("", "torture", 0, config);
+    if (joined == 0) {
+      folder_ = engine->getProperties()->storageDir;
+      say("started", 0);
+      std::unique_lock<std::mutex> lock(mutex_);
+      changed_.wait_for(lock, std::chrono::seconds(seconds), [this] { return failed_ || over; });
+    }
+    say("leaving", 0);
+    const int64_t leaving = base::tick_ms();
+    if (engine != nullptr) engine->release();
+    say("frames", static_cast<int>(frames_));
+    say("ended", joined == 0 ? static_cast<int>(base::tick_ms() - leaving) : joined);
+  }
+
+ private:
+  void onError(int error, STAT_CODE_TYPE) override {
+    say("error", error);
+    const std::lock_guard<std::mutex> guard(mutex_);
+    failed_ = true;
+    changed_.notify_all();
+  }
+  void audioFrameReceived(unsigned int, const AudioFrame*) override { ++frames_; }
+  void videoFrameReceived(unsigned int, const VideoFrame*) override { ++frames_; }
+  void onWarning(int code) override { say("warning", code); }
+  void onJoinChannelSuccess(const char*, recording::uid_t) override { say("joined", 0); }
+  void onLeaveChannel(LEAVE_PATH_CODE code) override { say("leave", code); }
+  void onUserJoined(recording::uid_t uid, UserJoinInfos&) override {
+    say("user", static_cast<int>(uid));
+  }
+
+  void say(const char* event, int value) {
+    const std::lock_guard<std::mutex> guard(output);
+    std::printf(
+        "{\"slot\": %d, \"session\": %d, \"event\": \"%s\", \"value\": %d, \"utc_ms\": %lld, "
+        "\"folder\": \"%s\"}\n",
+        slot_, number_, event, value, static_cast<long long>(base::utc_ms()), folder_.c_str());
+    std::fflush(stdout);
+  }
+
+  const int slot_;
+  const int number_;
+  std::string folder_;
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool failed_ = false;
+  std::atomic<unsigned> frames_{0};
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  if (argc != 4 && argc != 5) {
+    std::fprintf(stderr, "usage: engine_farm ENGINES ROOT SECONDS [frames]\n");
+    return 2;
+  }
+  base::log_config::set_log_level(base::ERROR_LOG);
+  const int seconds = std::atoi(argv[3]);
+  std::vector<std::thread> slots;
+  for (int slot = 0; slot < std::atoi(argv[1]); ++slot) {
+    slots.emplace_back([slot, seconds, root = argv[2], frames = argc == 5] {
+      for (int number = 0; !over; ++number) {
+        std::make_unique<session>(slot, number)->run(root, seconds, frames);
+      }
+    });
+  }
+  char byte = 0;
+  while (::read(STDIN_FILENO, &byte, 1) > 0) {
+  }
+  over = true;
+  for (std::thread& slot : slots) slot.join();
+  return 0;
+}
