@@ -29,12 +29,12 @@ fuzz_one() {
   ZELTA_FUZZ_SEEDS=$folder LSAN_OPTIONS=$leaks "build/fuzz/bin/fuzz_$target" -runs=0 >/dev/null 2>&1 || true
   # Every attribute's name goes into GLib's table of names, whose growth looks like a leak; the
   # replay in the tests, with whole stacks, tells leaks of ours from it.
-  local options=()
-  [ "$target" != session_description ] || options+=(-detect_leaks=0)
+  local find_leaks=1
+  [ "$target" != session_description ] || find_leaks=0
   local log=build/fuzz/$target.log status=0
-  LSAN_OPTIONS=$leaks "build/fuzz/bin/fuzz_$target" "$folder" "$limit" -max_len=8192 \
-    -timeout=20 -rss_limit_mb=4096 -artifact_prefix="build/fuzz/finds/$target-" -print_final_stats=1 "${options[@]}" \
-    >"$log" 2>&1 || status=$?
+  ASAN_OPTIONS=detect_leaks=$find_leaks LSAN_OPTIONS=$leaks "build/fuzz/bin/fuzz_$target" "$folder" \
+    "$limit" -max_len=8192 -timeout=20 -rss_limit_mb=4096 -print_final_stats=1 \
+    -artifact_prefix="build/fuzz/finds/$target-" >"$log" 2>&1 || status=$?
   local runs coverage
   runs=$(sed -n 's/^stat::number_of_executed_units: *//p' "$log" | tail -1)
   coverage=$(grep -oE 'cov: [0-9]+' "$log" | tail -1)

@@ -263,6 +263,9 @@ TEST(SessionDescription, TellsWhatCanBeReceived) {
       {head + "m=audio 5006 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, "no codec that can be"},
       {head + "m=audio 5006 TCP 0\nm=audio 5008 RTP/AVP 8\n", 1, "is no RTP"},
       {"nothing of the kind", 0, "no s"},
+      {head + "a=\xff:1\nm=audio 5006 RTP/AVP 0\n", 0, "UTF-8"},
+      {head + std::string(1, '\0') + "m=audio 5006 RTP/AVP 0\n", 0, "UTF-8"},
+      {head + "a=" + std::string(70'000, 'x') + "\nm=audio 5006 RTP/AVP 0\n", 0, "64 KiB"},
       {"", 0, ""},
   };
   for (const auto& row : rows) {

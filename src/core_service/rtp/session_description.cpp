@@ -22,9 +22,14 @@ using message_ptr = std::unique_ptr<GstSDPMessage, message_free>;
 // What senders write who don't know the port yet: the port that discards.
 constexpr guint kDiscardPort = 9;
 constexpr guint kLastPort = 65535;
+constexpr size_t kMaxBytes = 64 << 10;
 
 message_ptr parse(const std::string& text) {
-  if (text.empty()) return nullptr;
+  // What isn't UTF-8, as descriptions are, would be complained of attribute by attribute.
+  if (text.empty() || text.size() > kMaxBytes ||
+      g_utf8_validate(text.data(), static_cast<gssize>(text.size()), nullptr) == FALSE) {
+    return nullptr;
+  }
   GstSDPMessage* raw = nullptr;
   if (gst_sdp_message_new(&raw) != GST_SDP_OK) return nullptr;
   message_ptr message(raw);
@@ -113,7 +118,7 @@ std::vector<stream_description> parse_description(const std::string& text,
   std::vector<stream_description> streams;
   const message_ptr message = parse(text);
   if (!message) {
-    error = "it is no session description";
+    error = "it is no session description in UTF-8 of up to 64 KiB";
     return streams;
   }
   for (guint i = 0; i < gst_sdp_message_medias_len(message.get()); ++i) {
