@@ -64,7 +64,8 @@ bool stopwatch::arrived(pid_t writer) {
 int64_t percentile(std::vector<int64_t>& values, double share) {
   if (values.empty()) return 0;
   std::sort(values.begin(), values.end());
-  const auto index = static_cast<size_t>(share * static_cast<double>(values.size() - 1) + 0.5);
+  const auto index =
+      static_cast<size_t>(std::lround(share * static_cast<double>(values.size() - 1)));
   return values[std::min(index, values.size() - 1)];
 }
 

@@ -102,6 +102,7 @@ class packet_writer {
   // keep two writers apart.
   class gauge {
    public:
+    // NOLINTNEXTLINE(google-explicit-constructor): it is used as the number that it is
     operator size_t() const { return value_.load(std::memory_order_relaxed); }
     gauge& operator+=(size_t more) { return set(*this + more); }
     gauge& operator-=(size_t less) { return set(*this - less); }

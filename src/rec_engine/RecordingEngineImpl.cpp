@@ -152,7 +152,7 @@ IRecordingEngine* IRecordingEngine::createZeltaRecordingEngine(
     auto router = std::make_unique<base::pipe_router>(true);
     // The engine is its own owner: release() ends it.
     made = std::make_unique<RecordingEngineImpl>(appId, eventHandler, router.get()).release();
-    router.release();
+    static_cast<void>(router.release());
     return 0;
   });
   return made;

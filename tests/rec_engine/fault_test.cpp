@@ -2,6 +2,9 @@
 // Every system call of a recording fails once, in turn, with what it may fail with. A program of
 // its own, because it stands between the engine and the C library: the calls below are the ones
 // that the engine, which is linked in statically, makes.
+// The C library would otherwise make some of the calls inline.
+#undef _FORTIFY_SOURCE
+
 #include <array>
 #include <atomic>
 #include <cerrno>
