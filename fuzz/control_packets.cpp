@@ -34,13 +34,6 @@ class reading_listener final : public core_service::engine_listener {
   void on_engine_gone() override { gone = true; }
 };
 
-template <class Packet, class... Values>
-std::string with(Values... values) {
-  Packet p;
-  Packet::fields(p) = std::make_tuple(values...);
-  return bytes_of(p);
-}
-
 }  // namespace
 
 std::vector<std::string> seeds() {

@@ -139,13 +139,6 @@ void feed(const uint8_t* data, size_t size) {
   engine.forget_users();
 }
 
-template <class Packet, class... Values>
-std::string with(Values... values) {
-  Packet p;
-  Packet::fields(p) = std::make_tuple(values...);
-  return bytes_of(p);
-}
-
 }  // namespace
 
 std::vector<std::string> seeds() {

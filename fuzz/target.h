@@ -8,6 +8,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "base/packet.h"
@@ -27,6 +28,13 @@ inline std::string bytes_of(const base::packet& packet) {
   base::packer p;
   packet.pack(p);
   return {p.buffer(), p.length()};
+}
+
+template <class Packet, class... Values>
+std::string with(Values... values) {
+  Packet p;
+  Packet::fields(p) = std::make_tuple(values...);
+  return bytes_of(p);
 }
 
 // A parser that went wrong quietly.

@@ -69,9 +69,14 @@ class log_file {
   bool append(const std::string& text) {
     if (file_.valid() && size_ + static_cast<off_t>(text.size()) > kRotateBytes) rotate();
     if (!file_.valid()) return false;
-    const ssize_t written = ::write(file_.get(), text.data(), text.size());
-    if (written > 0) size_ += written;
-    return written == static_cast<ssize_t>(text.size());
+    // Half a line that a full disk took stays, because others may have written behind it; what
+    // comes next begins a line of its own.
+    const std::string whole = torn_ ? "\n" + text : text;
+    const ssize_t written = ::write(file_.get(), whole.data(), whole.size());
+    if (written <= 0) return false;
+    size_ += written;
+    torn_ = written != static_cast<ssize_t>(whole.size());
+    return !torn_;
   }
 
   void rotate() {
@@ -99,6 +104,7 @@ class log_file {
   unique_fd file_;
   off_t size_ = 0;
   uint64_t lost_ = 0;
+  bool torn_ = false;
   int64_t last_use_ = 0;
   int64_t period_start_ = 0;
   uint32_t lines_in_period_ = 0;

@@ -3,16 +3,19 @@
 #include <atomic>
 #include <csignal>
 #include <cstring>
+#include <fstream>
 #include <thread>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
+#include <sys/mount.h>
 #include <sys/wait.h>
 #include <syslog.h>
 
 #include "base/clocks.h"
 #include "base/event_loop.h"
+#include "base/log_file.h"
 #include "base/safe_log.h"
 #include "support/temp_dir.h"
 
@@ -264,6 +267,36 @@ TEST_F(LogTest, FloodIsDroppedCountedAndErrorsAreKept) {
   EXPECT_LT(lines.size(), 1500U);
   EXPECT_NE(lines.back().find("important"), std::string::npos);
   EXPECT_NE(lines[lines.size() - 2].find("log lines were lost here"), std::string::npos);
+}
+
+// Lines that a full disk doesn't take are counted, once there is room again, and what it took half
+// of spoils no other.
+TEST_F(LogTest, FullDiskLosesLinesAndSaysHowMany) {
+  if (mount("tmpfs", dir.path().c_str(), "tmpfs", 0, "size=64k") != 0) {
+    GTEST_SKIP() << "no right to mount a small disk here";
+  }
+  say(base::NOTICE_LOG, base::ZELTA_LOG_MODULE_IPC, "before");
+  {
+    std::ofstream filler(dir.path() + "filler");
+    filler << std::string(1 << 20, 'x') << std::flush;
+  }
+  const std::string line(700, 'y');
+  for (int i = 0; i < 20; ++i) say(base::NOTICE_LOG, base::ZELTA_LOG_MODULE_IPC, line.c_str());
+  std::filesystem::remove(dir.path() + "filler");
+  say(base::NOTICE_LOG, base::ZELTA_LOG_MODULE_IPC, "after");
+  const auto lines = lines_of(text());
+  EXPECT_NE(lines.front().find("before"), std::string::npos);
+  EXPECT_NE(lines.back().find("after"), std::string::npos);
+  EXPECT_NE(lines[lines.size() - 2].find("log lines were lost here"), std::string::npos);
+  int halves = 0;
+  for (const std::string& one : lines) {
+    const bool half = one.find("yy") != std::string::npos && one.find(line) == std::string::npos;
+    halves += half ? 1 : 0;
+    EXPECT_TRUE(!half || one.back() == 'y') << "something else on the line: " << one;
+  }
+  EXPECT_LE(halves, 1);
+  base::log_file_close(dir.path());
+  EXPECT_EQ(umount2(dir.path().c_str(), MNT_DETACH), 0);
 }
 
 // ---- The clocks ----------------------------------------------------------------------------

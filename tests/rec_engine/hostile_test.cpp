@@ -99,6 +99,7 @@ TEST_F(HostileRecorder, BytesThatMakeNoSenseCostAtMostTheLink) {
        "kill",
        {"user in 1 /f/", "leave 0", "error 3 16"}},
   };
+  const int descriptors = open_descriptors();
   for (const auto& row : rows) {
     handler.clear();
     const auto start = Clock::now();
@@ -109,6 +110,7 @@ TEST_F(HostileRecorder, BytesThatMakeNoSenseCostAtMostTheLink) {
     EXPECT_FALSE(has_children()) << row.name;
     engine.reset();
     EXPECT_EQ(handler.calls(), row.calls) << row.name;
+    EXPECT_LE(open_descriptors(), descriptors) << row.name;
   }
 }
 
