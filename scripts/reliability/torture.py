@@ -46,6 +46,7 @@ class Findings:
         self.stretches = 0
         self.short = 0
         self.release_ms = []
+        self.told_ms = []
         self.completion_s = []
 
     def wrong_if(self, bad, text):
@@ -115,8 +116,12 @@ def check_events(session, findings):
                       f"{errors} errors")
     findings.wrong_if(warnings > RECOVERIES or (errors > 0) != (told == RECOVERIES + 1),
                       f"{session.folder}: {warnings} recoveries and {errors} errors")
+    heard = [one["utc_ms"] for one in session.events
+             if (one["event"], one["value"]) in (("warning", 108), ("error", 3))]
     with findings.lock:
         findings.release_ms += session.values("ended")
+        if len(heard) == len(deaths):
+            findings.told_ms += [after - before for before, after in zip(deaths, heard)]
 
 
 def check(session, findings):
@@ -239,6 +244,9 @@ def main():
           f" | {findings.stretches} stretches, {findings.short} younger than a fragment |")
     print(f"| lost a kill | median {statistics.median(findings.losses_ms or [0]):.0f} ms, 99 % "
           f"{share(findings.losses_ms, 0.99):.0f} ms, most {max(findings.losses_ms or [0]):.0f} ms |")
+    print(f"| from a death to its warning or error | median "
+          f"{statistics.median(findings.told_ms or [0]):.0f} ms, most "
+          f"{max(findings.told_ms or [0]):.0f} ms |")
     print(f"| release of an engine | median {statistics.median(findings.release_ms or [0]):.0f} ms, "
           f"most {max(findings.release_ms or [0])} ms |")
     print(f"| applications killed: {app_rounds} of 3 engines | files complete after "

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include <sys/mman.h>
 #include <sys/uio.h>
 
 #include "protocol/ipc_protocol.h"
@@ -41,9 +42,15 @@ packet_reader::packet_reader(int fd, receiver& to, size_t buffer_bytes)
       window_(buffer_bytes) {}
 
 packet_reader::buffer packet_reader::allocate(size_t bytes) {
-  buffer made(static_cast<char*>(std::malloc(bytes)));  // NOLINT: new would touch every page
-  if (!made) throw std::bad_alloc();
-  return made;
+  void* const pages =
+      ::mmap(nullptr, bytes, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+  if (pages == MAP_FAILED) throw std::bad_alloc();
+  return {static_cast<char*>(pages), unmapped{bytes}};
+}
+
+void packet_reader::unmapped::operator()(char* memory) const {
+  // The one failure is an address that isn't ours.
+  ::munmap(memory, bytes);
 }
 
 packet_reader::result packet_reader::read_some(size_t bound_bytes) {

@@ -5,7 +5,6 @@
 #include <array>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <memory>
 #include <string>
 
@@ -62,11 +61,14 @@ class packet_reader {
 
   const int fd_;
   receiver& receiver_;
-  // Left as it is given, so that what an idle link doesn't use costs no memory.
-  struct freed {
-    void operator()(char* memory) const { std::free(memory); }  // NOLINT: its other half is malloc
+  // Pages of its own: what an idle link doesn't use costs no memory, and what a busy one has used
+  // is the system's again when it ends. From the heap it would stay with the process.
+  struct unmapped {
+    size_t bytes = 0;
+    void operator()(char* memory) const;
   };
-  using buffer = std::unique_ptr<char, freed>;
+  using buffer = std::unique_ptr<char, unmapped>;
+  // Throws std::bad_alloc.
   static buffer allocate(size_t bytes);
 
   const size_t usual_capacity_;

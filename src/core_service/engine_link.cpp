@@ -218,7 +218,11 @@ void engine_link::flush(std::chrono::milliseconds limit) {
     const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
         deadline - std::chrono::steady_clock::now());
     pollfd writable{write_fd_.get(), POLLOUT, 0};
-    if (left.count() <= 0 || ::poll(&writable, 1, static_cast<int>(left.count())) == 0) return;
+    if (left.count() <= 0 || ::poll(&writable, 1, static_cast<int>(left.count())) == 0) {
+      // The writer takes the rest to be looked after.
+      loop_.want_write(write_fd_.get(), true);
+      return;
+    }
   }
 }
 

@@ -28,7 +28,15 @@ using namespace zelta;
 using namespace zelta::recording;
 
 std::mutex output;
-std::atomic<bool> over{false};
+// Sessions wait for their own failure, or for the end of everything.
+std::mutex waiting;
+std::condition_variable changed;
+bool over = false;
+
+bool is_over() {
+  const std::lock_guard<std::mutex> guard(waiting);
+  return over;
+}
 
 class session final : public test::QuietHandler {
  public:
@@ -46,8 +54,8 @@ class session final : public test::QuietHandler {
     if (joined == 0) {
       folder_ = engine->getProperties()->storageDir;
       say("started", 0);
-      std::unique_lock<std::mutex> lock(mutex_);
-      changed_.wait_for(lock, std::chrono::seconds(seconds), [this] { return failed_ || over; });
+      std::unique_lock<std::mutex> lock(waiting);
+      changed.wait_for(lock, std::chrono::seconds(seconds), [this] { return failed_ || over; });
     }
     say("leaving", 0);
     const int64_t leaving = base::tick_ms();
@@ -59,9 +67,9 @@ class session final : public test::QuietHandler {
  private:
   void onError(int error, STAT_CODE_TYPE) override {
     say("error", error);
-    const std::lock_guard<std::mutex> guard(mutex_);
+    const std::lock_guard<std::mutex> guard(waiting);
     failed_ = true;
-    changed_.notify_all();
+    changed.notify_all();
   }
   void audioFrameReceived(unsigned int, const AudioFrame*) override { ++frames_; }
   void videoFrameReceived(unsigned int, const VideoFrame*) override { ++frames_; }
@@ -84,8 +92,6 @@ class session final : public test::QuietHandler {
   const int slot_;
   const int number_;
   std::string folder_;
-  std::mutex mutex_;
-  std::condition_variable changed_;
   bool failed_ = false;
   std::atomic<unsigned> frames_{0};
 };
@@ -102,7 +108,7 @@ int main(int argc, char** argv) {
   std::vector<std::thread> slots;
   for (int slot = 0; slot < std::atoi(argv[1]); ++slot) {
     slots.emplace_back([slot, seconds, root = argv[2], frames = argc == 5] {
-      for (int number = 0; !over; ++number) {
+      for (int number = 0; !is_over(); ++number) {
         std::make_unique<session>(slot, number)->run(root, seconds, frames);
       }
     });
@@ -110,7 +116,11 @@ int main(int argc, char** argv) {
   char byte = 0;
   while (::read(STDIN_FILENO, &byte, 1) > 0) {
   }
-  over = true;
+  {
+    const std::lock_guard<std::mutex> guard(waiting);
+    over = true;
+  }
+  changed.notify_all();
   for (std::thread& slot : slots) slot.join();
   return 0;
 }
