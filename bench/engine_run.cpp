@@ -14,7 +14,7 @@
 #include <malloc.h>
 #include <unistd.h>
 
-#include "IZeltaRecordingEngine.h"
+#include "support/quiet_handler.h"
 
 namespace zelta::bench {
 namespace {
@@ -44,7 +44,7 @@ class scratch_dir {
 };
 
 // Waits for the recorder's first users and for the end of what it sends.
-class handler : public IRecordingEngineEventHandler {
+class handler : public test::QuietHandler {
  public:
   void wait_until_done() {
     std::unique_lock<std::mutex> lock(mutex_);
@@ -55,14 +55,11 @@ class handler : public IRecordingEngineEventHandler {
   bool failed() const { return failed_; }
 
   void onError(int, STAT_CODE_TYPE) override { failed_ = true, done(); }
-  void onWarning(int) override {}
-  void onJoinChannelSuccess(const char*, uid_t) override {}
   void onLeaveChannel(LEAVE_PATH_CODE) override { done(); }
-  void onUserJoined(uid_t, UserJoinInfos& infos) override {
+  void onUserJoined(recording::uid_t, UserJoinInfos& infos) override {
     writer_ = std::atoi(infos.storageDir);
     on_user();
   }
-  void onUserOffline(uid_t, USER_OFFLINE_REASON_TYPE) override {}
   void audioFrameReceived(unsigned int, const AudioFrame* frame) override {
     arrived(frame->frame.pcm->pcmBuf_, frame->frame.pcm->pcmBufSize_, false);
   }
@@ -76,13 +73,6 @@ class handler : public IRecordingEngineEventHandler {
         return arrived(frame->frame.jpg->buf_, frame->frame.jpg->bufSize_, true);
     }
   }
-  void onActiveSpeaker(uid_t) override {}
-  void onAudioVolumeIndication(const AudioVolumeInfo*, unsigned int) override {}
-  void onFirstRemoteVideoDecoded(uid_t, int, int, int) override {}
-  void onFirstRemoteAudioFrame(uid_t, int) override {}
-  void onReceivingStreamStatusChanged(bool, bool) override {}
-  void onConnectionLost() override {}
-  void onConnectionInterrupted() override {}
 
  protected:
   virtual void arrived(const unsigned char* data, size_t bytes, bool picture) = 0;

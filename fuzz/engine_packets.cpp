@@ -10,6 +10,7 @@
 #include "base/packet_reader.h"
 #include "base/unique_fd.h"
 #include "rec_engine/RecordingEngineImpl.h"
+#include "support/quiet_handler.h"
 #include "target.h"
 
 namespace zelta::fuzz {
@@ -26,14 +27,10 @@ class no_router final : public base::router {
 };
 
 // Reads what it is given, where an application would.
-class touching_handler final : public IRecordingEngineEventHandler {
+class touching_handler final : public test::QuietHandler {
  public:
-  void onError(int, STAT_CODE_TYPE) override {}
-  void onWarning(int) override {}
-  void onJoinChannelSuccess(const char* channel, uid_t) override { touch(channel); }
-  void onLeaveChannel(LEAVE_PATH_CODE) override {}
-  void onUserJoined(uid_t, UserJoinInfos& infos) override { touch(infos.storageDir); }
-  void onUserOffline(uid_t, USER_OFFLINE_REASON_TYPE) override {}
+  void onJoinChannelSuccess(const char* channel, recording::uid_t) override { touch(channel); }
+  void onUserJoined(recording::uid_t, UserJoinInfos& infos) override { touch(infos.storageDir); }
   void audioFrameReceived(unsigned int, const AudioFrame* frame) override {
     if (frame->type == AUDIO_FRAME_RAW_PCM) {
       touch(frame->frame.pcm->pcmBuf_, frame->frame.pcm->pcmBufSize_);
@@ -58,15 +55,9 @@ class touching_handler final : public IRecordingEngineEventHandler {
         return touch(frame->frame.jpg->buf_, frame->frame.jpg->bufSize_);
     }
   }
-  void onActiveSpeaker(uid_t) override {}
   void onAudioVolumeIndication(const AudioVolumeInfo* speakers, unsigned int count) override {
     for (unsigned int i = 0; i < count; ++i) sum_ += speakers[i].volume;
   }
-  void onFirstRemoteVideoDecoded(uid_t, int, int, int) override {}
-  void onFirstRemoteAudioFrame(uid_t, int) override {}
-  void onReceivingStreamStatusChanged(bool, bool) override {}
-  void onConnectionLost() override {}
-  void onConnectionInterrupted() override {}
 
  private:
   void touch(const char* text) { touch(reinterpret_cast<const uint8_t*>(text), std::strlen(text)); }
