@@ -2,6 +2,7 @@
 """An application process with engines (tests/reliability/engine_farm.cpp), and what it says."""
 import collections
 import json
+import math
 import os
 import pathlib
 import random
@@ -26,9 +27,11 @@ class Session:
         self.events = []
         self.folder = ""
         self.kills = []  # (UTC ms, signal)
-        self.joined_at = None
         self.kill_at = None
-        self.leaving = False
+
+    def left_ms(self):
+        """When the application began to leave; infinity for one that hasn't."""
+        return next((one["utc_ms"] for one in self.events if one["event"] == "leaving"), math.inf)
 
     def values(self, event):
         return [one["value"] for one in self.events if one["event"] == event]
@@ -57,10 +60,13 @@ class Farm:
                 session.events.append(event)
                 session.folder = event["folder"] or session.folder
                 if event["event"] == "joined":
-                    session.joined_at = time.monotonic()
-                    session.kill_at = session.joined_at + random.uniform(0.3, 2.5)
-                if event["event"] in ("error", "leaving"):
-                    session.leaving = True
+                    session.kill_at = time.monotonic() + random.uniform(0.3, 2.5)
+                if event["event"] == "error":
+                    session.kill_at = None
+                if event["event"] == "leaving":
+                    # Some are killed in the midst of leaving.
+                    hit = not session.values("error") and random.random() < 0.25
+                    session.kill_at = time.monotonic() + random.uniform(0, 0.3) if hit else None
                 if event["event"] == "ended":
                     self.ended.append(self.sessions.pop(key))
 

@@ -19,7 +19,7 @@ struct manifest_file {
   std::string audio_codec;  // "aac", "opus"; empty: no audio
   int width = 0;            // pixels
   int height = 0;
-  // Media time in milliseconds since 1970 UTC; 0 until there is media.
+  // Media time in milliseconds since 1970 UTC; while there is no media, both say where it begins.
   int64_t first_utc_ms = 0;
   int64_t last_utc_ms = 0;
   // Why the file was closed; empty while it is written.

@@ -148,6 +148,9 @@ void file_series::open(media_time begin, const media_file::contents& holds,
   manifest_file entry;
   entry.name = name;
   entry.uid = plan_.uid;
+  // Until the first media has come back from the file's own thread, and for good when the recorder
+  // dies before.
+  entry.first_utc_ms = entry.last_utc_ms = utc_ms_of(begin);
   of.entry = around_.files.add(entry);
   current_ = &of;
   if (switches && line_->position()) {
