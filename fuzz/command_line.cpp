@@ -33,7 +33,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   std::vector<const char*> argv;
   for (const std::string& one : arguments) argv.push_back(one.c_str());
   argv.push_back(nullptr);
-  const auto parsed = core_service::parse_options(static_cast<int>(argv.size()) - 1, argv.data());
+  static core_service::option_parser parser;
+  const auto parsed = parser.parse(static_cast<int>(argv.size()) - 1, argv.data());
   fuzz::require(parsed.values || !parsed.message.empty(), "a refusal without a word");
   if (!parsed.values) return 0;
   std::vector<std::string> warnings;

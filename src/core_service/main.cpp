@@ -75,7 +75,7 @@ int record(core_service::options given) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  core_service::parsed_options parsed = core_service::parse_options(argc, argv);
+  core_service::parsed_options parsed = core_service::option_parser().parse(argc, argv);
   core_service::wipe_secret_arguments(argc, argv);
   core_service::renounce_privileges();
   if (!parsed.values) {

@@ -2,9 +2,14 @@
 // The recorder's command line.
 #pragma once
 
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
+
+namespace CLI {
+class App;
+}
 
 namespace zelta::core_service {
 
@@ -63,6 +68,19 @@ struct parsed_options {
   int exit_status = 0;
 };
 
-parsed_options parse_options(int argc, const char* const* argv);
+// Serves for any number of command lines: describing the options takes far longer than reading them.
+class option_parser {
+ public:
+  option_parser();
+  ~option_parser();
+  option_parser(const option_parser&) = delete;
+  option_parser& operator=(const option_parser&) = delete;
+
+  parsed_options parse(int argc, const char* const* argv);
+
+ private:
+  options values_;  // app_ writes into it
+  std::unique_ptr<CLI::App> app_;
+};
 
 }  // namespace zelta::core_service

@@ -47,7 +47,7 @@ TEST(RecorderOptions, TakeTheEnginesCommandLine) {
                               "123456789012",
                               "--novelty",
                               "1"};
-  const auto parsed = core_service::parse_options(std::size(argv), argv);
+  const auto parsed = core_service::option_parser().parse(std::size(argv), argv);
   ASSERT_TRUE(parsed.values) << parsed.message;
   EXPECT_EQ(parsed.values->channel_key, "-k");
   EXPECT_EQ(parsed.values->uid, 4294967295U);
@@ -60,11 +60,18 @@ TEST(RecorderOptions, TakeTheEnginesCommandLine) {
 
 TEST(RecorderOptions, LastOfTwoCommandLinesWinsAndBadValuesAreNamed) {
   const char* const twice[] = {"p", "--channel_id", "a", "p", "--channel_id", "b"};
-  EXPECT_EQ(core_service::parse_options(std::size(twice), twice).values->channel_id, "b");
-  const char* const bad[] = {"p", "--channel_id", "a", "--idle", "soon"};
-  const auto refused = core_service::parse_options(std::size(bad), bad);
+  core_service::option_parser parser;
+  EXPECT_EQ(parser.parse(std::size(twice), twice).values->channel_id, "b");
+  const char* const bad[] = {"p", "--channel_id", "a", "--uid", "7", "--idle", "soon"};
+  const auto refused = parser.parse(std::size(bad), bad);
   EXPECT_FALSE(refused.values);
   EXPECT_NE(refused.message.find("soon"), std::string::npos);
+  // Nothing of an earlier command line is left for the next.
+  const char* const plain[] = {"p", "--channel_id", "c"};
+  const auto last = parser.parse(std::size(plain), plain);
+  ASSERT_TRUE(last.values) << last.message;
+  EXPECT_EQ(last.values->uid, 0U);
+  EXPECT_TRUE(last.values->unknown.empty());
 }
 
 // ---- Manifest ------------------------------------------------------------------------------
