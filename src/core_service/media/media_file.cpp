@@ -2,9 +2,16 @@
 #include "core_service/media/media_file.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <utility>
 
+#include <fcntl.h>
 #include <gst/app/gstappsrc.h>
+#include <unistd.h>
+
+#include "base/clocks.h"
+#include "base/unique_fd.h"
 
 namespace zelta::core_service::media {
 namespace {
@@ -14,12 +21,14 @@ constexpr int kFinishLimitMs = 5000;
 // A disk that is behind by so much will not catch up, and the memory is needed for the others.
 constexpr guint64 kBacklogLimitBytes = 256U << 20;
 
+// Unbuffered: what a fragment has closed must outlive this process.
+constexpr const char* kSink = " ! filesink name=file async=false sync=false buffer-mode=unbuffered";
+
 std::string description_of(const media_file::contents& holds) {
-  std::string text = holds.kind == container::kWebm ? "webmmux name=muxer offset-to-zero=true"
-                                                    : "mp4mux name=muxer fragment-duration=500 "
-                                                      "fragment-mode=first-moov-then-finalise";
-  // Unbuffered: what a fragment has closed must outlive this process.
-  text += " ! filesink name=file async=false sync=false buffer-mode=unbuffered";
+  if (holds.kind != container::kWebm) {
+    return std::string("appsrc name=bytes format=bytes max-bytes=0") + kSink;
+  }
+  std::string text = std::string("webmmux name=muxer offset-to-zero=true") + kSink;
   const std::string source = "appsrc format=time max-bytes=0 name=";
   if (holds.video) text += " " + source + "video ! muxer.video_0";
   if (holds.sound) text += " " + source + "sound ! muxer.audio_0";
@@ -39,19 +48,26 @@ std::unique_ptr<media_file> media_file::make(const std::string& path, const cont
   if (!pipeline) return nullptr;
   g_object_set(child(pipeline.get(), "file"), "location", path.c_str(), nullptr);
   return std::unique_ptr<media_file>(
-      new media_file(std::move(pipeline), holds, loop, std::move(done)));
+      new media_file(std::move(pipeline), path, holds, loop, std::move(done)));
 }
 
-media_file::media_file(element_ptr pipeline, const contents& holds, base::event_loop& loop,
-                       done_callback done)
+media_file::media_file(element_ptr pipeline, std::string path, const contents& holds,
+                       base::event_loop& loop, done_callback done)
     : loop_(loop),
       posting_(loop),
       done_(std::move(done)),
+      holds_(holds),
       pipeline_(std::move(pipeline)),
-      video_(holds.video ? child(pipeline_.get(), "video") : nullptr),
-      sound_(holds.sound ? child(pipeline_.get(), "sound") : nullptr) {
+      path_(std::move(path)),
+      video_(child(pipeline_.get(), "video")),
+      sound_(child(pipeline_.get(), "sound")),
+      bytes_(child(pipeline_.get(), "bytes")) {
+  if (bytes_ != nullptr) {
+    mp4_.emplace(holds.kind == container::kM4a ? "M4A " : "isom", holds.video, holds.sound,
+                 base::utc_ms() / 1000);
+  }
   watch_.emplace(pipeline_.get(), loop_,
-                 bus_watch::events{[this] { give_up("", false); },
+                 bus_watch::events{[this] { on_written(); },
                                    [this](const std::string& why, const std::string& from,
                                           bool disk) { give_up(why, disk && from == "file"); }});
   gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
@@ -64,8 +80,23 @@ media_file::~media_file() {
 }
 
 void media_file::write(media_kind kind, const media_sample& sample) {
-  GstElement* const to = kind == media_kind::kVideo ? video_ : sound_;
-  if (to == nullptr || failed_) return;
+  if (failed_ || !(kind == media_kind::kVideo ? holds_.video : holds_.sound)) return;
+  mux(kind, sample);
+  first_ = written_ ? std::min(first_, sample.time) : sample.time;
+  last_ = written_ ? std::max(last_, sample.end()) : sample.end();
+  written_ = true;
+  for (GstElement* const source : {video_, sound_, bytes_}) {
+    if (source == nullptr ||
+        gst_app_src_get_current_level_bytes(GST_APP_SRC(source)) <= kBacklogLimitBytes) {
+      continue;
+    }
+    // Later, because who writes still holds this.
+    posting_.post([this] { give_up("the disk is too slow", true); });
+  }
+}
+
+void media_file::mux(media_kind kind, const media_sample& sample) {
+  if (mp4_) return push(mp4_->add(kind, sample));
   // The samples are shared with others, the times are this file's own.
   GstBuffer* const buffer = gst_buffer_copy(sample.buffer.get());
   set_times(
@@ -75,14 +106,16 @@ void media_file::write(media_kind kind, const media_sample& sample) {
        sample.duration > media_time::zero() ? clock_time(sample.duration) : GST_CLOCK_TIME_NONE});
   const sample_ptr whole(gst_sample_new(buffer, sample.caps.get(), nullptr, nullptr));
   gst_buffer_unref(buffer);
+  GstElement* const to = kind == media_kind::kVideo ? video_ : sound_;
   gst_app_src_push_sample(GST_APP_SRC(to), whole.get());
-  first_ = written_ ? std::min(first_, sample.time) : sample.time;
-  last_ = written_ ? std::max(last_, sample.end()) : sample.end();
-  written_ = true;
-  if (gst_app_src_get_current_level_bytes(GST_APP_SRC(to)) > kBacklogLimitBytes) {
-    // Later, because who writes still holds this.
-    posting_.post([this] { give_up("the disk is too slow", true); });
-  }
+}
+
+// As one list, which the sink writes with few system calls.
+void media_file::push(std::vector<buffer_ptr> bytes) {
+  if (bytes.empty()) return;
+  GstBufferList* const list = gst_buffer_list_new_sized(static_cast<guint>(bytes.size()));
+  for (buffer_ptr& one : bytes) gst_buffer_list_add(list, one.release());
+  gst_app_src_push_buffer_list(GST_APP_SRC(bytes_), list);
 }
 
 void media_file::finish() {
@@ -93,7 +126,8 @@ void media_file::finish() {
         static_cast<media_file*>(self)->give_up("not completed in time; it stays fragmented", true);
       },
       this);
-  for (GstElement* const source : {video_, sound_}) {
+  if (mp4_) push(mp4_->finish());
+  for (GstElement* const source : {video_, sound_, bytes_}) {
     if (source != nullptr) gst_app_src_end_of_stream(GST_APP_SRC(source));
   }
 }
@@ -101,6 +135,16 @@ void media_file::finish() {
 void media_file::abandon() {
   // Later, because who asks still holds this.
   posting_.post([this] { give_up("not completed, because the disk failed", false); });
+}
+
+// All that was pushed is in the file: the last step makes a plain file of the fragmented one.
+void media_file::on_written() {
+  if (!mp4_ || failed_) return give_up("", false);
+  const base::unique_fd file(open(path_.c_str(), O_WRONLY | O_CLOEXEC));
+  const auto bytes = mp4_->switch_bytes();
+  const ssize_t done = pwrite(file.get(), bytes.data(), bytes.size(), mp4::muxer::kSwitchAt);
+  if (done == static_cast<ssize_t>(bytes.size())) return give_up("", false);
+  give_up(std::string("not completed; it stays fragmented: ") + std::strerror(errno), true);
 }
 
 void media_file::give_up(const std::string& why, bool disk) {

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// One file: a pipeline that muxes encoded media and writes it.
+// One file: encoded media, muxed, and a pipeline that writes it.
 //
-//     write(video) ─▶ queue ─▶ mp4mux / webmmux ─▶ file
-//     write(sound) ─▶ queue ─┘
+//     WebM:  write(video) ─▶ queue ─▶ webmmux ─▶ file      MP4:  write() ─▶ mp4::muxer ─▶ queue ─▶
+//     file
+//            write(sound) ─▶ queue ─┘
 //
-// MP4 is written in fragments of half a second, of which a killed recorder loses the last, and
-// becomes a plain seekable file on a clean end. The queues outlast hiccups of a disk.
+// MP4 is written in fragments of a fifth of a second, of which a killed recorder loses the last,
+// and becomes a plain seekable file on a clean end. The queues outlast hiccups of a disk.
 //
 // Thread rule: everything on the loop's thread.
 #pragma once
@@ -14,9 +15,11 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "core_service/media/codecs.h"
 #include "core_service/media/gst.h"
+#include "core_service/media/mp4/muxer.h"
 #include "core_service/media/timeline.h"
 
 namespace zelta::core_service::media {
@@ -57,17 +60,25 @@ class media_file {
   bool empty() const { return !written_; }
 
  private:
-  media_file(element_ptr pipeline, const contents& holds, base::event_loop& loop,
+  media_file(element_ptr pipeline, std::string path, const contents& holds, base::event_loop& loop,
              done_callback done);
+  void mux(media_kind kind, const media_sample& sample);
+  void push(std::vector<buffer_ptr> bytes);
+  void on_written();
   void give_up(const std::string& why, bool disk);
 
   base::event_loop& loop_;
   const posting posting_;
   const done_callback done_;
+  const contents holds_;
   element_ptr pipeline_;
   std::optional<bus_watch> watch_;
-  GstElement* const video_;  // borrowed from the pipeline; null: the file holds none
+  const std::string path_;
+  // Borrowed from the pipeline. WebM's, null: the file holds none; MP4's, and its muxer.
+  GstElement* const video_;
   GstElement* const sound_;
+  GstElement* const bytes_;
+  std::optional<mp4::muxer> mp4_;
   base::timer_event* limit_ = nullptr;
   bool failed_ = false;
   bool written_ = false;

@@ -1,0 +1,176 @@
+// SPDX-License-Identifier: Apache-2.0
+// The MP4 muxer: the same media whatever moment its file was left in.
+#include <algorithm>
+#include <array>
+#include <chrono>
+#include <fstream>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "core_service/media/mp4/muxer.h"
+#include "support/recording_test.h"
+
+namespace zelta::test {
+namespace {
+
+using namespace std::chrono_literals;
+using namespace core_service::media;
+
+constexpr media_time kZero = 100h;  // the clock has been running for a while
+
+caps_ptr caps_of(media_kind kind) {
+  const std::string text = kind == media_kind::kVideo
+                               ? "video/x-h264,width=320,height=180,codec_data=(buffer)0142c00dffe1"
+                                 "00096742c00dda0505b09001000468ce3c80,pixel-aspect-ratio=4/3"
+                               : "audio/mpeg,rate=48000,channels=1,codec_data=(buffer)1188";
+  return caps_ptr(gst_caps_from_string(text.c_str()));
+}
+
+media_sample sample_of(media_kind kind, media_time time, media_time decode, media_time duration,
+                       size_t bytes, bool key) {
+  media_sample made;
+  made.buffer.reset(gst_buffer_new_allocate(nullptr, bytes, nullptr));
+  gst_buffer_memset(made.buffer.get(), 0, 0, bytes);
+  // A NAL unit with its length before it.
+  const std::array<uint8_t, 5> unit{0, 0, 0, static_cast<uint8_t>(bytes - 4),
+                                    static_cast<uint8_t>(key ? 0x65 : 0x41)};
+  if (kind == media_kind::kVideo) gst_buffer_fill(made.buffer.get(), 0, unit.data(), unit.size());
+  made.caps = caps_of(kind);
+  made.time = kZero + time;
+  made.decode_time = kZero + decode;
+  made.duration = duration;
+  made.key = key;
+  return made;
+}
+
+// A muxer and the bytes of its file.
+class Mp4Test : public testing::Test {
+ protected:
+  static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
+
+  void append(const std::vector<buffer_ptr>& more) {
+    for (const buffer_ptr& one : more) {
+      std::string bytes(gst_buffer_get_size(one.get()), '\0');
+      gst_buffer_extract(one.get(), 0, bytes.data(), bytes.size());
+      file += bytes;
+    }
+  }
+  void add_sound(media_time from, int count) {
+    constexpr media_time kSecond = 1s;
+    for (int i = 0; i < count; ++i) {
+      const media_time at = from + kSecond * 1024 * i / 48'000;
+      append(mux->add(media_kind::kAudio,
+                      sample_of(media_kind::kAudio, at, at, kSecond * 1024 / 48'000, 50, true)));
+    }
+  }
+  // Shown as I B B P: decoded as I P B B, at 25 a second.
+  void add_pictures(int groups) {
+    constexpr int kShown[] = {0, 3, 1, 2};
+    for (int i = 0; i < 4 * groups; ++i) {
+      const size_t before = file.size();
+      const media_time decode = 40ms * i;
+      append(mux->add(media_kind::kVideo,
+                      sample_of(media_kind::kVideo, 40ms * (i / 4 * 4 + kShown[i % 4] + 1), decode,
+                                40ms, static_cast<size_t>(100 + i % 50), i % 4 == 0)));
+      if (file.size() != before) fragments.emplace_back(file.size(), i);
+    }
+  }
+  void complete() {
+    append(mux->finish());
+    const auto bytes = mux->switch_bytes();
+    std::copy(bytes.begin(), bytes.end(),
+              file.begin() + static_cast<std::ptrdiff_t>(mp4::muxer::kSwitchAt));
+  }
+  // A line a packet of the stream, "time,size,key", of the file's first `bytes`.
+  std::vector<std::string> packets(const char* stream, const std::string& of) const {
+    const std::string path = dir.path() + "/a.mp4";
+    std::ofstream(path, std::ios::binary) << of;
+    return lines_of(output_of(
+        std::string("ffprobe -v quiet -of csv=p=0 -show_entries packet=pts_time,size,flags "
+                    "-select_streams ") +
+        stream + " " + path));
+  }
+
+  const TempDir dir;
+  std::optional<mp4::muxer> mux{std::in_place, "isom", true, true, 1'700'000'000};
+  std::string file;
+  // Bytes up to the end of each fragment, and how many pictures they hold.
+  std::vector<std::pair<size_t, size_t>> fragments;
+};
+
+TEST_F(Mp4Test, HoldsTheSameMediaInFragmentsAndCompleted) {
+  add_pictures(10);
+  add_sound(300ms, 60);
+  append(
+      mux->add(media_kind::kVideo, sample_of(media_kind::kVideo, 1640ms, 1600ms, 40ms, 99, true)));
+  const std::string uncompleted = file;
+  complete();
+  const auto pictures = packets("v", file);
+  ASSERT_EQ(pictures.size(), 41U);
+  // In the order of decoding, each at its own time: the file begins with the first that is shown.
+  EXPECT_EQ(pictures[0], "0.000000,100,K_");
+  EXPECT_EQ(pictures[1], "0.120000,101,__");
+  EXPECT_EQ(pictures[2], "0.040000,102,__");
+  EXPECT_EQ(pictures[40], "1.600000,99,K_");
+  const auto sound = packets("a", file);
+  ASSERT_EQ(sound.size(), 60U);
+  EXPECT_EQ(sound[0].substr(0, 8), "0.260000");
+  EXPECT_EQ(sound[59].substr(0, 7), "1.51866");
+  // A recorder that was killed leaves out the last ones, and nothing else; its file begins where
+  // the first is decoded.
+  for (const auto& [stream, whole] : {std::pair{"v", &pictures}, {"a", &sound}}) {
+    const auto left = packets(stream, uncompleted);
+    ASSERT_GE(left.size() + 1, whole->size());
+    for (size_t i = 0; i < left.size(); ++i) {
+      EXPECT_NEAR(std::stod(left[i]), std::stod((*whole)[i]) + 0.04, 1e-5) << i;
+      EXPECT_EQ(left[i].substr(left[i].find(',')), (*whole)[i].substr((*whole)[i].find(',')));
+    }
+  }
+}
+
+// A write that is cut short, by a kill or a full disk, ends with a page; so do those of the index.
+TEST_F(Mp4Test, PlaysWhereverItWasCutOff) {
+  add_sound(0ms, 470);  // piles up until there is a picture
+  add_pictures(60);
+  append(mux->finish());
+  const std::string whole = file;
+  complete();
+  const size_t pictures = packets("v", file).size();
+  ASSERT_EQ(pictures, 240U);
+  EXPECT_EQ(packets("v", whole).size(), pictures) << "an index that nothing leads to yet";
+  const size_t index = whole.rfind("moov") - 4;
+  auto fragment = fragments.begin();
+  for (size_t cut = 32'768; cut < index; cut += 4096) {
+    while (fragment + 1 != fragments.end() && fragment[1].first <= cut) ++fragment;
+    EXPECT_GE(packets("v", whole.substr(0, cut)).size(), fragment->second) << cut;
+  }
+  for (size_t cut = index; cut < whole.size(); cut += 1000) {
+    EXPECT_EQ(packets("v", whole.substr(0, cut)).size(), pictures) << cut;
+  }
+}
+
+TEST_F(Mp4Test, SoundStaysOnItsClockForHours) {
+  mux.emplace("M4A ", false, true, 0);
+  add_sound(0ms, 4 * 3600 * 48'000 / 1024);
+  complete();
+  // One run of equal durations, 4 bytes a frame and 8 a fragment: what a player reads of the index.
+  const size_t index = file.size() - file.rfind("moov");
+  EXPECT_LT(index, 4 * 675'000U + 8 * 72'000U + 12 * 72'000U + 1'000U);
+  const auto last = packets("a", file);
+  ASSERT_EQ(last.size(), 675'000U);
+  EXPECT_EQ(last.back().substr(0, 12), "14399.978667");
+}
+
+TEST_F(Mp4Test, LeavesOutATrackThatNeverCame) {
+  add_sound(0ms, 100);
+  EXPECT_TRUE(file.empty()) << "the head has to describe both tracks";
+  complete();
+  EXPECT_EQ(packets("a", file).size(), 100U);
+  EXPECT_TRUE(packets("v", file).empty());
+}
+
+}  // namespace
+}  // namespace zelta::test
