@@ -27,8 +27,8 @@ from farm import ROOT, Farm, size_of
 sys.path.insert(0, str(ROOT / "scripts/media"))
 import marks  # noqa: E402  pylint: disable=wrong-import-position
 
-# A fragment is half a second; what was captured and not yet written comes on top.
-FRAGMENT_MS = 500
+# A fragment; what was captured and not yet written comes on top.
+FRAGMENT_MS = 200
 IN_FLIGHT_MS = 350
 COMPLETE_S = 2.0
 STOP_S = 5.0
@@ -243,7 +243,7 @@ def main():
         counts, sizes, sessions = kill_recorders(work, given.rounds, given.engines, given.seconds,
                                                  findings)
         kill_applications(work, app_rounds, findings)
-        stray = marks.run("pgrep", "-f", work).split()
+        stray = marks.run("pgrep", "-f", f"{work}/").split()
         findings.wrong_if([pid for pid in stray if int(pid) != os.getpid()], "stray processes")
     third = max(1, len(sizes) // 3)
     print(f"seed {seed}, {time.monotonic() - started:.0f} s, {sessions} sessions of "
