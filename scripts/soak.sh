@@ -6,7 +6,5 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh test >&2
-cmake --preset release -DZELTA_BUILD_TESTS=ON >&2
-cmake --build --preset release --target engine_farm ZeltaCoreService -- --quiet >&2
+scripts/reliability/build.sh
 exec python3 scripts/reliability/soak.py "$@"

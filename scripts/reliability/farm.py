@@ -48,12 +48,18 @@ class Farm:
         self.lock = threading.Lock()
         self.sessions = collections.OrderedDict()
         self.ended = []
+        self.strange = []
         self.reader = threading.Thread(target=self._read)
         self.reader.start()
 
     def _read(self):
         for line in self.process.stdout:
-            event = json.loads(line)
+            try:
+                event = json.loads(line)
+            except ValueError:
+                # Half a line of an application that was killed; from any other it is a finding.
+                self.strange.append(line)
+                continue
             with self.lock:
                 key = (event["slot"], event["session"])
                 session = self.sessions.setdefault(key, Session())

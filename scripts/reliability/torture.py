@@ -186,6 +186,7 @@ def kill_recorders(work, rounds, engines, seconds, findings):
                 pass
         status = farm.finish()
         findings.wrong_if(status != 0, f"the application ended with {status}")
+        findings.wrong_if(farm.strange, f"the application said {farm.strange}")
         jobs += [pool.submit(check, one, findings) for one in farm.ended]
         concurrent.futures.wait(jobs)
     return counts, sizes, len(jobs)

@@ -21,17 +21,20 @@ option_parser::option_parser()
   app_->add_option("--audio_only", values_.audio_only, "1: record audio only");
   app_->add_option("--video_only", values_.video_only, "1: record video only");
   app_->add_option("--mix", values_.mix, "1: mix all users");
-  app_->add_option("--mixedVideoAudio", values_.mixed_video_audio, "mixed sound and picture in one file");
+  app_->add_option("--mixedVideoAudio", values_.mixed_video_audio,
+                   "mixed sound and picture in one file");
   app_->add_option("--live", values_.live, "1: live broadcasting");
   app_->add_option("--encrypt_mode", values_.encrypt_mode, "how the channel is encrypted");
   app_->add_option("--encrypt_secret", values_.encrypt_secret, "its secret");
   app_->add_option("--chunk_time_span", values_.chunk_time_span, "seconds a file; 0: one file");
   app_->add_option("--idle", values_.idle, "seconds without users after which to leave");
-  app_->add_option("--decode_audio", values_.decode_audio, "0 file, 1 AAC frames, 2 PCM frames, 3 mixed");
-  app_->add_option("--decode_video", values_.decode_video, "0 file, 1 H.264 frames, 2 YUV frames, 3-5 JPG");
+  app_->add_option("--decode_audio", values_.decode_audio,
+                   "0 file, 1 AAC frames, 2 PCM frames, 3 mixed");
+  app_->add_option("--decode_video", values_.decode_video,
+                   "0 file, 1 H.264 frames, 2 YUV frames, 3-5 JPG");
   app_->add_option("--capture_interval", values_.capture_interval, "seconds between pictures");
   app_->add_option("--audio_indication_interval", values_.audio_indication_interval,
-                 "milliseconds between volume reports");
+                   "milliseconds between volume reports");
   app_->add_option("--syslog_fclt", values_.syslog_fclt, "syslog facility");
   app_->add_option("--streamType", values_.stream_type, "0 high, 1 low stream");
   app_->add_option("--serviceMode", values_.service_mode, "mode of the service");

@@ -68,7 +68,8 @@ struct parsed_options {
   int exit_status = 0;
 };
 
-// Serves for any number of command lines: describing the options takes far longer than reading them.
+// Serves for any number of command lines: describing the options takes far longer than reading
+// them.
 class option_parser {
  public:
   option_parser();

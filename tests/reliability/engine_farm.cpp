@@ -52,7 +52,11 @@ class session final : public test::QuietHandler {
     IRecordingEngine* const engine = IRecordingEngine::createZeltaRecordingEngine("torture", this);
     const int joined = engine == nullptr ? -1 : engine->joinChannel("", "torture", 0, config);
     if (joined == 0) {
-      folder_ = engine->getProperties()->storageDir;
+      {
+        // Events are said on the engine's thread meanwhile.
+        const std::lock_guard<std::mutex> guard(output);
+        folder_ = engine->getProperties()->storageDir;
+      }
       say("started", 0);
       std::unique_lock<std::mutex> lock(waiting);
       changed.wait_for(lock, std::chrono::seconds(seconds), [this] { return failed_ || over; });
