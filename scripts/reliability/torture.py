@@ -101,7 +101,8 @@ def check_files(session, findings):
                 findings.short += 1
                 findings.losses_ms.append(age)
             continue
-        findings.wrong_if(length is None, f"{session.folder}{file['name']}: doesn't play")
+        findings.wrong_if(length is None,
+                          f"{session.folder}{file['name']}: doesn't play, {age:.0f} ms old")
         if length is not None:
             with findings.lock:
                 findings.losses_ms.append(age - length)

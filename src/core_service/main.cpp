@@ -56,6 +56,8 @@ int record(core_service::options given) {
   base::log_config::set_log_level(static_cast<base::log_levels>(given.log_level));
   base::log_config::set_enabled_modules(static_cast<uint32_t>(given.enabled_modules));
   base::log_config::setFacility(given.syslog_fclt);
+  // Else a crash while a plugin is loaded talks on the application's standard output.
+  gst_segtrap_set_enabled(FALSE);
   gst_init(nullptr, nullptr);
   int status = 0;
   {
