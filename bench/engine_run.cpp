@@ -8,20 +8,18 @@
 #include <filesystem>
 #include <fstream>
 #include <mutex>
-#include <new>
 #include <stdexcept>
 
 #include <malloc.h>
 #include <unistd.h>
 
+#include "support/counted_new.h"
 #include "support/quiet_handler.h"
 
 namespace zelta::bench {
 namespace {
 
 using namespace recording;
-
-std::atomic<size_t> allocation_count{0};
 
 // A folder of recordings that goes with the run.
 class scratch_dir {
@@ -107,8 +105,8 @@ class counting_handler final : public handler {
 
  private:
   void arrived(const unsigned char*, size_t, bool) override {
-    if (++seen_ == warm_) allocations_at_warm_ = allocations();
-    if (seen_ == last_) allocations_ = allocations() - allocations_at_warm_;
+    if (++seen_ == warm_) allocations_at_warm_ = test::allocations();
+    if (seen_ == last_) allocations_ = test::allocations() - allocations_at_warm_;
     if (watch_.arrived(writer_)) done();
   }
 
@@ -177,10 +175,6 @@ double resident_kb() {
 
 }  // namespace
 
-size_t allocations() {
-  return allocation_count;
-}
-
 engine_transfer run_engine(const load& what) {
   const scratch_dir folder;
   counting_handler to(what);
@@ -229,16 +223,3 @@ idle_cost run_idle(int engines, int seconds) {
 }
 
 }  // namespace zelta::bench
-
-// Every allocation of this process goes through these; the engine library is linked in statically.
-void* operator new(size_t bytes) {
-  zelta::bench::allocation_count.fetch_add(1, std::memory_order_relaxed);
-  if (void* const memory = std::malloc(bytes)) return memory;
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-  std::free(memory);
-}

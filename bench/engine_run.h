@@ -27,7 +27,4 @@ struct idle_cost {
 };
 idle_cost run_idle(int engines, int seconds);
 
-// Counts every call of operator new in this process.
-size_t allocations();
-
 }  // namespace zelta::bench

@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <climits>
 #include <cstring>
+#include <utility>
 
 #include <sys/eventfd.h>
 
@@ -218,11 +219,11 @@ void event_loop::run_timers() {
   const clock::time_point now = clock::now();
   std::unique_lock<std::mutex> lock(timers_lock_);
   while (!timers_.empty() && (*timers_.begin())->due <= now) {
-    timer_event* const timer = *timers_.begin();
-    timers_.erase(timers_.begin());
+    auto next = timers_.extract(timers_.begin());
+    timer_event* const timer = next.value();
     const auto missed = (now - timer->due) / timer->interval;
     timer->due += timer->interval * (missed + 1);
-    timers_.insert(timer);
+    timers_.insert(std::move(next));
     // The callback may remove the timer, so nothing of it is touched afterwards.
     const event_callback_t callback = timer->callback;
     void* const context = timer->context;

@@ -1,36 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
-// The frame path from the pipe to the callback allocates nothing once it is warm. A program of its
-// own, because it counts every allocation of the process.
-#include <atomic>
-#include <cstdlib>
-#include <new>
-
+// The frame path from the pipe to the callback, and waiting, allocate nothing once warm. A program
+// of its own, because it counts every allocation of the process.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include "base/event_loop.h"
 #include "base/packet_reader.h"
 #include "base/unique_fd.h"
+#include "support/counted_new.h"
 #include "support/engine_probe.h"
-
-namespace {
-
-std::atomic<size_t> allocations{0};
-
-}  // namespace
-
-// NOLINTBEGIN(cppcoreguidelines-no-malloc): these are what new and delete stand on
-void* operator new(size_t bytes) {
-  ++allocations;
-  if (void* const memory = std::malloc(bytes)) return memory;
-  throw std::bad_alloc();
-}
-void operator delete(void* memory) noexcept {
-  std::free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-  std::free(memory);
-}
-// NOLINTEND(cppcoreguidelines-no-malloc)
 
 namespace zelta::test {
 namespace {
@@ -97,12 +75,34 @@ TEST(FramePath, AllocatesNothingOnceWarm) {
   };
   play();
   play();
-  const size_t warm = allocations;
+  const size_t warm = allocations();
   ASSERT_GT(warm, 0U) << "they are counted";
   play();
-  EXPECT_EQ(allocations - warm, 0U);
+  EXPECT_EQ(allocations() - warm, 0U);
   EXPECT_EQ(handler.frames, 3 * frames);
   EXPECT_EQ(engine.stats_.errPackets, 0U);
+}
+
+// An engine that is joined and gets nothing ticks all the same.
+TEST(FramePath, TicksAllocateNothingOnceWarm) {
+  struct ticks {
+    base::event_loop loop;
+    size_t seen = 0;
+    size_t warm = 0;
+    size_t last = 0;
+  } run;
+  run.loop.add_timer(
+      1,
+      [](int, void* context) {
+        auto& to = *static_cast<ticks*>(context);
+        if (++to.seen == 3) to.warm = allocations();
+        if (to.seen < 10) return;
+        to.last = allocations();
+        to.loop.stop();
+      },
+      &run);
+  run.loop.run(false);
+  EXPECT_EQ(run.last - run.warm, 0U);
 }
 
 }  // namespace
