@@ -53,7 +53,7 @@ packet_writer::result packet_writer::send(const packet& p, room wanted) {
   p.pack(packer_);
   const size_t bytes = packer_.length();
   if (wanted == room::kLimited && queued_bytes_ + bytes > limit_) return result::kRefused;
-  append_copied_locked(packer_.buffer(), bytes);
+  std::memcpy(append_locked(bytes), packer_.buffer(), bytes);
   return added_locked(bytes);
 }
 
@@ -71,9 +71,14 @@ packet_writer::result packet_writer::send_frame(const packet& p, payload data, b
                 static_cast<uint32_t>(position - sizeof(uint32_t)));
   const size_t rest = packer_.length() - position;
   if (!data.owner || (payload_bytes < kSpliceBytes && !replaceable)) {
-    append_copied_locked(packer_.buffer(), position);
-    for (const payload::span& span : data.spans) append_copied_locked(span.data, span.bytes);
-    append_copied_locked(packer_.buffer() + position, rest);
+    char* to = append_locked(bytes);
+    const auto copy = [&to](const char* from, size_t size) {
+      if (size > 0) std::memcpy(to, from, size);
+      to += size;
+    };
+    copy(packer_.buffer(), position);
+    for (const payload::span& span : data.spans) copy(span.data, span.bytes);
+    copy(packer_.buffer() + position, rest);
     return added_locked(bytes);
   }
   entry added;
@@ -81,7 +86,8 @@ packet_writer::result packet_writer::send_frame(const packet& p, payload data, b
     if (size > 0) added.spans[added.count++] = {from, size};
   };
   // Both ends of the packet stand in one block, or the first could be let go of too early.
-  char* const ends = copy_locked(packer_.buffer(), packer_.length());
+  char* const ends = room_locked(packer_.length());
+  std::memcpy(ends, packer_.buffer(), packer_.length());
   added.copied = blocks_.back();
   add(ends, position);
   for (const payload::span& span : data.spans) add(span.data, span.bytes);
@@ -95,13 +101,12 @@ packet_writer::result packet_writer::send_frame(const packet& p, payload data, b
   return added_locked(bytes);
 }
 
-char* packet_writer::copy_locked(const char* from, size_t bytes) {
+char* packet_writer::room_locked(size_t bytes) {
   if (blocks_.empty() || blocks_.back()->bytes.size() - blocks_.back()->filled < bytes) {
     start_block_locked(bytes);
   }
   block& current = *blocks_.back();
   char* const to = current.bytes.data() + current.filled;
-  std::memcpy(to, from, bytes);
   current.filled += bytes;
   return to;
 }
@@ -130,16 +135,16 @@ void packet_writer::start_block_locked(size_t bytes) {
   blocks_.push_back(std::move(next));
 }
 
-void packet_writer::append_copied_locked(const char* from, size_t bytes) {
-  if (bytes == 0) return;
+// Room for a packet that is copied, at the end of the queue.
+char* packet_writer::append_locked(size_t bytes) {
   queued_bytes_ += bytes;
-  char* const to = copy_locked(from, bytes);
+  char* const to = room_locked(bytes);
   if (!queue_.empty() && !queue_.back().owner && queue_.back().copied == blocks_.back()) {
     entry& last = queue_.back();
     if (last.spans[0].data + last.spans[0].bytes == to) {
       last.spans[0].bytes += bytes;
       last.bytes += bytes;
-      return;
+      return to;
     }
   }
   entry added;
@@ -148,15 +153,17 @@ void packet_writer::append_copied_locked(const char* from, size_t bytes) {
   added.bytes = bytes;
   added.copied = blocks_.back();
   queue_.push_back(std::move(added));
+  return to;
 }
 
 // A reader that waits gets what was added at once. For one that is busy small packets are gathered,
-// and those that come next write them.
+// and those that come next write them. The time is asked for only when no flush is promised: it is
+// as dear as the rest of a small packet.
 packet_writer::result packet_writer::added_locked(size_t bytes) {
   // The pipe was full a moment ago.
   if (queued_bytes_ - bytes >= kGatherBytes) return promise_locked(result::kQueued);
   if (queued_bytes_ < kGatherBytes &&
-      std::chrono::steady_clock::now() - last_write_ < kGatherTime) {
+      (gather_promised_ || std::chrono::steady_clock::now() - last_write_ < kGatherTime)) {
     return promise_locked(result::kGathering);
   }
   return promise_locked(flush_locked());

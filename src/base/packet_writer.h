@@ -41,7 +41,7 @@ class packet_writer {
   };
   // The reader of a packet that was written less than this ago is awake and busy: small packets are
   // kept back for those that follow.
-  static constexpr std::chrono::microseconds kGatherTime{50};
+  static constexpr std::chrono::microseconds kGatherTime{500};
 
   enum class room {
     kLimited,  // refused past the limit
@@ -112,9 +112,9 @@ class packet_writer {
     std::atomic<size_t> value_{0};
   };
 
-  char* copy_locked(const char* from, size_t bytes);
+  char* room_locked(size_t bytes);
   void start_block_locked(size_t bytes);
-  void append_copied_locked(const char* from, size_t bytes);
+  char* append_locked(size_t bytes);
   result added_locked(size_t bytes);
   result promise_locked(result how);
   result flush_locked();
