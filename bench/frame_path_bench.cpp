@@ -64,7 +64,7 @@ Json::Value measured(const engine_transfer& run) {
 }
 
 // One round: every way to move frames of every kind, one after the other.
-Json::Value throughput_round(const std::string& only) {
+Json::Value throughput_round(const std::string& only, bool baselines) {
   const wire wires[] = {plain_wire("pipe", false, false), plain_wire("splice", false, true),
                         plain_wire("socket", true, false)};
   Json::Value round(Json::objectValue);
@@ -75,6 +75,7 @@ Json::Value throughput_round(const std::string& only) {
     what.frames = row.bytes / bytes;
     Json::Value& out = round[row.name];
     out["engine"] = measured(run_engine(what));
+    if (!baselines) continue;
     for (const wire& by : wires) out[by.name] = to_json(run_wire(by, bytes, what.frames));
     out["memcpy"] = to_json(run_memcpy(bytes, what.frames));
     const transfer zeromq = run_zeromq(bytes, what.frames);
@@ -168,10 +169,10 @@ Json::Value to_json(const idle_cost& cost, int engines) {
   return out;
 }
 
-int run(int rounds, int latency_s, int idle_engines, bool variants, const std::string& only) {
+int run(int rounds, int latency_s, int idle_engines, bool variants, const std::string& only, bool baselines) {
   Json::Value all;
   for (int i = 0; i < rounds; ++i) {
-    all["throughput"].append(throughput_round(only));
+    all["throughput"].append(throughput_round(only, baselines));
     if (only.empty()) all["users"].append(users_round());
     if (latency_s > 0) all["latency"].append(latency_round(latency_s));
   }
@@ -193,6 +194,7 @@ int main(int argc, char** argv) {
   int idle_engines = 100;
   bool variants = false;
   std::string only;
+  bool engine_only = false;
   app.add_option("--rounds", rounds, "Of which the medians count")->check(CLI::Range(1, 100));
   app.add_option("--latency-seconds", latency_s, "Of paced load a round; 0: none")
       ->check(CLI::Range(0, 3600));
@@ -200,11 +202,12 @@ int main(int argc, char** argv) {
       ->check(CLI::Range(0, 1000));
   app.add_flag("--variants", variants, "Other pipe sizes, flags and batches as well");
   app.add_option("--only", only, "Frames whose kind has this text in its name");
+  app.add_flag("--engine-only", engine_only, "No baselines: for a profiler");
   CLI11_PARSE(app, argc, argv);
   // The engines' lines are not what is wanted on standard error.
   zelta::base::log_config::set_log_level(zelta::base::ERROR_LOG);
   try {
-    return run(rounds, latency_s, idle_engines, variants, only);
+    return run(rounds, latency_s, idle_engines, variants, only, !engine_only);
   } catch (const std::exception& error) {
     std::fprintf(stderr, "frame_path_bench: %s\n", error.what());
     return 1;

@@ -100,10 +100,16 @@ class Run:
                 continue
             got = self.ratio(kind, field, baseline)
             speed = field == "gb_per_s"
+            good = got >= bound if speed else got <= bound
+            verdict = self.judge(good)
+            if not good and speed and baseline != "splice":
+                wall = median([one[kind]["splice"][field] / one[kind][baseline][field]
+                               for one in self.rounds])
+                verdict += f" ({HEADINGS['splice']} alone: {wall:.2f})"
             rows.append([f"{kind}: {'speed' if speed else 'CPU a gigabyte in the application'} "
                          f"to {HEADINGS[baseline]}", f"{got:.2f}",
                          f"{'at least' if speed else 'at most'} {bound}",
-                         self.judge(got >= bound if speed else got <= bound)])
+                         verdict])
         for kind in sorted(self.rounds[0], key=self.order):
             allocations = self.value(kind, "engine", "allocations")
             if allocations > 0.001:
