@@ -169,7 +169,8 @@ Json::Value to_json(const idle_cost& cost, int engines) {
   return out;
 }
 
-int run(int rounds, int latency_s, int idle_engines, bool variants, const std::string& only, bool baselines) {
+int run(int rounds, int latency_s, int idle_engines, bool variants, const std::string& only,
+        bool baselines) {
   Json::Value all;
   for (int i = 0; i < rounds; ++i) {
     all["throughput"].append(throughput_round(only, baselines));
