@@ -157,13 +157,12 @@ char* packet_writer::append_locked(size_t bytes) {
 }
 
 // A reader that waits gets what was added at once. For one that is busy small packets are gathered,
-// and those that come next write them. The time is asked for only when no flush is promised: it is
-// as dear as the rest of a small packet.
+// and those that come next write them: a promised flush may be late where its thread is held up.
 packet_writer::result packet_writer::added_locked(size_t bytes) {
   // The pipe was full a moment ago.
   if (queued_bytes_ - bytes >= kGatherBytes) return promise_locked(result::kQueued);
   if (queued_bytes_ < kGatherBytes &&
-      (gather_promised_ || std::chrono::steady_clock::now() - last_write_ < kGatherTime)) {
+      std::chrono::steady_clock::now() - last_write_ < kGatherTime) {
     return promise_locked(result::kGathering);
   }
   return promise_locked(flush_locked());

@@ -10,11 +10,6 @@ namespace {
 
 std::atomic<size_t> count{0};
 
-void* counted(size_t bytes) {
-  count.fetch_add(1, std::memory_order_relaxed);
-  return std::malloc(bytes);  // NOLINT(cppcoreguidelines-no-malloc): what operator new stands on
-}
-
 }  // namespace
 
 size_t allocations() {
@@ -23,13 +18,16 @@ size_t allocations() {
 
 }  // namespace zelta::test
 
+// NOLINTBEGIN(cppcoreguidelines-no-malloc): these are what new and delete stand on
 void* operator new(size_t bytes) {
-  if (void* const memory = zelta::test::counted(bytes)) return memory;
+  zelta::test::count.fetch_add(1, std::memory_order_relaxed);
+  if (void* const memory = std::malloc(bytes)) return memory;
   throw std::bad_alloc();
 }
 void operator delete(void* memory) noexcept {
-  std::free(memory);  // NOLINT(cppcoreguidelines-no-malloc)
+  std::free(memory);
 }
 void operator delete(void* memory, size_t) noexcept {
-  std::free(memory);  // NOLINT(cppcoreguidelines-no-malloc)
+  std::free(memory);
 }
+// NOLINTEND(cppcoreguidelines-no-malloc)
