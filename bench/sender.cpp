@@ -17,6 +17,7 @@
 
 #include "core_service/engine_link.h"
 #include "core_service/media/frame_sender.h"
+#include "core_service/media/picture_memory.h"
 #include "load.h"
 #include "measure.h"
 
@@ -33,13 +34,18 @@ constexpr size_t kSources = 8;
 constexpr size_t kWaitingBytes = 256 << 10;
 constexpr std::chrono::seconds kPatience(60);
 
-// One frame's memory, as GStreamer would give it.
+// One frame's memory, as the recorder's elements give it.
 class source {
  public:
-  explicit source(const load& what) : bytes_(what.frame_bytes(), '\1') {
-    sample_.buffer.reset(gst_buffer_new_wrapped_full(GST_MEMORY_FLAG_READONLY, bytes_.data(),
-                                                     bytes_.size(), 0, bytes_.size(), nullptr,
-                                                     nullptr));
+  explicit source(const load& what) {
+    GstAllocator* const from = what.kind == frame_kind::kYuv ? media::picture_allocator() : nullptr;
+    sample_.buffer.reset(gst_buffer_new_allocate(from, what.frame_bytes(), nullptr));
+    // Plain memory, which stays where it is.
+    GstMapInfo mapped{};
+    gst_buffer_map(sample_.buffer.get(), &mapped, GST_MAP_READWRITE);
+    bytes_ = mapped.data;
+    std::memset(bytes_, 1, mapped.size);
+    gst_buffer_unmap(sample_.buffer.get(), &mapped);
     sample_.key = true;
     if (what.kind != frame_kind::kYuv) return;
     sample_.caps.reset(gst_caps_new_simple(
@@ -57,15 +63,15 @@ class source {
       case frame_kind::kJpg:
         return to.send_jpg(sample_, 0);
       case frame_kind::kPcm:
-        return to.send_pcm(media::media_time(0), 1, reinterpret_cast<const int16_t*>(bytes_.data()),
-                           bytes_.size() / 2);
+        return to.send_pcm(media::media_time(0), 1, reinterpret_cast<const int16_t*>(bytes_),
+                           gst_buffer_get_size(sample_.buffer.get()) / 2);
     }
   }
   // When it was due, where the reader finds it.
-  void stamp(int64_t due_ns) { std::memcpy(bytes_.data(), &due_ns, sizeof due_ns); }
+  void stamp(int64_t due_ns) { std::memcpy(bytes_, &due_ns, sizeof due_ns); }
 
  private:
-  std::vector<char> bytes_;
+  guint8* bytes_ = nullptr;
   media::media_sample sample_;
   media::sample_ptr picture_;
 };

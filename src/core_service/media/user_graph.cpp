@@ -7,6 +7,8 @@
 
 #include <gst/video/video.h>
 
+#include "core_service/media/picture_memory.h"
+
 namespace zelta::core_service::media {
 namespace {
 
@@ -302,6 +304,11 @@ void user_graph::connect_video(const std::shared_ptr<track>& t) {
     });
   }
   if (to_.yuv) {
+    // Of the decoder, and of the converter where it has something to convert.
+    for (const char* const name : {"raw", "yuv"}) {
+      const pad_ptr in(gst_element_get_static_pad(child(t->branch, name), "sink"));
+      offer_picture_memory(in.get());
+    }
     receive(t, "yuv", [this, t](GstSample* from, media_sample& sample) {
       if (is_current(*t, sample.time)) to_.yuv(from, sample.time, t->rotation);
     });
