@@ -38,12 +38,12 @@ class Session:
 
 
 class Farm:
-    def __init__(self, work, server, engines, seconds, frames=False):
+    def __init__(self, work, server, engines, seconds, frames=""):
         self.recordings = tempfile.mkdtemp(dir=work)
         environment = dict(os.environ, ZELTA_CHANNEL_SERVER=server, ZELTA_SERVICE_DIR=str(BIN))
         command = [BIN / "engine_farm", str(engines), self.recordings, str(seconds)]
         self.process = subprocess.Popen(
-            command + (["frames"] if frames else []), stdin=subprocess.PIPE,
+            command + ([frames] if frames else []), stdin=subprocess.PIPE,
             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True, env=environment)
         self.lock = threading.Lock()
         self.sessions = collections.OrderedDict()

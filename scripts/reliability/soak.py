@@ -54,7 +54,7 @@ def soak(work, minutes, engines):
     seconds = int(minutes * 60)
     server = "test:users=2,video=h264,audio=opus,size=320x180,fps=15"
     files = Farm(work, server, engines, seconds + 60)
-    frames = Farm(work, server, 1, seconds + 60, frames=True)
+    frames = Farm(work, server, 1, seconds + 60, frames="frames")
     good = files.wait_joined(engines) and frames.wait_joined(1)
     samples = {}
     end = time.monotonic() + seconds
@@ -93,7 +93,7 @@ def crowd(work):
 
 
 def stall(work):
-    farm = Farm(work, "test:users=2,video=h264,audio=opus,size=1280x720,fps=15", 1, 120, frames=True)
+    farm = Farm(work, "test:users=2,video=h264,audio=opus,size=1280x720,fps=15", 1, 120, frames="frames")
     good = farm.wait_joined(1)
     time.sleep(5)
     folder, pid = next(iter(farm.children()[0].items()), ("", 0))

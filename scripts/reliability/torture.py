@@ -4,7 +4,9 @@
 
 A farm of engines records marked media with the real recorder. Recorders get SIGKILL, SIGSEGV, or
 SIGSTOP for 5 s; applications get SIGKILL. Every stretch must play, a kill may cost one fragment,
-the application must be told of exactly what happened, and nothing may be left over."""
+the application must be told of exactly what happened, and nothing may be left over. Every second
+session takes frames instead of files: the engine must count what the application gets, over all
+recorders of a session, and sound may have a gap only where a recorder was hit."""
 
 import argparse
 import collections
@@ -51,6 +53,8 @@ class Findings:
         self.release_ms = []
         self.told_ms = []
         self.completion_s = []
+        self.frames = 0
+        self.jumps = 0
 
     def wrong_if(self, bad, text):
         if bad:
@@ -132,16 +136,29 @@ def check_events(session, findings):
             findings.told_ms += [after - before for before, after in zip(deaths, heard)]
 
 
+def check_frames(session, findings):
+    if not session.values("frames"):
+        return
+    frames, wrong, jumps = (session.values(name)[0] for name in ("frames", "miscounted", "jumps"))
+    findings.wrong_if(wrong, f"{session.folder}: {wrong} of {frames} frames miscounted")
+    findings.wrong_if(jumps > len(session.kills),
+                      f"{session.folder}: {jumps} gaps of {len(session.kills)} hits")
+    with findings.lock:
+        findings.frames += frames
+        findings.jumps += jumps
+
+
 def check(session, findings):
     try:
         check_events(session, findings)
+        check_frames(session, findings)
         check_files(session, findings)
     except Exception as error:  # pylint: disable=broad-except  # one session must not hide others
         findings.wrong_if(True, f"{session.folder}: {error!r}")
 
 
 def kill_recorders(work, rounds, engines, seconds, findings):
-    farm = Farm(work, f"dir:{work}/channels", engines, seconds)
+    farm = Farm(work, f"dir:{work}/channels", engines, seconds, frames="half")
     counts, sizes, conts = collections.Counter(), [], []
     zombies_since = None
     with concurrent.futures.ThreadPoolExecutor(2) as pool:
@@ -255,6 +272,7 @@ def main():
           f" | {findings.stretches} stretches, {findings.short} younger than a fragment |")
     print(f"| lost a kill | median {statistics.median(findings.losses_ms or [0]):.0f} ms, 99 % "
           f"{share(findings.losses_ms, 0.99):.0f} ms, most {max(findings.losses_ms or [0]):.0f} ms |")
+    print(f"| delivered | {findings.frames} frames; gaps in sound: {findings.jumps} |")
     print(f"| from a death to its warning or error | median "
           f"{statistics.median(findings.told_ms or [0]):.0f} ms, most "
           f"{max(findings.told_ms or [0]):.0f} ms |")
