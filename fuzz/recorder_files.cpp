@@ -26,12 +26,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace zelta;
   if (size == 0) return 0;
   const std::string& folder = fuzz::scratch_folder();
+  static core_service::state_writer writer(nullptr);
   const bool manifest = data[0] == 'm';
   fuzz::write_scratch(folder + (manifest ? "recording.json" : "journal.json"), data + 1, size - 1);
   if (manifest) {
-    core_service::manifest left(folder, "room");
+    core_service::manifest left(folder, "room", writer);
   } else {
-    core_service::journal left(folder);
+    core_service::journal left(folder, writer);
     std::string error;
     fuzz::require(left.load(error) == error.empty(), "an error with a journal, or none without");
   }

@@ -6,6 +6,7 @@ import math
 import os
 import pathlib
 import random
+import signal
 import subprocess
 import tempfile
 import threading
@@ -32,6 +33,16 @@ class Session:
     def left_ms(self):
         """When the application began to leave; infinity for one that hasn't."""
         return next((one["utc_ms"] for one in self.events if one["event"] == "leaving"), math.inf)
+
+    def lives_without_a_file(self, files):
+        """For how long, in ms, each recorder that was killed and left no file had a user."""
+        deaths = sorted(ms for ms, number in self.kills if number != signal.SIGSTOP)
+        users = [one["utc_ms"] for one in self.events if one["event"] == "user"]
+        for before, death in zip([0] + deaths, deaths):
+            came = min((ms for ms in users if before < ms < death), default=None)
+            left = any(before < file["first_utc_ms"] <= death for file in files)
+            if came is not None and not left and not self.values("frames"):
+                yield min(death, self.left_ms()) - came
 
     def values(self, event):
         return [one["value"] for one in self.events if one["event"] == event]

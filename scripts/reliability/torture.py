@@ -81,6 +81,13 @@ def check_files(session, findings):
         findings.wrong_if(not session.kills, f"{session.folder}: no manifest: {error}")
         return
     left_ms = session.left_ms()
+    for age in session.lives_without_a_file(manifest["files"]):
+        # Killed before its first fragment; its successor has removed the empty file.
+        with findings.lock:
+            findings.short += 1
+            findings.losses_ms.append(age)
+        findings.wrong_if(age > FRAGMENT_MS + IN_FLIGHT_MS,
+                          f"{session.folder}: nothing of a recorder that had a user for {age:.0f} ms")
     for file in manifest["files"]:
         # The last recorder of a session that was given up, or that was killed while the session
         # left, has no successor that closes its file.

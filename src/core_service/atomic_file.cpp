@@ -12,8 +12,7 @@
 namespace zelta::core_service {
 namespace {
 
-// Synced, so that the rename that follows never makes an empty file the true one.
-bool write_whole(const std::string& path, const std::string& text) {
+bool write_whole(const std::string& path, const std::string& text, sync how) {
   const base::unique_fd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
   if (!file.valid()) return false;
   for (size_t done = 0; done < text.size();) {
@@ -22,14 +21,15 @@ bool write_whole(const std::string& path, const std::string& text) {
     if (written <= 0) return false;
     done += static_cast<size_t>(written);
   }
-  return fsync(file.get()) == 0;
+  // Or a machine that crashes may keep the rename that follows, and lose the text.
+  return how == sync::kNo || fsync(file.get()) == 0;
 }
 
 }  // namespace
 
-bool replace_file(const std::string& path, const std::string& text) {
+bool replace_file(const std::string& path, const std::string& text, sync how) {
   const std::string fresh = path + ".new";
-  if (write_whole(fresh, text) && std::rename(fresh.c_str(), path.c_str()) == 0) return true;
+  if (write_whole(fresh, text, how) && std::rename(fresh.c_str(), path.c_str()) == 0) return true;
   const int why = errno;
   unlink(fresh.c_str());
   errno = why;

@@ -7,8 +7,11 @@
 
 namespace zelta::core_service {
 
-// Writes `text` into a file beside `path`, syncs it and renames it over `path`. False, with errno,
-// when that can't be done; `path` is then as it was.
-[[nodiscard]] bool replace_file(const std::string& path, const std::string& text);
+// A file that must outlive a crash of the machine is synced, which takes seconds on a busy disk.
+enum class sync { kNo, kYes };
+
+// Writes `text` into a file beside `path` and renames it over `path`. False, with errno, when that
+// can't be done; `path` is then as it was.
+[[nodiscard]] bool replace_file(const std::string& path, const std::string& text, sync how);
 
 }  // namespace zelta::core_service

@@ -7,8 +7,6 @@
 
 #include <json/json.h>
 
-#include "core_service/atomic_file.h"
-
 namespace zelta::core_service {
 namespace {
 
@@ -74,7 +72,7 @@ bool journal::load(std::string& error) {
   }
 }
 
-bool journal::save() const {
+void journal::save() const {
   Json::Value root(Json::objectValue);
   root["version"] = kVersion;
   root["layout"] = hex_of(state.layout);
@@ -86,7 +84,7 @@ bool journal::save() const {
   root["serving"] = state.serving;
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "  ";
-  return replace_file(path_, Json::writeString(writer, root) + "\n");
+  writer_.replace(path_, Json::writeString(writer, root) + "\n");
 }
 
 }  // namespace zelta::core_service

@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+#include "core_service/state_writer.h"
+
 namespace zelta::core_service {
 
 struct journal_state {
@@ -21,18 +23,23 @@ struct journal_state {
 
 class journal {
  public:
-  explicit journal(const std::string& folder) : path_(folder + "journal.json") {}
+  // The writer is borrowed.
+  journal(const std::string& folder, state_writer& writer)
+      : path_(folder + kName), writer_(writer) {}
+
+  static constexpr const char* kName = "journal.json";
 
   // What the predecessor left in the folder; false, with `error` saying why, when there is nothing
   // of use.
   bool load(std::string& error);
-  // Writes after a change of `state`. False when the folder doesn't take it.
-  bool save() const;
+  // Writes after a change of `state`, soon.
+  void save() const;
 
   journal_state state;
 
  private:
   const std::string path_;
+  state_writer& writer_;
 };
 
 }  // namespace zelta::core_service

@@ -2,23 +2,26 @@
 #include "core_service/manifest.h"
 
 #include <algorithm>
-#include <cerrno>
 #include <cstdio>
-#include <cstring>
+#include <ctime>
 #include <exception>
+#include <filesystem>
 #include <fstream>
+#include <optional>
+#include <regex>
+#include <set>
 #include <utility>
 
 #include <json/json.h>
+#include <sys/stat.h>
 
 #include "base/log.h"
-#include "core_service/atomic_file.h"
 
 namespace zelta::core_service {
 namespace {
 
 constexpr int kManifestVersion = 1;
-constexpr const char* kName = "recording.json";
+constexpr const char* kDied = "recorder died";
 
 Json::Value to_json(const manifest_file& f) {
   Json::Value v(Json::objectValue);
@@ -51,10 +54,36 @@ manifest_file from_json(const Json::Value& v) {
   return f;
 }
 
+// What the name of a file tells of it, as file_series makes names: UID or "mix", the UTC time of
+// its begin, the container.
+std::optional<manifest_file> file_of_name(const std::string& name) {
+  static const std::regex form(
+      R"((\d{1,10}|mix)_(\d{4})(\d\d)(\d\d)T(\d\d)(\d\d)(\d\d)(\d{3})\.(mp4|m4a|webm))");
+  std::smatch parts;
+  if (!std::regex_match(name, parts, form)) return std::nullopt;
+  const auto number = [&parts](size_t part) { return std::stoi(parts[part]); };
+  std::tm begin{};
+  begin.tm_year = number(2) - 1900;
+  begin.tm_mon = number(3) - 1;
+  begin.tm_mday = number(4);
+  begin.tm_hour = number(5);
+  begin.tm_min = number(6);
+  begin.tm_sec = number(7);
+  manifest_file f;
+  f.name = name;
+  f.uid = parts[1] == "mix" ? 0 : static_cast<uint32_t>(std::stoull(parts[1]));
+  f.first_utc_ms = int64_t{timegm(&begin)} * 1000 + number(8);
+  const std::string ending = parts[9];
+  f.kind = ending == "m4a" ? "audio" : "audio_video";
+  f.video_codec = ending == "mp4" ? "h264" : "";
+  f.audio_codec = ending == "webm" ? "opus" : "aac";
+  return f;
+}
+
 }  // namespace
 
-manifest::manifest(std::string folder, std::string channel_id)
-    : folder_(std::move(folder)), channel_id_(std::move(channel_id)) {
+manifest::manifest(std::string folder, std::string channel_id, state_writer& writer)
+    : folder_(std::move(folder)), channel_id_(std::move(channel_id)), writer_(writer) {
   load();
 }
 
@@ -85,7 +114,38 @@ void manifest::load() {
     std::rename(path.c_str(), (path + ".broken").c_str());
   }
   for (auto& [number, f] : files_) {
-    if (f.closed.empty()) f.closed = "recorder died";
+    if (f.closed.empty()) f.closed = kDied;
+  }
+}
+
+// The recorder before this one may have died between making a file and writing about it, or before
+// anything was in it.
+void manifest::settle() {
+  std::set<std::string> known;
+  for (const auto& [number, f] : files_) known.insert(f.name);
+  std::error_code ignored;
+  const std::filesystem::directory_iterator end;
+  for (std::filesystem::directory_iterator at(folder_, ignored); at != end; at.increment(ignored)) {
+    auto found = file_of_name(at->path().filename().string());
+    struct stat status {};
+    if (!found || known.count(found->name) != 0 || stat(at->path().c_str(), &status) != 0) continue;
+    const int64_t written_ms = status.st_mtim.tv_sec * 1000 + status.st_mtim.tv_nsec / 1'000'000;
+    found->last_utc_ms = std::max(found->first_utc_ms, written_ms);
+    found->closed = kDied;
+    add(std::move(*found));
+  }
+  for (auto at = files_.begin(); at != files_.end();) {
+    const std::string path = folder_ + at->second.name;
+    struct stat status {};
+    const bool empty = at->second.closed == kDied && stat(path.c_str(), &status) == 0 &&
+                       S_ISREG(status.st_mode) && status.st_size == 0;
+    if (empty) {
+      base::log_dir(folder_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
+                    "%s held nothing yet when its recorder died, and goes",
+                    at->second.name.c_str());
+      std::filesystem::remove(path, ignored);
+    }
+    at = empty ? files_.erase(at) : std::next(at);
   }
 }
 
@@ -99,7 +159,7 @@ size_t manifest::add(manifest_file file) {
   return next_number_++;
 }
 
-bool manifest::save() {
+void manifest::save() {
   Json::Value root(Json::objectValue);
   root["version"] = kManifestVersion;
   root["channel_id"] = channel_id_;
@@ -118,14 +178,7 @@ bool manifest::save() {
   root["dropped_frames"] = std::move(dropped);
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "  ";
-  const std::string path = folder_ + kName;
-  const bool saved = replace_file(path, Json::writeString(writer, root) + "\n");
-  if (!saved && !std::exchange(failed_, true)) {
-    base::log_dir(folder_.c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
-                  "can't write %s: %s", path.c_str(), std::strerror(errno));
-  }
-  if (saved) failed_ = false;
-  return saved;
+  writer_.replace(folder_ + kName, Json::writeString(writer, root) + "\n");
 }
 
 }  // namespace zelta::core_service

@@ -9,6 +9,8 @@
 #include <map>
 #include <string>
 
+#include "core_service/state_writer.h"
+
 namespace zelta::core_service {
 
 struct manifest_file {
@@ -38,7 +40,10 @@ class manifest {
   // Goes on with the manifest that `folder` (with its slash) has: files that were being written
   // when its recorder ended are closed as "recorder died". One that can't be read is kept aside as
   // recording.json.broken.
-  manifest(std::string folder, std::string channel_id);
+  // The writer is borrowed.
+  manifest(std::string folder, std::string channel_id, state_writer& writer);
+
+  static constexpr const char* kName = "recording.json";
 
   // Adds a file and returns the number by which it is known here.
   size_t add(manifest_file file);
@@ -48,14 +53,18 @@ class manifest {
   void count_picture(uint32_t uid) { ++pictures_[uid]; }
   // How many this process has dropped so far.
   void set_dropped(const dropped_counts& now);
-  // Writes the manifest. False, with a line in the log, when the folder doesn't take it.
-  bool save();
+  // Writes the manifest, soon.
+  void save();
+  // For a recorder that takes over from one that died: files that the manifest doesn't know yet are
+  // added, and those that hold nothing go.
+  void settle();
 
  private:
   void load();
 
   const std::string folder_;
   const std::string channel_id_;
+  state_writer& writer_;
   // In the order in which they were opened.
   std::map<size_t, manifest_file> files_;
   size_t next_number_ = 0;
@@ -63,7 +72,6 @@ class manifest {
   // By the processes before this one, and in all.
   dropped_counts dropped_before_;
   dropped_counts dropped_;
-  bool failed_ = false;
 };
 
 }  // namespace zelta::core_service

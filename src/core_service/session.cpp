@@ -2,8 +2,10 @@
 #include "core_service/session.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <csignal>
 #include <cstdlib>
+#include <cstring>
 #include <random>
 #include <utility>
 
@@ -26,6 +28,10 @@ constexpr int64_t kSaveMs = 2000;
 // leaves when it is told so never sees the link break.
 constexpr int64_t kLingerMs = 5000;
 constexpr std::chrono::milliseconds kFlushLimit = 1s;
+// How long the manifest may hold up the join, which a folder that can't be written must fail, and
+// the end. A recovery waits for nothing.
+constexpr std::chrono::milliseconds kFirstWriteLimit = 500ms;
+constexpr std::chrono::milliseconds kLastWriteLimit = 2s;
 // Below it, nobody speaks.
 constexpr uint32_t kSpeakingVolume = 10;
 // Two who are as loud as each other don't take turns.
@@ -56,8 +62,11 @@ session::session(options given, std::string server, base::event_loop& loop)
       loop_(loop),
       posting_(loop),
       link_(options_.read_fd, options_.write_fd, loop, *this, options_.recording_file_dir),
-      manifest_(options_.recording_file_dir, options_.channel_id),
-      journal_(options_.recording_file_dir) {}
+      writer_([this](const std::string& path, int error) {
+        posting_.post([this, path, error] { on_not_written(path, error); });
+      }),
+      manifest_(options_.recording_file_dir, options_.channel_id, writer_),
+      journal_(options_.recording_file_dir, writer_) {}
 
 session::~session() {
   if (tick_ != nullptr) loop_.remove_timer(tick_);
@@ -74,14 +83,18 @@ void session::start() {
   alone_since_ms_ = base::tick_ms();
   // Laid once on the wall clock, here.
   static_cast<void>(media::utc_ms_of(media::now()));
-  if (!manifest_.save()) {
+  const bool recovery = options_.recovery_id > 0;
+  if (recovery) manifest_.settle();
+  manifest_.save();
+  const int failed = recovery ? 0 : writer_.flush(kFirstWriteLimit);
+  if (failed != 0 && failed != ETIMEDOUT) {
     return on_channel_failed("the recording folder " + options_.recording_file_dir +
-                             " can't be written");
+                             " can't be written: " + std::strerror(failed));
   }
   channel_place place;
   check_options();
   if (!prepare_channel(place) || !prepare_mix(place.rtp.jitter_latency)) return;
-  if (options_.recovery_id > 0) recover();
+  if (recovery) recover();
   set_volume_interval(options_.audio_indication_interval);
   serving_ = options_.trigger_mode == AUTOMATICALLY_MODE || journal_.state.serving;
   log(base::NOTICE_LOG, "joining channel " + options_.channel_id + " at " + server_);
@@ -248,8 +261,7 @@ void session::set_serving(bool serving, const std::string& why) {
 }
 
 void session::keep_journal() {
-  if (!journal_.save())
-    log(base::ERROR_LOG, "the journal can't be written: a recovery would forget");
+  journal_.save();
 }
 
 // An engine that died can't be told anything, but its recording is worth completing.
@@ -436,8 +448,16 @@ void session::save_manifest() {
   if (mix_) mix_->update_manifest();
   const auto& dropped = link_.dropped();
   manifest_.set_dropped({dropped.pictures, dropped.coded, dropped.sound});
-  // A folder that was removed takes no file any more, though those that are open don't notice.
-  if (!manifest_.save()) on_files_failed("the recording folder can't be written", true);
+  manifest_.save();
+}
+
+// A folder that was removed takes no file any more, though those that are open don't notice.
+void session::on_not_written(const std::string& path, int error) {
+  const bool journal_lost = path == options_.recording_file_dir + journal::kName;
+  log(base::ERROR_LOG, "can't write " + path + ": " + std::strerror(error) +
+                           (journal_lost ? "; a recovery would forget" : ""));
+  if (journal_lost || phase_ != phase::kRecording) return;
+  on_files_failed("the recording folder can't be written", true);
 }
 
 void session::leave(uint32_t reason, int status) {
@@ -462,6 +482,9 @@ void session::complete_when_idle() {
   const dropped_counts counts{dropped.pictures, dropped.coded, dropped.sound};
   manifest_.set_dropped(counts);
   manifest_.save();
+  if (writer_.flush(kLastWriteLimit) == ETIMEDOUT) {
+    log(base::WARN_LOG, "the disk is too slow for a last " + std::string(manifest::kName));
+  }
   if (counts.pictures + counts.coded + counts.sound > 0) {
     log(base::WARN_LOG,
         "frames were dropped, because the engine was too slow: " + std::to_string(counts.pictures) +

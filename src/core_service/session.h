@@ -82,6 +82,7 @@ class session final : private engine_listener, private channel_listener {
   void set_serving(bool serving, const std::string& why);
   void on_tick();
   void save_manifest();
+  void on_not_written(const std::string& path, int error);
   void leave(uint32_t reason, int status);
   void end_user(uint32_t uid, const std::string& why);
   void complete_when_idle();
@@ -94,6 +95,7 @@ class session final : private engine_listener, private channel_listener {
   base::event_loop& loop_;
   const media::posting posting_;
   engine_link link_;
+  state_writer writer_;
   manifest manifest_;
   journal journal_;
   recording_plan plan_;

@@ -311,15 +311,17 @@ TEST(Parameters, AreTakenOrNamedInAWarning) {
 TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
   const TempDir dir;
   std::string error;
-  journal first(dir.path());
+  state_writer writer(nullptr);
+  journal first(dir.path(), writer);
   EXPECT_FALSE(first.load(error)) << "there is none yet";
   first.state.layout = {0, 1, 0xfe, 0xff};
   first.state.user_backgrounds = {{4294967295U, "/a b/\"c\".png"}};
   first.state.log_level = 6;
   first.state.log_modules = 4294967295;
   first.state.serving = true;
-  ASSERT_TRUE(first.save());
-  journal second(dir.path());
+  first.save();
+  ASSERT_EQ(writer.flush(10s), 0);
+  journal second(dir.path(), writer);
   ASSERT_TRUE(second.load(error)) << error;
   EXPECT_EQ(second.state.layout, first.state.layout);
   EXPECT_EQ(second.state.user_backgrounds, first.state.user_backgrounds);

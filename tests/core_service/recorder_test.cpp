@@ -1,8 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // The recorder: its options and manifest, and recordings of real media through the engine.
+#include <filesystem>
+#include <map>
+#include <mutex>
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 
 #include "core_service/manifest.h"
@@ -12,8 +17,10 @@
 namespace zelta::test {
 namespace {
 
+using namespace std::chrono_literals;
 using core_service::manifest;
 using core_service::manifest_file;
+using core_service::state_writer;
 
 // ---- Options -------------------------------------------------------------------------------
 
@@ -78,8 +85,9 @@ TEST(RecorderOptions, LastOfTwoCommandLinesWinsAndBadValuesAreNamed) {
 
 TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
   const TempDir dir;
+  state_writer writer(nullptr);
   {
-    manifest first(dir.path(), "room");
+    manifest first(dir.path(), "room", writer);
     manifest_file file;
     file.name = "1_x.mp4";
     file.uid = 1;
@@ -87,12 +95,14 @@ TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
     file.last_utc_ms = 3500;
     first.add(file);
     first.at(first.add(manifest_file())).closed = "user left";
-    EXPECT_TRUE(first.save());
+    first.save();
+    EXPECT_EQ(writer.flush(10s), 0);
   }
-  manifest second(dir.path(), "room");
+  manifest second(dir.path(), "room", writer);
   second.remove(second.add(manifest_file()));
   second.at(second.add(manifest_file())).name = "new";
-  EXPECT_TRUE(second.save());
+  second.save();
+  EXPECT_EQ(writer.flush(10s), 0);
   const Json::Value files = read_json(dir.path() + "recording.json")["files"];
   ASSERT_EQ(files.size(), 3U);
   EXPECT_EQ(files[0]["closed"].asString(), "recorder died");
@@ -103,15 +113,91 @@ TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
 
 TEST(Manifest, UnreadableOneIsKeptAside) {
   const TempDir dir;
+  state_writer writer(nullptr);
   for (const char* broken : {"{\"files\":", "{\"files\":[5]}", "[1]"}) {
     dir.file("recording.json", broken);
-    manifest fresh(dir.path(), "room");
-    EXPECT_TRUE(fresh.save());
+    manifest fresh(dir.path(), "room", writer);
+    fresh.save();
+    EXPECT_EQ(writer.flush(10s), 0);
     EXPECT_EQ(read_file(dir.path() + "recording.json.broken"), broken);
     EXPECT_EQ(read_json(dir.path() + "recording.json")["files"].size(), 0U);
   }
-  manifest nowhere("/nonexistent/", "room");
-  EXPECT_FALSE(nowhere.save());
+  manifest nowhere("/nonexistent/", "room", writer);
+  nowhere.save();
+  EXPECT_EQ(writer.flush(10s), ENOENT);
+}
+
+TEST(Manifest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
+  const TempDir dir;
+  const auto in_manifest = [](const char* name) {
+    manifest_file file;
+    file.name = name;
+    return file;
+  };
+  state_writer writer(nullptr);
+  {
+    manifest died(dir.path(), "room", writer);
+    died.add(in_manifest("1_20260131T235959000.mp4"));
+    died.add(in_manifest("2_20260131T235959000.mp4"));
+    died.add(in_manifest("moved_away_meanwhile.mp4"));
+    died.save();
+    EXPECT_EQ(writer.flush(10s), 0);
+  }
+  dir.file("1_20260131T235959000.mp4", "media");
+  dir.file("2_20260131T235959000.mp4", "");
+  dir.file("4294967295_20260131T235959123.m4a", "media");
+  dir.file("mix_20260131T235959124.webm", "media");
+  dir.file("3_20260131T235959123.mp4", "");
+  for (const char* foreign : {"notes.mp4", "4_2026.mp4", "5_20260131T235959123.jpg"}) {
+    dir.file(foreign, "");
+  }
+  manifest successor(dir.path(), "room", writer);
+  successor.settle();
+  successor.save();
+  EXPECT_EQ(writer.flush(10s), 0);
+  std::map<std::string, Json::Value> files;
+  const Json::Value written = read_json(dir.path() + "recording.json")["files"];
+  for (const Json::Value& file : written) {
+    EXPECT_EQ(file["closed"].asString(), "recorder died");
+    files[file["name"].asString()] = file;
+  }
+  ASSERT_EQ(files.size(), 4U);
+  EXPECT_EQ(files.count("1_20260131T235959000.mp4"), 1U);
+  EXPECT_EQ(files.count("moved_away_meanwhile.mp4"), 1U);
+  const Json::Value& found = files["4294967295_20260131T235959123.m4a"];
+  EXPECT_EQ(found["uid"].asUInt(), 4294967295U);
+  EXPECT_EQ(found["kind"].asString(), "audio");
+  EXPECT_EQ(found["first_utc_ms"].asInt64(), 1769903999123);
+  EXPECT_GT(found["duration_ms"].asInt64(), 0) << "until it was written to last";
+  EXPECT_EQ(files["mix_20260131T235959124.webm"]["uid"].asUInt(), 0U);
+  for (const char* gone : {"2_20260131T235959000.mp4", "3_20260131T235959123.mp4"}) {
+    EXPECT_FALSE(std::filesystem::exists(dir.path() + gone)) << gone;
+  }
+  EXPECT_TRUE(std::filesystem::exists(dir.path() + "notes.mp4"));
+}
+
+TEST(StateWriter, NobodyWaitsForASlowDiskAndTheLatestTextWins) {
+  const TempDir dir;
+  std::map<std::string, int> failures;
+  std::mutex failures_lock;
+  state_writer writer([&](const std::string& path, int error) {
+    const std::lock_guard<std::mutex> guard(failures_lock);
+    failures[path] = error;
+  });
+  // Opening it takes until somebody reads, as a disk does that hangs.
+  const std::string pipe = dir.path() + "state.new";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  writer.replace(dir.path() + "state", "one");
+  EXPECT_EQ(writer.flush(50ms), ETIMEDOUT);
+  writer.replace(dir.path() + "state", "two");
+  writer.replace(dir.path() + "state", "three");
+  EXPECT_EQ(read_file(pipe), "one");
+  // A pipe can't be synced.
+  EXPECT_EQ(writer.flush(10s), EINVAL);
+  EXPECT_EQ(writer.flush(10s), 0) << "a failure is told once";
+  EXPECT_EQ(read_file(dir.path() + "state"), "three");
+  const std::lock_guard<std::mutex> guard(failures_lock);
+  EXPECT_EQ(failures, (std::map<std::string, int>{{dir.path() + "state", EINVAL}}));
 }
 
 // ---- Recordings ----------------------------------------------------------------------------
@@ -293,6 +379,33 @@ TEST_F(RecordingTest, KilledRecorderLosesAFragmentAndIsContinued) {
     EXPECT_EQ(decode_errors_of(folder + file["name"].asString()), "");
   }
   EXPECT_GT(seconds_of(folder + files()[0]["name"].asString()), 1.0);
+}
+
+TEST_F(RecordingTest, DiskThatHangsOverTheManifestHoldsUpNoMedia) {
+  const std::string recordings = dir.path() + "recordings/";
+  std::filesystem::create_directories(recordings);
+  const std::string settings =
+      dir.file("settings.json", "{\"Recording_Dir\": \"" + recordings + "\"}");
+  config.cfgFilePath = const_cast<char*>(settings.c_str());
+  // Opening it takes until somebody reads.
+  const std::string pipe = recordings + "recording.json.new";
+  ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
+  join("test:users=1,size=320x180");
+  ASSERT_TRUE(handler.wait_for("first video"));
+  std::string media;
+  EXPECT_TRUE(wait_until([&] {
+    for (const auto& entry : std::filesystem::directory_iterator(folder)) {
+      if (entry.path().extension() == ".mp4") media = entry.path().string();
+    }
+    return !media.empty() && std::filesystem::file_size(media) > 30'000;
+  }));
+  EXPECT_FALSE(std::filesystem::exists(folder + "recording.json"));
+  EXPECT_NE(read_file(pipe), "");
+  ASSERT_TRUE(wait_recorded(1000));
+  release();
+  ASSERT_EQ(files().size(), 1U);
+  EXPECT_EQ(folder + files()[0]["name"].asString(), media);
+  EXPECT_EQ(decode_errors_of(media), "");
 }
 
 TEST_F(RecordingTest, ChannelThatCannotBeJoinedIsAnErrorThatSaysWhat) {

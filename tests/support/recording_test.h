@@ -91,7 +91,7 @@ class RecordingTest : public ::testing::Test {
   template <class Ready>
   bool wait_until(Ready ready) const {
     const base::unique_fd changes(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    inotify_add_watch(changes.get(), folder.c_str(), IN_MOVED_TO | IN_DELETE);
+    inotify_add_watch(changes.get(), folder.c_str(), IN_MOVED_TO | IN_DELETE | IN_MODIFY);
     const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (!ready()) {
       const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(

@@ -200,7 +200,8 @@ class dir_channel : public channel {
       log(name + " can't be recorded: " + error);
       return {};
     }
-    if (!made->answer.empty() && !replace_file(folder_ + name + ".answer", made->answer)) {
+    if (!made->answer.empty() &&
+        !replace_file(folder_ + name + ".answer", made->answer, sync::kNo)) {
       log(name + ".answer can't be written: " + std::strerror(errno));
     }
     user_media from;
