@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "options.h"
 
+#include <cstdint>
 #include <sstream>
 
 #include <CLI/CLI.hpp>
@@ -48,14 +49,18 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
   app.add_option("--log-level", o.log_level, "1 fatal to 6 debug")->check(CLI::Range(1, 6));
   app.add_option("--app-id", o.app_id, "application id");
   app.add_option("--channel-key", o.channel_key, "key for the channel; default: the app id");
-  app.add_option("--uid", o.uid, "the recorder's own user id; 0: it chooses");
+  app.add_option("--uid", o.uid, "the recorder's own user id; 0: it chooses")
+      ->check(CLI::Range(int64_t{0}, int64_t{UINT32_MAX}));
 
   const char* const fields = "Configuration";
+  // One of a few: the engine passes on what it is given.
+  const auto choice = [&app, fields](const char* name, int& to, int last, const char* text) {
+    app.add_option(name, to, text)->check(CLI::Range(0, last))->group(fields);
+  };
   app.add_flag("--is-audio-only", c.isAudioOnly, "record audio only")->group(fields);
   app.add_flag("--is-video-only", c.isVideoOnly, "record video only")->group(fields);
   app.add_flag("--is-mixing-enabled", c.isMixingEnabled, "mix all users")->group(fields);
-  app.add_option("--mixed-video-audio", mixed_video_audio, "0 apart, 1 and 2 in one file")
-      ->group(fields);
+  choice("--mixed-video-audio", mixed_video_audio, 2, "0 apart, 1 and 2 in one file");
   auto* const mix_resolution =
       app.add_option("--mix-resolution", o.mix_resolution, "width,height,fps,kbps of the mix")
           ->group(fields);
@@ -71,11 +76,9 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
   auto* const cfg_file =
       app.add_option("--cfg-file-path", o.cfg_file_path, "JSON file of site settings")
           ->group(fields);
-  app.add_option("--decode-video", decode_video,
-                 "0 file, 1 H.264 frames, 2 YUV frames, 3 JPG frames, 4 JPG files, 5 JPG and file")
-      ->group(fields);
-  app.add_option("--decode-audio", decode_audio, "0 file, 1 AAC, 2 PCM, 3 mixed PCM frames")
-      ->group(fields);
+  choice("--decode-video", decode_video, 5,
+         "0 file, 1 H.264 frames, 2 YUV frames, 3 JPG frames, 4 JPG files, 5 JPG and file");
+  choice("--decode-audio", decode_audio, 3, "0 file, 1 AAC, 2 PCM, 3 mixed PCM frames");
   app.add_option("--low-udp-port", c.lowUdpPort, "lowest UDP port; 0: any")->group(fields);
   app.add_option("--high-udp-port", c.highUdpPort, "highest UDP port; 0: any")->group(fields);
   app.add_option("--idle-limit-sec", c.idleLimitSec, "leave after so many seconds without users")
@@ -87,15 +90,13 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
   app.add_option("--audio-indication-interval", c.audioIndicationInterval,
                  "milliseconds between volume reports; 0: none")
       ->group(fields);
-  app.add_option("--channel-profile", channel_profile, "0 communication, 1 live broadcasting")
-      ->group(fields);
-  app.add_option("--stream-type", stream_type, "0 large, 1 small picture")->group(fields);
-  app.add_option("--trigger-mode", trigger_mode, "0 automatic, 1 manual start")->group(fields);
-  app.add_option("--lang", lang, "0 C++, 1 Java")->group(fields);
+  choice("--channel-profile", channel_profile, 1, "0 communication, 1 live broadcasting");
+  choice("--stream-type", stream_type, 1, "0 large, 1 small picture");
+  choice("--trigger-mode", trigger_mode, 1, "0 automatic, 1 manual start");
+  choice("--lang", lang, 1, "0 C++, 1 Java");
   auto* const proxy =
       app.add_option("--proxy-server", o.proxy_server, "proxy server")->group(fields);
-  app.add_option("--audio-profile", audio_profile, "of the mix: 0 default, 1 high, 2 stereo")
-      ->group(fields);
+  choice("--audio-profile", audio_profile, 2, "of the mix: 0 default, 1 high, 2 stereo");
   auto* const video_bg =
       app.add_option("--default-video-bg", o.default_video_bg, "image behind the mix")
           ->group(fields);
@@ -117,7 +118,6 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
   if (o.channel_id.empty()) {
     return {false, "zelta-record: name the channel, or try --demo; --help shows all options\n", 2};
   }
-  // Whatever numbers were given: the engine's checks say what is wrong with them.
   c.mixedVideoAudio = static_cast<recording::MIXED_AV_CODEC_TYPE>(mixed_video_audio);
   c.decodeVideo = static_cast<recording::VIDEO_FORMAT_TYPE>(decode_video);
   c.decodeAudio = static_cast<recording::AUDIO_FORMAT_TYPE>(decode_audio);
