@@ -9,13 +9,14 @@
 #include <fstream>
 #include <optional>
 #include <regex>
-#include <set>
 #include <utility>
 
+#include <fcntl.h>
 #include <json/json.h>
 #include <sys/stat.h>
 
 #include "base/log.h"
+#include "base/unique_fd.h"
 
 namespace zelta::core_service {
 namespace {
@@ -71,13 +72,22 @@ std::optional<manifest_file> file_of_name(const std::string& name) {
   begin.tm_sec = number(7);
   manifest_file f;
   f.name = name;
-  f.uid = parts[1] == "mix" ? 0 : static_cast<uint32_t>(std::stoull(parts[1]));
+  const uint64_t uid = parts[1] == "mix" ? 0 : std::stoull(parts[1]);
+  if (uid > UINT32_MAX) return std::nullopt;
+  f.uid = static_cast<uint32_t>(uid);
   f.first_utc_ms = int64_t{timegm(&begin)} * 1000 + number(8);
   const std::string ending = parts[9];
   f.kind = ending == "m4a" ? "audio" : "audio_video";
   f.video_codec = ending == "mp4" ? "h264" : "";
   f.audio_codec = ending == "webm" ? "opus" : "aac";
   return f;
+}
+
+// A writer's lease is only given on a file that nobody else has open, as a recorder would that
+// records into the same folder.
+bool in_use(const std::string& path) {
+  const base::unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  return file.valid() && fcntl(file.get(), F_SETLEASE, F_WRLCK) != 0;
 }
 
 }  // namespace
@@ -121,31 +131,29 @@ void manifest::load() {
 // The recorder before this one may have died between making a file and writing about it, or before
 // anything was in it.
 void manifest::settle() {
-  std::set<std::string> known;
-  for (const auto& [number, f] : files_) known.insert(f.name);
+  std::map<std::string, size_t> known;
+  for (const auto& [number, f] : files_) known[f.name] = number;
   std::error_code ignored;
   const std::filesystem::directory_iterator end;
   for (std::filesystem::directory_iterator at(folder_, ignored); at != end; at.increment(ignored)) {
     auto found = file_of_name(at->path().filename().string());
+    if (!found) continue;
+    const auto listed = known.find(found->name);
+    if (listed != known.end() && files_.at(listed->second).closed != kDied) continue;
+    const std::string path = at->path().string();
     struct stat status {};
-    if (!found || known.count(found->name) != 0 || stat(at->path().c_str(), &status) != 0) continue;
-    const int64_t written_ms = status.st_mtim.tv_sec * 1000 + status.st_mtim.tv_nsec / 1'000'000;
-    found->last_utc_ms = std::max(found->first_utc_ms, written_ms);
-    found->closed = kDied;
-    add(std::move(*found));
-  }
-  for (auto at = files_.begin(); at != files_.end();) {
-    const std::string path = folder_ + at->second.name;
-    struct stat status {};
-    const bool empty = at->second.closed == kDied && stat(path.c_str(), &status) == 0 &&
-                       S_ISREG(status.st_mode) && status.st_size == 0;
-    if (empty) {
+    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || in_use(path)) continue;
+    if (status.st_size == 0) {
       base::log_dir(folder_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
-                    "%s held nothing yet when its recorder died, and goes",
-                    at->second.name.c_str());
+                    "%s held nothing yet when its recorder died, and goes", path.c_str());
       std::filesystem::remove(path, ignored);
+      if (listed != known.end()) files_.erase(listed->second);
+    } else if (listed == known.end()) {
+      const int64_t written_ms = status.st_mtim.tv_sec * 1000 + status.st_mtim.tv_nsec / 1'000'000;
+      found->last_utc_ms = std::max(found->first_utc_ms, written_ms);
+      found->closed = kDied;
+      add(std::move(*found));
     }
-    at = empty ? files_.erase(at) : std::next(at);
   }
 }
 

@@ -148,6 +148,8 @@ TEST(Manifest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
   dir.file("4294967295_20260131T235959123.m4a", "media");
   dir.file("mix_20260131T235959124.webm", "media");
   dir.file("3_20260131T235959123.mp4", "");
+  const base::unique_fd other_recorder(
+      open(dir.file("6_20260131T235959123.mp4", "").c_str(), O_WRONLY | O_CLOEXEC));
   for (const char* foreign : {"notes.mp4", "4_2026.mp4", "5_20260131T235959123.jpg"}) {
     dir.file(foreign, "");
   }
@@ -173,7 +175,9 @@ TEST(Manifest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
   for (const char* gone : {"2_20260131T235959000.mp4", "3_20260131T235959123.mp4"}) {
     EXPECT_FALSE(std::filesystem::exists(dir.path() + gone)) << gone;
   }
-  EXPECT_TRUE(std::filesystem::exists(dir.path() + "notes.mp4"));
+  for (const char* kept : {"notes.mp4", "6_20260131T235959123.mp4"}) {
+    EXPECT_TRUE(std::filesystem::exists(dir.path() + kept)) << kept;
+  }
 }
 
 TEST(StateWriter, NobodyWaitsForASlowDiskAndTheLatestTextWins) {
