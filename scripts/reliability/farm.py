@@ -14,6 +14,7 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 BIN = ROOT / "build/release/bin"
+STOP_S = 5.0
 
 
 def size_of(pid):
@@ -42,7 +43,20 @@ class Session:
             came = min((ms for ms in users if before < ms < death), default=None)
             left = any(before < file["first_utc_ms"] <= death for file in files)
             if came is not None and not left and not self.values("frames"):
-                yield min(death, self.left_ms()) - came
+                until = min(death, self.left_ms())
+                yield until - came - self.stopped_ms(came, until)
+
+    def stopped_ms(self, begin, end):
+        """How much of that time its recorder was stopped, and captured nothing."""
+        stops = [ms for ms, number in self.kills if number == signal.SIGSTOP]
+        return sum(max(0, min(end, ms + STOP_S * 1000) - max(begin, ms)) for ms in stops)
+
+    def stretches_a_life(self, files):
+        """How many files each of its recorders has made."""
+        deaths = sorted(ms for ms, number in self.kills if number != signal.SIGSTOP)
+        begins = [file["first_utc_ms"] for file in files]
+        return [sum(before < begin <= death for begin in begins)
+                for before, death in zip([0] + deaths, deaths + [math.inf])]
 
     def values(self, event):
         return [one["value"] for one in self.events if one["event"] == event]

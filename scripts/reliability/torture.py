@@ -24,7 +24,7 @@ import tempfile
 import threading
 import time
 
-from farm import ROOT, Farm, size_of
+from farm import ROOT, STOP_S, Farm, size_of
 
 sys.path.insert(0, str(ROOT / "scripts/media"))
 import marks  # noqa: E402  pylint: disable=wrong-import-position
@@ -33,7 +33,6 @@ import marks  # noqa: E402  pylint: disable=wrong-import-position
 FRAGMENT_MS = 200
 IN_FLIGHT_MS = 350
 COMPLETE_S = 2.0
-STOP_S = 5.0
 RECOVERIES = 3
 # A death so short before its session leaves may go unseen.
 SEEN_MS = 100
@@ -81,6 +80,8 @@ def check_files(session, findings):
         findings.wrong_if(not session.kills, f"{session.folder}: no manifest: {error}")
         return
     left_ms = session.left_ms()
+    stretches = session.stretches_a_life(manifest["files"])
+    findings.wrong_if(max(stretches) > 1, f"{session.folder}: stretches a recorder: {stretches}")
     for age in session.lives_without_a_file(manifest["files"]):
         # Killed before its first fragment; its successor has removed the empty file.
         with findings.lock:
@@ -99,7 +100,8 @@ def check_files(session, findings):
         killed_ms = min(after, default=None) if died else None
         findings.wrong_if(died and killed_ms is None, f"{file['name']}: died of nothing")
         findings.wrong_if(file["closed"] == "" and not given_up, f"{session.folder}{file['name']}: never closed")
-        age = (killed_ms or 0) - file["first_utc_ms"]
+        begin_ms = file["first_utc_ms"]
+        age = killed_ms - begin_ms - session.stopped_ms(begin_ms, killed_ms) if killed_ms else 0
         length = playable_ms(pathlib.Path(session.folder, file["name"]))
         with findings.lock:
             findings.stretches += 1

@@ -22,6 +22,10 @@ using namespace std::chrono_literals;
 
 // What doesn't come has to be noticed: gaps, silence, the time to stop.
 constexpr int kTickMs = 100;
+// After a tick that is so late, because the machine or the process stood still, media is on its way
+// that must not be taken for missing.
+constexpr int64_t kStandstillMs = 500;
+constexpr int64_t kCatchUpMs = 1000;
 // The manifest of a running recording is this fresh.
 constexpr int64_t kSaveMs = 2000;
 // A recorder that left by itself waits so long for the engine to hang up: an application that
@@ -80,7 +84,7 @@ void session::start() {
                                           std::string("ZeltaCoreService " ZELTA_REVISION)));
   tick_ = loop_.add_timer(
       kTickMs, [](int, void* self) { static_cast<session*>(self)->on_tick(); }, this);
-  alone_since_ms_ = base::tick_ms();
+  alone_since_ms_ = ticked_ms_ = base::tick_ms();
   // Laid once on the wall clock, here.
   static_cast<void>(media::utc_ms_of(media::now()));
   const bool recovery = options_.recovery_id > 0;
@@ -430,15 +434,24 @@ void session::on_files_failed(const std::string& why, bool fatal) {
 void session::on_tick() {
   const int64_t now = base::tick_ms();
   if (phase_ == phase::kLingering && now >= linger_until_ms_) return done();
-  for (const auto& one : users_) one.second->tick();
-  for (const auto& one : leaving_) one->tick();
-  if (mix_) mix_->tick();
+  const int64_t since_tick_ms = now - std::exchange(ticked_ms_, now);
+  if (since_tick_ms > kStandstillMs) {
+    log(base::NOTICE_LOG, "stood still for " + std::to_string(since_tick_ms) + " ms");
+    caught_up_ms_ = now + kCatchUpMs;
+  }
+  if (now >= caught_up_ms_) look_for_gaps();
   if (phase_ != phase::kRecording) return;
   if (now - saved_ms_ >= kSaveMs && !users_.empty()) save_manifest();
   if (users_.empty() && now - alone_since_ms_ >= int64_t{options_.idle} * 1000) {
     log(base::NOTICE_LOG, "nobody here for " + std::to_string(options_.idle) + " s");
     leave(LEAVE_CODE_NO_USERS, kExitDone);
   }
+}
+
+void session::look_for_gaps() {
+  for (const auto& one : users_) one.second->tick();
+  for (const auto& one : leaving_) one->tick();
+  if (mix_) mix_->tick();
 }
 
 void session::save_manifest() {

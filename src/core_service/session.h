@@ -81,6 +81,7 @@ class session final : private engine_listener, private channel_listener {
   void keep_journal();
   void set_serving(bool serving, const std::string& why);
   void on_tick();
+  void look_for_gaps();
   void save_manifest();
   void on_not_written(const std::string& path, int error);
   void leave(uint32_t reason, int status);
@@ -116,6 +117,8 @@ class session final : private engine_listener, private channel_listener {
   int64_t alone_since_ms_ = 0;
   int64_t linger_until_ms_ = 0;
   int64_t saved_ms_ = 0;
+  int64_t ticked_ms_ = 0;
+  int64_t caught_up_ms_ = 0;
   uint32_t active_speaker_ = 0;
   bool receives_audio_ = false;
   bool receives_video_ = false;

@@ -385,6 +385,20 @@ TEST_F(RecordingTest, KilledRecorderLosesAFragmentAndIsContinued) {
   EXPECT_GT(seconds_of(folder + files()[0]["name"].asString()), 1.0);
 }
 
+TEST_F(RecordingTest, StoppedRecorderGoesOnInItsFiles) {
+  join("test:users=1,size=320x180");
+  ASSERT_TRUE(handler.wait_for("first video"));
+  ASSERT_TRUE(wait_recorded(1500));
+  // Longer than a picture or sound may stay away.
+  const std::string recorder = " -P " + std::to_string(getpid()) + " ZeltaCoreServic; ";
+  output_of("pkill -STOP" + recorder + "sleep 4; pkill -CONT" + recorder);
+  ASSERT_TRUE(wait_recorded(8000));
+  release();
+  ASSERT_EQ(files().size(), 1U);
+  EXPECT_EQ(files()[0]["kind"].asString(), "audio_video");
+  EXPECT_EQ(decode_errors_of(folder + files()[0]["name"].asString()), "");
+}
+
 TEST_F(RecordingTest, DiskThatHangsOverTheManifestHoldsUpNoMedia) {
   const std::string recordings = dir.path() + "recordings/";
   std::filesystem::create_directories(recordings);
