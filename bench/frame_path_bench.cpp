@@ -65,7 +65,9 @@ Json::Value measured(const engine_transfer& run) {
 
 // One round: every way to move frames of every kind, one after the other.
 Json::Value throughput_round(const std::string& only, bool baselines) {
-  const wire wires[] = {plain_wire("pipe", false, false), plain_wire("splice", false, true),
+  wire huge = plain_wire("huge", false, true);
+  huge.huge_pages = true;
+  const wire wires[] = {plain_wire("pipe", false, false), plain_wire("splice", false, true), huge,
                         plain_wire("socket", true, false)};
   Json::Value round(Json::objectValue);
   for (const kind_row& row : kKinds) {

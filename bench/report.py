@@ -13,9 +13,10 @@ import statistics
 import subprocess
 import sys
 
-BASELINES = ["memcpy", "splice", "socket", "pipe", "zeromq"]
+BASELINES = ["memcpy", "huge", "splice", "socket", "pipe", "zeromq"]
 HEADINGS = {
     "memcpy": "memcpy",
+    "huge": "vmsplice, huge pages at both ends",
     "splice": "vmsplice, read into place",
     "socket": "Unix socket",
     "pipe": "plain pipe",
@@ -200,8 +201,10 @@ def main():
         f"Made by `scripts/bench.sh` on {platform.machine()}, Linux {platform.release()}, "
         f"{len(run.rounds)} rounds. The engine's way begins in the recorder's frame code and ends "
         "in the application's callback; a baseline moves the same bytes between two bare "
-        "processes in the same run, one frame a call, read into one buffer. Absolute figures are "
-        "this machine's; compare the ratios.\n",
+        "processes in the same run, one frame a call, read into one buffer. The engine's raw "
+        "pictures lie in huge pages, as the recorder's decoders make them; a baseline's frames "
+        "lie in small ones unless it says otherwise. Absolute figures are this machine's; "
+        "compare the ratios.\n",
         "## Bounds\n", run.bounds(),
         "## Throughput, GB/s (in brackets: how many times it the engine does)\n",
         "![Throughput](throughput.svg)\n", run.throughput(),

@@ -2,6 +2,7 @@
 #include "core_service/manifest.h"
 
 #include <algorithm>
+#include <csignal>
 #include <cstdio>
 #include <ctime>
 #include <exception>
@@ -84,10 +85,12 @@ std::optional<manifest_file> file_of_name(const std::string& name) {
 }
 
 // A writer's lease is only given on a file that nobody else has open, as a recorder would that
-// records into the same folder.
+// records into the same folder. Who opens it in this moment makes the kernel send a signal, which
+// must be one that does nothing.
 bool in_use(const std::string& path) {
   const base::unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  return file.valid() && fcntl(file.get(), F_SETLEASE, F_WRLCK) != 0;
+  return !file.valid() || fcntl(file.get(), F_SETSIG, SIGURG) != 0 ||
+         fcntl(file.get(), F_SETLEASE, F_WRLCK) != 0;
 }
 
 }  // namespace
