@@ -2,22 +2,16 @@
 #include "core_service/manifest.h"
 
 #include <algorithm>
-#include <csignal>
 #include <cstdio>
-#include <ctime>
 #include <exception>
-#include <filesystem>
 #include <fstream>
-#include <optional>
-#include <regex>
 #include <utility>
 
-#include <fcntl.h>
 #include <json/json.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include "base/log.h"
-#include "base/unique_fd.h"
+#include "core_service/leftover_files.h"
 
 namespace zelta::core_service {
 namespace {
@@ -54,43 +48,6 @@ manifest_file from_json(const Json::Value& v) {
   f.last_utc_ms = v.get("last_utc_ms", Json::Int64{0}).asInt64();
   f.closed = v.get("closed", "").asString();
   return f;
-}
-
-// What the name of a file tells of it, as file_series makes names: UID or "mix", the UTC time of
-// its begin, the container.
-std::optional<manifest_file> file_of_name(const std::string& name) {
-  static const std::regex form(
-      R"((\d{1,10}|mix)_(\d{4})(\d\d)(\d\d)T(\d\d)(\d\d)(\d\d)(\d{3})\.(mp4|m4a|webm))");
-  std::smatch parts;
-  if (!std::regex_match(name, parts, form)) return std::nullopt;
-  const auto number = [&parts](size_t part) { return std::stoi(parts[part]); };
-  std::tm begin{};
-  begin.tm_year = number(2) - 1900;
-  begin.tm_mon = number(3) - 1;
-  begin.tm_mday = number(4);
-  begin.tm_hour = number(5);
-  begin.tm_min = number(6);
-  begin.tm_sec = number(7);
-  manifest_file f;
-  f.name = name;
-  const uint64_t uid = parts[1] == "mix" ? 0 : std::stoull(parts[1]);
-  if (uid > UINT32_MAX) return std::nullopt;
-  f.uid = static_cast<uint32_t>(uid);
-  f.first_utc_ms = int64_t{timegm(&begin)} * 1000 + number(8);
-  const std::string ending = parts[9];
-  f.kind = ending == "m4a" ? "audio" : "audio_video";
-  f.video_codec = ending == "mp4" ? "h264" : "";
-  f.audio_codec = ending == "webm" ? "opus" : "aac";
-  return f;
-}
-
-// A writer's lease is only given on a file that nobody else has open, as a recorder would that
-// records into the same folder. Who opens it in this moment makes the kernel send a signal, which
-// must be one that does nothing.
-bool in_use(const std::string& path) {
-  const base::unique_fd file(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  return !file.valid() || fcntl(file.get(), F_SETSIG, SIGURG) != 0 ||
-         fcntl(file.get(), F_SETLEASE, F_WRLCK) != 0;
 }
 
 }  // namespace
@@ -131,31 +88,22 @@ void manifest::load() {
   }
 }
 
-// The recorder before this one may have died between making a file and writing about it, or before
-// anything was in it.
-void manifest::settle() {
+void manifest::adopt_leftovers() {
   std::map<std::string, size_t> known;
   for (const auto& [number, f] : files_) known[f.name] = number;
-  std::error_code ignored;
-  const std::filesystem::directory_iterator end;
-  for (std::filesystem::directory_iterator at(folder_, ignored); at != end; at.increment(ignored)) {
-    auto found = file_of_name(at->path().filename().string());
-    if (!found) continue;
-    const auto listed = known.find(found->name);
-    if (listed != known.end() && files_.at(listed->second).closed != kDied) continue;
-    const std::string path = at->path().string();
-    struct stat status {};
-    if (stat(path.c_str(), &status) != 0 || !S_ISREG(status.st_mode) || in_use(path)) continue;
-    if (status.st_size == 0) {
+  for (leftover_file& found : leftover_files(folder_)) {
+    const auto listed = known.find(found.file.name);
+    const bool is_listed = listed != known.end();
+    if (is_listed && files_.at(listed->second).closed != kDied) continue;
+    if (found.empty) {
+      const std::string path = folder_ + found.file.name;
       base::log_dir(folder_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
                     "%s held nothing yet when its recorder died, and goes", path.c_str());
-      std::filesystem::remove(path, ignored);
-      if (listed != known.end()) files_.erase(listed->second);
-    } else if (listed == known.end()) {
-      const int64_t written_ms = status.st_mtim.tv_sec * 1000 + status.st_mtim.tv_nsec / 1'000'000;
-      found->last_utc_ms = std::max(found->first_utc_ms, written_ms);
-      found->closed = kDied;
-      add(std::move(*found));
+      unlink(path.c_str());
+      if (is_listed) files_.erase(listed->second);
+    } else if (!is_listed) {
+      found.file.closed = kDied;
+      add(std::move(found.file));
     }
   }
 }

@@ -55,9 +55,9 @@ class manifest {
   void set_dropped(const dropped_counts& now);
   // Writes the manifest, soon.
   void save();
-  // For a recorder that takes over from one that died: files that the manifest doesn't know yet are
-  // added, and those that hold nothing go.
-  void settle();
+  // For a recorder that takes over from one that died between making a file and writing about it,
+  // or before anything was in it: the former are added, the latter go.
+  void adopt_leftovers();
 
  private:
   void load();

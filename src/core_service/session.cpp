@@ -88,7 +88,7 @@ void session::start() {
   // Laid once on the wall clock, here.
   static_cast<void>(media::utc_ms_of(media::now()));
   const bool recovery = options_.recovery_id > 0;
-  if (recovery) manifest_.settle();
+  if (recovery) manifest_.adopt_leftovers();
   manifest_.save();
   const int failed = recovery ? 0 : writer_.flush(kFirstWriteLimit);
   if (failed != 0 && failed != ETIMEDOUT) {
@@ -186,7 +186,7 @@ void session::on_leave_command() {
 void session::on_log_level(uint32_t level) {
   base::log_config::set_log_level(static_cast<base::log_levels>(level));
   journal_.state.log_level = level;
-  keep_journal();
+  journal_.save();
 }
 
 void session::on_log_modules(uint32_t modules, bool enable) {
@@ -196,7 +196,7 @@ void session::on_log_modules(uint32_t modules, bool enable) {
     base::log_config::disable_module(modules);
   }
   journal_.state.log_modules = base::log_config::get_enabled_modules();
-  keep_journal();
+  journal_.save();
 }
 
 void session::on_parameters(const std::string& text) {
@@ -213,7 +213,7 @@ void session::on_parameters(const std::string& text) {
 void session::on_layout(const std::vector<uint8_t>& bytes) {
   if (!apply_layout(bytes)) return;
   journal_.state.layout = bytes;
-  keep_journal();
+  journal_.save();
 }
 
 bool session::apply_layout(const std::vector<uint8_t>& bytes) {
@@ -236,7 +236,7 @@ void session::on_user_background(uint32_t uid, const std::string& path) {
   }
   mix_->set_user_background(uid, path);
   journal_.state.user_backgrounds[uid] = path;
-  keep_journal();
+  journal_.save();
 }
 
 void session::on_start_service() {
@@ -261,10 +261,6 @@ void session::set_serving(bool serving, const std::string& why) {
   if (mix_ && serving && !users_.empty()) mix_->start_service();
   if (mix_ && !serving) mix_->stop_service(why);
   journal_.state.serving = serving;
-  keep_journal();
-}
-
-void session::keep_journal() {
   journal_.save();
 }
 

@@ -78,7 +78,6 @@ class session final : private engine_listener, private channel_listener {
   void report_volumes();
   void set_volume_interval(int interval_ms);
   bool apply_layout(const std::vector<uint8_t>& bytes);
-  void keep_journal();
   void set_serving(bool serving, const std::string& why);
   void on_tick();
   void look_for_gaps();

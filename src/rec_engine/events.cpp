@@ -18,6 +18,13 @@ uint32_t size_of(const std::string& payload) {
   return static_cast<uint32_t>(payload.size());
 }
 
+template <class Packet>
+void add_pictures(Packet& p, const RecordingEngineImpl::mediaFrameCnt& counters) {
+  p.yuvCnts.push_back(counters.yuvCnt);
+  p.h264Cnts.push_back(counters.h264Cnt);
+  p.jpgCnts.push_back(counters.jpgCnt);
+}
+
 }  // namespace
 
 // ---- Events --------------------------------------------------------------------------------
@@ -218,41 +225,35 @@ void RecordingEngineImpl::report_counts() {
   }
 }
 
-// `fill` gets the packet, a uid and its counters, once a user and in ascending order of uids.
+// `fill` gets the packet and a user's counters, once a user and in ascending order of uids.
 template <class Packet, class Fill>
 void RecordingEngineImpl::report(Fill fill) {
   if (peers_.empty()) return;
   send<Packet>([this, &fill](Packet& p) {
     std::apply([this](auto&... vectors) { (vectors.reserve(peers_.size()), ...); },
                Packet::fields(p));
-    for (const auto& [uid, counters] : peers_) fill(p, uid, *counters);
+    for (const auto& [uid, counters] : peers_) {
+      p.uids.push_back(uid);
+      fill(p, *counters);
+    }
   });
 }
 
 void RecordingEngineImpl::report_media_count() {
-  report<protocol::media_frame_confirm_packet>([](auto& p, uint32_t uid, const auto& counters) {
-    p.uids.push_back(uid);
+  report<protocol::media_frame_confirm_packet>([](auto& p, const auto& counters) {
     p.pcmCnts.push_back(counters.pcmCnt);
-    p.yuvCnts.push_back(counters.yuvCnt);
-    p.h264Cnts.push_back(counters.h264Cnt);
-    p.jpgCnts.push_back(counters.jpgCnt);
+    add_pictures(p, counters);
   });
 }
 
 void RecordingEngineImpl::report_video_count() {
-  report<protocol::video_frame_confirm_packet>([](auto& p, uint32_t uid, const auto& counters) {
-    p.uids.push_back(uid);
-    p.yuvCnts.push_back(counters.yuvCnt);
-    p.h264Cnts.push_back(counters.h264Cnt);
-    p.jpgCnts.push_back(counters.jpgCnt);
-  });
+  report<protocol::video_frame_confirm_packet>(
+      [](auto& p, const auto& counters) { add_pictures(p, counters); });
 }
 
 void RecordingEngineImpl::report_audio_count() {
-  report<protocol::audio_frame_confirm_packet>([](auto& p, uint32_t uid, const auto& counters) {
-    p.uids.push_back(uid);
-    p.pcmCnts.push_back(counters.pcmCnt);
-  });
+  report<protocol::audio_frame_confirm_packet>(
+      [](auto& p, const auto& counters) { p.pcmCnts.push_back(counters.pcmCnt); });
 }
 
 }  // namespace zelta::recording

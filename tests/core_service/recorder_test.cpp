@@ -154,7 +154,7 @@ TEST(Manifest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
     dir.file(foreign, "");
   }
   manifest successor(dir.path(), "room", writer);
-  successor.settle();
+  successor.adopt_leftovers();
   successor.save();
   EXPECT_EQ(writer.flush(10s), 0);
   std::map<std::string, Json::Value> files;

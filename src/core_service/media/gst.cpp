@@ -62,26 +62,25 @@ void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
   });
 }
 
-__attribute__((no_sanitize("thread"))) buffer_times times_of(const GstBuffer* buffer) {
+ZELTA_NOT_FOR_TSAN buffer_times times_of(const GstBuffer* buffer) {
   return {GST_BUFFER_PTS(buffer), GST_BUFFER_DTS(buffer), GST_BUFFER_DURATION(buffer)};
 }
 
-__attribute__((no_sanitize("thread"))) void set_times(GstBuffer* buffer,
-                                                      const buffer_times& times) {
+ZELTA_NOT_FOR_TSAN void set_times(GstBuffer* buffer, const buffer_times& times) {
   GST_BUFFER_PTS(buffer) = times.pts;
   GST_BUFFER_DTS(buffer) = times.dts;
   GST_BUFFER_DURATION(buffer) = times.duration;
 }
 
-__attribute__((no_sanitize("thread"))) bool is_key(const GstBuffer* buffer) {
+ZELTA_NOT_FOR_TSAN bool is_key(const GstBuffer* buffer) {
   return !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
 }
 
-__attribute__((no_sanitize("thread"))) GstEventType type_of(const GstEvent* event) {
+ZELTA_NOT_FOR_TSAN GstEventType type_of(const GstEvent* event) {
   return GST_EVENT_TYPE(event);
 }
 
-__attribute__((no_sanitize("thread"))) GstMessageType type_of(const GstMessage* message) {
+ZELTA_NOT_FOR_TSAN GstMessageType type_of(const GstMessage* message) {
   return GST_MESSAGE_TYPE(message);
 }
 

@@ -13,6 +13,11 @@
 
 #include "base/event_loop.h"
 
+// GStreamer hands buffers and memory from thread to thread, and uses them again, under locks that
+// the thread sanitizer doesn't see, because the library isn't instrumented: what looks into them is
+// not for it to judge.
+#define ZELTA_NOT_FOR_TSAN __attribute__((no_sanitize("thread")))
+
 namespace zelta::core_service::media {
 
 struct object_unref {
@@ -79,9 +84,8 @@ class carried {
 void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
                 std::function<void()> ended);
 
-// The times of a buffer. All that reads and writes fields of GStreamer's stands in these: it hands
-// them from thread to thread and uses their memory again under locks that the thread sanitizer
-// doesn't see, because the library isn't instrumented, so it is told not to look.
+// The times of a buffer. All that reads and writes fields of GStreamer's stands in these, so that
+// nothing else has to be hidden from the thread sanitizer.
 struct buffer_times {
   GstClockTime pts = GST_CLOCK_TIME_NONE;
   GstClockTime dts = GST_CLOCK_TIME_NONE;

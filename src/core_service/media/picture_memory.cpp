@@ -12,6 +12,8 @@
 
 #include <sys/mman.h>
 
+#include "core_service/media/gst.h"
+
 namespace zelta::core_service::media {
 namespace {
 
@@ -116,10 +118,6 @@ regions& all_regions() {
 }
 
 // ---- As GStreamer sees it ------------------------------------------------------------------
-
-// GStreamer hands blocks from thread to thread under locks that the thread sanitizer doesn't see,
-// so what looks into them is not for it to judge.
-#define ZELTA_NOT_FOR_TSAN __attribute__((no_sanitize("thread")))
 
 // A block; or a part of one, which keeps its parent and has no slot of its own.
 struct picture_block {
