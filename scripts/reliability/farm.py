@@ -28,8 +28,20 @@ class Session:
     def __init__(self):
         self.events = []
         self.folder = ""
+        self.channel = ""
         self.kills = []  # (UTC ms, signal)
         self.kill_at = None
+
+    def files(self):
+        """What the manifests in its folder say of its files; None when none is there that can be read."""
+        found = None
+        for path in sorted(pathlib.Path(self.folder).glob("recording*.json")):
+            try:
+                files = json.loads(path.read_text())["files"]
+            except (OSError, ValueError):
+                continue
+            found = (found or []) + [one for one in files if one["channel_id"] == self.channel]
+        return found
 
     def left_ms(self):
         """When the application began to leave; infinity for one that hasn't."""
@@ -90,6 +102,7 @@ class Farm:
                 session = self.sessions.setdefault(key, Session())
                 session.events.append(event)
                 session.folder = event["folder"] or session.folder
+                session.channel = event["channel"]
                 if event["event"] == "joined":
                     session.kill_at = time.monotonic() + random.uniform(0.3, 2.5)
                 if event["event"] == "error":
@@ -112,7 +125,7 @@ class Farm:
         return False
 
     def children(self):
-        """Recorders by folder; and how many children are zombies."""
+        """Recorders by channel; and how many children are zombies."""
         found, zombies = {}, 0
         for task in pathlib.Path(f"/proc/{self.process.pid}/task").glob("*/children"):
             try:
@@ -125,7 +138,7 @@ class Farm:
                     if not command[0]:
                         zombies += 1
                         continue
-                    at = command.index(b"--recording_file_dir")
+                    at = command.index(b"--channel_id")
                     found[command[at + 1].decode()] = int(pid)
                 except (OSError, ValueError):
                     continue

@@ -96,7 +96,7 @@ def stall(work):
     farm = Farm(work, "test:users=2,video=h264,audio=opus,size=1280x720,fps=15", 1, 120, frames="frames")
     good = farm.wait_joined(1)
     time.sleep(5)
-    folder, pid = next(iter(farm.children()[0].items()), ("", 0))
+    pid = next(iter(farm.children()[0].values()), 0)
     before = size_of(pid)[0]
     os.kill(farm.process.pid, signal.SIGSTOP)
     most = 0
@@ -107,7 +107,7 @@ def stall(work):
     time.sleep(3)
     after = size_of(pid)[0]
     status = farm.finish()
-    dropped = json.loads(pathlib.Path(folder, "recording.json").read_text())["dropped_frames"]
+    dropped = json.loads(pathlib.Path(farm.ended[0].folder, "recording.json").read_text())["dropped_frames"]
     lost = [one for session in farm.ended for one in session.events
             if one["event"] in ("error", "warning")]
     print("\n## An application that stops for 10 s, two users of 1280x720 as pictures and sound\n")

@@ -4,8 +4,10 @@
 #include <charconv>
 #include <exception>
 #include <fstream>
+#include <utility>
 
 #include <json/json.h>
+#include <unistd.h>
 
 namespace zelta::core_service {
 namespace {
@@ -39,6 +41,7 @@ std::vector<uint8_t> bytes_of(const std::string& hex) {
 journal_state from_json(const Json::Value& root) {
   journal_state state;
   if (root.get("version", 0).asInt() != kVersion) throw Json::RuntimeError("unknown version");
+  state.session = root.get("session", "").asString();
   state.layout = bytes_of(root.get("layout", "").asString());
   const Json::Value& backgrounds = root["user_backgrounds"];
   for (const std::string& uid : backgrounds.getMemberNames()) {
@@ -52,11 +55,11 @@ journal_state from_json(const Json::Value& root) {
 
 }  // namespace
 
-bool journal::load(std::string& error) {
-  std::ifstream file(path_);
+std::optional<journal_state> read_journal(const std::string& path, std::string& error) {
+  std::ifstream file(path);
   if (!file) {
-    error = "there is no " + path_;
-    return false;
+    error = "there is no " + path;
+    return std::nullopt;
   }
   try {
     Json::Value root;
@@ -64,17 +67,37 @@ bool journal::load(std::string& error) {
     if (!Json::parseFromStream(Json::CharReaderBuilder(), file, &root, &errors)) {
       throw Json::RuntimeError(errors);
     }
-    state = from_json(root);
-    return true;
+    return from_json(root);
   } catch (const std::exception& e) {
-    error = path_ + " can't be read: " + e.what();
+    error = path + " can't be read: " + e.what();
+    return std::nullopt;
+  }
+}
+
+journal::journal(std::string path, std::string session, state_writer& writer)
+    : path_(std::move(path)), writer_(writer) {
+  state.session = std::move(session);
+}
+
+bool journal::load(std::string& error) {
+  auto left = read_journal(path_, error);
+  if (!left) return false;
+  if (left->session != state.session) {
+    error = path_ + " is of another session, \"" + left->session + "\"";
     return false;
   }
+  state = std::move(*left);
+  return true;
+}
+
+void journal::remove() const {
+  unlink(path_.c_str());
 }
 
 void journal::save() const {
   Json::Value root(Json::objectValue);
   root["version"] = kVersion;
+  root["session"] = state.session;
   root["layout"] = hex_of(state.layout);
   Json::Value backgrounds(Json::objectValue);
   for (const auto& [uid, path] : state.user_backgrounds) backgrounds[std::to_string(uid)] = path;

@@ -1,10 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // journal.json: what the application has told the recorder, for the process that takes over when
-// this one dies. Rewritten whole at every change. For the recorder's loop thread.
+// this one dies. Rewritten whole at every change, and gone when the session has ended in order. For
+// the recorder's loop thread.
 #pragma once
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -13,6 +15,8 @@
 namespace zelta::core_service {
 
 struct journal_state {
+  // Whose journal it is, as folder_share names sessions.
+  std::string session;
   // As rec_engine/mixing_layout.h encodes it; empty: none was set.
   std::vector<uint8_t> layout;
   std::map<uint32_t, std::string> user_backgrounds;
@@ -21,19 +25,21 @@ struct journal_state {
   bool serving = false;      // a manually started service ran
 };
 
+// Null, with `error` saying why, when there is none that makes sense.
+std::optional<journal_state> read_journal(const std::string& path, std::string& error);
+
 class journal {
  public:
   // The writer is borrowed.
-  journal(const std::string& folder, state_writer& writer)
-      : path_(folder + kName), writer_(writer) {}
+  journal(std::string path, std::string session, state_writer& writer);
 
-  static constexpr const char* kName = "journal.json";
-
-  // What the predecessor left in the folder; false, with `error` saying why, when there is nothing
-  // of use.
+  // What the predecessor left; false, with `error` saying why, when there is nothing of use.
   bool load(std::string& error);
   // Writes after a change of `state`, soon.
   void save() const;
+  // After the last one was written.
+  void remove() const;
+  const std::string& path() const { return path_; }
 
   journal_state state;
 

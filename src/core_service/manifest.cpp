@@ -4,7 +4,9 @@
 #include <algorithm>
 #include <cstdio>
 #include <exception>
+#include <filesystem>
 #include <fstream>
+#include <system_error>
 #include <utility>
 
 #include <json/json.h>
@@ -22,6 +24,7 @@ constexpr const char* kDied = "recorder died";
 Json::Value to_json(const manifest_file& f) {
   Json::Value v(Json::objectValue);
   v["name"] = f.name;
+  v["channel_id"] = f.channel_id;
   v["uid"] = f.uid;
   v["kind"] = f.kind;
   v["video_codec"] = f.video_codec;
@@ -35,9 +38,10 @@ Json::Value to_json(const manifest_file& f) {
   return v;
 }
 
-manifest_file from_json(const Json::Value& v) {
+manifest_file from_json(const Json::Value& v, const Json::Value& channel_id) {
   manifest_file f;
   f.name = v.get("name", "").asString();
+  f.channel_id = v.get("channel_id", channel_id).asString();
   f.uid = v.get("uid", 0U).asUInt();
   f.kind = v.get("kind", "").asString();
   f.video_codec = v.get("video_codec", "").asString();
@@ -50,24 +54,34 @@ manifest_file from_json(const Json::Value& v) {
   return f;
 }
 
+// Throws when it isn't JSON.
+Json::Value parse(std::ifstream& file) {
+  Json::Value root;
+  std::string errors;
+  if (!Json::parseFromStream(Json::CharReaderBuilder(), file, &root, &errors)) {
+    throw Json::RuntimeError(errors);
+  }
+  return root;
+}
+
 }  // namespace
 
-manifest::manifest(std::string folder, std::string channel_id, state_writer& writer)
-    : folder_(std::move(folder)), channel_id_(std::move(channel_id)), writer_(writer) {
+manifest::manifest(std::string folder, std::string name, std::string channel_id,
+                   state_writer& writer)
+    : folder_(std::move(folder)),
+      name_(std::move(name)),
+      channel_id_(std::move(channel_id)),
+      writer_(writer) {
   load();
 }
 
 void manifest::load() {
-  const std::string path = folder_ + kName;
+  const std::string path = folder_ + name_;
   std::ifstream file(path);
   if (!file) return;
   try {
-    Json::Value root;
-    std::string errors;
-    if (!Json::parseFromStream(Json::CharReaderBuilder(), file, &root, &errors)) {
-      throw Json::RuntimeError(errors);
-    }
-    for (const Json::Value& entry : root["files"]) add(from_json(entry));
+    const Json::Value root = parse(file);
+    for (const Json::Value& entry : root["files"]) add(from_json(entry, root["channel_id"]));
     const Json::Value& pictures = root["pictures"];
     for (const std::string& uid : pictures.getMemberNames()) {
       pictures_[static_cast<uint32_t>(std::stoul(uid))] = pictures[uid].asUInt64();
@@ -80,7 +94,8 @@ void manifest::load() {
     files_.clear();
     pictures_.clear();
     base::log_dir(folder_.c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
-                  "%s can't be read and is kept as %s.broken: %s", kName, kName, e.what());
+                  "%s can't be read and is kept as %s.broken: %s", name_.c_str(), name_.c_str(),
+                  e.what());
     std::rename(path.c_str(), (path + ".broken").c_str());
   }
   for (auto& [number, f] : files_) {
@@ -89,9 +104,11 @@ void manifest::load() {
 }
 
 void manifest::adopt_leftovers() {
+  const std::set<std::string> of_others = listed_elsewhere();
   std::map<std::string, size_t> known;
   for (const auto& [number, f] : files_) known[f.name] = number;
   for (leftover_file& found : leftover_files(folder_)) {
+    if (of_others.count(found.file.name) != 0) continue;
     const auto listed = known.find(found.file.name);
     const bool is_listed = listed != known.end();
     if (is_listed && files_.at(listed->second).closed != kDied) continue;
@@ -108,12 +125,32 @@ void manifest::adopt_leftovers() {
   }
 }
 
+std::set<std::string> manifest::listed_elsewhere() const {
+  std::set<std::string> names;
+  std::error_code ignored;
+  const std::filesystem::directory_iterator end;
+  for (std::filesystem::directory_iterator at(folder_, ignored); at != end; at.increment(ignored)) {
+    const std::string name = at->path().filename().string();
+    const bool is_manifest = name.rfind("recording", 0) == 0 && at->path().extension() == ".json";
+    if (!is_manifest || name == name_) continue;
+    try {
+      std::ifstream file(at->path());
+      const Json::Value root = parse(file);
+      for (const Json::Value& entry : root["files"]) names.insert(entry["name"].asString());
+    } catch (const std::exception&) {
+      // Whose it is will say so.
+    }
+  }
+  return names;
+}
+
 void manifest::set_dropped(const dropped_counts& now) {
   dropped_ = {dropped_before_.pictures + now.pictures, dropped_before_.coded + now.coded,
               dropped_before_.sound + now.sound};
 }
 
 size_t manifest::add(manifest_file file) {
+  if (file.channel_id.empty()) file.channel_id = channel_id_;
   files_.emplace(next_number_, std::move(file));
   return next_number_++;
 }
@@ -137,7 +174,7 @@ void manifest::save() {
   root["dropped_frames"] = std::move(dropped);
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "  ";
-  writer_.replace(folder_ + kName, Json::writeString(writer, root) + "\n");
+  writer_.replace(folder_ + name_, Json::writeString(writer, root) + "\n");
 }
 
 }  // namespace zelta::core_service

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// recording.json: what files the recording has and where each stands in time.
+// recording.json: what files the recording has and where each stands in time. In a folder that
+// takes one session after the other, those of all of them.
 //
 // Replaced as a whole, so that a reader sees a true one at every moment and a crash leaves the
 // last. All functions are for the recorder's loop thread.
@@ -7,6 +8,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 
 #include "core_service/state_writer.h"
@@ -15,6 +17,7 @@ namespace zelta::core_service {
 
 struct manifest_file {
   std::string name;         // in the recording folder
+  std::string channel_id;   // empty: that of the manifest's own session
   uint32_t uid = 0;         // 0: the mix
   std::string kind;         // "audio_video", "audio", "video"
   std::string video_codec;  // "h264", "vp8", "vp9"; empty: no video
@@ -37,13 +40,12 @@ struct dropped_counts {
 
 class manifest {
  public:
-  // Goes on with the manifest that `folder` (with its slash) has: files that were being written
-  // when its recorder ended are closed as "recorder died". One that can't be read is kept aside as
-  // recording.json.broken.
-  // The writer is borrowed.
-  manifest(std::string folder, std::string channel_id, state_writer& writer);
+  // Goes on with the manifest that `folder` (with its slash) has by that name: files that were
+  // being written when its recorder ended are closed as "recorder died". One that can't be read is
+  // kept aside as NAME.broken. The writer is borrowed.
+  manifest(std::string folder, std::string name, std::string channel_id, state_writer& writer);
 
-  static constexpr const char* kName = "recording.json";
+  const std::string& name() const { return name_; }
 
   // Adds a file and returns the number by which it is known here.
   size_t add(manifest_file file);
@@ -56,13 +58,16 @@ class manifest {
   // Writes the manifest, soon.
   void save();
   // For a recorder that takes over from one that died between making a file and writing about it,
-  // or before anything was in it: the former are added, the latter go.
+  // or before anything was in it: the former are added, the latter go. What other manifests in the
+  // folder name is theirs.
   void adopt_leftovers();
 
  private:
   void load();
+  std::set<std::string> listed_elsewhere() const;
 
   const std::string folder_;
+  const std::string name_;
   const std::string channel_id_;
   state_writer& writer_;
   // In the order in which they were opened.

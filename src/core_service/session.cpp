@@ -66,11 +66,14 @@ session::session(options given, std::string server, base::event_loop& loop)
       loop_(loop),
       posting_(loop),
       link_(options_.read_fd, options_.write_fd, loop, *this, options_.recording_file_dir),
+      share_(options_.recording_file_dir,
+             folder_share::session_name(options_.uid, options_.channel_id),
+             options_.recovery_id > 0),
       writer_([this](const std::string& path, int error) {
         posting_.post([this, path, error] { on_not_written(path, error); });
       }),
-      manifest_(options_.recording_file_dir, options_.channel_id, writer_),
-      journal_(options_.recording_file_dir, writer_) {}
+      manifest_(share_.folder(), share_.manifest_name(), options_.channel_id, writer_),
+      journal_(share_.folder() + share_.journal_name(), share_.session(), writer_) {}
 
 session::~session() {
   if (tick_ != nullptr) loop_.remove_timer(tick_);
@@ -88,8 +91,14 @@ void session::start() {
   // Laid once on the wall clock, here.
   static_cast<void>(media::utc_ms_of(media::now()));
   const bool recovery = options_.recovery_id > 0;
-  if (recovery) manifest_.adopt_leftovers();
+  std::string no_journal;
+  if (recovery) {
+    manifest_.adopt_leftovers();
+    journal_.load(no_journal);
+  }
   manifest_.save();
+  // One of a former session in this folder is no predecessor's.
+  journal_.save();
   const int failed = recovery ? 0 : writer_.flush(kFirstWriteLimit);
   if (failed != 0 && failed != ETIMEDOUT) {
     return on_channel_failed("the recording folder " + options_.recording_file_dir +
@@ -98,7 +107,7 @@ void session::start() {
   channel_place place;
   check_options();
   if (!prepare_channel(place) || !prepare_mix(place.rtp.jitter_latency)) return;
-  if (recovery) recover();
+  if (recovery) recover(no_journal);
   set_volume_interval(options_.audio_indication_interval);
   serving_ = options_.trigger_mode == AUTOMATICALLY_MODE || journal_.state.serving;
   log(base::NOTICE_LOG, "joining channel " + options_.channel_id + " at " + server_);
@@ -159,9 +168,8 @@ bool session::prepare_mix(media::media_time lateness) {
 }
 
 // Goes on where the process before this one was stopped.
-void session::recover() {
-  std::string error;
-  if (!journal_.load(error)) return log(base::WARN_LOG, "recovery without a journal: " + error);
+void session::recover(const std::string& no_journal) {
+  if (!no_journal.empty()) return log(base::WARN_LOG, "recovery without a journal: " + no_journal);
   const journal_state& state = journal_.state;
   if (state.log_level != 0) on_log_level(state.log_level);
   if (state.log_modules >= 0) {
@@ -462,7 +470,7 @@ void session::save_manifest() {
 
 // A folder that was removed takes no file any more, though those that are open don't notice.
 void session::on_not_written(const std::string& path, int error) {
-  const bool journal_lost = path == options_.recording_file_dir + journal::kName;
+  const bool journal_lost = path == journal_.path();
   log(base::ERROR_LOG, "can't write " + path + ": " + std::strerror(error) +
                            (journal_lost ? "; a recovery would forget" : ""));
   if (journal_lost || phase_ != phase::kRecording) return;
@@ -492,7 +500,9 @@ void session::complete_when_idle() {
   manifest_.set_dropped(counts);
   manifest_.save();
   if (writer_.flush(kLastWriteLimit) == ETIMEDOUT) {
-    log(base::WARN_LOG, "the disk is too slow for a last " + std::string(manifest::kName));
+    log(base::WARN_LOG, "the disk is too slow for a last " + manifest_.name());
+  } else {
+    journal_.remove();
   }
   if (counts.pictures + counts.coded + counts.sound > 0) {
     log(base::WARN_LOG,

@@ -14,6 +14,7 @@
 #include "base/event_loop.h"
 #include "core_service/channel/channel.h"
 #include "core_service/engine_link.h"
+#include "core_service/folder_share.h"
 #include "core_service/journal.h"
 #include "core_service/manifest.h"
 #include "core_service/mix/mix.h"
@@ -69,7 +70,7 @@ class session final : private engine_listener, private channel_listener {
   void check_options();
   bool prepare_channel(channel_place& place);
   bool prepare_mix(media::media_time lateness);
-  void recover();
+  void recover(const std::string& no_journal);
 
   void on_user_error(uint32_t uid, const std::string& why);
   user::events events_of(uint32_t uid);
@@ -95,6 +96,7 @@ class session final : private engine_listener, private channel_listener {
   base::event_loop& loop_;
   const media::posting posting_;
   engine_link link_;
+  const folder_share share_;
   state_writer writer_;
   manifest manifest_;
   journal journal_;

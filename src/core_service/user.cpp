@@ -7,7 +7,7 @@
 #include <cstring>
 #include <utility>
 
-#include "base/clocks.h"
+#include "core_service/file_name.h"
 
 namespace zelta::core_service {
 namespace {
@@ -143,8 +143,9 @@ void user::start_frames(media_time time) {
 // On the encoder's thread. Written under another name first, so that whoever looks for pictures
 // finds whole ones.
 void user::write_jpg(const media::media_sample& sample) {
-  const std::string path = around_.folder + std::to_string(uid_) + "_" +
-                           base::utc_compact_text(media::utc_ms_of(sample.time)) + ".jpg";
+  const std::string path =
+      around_.folder + claim_file(around_.folder, std::to_string(uid_),
+                                  media::utc_ms_of(sample.time), ".jpg", ".new");
   const std::string fresh = path + ".new";
   GstMapInfo map{};
   if (gst_buffer_map(sample.buffer.get(), &map, GST_MAP_READ) == FALSE) return;

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A join: the recording folder, the recorder's command line, its launch.
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <deque>
@@ -63,7 +64,8 @@ int RecordingEngineImpl::setup_recording_folder(const RecordingConfig* config,
   if (is_set(config->cfgFilePath)) {
     const std::string path = with_slash(get_val_from_cfg(config->cfgFilePath, "Recording_Dir"));
     if (!path.empty()) {
-      if (!exists(path) && mkdir(path.c_str(), kFolderMode) < 0) {
+      // Another session may make it in the same moment.
+      if (!exists(path) && mkdir(path.c_str(), kFolderMode) < 0 && errno != EEXIST) {
         ENGINE_LOG(ERROR_LOG) << "Failed to create the recording folder in config file";
         return kRefused;
       }

@@ -312,7 +312,8 @@ TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
   const TempDir dir;
   std::string error;
   state_writer writer(nullptr);
-  journal first(dir.path(), writer);
+  const std::string path = dir.path() + "journal.json";
+  journal first(path, "1@2 0 room", writer);
   EXPECT_FALSE(first.load(error)) << "there is none yet";
   first.state.layout = {0, 1, 0xfe, 0xff};
   first.state.user_backgrounds = {{4294967295U, "/a b/\"c\".png"}};
@@ -321,12 +322,15 @@ TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
   first.state.serving = true;
   first.save();
   ASSERT_EQ(writer.flush(10s), 0);
-  journal second(dir.path(), writer);
+  journal second(path, "1@2 0 room", writer);
   ASSERT_TRUE(second.load(error)) << error;
   EXPECT_EQ(second.state.layout, first.state.layout);
   EXPECT_EQ(second.state.user_backgrounds, first.state.user_backgrounds);
   EXPECT_EQ(second.state.log_modules, 4294967295);
   EXPECT_TRUE(second.state.serving);
+  journal stranger(path, "1@2 0 hall", writer);
+  EXPECT_FALSE(stranger.load(error));
+  EXPECT_NE(error.find("another session, \"1@2 0 room\""), std::string::npos) << error;
   for (const char* broken : {"", "[]", "{\"version\":2}", "{\"version\":1,\"layout\":\"0\"}",
                              "{\"version\":1,\"layout\":\"zz\"}",
                              "{\"version\":1,\"user_backgrounds\":{\"x\":\"y\"}}"}) {

@@ -87,7 +87,7 @@ TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
   const TempDir dir;
   state_writer writer(nullptr);
   {
-    manifest first(dir.path(), "room", writer);
+    manifest first(dir.path(), "recording.json", "room", writer);
     manifest_file file;
     file.name = "1_x.mp4";
     file.uid = 1;
@@ -98,7 +98,7 @@ TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
     first.save();
     EXPECT_EQ(writer.flush(10s), 0);
   }
-  manifest second(dir.path(), "room", writer);
+  manifest second(dir.path(), "recording.json", "hall", writer);
   second.remove(second.add(manifest_file()));
   second.at(second.add(manifest_file())).name = "new";
   second.save();
@@ -108,7 +108,9 @@ TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
   EXPECT_EQ(files[0]["closed"].asString(), "recorder died");
   EXPECT_EQ(files[0]["duration_ms"].asInt(), 2500);
   EXPECT_EQ(files[1]["closed"].asString(), "user left");
+  EXPECT_EQ(files[1]["channel_id"].asString(), "room");
   EXPECT_EQ(files[2]["name"].asString(), "new");
+  EXPECT_EQ(files[2]["channel_id"].asString(), "hall");
 }
 
 TEST(Manifest, UnreadableOneIsKeptAside) {
@@ -116,13 +118,13 @@ TEST(Manifest, UnreadableOneIsKeptAside) {
   state_writer writer(nullptr);
   for (const char* broken : {"{\"files\":", "{\"files\":[5]}", "[1]"}) {
     dir.file("recording.json", broken);
-    manifest fresh(dir.path(), "room", writer);
+    manifest fresh(dir.path(), "recording.json", "room", writer);
     fresh.save();
     EXPECT_EQ(writer.flush(10s), 0);
     EXPECT_EQ(read_file(dir.path() + "recording.json.broken"), broken);
     EXPECT_EQ(read_json(dir.path() + "recording.json")["files"].size(), 0U);
   }
-  manifest nowhere("/nonexistent/", "room", writer);
+  manifest nowhere("/nonexistent/", "recording.json", "room", writer);
   nowhere.save();
   EXPECT_EQ(writer.flush(10s), ENOENT);
 }
@@ -136,7 +138,7 @@ TEST(Manifest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
   };
   state_writer writer(nullptr);
   {
-    manifest died(dir.path(), "room", writer);
+    manifest died(dir.path(), "recording.json", "room", writer);
     died.add(in_manifest("1_20260131T235959000.mp4"));
     died.add(in_manifest("2_20260131T235959000.mp4"));
     died.add(in_manifest("moved_away_meanwhile.mp4"));
@@ -153,7 +155,10 @@ TEST(Manifest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
   for (const char* foreign : {"notes.mp4", "4_2026.mp4", "5_20260131T235959123.jpg"}) {
     dir.file(foreign, "");
   }
-  manifest successor(dir.path(), "room", writer);
+  dir.file("7_20260131T235959000.mp4", "media");
+  dir.file("recording_2.json", R"({"files": [{"name": "7_20260131T235959000.mp4"}]})");
+  dir.file("recording_3.json", "[");
+  manifest successor(dir.path(), "recording.json", "room", writer);
   successor.adopt_leftovers();
   successor.save();
   EXPECT_EQ(writer.flush(10s), 0);
@@ -400,11 +405,7 @@ TEST_F(RecordingTest, StoppedRecorderGoesOnInItsFiles) {
 }
 
 TEST_F(RecordingTest, DiskThatHangsOverTheManifestHoldsUpNoMedia) {
-  const std::string recordings = dir.path() + "recordings/";
-  std::filesystem::create_directories(recordings);
-  const std::string settings =
-      dir.file("settings.json", "{\"Recording_Dir\": \"" + recordings + "\"}");
-  config.cfgFilePath = const_cast<char*>(settings.c_str());
+  const std::string recordings = fix_folder();
   // Opening it takes until somebody reads.
   const std::string pipe = recordings + "recording.json.new";
   ASSERT_EQ(mkfifo(pipe.c_str(), 0600), 0);
@@ -424,6 +425,33 @@ TEST_F(RecordingTest, DiskThatHangsOverTheManifestHoldsUpNoMedia) {
   ASSERT_EQ(files().size(), 1U);
   EXPECT_EQ(folder + files()[0]["name"].asString(), media);
   EXPECT_EQ(decode_errors_of(media), "");
+}
+
+TEST_F(RecordingTest, SessionsInOneFolderAreNothingToEachOther) {
+  fix_folder();
+  join("test:users=1,size=320x180");
+  RecordingHandler other_handler;
+  const std::unique_ptr<IRecordingEngine, Releaser> other(
+      IRecordingEngine::createZeltaRecordingEngine("app", &other_handler));
+  ASSERT_TRUE(handler.wait_for("first video"));
+  ASSERT_EQ(other->joinChannel("", "hall", 77, config), 0);
+  ASSERT_TRUE(other_handler.wait_for("first video"));
+  const auto hall = [this] { return read_json(folder + "recording_2.json")["files"]; };
+  ASSERT_TRUE(wait_until([&] { return hall()[0]["duration_ms"].asInt() > 1000; }));
+  output_of("pkill -KILL -P " + std::to_string(getpid()) + " -f channel_id.hall");
+  ASSERT_TRUE(other_handler.wait_for("first video", 2));
+  other->leaveChannel();
+  const Json::Value of_hall = hall();
+  release();
+  EXPECT_EQ(handler.count("warning"), 0);
+  ASSERT_EQ(files().size(), 1U);
+  EXPECT_EQ(files()[0]["closed"].asString(), "recording ended");
+  ASSERT_EQ(of_hall.size(), 2U);
+  EXPECT_EQ(of_hall[0]["closed"].asString(), "recorder died");
+  EXPECT_EQ(of_hall[1]["channel_id"].asString(), "hall");
+  for (const char* journal : {"journal.json", "journal_2.json"}) {
+    EXPECT_FALSE(std::filesystem::exists(folder + journal)) << "nobody would read it any more";
+  }
 }
 
 TEST_F(RecordingTest, ChannelThatCannotBeJoinedIsAnErrorThatSaysWhat) {

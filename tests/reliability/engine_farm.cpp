@@ -4,15 +4,20 @@
 //     engine_farm ENGINES ROOT SECONDS [frames|half]
 //
 // With "frames" it takes pictures and sound as frames instead of having them recorded, with "half"
-// in every second session. Prints a line of JSON an event. Who runs it kills its recorders, and it,
-// and looks at what is left; scripts/torture.sh does.
+// in every second session; then half of the sessions record into one folder, which the settings
+// fix. Each session has a channel of its own, in a folder of channels a link to "torture". Prints a
+// line of JSON an event. Who runs it kills its recorders, and it, and looks at what is left;
+// scripts/torture.sh does.
 #include <condition_variable>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
+#include <fstream>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -54,18 +59,30 @@ constexpr int64_t kRoundingMs = 1;
 
 class session final : public test::QuietHandler {
  public:
-  session(int slot, int number) : slot_(slot), number_(number) {}
+  session(int slot, int number)
+      : slot_(slot),
+        number_(number),
+        channel_("torture_" + std::to_string(slot) + "_" + std::to_string(number)) {}
 
-  void run(const char* root, int seconds, bool frames) {
+  // `settings`: a configuration file, or null.
+  void run(const char* root, int seconds, bool frames, const char* settings) {
+    const std::string server = std::getenv("ZELTA_CHANNEL_SERVER");
+    std::error_code ignored;
+    if (server.rfind("dir:", 0) == 0) {
+      std::filesystem::create_directory_symlink("torture", server.substr(4) + "/" + channel_,
+                                                ignored);
+    }
     RecordingConfig config;
     config.recordFileRootDir = const_cast<char*>(root);
+    config.cfgFilePath = const_cast<char*>(settings);
     if (frames) {
       config.decodeAudio = AUDIO_FORMAT_PCM_FRAME_TYPE;
       config.decodeVideo = VIDEO_FORMAT_YUV_FRAME_TYPE;
     }
     IRecordingEngine* const engine = IRecordingEngine::createZeltaRecordingEngine("torture", this);
     engine_ = static_cast<const RecordingEngineImpl*>(engine);
-    const int joined = engine == nullptr ? -1 : engine->joinChannel("", "torture", 0, config);
+    const int joined =
+        engine == nullptr ? -1 : engine->joinChannel("", channel_.c_str(), 0, config);
     if (joined == 0) {
       {
         // Events are said on the engine's thread meanwhile.
@@ -135,13 +152,15 @@ class session final : public test::QuietHandler {
     const std::lock_guard<std::mutex> guard(output);
     std::printf(
         "{\"slot\": %d, \"session\": %d, \"event\": \"%s\", \"value\": %d, \"utc_ms\": %lld, "
-        "\"folder\": \"%s\"}\n",
-        slot_, number_, event, value, static_cast<long long>(base::utc_ms()), folder_.c_str());
+        "\"folder\": \"%s\", \"channel\": \"%s\"}\n",
+        slot_, number_, event, value, static_cast<long long>(base::utc_ms()), folder_.c_str(),
+        channel_.c_str());
     std::fflush(stdout);
   }
 
   const int slot_;
   const int number_;
+  const std::string channel_;
   std::string folder_;
   bool failed_ = false;
   const RecordingEngineImpl* engine_ = nullptr;
@@ -161,13 +180,19 @@ int main(int argc, char** argv) {
   }
   base::log_config::set_log_level(base::ERROR_LOG);
   const int seconds = std::atoi(argv[3]);
+  const std::string root = argv[2];
+  const std::string settings = root + "/settings.json";
+  std::ofstream(settings) << "{\"Recording_Dir\": \"" << root << "/shared\"}\n";
   std::vector<std::thread> slots;
   for (int slot = 0; slot < std::atoi(argv[1]); ++slot) {
     slots.emplace_back(
-        [slot, seconds, root = argv[2], mode = std::string(argc == 5 ? argv[4] : "")] {
+        [slot, seconds, &root, &settings, mode = std::string(argc == 5 ? argv[4] : "")] {
           for (int number = 0; !is_over(); ++number) {
-            const bool frames = mode == "frames" || (mode == "half" && number % 2 == 1);
-            std::make_unique<session>(slot, number)->run(root, seconds, frames);
+            const bool half = mode == "half";
+            const bool frames = mode == "frames" || (half && number % 2 == 1);
+            const bool shared = half && number % 4 < 2;
+            std::make_unique<session>(slot, number)
+                ->run(root.c_str(), seconds, frames, shared ? settings.c_str() : nullptr);
           }
         });
   }

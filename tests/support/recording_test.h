@@ -5,6 +5,7 @@
 #include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 
@@ -76,6 +77,14 @@ class RecordingTest : public ::testing::Test {
     ASSERT_EQ(engine->joinChannel("", "room", 77, config), 0);
     folder = engine->getProperties()->storageDir;
   }
+  // Makes the settings fix the recording folder, which is returned.
+  std::string fix_folder() {
+    const std::string recordings = dir.path() + "recordings/";
+    std::filesystem::create_directories(recordings);
+    settings = dir.file("settings.json", "{\"Recording_Dir\": \"" + recordings + "\"}");
+    config.cfgFilePath = settings.data();
+    return recordings;
+  }
   // Recorders that ended by themselves must have ended well; a sanitizer's find is a status too.
   void release() {
     engine.reset();
@@ -119,6 +128,7 @@ class RecordingTest : public ::testing::Test {
   RecordingConfig config;
   std::unique_ptr<IRecordingEngine, Releaser> engine;
   std::string folder;
+  std::string settings;
 };
 
 }  // namespace zelta::test

@@ -95,7 +95,8 @@ void record_until_end(const record::options& o, reporter& report) {
 int run(record::options& o) {
   if (!o.server.empty()) setenv("ZELTA_CHANNEL_SERVER", o.server.c_str(), 1);
   reporter report(
-      o.json, o.frames_dir.empty() ? nullptr : std::make_unique<record::frame_files>(o.frames_dir));
+      o.json, o.channel_id,
+      o.frames_dir.empty() ? nullptr : std::make_unique<record::frame_files>(o.frames_dir));
   engine_ptr engine(
       recording::IRecordingEngine::createZeltaRecordingEngine(o.app_id.c_str(), &report));
   if (!engine) return record::kUsage;

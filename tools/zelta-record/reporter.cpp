@@ -53,11 +53,12 @@ struct reporter::field {
   Json::Value value;
 };
 
-reporter::reporter(bool json, std::unique_ptr<frame_files> frames)
+reporter::reporter(bool json, std::string channel_id, std::unique_ptr<frame_files> frames)
     : json_(json),
       terminal_(!json && isatty(STDOUT_FILENO) == 1),
       frames_(std::move(frames)),
-      start_ms_(now_ms()) {}
+      start_ms_(now_ms()),
+      channel_id_(std::move(channel_id)) {}
 
 reporter::state reporter::wait_change(state from, std::chrono::steady_clock::time_point limit) {
   std::unique_lock<std::mutex> lock(mutex_);
@@ -117,7 +118,7 @@ void reporter::clear_progress_locked() {
 
 std::string reporter::recorded_bytes_locked() const {
   uint64_t bytes = 0;
-  const std::vector<recorded_file> files = recorded_files(folder_);
+  const std::vector<recorded_file> files = recorded_files(folder_, channel_id_);
   for (const recorded_file& file : files) bytes += file.bytes;
   return std::to_string(files.size()) + " files, " + readable_bytes(static_cast<double>(bytes));
 }
@@ -141,7 +142,7 @@ void reporter::show_progress() {
 
 void reporter::show_files(const std::string& folder) {
   event("folder", {{"path", folder}});
-  for (const recorded_file& file : recorded_files(folder)) {
+  for (const recorded_file& file : recorded_files(folder, channel_id_)) {
     event("file", {{"name", file.name},
                    {"uid", file.uid},
                    {"codecs", file.codecs},

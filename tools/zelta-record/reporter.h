@@ -28,7 +28,7 @@ enum exit_status : int {
 class reporter : public recording::IRecordingEngineEventHandler {
  public:
   // `frames` may be null.
-  reporter(bool json, std::unique_ptr<frame_files> frames);
+  reporter(bool json, std::string channel_id, std::unique_ptr<frame_files> frames);
 
   enum class state { kJoining, kRecording, kOver };
   // Waits until the state isn't `from` any more, until `limit` at most; returns the present one.
@@ -38,7 +38,7 @@ class reporter : public recording::IRecordingEngineEventHandler {
   int status() const;
   // Redraws the progress line: on a terminal, or as a line of JSON.
   void show_progress();
-  // Says what was recorded, from the manifest in `folder`.
+  // Says what was recorded, from the manifests in `folder`.
   void show_files(const std::string& folder);
 
   void onError(int error, recording::STAT_CODE_TYPE stat_code) override;
@@ -76,6 +76,7 @@ class reporter : public recording::IRecordingEngineEventHandler {
   state state_ = state::kJoining;
   int status_ = kRecorded;
   int64_t start_ms_;
+  const std::string channel_id_;
   std::string folder_;
   int users_ = 0;
   uint64_t frame_count_ = 0;

@@ -6,7 +6,7 @@
 
 #include <unistd.h>
 
-#include "base/clocks.h"
+#include "core_service/file_name.h"
 
 namespace zelta::core_service::media {
 namespace {
@@ -37,15 +37,6 @@ const char* ending_of(container kind) {
 
 sound_codec codec_in(container kind) {
   return kind == container::kWebm ? sound_codec::kOpus : sound_codec::kAac;
-}
-
-// Names sort by time. A name that is taken, as by a file of the same millisecond, is passed over.
-std::string free_name(const std::string& folder, const std::string& prefix, int64_t utc_ms,
-                      const char* ending) {
-  for (;; ++utc_ms) {
-    std::string name = prefix + "_" + base::utc_compact_text(utc_ms) + ending;
-    if (access((folder + name).c_str(), F_OK) != 0) return name;
-  }
 }
 
 }  // namespace
@@ -130,7 +121,7 @@ void file_series::open(media_time begin, const media_file::contents& holds,
   of.video = kind;
   if (video != nullptr) of.video_caps.reset(gst_caps_ref(video->caps.get()));
   const std::string name =
-      free_name(around_.folder, plan_.prefix, utc_ms_of(begin), ending_of(holds.kind));
+      claim_file(around_.folder, plan_.prefix, utc_ms_of(begin), ending_of(holds.kind));
   std::string error;
   of.file = media_file::make(
       around_.folder + name, holds, around_.loop,
@@ -141,6 +132,7 @@ void file_series::open(media_time begin, const media_file::contents& holds,
   if (of.file && switches) encoder = make_encoder(codec);
   if (!of.file || (switches && !encoder)) {
     files_.pop_back();
+    unlink((around_.folder + name).c_str());
     recording_ = false;
     log(base::ERROR_LOG, "can't be recorded: " + error);
     return told_.failed(error, false);

@@ -1,0 +1,110 @@
+// SPDX-License-Identifier: Apache-2.0
+// Sessions that record into one folder.
+#include <filesystem>
+#include <optional>
+#include <set>
+#include <thread>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include "core_service/file_name.h"
+#include "core_service/folder_share.h"
+#include "support/temp_dir.h"
+
+namespace zelta::test {
+namespace {
+
+using core_service::claim_file;
+using core_service::folder_share;
+
+class FolderShareTest : public ::testing::Test {
+ protected:
+  void journal(int number, const std::string& session) const {
+    dir.file(number == 1 ? "journal.json" : "journal_" + std::to_string(number) + ".json",
+             "{\"version\": 1, \"session\": \"" + session + "\"}");
+  }
+  folder_share fresh() const { return {dir.path(), me, false}; }
+  std::string after_a_relaunch() const { return folder_share(dir.path(), me, true).journal_name(); }
+
+  const TempDir dir;
+  const std::string me = folder_share::session_name(7, "room");
+  // Of the same process, which lives.
+  const std::string other = folder_share::session_name(7, "hall");
+};
+
+TEST_F(FolderShareTest, EverySessionHasItsOwnUntilItEnds) {
+  std::optional<folder_share> first(fresh());
+  const folder_share second = fresh();
+  const folder_share third = fresh();
+  EXPECT_EQ(first->manifest_name(), "recording.json");
+  EXPECT_EQ(first->journal_name(), "journal.json");
+  EXPECT_EQ(second.manifest_name(), "recording_2.json");
+  EXPECT_EQ(third.journal_name(), "journal_3.json");
+  first.reset();
+  EXPECT_EQ(fresh().manifest_name(), "recording.json");
+  const folder_share nowhere("/nonexistent/", me, false);
+  EXPECT_EQ(nowhere.manifest_name(), "recording.json") << "writing it says what is wrong";
+}
+
+TEST_F(FolderShareTest, RelaunchFindsItsOwnAgainWhateverElseIsFree) {
+  journal(1, other);
+  {
+    const std::vector<folder_share> shares = [this] {
+      std::vector<folder_share> all;
+      for (int i = 0; i < 3; ++i) all.push_back(fresh());
+      return all;
+    }();
+    EXPECT_EQ(shares[2].journal_name(), "journal_4.json");
+  }
+  journal(4, me);
+  EXPECT_EQ(after_a_relaunch(), "journal_4.json") << "two and three have ended";
+  journal(3, other);
+  EXPECT_EQ(after_a_relaunch(), "journal_4.json");
+  std::filesystem::remove(dir.path() + "journal_4.json");
+  EXPECT_EQ(after_a_relaunch(), "journal_2.json") << "without a journal it is as any other";
+}
+
+TEST_F(FolderShareTest, ShareOfASessionThatWaitsForItsRelaunchIsLeftToIt) {
+  const struct {
+    const char* what;
+    std::string session;
+    const char* taken;
+  } rows[] = {
+      {"its engine lives", other, "recording_2.json"},
+      {"the same session", me, "recording.json"},
+      {"no such process", "4194305@1 0 hall", "recording.json"},
+      {"another process has the number", other.substr(0, other.find('@')) + "@1 0 hall",
+       "recording.json"},
+      {"an older journal", "", "recording.json"},
+      {"no session", "-1 x", "recording.json"},
+  };
+  for (const auto& row : rows) {
+    journal(1, row.session);
+    EXPECT_EQ(fresh().manifest_name(), row.taken) << row.what;
+  }
+}
+
+TEST(FileName, NobodyGetsTheNameOfAnother) {
+  const TempDir dir;
+  constexpr int kThreads = 8;
+  constexpr int kEach = 25;
+  std::vector<std::string> names(size_t{kThreads} * kEach);
+  std::vector<std::thread> threads;
+  for (size_t of = 0; of < kThreads; ++of) {
+    threads.emplace_back([&, of] {
+      for (size_t i = of * kEach; i < (of + 1) * kEach; ++i) {
+        names[i] = claim_file(dir.path(), "1", 1769903999990, ".jpg", ".new");
+        std::filesystem::rename(dir.path() + names[i] + ".new", dir.path() + names[i]);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), names.size());
+  EXPECT_TRUE(std::filesystem::exists(dir.path() + "1_20260131T235959990.jpg"));
+  EXPECT_TRUE(std::filesystem::exists(dir.path() + "1_20260201T000000189.jpg")) << "none left out";
+  EXPECT_EQ(claim_file("/nonexistent/", "1", 0, ".mp4"), "1_19700101T000000000.mp4");
+}
+
+}  // namespace
+}  // namespace zelta::test
