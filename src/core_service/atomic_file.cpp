@@ -12,6 +12,10 @@
 namespace zelta::core_service {
 namespace {
 
+// Where folders can't be locked, another process may replace the same file in the same moment, and
+// have renamed what was to be renamed here.
+constexpr int kTries = 3;
+
 bool write_whole(const std::string& path, const std::string& text, sync how) {
   const base::unique_fd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
   if (!file.valid()) return false;
@@ -29,7 +33,10 @@ bool write_whole(const std::string& path, const std::string& text, sync how) {
 
 bool replace_file(const std::string& path, const std::string& text, sync how) {
   const std::string fresh = path + ".new";
-  if (write_whole(fresh, text, how) && std::rename(fresh.c_str(), path.c_str()) == 0) return true;
+  for (int tries = 0; tries < kTries && write_whole(fresh, text, how); ++tries) {
+    if (std::rename(fresh.c_str(), path.c_str()) == 0) return true;
+    if (errno != ENOENT) break;
+  }
   const int why = errno;
   unlink(fresh.c_str());
   errno = why;

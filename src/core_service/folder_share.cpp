@@ -46,12 +46,11 @@ std::string session_of(const std::string& journal) {
 
 folder_share::folder_share(std::string folder, std::string session, bool recovery)
     : folder_(std::move(folder)), session_(std::move(session)) {
-  for (; recovery && number_ <= kMost; ++number_) {
-    if (access(lock_path().c_str(), F_OK) != 0) break;
+  for (; recovery && access(lock_path().c_str(), F_OK) == 0; ++number_) {
     if (session_of(folder_ + journal_name()) == session_ && take()) return;
   }
-  for (number_ = 1; number_ < kMost && (is_awaited() || !take()); ++number_) {
-  }
+  number_ = 1;
+  while (number_ < kMost && (is_awaited() || !take())) ++number_;
 }
 
 std::string folder_share::session_name(unsigned uid, const std::string& channel_id) {
@@ -72,8 +71,9 @@ std::string folder_share::lock_path() const {
 }
 
 bool folder_share::take() {
-  const int how = number_ == 1 ? O_RDONLY | O_DIRECTORY : O_RDWR | O_CREAT;
-  lock_.reset(open(lock_path().c_str(), how | O_CLOEXEC, 0666));
+  // Who may only read may lock: it may be another account's.
+  const int how = number_ == 1 ? O_DIRECTORY : O_CREAT;
+  lock_.reset(open(lock_path().c_str(), O_RDONLY | how | O_CLOEXEC, 0666));
   return !lock_.valid() || flock(lock_.get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
 }
 

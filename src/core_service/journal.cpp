@@ -90,11 +90,13 @@ bool journal::load(std::string& error) {
   return true;
 }
 
-void journal::remove() const {
+void journal::remove() {
+  over_ = true;
   unlink(path_.c_str());
 }
 
 void journal::save() const {
+  if (over_) return;
   Json::Value root(Json::objectValue);
   root["version"] = kVersion;
   root["session"] = state.session;

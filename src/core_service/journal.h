@@ -37,8 +37,8 @@ class journal {
   bool load(std::string& error);
   // Writes after a change of `state`, soon.
   void save() const;
-  // After the last one was written.
-  void remove() const;
+  // Nothing is written any more, and what is being written must have been.
+  void remove();
   const std::string& path() const { return path_; }
 
   journal_state state;
@@ -46,6 +46,7 @@ class journal {
  private:
   const std::string path_;
   state_writer& writer_;
+  bool over_ = false;
 };
 
 }  // namespace zelta::core_service

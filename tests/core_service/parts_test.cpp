@@ -328,6 +328,12 @@ TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
   EXPECT_EQ(second.state.user_backgrounds, first.state.user_backgrounds);
   EXPECT_EQ(second.state.log_modules, 4294967295);
   EXPECT_TRUE(second.state.serving);
+  second.remove();
+  second.save();
+  ASSERT_EQ(writer.flush(10s), 0);
+  EXPECT_FALSE(second.load(error)) << "what comes after the end is for nobody";
+  first.save();
+  ASSERT_EQ(writer.flush(10s), 0);
   journal stranger(path, "1@2 0 hall", writer);
   EXPECT_FALSE(stranger.load(error));
   EXPECT_NE(error.find("another session, \"1@2 0 room\""), std::string::npos) << error;
