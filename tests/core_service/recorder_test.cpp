@@ -431,7 +431,7 @@ TEST_F(RecordingTest, SessionsInOneFolderAreNothingToEachOther) {
   fix_folder();
   join("test:users=1,size=320x180");
   RecordingHandler other_handler;
-  const std::unique_ptr<IRecordingEngine, Releaser> other(
+  std::unique_ptr<IRecordingEngine, Releaser> other(
       IRecordingEngine::createZeltaRecordingEngine("app", &other_handler));
   ASSERT_TRUE(handler.wait_for("first video"));
   ASSERT_EQ(other->joinChannel("", "hall", 77, config), 0);
@@ -440,7 +440,7 @@ TEST_F(RecordingTest, SessionsInOneFolderAreNothingToEachOther) {
   ASSERT_TRUE(wait_until([&] { return hall()[0]["duration_ms"].asInt() > 1000; }));
   output_of("pkill -KILL -P " + std::to_string(getpid()) + " -f channel_id.hall");
   ASSERT_TRUE(other_handler.wait_for("first video", 2));
-  other->leaveChannel();
+  other.reset();
   const Json::Value of_hall = hall();
   release();
   EXPECT_EQ(handler.count("warning"), 0);
