@@ -14,7 +14,8 @@ namespace zelta::core_service {
 std::string claim_file(const std::string& folder, const std::string& prefix, int64_t utc_ms,
                        const std::string& ending, const std::string& working) {
   for (;; ++utc_ms) {
-    std::string name = prefix + "_" + base::utc_compact_text(utc_ms) + ending;
+    std::string name = prefix;
+    name.append("_").append(base::utc_compact_text(utc_ms)).append(ending);
     const std::string path = folder + name;
     const std::string made = path + working;
     const base::unique_fd file(open(made.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));

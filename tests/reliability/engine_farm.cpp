@@ -66,7 +66,8 @@ class session final : public test::QuietHandler {
 
   // `settings`: a configuration file, or null.
   void run(const char* root, int seconds, bool frames, const char* settings) {
-    const std::string server = std::getenv("ZELTA_CHANNEL_SERVER");
+    const char* const given = std::getenv("ZELTA_CHANNEL_SERVER");
+    const std::string server = given != nullptr ? given : "";
     std::error_code ignored;
     if (server.rfind("dir:", 0) == 0) {
       std::filesystem::create_directory_symlink("torture", server.substr(4) + "/" + channel_,

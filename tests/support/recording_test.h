@@ -79,7 +79,7 @@ class RecordingTest : public ::testing::Test {
   }
   // Makes the settings fix the recording folder, which is returned.
   std::string fix_folder() {
-    const std::string recordings = dir.path() + "recordings/";
+    std::string recordings = dir.path() + "recordings/";
     std::filesystem::create_directories(recordings);
     settings = dir.file("settings.json", "{\"Recording_Dir\": \"" + recordings + "\"}");
     config.cfgFilePath = settings.data();
