@@ -14,6 +14,7 @@
 #include "base/event_loop.h"
 #include "base/log.h"
 #include "base/unique_fd.h"
+#include "core_service/descriptors.h"
 #include "core_service/options.h"
 #include "core_service/secrets.h"
 #include "core_service/session.h"
@@ -80,6 +81,7 @@ int main(int argc, char** argv) {
   core_service::parsed_options parsed = core_service::option_parser().parse(argc, argv);
   core_service::wipe_secret_arguments(argc, argv);
   core_service::renounce_privileges();
+  core_service::raise_descriptor_limit();
   if (!parsed.values) {
     std::fputs(parsed.message.c_str(), parsed.exit_status == 0 ? stdout : stderr);
     return parsed.exit_status == 0 ? core_service::kExitDone : core_service::kExitUsage;

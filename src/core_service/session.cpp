@@ -11,6 +11,7 @@
 
 #include "IZeltaRecordingEngine.h"
 #include "base/clocks.h"
+#include "core_service/descriptors.h"
 #include "core_service/media/codecs.h"
 #include "core_service/parameters.h"
 
@@ -306,6 +307,9 @@ void session::on_channel_failed(const std::string& why) {
 
 void session::on_user_in(uint32_t uid, user_media from) {
   if (phase_ != phase::kRecording || users_.count(uid) != 0) return;
+  // One who takes the last descriptor takes it from all others' files.
+  const std::string shortage = shortage_beyond(users_.size() + leaving_.size());
+  if (!shortage.empty()) return on_user_error(uid, "not recorded: " + shortage);
   log(base::NOTICE_LOG, "user " + std::to_string(uid) + " joined");
   auto& made = users_[uid];
   made = std::make_unique<user>(uid, std::move(from), plan_,
@@ -473,7 +477,7 @@ void session::on_not_written(const std::string& path, int error) {
   const bool journal_lost = path == journal_.path();
   log(base::ERROR_LOG, "can't write " + path + ": " + std::strerror(error) +
                            (journal_lost ? "; a recovery would forget" : ""));
-  if (journal_lost || phase_ != phase::kRecording) return;
+  if (journal_lost || is_shortage(error) || phase_ != phase::kRecording) return;
   on_files_failed("the recording folder can't be written", true);
 }
 

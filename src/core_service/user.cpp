@@ -7,6 +7,7 @@
 #include <cstring>
 #include <utility>
 
+#include "core_service/descriptors.h"
 #include "core_service/file_name.h"
 
 namespace zelta::core_service {
@@ -155,10 +156,10 @@ void user::write_jpg(const media::media_sample& sample) {
   written = file != nullptr && std::fclose(file) == 0 && written;
   gst_buffer_unmap(sample.buffer.get(), &map);
   written = written && std::rename(fresh.c_str(), path.c_str()) == 0;
-  posting_.post([this, written, path, why = std::string(std::strerror(errno))] {
+  posting_.post([this, written, path, error = errno] {
     if (written) return around_.files.count_picture(uid_);
     std::remove((path + ".new").c_str());
-    told_.failed("can't write " + path + ": " + why, true);
+    told_.failed("can't write " + path + ": " + std::strerror(error), !is_shortage(error));
   });
 }
 

@@ -48,6 +48,9 @@ class ModesTest : public RecordingTest {
     while (!text.empty() && text.back() == '\n') text.pop_back();
     return text;
   }
+  static std::string record_program() {
+    return std::filesystem::read_symlink("/proc/self/exe").parent_path() / "zelta-record";
+  }
   std::string image(const std::string& name, const char* colour_name) {
     std::string path = dir.path() + name;
     EXPECT_EQ(output_of(std::string("ffmpeg -v error -y -f lavfi -i color=") + colour_name +
@@ -274,12 +277,31 @@ TEST_F(ModesTest, SlowApplicationLosesFramesAndNoRecording) {
   EXPECT_NE(log().find("frames were dropped"), std::string::npos);
 }
 
+TEST_F(ModesTest, UsersForWhomDescriptorsDoNotSufficeCostTheOthersNothing) {
+  const std::string record = record_program() + " room --json --duration 2 --server " +
+                             "test:users=6,size=64x64 --record-file-root-dir " + dir.path() +
+                             "; echo status $?";
+  const struct {
+    const char* limit;
+    unsigned recorded;
+    const char* status;
+  } rows[] = {{"-n 128", 4, "status 1"}, {"-Sn 128", 6, "status 0"}};
+  for (const auto& row : rows) {
+    const std::string said = output_of(std::string("ulimit ") + row.limit + "; " + record);
+    unsigned whole = 0;
+    for (const std::string& line : lines_of(said)) {
+      if (line.find("\"recording ended\"") != std::string::npos) ++whole;
+    }
+    EXPECT_EQ(whole, row.recorded) << said;
+    EXPECT_NE(said.find(row.status), std::string::npos) << said;
+  }
+}
+
 TEST_F(ModesTest, CommandLineKeepsFramesInFilesAndItsStatusSaysWhatHappened) {
-  const std::string program =
-      std::filesystem::read_symlink("/proc/self/exe").parent_path() / "zelta-record";
   const auto run = [&](const std::string& arguments) {
-    return output_of(program + " room --record-file-root-dir " + dir.path() + " --frames " +
-                     dir.path() + "frames --duration 2 " + arguments + "; echo status $?");
+    return output_of(record_program() + " room --record-file-root-dir " + dir.path() +
+                     " --frames " + dir.path() + "frames --duration 2 " + arguments +
+                     "; echo status $?");
   };
   const struct {
     const char* arguments;

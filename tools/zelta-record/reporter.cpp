@@ -68,7 +68,7 @@ reporter::state reporter::wait_change(state from, std::chrono::steady_clock::tim
 
 int reporter::status() const {
   const std::lock_guard<std::mutex> guard(mutex_);
-  return status_;
+  return status_ == kRecorded && user_failed_ ? kRecorderError : status_;
 }
 
 void reporter::change(state to, int status) {
@@ -156,6 +156,12 @@ void reporter::show_files(const std::string& folder) {
 
 void reporter::onError(int error, STAT_CODE_TYPE stat_code) {
   event("error", {{"error", error}, {"stat_code", static_cast<int>(stat_code)}});
+  if (error == ERR_INVALID_ARGUMENT) {
+    // One user's; the others are recorded on.
+    const std::lock_guard<std::mutex> guard(mutex_);
+    user_failed_ = true;
+    return;
+  }
   change(state::kOver, error == ERR_INTERNAL_FAILED ? kRecorderLost : kRecorderError);
 }
 

@@ -75,6 +75,7 @@ class reporter : public recording::IRecordingEngineEventHandler {
   std::condition_variable changed_;
   state state_ = state::kJoining;
   int status_ = kRecorded;
+  bool user_failed_ = false;
   int64_t start_ms_;
   const std::string channel_id_;
   std::string folder_;

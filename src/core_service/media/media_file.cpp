@@ -12,6 +12,7 @@
 
 #include "base/clocks.h"
 #include "base/unique_fd.h"
+#include "core_service/descriptors.h"
 
 namespace zelta::core_service::media {
 namespace {
@@ -66,10 +67,13 @@ media_file::media_file(element_ptr pipeline, std::string path, const contents& h
     mp4_.emplace(holds.kind == container::kM4a ? "M4A " : "isom", holds.video, holds.sound,
                  base::utc_ms() / 1000);
   }
-  watch_.emplace(pipeline_.get(), loop_,
-                 bus_watch::events{[this] { on_written(); },
-                                   [this](const std::string& why, const std::string& from,
-                                          bool disk) { give_up(why, disk && from == "file"); }});
+  watch_.emplace(
+      pipeline_.get(), loop_,
+      bus_watch::events{[this] { on_written(); },
+                        [this](const std::string& why, const std::string& from, bool disk) {
+                          disk = disk && from == "file" && !are_descriptors_used_up();
+                          give_up(why, disk);
+                        }});
   gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
 }
 
