@@ -10,13 +10,14 @@ namespace zelta::fuzz {
 
 std::vector<std::string> seeds() {
   return {
-      R"(m{"version": 1, "channel_id": "room", "files": [{"name": "7_20260101T000000000.mp4", "channel_id": "hall",
-        "uid": 7, "kind": "audio_video", "video_codec": "h264", "audio_codec": "aac",
-        "width": 640, "height": 360, "first_utc_ms": 1700000000000, "last_utc_ms": 1700000001000,
-        "closed": ""}], "pictures": {"7": 3}, "dropped_frames": {"pictures": 1, "coded": 2,
-        "sound": 3}})",
-      R"(j{"version": 1, "session": "1@2 0 room", "layout": "0100ff", "user_backgrounds": {"7": "image.png"},
-        "log_level": 5, "log_modules": -1, "serving": true})",
+      R"(m{"version": 1, "channel_id": "room", "files": [{"name": "7_20260101T000000000.mp4",
+        "channel_id": "hall", "uid": 7, "kind": "audio_video", "video_codec": "h264",
+        "audio_codec": "aac", "width": 640, "height": 360, "first_utc_ms": 1700000000000,
+        "last_utc_ms": 1700000001000, "closed": ""}], "pictures": {"7": 3},
+        "dropped_frames": {"pictures": 1, "coded": 2, "sound": 3}})",
+      R"(j{"version": 1, "session": "1@2 0 room", "layout": "0100ff",
+        "user_backgrounds": {"7": "image.png"}, "log_level": 5, "log_modules": -1,
+        "serving": true})",
   };
 }
 

@@ -4,6 +4,7 @@
 #include <cerrno>
 #include <charconv>
 #include <fstream>
+#include <regex>
 #include <sstream>
 #include <utility>
 
@@ -18,6 +19,8 @@ namespace {
 
 // More sessions than a machine takes.
 constexpr int kMost = 10'000;
+
+constexpr const char* kManifest = "recording";
 
 std::string numbered(const char* stem, int number, const char* ending) {
   return stem + (number > 1 ? "_" + std::to_string(number) : "") + ending;
@@ -57,8 +60,13 @@ std::string folder_share::session_name(unsigned uid, const std::string& channel_
   return process_name(getppid()) + " " + std::to_string(uid) + " " + channel_id;
 }
 
+bool folder_share::is_manifest_name(const std::string& file_name) {
+  static const std::regex form(std::string(kManifest) + R"((_\d+)?\.json)");
+  return std::regex_match(file_name, form);
+}
+
 std::string folder_share::manifest_name() const {
-  return numbered("recording", number_, ".json");
+  return numbered(kManifest, number_, ".json");
 }
 
 std::string folder_share::journal_name() const {

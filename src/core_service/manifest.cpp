@@ -13,6 +13,7 @@
 #include <unistd.h>
 
 #include "base/log.h"
+#include "core_service/folder_share.h"
 #include "core_service/leftover_files.h"
 
 namespace zelta::core_service {
@@ -131,8 +132,7 @@ std::set<std::string> manifest::listed_elsewhere() const {
   const std::filesystem::directory_iterator end;
   for (std::filesystem::directory_iterator at(folder_, ignored); at != end; at.increment(ignored)) {
     const std::string name = at->path().filename().string();
-    const bool is_manifest = name.rfind("recording", 0) == 0 && at->path().extension() == ".json";
-    if (!is_manifest || name == name_) continue;
+    if (!folder_share::is_manifest_name(name) || name == name_) continue;
     try {
       std::ifstream file(at->path());
       const Json::Value root = parse(file);

@@ -92,14 +92,13 @@ void session::start() {
   // Laid once on the wall clock, here.
   static_cast<void>(media::utc_ms_of(media::now()));
   const bool recovery = options_.recovery_id > 0;
-  std::string no_journal;
   if (recovery) {
     manifest_.adopt_leftovers();
-    journal_.load(no_journal);
+  } else {
+    // In place of what a former session may have left.
+    journal_.save();
   }
   manifest_.save();
-  // One of a former session in this folder is no predecessor's.
-  journal_.save();
   const int failed = recovery ? 0 : writer_.flush(kFirstWriteLimit);
   if (failed != 0 && failed != ETIMEDOUT) {
     return on_channel_failed("the recording folder " + options_.recording_file_dir +
@@ -108,7 +107,7 @@ void session::start() {
   channel_place place;
   check_options();
   if (!prepare_channel(place) || !prepare_mix(place.rtp.jitter_latency)) return;
-  if (recovery) recover(no_journal);
+  if (recovery) recover();
   set_volume_interval(options_.audio_indication_interval);
   serving_ = options_.trigger_mode == AUTOMATICALLY_MODE || journal_.state.serving;
   log(base::NOTICE_LOG, "joining channel " + options_.channel_id + " at " + server_);
@@ -169,8 +168,12 @@ bool session::prepare_mix(media::media_time lateness) {
 }
 
 // Goes on where the process before this one was stopped.
-void session::recover(const std::string& no_journal) {
-  if (!no_journal.empty()) return log(base::WARN_LOG, "recovery without a journal: " + no_journal);
+void session::recover() {
+  std::string error;
+  if (!journal_.load(error)) {
+    journal_.save();
+    return log(base::WARN_LOG, "recovery without a journal: " + error);
+  }
   const journal_state& state = journal_.state;
   if (state.log_level != 0) on_log_level(state.log_level);
   if (state.log_modules >= 0) {

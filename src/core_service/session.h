@@ -70,7 +70,7 @@ class session final : private engine_listener, private channel_listener {
   void check_options();
   bool prepare_channel(channel_place& place);
   bool prepare_mix(media::media_time lateness);
-  void recover(const std::string& no_journal);
+  void recover();
 
   void on_user_error(uint32_t uid, const std::string& why);
   user::events events_of(uint32_t uid);

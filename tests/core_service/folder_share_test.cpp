@@ -43,6 +43,11 @@ TEST_F(FolderShareTest, EverySessionHasItsOwnUntilItEnds) {
   EXPECT_EQ(third.journal_name(), "journal_3.json");
   first.reset();
   EXPECT_EQ(fresh().manifest_name(), "recording.json");
+  for (const folder_share* of : {&second, &third}) {
+    EXPECT_TRUE(folder_share::is_manifest_name(of->manifest_name()));
+    EXPECT_FALSE(folder_share::is_manifest_name(of->journal_name()));
+  }
+  EXPECT_FALSE(folder_share::is_manifest_name("recordings.json")) << "the application's own";
   const folder_share nowhere("/nonexistent/", me, false);
   EXPECT_EQ(nowhere.manifest_name(), "recording.json") << "writing it says what is wrong";
 }

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <json/json.h>
+#include <sys/resource.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 
@@ -425,6 +426,31 @@ TEST_F(RecordingTest, DiskThatHangsOverTheManifestHoldsUpNoMedia) {
   ASSERT_EQ(files().size(), 1U);
   EXPECT_EQ(folder + files()[0]["name"].asString(), media);
   EXPECT_EQ(decode_errors_of(media), "");
+}
+
+TEST_F(RecordingTest, ShortageOfDescriptorsIsNoBrokenDisk) {
+  config.decodeVideo = VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE;
+  config.captureInterval = 1;
+  join("test:users=1,size=320x180");
+  ASSERT_TRUE(wait_recorded(1000));
+  const pid_t recorder =
+      std::atoi(output_of("pgrep -P " + std::to_string(getpid()) + " ZeltaCoreServic").c_str());
+  rlimit before{};
+  ASSERT_EQ(prlimit(recorder, RLIMIT_NOFILE, nullptr, &before), 0);
+  // It is their numbers that are limited, and the lower ones are in use; but who polls more than so
+  // many is refused.
+  const rlimit short_of{14, before.rlim_max};
+  ASSERT_EQ(prlimit(recorder, RLIMIT_NOFILE, &short_of, nullptr), 0);
+  for (const char* what : {"recording.json: Too many", ".jpg: Too many"}) {
+    EXPECT_TRUE(wait_until([&] { return log().find(what) != std::string::npos; })) << what;
+  }
+  ASSERT_EQ(prlimit(recorder, RLIMIT_NOFILE, &before, nullptr), 0);
+  ASSERT_TRUE(wait_recorded(4000));
+  release();
+  EXPECT_EQ(handler.count("leave 8"), 0);
+  ASSERT_EQ(files().size(), 1U);
+  EXPECT_EQ(files()[0]["closed"].asString(), "recording ended");
+  EXPECT_EQ(decode_errors_of(folder + files()[0]["name"].asString()), "");
 }
 
 TEST_F(RecordingTest, SessionsInOneFolderAreNothingToEachOther) {

@@ -146,9 +146,14 @@ void media_file::on_written() {
   if (!mp4_ || failed_) return give_up("", false);
   const base::unique_fd file(open(path_.c_str(), O_WRONLY | O_CLOEXEC));
   const auto bytes = mp4_->switch_bytes();
-  const ssize_t done = pwrite(file.get(), bytes.data(), bytes.size(), mp4::muxer::kSwitchAt);
-  if (done == static_cast<ssize_t>(bytes.size())) return give_up("", false);
-  give_up(std::string("not completed; it stays fragmented: ") + std::strerror(errno), true);
+  const auto all = static_cast<ssize_t>(bytes.size());
+  if (file.valid() &&
+      pwrite(file.get(), bytes.data(), bytes.size(), mp4::muxer::kSwitchAt) == all) {
+    return give_up("", false);
+  }
+  const int error = errno;
+  give_up(std::string("not completed; it stays fragmented: ") + std::strerror(error),
+          !is_shortage(error));
 }
 
 void media_file::give_up(const std::string& why, bool disk) {
