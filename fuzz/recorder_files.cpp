@@ -14,6 +14,8 @@ std::vector<std::string> seeds() {
         "channel_id": "hall", "uid": 7, "kind": "audio_video", "video_codec": "h264",
         "audio_codec": "aac", "width": 640, "height": 360, "first_utc_ms": 1700000000000,
         "last_utc_ms": 1700000001000, "closed": ""}], "pictures": {"7": 3},
+        "missing": [{"uid": 7, "channel_id": "room", "medium": "video", "codec": "video/x-dirac",
+        "reason": "r", "utc_ms": 1700000000000}],
         "dropped_frames": {"pictures": 1, "coded": 2, "sound": 3}})",
       R"(j{"version": 1, "session": "1@2 0 room", "layout": "0100ff",
         "user_backgrounds": {"7": "image.png"}, "log_level": 5, "log_modules": -1,
@@ -32,6 +34,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   fuzz::write_scratch(folder + (manifest ? "recording.json" : "journal.json"), data + 1, size - 1);
   if (manifest) {
     core_service::manifest left(folder, "recording.json", "room", writer);
+    fuzz::require(left.note_missing(7, {"video", "c", "r"}), "an earlier session's silences this");
+    fuzz::require(!left.note_missing(7, {"video", "c", "r"}), "told twice");
   } else {
     std::string error;
     const bool read = core_service::read_journal(folder + "journal.json", error).has_value();

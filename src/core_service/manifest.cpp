@@ -12,6 +12,7 @@
 #include <json/json.h>
 #include <unistd.h>
 
+#include "base/clocks.h"
 #include "base/log.h"
 #include "core_service/folder_share.h"
 #include "core_service/leftover_files.h"
@@ -21,6 +22,9 @@ namespace {
 
 constexpr int kManifestVersion = 1;
 constexpr const char* kDied = "recorder died";
+// A session's. Strangers' names and words are among them: from here on the log alone has them.
+constexpr size_t kMostMissing = 1000;
+constexpr size_t kLongestReason = 1000;
 
 Json::Value to_json(const manifest_file& f) {
   Json::Value v(Json::objectValue);
@@ -55,6 +59,25 @@ manifest_file from_json(const Json::Value& v, const Json::Value& channel_id) {
   return f;
 }
 
+Json::Value to_json(const manifest_gap& gap) {
+  Json::Value v(Json::objectValue);
+  v["uid"] = gap.uid;
+  v["channel_id"] = gap.channel_id;
+  v["medium"] = gap.what.medium;
+  v["codec"] = gap.what.codec;
+  v["reason"] = gap.what.reason;
+  v["utc_ms"] = Json::Int64{gap.utc_ms};
+  return v;
+}
+
+manifest_gap gap_from_json(const Json::Value& v) {
+  return {v.get("uid", 0U).asUInt(),
+          v.get("channel_id", "").asString(),
+          {v.get("medium", "").asString(), v.get("codec", "").asString(),
+           v.get("reason", "").asString()},
+          v.get("utc_ms", Json::Int64{0}).asInt64()};
+}
+
 // Throws when it isn't JSON.
 Json::Value parse(std::ifstream& file) {
   Json::Value root;
@@ -83,6 +106,8 @@ void manifest::load() {
   try {
     const Json::Value root = parse(file);
     for (const Json::Value& entry : root["files"]) add(from_json(entry, root["channel_id"]));
+    for (const Json::Value& entry : root["missing"]) missing_.push_back(gap_from_json(entry));
+    missing_here_ = missing_.size();
     const Json::Value& pictures = root["pictures"];
     for (const std::string& uid : pictures.getMemberNames()) {
       pictures_[static_cast<uint32_t>(std::stoul(uid))] = pictures[uid].asUInt64();
@@ -94,6 +119,8 @@ void manifest::load() {
   } catch (const std::exception& e) {
     files_.clear();
     pictures_.clear();
+    missing_.clear();
+    missing_here_ = 0;
     base::log_dir(folder_.c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
                   "%s can't be read and is kept as %s.broken: %s", name_.c_str(), name_.c_str(),
                   e.what());
@@ -105,6 +132,8 @@ void manifest::load() {
 }
 
 void manifest::adopt_leftovers() {
+  // What the predecessor has told needs no second telling.
+  missing_here_ = 0;
   const std::set<std::string> of_others = listed_elsewhere();
   std::map<std::string, size_t> known;
   for (const auto& [number, f] : files_) known[f.name] = number;
@@ -144,6 +173,19 @@ std::set<std::string> manifest::listed_elsewhere() const {
   return names;
 }
 
+bool manifest::note_missing(uint32_t uid, const missing_medium& what) {
+  manifest_gap gap{uid, channel_id_, what, base::utc_ms()};
+  gap.what.reason.resize(std::min(gap.what.reason.size(), kLongestReason));
+  const auto same = [&gap](const manifest_gap& known) {
+    return known.uid == gap.uid && known.channel_id == gap.channel_id &&
+           known.what.medium == gap.what.medium && known.what.reason == gap.what.reason;
+  };
+  const auto here = missing_.begin() + static_cast<std::ptrdiff_t>(missing_here_);
+  if (std::any_of(here, missing_.end(), same)) return false;
+  if (missing_.size() - missing_here_ < kMostMissing) missing_.push_back(std::move(gap));
+  return true;
+}
+
 void manifest::set_dropped(const dropped_counts& now) {
   dropped_ = {dropped_before_.pictures + now.pictures, dropped_before_.coded + now.coded,
               dropped_before_.sound + now.sound};
@@ -162,6 +204,9 @@ void manifest::save() {
   Json::Value files(Json::arrayValue);
   for (const auto& [number, f] : files_) files.append(to_json(f));
   root["files"] = std::move(files);
+  Json::Value missing(Json::arrayValue);
+  for (const manifest_gap& gap : missing_) missing.append(to_json(gap));
+  root["missing"] = std::move(missing);
   Json::Value pictures(Json::objectValue);
   for (const auto& [uid, count] : pictures_) {
     pictures[std::to_string(uid)] = Json::UInt64{count};

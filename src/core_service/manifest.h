@@ -10,7 +10,9 @@
 #include <map>
 #include <set>
 #include <string>
+#include <vector>
 
+#include "core_service/missing_medium.h"
 #include "core_service/state_writer.h"
 
 namespace zelta::core_service {
@@ -29,6 +31,14 @@ struct manifest_file {
   int64_t last_utc_ms = 0;
   // Why the file was closed; empty while it is written.
   std::string closed;
+};
+
+// What was to be recorded and isn't.
+struct manifest_gap {
+  uint32_t uid = 0;  // 0: nobody's
+  std::string channel_id;
+  missing_medium what;
+  int64_t utc_ms = 0;  // when it was noticed
 };
 
 // Frames that the application was too slow for.
@@ -51,6 +61,8 @@ class manifest {
   size_t add(manifest_file file);
   manifest_file& at(size_t number) { return files_.at(number); }
   void remove(size_t number) { files_.erase(number); }
+  // False when that is known already: of a medium of a user a reason is told once a session.
+  bool note_missing(uint32_t uid, const missing_medium& what);
   // One more captured picture of the user in a file.
   void count_picture(uint32_t uid) { ++pictures_[uid]; }
   // How many this process has dropped so far.
@@ -74,6 +86,9 @@ class manifest {
   std::map<size_t, manifest_file> files_;
   size_t next_number_ = 0;
   std::map<uint32_t, uint64_t> pictures_;
+  std::vector<manifest_gap> missing_;
+  // The first that isn't an earlier session's.
+  size_t missing_here_ = 0;
   // By the processes before this one, and in all.
   dropped_counts dropped_before_;
   dropped_counts dropped_;

@@ -155,14 +155,15 @@ bool session::prepare_channel(channel_place& place) {
 bool session::prepare_mix(media::media_time lateness) {
   if (!plan_.mix_sound && !plan_.mix_video) return true;
   std::string error;
-  mix_ = mix::mix::make(plan_, lateness, {options_.default_video_bg, options_.default_user_bg},
-                        {options_.recording_file_dir, loop_, manifest_, link_},
-                        {[this](const std::string& why, bool disk) { on_files_failed(why, disk); },
-                         [this] {
-                           mix_finished_ = true;
-                           complete_when_idle();
-                         }},
-                        error);
+  mix_ =
+      mix::mix::make(plan_, lateness, {options_.default_video_bg, options_.default_user_bg},
+                     {options_.recording_file_dir, loop_, manifest_, link_},
+                     {[this](const std::string& why, bool disk) { on_files_failed(0, why, disk); },
+                      [this] {
+                        mix_finished_ = true;
+                        complete_when_idle();
+                      }},
+                     error);
   if (!mix_) on_channel_failed(error);
   return mix_ != nullptr;
 }
@@ -312,7 +313,7 @@ void session::on_user_in(uint32_t uid, user_media from) {
   if (phase_ != phase::kRecording || users_.count(uid) != 0) return;
   // One who takes the last descriptor takes it from all others' files.
   const std::string shortage = shortage_beyond(users_.size() + leaving_.size());
-  if (!shortage.empty()) return on_user_error(uid, "not recorded: " + shortage);
+  if (!shortage.empty()) return on_missing(uid, {"all", "", shortage});
   log(base::NOTICE_LOG, "user " + std::to_string(uid) + " joined");
   auto& made = users_[uid];
   made = std::make_unique<user>(uid, std::move(from), plan_,
@@ -335,8 +336,8 @@ user::events session::events_of(uint32_t uid) {
     link_.send(make<protocol::first_audio_frame_packet>(uid, elapsed_ms()));
     report_stream_status();
   };
-  told.failed = [this](const std::string& why, bool disk) { on_files_failed(why, disk); };
-  told.faulty = [this, uid](const std::string& why) { on_user_error(uid, why); };
+  told.failed = [this, uid](const std::string& why, bool disk) { on_files_failed(uid, why, disk); };
+  told.missing = [this, uid](const missing_medium& what) { on_missing(uid, what); };
   told.ended = [this, uid](const std::string& why) { end_user(uid, why); };
   return told;
 }
@@ -364,9 +365,16 @@ void session::end_user(uint32_t uid, const std::string& why) {
   });
 }
 
-// The user stays, and so does the recording: others send what can be used.
-void session::on_user_error(uint32_t uid, const std::string& why) {
-  log(base::ERROR_LOG, "user " + std::to_string(uid) + ": " + why);
+// The user stays, and so does the recording: the rest and the others are recorded.
+void session::on_missing(uint32_t uid, const missing_medium& what) {
+  if (!manifest_.note_missing(uid, what)) return;
+  manifest_.save();
+  const std::string medium = what.codec.empty() ? what.medium : what.medium + ", " + what.codec;
+  log(uid == 0 ? base::WARN_LOG : base::ERROR_LOG,
+      (uid == 0 ? "" : "user " + std::to_string(uid) + ": ") + "not recorded (" + medium +
+          "): " + what.reason);
+  // The application knows nobody whom it could concern.
+  if (uid == 0) return;
   link_.send(make<protocol::recorder_error_packet>(int32_t{ERR_INVALID_ARGUMENT},
                                                    uint32_t{STAT_ERR_FROM_ENGINE}));
 }
@@ -426,9 +434,9 @@ void session::report_volumes() {
 }
 
 // From inside a file's own call, so the end comes later.
-void session::on_files_failed(const std::string& why, bool fatal) {
+void session::on_files_failed(uint32_t uid, const std::string& why, bool fatal) {
+  if (!fatal) return on_missing(uid, {uid == 0 ? "mix" : "all", "", why});
   log(base::ERROR_LOG, "recording failed: " + why);
-  if (!fatal) return;
   posting_.post([this] {
     for (const auto& one : users_) one.second->abandon_files();
     for (const auto& one : leaving_) one->abandon_files();
@@ -481,7 +489,7 @@ void session::on_not_written(const std::string& path, int error) {
   log(base::ERROR_LOG, "can't write " + path + ": " + std::strerror(error) +
                            (journal_lost ? "; a recovery would forget" : ""));
   if (journal_lost || is_shortage(error) || phase_ != phase::kRecording) return;
-  on_files_failed("the recording folder can't be written", true);
+  on_files_failed(0, "the recording folder can't be written", true);
 }
 
 void session::leave(uint32_t reason, int status) {

@@ -63,6 +63,7 @@ class session final : private engine_listener, private channel_listener {
   void on_channel_failed(const std::string& why) override;
   void on_user_in(uint32_t uid, user_media from) override;
   void on_user_out(uint32_t uid) override;
+  void on_missing(uint32_t uid, const missing_medium& what) override;
   void on_channel_interrupted() override;
   void on_channel_lost() override;
 
@@ -72,9 +73,8 @@ class session final : private engine_listener, private channel_listener {
   bool prepare_mix(media::media_time lateness);
   void recover();
 
-  void on_user_error(uint32_t uid, const std::string& why);
   user::events events_of(uint32_t uid);
-  void on_files_failed(const std::string& why, bool fatal);
+  void on_files_failed(uint32_t uid, const std::string& why, bool fatal);
   void report_stream_status();
   void report_volumes();
   void set_volume_interval(int interval_ms);

@@ -45,6 +45,7 @@ user::user(uint32_t uid, user_media from, const recording_plan& plan, surroundin
                                 [this](bool sound, bool video) {
                                   if (series_) series_->expect(video, sound);
                                 },
+                                told_.missing,
                                 [this](const std::string& why) { on_graph_finished(why); }},
       around_.folder);
 }
@@ -159,7 +160,10 @@ void user::write_jpg(const media::media_sample& sample) {
   posting_.post([this, written, path, error = errno] {
     if (written) return around_.files.count_picture(uid_);
     std::remove((path + ".new").c_str());
-    told_.failed("can't write " + path + ": " + std::strerror(error), !is_shortage(error));
+    if (!is_shortage(error)) {
+      return told_.failed("can't write " + path + ": " + std::strerror(error), true);
+    }
+    told_.missing({"captured pictures", "jpeg", std::strerror(error)});
   });
 }
 
@@ -218,7 +222,7 @@ void user::tell_finished() const {
 
 void user::tick() {
   const std::string fault = fault_ && !media_ended_ ? fault_() : "";
-  if (!fault.empty()) told_.faulty(fault);
+  if (!fault.empty()) told_.missing({"all", "", fault});
   // Between the end of the sender and the end of what it sent nothing is missing.
   const bool draining = !finish_reason_.empty() && !media_ended_;
   if (series_ && !draining) series_->tick();

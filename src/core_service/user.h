@@ -26,10 +26,10 @@ class user {
   struct events {
     std::function<void(int width, int height)> first_video;
     std::function<void()> first_sound;
-    // A file of the user could not be written.
+    // A file of the user could not be written: the disk, or this one alone.
     std::function<void(const std::string& why, bool disk)> failed;
-    // What the user sends can't be used.
-    std::function<void(const std::string& why)> faulty;
+    // Something of the user can't be recorded; what else there is, is.
+    std::function<void(const missing_medium& what)> missing;
     // The media ended by itself; finish() is to be called.
     std::function<void(const std::string& why)> ended;
   };

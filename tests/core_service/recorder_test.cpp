@@ -96,14 +96,21 @@ TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
     file.last_utc_ms = 3500;
     first.add(file);
     first.at(first.add(manifest_file())).closed = "user left";
+    EXPECT_TRUE(first.note_missing(1, {"video", "dirac", "why"}));
+    EXPECT_FALSE(first.note_missing(1, {"video", "dirac", "why"})) << "each reason once";
     first.save();
     EXPECT_EQ(writer.flush(10s), 0);
   }
   manifest second(dir.path(), "recording.json", "hall", writer);
   second.remove(second.add(manifest_file()));
   second.at(second.add(manifest_file())).name = "new";
+  EXPECT_TRUE(second.note_missing(1, {"video", "dirac", "why"})) << "in this session too";
   second.save();
   EXPECT_EQ(writer.flush(10s), 0);
+  const Json::Value missing = read_json(dir.path() + "recording.json")["missing"];
+  ASSERT_EQ(missing.size(), 2U);
+  EXPECT_EQ(missing[0]["channel_id"].asString(), "room");
+  EXPECT_EQ(missing[1]["codec"].asString(), "dirac");
   const Json::Value files = read_json(dir.path() + "recording.json")["files"];
   ASSERT_EQ(files.size(), 3U);
   EXPECT_EQ(files[0]["closed"].asString(), "recorder died");
@@ -441,7 +448,7 @@ TEST_F(RecordingTest, ShortageOfDescriptorsIsNoBrokenDisk) {
   // many is refused.
   const rlimit short_of{14, before.rlim_max};
   ASSERT_EQ(prlimit(recorder, RLIMIT_NOFILE, &short_of, nullptr), 0);
-  for (const char* what : {"recording.json: Too many", ".jpg: Too many"}) {
+  for (const char* what : {"recording.json: Too many", "captured pictures, jpeg): Too many"}) {
     EXPECT_TRUE(wait_until([&] { return log().find(what) != std::string::npos; })) << what;
   }
   ASSERT_EQ(prlimit(recorder, RLIMIT_NOFILE, &before, nullptr), 0);

@@ -12,6 +12,7 @@
 #include "base/event_loop.h"
 #include "core_service/media/gst.h"
 #include "core_service/media/timeline.h"
+#include "core_service/missing_medium.h"
 #include "core_service/rtp/settings.h"
 
 namespace zelta::core_service {
@@ -38,6 +39,9 @@ class channel_listener {
   virtual void on_channel_failed(const std::string& why) = 0;
   virtual void on_user_in(uint32_t uid, user_media media) = 0;
   virtual void on_user_out(uint32_t uid) = 0;
+  // What can't be recorded of somebody, who may not be in the channel; uid 0: of something that is
+  // nobody's.
+  virtual void on_missing(uint32_t uid, const missing_medium& what) = 0;
   virtual void on_channel_interrupted() = 0;
   virtual void on_channel_lost() = 0;
 

@@ -37,6 +37,16 @@ constexpr codec kCodecs[] = {
 
 }  // namespace
 
+const char* name_of(media_kind kind) {
+  return kind == media_kind::kAudio ? "audio" : "video";
+}
+
+std::optional<media_kind> kind_of(const std::string& type) {
+  if (type.rfind("audio/", 0) == 0) return media_kind::kAudio;
+  if (type.rfind("video/", 0) == 0 || type.rfind("image/", 0) == 0) return media_kind::kVideo;
+  return std::nullopt;
+}
+
 std::vector<std::string> missing_plugins() {
   const struct {
     const char* element;

@@ -2,6 +2,7 @@
 // Which elements parse, decode and encode each codec, in gst-launch syntax.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,11 @@
 namespace zelta::core_service::media {
 
 enum class media_kind { kAudio, kVideo };
+
+// "audio", "video".
+const char* name_of(media_kind kind);
+// Of a media type such as "video/x-dirac"; none for what is neither.
+std::optional<media_kind> kind_of(const std::string& type);
 
 // One codec as it comes from a channel.
 struct codec {

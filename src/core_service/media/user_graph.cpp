@@ -78,9 +78,13 @@ user_graph::user_graph(uint32_t uid, user_media from, user_outputs to, base::eve
   add(pipeline_.get(), std::move(from.source));
   watch_.emplace(
       pipeline_.get(), loop,
-      bus_watch::events{[this] { done(finish_reason_.empty() ? "end of media" : finish_reason_); },
+      bus_watch::events{[this] {
+                          if (!finish_reason_.empty()) return done(finish_reason_);
+                          tell_what_never_came();
+                          done("end of media");
+                        },
                         [this](const std::string& why, const std::string& /*from*/, bool /*disk*/) {
-                          log(base::ERROR_LOG, why);
+                          told_.missing({"all", "", why});
                           done("error: " + why);
                         }});
 }
@@ -171,19 +175,17 @@ void user_graph::note_tracks() {
   told_.tracks_known(sound, video);
 }
 
-bool user_graph::wanted(const codec& c) const {
-  if (c.kind == media_kind::kAudio) return to_.sound != nullptr;
+bool user_graph::wanted(media_kind kind) const {
+  if (kind == media_kind::kAudio) return to_.sound != nullptr;
   return to_.video || to_.h264 || to_.yuv || to_.mix || to_.jpg;
 }
 
 void user_graph::attach(GstPad* pad) {
   const caps_ptr caps = caps_of(pad);
   const codec* const c = find_codec(caps.get());
-  if (c == nullptr) {
-    const std::unique_ptr<char, void (*)(void*)> text(gst_caps_to_string(caps.get()), g_free);
-    log(base::WARN_LOG, std::string("sends what can't be recorded: ") + text.get());
-  }
-  if (c == nullptr || !wanted(*c)) return discard(pad);
+  if (c == nullptr) leave_out_unknown(caps.get());
+  if (c != nullptr) offered_ = true;
+  if (c == nullptr || !wanted(c->kind)) return discard(pad);
   auto t = std::make_shared<track>();
   t->kind = c;
   t->source.reset(GST_PAD(gst_object_ref(pad)));
@@ -191,7 +193,7 @@ void user_graph::attach(GstPad* pad) {
   element_ptr made =
       make_bin(c->kind == media_kind::kVideo ? video_branch(*c) : sound_branch(*c), error);
   if (!made) {
-    log(base::ERROR_LOG, "can't be recorded: " + error);
+    leave_out({name_of(c->kind), c->name, error});
     return discard(pad);
   }
   t->branch = add(pipeline_.get(), std::move(made));
@@ -218,6 +220,22 @@ void user_graph::discard(GstPad* pad) {
   g_object_set(sink, "sync", FALSE, "async", FALSE, nullptr);
   gst_bin_add(GST_BIN(pipeline_.get()), sink);
   lead(pad, sink);
+}
+
+// Any thread.
+void user_graph::leave_out(missing_medium what) {
+  offered_ = true;
+  posting_.post([this, what = std::move(what)] { told_.missing(what); });
+}
+
+// Texts and data beside the media are no loss of media.
+void user_graph::leave_out_unknown(const GstCaps* caps) {
+  const std::unique_ptr<char, void (*)(void*)> text(gst_caps_to_string(caps), g_free);
+  const std::string name = gst_structure_get_name(gst_caps_get_structure(caps, 0));
+  const auto kind = kind_of(name);
+  if (!kind) return log(base::NOTICE_LOG, "leaves out what is no sound or picture: " + name);
+  if (!wanted(*kind)) return;
+  leave_out({name_of(*kind), name, std::string("this recorder has no use for it: ") + text.get()});
 }
 
 // ---- The branches --------------------------------------------------------------------------
@@ -420,6 +438,24 @@ void user_graph::finish(const std::string& why) {
         drop, nullptr, nullptr);
     gst_pad_send_event(in, gst_event_new_eos());
   }
+}
+
+// A source that ended by itself has had all its chances. Behind what is on its way through the
+// loop.
+void user_graph::tell_what_never_came() {
+  posting_.post([this] {
+    std::vector<const codec*> silent;
+    {
+      const std::lock_guard<std::mutex> guard(tracks_lock_);
+      for (const auto& t : tracks_) {
+        if (!has(t->kind->kind)) silent.push_back(t->kind);
+      }
+    }
+    for (const codec* const c : silent) {
+      told_.missing({name_of(c->kind), c->name, "nothing of it could be parsed or decoded"});
+    }
+    if (!offered_) told_.missing({"all", "", "there is no sound or picture in it"});
+  });
 }
 
 void user_graph::done(const std::string& why) {

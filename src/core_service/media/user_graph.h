@@ -57,6 +57,8 @@ class user_graph {
     std::function<void()> first_sound;
     // No further tracks than these will come.
     std::function<void(bool sound, bool video)> tracks_known;
+    // Something can't be recorded or delivered; what else there is, is.
+    std::function<void(const missing_medium& what)> missing;
     // All media has come out. The graph may be destroyed from inside the call.
     std::function<void(const std::string& why)> finished;
   };
@@ -101,8 +103,10 @@ class user_graph {
   void attach(GstPad* pad);
   void lead(GstPad* pad, GstElement* branch);
   void discard(GstPad* pad);
+  void leave_out(missing_medium what);
+  void leave_out_unknown(const GstCaps* caps);
   void detach(GstPad* pad);
-  bool wanted(const codec& c) const;
+  bool wanted(media_kind kind) const;
   std::string video_branch(const codec& c) const;
   std::string sound_branch(const codec& c) const;
   void receive(const std::shared_ptr<track>& t, const char* name,
@@ -115,6 +119,7 @@ class user_graph {
   void note(const std::shared_ptr<track>& t, const media_sample& sample);
   void on_first(const track& t, int width, int height);
   void note_tracks();
+  void tell_what_never_came();
   void done(const std::string& why);
   void log(base::log_levels level, const std::string& text) const;
 
@@ -138,6 +143,8 @@ class user_graph {
 
   // Ends that have not seen the end of their stream.
   std::atomic<int> open_sinks_{0};
+  // Whether the source had anything that is recorded, not asked for, or told as missing.
+  std::atomic<bool> offered_{false};
   bool video_ = false;
   bool sound_ = false;
   media_time key_asked_{};
