@@ -17,6 +17,8 @@
 namespace zelta::base {
 namespace {
 
+// The engine logs command lines, and secrets with them.
+constexpr mode_t kPrivate = 0600;
 constexpr off_t kRotateBytes = 16 << 20;
 constexpr int kKeptFiles = 4;
 constexpr int64_t kIdleMs = 60'000;
@@ -61,7 +63,7 @@ class log_file {
   }
 
   void open() {
-    file_.reset(::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0666));
+    file_.reset(::open(path_.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, kPrivate));
     struct stat status {};
     size_ = file_.valid() && fstat(file_.get(), &status) == 0 ? status.st_size : 0;
   }

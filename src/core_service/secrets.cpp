@@ -3,18 +3,15 @@
 
 #include <algorithm>
 #include <cstring>
-#include <iterator>
 
 #include <sys/prctl.h>
 
 namespace zelta::core_service {
 namespace {
 
-constexpr const char* kSecretOptions[] = {"--channel_key", "--encrypt_secret"};
-
-bool is_secret(const char* option, size_t length) {
-  return std::any_of(std::begin(kSecretOptions), std::end(kSecretOptions), [=](const char* name) {
-    return std::strlen(name) == length && std::strncmp(name, option, length) == 0;
+bool is_among(std::initializer_list<const char*> options, const char* text, size_t length) {
+  return std::any_of(options.begin(), options.end(), [=](const char* name) {
+    return std::strlen(name) == length && std::strncmp(name, text, length) == 0;
   });
 }
 
@@ -25,12 +22,12 @@ void wipe(char* text) {
 
 }  // namespace
 
-void wipe_secret_arguments(int argc, char** argv) {
+void wipe_arguments(int argc, char** argv, std::initializer_list<const char*> options) {
   for (int i = 1; i < argc; ++i) {
     char* const equals = std::strchr(argv[i], '=');
-    if (equals != nullptr && is_secret(argv[i], static_cast<size_t>(equals - argv[i]))) {
+    if (equals != nullptr && is_among(options, argv[i], static_cast<size_t>(equals - argv[i]))) {
       wipe(equals + 1);
-    } else if (i + 1 < argc && is_secret(argv[i], std::strlen(argv[i]))) {
+    } else if (i + 1 < argc && is_among(options, argv[i], std::strlen(argv[i]))) {
       wipe(argv[++i]);
     }
   }

@@ -366,7 +366,7 @@ TEST(Secrets, AreWipedFromTheArguments) {
       "sec2", "--channel_key=k3", "--encrypt_secret"};
   std::vector<char*> argv;
   for (std::string& text : texts) argv.push_back(text.data());
-  wipe_secret_arguments(static_cast<int>(argv.size()), argv.data());
+  wipe_arguments(static_cast<int>(argv.size()), argv.data(), {"--channel_key", "--encrypt_secret"});
   EXPECT_STREQ(argv[2], "");
   EXPECT_STREQ(argv[4], "room");
   EXPECT_STREQ(argv[6], "");

@@ -142,7 +142,9 @@ TEST_F(PictureMemoryTest, EveryDecoderMakesItsPicturesThere) {
     };
     user_graph graph(
         1, std::move(from), to, loop,
-        {[](int, int) {}, [] {}, [](bool, bool) {}, [&](const std::string&) { loop.stop(); }}, "");
+        {[](int, int) {}, [] {}, [](bool, bool) {}, [](const core_service::missing_medium&) {},
+         [&](const std::string&) { loop.stop(); }},
+        "");
     graph.start();
     loop.run(false);
     EXPECT_GT(pictures, 0) << what;

@@ -2,12 +2,14 @@
 // The command line of zelta-record.
 #pragma once
 
-#include <optional>
 #include <string>
 
 #include "IZeltaRecordingEngine.h"
 
 namespace zelta::record {
+
+// Above it, a recorder that is started again is logged with its command line.
+constexpr int kHighestLevelWithSecrets = 4;
 
 struct options {
   std::string app_id = "zelta-record";
@@ -20,6 +22,15 @@ struct options {
   std::string frames_dir;  // empty: frames are counted and not kept
   double duration_s = 0;   // 0: until a signal or the recorder's own end
   int log_level = 0;       // 0: as it is
+  int chunk_s = 0;         // 0: as the configuration file says
+  std::string layout_path;
+  bool commands = false;
+  std::string fixed_folder;  // that the configuration file names, with a slash; else empty
+
+  // Whether they were given as options.
+  bool given_secret = false;
+  bool given_capture_interval = false;
+  bool has_secrets() const { return !secret.empty() || !channel_key.empty(); }
 
   // What `config` points to.
   std::string mix_resolution;
@@ -41,7 +52,8 @@ struct parse_result {
   int exit_status;
 };
 
-// Fills `o`, whose config then points into its own strings: keep it where it is.
+// Fills `o`, whose config then points into its own strings: keep it where it is. Secrets may come
+// from files and from the environment, which loses them. Before any thread.
 parse_result parse_options(int argc, const char* const* argv, options& o);
 
 }  // namespace zelta::record

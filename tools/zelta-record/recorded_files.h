@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// What the recording folder holds.
+// What the recording folder holds, and what it lacks.
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -18,8 +19,34 @@ struct recorded_file {
   std::string closed;
 };
 
-// The files of a channel that the manifests in `folder` (with its slash) name, in the order of
-// their beginnings. A folder has one manifest for each session that records into it at a time.
-std::vector<recorded_file> recorded_files(const std::string& folder, const std::string& channel_id);
+// A medium that was to be recorded and isn't.
+struct missing_medium {
+  uint32_t uid;
+  std::string medium;
+  std::string codec;
+  std::string reason;
+  int64_t utc_ms;
+};
+
+struct recorded {
+  // In the order of their beginnings.
+  std::vector<recorded_file> files;
+  std::vector<missing_medium> missing;
+  std::map<uint32_t, uint64_t> pictures;  // captured in files, by user
+  uint64_t dropped_frames = 0;            // for the application, which was too slow
+
+  uint64_t bytes() const;
+  // From the beginning of the first file to the end of the last.
+  int64_t duration_ms() const;
+};
+
+// What the manifests in `folder` (with its slash) say of a channel. A folder has one manifest for
+// each session that records into it at a time, and those of earlier ones.
+recorded read_recorded(const std::string& folder, const std::string& channel_id);
+// What has come to a folder since it was read before.
+recorded without(recorded all, const recorded& before);
+
+// What is wrong with a file of a recording that is over; empty when it can be played.
+std::string fault_of(const recorded_file& file);
 
 }  // namespace zelta::record

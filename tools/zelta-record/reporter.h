@@ -1,45 +1,46 @@
 // SPDX-License-Identifier: Apache-2.0
-// The engine's handler of zelta-record: shows what happens.
+// The engine's handler of zelta-record: shows what happens, and remembers what the end depends on.
 #pragma once
 
-#include <chrono>
-#include <condition_variable>
 #include <cstdint>
-#include <initializer_list>
 #include <memory>
 #include <mutex>
 #include <string>
-#include <utility>
 
 #include "IZeltaRecordingEngine.h"
+#include "base/unique_fd.h"
+#include "exit_status.h"
 #include "frame_files.h"
+#include "printer.h"
 
 namespace zelta::record {
 
-enum exit_status : int {
-  kRecorded = 0,
-  kRecorderError = 1,
-  kUsage = 2,
-  kRefused = 3,
-  kRecorderLost = 4,
-};
-
-// Callbacks come on the engine thread, the rest is called on the main one.
+// Callbacks come on the engine thread; the rest may be called from any.
 class reporter : public recording::IRecordingEngineEventHandler {
  public:
-  // `frames` may be null.
-  reporter(bool json, std::string channel_id, std::unique_ptr<frame_files> frames);
+  // `frames` may be null. The printer is borrowed.
+  reporter(printer& out, std::unique_ptr<frame_files> frames);
 
   enum class state { kJoining, kRecording, kOver };
-  // Waits until the state isn't `from` any more, until `limit` at most; returns the present one.
-  state wait_change(state from, std::chrono::steady_clock::time_point limit);
-  // Ends the recording from outside. Any thread.
+  struct facts {
+    reporter::state state = reporter::state::kJoining;
+    exit_status status = kRecorded;
+    int error = 0;  // of onError, when that was the end
+    int stat_code = 0;
+    int users = 0;            // present
+    int user_errors = 0;      // media of one user that can't be recorded
+    int restarts = 0;         // recorders that died
+    bool media_came = false;  // from anybody
+    uint64_t frames = 0;      // delivered
+  };
+  facts now() const;
+  // Readable when the state has changed, until it is drained.
+  int changes() const { return changes_.get(); }
+  void drain();
+  // Ends the recording from outside.
   void stop() { change(state::kOver, kRecorded); }
-  int status() const;
-  // Redraws the progress line: on a terminal, or as a line of JSON.
-  void show_progress();
-  // Says what was recorded, from the manifests in `folder`.
-  void show_files(const std::string& folder);
+  // What could not be written of delivered frames. After the last callback.
+  std::string frame_fault() const { return frames_ ? frames_->fault() : ""; }
 
   void onError(int error, recording::STAT_CODE_TYPE stat_code) override;
   void onWarning(int warn) override;
@@ -59,34 +60,18 @@ class reporter : public recording::IRecordingEngineEventHandler {
   void onConnectionInterrupted() override;
 
  private:
-  struct field;
-  void event(const char* name, std::initializer_list<field> fields);
-  void print(const std::string& line);
-  void change(state to, int status);
-  void count_frame(size_t bytes);
-  void clear_progress_locked();
-  std::string recorded_bytes_locked() const;
+  void change(state to, exit_status status);
+  template <class Change>
+  void note(Change made) {
+    const std::lock_guard<std::mutex> guard(mutex_);
+    made(facts_);
+  }
 
-  const bool json_;
-  const bool terminal_;
+  printer& out_;
   const std::unique_ptr<frame_files> frames_;
-
+  const base::unique_fd changes_;
   mutable std::mutex mutex_;
-  std::condition_variable changed_;
-  state state_ = state::kJoining;
-  int status_ = kRecorded;
-  bool user_failed_ = false;
-  int64_t start_ms_;
-  const std::string channel_id_;
-  std::string folder_;
-  int users_ = 0;
-  uint64_t frame_count_ = 0;
-  uint64_t frame_bytes_ = 0;
-  // At the last progress line, for rates.
-  int64_t shown_ms_ = 0;
-  uint64_t shown_frames_ = 0;
-  uint64_t shown_bytes_ = 0;
-  bool progress_on_line_ = false;
+  facts facts_;
 };
 
 }  // namespace zelta::record
