@@ -54,7 +54,7 @@ packet_writer::result packet_writer::send(const packet& p, room wanted) {
   const size_t bytes = packer_.length();
   if (wanted == room::kLimited && queued_bytes_ + bytes > limit_) return result::kRefused;
   std::memcpy(append_locked(bytes), packer_.buffer(), bytes);
-  return added_locked(bytes);
+  return added_locked(bytes, false);
 }
 
 packet_writer::result packet_writer::send_frame(const packet& p, payload data, bool replaceable) {
@@ -79,7 +79,7 @@ packet_writer::result packet_writer::send_frame(const packet& p, payload data, b
     copy(packer_.buffer(), position);
     for (const payload::span& span : data.spans) copy(span.data, span.bytes);
     copy(packer_.buffer() + position, rest);
-    return added_locked(bytes);
+    return added_locked(bytes, true);
   }
   entry added;
   const auto add = [&added](const char* from, size_t size) {
@@ -98,7 +98,7 @@ packet_writer::result packet_writer::send_frame(const packet& p, payload data, b
   if (replaceable) replaceable_bytes_ += bytes;
   queued_bytes_ += bytes;
   queue_.push_back(std::move(added));
-  return added_locked(bytes);
+  return added_locked(bytes, true);
 }
 
 char* packet_writer::room_locked(size_t bytes) {
@@ -156,12 +156,12 @@ char* packet_writer::append_locked(size_t bytes) {
   return to;
 }
 
-// A reader that waits gets what was added at once. For one that is busy small packets are gathered,
+// A reader that waits gets what was added at once. For one that is busy small frames are gathered,
 // and those that come next write them: a promised flush may be late where its thread is held up.
-packet_writer::result packet_writer::added_locked(size_t bytes) {
+packet_writer::result packet_writer::added_locked(size_t bytes, bool may_gather) {
   // The pipe was full a moment ago.
   if (queued_bytes_ - bytes >= kGatherBytes) return promise_locked(result::kQueued);
-  if (queued_bytes_ < kGatherBytes &&
+  if (may_gather && queued_bytes_ < kGatherBytes &&
       std::chrono::steady_clock::now() - last_write_ < kGatherTime) {
     return promise_locked(result::kGathering);
   }

@@ -39,7 +39,7 @@ class packet_writer {
     kRefused,    // the queue holds its limit
     kBroken,     // nobody reads any more; everything is dropped from here on
   };
-  // The reader of a packet that was written less than this ago is awake and busy: small packets are
+  // The reader of a packet that was written less than this ago is awake and busy: small frames are
   // kept back for those that follow.
   static constexpr std::chrono::microseconds kGatherTime{500};
 
@@ -59,9 +59,11 @@ class packet_writer {
   // What the reader has not taken out of the pipe yet is never freed: it may still be read.
   ~packet_writer();
 
+  // Written at once if there is room, with what was gathered before it: whoever sends a control
+  // packet may stop its loop the next moment, and nobody would flush.
   result send(const packet& p, room wanted);
-  // A frame whose own `data` is empty, with `data` in its place. One that is `replaceable` may be
-  // dropped by drop_replaceable() while it waits.
+  // A frame, which may be gathered, whose own `data` is empty, with `data` in its place. One that
+  // is `replaceable` may be dropped by drop_replaceable() while it waits.
   result send_frame(const packet& p, payload data, bool replaceable);
   // Drops the oldest replaceable packets that wait until `bytes` are free of them, or none is left.
   // Returns how many were dropped.
@@ -115,7 +117,7 @@ class packet_writer {
   char* room_locked(size_t bytes);
   void start_block_locked(size_t bytes);
   char* append_locked(size_t bytes);
-  result added_locked(size_t bytes);
+  result added_locked(size_t bytes, bool may_gather);
   result promise_locked(result how);
   result flush_locked();
   size_t collect_locked(iovec* parts, size_t& bytes) const;

@@ -53,12 +53,18 @@ void pipe_router::shutdown() {
 
 void pipe_router::send_packet(packet* p) {
   const std::unique_ptr<packet> owned(p);
-  std::shared_ptr<recorder_link> link;
-  {
-    const std::lock_guard<std::mutex> guard(link_lock_);
-    link = link_;
-  }
+  const std::shared_ptr<recorder_link> link = current_link();
   if (link && owned) link->send(*owned);
+}
+
+void pipe_router::flush() {
+  const std::shared_ptr<recorder_link> link = current_link();
+  if (link) link->flush();
+}
+
+std::shared_ptr<recorder_link> pipe_router::current_link() {
+  const std::lock_guard<std::mutex> guard(link_lock_);
+  return link_;
 }
 
 }  // namespace zelta::base

@@ -34,9 +34,12 @@ class pipe_router : public router {
   // Up to 16 MiB wait for a recorder that doesn't read; past that the newest packet is refused,
   // with one log line an episode. A leave_packet always fits.
   void send_packet(packet* p) override;
+  // For up to 1 s; what the recorder sends meanwhile is thrown away.
+  void flush() override;
 
  private:
   int start_link(const std::vector<const char*>& argv, event_loop* loop);
+  std::shared_ptr<recorder_link> current_link();
 
   const bool large_pipes_;
   // Guards the pointer for senders on other threads; the link itself belongs to the loop.

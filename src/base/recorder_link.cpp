@@ -222,14 +222,13 @@ packet_reader::result recorder_link::drain() {
 
 void recorder_link::finish() {
   if (ended_) return;
-  flush_bounded();
+  flush();
   close_pipes();
   end_process(kFilesLimit);
 }
 
-// Reads on and throws away while it writes: a recorder that is stuck in a full pipe of its own
-// would not read either.
-void recorder_link::flush_bounded() {
+void recorder_link::flush() {
+  if (ended_) return;
   const auto deadline = std::chrono::steady_clock::now() + kFlushLimit;
   std::vector<char> discarded(64 << 10);
   while (writer_.flush() == packet_writer::result::kQueued) {
@@ -243,7 +242,8 @@ void recorder_link::flush_bounded() {
   }
   const size_t lost = writer_.queued_bytes();
   if (lost > 0) {
-    LINK_LOG(to_.logdir, WARN_LOG, "%zu bytes for the recorder could not be written", lost);
+    LINK_LOG(to_.logdir, ERROR_LOG,
+             "%zu bytes for the recorder could not be written: it doesn't read", lost);
   }
 }
 

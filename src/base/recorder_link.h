@@ -35,6 +35,10 @@ class recorder_link final : private packet_reader::receiver {
   ~recorder_link();
 
   void send(const packet& p);
+  // Writes what waits, for 1 s at most; what is left then is told at error level. Reads on and
+  // throws away while it writes: a recorder that is stuck in a full pipe of its own would not read
+  // either.
+  void flush();
   // Flushes, closes, and waits for the recorder to complete its files.
   void finish();
 
@@ -49,7 +53,6 @@ class recorder_link final : private packet_reader::receiver {
   void on_break(int events);
   void on_exit();
   packet_reader::result drain();
-  void flush_bounded();
   void close_pipes();
   void end_process(std::chrono::milliseconds patience);
 

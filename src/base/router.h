@@ -42,6 +42,9 @@ class router {
   // Takes `p`, which was made with new, and deletes it when it has been written or refused. Any
   // thread; never blocks.
   virtual void send_packet(packet* p) = 0;
+  // Sees to it that the recorder gets what was sent until now: within a bound it is all with the
+  // kernel, or a line at error level tells how much isn't. On the loop's thread, after the loop.
+  virtual void flush() {}
 
   // The listener is borrowed and must outlive the router's last callback.
   void register_listener(router_listener* listener) { listener_ = listener; }

@@ -11,8 +11,10 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
+#include "base/pipe_router.h"
 #include "core_service/manifest.h"
 #include "core_service/options.h"
+#include "support/engine_probe.h"
 #include "support/recording_test.h"
 
 namespace zelta::test {
@@ -485,6 +487,24 @@ TEST_F(RecordingTest, SessionsInOneFolderAreNothingToEachOther) {
   for (const char* journal : {"journal.json", "journal_2.json"}) {
     EXPECT_FALSE(std::filesystem::exists(folder + journal)) << "nobody would read it any more";
   }
+}
+
+// With frames and a user, so that a report stands right before the leave.
+TEST_F(RecordingTest, FilesAreCompleteAfterALeaveWithoutARelease) {
+  setenv("ZELTA_CHANNEL_SERVER", "test:users=1,size=320x180", 1);
+  config.decodeAudio = AUDIO_FORMAT_PCM_FRAME_TYPE;
+  auto* const probe = new EngineProbe("app", &handler, new base::pipe_router(true));
+  engine.reset(probe);
+  handler.also = [probe](const std::string& call) {
+    if (call.rfind("pcm", 0) == 0) probe->loopCnt_ = 3;
+  };
+  ASSERT_EQ(engine->joinChannel("", "room", 77, config), 0);
+  folder = engine->getProperties()->storageDir;
+  ASSERT_TRUE(wait_recorded(500));
+  engine->leaveChannel();
+  EXPECT_TRUE(wait_until([&] { return files()[0]["closed"].asString() == "recording ended"; }));
+  EXPECT_EQ(decode_errors_of(folder + files()[0]["name"].asString()), "");
+  release();
 }
 
 TEST_F(RecordingTest, ChannelThatCannotBeJoinedIsAnErrorThatSaysWhat) {

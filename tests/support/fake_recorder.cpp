@@ -5,6 +5,7 @@
 //     bytes:FILE (sends what is in it)  drip:FILE (byte by byte)  flood:COUNT (of unknown packets)
 //     grandchild (holds the descriptors for as long as the test runs)
 //     await:URI (reads until that packet)  close-read  close-write  ignore-term  hang
+//     gate:FIFO (reads nothing until the test opens it)
 //     facts:FILE (writes its arguments, descriptors, signals)  exit:STATUS  kill
 #include <algorithm>
 #include <csignal>
@@ -149,6 +150,7 @@ void run(const std::string& step, const std::string& value, const std::vector<st
   if (step == "flood") flood(number);
   if (step == "grandchild") leave_a_grandchild();
   if (step == "await" && !await(static_cast<int>(number))) std::exit(0);
+  if (step == "gate") content_of(value);
   if (step == "close-read") close(read_fd);
   if (step == "close-write") close(write_fd);
   if (step == "ignore-term") std::signal(SIGTERM, SIG_IGN);

@@ -11,11 +11,9 @@
 
 #include <gtest/gtest.h>
 #include <json/json.h>
-#include <poll.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
-#include "base/unique_fd.h"
+#include "support/folder_watch.h"
 #include "support/recording_handler.h"
 #include "support/temp_dir.h"
 
@@ -99,19 +97,7 @@ class RecordingTest : public ::testing::Test {
   // changes.
   template <class Ready>
   bool wait_until(Ready ready) const {
-    const base::unique_fd changes(inotify_init1(IN_NONBLOCK | IN_CLOEXEC));
-    inotify_add_watch(changes.get(), folder.c_str(), IN_MOVED_TO | IN_DELETE | IN_MODIFY);
-    const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-    while (!ready()) {
-      const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
-          end - std::chrono::steady_clock::now());
-      pollfd changed{changes.get(), POLLIN, 0};
-      if (left.count() <= 0 || poll(&changed, 1, static_cast<int>(left.count())) == 0) return false;
-      std::array<char, 4096> events{};
-      while (read(changes.get(), events.data(), events.size()) > 0) {
-      }
-    }
-    return true;
+    return wait_in_folder(folder, std::chrono::seconds(20), ready);
   }
   // Until the last file, and `count` of them, has so much in it.
   bool wait_recorded(int ms, unsigned count = 1) const {
