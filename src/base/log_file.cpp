@@ -30,6 +30,9 @@ class log_file {
     if (path_.back() != '/') path_ += '/';
     path_ += kLogFileName;
   }
+  log_file(const log_file&) = delete;
+  log_file& operator=(const log_file&) = delete;
+  ~log_file() { say_what_was_lost(); }
 
   bool write(const std::string& line, bool may_drop, int64_t now) {
     last_use_ = now;
@@ -37,7 +40,7 @@ class log_file {
     if (may_drop && lines_in_period_ >= log_config::DROP_COUNT) return ++lost_, false;
     ++lines_in_period_;
     if (!file_.valid()) open();
-    if (lost_ > 0 && append(loss_line())) lost_ = 0;
+    say_loss();
     if (!append(line)) return ++lost_, false;
     return true;
   }
@@ -45,6 +48,19 @@ class log_file {
   bool idle(int64_t now) const { return now - last_use_ >= kIdleMs; }
 
  private:
+  bool say_loss() {
+    if (lost_ == 0 || append(loss_line())) lost_ = 0;
+    return lost_ == 0;
+  }
+
+  // The last chance. Where the disk is still full, standard error is where somebody may look.
+  void say_what_was_lost() {
+    if (lost_ > 0 && !file_.valid()) open();
+    if (say_loss()) return;
+    const std::string line = path_ + ": " + loss_line();
+    [[maybe_unused]] const ssize_t ignored = ::write(STDERR_FILENO, line.data(), line.size());
+  }
+
   void start_period(int64_t now) {
     period_start_ = now;
     lines_in_period_ = 0;

@@ -142,7 +142,6 @@ void recorder_link::send(const packet& p) {
   const bool always = p.uri == protocol::leave_packet::kUri;
   switch (writer_.send(p, always ? packet_writer::room::kAlways : packet_writer::room::kLimited)) {
     case packet_writer::result::kDone:
-      refusing_ = false;
       break;
     case packet_writer::result::kQueued:
     case packet_writer::result::kGathering:

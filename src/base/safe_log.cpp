@@ -2,6 +2,7 @@
 #include "base/safe_log.h"
 
 #include <exception>
+#include <locale>
 
 #include <unistd.h>
 
@@ -10,6 +11,8 @@ namespace zelta::base {
 safe_log::safe_log(const char* logdir, const char* file, int line, int severity,
                    zelta_log_module module)
     : severity_(severity), module_(module), logdir_(logdir) {
+  // Whoever reads logs by program wants plain numbers, whatever the application's locale groups.
+  sout_.imbue(std::locale::classic());
   sout_ << file << ":" << line << ": ";
 }
 

@@ -55,7 +55,7 @@ int guarded(const char* name, const std::string& logdir, Call call) {
     return call();
   } catch (const std::exception& failure) {
     base::log_dir(logdir.c_str(), ERROR_LOG, base::ZELTA_LOG_MODULE_RECORDING_ENGINE,
-                  "%s failed: %s", name, failure.what());
+                  "(%d) %s:%d: %s failed: %s", getpid(), __FILE__, __LINE__, name, failure.what());
     return kRefused;
   }
 }

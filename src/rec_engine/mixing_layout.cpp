@@ -5,6 +5,8 @@
 #include <tuple>
 #include <utility>
 
+#include <unistd.h>
+
 #include "base/log.h"
 #include "base/packer.h"
 
@@ -78,8 +80,8 @@ bool encodeMixingLayout(const linuxsdk::VideoMixingLayout& layout,
                         std::vector<unsigned char>& bytes, const std::string& logdir) {
   if (const char* const fault = fault_of(layout)) {
     base::log_dir(logdir.c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_RECORDING_ENGINE,
-                  "mixing layout refused: %s (regionCount %u, appDataLength %d)", fault,
-                  layout.regionCount, layout.appDataLength);
+                  "(%d) %s:%d: mixing layout refused: %s (regionCount %u, appDataLength %d)",
+                  getpid(), __FILE__, __LINE__, fault, layout.regionCount, layout.appDataLength);
     return false;
   }
   mixing_layout owned;

@@ -4,6 +4,8 @@
 #include <csignal>
 #include <cstring>
 #include <fstream>
+#include <locale>
+#include <memory>
 #include <thread>
 
 #include <fcntl.h>
@@ -184,23 +186,30 @@ class LogTest : public ::testing::Test {
   TempDir dir;
 };
 
+struct GroupedDigits : std::numpunct<char> {
+  std::string do_grouping() const override { return "\3"; }
+};
+
 TEST_F(LogTest, LineHasTimeLevelModuleAndMessage) {
   say(base::ERROR_LOG, base::ZELTA_LOG_MODULE_IPC, "two\nlines");
+  const std::locale before =
+      std::locale::global(std::locale(std::locale(), std::make_unique<GroupedDigits>().release()));
   {
     base::safe_log line(dir.path().c_str(), "src/x.cpp", 7, base::WARN_LOG,
                         base::ZELTA_LOG_MODULE_RECORDING_ENGINE);
-    line.stream() << "100%s " << 5;
+    line.stream() << "100%s " << 4294967295U;
   }
   {
     const base::safe_log empty(dir.path().c_str(), "f", 1, base::WARN_LOG,
                                base::ZELTA_LOG_MODULE_ANY);
   }
+  std::locale::global(before);
   const auto lines = lines_of(text());
   ASSERT_EQ(lines.size(), 3U);
   EXPECT_EQ(lines[0].substr(23), "Z error ipc two lines");
   EXPECT_EQ(lines[0][10], 'T');
   const std::string pid = "(" + std::to_string(getpid()) + ") ";
-  EXPECT_EQ(lines[1].substr(25), "warn recording_engine " + pid + "src/x.cpp:7: 100%s 5");
+  EXPECT_EQ(lines[1].substr(25), "warn recording_engine " + pid + "src/x.cpp:7: 100%s 4294967295");
   EXPECT_EQ(lines[2].substr(25), "warn any " + pid + "f:1: ");
 }
 
@@ -267,6 +276,9 @@ TEST_F(LogTest, FloodIsDroppedCountedAndErrorsAreKept) {
   EXPECT_LT(lines.size(), 1500U);
   EXPECT_NE(lines.back().find("important"), std::string::npos);
   EXPECT_NE(lines[lines.size() - 2].find("log lines were lost here"), std::string::npos);
+  for (int i = 0; i < 1500; ++i) say(base::WARN_LOG, base::ZELTA_LOG_MODULE_IPC, "again");
+  base::log_file_close(dir.path());
+  EXPECT_NE(lines_of(text()).back().find("log lines were lost here"), std::string::npos);
 }
 
 // Lines that a full disk doesn't take are counted, once there is room again, and what it took half
