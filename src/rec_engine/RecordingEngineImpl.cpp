@@ -270,7 +270,8 @@ int RecordingEngineImpl::run_internal() {
   engine_thread_runs_ = true;
   timer_ = loop_.add_timer(kTimerIntervalMs, &RecordingEngineImpl::timer_callback, this);
   const int result = loop_.run(false);
-  // The leave that stopped the loop, and what stands before it, may still wait for room in the pipe.
+  // The leave that stopped the loop, and what stands before it, may still wait for room in the
+  // pipe.
   if (router_) router_->flush();
   engine_thread_runs_ = false;
   return result;

@@ -14,6 +14,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <thread>
 #include <unordered_map>
@@ -204,6 +205,8 @@ class RecordingEngineImpl : public IRecordingEngine, public protocol::ProtocolHa
   void deliver_h264(const Frame& packet, int rotation);
   mediaFrameCnt* counters_of(uint32_t uid);
 
+  // Where in args_str_ the options of the latest relaunch begin.
+  std::optional<size_t> recovery_options_at_;
   // Id of the engine thread, while it runs.
   std::atomic<pthread_t> engine_thread_{};
   std::atomic<bool> engine_thread_runs_{false};

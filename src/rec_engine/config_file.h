@@ -9,7 +9,7 @@ namespace zelta::recording {
 
 enum class lookup_status {
   kFound,
-  kCannotOpen,  // also for a path that is no regular file, which could hang the join
+  kCannotOpen,
   kCannotParse,
   kNoKey,  // absent or null, or the top level is no object
 };

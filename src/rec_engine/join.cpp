@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A join: the recording folder, the recorder's command line, its launch.
 #include <algorithm>
-#include <cerrno>
 #include <cstdlib>
 #include <ctime>
 #include <deque>
@@ -64,8 +63,9 @@ int RecordingEngineImpl::setup_recording_folder(const RecordingConfig* config,
   if (is_set(config->cfgFilePath)) {
     const std::string path = with_slash(get_val_from_cfg(config->cfgFilePath, "Recording_Dir"));
     if (!path.empty()) {
-      // Another session may make it in the same moment.
-      if (!exists(path) && mkdir(path.c_str(), kFolderMode) < 0 && errno != EEXIST) {
+      // Another session may make it in the same moment. The slash at the end makes a folder of
+      // whatever exists; a file or a link to nothing is there for mkdir alone.
+      if (!exists(path) && mkdir(path.c_str(), kFolderMode) < 0 && !exists(path)) {
         ENGINE_LOG(ERROR_LOG) << "Failed to create the recording folder in config file";
         return kRefused;
       }
@@ -278,15 +278,19 @@ int RecordingEngineImpl::pushParamsToZRSEx(const RecordingConfig* /*config*/,
 
 // Appends: a second join's command line stands behind the first one's.
 int RecordingEngineImpl::backup_args(std::vector<const char*>& args) {
+  const size_t program = args_str_.size();
   for (const char* entry : args) {
     if (entry == nullptr) break;
     args_str_.emplace_back(entry);
   }
-  // Descriptors of a link that will be gone by the time of a relaunch.
+  // Descriptors of a link that will be gone by the time of a relaunch. Every second entry is an
+  // option's name; a channel may well be called like one.
   for (const char* const name : {"--write", "--read"}) {
-    const auto found = std::find(args_str_.begin(), args_str_.end(), name);
-    const auto pair = std::min<std::ptrdiff_t>(2, std::distance(found, args_str_.end()));
-    args_str_.erase(found, found + pair);
+    size_t at = program + 1;
+    while (at < args_str_.size() && args_str_[at] != name) at += 2;
+    if (at >= args_str_.size()) continue;
+    const auto found = args_str_.begin() + static_cast<std::ptrdiff_t>(at);
+    args_str_.erase(found, found + std::min<std::ptrdiff_t>(2, args_str_.end() - found));
   }
   for (const std::string& entry : args_str_) args_.push_back(entry.c_str());
   args_.push_back(nullptr);

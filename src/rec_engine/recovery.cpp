@@ -1,7 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // The recorder's end: expected, or a fault that a relaunch may mend.
-#include <algorithm>
-#include <iterator>
+#include <initializer_list>
 
 #include <poll.h>
 
@@ -77,16 +76,16 @@ int RecordingEngineImpl::recovery_on_error() {
 
 int RecordingEngineImpl::prepare_recovery_args() {
   args_.clear();
-  const auto id = std::find(args_str_.begin(), args_str_.end(), "--recoveryid");
-  if (id != args_str_.end()) {
-    // The four entries of the relaunch before stand together.
-    const auto time = std::find(id, args_str_.end(), "--recoverytime");
-    const auto past = std::min<std::ptrdiff_t>(2, std::distance(time, args_str_.end()));
-    args_str_.erase(id, time + past);
+  const std::initializer_list<std::string> options = {
+      "--recoveryid", std::to_string(kRecoveriesPerEngine - recovery_.times), "--recoverytime",
+      std::to_string(base::tick_ms())};
+  // Those of the relaunch before are known by their place: a channel or a key may have their names.
+  if (recovery_options_at_) {
+    const auto former = args_str_.begin() + static_cast<std::ptrdiff_t>(*recovery_options_at_);
+    args_str_.erase(former, former + static_cast<std::ptrdiff_t>(options.size()));
   }
-  args_str_.insert(args_str_.end(),
-                   {"--recoveryid", std::to_string(kRecoveriesPerEngine - recovery_.times),
-                    "--recoverytime", std::to_string(base::tick_ms())});
+  recovery_options_at_ = args_str_.size();
+  args_str_.insert(args_str_.end(), options);
   for (const std::string& entry : args_str_) args_.push_back(entry.c_str());
   args_.push_back(nullptr);
   return 0;

@@ -230,6 +230,12 @@ TEST_F(EngineTest, LookupsAnswerAndLogByKindOfValue) {
       {"text at the top", R"("k")", "", 0, kKey},
       {"truncated", R"({"k":"v)", "", 0, kParse},
       {"empty", "", "", 0, kParse},
+      {"comma at the end", R"({"k":"v",})", "", 0, kParse},
+      {"comma at an array's end", R"({"k":"v","a":[1,]})", "", 0, kParse},
+      {"byte order mark", "\xEF\xBB\xBF{\"k\":\"v\"}", "", 0, kParse},
+      {"comment", "// c\n{\"k\":\"v\"}", "v", 0, ""},
+      {"more behind it", R"({"k":"v"} x)", "v", 0, ""},
+      {"twice", R"({"k":"u","k":"v"})", "v", 0, ""},
       {"too deep", deep, "", 0, kParse},
   };
   for (const auto& row : rows) {
@@ -243,9 +249,17 @@ TEST_F(EngineTest, LookupsAnswerAndLogByKindOfValue) {
     EXPECT_TRUE(new_lines().empty()) << row.name << ": these two are silent";
   }
   ASSERT_EQ(mkfifo((dir.path() + "fifo").c_str(), 0600), 0);
-  for (const std::string& name : {std::string("missing"), std::string("fifo"), std::string()}) {
-    EXPECT_EQ(engine->get_val_from_cfg((dir.path() + name).c_str(), "k"), "");
-    EXPECT_EQ(new_lines(), std::vector<std::string>{kOpen}) << name;
+  const struct {
+    std::string path;
+    const char* line;
+  } paths[] = {{dir.path() + "missing", kOpen},
+               {dir.path() + "fifo", kOpen},
+               {dir.path(), kParse},
+               {"/dev/null", kParse},
+               {"/dev/zero", kParse}};
+  for (const auto& row : paths) {
+    EXPECT_EQ(engine->get_val_from_cfg(row.path.c_str(), "k"), "");
+    EXPECT_EQ(new_lines(), std::vector<std::string>{row.line}) << row.path;
   }
 }
 
@@ -325,11 +339,19 @@ TEST_F(EngineTest, FolderOfTheFileIsUsedAsItStands) {
     EXPECT_EQ(path, fixed + "/");
     EXPECT_TRUE(is_folder(path));
   }
-  dir.file("c.json", R"({"Recording_Dir":"/proc/none/such"})");
+  std::filesystem::create_symlink(dir.path() + "nothing", dir.path() + "dangling");
+  std::filesystem::create_symlink(dir.path() + "loop", dir.path() + "loop");
   std::string path = "untouched";
-  EXPECT_EQ(engine->setup_recording_folder(&config, path), -1);
-  EXPECT_EQ(path, "untouched");
-  EXPECT_TRUE(said("Failed to create the recording folder in config file"));
+  for (const std::string& bad : {std::string("/proc/none/such"), path_of_file,
+                                 dir.path() + "dangling", dir.path() + "loop"}) {
+    dir.file("c.json", R"({"Recording_Dir":")" + bad + R"("})");
+    new_lines();
+    EXPECT_EQ(engine->setup_recording_folder(&config, path), -1) << bad;
+    EXPECT_EQ(path, "untouched");
+    EXPECT_EQ(new_lines(),
+              std::vector<std::string>{"Failed to create the recording folder in config file"})
+        << bad;
+  }
   dir.file("c.json", R"({"Recording_Dir":""})");
   EXPECT_EQ(engine->setup_recording_folder(&config, path), 0);
   EXPECT_TRUE(said("recording path is empty in cfg file"));

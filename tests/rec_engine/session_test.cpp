@@ -511,6 +511,8 @@ TEST_F(EngineTest, BackupKeepsTheCommandLineWithoutTheLink) {
       {{"p", nullptr, "--a", nullptr}, {"p"}},
       {{"p", "--a"}, {"p", "--a"}},
       {{"p", "--write", nullptr}, {"p"}},
+      {{"p", "--c", "--write", "--d", "--read", "--write", "4", nullptr},
+       {"p", "--c", "--write", "--d", "--read"}},
   };
   for (const auto& row : rows) {
     engine->args_.clear();
@@ -534,6 +536,19 @@ TEST_F(EngineTest, SecondBackupStandsBehindTheFirst) {
   EXPECT_EQ(engine->prepare_recovery_args(), 0);
   EXPECT_EQ(engine->prepare_recovery_args(), 0);
   EXPECT_EQ(engine->args_.size(), 9U) << "one recovery pair, however often";
+}
+
+TEST_F(EngineTest, RelaunchStartsWithTheJoinsCommandLineWhateverItHolds) {
+  std::vector<const char*> args{"p",   "--channel_id", "--recoveryid", "--a", "--recoverytime",
+                                "--b", "--write",      nullptr};
+  engine->backup_args(args);
+  const Lines join = engine->args_str_;
+  for (int relaunch = 0; relaunch < 2; ++relaunch) {
+    engine->prepare_recovery_args();
+    const Lines& line = engine->args_str_;
+    ASSERT_EQ(line.size(), join.size() + 4);
+    EXPECT_TRUE(std::equal(join.begin(), join.end(), line.begin()));
+  }
 }
 
 TEST_F(EngineTest, StoppedOnErrorOffTheEngineThreadOnlyLogs) {
