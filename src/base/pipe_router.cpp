@@ -33,7 +33,7 @@ int pipe_router::start_link(const std::vector<const char*>& argv, event_loop* lo
     old->finish();
   }
   std::shared_ptr<recorder_link> started =
-      recorder_link::start(argv, {large_pipes_, logdir_, listener_, loop});
+      recorder_link::start(argv, {large_pipes_, logdir_, environment_, listener_, loop});
   if (!started) return -1;
   const std::lock_guard<std::mutex> guard(link_lock_);
   link_ = std::move(started);

@@ -96,8 +96,8 @@ std::unique_ptr<recorder_link> recorder_link::start(const std::vector<const char
     return nullptr;
   }
   std::string error;
-  auto process =
-      recorder_process::start(arguments, commands.read.get(), reports.write.get(), error);
+  auto process = recorder_process::start(arguments, to.environment, commands.read.get(),
+                                         reports.write.get(), error);
   if (!process) {
     LINK_LOG(to.logdir, ERROR_LOG, "can't start the recorder: %s", error.c_str());
     return nullptr;

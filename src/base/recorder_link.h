@@ -23,6 +23,7 @@ class recorder_link final : private packet_reader::receiver {
   struct settings {
     bool large_pipes;
     std::string logdir;
+    std::vector<std::string> environment;  // as router::set_environment() has it
     router_listener* listener;
     event_loop* loop;
   };

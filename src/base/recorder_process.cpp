@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "base/recorder_process.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <csignal>
 #include <cstring>
@@ -73,6 +74,29 @@ class spawn_attributes {
   posix_spawnattr_t attributes_{};
 };
 
+// posix_spawn takes its strings as char* for history's sake and doesn't change them.
+std::vector<char*> pointers_to(const std::vector<std::string>& texts) {
+  std::vector<char*> pointers;
+  pointers.reserve(texts.size() + 1);
+  for (const std::string& text : texts) pointers.push_back(const_cast<char*>(text.c_str()));
+  pointers.push_back(nullptr);
+  return pointers;
+}
+
+std::vector<std::string> environment_with(const std::vector<std::string>& variables) {
+  const auto is_replaced = [&variables](const std::string& inherited) {
+    const std::string name = inherited.substr(0, inherited.find('=')) + "=";
+    return std::any_of(variables.begin(), variables.end(), [&name](const std::string& variable) {
+      return variable.compare(0, name.size(), name) == 0;
+    });
+  };
+  std::vector<std::string> all = variables;
+  for (char** inherited = environ; inherited != nullptr && *inherited != nullptr; ++inherited) {
+    if (!is_replaced(*inherited)) all.emplace_back(*inherited);
+  }
+  return all;
+}
+
 std::string failure(const std::string& call, int number) {
   return call + ": " + std::strerror(number);
 }
@@ -80,6 +104,7 @@ std::string failure(const std::string& call, int number) {
 }  // namespace
 
 std::optional<recorder_process> recorder_process::start(const std::vector<std::string>& argv,
+                                                        const std::vector<std::string>& variables,
                                                         int read_end, int write_end,
                                                         std::string& error) {
   spawn_actions actions;
@@ -88,15 +113,11 @@ std::optional<recorder_process> recorder_process::start(const std::vector<std::s
   if (failed == 0) failed = attributes.prepare();
   if (failed != 0) return error = failure("posix_spawn set-up", failed), std::nullopt;
 
-  // posix_spawn takes its strings as char* for history's sake and doesn't change them.
-  std::vector<char*> pointers;
-  pointers.reserve(argv.size() + 1);
-  for (const std::string& entry : argv) pointers.push_back(const_cast<char*>(entry.c_str()));
-  pointers.push_back(nullptr);
-
+  const std::vector<std::string> environment = environment_with(variables);
+  const std::vector<char*> arguments = pointers_to(argv);
   pid_t pid = -1;
-  failed =
-      posix_spawn(&pid, pointers[0], actions.get(), attributes.get(), pointers.data(), environ);
+  failed = posix_spawn(&pid, arguments[0], actions.get(), attributes.get(), arguments.data(),
+                       pointers_to(environment).data());
   if (failed != 0) return error = failure("posix_spawn " + argv[0], failed), std::nullopt;
 
   unique_fd pidfd(static_cast<int>(syscall(SYS_pidfd_open, pid, 0)));

@@ -24,11 +24,13 @@ class recorder_process {
  public:
   // Starts `argv[0]`, a path, with exactly the descriptors 0, 1, 2 (/dev/null where the
   // application has closed one), `read_end` as kChildReadFd and `write_end` as kChildWriteFd;
-  // default signals, an empty signal mask, the application's environment, and a process group of
-  // its own: a Ctrl-C at the terminal is for the application, which ends the recording in order.
-  // The ends must be 5 or above. On failure the text of `error` says which call failed and why.
-  static std::optional<recorder_process> start(const std::vector<std::string>& argv, int read_end,
-                                               int write_end, std::string& error);
+  // default signals, an empty signal mask, the application's environment with the `variables`
+  // ("NAME=VALUE") in place of its own, and a process group of its own: a Ctrl-C at the terminal is
+  // for the application, which ends the recording in order. The ends must be 5 or above. On failure
+  // the text of `error` says which call failed and why.
+  static std::optional<recorder_process> start(const std::vector<std::string>& argv,
+                                               const std::vector<std::string>& variables,
+                                               int read_end, int write_end, std::string& error);
 
   recorder_process(recorder_process&& other) noexcept;
   recorder_process& operator=(recorder_process&&) = delete;

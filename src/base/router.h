@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "base/event_loop.h"
@@ -49,10 +50,14 @@ class router {
   // The listener is borrowed and must outlive the router's last callback.
   void register_listener(router_listener* listener) { listener_ = listener; }
   void set_logdir(const std::string& dir) { logdir_ = dir; }
+  // Variables as "NAME=VALUE" that recorders started from here on have in place of the
+  // application's.
+  void set_environment(std::vector<std::string> variables) { environment_ = std::move(variables); }
 
  protected:
   router_listener* listener_ = nullptr;
   std::string logdir_;
+  std::vector<std::string> environment_;
 };
 
 }  // namespace zelta::base

@@ -194,6 +194,7 @@ class RecordingEngineImpl : public IRecordingEngine, public protocol::ProtocolHa
   void add_session_options(command_line& line, const char* channelKey, const char* channelId,
                            uid_t uid, const RecordingConfig& config);
   void add_media_options(command_line& line, const RecordingConfig& config);
+  void name_channel_server(const RecordingConfig& config);
   int add_server_options(command_line& line, const RecordingConfig& config);
   void add_late_options(command_line& line, const RecordingConfig& config);
   void read_log_modules(const RecordingConfig& config);

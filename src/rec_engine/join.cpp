@@ -142,6 +142,7 @@ int RecordingEngineImpl::pushParamsToZRS(const char* channelKey, const char* cha
   logdir_ = folder;
   if (router_) router_->set_logdir(folder);
 
+  name_channel_server(*pConfig);
   failed = add_server_options(line, *pConfig);
   if (failed == 0) failed = publish_folder(folder);
   if (failed != 0) return failed;
@@ -197,6 +198,16 @@ void RecordingEngineImpl::add_media_options(command_line& line, const RecordingC
       {true, "--streamType", std::to_string(config.streamType)},
       {true, "--serviceMode", std::to_string(service_mode_)},
   });
+}
+
+// By the recorder's environment, and not by this process's: each engine may have a server of its
+// own.
+void RecordingEngineImpl::name_channel_server(const RecordingConfig& config) {
+  if (!is_set(config.cfgFilePath) || !router_) return;
+  const std::string server = get_internal_val_from_cfg(config.cfgFilePath, "Channel_Server");
+  std::vector<std::string> variables;
+  if (!server.empty()) variables.push_back("ZELTA_CHANNEL_SERVER=" + server);
+  router_->set_environment(std::move(variables));
 }
 
 // The only ports that are JSON numbers are passed on as signed, like every other number.

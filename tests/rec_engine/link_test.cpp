@@ -24,7 +24,7 @@ TEST_F(LinkTest, RecorderStartsWithItsArgumentsAndNothingElseOfOurs) {
   ASSERT_TRUE(handler.wait_for("joined room 1"));
   engine.reset();
   const auto lines = lines_of(read_file(facts));
-  ASSERT_EQ(lines.size(), 3U);
+  ASSERT_EQ(lines.size(), 4U);
   EXPECT_NE(lines[0].find(" --channel_id room "), std::string::npos);
   EXPECT_NE(lines[0].find(" --read 3 --write 4 "), std::string::npos);
   EXPECT_EQ(lines[1], "0 1 2 3 4 ");
@@ -32,6 +32,23 @@ TEST_F(LinkTest, RecorderStartsWithItsArgumentsAndNothingElseOfOurs) {
   close(stray);
   std::signal(SIGUSR1, SIG_DFL);
   pthread_sigmask(SIG_UNBLOCK, &usr2, nullptr);
+}
+
+// Each recorder has its engine's, the relaunched ones too, and the application's own stays.
+TEST_F(LinkTest, ServerOfTheConfigurationFileIsItsEnginesAlone) {
+  setenv("ZELTA_CHANNEL_SERVER", "test:", 1);
+  for (const std::string& named : {std::string("dir:/a"), std::string("dir:/b"), std::string()}) {
+    const std::string file =
+        dir.file("c.json", named.empty() ? "{}" : R"({"Channel_Server":")" + named + R"("})");
+    config.cfgFilePath = const_cast<char*>(file.c_str());
+    handler.clear();
+    ASSERT_EQ(join("facts:" + dir.path() + "facts join kill"), 0);
+    ASSERT_TRUE(handler.wait_for("error 3"));
+    EXPECT_EQ(lines_of(read_file(dir.path() + "facts")).back(), named.empty() ? "test:" : named);
+    EXPECT_NE(read_file(dir.path() + "facts").find("--recoveryid 3"), std::string::npos);
+  }
+  EXPECT_STREQ(getenv("ZELTA_CHANNEL_SERVER"), "test:");
+  unsetenv("ZELTA_CHANNEL_SERVER");
 }
 
 TEST_F(LinkTest, EventsAndFramesArriveInOrderOnOneThreadOfTheEngine) {

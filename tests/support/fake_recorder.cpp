@@ -6,7 +6,7 @@
 //     grandchild (holds the descriptors for as long as the test runs)
 //     await:URI (reads until that packet)  close-read  close-write  ignore-term  hang
 //     gate:FIFO (reads nothing until the test opens it)
-//     facts:FILE (writes its arguments, descriptors, signals)  exit:STATUS  kill
+//     facts:FILE (writes its arguments, descriptors, signals, server)  exit:STATUS  kill
 #include <algorithm>
 #include <csignal>
 #include <cstdio>
@@ -121,6 +121,8 @@ void write_facts(const std::string& path, const std::vector<std::string>& argume
   file << "\n";
   for (const int fd : open) file << fd << " ";
   file << "\n" << (clean ? "clean" : "not clean") << "\n";
+  const char* const server = std::getenv("ZELTA_CHANNEL_SERVER");
+  file << (server != nullptr ? server : "no server") << "\n";
   file.close();
   std::filesystem::rename(path + ".new", path);
 }
