@@ -7,7 +7,6 @@
 #include <csignal>
 #include <cstdint>
 #include <cstdlib>
-#include <utility>
 
 #include <unistd.h>
 
@@ -41,15 +40,15 @@ std::string toggle_service(command_scope& scope, bool start) {
   return "";
 }
 
-std::string start(command_scope& scope, std::string) {
+std::string start(command_scope& scope, const std::string& /*none*/) {
   return toggle_service(scope, true);
 }
 
-std::string stop(command_scope& scope, std::string) {
+std::string stop(command_scope& scope, const std::string& /*none*/) {
   return toggle_service(scope, false);
 }
 
-std::string arrange(command_scope& scope, std::string path) {
+std::string arrange(command_scope& scope, const std::string& path) {
   if (!scope.mixes_video) return kNoPicture;
   std::string error;
   const auto file = layout_file::read(path, error);
@@ -57,23 +56,22 @@ std::string arrange(command_scope& scope, std::string path) {
   return scope.engine.setVideoMixingLayout(file->layout()) == 0 ? "" : path + " can't be used";
 }
 
-std::string set_background(command_scope& scope, std::string arguments) {
+std::string set_background(command_scope& scope, const std::string& arguments) {
   if (!scope.mixes_video) return kNoPicture;
-  const std::string text = first_word(arguments);
+  std::string image = arguments;
+  const std::string text = first_word(image);
   char* end = nullptr;
   errno = 0;
   const unsigned long uid = std::strtoul(text.c_str(), &end, 10);
   if (text.empty() || text[0] == '-' || *end != '\0' || errno != 0 || uid > UINT32_MAX) {
     return "\"" + text + "\" should be a user id, 0 to 4294967295";
   }
-  if (!arguments.empty() && access(arguments.c_str(), R_OK) != 0) {
-    return arguments + " can't be read";
-  }
-  scope.engine.setUserBackground(static_cast<uint32_t>(uid), arguments.c_str());
+  if (!image.empty() && access(image.c_str(), R_OK) != 0) return image + " can't be read";
+  scope.engine.setUserBackground(static_cast<uint32_t>(uid), image.c_str());
   return "";
 }
 
-std::string set_log_level(command_scope& scope, std::string level) {
+std::string set_log_level(command_scope& scope, const std::string& level) {
   const auto number = number_of(kLogLevels, level);
   if (!number) return "\"" + level + "\" should be " + choices(kLogLevels);
   if (*number > scope.highest_log_level) {
@@ -83,7 +81,7 @@ std::string set_log_level(command_scope& scope, std::string level) {
   return "";
 }
 
-std::string leave(command_scope& scope, std::string) {
+std::string leave(command_scope& scope, const std::string& /*none*/) {
   scope.leave = true;
   return "";
 }
@@ -92,7 +90,7 @@ struct command {
   const char* name;
   const char* usage;
   bool needs_arguments;
-  std::string (*run)(command_scope&, std::string);
+  std::string (*run)(command_scope&, const std::string&);
 };
 constexpr command kCommands[] = {
     {"start", "start", false, start},
@@ -142,7 +140,7 @@ std::string run_command(const std::string& line, command_scope& scope) {
     } else if (arguments.empty() == c.needs_arguments) {
       return std::string("it should be: ") + c.usage;
     } else {
-      return c.run(scope, std::move(arguments));
+      return c.run(scope, arguments);
     }
   }
   return "\"" + name.substr(0, 40) + "\" isn't known; there are " + usages;

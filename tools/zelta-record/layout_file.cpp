@@ -28,7 +28,7 @@ void refuse_others(const Json::Value& object, const std::vector<std::string>& kn
   for (const std::string& name : object.getMemberNames()) {
     if (std::find(known.begin(), known.end(), name) != known.end()) continue;
     std::string all;
-    for (const std::string& k : known) all += (all.empty() ? "" : ", ") + k;
+    for (const std::string& k : known) all.append(all.empty() ? "" : ", ").append(k);
     refuse("\"" + name + "\" isn't known; there are " + all);
   }
 }
@@ -73,7 +73,7 @@ region region_of(const Json::Value& from) {
 }
 
 std::string colour_of(const Json::Value& value) {
-  const std::string text = value.isString() ? value.asString() : "";
+  std::string text = value.isString() ? value.asString() : "";
   if (text.size() != 7 || text[0] != '#' ||
       !std::all_of(text.begin() + 1, text.end(),
                    [](unsigned char c) { return std::isxdigit(c) != 0; })) {

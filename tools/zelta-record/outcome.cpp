@@ -110,7 +110,8 @@ exit_status tell_outcome(const recording_place& place, const reporter& report, b
   }
   for (const std::string& what : missing) {
     if (out.is_json()) out.event("missing", {{"what", what}});
-    complain("missing: " + what);
+    // A single one stands in the last line.
+    if (missing.size() > 1 || facts.status != kRecorded) complain("missing: " + what);
   }
   exit_status status = facts.status;
   std::string reason;
@@ -118,8 +119,9 @@ exit_status tell_outcome(const recording_place& place, const reporter& report, b
     reason = reason_of(place, facts);
   } else if (!missing.empty()) {
     status = kNotAll;
-    reason = "recorded, but not all: " + missing.front() +
-             (missing.size() > 1 ? ", and " + std::to_string(missing.size() - 1) + " more" : "");
+    reason = "recorded, but not all: " +
+             (missing.size() > 1 ? std::to_string(missing.size()) + " things are missing, see above"
+                                 : missing.front());
   } else if (nothing) {
     reason = asked ? "nothing was recorded: nobody came, or nobody sent anything"
                    : "nothing was recorded: the service was never started";
