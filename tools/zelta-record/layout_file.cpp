@@ -29,7 +29,7 @@ void refuse_others(const Json::Value& object, const std::vector<std::string>& kn
     if (std::find(known.begin(), known.end(), name) != known.end()) continue;
     std::string all;
     for (const std::string& k : known) all.append(all.empty() ? "" : ", ").append(k);
-    refuse("\"" + name + "\" isn't known; there are " + all);
+    refuse(std::string("\"").append(name).append("\" isn't known; there are ").append(all));
   }
 }
 

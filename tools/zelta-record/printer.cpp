@@ -1,11 +1,21 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "printer.h"
 
+#include <algorithm>
 #include <cstdio>
 
 #include <unistd.h>
 
 namespace zelta::record {
+namespace {
+
+// Reasons come from libraries, with line ends in them.
+std::string one_line(std::string text) {
+  std::replace(text.begin(), text.end(), '\n', ' ');
+  return text;
+}
+
+}  // namespace
 
 printer::printer(bool json) : json_(json), terminal_(!json && isatty(STDOUT_FILENO) == 1) {}
 
@@ -28,7 +38,8 @@ void printer::event(const char* name, std::initializer_list<field> fields) {
     char start[64];
     std::snprintf(start, sizeof start, "%7.2f s  %-22s", elapsed_s(), name);
     line = start;
-    for (const field& f : fields) line += std::string("  ") + f.name + " " + f.value.asString();
+    for (const field& f : fields)
+      line += std::string("  ") + f.name + " " + one_line(f.value.asString());
   }
   const std::lock_guard<std::mutex> guard(mutex_);
   if (progress_on_line_) std::fputs("\r\033[K", stdout);
@@ -47,7 +58,7 @@ void printer::redraw(const std::string& line) {
 
 void complain(const std::string& text) {
   std::fflush(stdout);
-  std::fprintf(stderr, "zelta-record: %s\n", text.c_str());
+  std::fprintf(stderr, "zelta-record: %s\n", one_line(text).c_str());
 }
 
 }  // namespace zelta::record
