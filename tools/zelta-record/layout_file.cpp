@@ -28,7 +28,10 @@ void refuse_others(const Json::Value& object, const std::vector<std::string>& kn
   for (const std::string& name : object.getMemberNames()) {
     if (std::find(known.begin(), known.end(), name) != known.end()) continue;
     std::string all;
-    for (const std::string& k : known) all.append(all.empty() ? "" : ", ").append(k);
+    for (const std::string& k : known) {
+      if (!all.empty()) all += ", ";
+      all += k;
+    }
     refuse(std::string("\"").append(name).append("\" isn't known; there are ").append(all));
   }
 }
