@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // zelta-record as its users run it: from a terminal, with signals, from scripts.
 #include <algorithm>
+#include <cstdint>
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <functional>
@@ -141,6 +143,12 @@ TEST_F(Tool, KeepsFramesThatCanBeOpenedHoweverItDies) {
     EXPECT_EQ(decode_errors_of(frames + name), "") << name;
     EXPECT_TRUE(has(name, "h264") || seconds_of(frames + name) > 1) << name;
   }
+  const std::string wav = read_file(frames + "/1.wav");
+  uint32_t told = 0;
+  ASSERT_GT(wav.size(), 44U);
+  std::memcpy(&told, wav.data() + 40, sizeof told);
+  EXPECT_GT(told, 96000U) << "a second of what its header says is there";
+  EXPECT_LE(told, wav.size() - 44);
 }
 
 TEST_F(Tool, EndsWithAStatusOfItsOwnWhenSomethingIsMissing) {
