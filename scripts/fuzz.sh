@@ -28,7 +28,8 @@ fuzz_one() {
   mkdir -p "$folder" build/fuzz/finds
   # Nothing of GLib's or GStreamer's own is a leak of ours.
   local leaks="suppressions=tests/lsan.supp:print_suppressions=0"
-  ZELTA_FUZZ_SEEDS=$folder LSAN_OPTIONS=$leaks "build/fuzz/bin/fuzz_$target" -runs=0 >/dev/null 2>&1 || true
+  ZELTA_FUZZ_SEEDS=$folder LSAN_OPTIONS=$leaks "build/fuzz/bin/fuzz_$target" -runs=0 \
+    -artifact_prefix="build/fuzz/finds/$target-" >/dev/null 2>&1 || true
   # Every attribute's name goes into GLib's table of names, whose growth looks like a leak; the
   # replay in the tests, with whole stacks, tells leaks of ours from it.
   local find_leaks=1
