@@ -105,7 +105,11 @@ int posix_spawn(pid_t* pid, const char* path, const posix_spawn_file_actions_t* 
 
 int mkdir(const char* path, mode_t mode) noexcept {
   static const auto real = next<int (*)(const char*, mode_t)>("mkdir");
-  return fails(call::kMkdir) ? -1 : real(path, mode);
+  if (!fails(call::kMkdir)) return real(path, mode);
+  // Somebody else has been faster.
+  if (errno_given == EEXIST) real(path, mode);
+  errno = errno_given;
+  return -1;
 }
 
 int open(const char* path, int flags, ...) {
@@ -275,6 +279,15 @@ TEST_F(FaultTest, JoinGetsOverEveryAllocationThatFails) {
   EXPECT_LT(cases, 3000);
   std::printf("[ faults  ] new          %3d cases in joinChannel\n", cases);
   EXPECT_TRUE(record().whole());
+}
+
+TEST_F(FaultTest, FolderThatAnotherEngineMakesInTheSameMomentIsShared) {
+  const std::string settings =
+      dir.file("c.json", "{\"Recording_Dir\":\"" + dir.path() + "shared\"}");
+  config.cfgFilePath = const_cast<char*>(settings.c_str());
+  outcome seen;
+  EXPECT_TRUE(hit({call::kMkdir, "mkdir", {}}, 0, EEXIST, seen));
+  EXPECT_TRUE(seen.whole());
 }
 
 TEST_F(FaultTest, FactoryReturnsNullWithoutMemory) {
