@@ -23,10 +23,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace zelta;
   static const bool kReady = (gst_init(nullptr, nullptr), true);
   static_cast<void>(kReady);
-  std::vector<std::string> warnings;
+  std::vector<core_service::missing_medium> left_out;
   std::string error;
   const std::string text = fuzz::text_of(data, size);
-  const auto streams = core_service::rtp::parse_description(text, warnings, error);
+  const auto streams = core_service::rtp::parse_description(text, left_out, error);
   fuzz::require(streams.empty() == !error.empty(), "an error with streams, or none without");
   for (const auto& one : streams) {
     fuzz::require(one.port >= 0 && one.port <= 65535, "a port that can't be");

@@ -22,7 +22,7 @@ struct manifest_file {
   std::string channel_id;   // empty: that of the manifest's own session
   uint32_t uid = 0;         // 0: the mix
   std::string kind;         // "audio_video", "audio", "video"
-  std::string video_codec;  // "h264", "vp8", "vp9"; empty: no video
+  std::string video_codec;  // "h264", "hevc", "av1", "vp8", "vp9"; empty: no video
   std::string audio_codec;  // "aac", "opus"; empty: no audio
   int width = 0;            // pixels
   int height = 0;

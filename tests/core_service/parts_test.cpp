@@ -257,9 +257,10 @@ TEST(SessionDescription, TellsWhatCanBeReceived) {
       {head + "m=audio 5006 RTP/AVP 97\na=rtpmap:97 opus/48000/2\nm=video 5004 RTP/AVP 96\n"
               "a=rtpmap:96 VP8/90000\n",
        2, ""},
-      {head + "m=video 0 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, "m=video 0 is turned off"},
+      {head + "m=video 0 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, "; : m=video 0 is turned off"},
       {head + "m=video 70000 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, ""},
-      {head + "m=video 5004 RTP/AVP 96\na=rtpmap:96 H265/90000\n", 0, "no codec that can be"},
+      {head + "m=video 5004 RTP/AVP 96\na=rtpmap:96 H263/90000\n", 0,
+       "; video: m=video 5004 has no codec that can be"},
       {head + "m=audio 5006 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, "no codec that can be"},
       {head + "m=audio 5006 TCP 0\nm=audio 5008 RTP/AVP 8\n", 1, "is no RTP"},
       {"nothing of the kind", 0, "no s"},
@@ -269,12 +270,12 @@ TEST(SessionDescription, TellsWhatCanBeReceived) {
       {"", 0, ""},
   };
   for (const auto& row : rows) {
-    std::vector<std::string> warnings;
+    std::vector<core_service::missing_medium> left_out;
     std::string error;
-    const auto streams = rtp::parse_description(row.text, warnings, error);
+    const auto streams = rtp::parse_description(row.text, left_out, error);
     EXPECT_EQ(streams.size(), row.streams) << row.text;
     EXPECT_EQ(error.empty(), row.streams > 0) << row.text;
-    for (const std::string& warning : warnings) error += "; " + warning;
+    for (const auto& one : left_out) error += "; " + one.medium + ": " + one.reason;
     EXPECT_NE(error.find(row.says), std::string::npos) << error;
   }
   EXPECT_EQ(rtp::answer_with_ports(

@@ -142,7 +142,8 @@ TEST_F(PictureMemoryTest, EveryDecoderMakesItsPicturesThere) {
     };
     user_graph graph(
         1, std::move(from), to, loop,
-        {[](int, int) {}, [] {}, [](bool, bool) {}, [](const core_service::missing_medium&) {},
+        {[](int, int) {}, [] {}, [](bool, bool) {},
+         [](const core_service::missing_medium& lost) { ADD_FAILURE() << lost.reason; },
          [&](const std::string&) { loop.stop(); }},
         "");
     graph.start();

@@ -1,8 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
-// A folder as a channel: PATH/CHANNEL/UID.mp4 (mkv, webm, ogg, wav) is a user whose media is that
-// file, played in real time; UID.sdp is one who sends RTP as that session description says. A file
-// that appears is a user who joins, one that is removed or ends a user who leaves. A description
-// that leaves a port open, with 9 for it, is answered by UID.sdp.answer, which has the port.
+// A folder as a channel: PATH/CHANNEL/UID.mp4 (or with another ending of media) is a user whose
+// media is that file, played in real time; UID.sdp is one who sends RTP as that session description
+// says. A file that appears is a user who joins, one that is removed or ends a user who leaves. A
+// description that leaves a port open, with 9 for it, is answered by UID.sdp.answer, which has the
+// port.
 #include <algorithm>
 #include <array>
 #include <cerrno>
@@ -10,10 +11,12 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <optional>
 #include <utility>
 #include <vector>
 
 #include <dirent.h>
+#include <strings.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -22,35 +25,42 @@
 #include "base/unique_fd.h"
 #include "core_service/atomic_file.h"
 #include "core_service/channel/channel.h"
+#include "core_service/media/codecs.h"
 #include "core_service/rtp/rtp_source.h"
 
 namespace zelta::core_service {
 namespace {
 
-constexpr std::array<const char*, 5> kMediaEndings{"mp4", "mkv", "webm", "ogg", "wav"};
+// What is in a file its content says; these tell media from notes, pictures and files on their way.
+constexpr std::array<const char*, 25> kMediaEndings{
+    "mp4", "m4v", "m4a",  "mov", "3gp", "mkv", "mka", "webm", "ogg", "ogv", "oga", "opus", "wav",
+    "mp3", "aac", "flac", "avi", "flv", "ts",  "mpg", "mpeg", "wmv", "wma", "asf", "mxf"};
 constexpr const char* kDescriptionEnding = "sdp";
 // No description is longer; whatever else has the name is not read into memory.
 constexpr std::streamsize kMaxDescriptionBytes = 64 << 10;
 
 struct user_file {
-  uint32_t uid;
-  std::string ending;
+  uint32_t uid;  // 0: the name is no user's: "alice.mp4", "12a.mp4"
+  bool description;
 };
 
-// False for a name that is no user's: "notes.txt", "12a.mp4".
-bool parse_name(const std::string& name, user_file& file) {
+// None for a name that isn't of media: "notes.txt", "7.sdp.answer", ".7.mp4".
+std::optional<user_file> parse_name(const std::string& name) {
   const size_t dot = name.rfind('.');
-  if (dot == std::string::npos) return false;
+  if (dot == std::string::npos || name.front() == '.') return std::nullopt;
+  const std::string ending = name.substr(dot + 1);
+  const bool description = ending == kDescriptionEnding;
+  const auto is_ending = [&ending](const char* known) {
+    return strcasecmp(known, ending.c_str()) == 0;
+  };
+  if (!description && std::none_of(kMediaEndings.begin(), kMediaEndings.end(), is_ending)) {
+    return std::nullopt;
+  }
   const char* const end = name.data() + dot;
   uint32_t uid = 0;
   const auto [stopped, failed] = std::from_chars(name.data(), end, uid);
-  if (failed != std::errc() || stopped != end || uid == 0) return false;
-  file = {uid, name.substr(dot + 1)};
-  return true;
-}
-
-bool is_media(const user_file& file) {
-  return std::find(kMediaEndings.begin(), kMediaEndings.end(), file.ending) != kMediaEndings.end();
+  if (failed != std::errc() || stopped != end) uid = 0;
+  return user_file{uid, description};
 }
 
 // Each track that the file turns out to have is paced by a clock of its own and shown at the bin.
@@ -66,6 +76,19 @@ void on_track(GstElement* /*parser*/, GstPad* track, gpointer bin) {
   gst_element_add_pad(GST_ELEMENT(bin), shown);
 }
 
+// GstAutoplugSelectResult of the plugin, which has no header.
+constexpr int kTry = 0;
+constexpr int kExpose = 1;
+
+// A codec that isn't known here is shown as it is, to be told as missing: no decoder that nobody
+// has chosen sees it.
+int on_factory(GstElement* /*parser*/, GstPad* /*track*/, GstCaps* /*caps*/,
+               GstElementFactory* factory, gpointer /*unused*/) {
+  return gst_element_factory_list_is_type(factory, GST_ELEMENT_FACTORY_TYPE_DECODER) != FALSE
+             ? kExpose
+             : kTry;
+}
+
 void on_all_tracks(GstElement* /*parser*/, gpointer bin) {
   gst_element_no_more_pads(GST_ELEMENT(bin));
 }
@@ -75,10 +98,8 @@ user_media make_file_user(const std::string& path) {
   GstElement* const file = gst_element_factory_make("filesrc", nullptr);
   // Stops at encoded media; it tells when all tracks are known, which parsebin doesn't.
   GstElement* const parser = gst_element_factory_make("decodebin", nullptr);
-  const media::caps_ptr encoded(gst_caps_from_string(
-      "video/x-h264; video/x-vp8; video/x-vp9; audio/mpeg; audio/x-opus; audio/x-vorbis; "
-      "audio/x-flac; audio/x-mulaw; audio/x-alaw; audio/x-raw"));
-  g_object_set(parser, "caps", encoded.get(), nullptr);
+  g_object_set(parser, "caps", media::caps_of_all().get(), nullptr);
+  g_signal_connect(parser, "autoplug-select", G_CALLBACK(on_factory), nullptr);
   g_object_set(file, "location", path.c_str(), nullptr);
   gst_bin_add_many(GST_BIN(bin.get()), file, parser, nullptr);
   gst_element_link(file, parser);
@@ -174,30 +195,40 @@ class dir_channel : public channel {
   }
 
   void appeared(const std::string& name) {
-    user_file file;
-    if (!parse_name(name, file)) return;
-    const bool description = file.ending == kDescriptionEnding;
-    if (!is_media(file) && !description) {
-      return log(name + " is no user: a user's file ends in mp4, mkv, webm, ogg, wav or sdp");
+    const auto file = parse_name(name);
+    if (!file) return;
+    if (file->uid == 0) {
+      return listener_.on_missing(
+          0, {"all", "", name + " is no user: its name should be a number of 1 to 4294967295"});
     }
-    // A second file of a user, and a file that was only written again, change nothing.
-    if (present_.count(file.uid) != 0) return;
-    user_media from = description ? make_sender(name) : make_file_user(folder_ + name);
+    const auto present = present_.find(file->uid);
+    // One that was only written again changes nothing.
+    if (present != present_.end() && present->second == name) return;
+    if (present != present_.end()) {
+      return listener_.on_missing(file->uid,
+                                  {"all", "", name + ": the uid is taken by " + present->second});
+    }
+    user_media from =
+        file->description ? make_sender(name, file->uid) : make_file_user(folder_ + name);
     if (!from.source) return;
-    present_.emplace(file.uid, name);
-    listener_.on_user_in(file.uid, std::move(from));
+    present_.emplace(file->uid, name);
+    listener_.on_user_in(file->uid, std::move(from));
   }
 
   // Empty when the description can't be used; it may be written again.
-  user_media make_sender(const std::string& name) {
-    std::vector<std::string> warnings;
+  user_media make_sender(const std::string& name, uint32_t uid) {
+    std::vector<missing_medium> left_out;
     std::string error;
-    auto made = rtp::make_rtp_source(read_description(folder_ + name), rtp_, warnings, error);
-    std::string all;
-    for (const std::string& text : warnings) all += ": " + text;
-    if (!all.empty()) log(name + all);
+    auto made = rtp::make_rtp_source(read_description(folder_ + name), rtp_, left_out, error);
+    for (const missing_medium& one : left_out) {
+      if (one.medium.empty()) {
+        log(name + ": " + one.reason);
+      } else {
+        listener_.on_missing(uid, one);
+      }
+    }
     if (!made) {
-      log(name + " can't be recorded: " + error);
+      listener_.on_missing(uid, {"all", "", name + ": " + error});
       return {};
     }
     if (!made->answer.empty() &&
@@ -219,12 +250,12 @@ class dir_channel : public channel {
   }
 
   void disappeared(const std::string& name) {
-    user_file file;
-    if (!parse_name(name, file)) return;
-    const auto found = present_.find(file.uid);
+    const auto file = parse_name(name);
+    if (!file) return;
+    const auto found = present_.find(file->uid);
     if (found == present_.end() || found->second != name) return;
     present_.erase(found);
-    listener_.on_user_out(file.uid);
+    listener_.on_user_out(file->uid);
   }
 
   const std::string folder_;

@@ -97,7 +97,7 @@ bool file_series::is_new_file(const media_sample& sample) const {
 }
 
 void file_series::open_with_video(const media_sample& sample, const codec& kind) {
-  const container form = kind.in_webm ? container::kWebm : container::kMp4;
+  const container form = kind.kept == storage::kWebm ? container::kWebm : container::kMp4;
   media_time begin = sample.time;
   if (current_ != nullptr) {
     const bool full = current_->holds.video &&

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/media/gst.h"
 
+#include <cstring>
 #include <utility>
 
 namespace zelta::core_service::media {
@@ -124,12 +125,26 @@ void bus_watch::on_message(GstMessage* message) {
   // Copies, because what is called may destroy this.
   const events told = told_;
   if (type_of(message) == GST_MESSAGE_EOS && told.ended) return told.ended();
+  if (type_of(message) == GST_MESSAGE_ELEMENT && told.unknown) {
+    // Of the base plugins' utilities, whose library is one more to link for this name alone.
+    const GstStructure* const fields = gst_message_get_structure(message);
+    const GValue* const detail = gst_structure_has_name(fields, "missing-plugin") != FALSE
+                                     ? gst_structure_get_value(fields, "detail")
+                                     : nullptr;
+    if (detail != nullptr && GST_VALUE_HOLDS_CAPS(detail)) {
+      told.unknown(gst_value_get_caps(detail));
+    }
+    return;
+  }
   if (type_of(message) != GST_MESSAGE_ERROR || !told.failed) return;
   GError* error = nullptr;
   char* details = nullptr;
   gst_message_parse_error(message, &error, &details);
   std::string why = error->message;
-  if (details != nullptr) why += std::string(" (") + details + ")";
+  // The first line is a place in a plugin's source; what comes behind it says more, if it is there.
+  const char* const more = details != nullptr ? std::strchr(details, '\n') : nullptr;
+  why += std::string(" (") + GST_OBJECT_NAME(GST_MESSAGE_SRC(message)) +
+         (more != nullptr ? std::string(": ") + (more + 1) : "") + ")";
   const bool disk = g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT) ||
                     g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE) ||
                     g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE) ||

@@ -108,6 +108,8 @@ class bus_watch {
     std::function<void()> ended;
     // `from` is the name of the element; `disk` tells that a file could not be written.
     std::function<void(const std::string& why, const std::string& from, bool disk)> failed;
+    // Media that nothing is installed for. May be null.
+    std::function<void(const GstCaps* caps)> unknown = nullptr;
   };
   // Pipeline and loop are borrowed and must outlive it. The callbacks may destroy it.
   bus_watch(GstElement* pipeline, base::event_loop& loop, events told);

@@ -86,7 +86,8 @@ user_graph::user_graph(uint32_t uid, user_media from, user_outputs to, base::eve
                         [this](const std::string& why, const std::string& /*from*/, bool /*disk*/) {
                           told_.missing({"all", "", why});
                           done("error: " + why);
-                        }});
+                        },
+                        [this](const GstCaps* caps) { leave_out_unknown(caps); }});
 }
 
 user_graph::~user_graph() {
@@ -187,11 +188,17 @@ void user_graph::attach(GstPad* pad) {
   if (c != nullptr) offered_ = true;
   if (c == nullptr || !wanted(c->kind)) return discard(pad);
   auto t = std::make_shared<track>();
-  t->kind = c;
+  const bool anew = c->kept == storage::kAsH264;
+  t->kind = anew ? find_codec("h264") : c;
   t->source.reset(GST_PAD(gst_object_ref(pad)));
   std::string error;
-  element_ptr made =
-      make_bin(c->kind == media_kind::kVideo ? video_branch(*c) : sound_branch(*c), error);
+  std::string branch = c->kind == media_kind::kVideo ? video_branch(*t->kind) : sound_branch(*c);
+  if (anew) {
+    branch = as_h264(*c, caps.get()) + " ! " + branch;
+    log(base::WARN_LOG, std::string("its video (") + c->name +
+                            ") is decoded and encoded as H.264, because no file takes it");
+  }
+  element_ptr made = make_bin(branch, error);
   if (!made) {
     leave_out({name_of(c->kind), c->name, error});
     return discard(pad);
@@ -230,12 +237,11 @@ void user_graph::leave_out(missing_medium what) {
 
 // Texts and data beside the media are no loss of media.
 void user_graph::leave_out_unknown(const GstCaps* caps) {
-  const std::unique_ptr<char, void (*)(void*)> text(gst_caps_to_string(caps), g_free);
   const std::string name = gst_structure_get_name(gst_caps_get_structure(caps, 0));
   const auto kind = kind_of(name);
   if (!kind) return log(base::NOTICE_LOG, "leaves out what is no sound or picture: " + name);
   if (!wanted(*kind)) return;
-  leave_out({name_of(*kind), name, std::string("this recorder has no use for it: ") + text.get()});
+  leave_out({name_of(*kind), name, "it is none of the codecs that are recorded"});
 }
 
 // ---- The branches --------------------------------------------------------------------------

@@ -341,9 +341,10 @@ std::string undecryptable(source_state& state) {
 }  // namespace
 
 std::optional<rtp_source> make_rtp_source(const std::string& text, const settings& how,
-                                          std::vector<std::string>& warnings, std::string& error) {
+                                          std::vector<missing_medium>& left_out,
+                                          std::string& error) {
   auto state = std::make_unique<source_state>();
-  state->streams = parse_description(text, warnings, error);
+  state->streams = parse_description(text, left_out, error);
   if (state->streams.empty()) return std::nullopt;
   state->key = how.key;
   state->cname = how.use_sender_reports ? "sender" : "";

@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "core_service/media/gst.h"
+#include "core_service/missing_medium.h"
 #include "core_service/rtp/settings.h"
 
 namespace zelta::core_service::rtp {
@@ -27,9 +28,10 @@ struct rtp_source {
   std::function<std::string()> fault;
 };
 
-// The sender that the session description in `text` describes. None, with `error`, when nothing
-// can be received of it.
+// `left_out` as of parse_description. The sender that the session description in `text` describes.
+// None, with `error`, when nothing can be received of it.
 std::optional<rtp_source> make_rtp_source(const std::string& text, const settings& how,
-                                          std::vector<std::string>& warnings, std::string& error);
+                                          std::vector<missing_medium>& left_out,
+                                          std::string& error);
 
 }  // namespace zelta::core_service::rtp

@@ -80,19 +80,22 @@ std::string address_of(const GstSDPMessage* message, const GstSDPMedia* media) {
   return connection->address != nullptr ? connection->address : "0.0.0.0";
 }
 
-// None, with `why`, when nothing of the media line can be received.
+// None, with `lost`, when nothing of the media line can be received.
 std::optional<stream_description> describe(const GstSDPMessage* message, const GstSDPMedia* media,
-                                           std::string& why) {
+                                           missing_medium& lost) {
   stream_description stream{};
   const char* const kind = gst_sdp_media_get_media(media);
   const char* const proto = gst_sdp_media_get_proto(media);
   const guint port = gst_sdp_media_get_port(media);
   const std::string line = std::string("m=") + kind + " " + std::to_string(port);
   const bool audio = std::strcmp(kind, "audio") == 0;
-  if (!audio && std::strcmp(kind, "video") != 0) why = line + " is neither audio nor video";
+  const bool media_line = audio || std::strcmp(kind, "video") == 0;
+  std::string& why = lost.reason;
+  if (!media_line) why = line + " is neither audio nor video";
   if (std::strncmp(proto, "RTP/", 4) != 0) why = line + " is no RTP";
   if (port == 0) why = line + " is turned off";
   if (port >= kLastPort) why = line + " should have a port of 1 to 65534";
+  if (media_line && port != 0) lost.medium = kind;
   if (!why.empty()) return std::nullopt;
   stream.kind = audio ? media::media_kind::kAudio : media::media_kind::kVideo;
   stream.address = address_of(message, media);
@@ -106,14 +109,16 @@ std::optional<stream_description> describe(const GstSDPMessage* message, const G
   stream.srtp = std::strncmp(proto, "RTP/SAVP", 8) == 0;
   take_payloads(message, media, stream);
   if (!stream.caps.empty()) return stream;
-  why = line + " has no codec that can be received: H264, VP8, VP9, OPUS, PCMU, PCMA";
+  why = line + " has no codec that can be received: H264, H265, VP8, VP9, OPUS, PCMU, PCMA";
+  const char* const named = gst_sdp_media_get_attribute_val(media, "rtpmap");
+  if (named != nullptr) lost.codec = named;
   return std::nullopt;
 }
 
 }  // namespace
 
 std::vector<stream_description> parse_description(const std::string& text,
-                                                  std::vector<std::string>& warnings,
+                                                  std::vector<missing_medium>& left_out,
                                                   std::string& error) {
   std::vector<stream_description> streams;
   const message_ptr message = parse(text);
@@ -122,12 +127,12 @@ std::vector<stream_description> parse_description(const std::string& text,
     return streams;
   }
   for (guint i = 0; i < gst_sdp_message_medias_len(message.get()); ++i) {
-    std::string why;
-    auto stream = describe(message.get(), gst_sdp_message_get_media(message.get(), i), why);
+    missing_medium lost;
+    auto stream = describe(message.get(), gst_sdp_message_get_media(message.get(), i), lost);
     if (stream) {
       streams.push_back(std::move(*stream));
     } else {
-      warnings.push_back(why);
+      left_out.push_back(std::move(lost));
     }
   }
   if (streams.empty()) error = "it describes no stream that can be received";

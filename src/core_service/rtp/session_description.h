@@ -9,6 +9,7 @@
 
 #include "core_service/media/codecs.h"
 #include "core_service/media/gst.h"
+#include "core_service/missing_medium.h"
 
 namespace zelta::core_service::rtp {
 
@@ -24,9 +25,10 @@ struct stream_description {
 };
 
 // The streams of the description in `text`, in its order; those that are turned off or of no codec
-// that can be received are left out, with a warning. Empty, with `error`, when none is left.
+// that can be received are left out and told, without a medium where none is lost: those that are
+// turned off or no sound or picture. Empty, with `error`, when none is left.
 std::vector<stream_description> parse_description(const std::string& text,
-                                                  std::vector<std::string>& warnings,
+                                                  std::vector<missing_medium>& left_out,
                                                   std::string& error);
 
 // `text` with the ports of its media lines replaced: the answer to one who leaves them open.

@@ -2,6 +2,9 @@
 #include "core_service/media/mp4/track.h"
 
 #include <algorithm>
+#include <cstring>
+
+#include "core_service/media/mp4/av1_config.h"
 
 namespace zelta::core_service::media::mp4 {
 namespace {
@@ -12,6 +15,41 @@ constexpr uint32_t kVideoScale = 90'000;
 constexpr uint32_t kKeySample = 0x02000000;    // depends on no other
 constexpr uint32_t kDeltaSample = 0x01010000;  // depends on others, is no sync sample
 constexpr uint32_t kUnity = 0x00010000;
+
+// How a file names the codec of its pictures, and the box of what decodes them all.
+struct video_entry {
+  const char* caps;
+  const char* entry;
+  const char* config;
+};
+constexpr video_entry kVideoEntries[] = {
+    {"video/x-h264", "avc1", "avcC"},
+    {"video/x-h265", "hvc1", "hvcC"},
+    {"video/x-av1", "av01", "av1C"},
+};
+
+const video_entry& entry_of(const GstCaps* caps) {
+  const char* const name = gst_structure_get_name(gst_caps_get_structure(caps, 0));
+  for (const video_entry& one : kVideoEntries) {
+    if (std::strcmp(one.caps, name) == 0) return one;
+  }
+  return kVideoEntries[0];
+}
+
+std::vector<uint8_t> bytes_of(GstBuffer* buffer) {
+  std::vector<uint8_t> bytes(gst_buffer_get_size(buffer));
+  gst_buffer_extract(buffer, 0, bytes.data(), bytes.size());
+  return bytes;
+}
+
+// From the stream itself, else from what Matroska keeps beside it.
+std::vector<uint8_t> av1_config(GstBuffer* unit, const std::vector<uint8_t>& codec_data) {
+  std::vector<uint8_t> config = av1_config_of(bytes_of(unit));
+  if (config.empty() && codec_data.size() > 4) {
+    config = av1_config_of({codec_data.begin() + 4, codec_data.end()});
+  }
+  return config;
+}
 
 int field_of(const GstStructure* fields, const char* name) {
   int value = 0;
@@ -52,9 +90,9 @@ void track::add(const media_sample& sample) {
         kind_ == media_kind::kVideo ? kVideoScale : static_cast<uint32_t>(field_of(fields, "rate"));
     const GValue* const data = gst_structure_get_value(fields, "codec_data");
     GstBuffer* const codec = data != nullptr ? gst_value_get_buffer(data) : nullptr;
-    if (codec != nullptr) {
-      codec_data_.resize(gst_buffer_get_size(codec));
-      gst_buffer_extract(codec, 0, codec_data_.data(), codec_data_.size());
+    if (codec != nullptr) codec_data_ = bytes_of(codec);
+    if (gst_structure_has_name(fields, "video/x-av1") != FALSE) {
+      codec_data_ = av1_config(sample.buffer.get(), codec_data_);
     }
     first_ = sample.decode_time;
     shown_ = sample.time;
@@ -215,7 +253,8 @@ void track::put_edits(box_writer& to) const {
 
 void track::put_entry(box_writer& to) const {
   if (kind_ == media_kind::kVideo) {
-    const box avc1(to, "avc1");
+    const video_entry& named = entry_of(first_caps_.get());
+    const box entry(to, named.entry);
     to.zeros(6);
     to.put<2>(1);
     to.zeros(16);
@@ -229,7 +268,7 @@ void track::put_entry(box_writer& to) const {
     to.put<2>(24);
     to.put<2>(0xffff);
     {
-      const box avcc(to, "avcC");
+      const box config(to, named.config);
       to.raw(codec_data_);
     }
     int across = 1;
