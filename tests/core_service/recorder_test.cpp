@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The recorder: its options and manifest, and recordings of real media through the engine.
+#include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <mutex>
 
@@ -328,6 +330,77 @@ TEST_F(RecordingTest, FilesThatComeAndGoAreUsersWhoComeAndGo) {
   ASSERT_EQ(files().size(), 1U) << "nothing is left of the broken one";
   EXPECT_LT(files()[0]["duration_ms"].asInt(), 5000) << "cut where the user left";
   EXPECT_LT(seconds_of(folder + files()[0]["name"].asString()), 5);
+}
+
+// What a file of a channel becomes: its pictures all there, in the codec that is kept; or why not.
+TEST_F(RecordingTest, EveryFileOfAChannelIsRecordedOrToldAsMissing) {
+  const struct {
+    const char* name;
+    const char* video;  // how it is made; null: the file isn't media
+    const char* recorded;
+    const char* missing;
+  } rows[] = {
+      {"1.mp4", "libx265 -x265-params log-level=none:bframes=2:keyint=10", "hevc aac", ""},
+      {"2.mkv", "libx265 -x265-params log-level=none:bframes=2:keyint=10", "hevc aac", ""},
+      {"3.mp4", "libaom-av1 -cpu-used 8 -g 10", "av1 aac", ""},
+      {"4.webm", "libaom-av1 -cpu-used 8 -g 10 -c:a libopus", "av1 aac", ""},
+      {"5.mov", "mpeg4", "h264 aac", ""},
+      {"6.mpg", "mpeg2video -c:a mp2", "h264 aac", ""},
+      {"13.avi", "mjpeg", "h264 aac", ""},
+      {"007.mp3", "none -c:a mp3", "aac", "7.wav: the uid is taken by 007.mp3"},
+      {"7.wav", nullptr, "aac", ""},
+      {"8.mkv", "prores", "aac", "video video/x-prores it is none of the codecs"},
+      {"9.mp4", nullptr, "", "all  Could not determine type of stream"},
+      {"10.sdp", nullptr, "", "all  10.sdp: it describes no stream"},
+      {"alice.mp4", "mpeg4", "", "alice.mp4 is no user"},
+      {".11.mp4", "mpeg4", "", ""},
+      {"12.txt", nullptr, "", ""},
+  };
+  const std::string room = dir.path() + "channels/room/";
+  std::filesystem::create_directories(room);
+  for (const auto& row : rows) {
+    std::ofstream(room + row.name) << "no media";
+    if (row.video == nullptr) continue;
+    const bool sound = std::strncmp(row.video, "none", 4) == 0;
+    const std::string made = output_of(
+        "ffmpeg -y -v error -f lavfi -i testsrc2=size=64x48:rate=10:duration=2 -f lavfi "
+        "-i sine=duration=2 " +
+        std::string(sound ? "-map 1 " : "-c:v ") + (row.video + (sound ? 4 : 0)) + " " + room +
+        row.name);
+    ASSERT_EQ(made, "") << row.name;
+  }
+  join("dir:" + dir.path() + "channels");
+  ASSERT_TRUE(handler.wait_for("user out", 9));
+  release();
+  const Json::Value missing = read_json(folder + "recording.json")["missing"];
+  std::string all_missing;
+  for (const Json::Value& gap : missing) {
+    all_missing += gap["medium"].asString() + " " + gap["codec"].asString() + " " +
+                   gap["reason"].asString() + "\n";
+  }
+  unsigned expected_missing = 0;
+  for (const auto& row : rows) {
+    EXPECT_NE(all_missing.find(row.missing), std::string::npos) << row.name << all_missing;
+    expected_missing += row.missing[0] != '\0' ? 1 : 0;
+    const int uid = std::atoi(row.name);
+    std::string recorded;
+    for (const Json::Value& file : files()) {
+      if (file["uid"].asInt() != uid) continue;
+      const std::string path = folder + file["name"].asString();
+      recorded += codecs_of(path);
+      EXPECT_EQ(decode_errors_of(path), "") << row.name;
+      EXPECT_NEAR(seconds_of(path), 2, 0.15) << row.name;
+      if (file["width"].asInt() == 0) continue;
+      EXPECT_EQ(output_of("ffprobe -v error -select_streams v -count_frames -show_entries "
+                          "stream=nb_read_frames -of csv=p=0 " +
+                          path),
+                "20\n")
+          << row.name;
+    }
+    EXPECT_EQ(recorded, row.recorded) << row.name;
+  }
+  EXPECT_EQ(missing.size(), expected_missing) << all_missing;
+  EXPECT_EQ(handler.count("error 2 1"), 4) << "not of one who is no user";
 }
 
 TEST_F(RecordingTest, FramesGoToTheApplicationInPlaceOfTheFile) {

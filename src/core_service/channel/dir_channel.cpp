@@ -76,6 +76,16 @@ void on_track(GstElement* /*parser*/, GstPad* track, gpointer bin) {
   gst_element_add_pad(GST_ELEMENT(bin), shown);
 }
 
+// FALSE shows the track as it is: coded media. Not straight out of a file, where frames have no
+// times before they are parsed, and all would come at once.
+gboolean on_media(GstElement* /*parser*/, GstPad* track, GstCaps* caps, gpointer /*unused*/) {
+  const media::element_ptr from(gst_pad_get_parent_element(track));
+  GstElementFactory* const made_by = from ? gst_element_get_factory(from.get()) : nullptr;
+  const char* const name = made_by != nullptr ? GST_OBJECT_NAME(made_by) : "";
+  const bool whole_file = std::strcmp(name, "typefind") == 0;
+  return whole_file || media::find_codec(caps) == nullptr ? TRUE : FALSE;
+}
+
 // GstAutoplugSelectResult of the plugin, which has no header.
 constexpr int kTry = 0;
 constexpr int kExpose = 1;
@@ -98,7 +108,7 @@ user_media make_file_user(const std::string& path) {
   GstElement* const file = gst_element_factory_make("filesrc", nullptr);
   // Stops at encoded media; it tells when all tracks are known, which parsebin doesn't.
   GstElement* const parser = gst_element_factory_make("decodebin", nullptr);
-  g_object_set(parser, "caps", media::caps_of_all().get(), nullptr);
+  g_signal_connect(parser, "autoplug-continue", G_CALLBACK(on_media), nullptr);
   g_signal_connect(parser, "autoplug-select", G_CALLBACK(on_factory), nullptr);
   g_object_set(file, "location", path.c_str(), nullptr);
   gst_bin_add_many(GST_BIN(bin.get()), file, parser, nullptr);

@@ -12,7 +12,7 @@ namespace {
 
 constexpr const char* kAvc = "h264parse ! video/x-h264,stream-format=avc,alignment=au";
 constexpr const char* kHvc =
-    "h265parse ! h265timestamper ! video/x-h265,stream-format=hvc1,alignment=au";
+    "h265parse ! video/x-h265,stream-format=hvc1,alignment=au ! h265timestamper";
 constexpr const char* kObu = "av1parse ! video/x-av1,stream-format=obu-stream,alignment=tu";
 // Keeps decoding what a loss has damaged, as a player does.
 constexpr const char* kDecodeH264 = "avdec_h264";
@@ -134,12 +134,6 @@ std::vector<std::string> missing_plugins() {
                       "; it is in the package " + row.package);
   }
   return missing;
-}
-
-caps_ptr caps_of_all() {
-  caps_ptr all(gst_caps_new_empty());
-  for (const codec& c : kCodecs) gst_caps_append(all.get(), gst_caps_from_string(c.caps));
-  return all;
 }
 
 const codec* find_codec(const GstCaps* caps) {

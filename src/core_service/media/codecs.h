@@ -8,8 +8,6 @@
 
 #include <gst/gst.h>
 
-#include "core_service/media/gst.h"
-
 namespace zelta::core_service::media {
 
 enum class media_kind { kAudio, kVideo };
@@ -41,9 +39,6 @@ struct codec {
 
 // For every plugin that is missing what it costs and which package brings it.
 std::vector<std::string> missing_plugins();
-
-// What a demuxer may stop at: the media types of all codecs.
-caps_ptr caps_of_all();
 
 // The codec of `caps`; null for one that isn't supported.
 const codec* find_codec(const GstCaps* caps);
