@@ -18,6 +18,8 @@ constexpr int kFinishLimitMs = 3000;
 // A sender that starts again with a new SSRC stops using the old one.
 constexpr media_time kHandover = 200ms;
 constexpr media_time kKeyFrameInterval = 1s;
+// Whoever leaves sooner may not have sent one yet.
+constexpr media_time kFirstKeyFramePatience = 5s;
 
 // Decouples decoding from recording: a machine that can't decode in time drops pictures here, and
 // the recording goes on.
@@ -80,7 +82,7 @@ user_graph::user_graph(uint32_t uid, user_media from, user_outputs to, base::eve
       pipeline_.get(), loop,
       bus_watch::events{[this] {
                           if (!finish_reason_.empty()) return done(finish_reason_);
-                          tell_what_never_came();
+                          tell_what_never_came(0s);
                           done("end of media");
                         },
                         [this](const std::string& why, const std::string& /*from*/, bool /*disk*/) {
@@ -190,6 +192,7 @@ void user_graph::attach(GstPad* pad) {
   auto t = std::make_shared<track>();
   const bool anew = c->kept == storage::kAsH264;
   t->kind = anew ? find_codec("h264") : c;
+  t->since = now();
   t->source.reset(GST_PAD(gst_object_ref(pad)));
   std::string error;
   std::string branch = c->kind == media_kind::kVideo ? video_branch(*t->kind) : sound_branch(*c);
@@ -421,6 +424,7 @@ void user_graph::request_key_frame() {
 void user_graph::finish(const std::string& why) {
   if (finished_ || !finish_reason_.empty()) return;
   finish_reason_ = why;
+  tell_what_never_came(kFirstKeyFramePatience);
   std::vector<std::pair<GstPad*, GstPad*>> ends;
   {
     const std::lock_guard<std::mutex> guard(tracks_lock_);
@@ -446,21 +450,21 @@ void user_graph::finish(const std::string& why) {
   }
 }
 
-// A source that ended by itself has had all its chances. Behind what is on its way through the
-// loop.
-void user_graph::tell_what_never_came() {
-  posting_.post([this] {
+// A source that ended by itself has had all its chances; one that was cut off, if it sent for so
+// long. Behind what is on its way through the loop.
+void user_graph::tell_what_never_came(media_time patience) {
+  posting_.post([this, patience, at = now()] {
     std::vector<const codec*> silent;
     {
       const std::lock_guard<std::mutex> guard(tracks_lock_);
       for (const auto& t : tracks_) {
-        if (!has(t->kind->kind)) silent.push_back(t->kind);
+        if (!has(t->kind->kind) && at - t->since >= patience) silent.push_back(t->kind);
       }
     }
     for (const codec* const c : silent) {
       told_.missing({name_of(c->kind), c->name, "nothing of it could be parsed or decoded"});
     }
-    if (!offered_) told_.missing({"all", "", "there is no sound or picture in it"});
+    if (!offered_ && patience == 0s) told_.missing({"all", "", "there is no sound or picture in it"});
   });
 }
 

@@ -86,6 +86,7 @@ class user_graph {
     GstElement* branch = nullptr;  // borrowed from the pipeline
     // Media time of the latest buffer, nanoseconds.
     std::atomic<int64_t> latest{0};
+    media_time since{};
     std::atomic<int> rotation{0};
     int64_t next_jpg = 0;
     bool seen = false;
@@ -119,7 +120,7 @@ class user_graph {
   void note(const std::shared_ptr<track>& t, const media_sample& sample);
   void on_first(const track& t, int width, int height);
   void note_tracks();
-  void tell_what_never_came();
+  void tell_what_never_came(media_time patience);
   void done(const std::string& why);
   void log(base::log_levels level, const std::string& text) const;
 
