@@ -358,7 +358,9 @@ TEST_F(RtpTest, OpenPortIsChosenInItsBoundsAndAnswered) {
   std::filesystem::rename(dir.file("6.sdp", "v=0\n"), dir.path() + "channels/room/6.sdp");
   ASSERT_TRUE(handler.wait_for("user in 5"));
   release();
-  EXPECT_NE(log().find("6.sdp can't be recorded: it describes no stream"), std::string::npos);
+  EXPECT_NE(log().find("user 6: not recorded (all): 6.sdp: it describes no stream"),
+            std::string::npos);
+  EXPECT_EQ(handler.count("error 2 1"), 1);
 }
 
 }  // namespace

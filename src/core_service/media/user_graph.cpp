@@ -464,7 +464,8 @@ void user_graph::tell_what_never_came(media_time patience) {
     for (const codec* const c : silent) {
       told_.missing({name_of(c->kind), c->name, "nothing of it could be parsed or decoded"});
     }
-    if (!offered_ && patience == 0s) told_.missing({"all", "", "there is no sound or picture in it"});
+    if (!offered_ && patience == 0s)
+      told_.missing({"all", "", "there is no sound or picture in it"});
   });
 }
 
