@@ -21,13 +21,17 @@
 // an application may call any function but joinChannel() and release(); leaveChannel() then takes
 // effect when the callback returns.
 //
-// One engine object serves one recording. These end the process, because there is no state to go on
+// One engine object serves one recording: it joins once, and its first leaveChannel(), before the
+// join or after it, is its only one. Make a new engine for the next recording. On one that was
+// left, joinChannel() returns 0 and starts a recorder, which is told to leave within half a second;
+// release() is safe then too. These end the process (SIGABRT), because there is no state to go on
 // from:
-//   - joinChannel() on an engine that has joined and not left;
+//   - joinChannel() while the thread of an earlier successful one hasn't been waited for: a second
+//     one without leaveChannel() in between, one after a leaveChannel() from inside a callback, and
+//     a second one on an engine that was left;
 //   - release() from inside a callback;
 //   - an exception that leaves a callback.
-// A second joinChannel() after leaveChannel() is not supported: its session ends within half a
-// second. Make a new engine instead.
+// A joinChannel() that was refused counts as none, as long as the engine wasn't left.
 //
 // Recovery: a recorder that dies in mid-session is started again in the same folder, at most three
 // times in the life of an engine; each time onWarning(WARN_RECOVERY_CORE_SERVICE_FAILURE) comes.
@@ -57,7 +61,7 @@ using uchar_t = uint8_t;
 enum ERROR_CODE_TYPE : int32_t {
   ERR_OK = 0,                // no error
   ERR_FAILED = 1,            // the recorder could not do its work; the log says why
-  ERR_INVALID_ARGUMENT = 2,  // the recorder was given an argument that it can't use
+  ERR_INVALID_ARGUMENT = 2,  // something of one user's can't be recorded; the others' is
   ERR_INTERNAL_FAILED = 3,   // the recorder is gone and could not be started again
 };
 
@@ -292,7 +296,8 @@ struct ZELTA_API VideoMixingLayout {
     Region() = default;
   };
 
-  int canvasWidth = 0;  // pixels
+  // Without effect: the picture has the size that mixResolution says.
+  int canvasWidth = 0;
   int canvasHeight = 0;
   const char* backgroundColor = nullptr;  // "#rrggbb"; null is black
   uint32_t regionCount = 0;
@@ -326,8 +331,11 @@ class ZELTA_API IRecordingEngineEventHandler {
  public:
   virtual ~IRecordingEngineEventHandler() = default;
 
-  // The session is broken: see Recovery above for ERR_INTERNAL_FAILED, whose `stat_code` holds
-  // poll bits; otherwise the recorder reports what it could not do. Call leaveChannel() next.
+  // ERR_INVALID_ARGUMENT: something of one user's can't be recorded; the log and `missing` of
+  // recording.json say whose and why. All else is recorded on, and nothing needs to be done.
+  // Otherwise the session is broken: see Recovery above for ERR_INTERNAL_FAILED, whose `stat_code`
+  // holds poll bits; with ERR_FAILED the recorder reports what it could not do. Call leaveChannel()
+  // next.
   virtual void onError(int error, STAT_CODE_TYPE stat_code) = 0;
   // Something happened that needs no action: a WARN_CODE_TYPE.
   virtual void onWarning(int warn) = 0;
@@ -363,6 +371,19 @@ class ZELTA_API IRecordingEngineEventHandler {
 
 // What to record and how. The application owns the object and every string that it points to;
 // both must live until joinChannel() has returned. A string that is null is not set.
+//
+// Combinations that joinChannel() refuses with -2, and with -1 where it says so:
+//   - isAudioOnly with isVideoOnly, or with any decodeVideo;
+//   - isMixingEnabled with any decodeAudio, or with a decodeVideo other than
+//     VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE;
+//   - decodeAudio with isVideoOnly, or with JPG frames or JPG files alone;
+//   - audioProfile other than the default without isMixingEnabled;
+//   - mixedVideoAudio without isMixingEnabled, or with isAudioOnly or isVideoOnly (-1);
+//   - mixResolution that isn't four positive numbers, when mixing pictures (-1); else it is ignored
+//     with a line in the log;
+//   - Chunk_Time_Span of the configuration file with isMixingEnabled, without live broadcasting, or
+//     from 1 to 9;
+//   - any number out of the range that stands beside it.
 class ZELTA_API RecordingConfig {
  public:
   // No frames, no mixing, 300 s idle limit, 5 s capture interval, all else zero and null.
@@ -376,7 +397,10 @@ class ZELTA_API RecordingConfig {
   bool isMixingEnabled;                 // one stream of all users instead of one each
   MIXED_AV_CODEC_TYPE mixedVideoAudio;  // when mixing sound and picture: into one file?
   char* mixResolution;                  // "width,height,fps,kbps" of the mixed picture
-  char* decryptionMode;                 // with `secret`: how the channel's media is encrypted
+  // Both or neither: how the channel's media is encrypted. For RTP "aes-128-cm-sha1-80",
+  // "aes-128-gcm" or "aes-256-gcm"; the secret is base64 of key and salt (16+14, 16+12, 32+12
+  // bytes). Another mode is an error of the join, told by onError.
+  char* decryptionMode;
   char* secret;
   char* appliteDir;  // folder of ZeltaCoreService; null: see docs/lifecycle.md
   char*
@@ -393,7 +417,7 @@ class ZELTA_API RecordingConfig {
   REMOTE_VIDEO_STREAM_TYPE streamType;
   TRIGGER_MODE_TYPE triggerMode;
   LANGUAGE_TYPE lang;
-  char* proxyServer;
+  char* proxyServer;                // passed on; no channel server of this version takes one
   AUDIO_PROFILE_TYPE audioProfile;  // other than the default only when mixing
   char* defaultVideoBg;             // image behind the mixed picture
   char* defaultUserBg;              // image in the region of a user without video
@@ -459,8 +483,10 @@ class ZELTA_API IRecordingEngine {
   // `channelId`: 1 to 64 bytes. It becomes a part of the folder's name as it stands.
   // `uid`: the recorder's own; 0: the recorder chooses.
   // 0, or with a line in the log and nothing started: -2 for a configuration that can't be
-  // recorded, -1 for a mixResolution or mixedVideoAudio that can't be used, for a folder that can't
-  // be made, and for a recorder that can't be started.
+  // recorded, -1 for a mixResolution or mixedVideoAudio that can't be used, for a Recording_Dir of
+  // the configuration file that can't be made or isn't a folder, and for a recorder, a thread or
+  // memory that is not to be had. A folder below recordFileRootDir that can't be made or written is
+  // found by the recorder: 0, and then onError(ERR_FAILED, STAT_ERR_ZRS_JOIN_CHANNEL).
   virtual int joinChannel(const char* channelKey, const char* channelId, uid_t uid,
                           const RecordingConfig& config) = 0;
   // Arranges the users on the mixed picture. 0, also when there is no recorder; -2 when `layout`

@@ -257,11 +257,14 @@ void recorder_link::close_pipes() {
   write_end_.reset();
 }
 
+// After a leave nothing but the log can say that files may lack their end.
 void recorder_link::end_process(milliseconds patience) {
   const std::string needed = process_.end(patience, kTermLimit);
-  LINK_LOG(to_.logdir, needed.empty() ? NOTICE_LOG : WARN_LOG, "recorder pid %d ended: %s%s%s",
-           process_.pid(), process_.how_ended().c_str(), needed.empty() ? "" : ", after ",
-           needed.c_str());
+  const log_levels level = process_.was_killed() ? ERROR_LOG
+                           : needed.empty()      ? NOTICE_LOG
+                                                 : WARN_LOG;
+  LINK_LOG(to_.logdir, level, "recorder pid %d ended: %s%s%s", process_.pid(),
+           process_.how_ended().c_str(), needed.empty() ? "" : ", after ", needed.c_str());
 }
 
 #undef LINK_LOG

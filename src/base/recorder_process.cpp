@@ -133,7 +133,8 @@ recorder_process::recorder_process(recorder_process&& other) noexcept
     : pid_(other.pid_),
       pidfd_(std::move(other.pidfd_)),
       reaped_(std::exchange(other.reaped_, true)),
-      how_ended_(std::move(other.how_ended_)) {}
+      how_ended_(std::move(other.how_ended_)),
+      was_killed_(other.was_killed_) {}
 
 recorder_process::~recorder_process() {
   if (reaped_) return;
@@ -153,10 +154,11 @@ void recorder_process::reap() {
     reaped = waitpid(pid_, &status, 0);
   } while (reaped < 0 && errno == EINTR);
   reaped_ = true;
+  was_killed_ = reaped == pid_ && WIFSIGNALED(status);
   if (reaped != pid_) {
     // The application ignores SIGCHLD, so the kernel has reaped the child and kept no status.
     how_ended_ = "status unknown";
-  } else if (WIFSIGNALED(status)) {
+  } else if (was_killed_) {
     how_ended_ = "signal " + std::to_string(WTERMSIG(status));
   } else {
     how_ended_ = "exit status " + std::to_string(WEXITSTATUS(status));

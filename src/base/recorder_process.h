@@ -48,6 +48,8 @@ class recorder_process {
   int end_fd() const { return pidfd_.get(); }
   // How the child ended, for the log: "exit status 0", "signal 9". Empty before that.
   const std::string& how_ended() const { return how_ended_; }
+  // A crash, or by force: its files may lack their end.
+  bool was_killed() const { return was_killed_; }
 
  private:
   recorder_process(pid_t pid, unique_fd pidfd) : pid_(pid), pidfd_(std::move(pidfd)) {}
@@ -60,6 +62,7 @@ class recorder_process {
   unique_fd pidfd_;
   bool reaped_ = false;
   std::string how_ended_;
+  bool was_killed_ = false;
 };
 
 }  // namespace zelta::base

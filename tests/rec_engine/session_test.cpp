@@ -85,6 +85,20 @@ TEST_F(EngineTest, SecondJoinEndsTheProcess) {
       "");
 }
 
+TEST_F(EngineTest, LeaveBeforeTheJoinOrBetweenTwoSparesTheProcess) {
+  for (const bool joins_first : {false, true}) {
+    IRecordingEngine* const one =
+        std::make_unique<EngineProbe>("app", &handler,
+                                      std::make_unique<FakeRouter>(router).release())
+            .release();
+    const int first = joins_first ? one->joinChannel("k", "room", 1, config) : 0;
+    EXPECT_EQ(first, 0);
+    EXPECT_EQ(one->leaveChannel(), 0);
+    EXPECT_EQ(one->joinChannel("k", "room", 1, config), 0);
+    EXPECT_EQ(one->release(), 0);
+  }
+}
+
 TEST(GetNs, IsTheNanosecondFieldAlone) {
   for (int i = 0; i < 1000; ++i) EXPECT_LT(get_ns(), 1'000'000'000U);
 }
