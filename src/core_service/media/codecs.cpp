@@ -127,6 +127,7 @@ std::vector<std::string> missing_plugins() {
       {"deinterlace", "pictures can't be mixed", "gstreamer1.0-plugins-good"},
       {"pngdec", "PNG can't be shown in the mix", "gstreamer1.0-plugins-good"},
       {"jpegenc", "no pictures can be captured", "gstreamer1.0-plugins-good"},
+      {"deinterlace", "pictures can't be mixed, captured or decoded", "gstreamer1.0-plugins-good"},
   };
   std::vector<std::string> missing;
   for (const auto& row : rows) {

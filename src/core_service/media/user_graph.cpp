@@ -8,6 +8,7 @@
 #include <gst/video/video.h>
 
 #include "core_service/media/picture_memory.h"
+#include "core_service/media/plain_pictures.h"
 
 namespace zelta::core_service::media {
 namespace {
@@ -267,9 +268,10 @@ std::string user_graph::video_branch(const codec& c) const {
         sink + "h264";
   }
   if (!to_.yuv && !to_.mix && !to_.jpg) return text;
-  text += std::string(" coded. ! ") + kDecodeQueue + " ! " + c.decode + " ! tee name=raw";
+  text += std::string(" coded. ! ") + kDecodeQueue + " name=decode_in ! " + c.decode + " ! " +
+          plain_pictures() + " ! tee name=raw";
   const std::string raw = std::string(" raw. ! ") + kPictureQueue + " ! ";
-  if (to_.yuv) text += raw + "videoconvert ! video/x-raw,format=I420 ! " + sink + "yuv";
+  if (to_.yuv) text += raw + sink + "yuv";
   // The mix has a queue of its own.
   if (to_.mix) text += " raw. ! videoflip video-direction=auto ! " + sink + "mix";
   if (to_.jpg) text += raw + "videoconvert name=jpg_in ! jpegenc ! " + sink + "jpg";
@@ -312,6 +314,7 @@ void user_graph::connect(const std::shared_ptr<track>& t) {
 
 void user_graph::connect_video(const std::shared_ptr<track>& t) {
   follow_rotation(t);
+  if (child(t->branch, "decode_in") != nullptr) refuse_huge_pictures(t);
   receive(t, "coded_out", [this, t](GstSample* /*from*/, media_sample& sample) {
     note(t, sample);
     if (!to_.video) return;
@@ -331,11 +334,10 @@ void user_graph::connect_video(const std::shared_ptr<track>& t) {
     });
   }
   if (to_.yuv) {
-    // Of the decoder, and of the converter where it has something to convert.
-    for (const char* const name : {"raw", "yuv"}) {
-      const pad_ptr in(gst_element_get_static_pad(child(t->branch, name), "sink"));
-      offer_picture_memory(in.get());
-    }
+    // Of the decoder, and of those who make its pictures plain where they have something to do.
+    offer_picture_memory_along(t->branch);
+    const pad_ptr in(gst_element_get_static_pad(child(t->branch, "raw"), "sink"));
+    offer_picture_memory(in.get());
     receive(t, "yuv", [this, t](GstSample* from, media_sample& sample) {
       if (is_current(*t, sample.time)) to_.yuv(from, sample.time, t->rotation);
     });
@@ -357,6 +359,28 @@ void user_graph::follow_rotation(const std::shared_ptr<track>& t) {
     }
     return GST_PAD_PROBE_OK;
   });
+}
+
+// Recorded as it came, but not decoded while it is of such a size.
+void user_graph::refuse_huge_pictures(const std::shared_ptr<track>& t) {
+  const pad_ptr in(gst_element_get_static_pad(child(t->branch, "decode_in"), "sink"));
+  add_probe(
+      in.get(),
+      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
+      [this, t, huge = false](GstPadProbeInfo* info) mutable {
+        if ((GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
+          return huge ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
+        }
+        GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
+        if (type_of(event) != GST_EVENT_CAPS) return GST_PAD_PROBE_OK;
+        GstCaps* caps = nullptr;
+        gst_event_parse_caps(event, &caps);
+        huge = !is_decodable_size(caps);
+        if (!huge) return GST_PAD_PROBE_OK;
+        leave_out({"decoded video", t->kind->name, "its pictures are too large to decode"});
+        // A decoder sets itself up by what it is told.
+        return GST_PAD_PROBE_DROP;
+      });
 }
 
 // Of all pictures one an interval goes on to the encoder.

@@ -3,9 +3,9 @@
 //
 //     source ─▶ parse ─┬─▶ encoded video                          as it came
 //                      ├─▶ H.264 access units
-//                      └─▶ decode ─┬─▶ pictures for the mix
-//                                  ├─▶ pictures for the application
-//                                  └─▶ JPEG, now and then
+//                      └─▶ decode ─▶ make plain ─┬─▶ pictures for the mix
+//                                                ├─▶ pictures for the application
+//                                                └─▶ JPEG, now and then
 //     source ─▶ parse ─▶ decode ─▶ sound                          48 kHz, 16 bits
 //
 // Only the branches that are taken are built. Every track that a source turns out to have, a sender
@@ -115,6 +115,7 @@ class user_graph {
   void connect(const std::shared_ptr<track>& t);
   void connect_video(const std::shared_ptr<track>& t);
   void follow_rotation(const std::shared_ptr<track>& t);
+  void refuse_huge_pictures(const std::shared_ptr<track>& t);
   void pick_jpgs(const std::shared_ptr<track>& t);
   bool is_current(track& t, media_time time);
   void note(const std::shared_ptr<track>& t, const media_sample& sample);

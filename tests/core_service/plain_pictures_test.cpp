@@ -1,0 +1,75 @@
+// SPDX-License-Identifier: Apache-2.0
+// Whatever a decoder puts out, what is composed and delivered of it is plain.
+#include <gst/video/video.h>
+#include <gtest/gtest.h>
+
+#include "core_service/media/gst.h"
+#include "core_service/media/plain_pictures.h"
+
+namespace zelta::core_service::media {
+namespace {
+
+// Beside a canvas, as in a mix.
+TEST(PlainPictures, AreProgressiveSquareAndComposable) {
+  gst_init(nullptr, nullptr);
+  const struct {
+    const char* sent;
+    int width;
+    int height;
+  } rows[] = {
+      {"format=I420,width=64,height=48", 64, 48},
+      {"format=I420,width=64,height=48,interlace-mode=interleaved,field-order=top-field-first", 64,
+       48},
+      {"format=I420,width=64,height=48,interlace-mode=mixed", 64, 48},
+      {"format=I422_10LE,width=64,height=48,interlace-mode=interleaved", 64, 48},
+      {"format=NV12,width=65,height=47,colorimetry=bt2100-pq", 65, 47},
+      {"format=AYUV,width=64,height=48,multiview-mode=left", 64, 48},
+      {"format=Y444_12LE,width=64,height=48,pixel-aspect-ratio=16/11", 93, 48},
+      {"format=GRAY8,width=1,height=1", 1, 1},
+      {"format=I420,width=16,height=4096", 16, 4096},
+      {"format=I420,width=16,height=16000", 8, 8192},
+      {"format=I420,width=4096,height=16,pixel-aspect-ratio=100/1", 4096, 1},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.sent);
+    std::string error;
+    const element_ptr pipeline = make_pipeline(
+        std::string("videotestsrc num-buffers=3 ! video/x-raw,framerate=25/1,") + row.sent + " ! " +
+            plain_pictures() +
+            " ! tee name=t ! queue ! appsink name=out sync=false t. ! queue ! aspectratiocrop "
+            "aspect-ratio=16/9 ! c.sink_1 videotestsrc num-buffers=3 ! "
+            "video/x-raw,format=I420,width=64,height=36 ! compositor name=c ! "
+            "video/x-raw,format=I420,width=64,height=36 ! appsink name=mix sync=false",
+        error);
+    ASSERT_TRUE(pipeline) << error;
+    gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
+    for (const char* const end : {"out", "mix"}) {
+      const sample_ptr got(
+          gst_app_sink_try_pull_sample(GST_APP_SINK(child(pipeline.get(), end)), 10 * GST_SECOND));
+      GstVideoInfo info{};
+      ASSERT_TRUE(got && gst_video_info_from_caps(&info, gst_sample_get_caps(got.get())) != FALSE)
+          << end;
+      if (std::string(end) == "mix") continue;
+      EXPECT_EQ(info.finfo->format, GST_VIDEO_FORMAT_I420);
+      EXPECT_EQ(info.interlace_mode, GST_VIDEO_INTERLACE_MODE_PROGRESSIVE);
+      EXPECT_EQ(info.par_n, info.par_d);
+      EXPECT_EQ(info.width, row.width);
+      EXPECT_EQ(info.height, row.height);
+    }
+    gst_element_set_state(pipeline.get(), GST_STATE_NULL);
+  }
+}
+
+TEST(PlainPictures, HugeOnesAreNotDecoded) {
+  gst_init(nullptr, nullptr);
+  for (const auto& [caps, decoded] :
+       {std::pair("video/x-h264,width=8192,height=4320", true),
+        std::pair("video/x-h264,width=4320,height=8192", true), std::pair("video/x-vp8", true),
+        std::pair("video/x-vp9,width=16384,height=16384", false)}) {
+    const caps_ptr coded(gst_caps_from_string(caps));
+    EXPECT_EQ(is_decodable_size(coded.get()), decoded) << caps;
+  }
+}
+
+}  // namespace
+}  // namespace zelta::core_service::media
