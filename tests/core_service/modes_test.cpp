@@ -320,7 +320,8 @@ TEST_F(ModesTest, CommandLineKeepsFramesInFilesAndItsStatusSaysWhatHappened) {
   };
   for (const auto& row : rows) {
     std::filesystem::remove_all(dir.path() + "frames");
-    EXPECT_NE(run(row.arguments).find(row.status), std::string::npos) << row.arguments;
+    const std::string said = run(row.arguments);
+    EXPECT_NE(said.find(row.status), std::string::npos) << row.arguments << "\n" << said;
     for (const char* name : row.frames) {
       const std::string path = dir.path() + "frames/" + name;
       EXPECT_EQ(decode_errors_of(path), "") << name;

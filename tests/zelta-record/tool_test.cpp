@@ -57,6 +57,7 @@ bool has(const std::string& text, const std::string& part) {
 
 TEST_F(Tool, SaysLastWhatWasWrongAndWhatToDo) {
   dir.file("file", "");
+  dir.file("server", R"({"Channel_Server": "test:"})");
   const std::string root = dir.path();
   const struct {
     std::vector<std::string> arguments;
@@ -76,6 +77,9 @@ TEST_F(Tool, SaysLastWhatWasWrongAndWhatToDo) {
       {{"room", "--server", "test:", "--cfg-file-path", root + "cfg"},
        2,
        {"--cfg-file-path", "cfg can't be read: No such"}},
+      {{"room", "--server", "test:", "--cfg-file-path", root + "server"},
+       2,
+       {"--server and Channel_Server"}},
       {{"room", "--server", "test:", "--cfg-file-path", root + "file"},
        2,
        {"file should hold a JSON object"}},

@@ -150,6 +150,10 @@ std::string fault_of_configuration(options& o) {
   std::string error;
   const Json::Value root = read_json_object(o.cfg_file_path, error);
   if (!root.isObject()) return "--cfg-file-path " + error;
+  if (!o.server.empty() && !root["Channel_Server"].isNull()) {
+    return "--server and Channel_Server of --cfg-file-path both name the channel server: leave one "
+           "of them out";
+  }
   if (!root["Recording_Dir"].isString() || root["Recording_Dir"].asString().empty()) return "";
   const std::string folder = root["Recording_Dir"].asString();
   o.fixed_folder = folder + (folder.back() == '/' ? "" : "/");
