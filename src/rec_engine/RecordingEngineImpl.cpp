@@ -85,8 +85,8 @@ RecordingEngineImpl::~RecordingEngineImpl() {
 int RecordingEngineImpl::release() {
   IRecordingEngine* const engine = this;
   engine->leaveChannel();
-  // An engine that was left before it joined, or that joined again, has a thread that no leave waits
-  // for; it ends at its first tick.
+  // An engine that was left before it joined, or that joined again, has a thread that no leave
+  // waits for; it ends at its first tick.
   if (!in_engine_thread() && thread_.joinable()) thread_.join();
   const std::unique_ptr<IRecordingEngine> last(engine);
   return 0;
