@@ -14,7 +14,9 @@ std::string user_text(uint32_t uid) {
   return uid == 0 ? "the mix" : "user " + std::to_string(uid);
 }
 
+// Of nobody there is the mix, and what could not be given to anybody.
 std::string text_of(const missing_medium& gap) {
+  if (gap.uid == 0) return gap.medium == "mix" ? "the mix: " + gap.reason : gap.reason;
   std::string text = user_text(gap.uid);
   if (!gap.medium.empty()) text += ", " + gap.medium;
   if (!gap.codec.empty()) text += " (" + gap.codec + ")";
