@@ -1,0 +1,50 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Which files get faults, and which suites are to notice them: the first line whose pattern fits
+decides, the fastest suite comes first."""
+import collections
+
+# `shards`: cases that mostly wait run beside each other. `seconds`: processor time that it may take, many times
+# what it needs.
+Suite = collections.namedtuple("Suite", "name shards cpu_seconds wall_seconds filter",
+                               defaults=(1, 20, 90, "*"))
+
+SUITES = {suite.name: suite for suite in [
+    Suite("base_test", 3),
+    Suite("engine_test", 2),
+    Suite("allocation_test"),
+    # Two million packets and rounds of starts say more about machines than about single faults.
+    Suite("hostile_test", 5, 30, 120),
+    Suite("link_test", 8, 30, 120, "*-*RoundsLeaveNoDescriptorAndNoChild"),
+    Suite("parts_test", 4, 40, 120),
+    Suite("mp4_test", 3, 40, 120),
+    Suite("fuzz_engine_packets"), Suite("fuzz_mixing_layout"), Suite("fuzz_config_file"),
+    Suite("fuzz_control_packets"), Suite("fuzz_session_description"), Suite("fuzz_recorder_files"),
+    Suite("fuzz_command_line"), Suite("fuzz_rtcp"),
+]}
+
+COVERED_BY = [
+    ("include/*", "base_test engine_test link_test"),
+    ("src/base/packer.*", "base_test fuzz_engine_packets fuzz_control_packets allocation_test"),
+    ("src/base/packet_*", "base_test fuzz_engine_packets allocation_test hostile_test link_test"),
+    ("src/base/protocol/*", "base_test fuzz_engine_packets engine_test hostile_test link_test"),
+    ("src/base/*", "base_test engine_test link_test hostile_test"),
+    ("src/rec_engine/mixing_layout.*", "base_test fuzz_mixing_layout engine_test"),
+    ("src/rec_engine/config_file.*", "engine_test fuzz_config_file"),
+    ("src/rec_engine/*", "engine_test base_test allocation_test link_test hostile_test"),
+    ("src/core_service/options.*", "parts_test fuzz_command_line"),
+    ("src/core_service/parameters.*", "parts_test fuzz_control_packets"),
+    ("src/core_service/journal.*", "parts_test fuzz_recorder_files"),
+    ("src/core_service/manifest.*", "parts_test fuzz_recorder_files"),
+    ("src/core_service/recording_plan.*", "parts_test"),
+    ("src/core_service/file_name.*", "parts_test"),
+    ("src/core_service/folder_share.*", "parts_test"),
+    ("src/core_service/descriptors.*", "parts_test"),
+    ("src/core_service/rtp/session_description.*", "parts_test fuzz_session_description"),
+    ("src/core_service/rtp/srtp_key.*", "parts_test"),
+    ("src/core_service/rtp/rtcp_cname.*", "fuzz_rtcp parts_test"),
+    ("src/core_service/rtp/reordered_times.*", "parts_test"),
+    ("src/core_service/media/mp4/*", "mp4_test"),
+    ("src/core_service/media/timeline.*", "parts_test"),
+    ("src/core_service/media/sound_line.*", "parts_test"),
+    ("src/core_service/mix/tiles.*", "parts_test"),
+]
