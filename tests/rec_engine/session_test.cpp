@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A session over a fake router: life, commands, events, frames, reports, recovery.
 #include <csignal>
+#include <cstring>
 
 #include <gtest/gtest.h>
 
@@ -570,6 +571,36 @@ TEST_F(EngineTest, StoppedOnErrorOffTheEngineThreadOnlyLogs) {
   EXPECT_EQ(engine->stoppedOnError(), 0);
   EXPECT_EQ(new_lines(), Lines{"API call to stopped on error not in event loop thread"});
   EXPECT_TRUE(router.sent.empty());
+}
+
+// ---- What applications were compiled against -----------------------------------------------
+
+// The place of a virtual function in its table, as the C++ ABI of Linux keeps it in a pointer.
+template <class Member>
+ptrdiff_t slot_of(Member member) {
+  ptrdiff_t place = 0;
+  std::memcpy(&place, &member, sizeof place);
+  return (place - 1) / static_cast<ptrdiff_t>(sizeof(void*));
+}
+
+// The first two are the destructor's.
+template <class... Members>
+bool in_order(Members... members) {
+  ptrdiff_t next = 2;
+  return ((slot_of(members) == next++) && ...);
+}
+
+TEST(PublicInterface, VirtualFunctionsKeepTheirPlaces) {
+  using H = IRecordingEngineEventHandler;
+  EXPECT_TRUE(in_order(
+      &H::onError, &H::onWarning, &H::onJoinChannelSuccess, &H::onLeaveChannel, &H::onUserJoined,
+      &H::onUserOffline, &H::audioFrameReceived, &H::videoFrameReceived, &H::onActiveSpeaker,
+      &H::onAudioVolumeIndication, &H::onFirstRemoteVideoDecoded, &H::onFirstRemoteAudioFrame,
+      &H::onReceivingStreamStatusChanged, &H::onConnectionLost, &H::onConnectionInterrupted));
+  using E = IRecordingEngine;
+  EXPECT_TRUE(in_order(&E::joinChannel, &E::setVideoMixingLayout, &E::stoppedOnError,
+                       &E::leaveChannel, &E::release, &E::getProperties, &E::startService,
+                       &E::stopService, &E::setUserBackground, &E::setLogLevel));
 }
 
 }  // namespace
