@@ -3,8 +3,12 @@
 #pragma once
 
 #include <algorithm>
+#include <filesystem>
 #include <memory>
+#include <regex>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "base/log.h"
 #include "fake_router.h"
@@ -50,6 +54,49 @@ class EngineProbe : public RecordingEngineImpl {
   using RecordingEngineImpl::thread_started_;
 };
 
+// Every line of the engine's in a log has its process, source, line and level: error for all but
+// these, and for the command lines behind two of them.
+inline void expect_levels(const std::string& log) {
+  static const std::vector<std::pair<std::string, std::string>> kOthers = {
+      {"A recorder instance created", "notice"},
+      {"Recorder ", "notice"},
+      {"Recording wrapper delete timer", "notice"},
+      {"API call to leave channel", "notice"},
+      {"joinChannel failed to pushParamsToZRS", "notice"},
+      {"User trigger ", "notice"},
+      {"setLogLevel", "notice"},
+      {"enableModuleLog", "notice"},
+      {"setUserBackground", "notice"},
+      {"write_packet: ", "notice"},
+      {"ZELTA_FILE_ROOT = ", "notice"},
+      {"=======params", "notice"},
+      {"recovery auto trigger", "notice"},
+      {"======recovery", "info"},
+      {"RECOVERY: ", "info"},
+      {"API call to stopped on error", "info"},
+      {"recording path is empty", "info"},
+      {"using recordFileRootDir", "info"},
+      {"[Wrapper] ", "info"},
+      {"Error occur, try to recover.", "warn"},
+      {"times is 0.", "warn"},
+  };
+  const std::regex shape("[0-9TZ:.-]+ ([a-z]+) recording_engine \\(" + std::to_string(getpid()) +
+                         "\\) \\S*src/rec_engine/[A-Za-z_]+\\.(?:cpp|h):[0-9]+: (.*)");
+  std::string unlisted = "error";
+  for (const std::string& line : lines_of(log)) {
+    std::smatch parts;
+    if (line.find(" recording_engine ") == std::string::npos) continue;
+    ASSERT_TRUE(std::regex_match(line, parts, shape)) << line;
+    const std::string message = parts[2];
+    const auto row = std::find_if(kOthers.begin(), kOthers.end(), [&message](const auto& other) {
+      return message.rfind(other.first, 0) == 0;
+    });
+    if (message.rfind("[Wrapper version]", 0) == 0) continue;
+    EXPECT_EQ(parts[1], row != kOthers.end() ? row->second : unlisted) << line;
+    if (row != kOthers.end()) unlisted = message[0] == '=' ? row->second : "error";
+  }
+}
+
 // Levels and modules are the whole process's: every test starts from the same.
 class EngineTest : public ::testing::Test {
  protected:
@@ -60,6 +107,13 @@ class EngineTest : public ::testing::Test {
                                            std::make_unique<FakeRouter>(router).release());
     engine->logdir_ = dir.path();
     config.recordFileRootDir = const_cast<char*>(dir.path().c_str());
+  }
+
+  ~EngineTest() override {
+    engine.reset();
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(dir.path())) {
+      if (entry.path().filename() == "recording_engine.log") expect_levels(read_file(entry.path()));
+    }
   }
 
   // Messages logged since the last call, or since the start.

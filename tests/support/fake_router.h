@@ -2,6 +2,7 @@
 // A router that starts nothing and keeps what the engine hands it.
 #pragma once
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
@@ -21,6 +22,7 @@ class FakeRouter : public base::router {
     std::string logdir;
     base::router_listener* listener = nullptr;
     int launch_result = 0;
+    std::function<void()> on_send;
     int shutdowns = 0;
     bool deleted = false;
 
@@ -49,7 +51,10 @@ class FakeRouter : public base::router {
     return seen_.launch_result;
   }
   void shutdown() override { ++seen_.shutdowns; }
-  void send_packet(base::packet* p) override { seen_.sent.emplace_back(p); }
+  void send_packet(base::packet* p) override {
+    seen_.sent.emplace_back(p);
+    if (seen_.on_send) seen_.on_send();
+  }
 
  private:
   static std::vector<std::string> texts(const std::vector<const char*>& argv) {
