@@ -10,5 +10,5 @@ echo "== clang-format"
 clang-format-14 --dry-run -Werror "${sources[@]}"
 echo "== clang-tidy"
 cmake --preset release -DZELTA_BUILD_TESTS=ON -DZELTA_BUILD_BENCH=ON >/dev/null
-run-clang-tidy-14 -quiet -p build/release "$PWD/(src|tools|tests|bench|fuzz)/" >build/tidy.log 2>&1 ||
+run-clang-tidy-14 -quiet -p build/release "$PWD/(src|tools|tests|bench|fuzz|examples)/" >build/tidy.log 2>&1 ||
   { grep -E '(warning|error):' build/tidy.log | sort -u; exit 1; }

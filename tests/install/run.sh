@@ -1,30 +1,69 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Installs the build tree $1 below $2 and builds and runs a small program against it: by CMake's
-# package, shared and static, and by pkg-config.
+# Installs the build tree $1 below $2 and builds and runs the example that README.md shows against
+# it, with README.md's own configuration file: by CMake's package, shared and static, and by pkg-config.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
+source=$here/../..
 build=$1
 work=$2
 rm -rf "$work"
-mkdir -p "$work/recordings"
+mkdir -p "$work"
 cmake --install "$build" --prefix "$work/tree" >/dev/null
-export ZELTA_CHANNEL_SERVER=test:users=1
-# The recorder must be found in the installed tree, not by these.
-unset ZELTA_SERVICE_DIR
+# The recorder must be found in the installed tree and the server in the file, not by these.
+unset ZELTA_SERVICE_DIR ZELTA_CHANNEL_SERVER ZELTA_FILE_ROOT
 
-cmake -S "$here" -B "$work/cmake" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" >/dev/null
-cmake --build "$work/cmake" -- --quiet
-"$work/cmake/app_shared" "$work/recordings"
+# README.md's block of language $1 in the section on the library.
+readme_block() {
+  sed -n '/^## Use the library/,/^## More/p' "$source/README.md" | sed -n "/^\`\`\`$1\$/,/^\`\`\`\$/p" |
+    sed '/^```/d'
+}
+readme_block json >"$work/server.json"
+grep -q Channel_Server "$work/server.json"
+# Each of its lines stands in the example, in that order.
+readme_block cpp | awk '
+  { gsub(/^ +/, "") }
+  NR == FNR { if ($0 != "") wanted[++count] = $0; next }
+  at < count && $0 == wanted[at + 1] { ++at }
+  END {
+    if (count == 0) { print "README.md shows no example"; exit 1 }
+    if (at < count) { print "not in examples/record/main.cpp at its place: " wanted[at + 1]; exit 1 }
+  }' - "$source/examples/record/main.cpp"
+
+# Runs the program $2 in a folder $1: every file that it lists holds something, of both users.
+records() {
+  local manifest file
+  mkdir "$work/$1"
+  (cd "$work/$1" && "$2" "$work/server.json")
+  manifest=$(find "$work/$1" -name recording.json)
+  python3 - "$manifest" <<'CHECK'
+import json, os, sys
+files = json.load(open(sys.argv[1]))["files"]
+assert len({file["uid"] for file in files}) == 2, files
+for file in files:
+    assert file["name"].endswith(".mp4"), file
+    assert os.path.getsize(os.path.join(os.path.dirname(sys.argv[1]), file["name"])) > 0, file
+CHECK
+  for file in "$(dirname "$manifest")"/*.mp4; do
+    ffprobe -v error -show_entries format=duration -of csv=p=0 "$file"
+  done
+}
+
+cmake -S "$source/examples/record" -B "$work/shared-build" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" >/dev/null
+cmake --build "$work/shared-build" -- --quiet
+records shared "$work/shared-build/record"
 
 libdir=$(dirname "$(dirname "$(find "$work/tree" -name zelta_recording.pc)")")
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
-c++ -std=c++17 "$here/app.cpp" -o "$work/app" $(pkg-config --cflags --libs zelta_recording)
-LD_LIBRARY_PATH="$libdir" "$work/app" "$work/recordings"
+c++ -std=c++17 "$source/examples/record/main.cpp" -o "$work/record" \
+  $(pkg-config --cflags --libs zelta_recording)
+LD_LIBRARY_PATH="$libdir" records pkg-config "$work/record"
 
 # A static engine lies in the executable, so the place of the recorder has to be named.
+cmake -S "$here" -B "$work/static-build" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" >/dev/null
+cmake --build "$work/static-build" -- --quiet
 ZELTA_SERVICE_DIR=$(dirname "$(find "$work/tree" -name ZeltaCoreService)") \
-  "$work/cmake/app_static" "$work/recordings"
+  records static "$work/static-build/record"
 test -s "$work/tree/share/man/man1/zelta-record.1"
 echo "installed tree works by CMake and pkg-config"
