@@ -5,6 +5,7 @@
 # frame_path_bench: --rounds N, --latency-seconds N, --idle-engines N, --variants. Wants a machine
 # that does nothing else, for four minutes.
 set -euo pipefail
+export PYTHONDONTWRITEBYTECODE=1  # nothing is written beside the sources
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh bench >&2

@@ -5,6 +5,7 @@
 # output, exit status 1 when a bound is missed. Arguments: --seconds N, --rounds N, --users N,
 # --only cost|crowd, --cases TEXT. Wants a machine that does nothing else.
 set -euo pipefail
+export PYTHONDONTWRITEBYTECODE=1  # nothing is written beside the sources
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh test >&2

@@ -4,6 +4,7 @@
 # every mode, and measures what was recorded: a table on standard output, exit status 1 when a
 # measurement is out of its bounds. Arguments: names of modes, --seconds N, --loss-seconds N.
 set -euo pipefail
+export PYTHONDONTWRITEBYTECODE=1  # nothing is written beside the sources
 cd "$(dirname "$0")/.."
 
 scripts/install-deps.sh test >&2

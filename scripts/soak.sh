@@ -4,6 +4,7 @@
 # watches memory, descriptors and threads: tables on standard output, exit status 1 when something
 # grows. Arguments: MINUTES, --engines N, --only soak|crowd|stall.
 set -euo pipefail
+export PYTHONDONTWRITEBYTECODE=1  # nothing is written beside the sources
 cd "$(dirname "$0")/.."
 
 scripts/reliability/build.sh

@@ -5,6 +5,7 @@
 # wrong. Arguments: ROUNDS, --engines N, --seconds N, --application-rounds N, --seed N,
 # --keep FOLDER.
 set -euo pipefail
+export PYTHONDONTWRITEBYTECODE=1  # nothing is written beside the sources
 cd "$(dirname "$0")/.."
 
 scripts/reliability/build.sh
