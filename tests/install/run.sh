@@ -19,7 +19,7 @@ readme_block() {
     sed '/^```/d'
 }
 readme_block json >"$work/server.json"
-grep -q Channel_Server "$work/server.json"
+grep -q Channel_Server "$work/server.json" || { echo "README.md names no channel server"; exit 1; }
 # Each of its lines stands in the example, in that order.
 readme_block cpp | awk '
   { gsub(/^ +/, "") }
