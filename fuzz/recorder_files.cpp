@@ -19,7 +19,7 @@ std::vector<std::string> seeds() {
         "dropped_frames": {"pictures": 1, "coded": 2, "sound": 3}})",
       R"(j{"version": 1, "session": "1@2 0 room", "layout": "0100ff",
         "user_backgrounds": {"7": "image.png"}, "log_level": 5, "log_modules": -1,
-        "serving": true})",
+        "serving": true, "left_out": {"7": 2}, "unexplained_crashes": 1})",
   };
 }
 

@@ -50,10 +50,36 @@ journal_state from_json(const Json::Value& root) {
   state.log_level = root.get("log_level", 0U).asUInt();
   state.log_modules = root.get("log_modules", -1).asInt64();
   state.serving = root.get("serving", false).asBool();
+  const Json::Value& left_out = root["left_out"];
+  for (const std::string& uid : left_out.getMemberNames()) {
+    const auto suspect = parse_crash_note(uid + " " + std::to_string(left_out[uid].asInt()));
+    if (!suspect) throw Json::RuntimeError("left_out: \"" + uid + "\" is no user with a stage");
+    state.left_out[suspect->uid] = suspect->stage;
+  }
+  state.unexplained_crashes = root.get("unexplained_crashes", 0U).asUInt();
   return state;
 }
 
 }  // namespace
+
+void journal_state::blame(const crash_suspect& suspect) {
+  if (suspect.stage == crash_stage::kUnknown) {
+    const bool first = ++unexplained_crashes == 1;
+    // Of nobody in particular, the first may not come again.
+    if (first && suspect.uid == 0) return;
+    left_out.emplace(first ? suspect.uid : 0, crash_stage::kDecoding);
+    return;
+  }
+  const auto [known, added] = left_out.emplace(suspect.uid, suspect.stage);
+  // What was left out was not all of it.
+  if (!added) known->second = crash_stage::kReceiving;
+}
+
+crash_stage journal_state::left_out_of(uint32_t uid) const {
+  auto found = left_out.find(uid);
+  if (found == left_out.end()) found = left_out.find(0);
+  return found != left_out.end() ? found->second : crash_stage::kUnknown;
+}
 
 std::optional<journal_state> read_journal(const std::string& path, std::string& error) {
   std::ifstream file(path);
@@ -107,6 +133,12 @@ void journal::save() const {
   root["log_level"] = state.log_level;
   root["log_modules"] = Json::Int64{state.log_modules};
   root["serving"] = state.serving;
+  Json::Value left_out(Json::objectValue);
+  for (const auto& [uid, stage] : state.left_out) {
+    left_out[std::to_string(uid)] = static_cast<int>(stage);
+  }
+  root["left_out"] = std::move(left_out);
+  root["unexplained_crashes"] = state.unexplained_crashes;
   Json::StreamWriterBuilder writer;
   writer["indentation"] = "  ";
   writer_.replace(path_, Json::writeString(writer, root) + "\n");

@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "core_service/crash_note.h"
 #include "core_service/state_writer.h"
 
 namespace zelta::core_service {
@@ -23,6 +24,16 @@ struct journal_state {
   uint32_t log_level = 0;    // 0: as the command line says
   int64_t log_modules = -1;  // below 0: as the command line says
   bool serving = false;      // a manually started service ran
+  // Whose media a recorder crashed over, and what is left out of it to the session's end, whether
+  // or not they come back. 0: of everybody.
+  std::map<uint32_t, crash_stage> left_out;
+  unsigned unexplained_crashes = 0;
+
+  // Leaves out what the crash is put down to. Each time more, so that with any cause there is an
+  // end to it within the relaunches that there are.
+  void blame(const crash_suspect& suspect);
+  // kUnknown: nothing.
+  crash_stage left_out_of(uint32_t uid) const;
 };
 
 // Null, with `error` saying why, when there is none that makes sense.

@@ -59,6 +59,9 @@ Packet make(Values&&... values) {
   return packet;
 }
 
+constexpr const char* kCrashed =
+    "a recorder crashed over it; to the end of the session it isn't tried again";
+
 }  // namespace
 
 session::session(options given, std::string server, base::event_loop& loop)
@@ -92,6 +95,8 @@ void session::start() {
   // Laid once on the wall clock, here.
   static_cast<void>(media::utc_ms_of(media::now()));
   const bool recovery = options_.recovery_id > 0;
+  const auto crash = take_crash_note(crash_note_path());
+  watch_crashes(crash_note_path());
   if (recovery) {
     manifest_.adopt_leftovers();
   } else {
@@ -108,6 +113,7 @@ void session::start() {
   check_options();
   if (!prepare_channel(place) || !prepare_mix(place.rtp.jitter_latency)) return;
   if (recovery) recover();
+  if (recovery && crash) learn_from_crash(*crash);
   set_volume_interval(options_.audio_indication_interval);
   serving_ = options_.trigger_mode == AUTOMATICALLY_MODE || journal_.state.serving;
   log(base::NOTICE_LOG, "joining channel " + options_.channel_id + " at " + server_);
@@ -187,6 +193,21 @@ void session::recover() {
   log(base::NOTICE_LOG, "recovery " + std::to_string(options_.recovery_id) + " goes on " +
                             std::to_string(base::tick_ms() - options_.recovery_time) +
                             " ms after it was called for");
+}
+
+// Before anybody joins.
+void session::learn_from_crash(const crash_suspect& crash) {
+  const auto before = journal_.state.left_out;
+  journal_.state.blame(crash);
+  journal_.save();
+  const bool more = journal_.state.left_out != before;
+  log(base::WARN_LOG, "the recorder before this one crashed" +
+                          (crash.uid != 0 ? " over user " + std::to_string(crash.uid) : "") +
+                          (more ? "; its media is left out" : "; nobody's media is left out yet"));
+}
+
+std::string session::crash_note_path() const {
+  return journal_.path() + ".crash";
 }
 
 // ---- The engine's commands -----------------------------------------------------------------
@@ -314,9 +335,13 @@ void session::on_user_in(uint32_t uid, user_media from) {
   // One who takes the last descriptor takes it from all others' files.
   const std::string shortage = shortage_beyond(users_.size() + leaving_.size());
   if (!shortage.empty()) return on_missing(uid, {"all", "", shortage});
+  if (journal_.state.left_out_of(uid) == crash_stage::kReceiving) {
+    return on_missing(uid, {"all", "", kCrashed});
+  }
   log(base::NOTICE_LOG, "user " + std::to_string(uid) + " joined");
+  const recording_plan plan = plan_for(uid);
   auto& made = users_[uid];
-  made = std::make_unique<user>(uid, std::move(from), plan_,
+  made = std::make_unique<user>(uid, std::move(from), plan,
                                 surroundings{options_.recording_file_dir, loop_, manifest_, link_},
                                 mix_ ? mix_->add_user(uid) : nullptr, events_of(uid));
   link_.send(make<protocol::user_joined_packet>(uid, options_.recording_file_dir));
@@ -324,6 +349,16 @@ void session::on_user_in(uint32_t uid, user_media from) {
   // A mix begins with its first user: before, there is nothing to see or hear.
   if (serving_ && mix_) mix_->start_service();
   made->start();
+}
+
+// Without the pictures of one over whose pictures a recorder crashed; told once.
+recording_plan session::plan_for(uint32_t uid) {
+  recording_plan plan = plan_;
+  plan.decode_pictures = journal_.state.left_out_of(uid) == crash_stage::kUnknown;
+  const bool asked_for =
+      plan.mix_video || plan.video_out == video_frames::kYuv || plan.jpg_packets || plan.jpg_files;
+  if (!plan.decode_pictures && asked_for) on_missing(uid, {"decoded video", "", kCrashed});
+  return plan;
 }
 
 user::events session::events_of(uint32_t uid) {

@@ -72,7 +72,10 @@ class session final : private engine_listener, private channel_listener {
   bool prepare_channel(channel_place& place);
   bool prepare_mix(media::media_time lateness);
   void recover();
+  void learn_from_crash(const crash_suspect& crash);
+  std::string crash_note_path() const;
 
+  recording_plan plan_for(uint32_t uid);
   user::events events_of(uint32_t uid);
   void on_files_failed(uint32_t uid, const std::string& why, bool fatal);
   void report_stream_status();

@@ -97,15 +97,15 @@ media::user_outputs user::outputs() {
       if (serving_) frames_->send_h264(sample, rotation);
     };
   }
-  if (plan_.take_video && plan_.video_out == video_frames::kYuv) {
+  if (plan_.decode_pictures && plan_.take_video && plan_.video_out == video_frames::kYuv) {
     to.yuv = [this](GstSample* picture, media_time time, int rotation) {
       if (serving_) frames_->send_yuv(picture, time, rotation);
     };
   }
-  if (plan_.mix_video && mix_) {
+  if (plan_.decode_pictures && plan_.mix_video && mix_) {
     to.mix = [this](GstSample* picture, media_time time) { mix_->on_picture(picture, time); };
   }
-  if (plan_.take_video && (plan_.jpg_packets || plan_.jpg_files)) {
+  if (plan_.decode_pictures && plan_.take_video && (plan_.jpg_packets || plan_.jpg_files)) {
     to.jpg_interval = plan_.jpg_interval;
     to.jpg = [this](const media::media_sample& sample, int rotation) {
       if (!serving_) return;

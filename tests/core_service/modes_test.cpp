@@ -2,11 +2,13 @@
 // Every mode of the recorder through the engine: mixing, capture, frames, manual start, chunks,
 // recovery, and disks that fail.
 #include <algorithm>
+#include <csignal>
 #include <filesystem>
 
 #include <gtest/gtest.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 
 #include "rec_engine/RecordingEngineImpl.h"
 #include "support/recording_test.h"
@@ -183,6 +185,57 @@ TEST_F(ModesTest, KilledMixGoesOnWithItsLayout) {
                          (files()[0]["first_utc_ms"].asDouble() +
                           seconds_of(folder + files()[0]["name"].asString()) * 1000);
   EXPECT_LT(missing, 2000) << "ms between the two stretches";
+}
+
+// The decoder crashes where a decoder does: on the thread that decodes for the user. The first
+// user's pictures are interlaced, which the compositor doesn't survive.
+TEST_F(ModesTest, CrashOfADecoderCostsThePicturesOfThatUserAlone) {
+  const std::string room = dir.path() + "channels/room/";
+  std::filesystem::create_directories(room);
+  for (const auto& [uid, colour_name] : {std::pair(1, "red"), {2, "white"}, {3, "lime"}}) {
+    const std::string interlaced = uid == 1 ? " -flags +ilme+ildct -x264opts tff=1" : "";
+    ASSERT_EQ(output_of(std::string("ffmpeg -v error -f lavfi -i color=") + colour_name +
+                        ":s=128x72:r=25:d=20 -c:v libx264 -pix_fmt yuv420p" + interlaced + " " +
+                        room + std::to_string(uid) + ".mp4"),
+              "");
+  }
+  for (const bool mixed : {false, true}) {
+    SCOPED_TRACE(mixed ? "mix" : "frames");
+    handler.clear();
+    config.decodeVideo = mixed ? VIDEO_FORMAT_DEFAULT_TYPE : VIDEO_FORMAT_YUV_FRAME_TYPE;
+    if (mixed) mix("320,180,15,800", MIXED_AV_CODEC_V1);
+    config.isMixingEnabled = mixed;
+    join("dir:" + dir.path() + "channels");
+    ASSERT_TRUE(handler.wait_for("first video", 3));
+    ASSERT_TRUE(mixed ? wait_recorded(2000) : handler.wait_for("yuv 2 ", 5));
+    const std::string found = output_of("cd /proc && grep -lx d2:src $(pgrep -P " +
+                                        std::to_string(getpid()) + " ZeltaCoreServic)/task/*/comm");
+    int pid = 0;
+    int thread = 0;
+    ASSERT_EQ(std::sscanf(found.c_str(), "%d/task/%d/", &pid, &thread), 2) << found;
+    ASSERT_EQ(syscall(SYS_tgkill, pid, thread, SIGSEGV), 0);
+    ASSERT_TRUE(handler.wait_for("warning 108"));
+    ASSERT_TRUE(handler.wait_for("error 2 1"));
+    ASSERT_TRUE(mixed ? wait_recorded(4000, 2) : handler.wait_for("first video", 5));
+    const int frames_of_2 = handler.count("yuv 2 ");
+    if (!mixed) {
+      ASSERT_TRUE(handler.wait_for("yuv 3 ", handler.count("yuv 3 ") + 20));
+    }
+    release();
+    EXPECT_EQ(handler.count("warning 108"), 1);
+    EXPECT_EQ(handler.count("yuv 2 "), frames_of_2);
+    const Json::Value missing = read_json(folder + "recording.json")["missing"];
+    ASSERT_EQ(missing.size(), 1U);
+    EXPECT_EQ(missing[0]["uid"].asInt(), 2);
+    EXPECT_EQ(missing[0]["medium"].asString(), "decoded video");
+    EXPECT_TRUE(named("crash").empty());
+    if (!mixed) continue;
+    const std::string second = named(".mp4").at(1);
+    EXPECT_EQ(colour(second, 0.5, 80, 45), "f00");
+    EXPECT_EQ(colour(second, 0.5, 240, 45), "000") << "user 2";
+    const std::string third = colour(second, 0.5, 160, 135) + colour(second, 0.5, 80, 135);
+    EXPECT_NE(third.find("0f0"), std::string::npos) << third;
+  }
 }
 
 // ---- Capture and frames --------------------------------------------------------------------

@@ -1,14 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // The recorder's parts that need no media: sound on its line, tiles, keys, descriptions, journal.
 #include <chrono>
+#include <csignal>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
+#include "core_service/crash_note.h"
 #include "core_service/journal.h"
 #include "core_service/media/sound_line.h"
 #include "core_service/media/volume_meter.h"
@@ -321,6 +324,8 @@ TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
   first.state.log_level = 6;
   first.state.log_modules = 4294967295;
   first.state.serving = true;
+  first.state.left_out = {{4294967295U, crash_stage::kReceiving}};
+  first.state.unexplained_crashes = 3;
   first.save();
   ASSERT_EQ(writer.flush(10s), 0);
   journal second(path, "1@2 0 room", writer);
@@ -329,6 +334,8 @@ TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
   EXPECT_EQ(second.state.user_backgrounds, first.state.user_backgrounds);
   EXPECT_EQ(second.state.log_modules, 4294967295);
   EXPECT_TRUE(second.state.serving);
+  EXPECT_EQ(second.state.left_out, first.state.left_out);
+  EXPECT_EQ(second.state.unexplained_crashes, 3U);
   second.remove();
   second.save();
   ASSERT_EQ(writer.flush(10s), 0);
@@ -338,12 +345,66 @@ TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
   journal stranger(path, "1@2 0 hall", writer);
   EXPECT_FALSE(stranger.load(error));
   EXPECT_NE(error.find("another session, \"1@2 0 room\""), std::string::npos) << error;
-  for (const char* broken : {"", "[]", "{\"version\":2}", "{\"version\":1,\"layout\":\"0\"}",
-                             "{\"version\":1,\"layout\":\"zz\"}",
-                             "{\"version\":1,\"user_backgrounds\":{\"x\":\"y\"}}"}) {
+  for (const char* broken :
+       {"", "[]", "{\"version\":2}", "{\"version\":1,\"layout\":\"0\"}",
+        "{\"version\":1,\"layout\":\"zz\"}", "{\"version\":1,\"left_out\":{\"7\":3}}",
+        "{\"version\":1,\"user_backgrounds\":{\"x\":\"y\"}}"}) {
     dir.file("journal.json", broken);
     EXPECT_FALSE(second.load(error)) << broken;
     EXPECT_NE(error.find("can't be read"), std::string::npos) << error;
+  }
+}
+
+TEST(Journal, EachCrashLeavesOutMoreUntilNothingIsLeftThatCouldCrash) {
+  constexpr crash_suspect kPictures{2, crash_stage::kDecoding};
+  constexpr crash_suspect kParser{2, crash_stage::kReceiving};
+  constexpr crash_suspect kRecent{3, crash_stage::kUnknown};
+  constexpr crash_suspect kNobody{0, crash_stage::kUnknown};
+  const struct {
+    std::vector<crash_suspect> crashes;
+    const char* left_out;  // of the users 1 to 3: u nothing, r all, d what is decoded
+  } rows[] = {{{kPictures}, "udu"},        {{kPictures, kPictures}, "uru"},
+              {{kParser}, "uru"},          {{kParser, kPictures}, "uru"},
+              {{kRecent}, "uud"},          {{kRecent, kPictures}, "udd"},
+              {{kRecent, kRecent}, "ddd"}, {{kNobody}, "uuu"},
+              {{kNobody, kRecent}, "ddd"}, {{kNobody, kParser, kNobody}, "drd"}};
+  for (const auto& row : rows) {
+    journal_state state;
+    for (const crash_suspect& crash : row.crashes) state.blame(crash);
+    std::string got;
+    for (const uint32_t uid : {1U, 2U, 3U}) got += "urd"[static_cast<int>(state.left_out_of(uid))];
+    EXPECT_EQ(got, row.left_out) << &row - rows;
+  }
+}
+
+// Each in a process of its own, which a sanitizer's handler ends with a status.
+TEST(CrashNote, NamesTheThreadsUserAndTheSignalEndsTheProcess) {
+  const TempDir dir;
+  const std::string path = dir.path() + "note";
+  const struct {
+    uint32_t marked;
+    int signal;
+    const char* note;
+  } rows[] = {
+      {4294967295U, SIGSEGV, "4294967295 2\n"}, {7, SIGABRT, "7 2\n"}, {0, SIGFPE, "9 0\n"}};
+  for (const auto& row : rows) {
+    EXPECT_EXIT(
+        {
+          watch_crashes(path);
+          mark_thread(9, crash_stage::kDecoding);
+          row.marked != 0 ? mark_thread(row.marked, crash_stage::kDecoding) : unmark_thread();
+          std::raise(row.signal);
+        },
+        [&row](int status) {
+          return WIFSIGNALED(status) ? WTERMSIG(status) == row.signal : WEXITSTATUS(status) != 0;
+        },
+        "");
+    EXPECT_EQ(read_file(path), row.note);
+    EXPECT_EQ(take_crash_note(path)->uid, row.marked != 0 ? row.marked : 9);
+    EXPECT_FALSE(take_crash_note(path)) << "it is removed";
+  }
+  for (const char* broken : {"", "x 2", "-1 2", "4294967296 2", "7", "7 3", "7 -1"}) {
+    EXPECT_FALSE(parse_crash_note(broken)) << broken;
   }
 }
 

@@ -7,6 +7,7 @@
 
 #include <gst/video/video.h>
 
+#include "core_service/crash_note.h"
 #include "core_service/media/picture_memory.h"
 #include "core_service/media/plain_pictures.h"
 
@@ -79,6 +80,7 @@ user_graph::user_graph(uint32_t uid, user_media from, user_outputs to, base::eve
   const clock_ptr clock(gst_system_clock_obtain());
   gst_pipeline_use_clock(GST_PIPELINE(pipeline_.get()), clock.get());
   add(pipeline_.get(), std::move(from.source));
+  mark_threads();
   watch_.emplace(
       pipeline_.get(), loop,
       bus_watch::events{[this] {
@@ -248,6 +250,55 @@ void user_graph::leave_out_unknown(const GstCaps* caps) {
   leave_out({name_of(*kind), name, "it is none of the codecs that are recorded"});
 }
 
+// ---- Who would be to blame ------------------------------------------------------------------
+
+// GStreamer says on each of its threads for whom it begins to work. Those that a branch starts are
+// behind its decoder's queue; the source's go through parsers, and through the sound's decoder.
+void user_graph::mark_threads() {
+  const bus_ptr bus(gst_pipeline_get_bus(GST_PIPELINE(pipeline_.get())));
+  gst_bus_set_sync_handler(
+      bus.get(),
+      [](GstBus*, GstMessage* message, gpointer given) {
+        if (type_of(message) != GST_MESSAGE_STREAM_STATUS) return GST_BUS_PASS;
+        const auto* const self = static_cast<user_graph*>(given);
+        GstStreamStatusType type{};
+        GstElement* owner = nullptr;
+        gst_message_parse_stream_status(message, &type, &owner);
+        if (type == GST_STREAM_STATUS_TYPE_LEAVE) unmark_thread();
+        if (type != GST_STREAM_STATUS_TYPE_ENTER) return GST_BUS_PASS;
+        const element_ptr bin(GST_ELEMENT(gst_object_get_parent(GST_OBJECT(owner))));
+        const bool of_branch = bin && bin.get() != self->source_ &&
+                               gst_object_has_as_parent(GST_OBJECT(bin.get()),
+                                                        GST_OBJECT(self->pipeline_.get())) != FALSE;
+        mark_thread(self->uid_, of_branch ? crash_stage::kDecoding : crash_stage::kReceiving);
+        return GST_BUS_PASS;
+      },
+      this, nullptr);
+}
+
+// A decoder's own threads would serve a user without a mark.
+void user_graph::decode_on_marked_threads(GstElement* branch) const {
+  GstIterator* const elements = gst_bin_iterate_recurse(GST_BIN(branch));
+  gst_iterator_foreach(
+      elements,
+      [](const GValue* item, gpointer) {
+        GObject* const element = G_OBJECT(g_value_get_object(item));
+        const char* const what = gst_element_get_metadata(GST_ELEMENT(element), "klass");
+        if (what == nullptr || std::strstr(what, "Decoder") == nullptr) return;
+        for (const char* const name : {"max-threads", "threads"}) {
+          if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), name) == nullptr) continue;
+          g_object_set(element, name, 1, nullptr);
+        }
+      },
+      nullptr);
+  gst_iterator_free(elements);
+}
+
+// The thread behind it has its name, so that a debugger tells whose it is.
+std::string user_graph::decode_queue() const {
+  return "d" + std::to_string(uid_);
+}
+
 // ---- The branches --------------------------------------------------------------------------
 
 std::string user_graph::sound_branch(const codec& c) const {
@@ -268,8 +319,8 @@ std::string user_graph::video_branch(const codec& c) const {
         sink + "h264";
   }
   if (!to_.yuv && !to_.mix && !to_.jpg) return text;
-  text += std::string(" coded. ! ") + kDecodeQueue + " name=decode_in ! " + c.decode + " ! " +
-          plain_pictures() + " ! tee name=raw";
+  text += std::string(" coded. ! ") + kDecodeQueue + " name=" + decode_queue() + " ! " + c.decode +
+          " ! " + plain_pictures() + " ! tee name=raw";
   const std::string raw = std::string(" raw. ! ") + kPictureQueue + " ! ";
   if (to_.yuv) text += raw + sink + "yuv";
   // The mix has a queue of its own.
@@ -314,7 +365,8 @@ void user_graph::connect(const std::shared_ptr<track>& t) {
 
 void user_graph::connect_video(const std::shared_ptr<track>& t) {
   follow_rotation(t);
-  if (child(t->branch, "decode_in") != nullptr) refuse_huge_pictures(t);
+  decode_on_marked_threads(t->branch);
+  if (child(t->branch, decode_queue().c_str()) != nullptr) refuse_huge_pictures(t);
   receive(t, "coded_out", [this, t](GstSample* /*from*/, media_sample& sample) {
     note(t, sample);
     if (!to_.video) return;
@@ -363,7 +415,7 @@ void user_graph::follow_rotation(const std::shared_ptr<track>& t) {
 
 // Recorded as it came, but not decoded while it is of such a size.
 void user_graph::refuse_huge_pictures(const std::shared_ptr<track>& t) {
-  const pad_ptr in(gst_element_get_static_pad(child(t->branch, "decode_in"), "sink"));
+  const pad_ptr in(gst_element_get_static_pad(child(t->branch, decode_queue().c_str()), "sink"));
   add_probe(
       in.get(),
       static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),

@@ -108,6 +108,9 @@ class user_graph {
   void leave_out_unknown(const GstCaps* caps);
   void detach(GstPad* pad);
   bool wanted(media_kind kind) const;
+  void mark_threads();
+  void decode_on_marked_threads(GstElement* branch) const;
+  std::string decode_queue() const;
   std::string video_branch(const codec& c) const;
   std::string sound_branch(const codec& c) const;
   void receive(const std::shared_ptr<track>& t, const char* name,
