@@ -624,28 +624,64 @@ TEST_F(EngineTest, HookAppendsOptionsOrStopsTheJoin) {
 
 // ---- The engine's own copy -----------------------------------------------------------------
 
+// Each number is another one, so that no two fields can have changed places.
+std::vector<int> numbers_of(const RecordingConfigEx& c) {
+  return {c.channelProfile,
+          c.isAudioOnly,
+          c.isVideoOnly,
+          c.isMixingEnabled,
+          c.mixedVideoAudio,
+          c.decodeAudio,
+          c.decodeVideo,
+          c.streamType,
+          c.lowUdpPort,
+          c.highUdpPort,
+          c.idleLimitSec,
+          c.captureInterval,
+          static_cast<int>(c.triggerMode),
+          static_cast<int>(c.lang),
+          static_cast<int>(c.audioProfile),
+          c.chunkTimeSpan};
+}
+std::string texts_of(const RecordingConfigEx& c) {
+  return c.mixResolution + c.decryptionMode + c.secret + c.appliteDir + c.recordFileRootDir +
+         c.cfgFilePath + c.proxyServer + " " + c.channelKey + c.channelId;
+}
+
 TEST(RecordingConfigEx, TakesOverAllButWhatJoinsKeepElsewhere) {
   RecordingConfig from;
+  from.channelProfile = static_cast<CHANNEL_PROFILE_TYPE>(11);
+  from.isAudioOnly = from.isVideoOnly = from.isMixingEnabled = true;
   from.mixedVideoAudio = MIXED_AV_CODEC_V2;
-  from.secret = text("s");
-  from.triggerMode = MANUALLY_MODE;
+  from.decodeAudio = AUDIO_FORMAT_MIXED_PCM_FRAME_TYPE;
+  from.decodeVideo = VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE;
+  from.streamType = static_cast<REMOTE_VIDEO_STREAM_TYPE>(12);
+  from.lowUdpPort = 13;
+  from.highUdpPort = 14;
+  from.idleLimitSec = 15;
+  from.captureInterval = 16;
+  from.triggerMode = static_cast<TRIGGER_MODE_TYPE>(17);
+  from.lang = static_cast<LANGUAGE_TYPE>(18);
   from.audioProfile = AUDIO_PROFILE_HIGH_QUALITY;
-  from.idleLimitSec = 9;
+  from.mixResolution = text("r");
+  from.decryptionMode = text("m");
+  from.secret = text("s");
+  from.appliteDir = text("a");
+  from.recordFileRootDir = text("d");
+  from.cfgFilePath = text("c");
+  from.proxyServer = text("p");
   RecordingConfigEx to;
-  EXPECT_EQ(to.idleLimitSec, 300);
-  EXPECT_EQ(to.captureInterval, 5);
-  to.chunkTimeSpan = 12;
-  to.channelId = "kept";
-  to.proxyServer = "gone";
+  EXPECT_EQ(numbers_of(to), (std::vector<int>{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 300, 5, 0, 0, 0, 0}));
+  to.chunkTimeSpan = 19;
+  to.channelKey = "k";
+  to.channelId = "i";
   to = from;
-  EXPECT_TRUE(to.mixedVideoAudio);
-  EXPECT_EQ(to.secret, "s");
-  EXPECT_EQ(to.triggerMode, 1U);
-  EXPECT_EQ(to.idleLimitSec, 9);
-  EXPECT_EQ(to.audioProfile, 0U);
-  EXPECT_EQ(to.chunkTimeSpan, 12);
-  EXPECT_EQ(to.channelId, "kept");
-  EXPECT_EQ(to.proxyServer, "");
+  EXPECT_EQ(numbers_of(to), (std::vector<int>{11, 1, 1, 1, 1, AUDIO_FORMAT_MIXED_PCM_FRAME_TYPE,
+                                              VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE, 12, 13, 14, 15, 16,
+                                              17, 18, 0, 19}));
+  EXPECT_EQ(texts_of(to), "rmsadcp ki");
+  to = RecordingConfig();
+  EXPECT_EQ(texts_of(to), " ki") << "a null text is an empty one";
 }
 
 }  // namespace
