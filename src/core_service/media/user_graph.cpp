@@ -117,6 +117,12 @@ void user_graph::start() {
     g_signal_connect(source_, "pad-removed", G_CALLBACK(on_pad_removed), this);
     g_signal_connect(source_, "no-more-pads", G_CALLBACK(on_no_more_pads), this);
   }
+  // Known before anything plays: a track that a source finds while its pipeline is still on the way
+  // plays at once, and what it sends would stand at a time that has no zero yet.
+  const auto zero = static_cast<GstClockTime>(now().count());
+  gst_element_set_start_time(pipeline_.get(), GST_CLOCK_TIME_NONE);
+  gst_element_set_base_time(pipeline_.get(), zero);
+  gst_element_set_base_time(source_, zero);
   gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
 }
 
