@@ -7,4 +7,5 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
+scripts/install-deps.sh test mutate >&2
 exec python3 -B scripts/mutation/mutate.py "$@"
