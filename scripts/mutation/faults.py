@@ -165,7 +165,9 @@ def swapped_arguments(code, text):
         if any(re.search(r"\w[*&]* [*&]?\w+$|^const ", part) and "?" not in part for part in parts):
             continue
         for (a, b), (c, d) in zip(ranges, ranges[1:]):
-            if text[a:b] != text[c:d] and b > a and d > c:
+            # Enumerators that have values mean the same in any order.
+            valued = re.search(r"\w = ", text[a:b]) and re.search(r"\w = ", text[c:d])
+            if text[a:b] != text[c:d] and b > a and d > c and not valued:
                 yield a, d, text[c:d] + text[b:c] + text[a:b]
 
 
