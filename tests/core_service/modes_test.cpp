@@ -199,6 +199,11 @@ TEST_F(ModesTest, CrashOfADecoderCostsThePicturesOfThatUserAlone) {
                         room + std::to_string(uid) + ".mp4"),
               "");
   }
+  // A sanitizer would make an exit status of the crash, which is its way to tell of a find.
+  for (const char* const name : {"ASAN_OPTIONS", "TSAN_OPTIONS"}) {
+    const char* const given = std::getenv(name);
+    setenv(name, ((given != nullptr ? std::string(given) + ":" : "") + "handle_segv=0").c_str(), 1);
+  }
   for (const bool mixed : {false, true}) {
     SCOPED_TRACE(mixed ? "mix" : "frames");
     handler.clear();

@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include "support/folder_watch.h"
 #include "support/program.h"
 #include "support/recording_test.h"
 
@@ -139,7 +140,20 @@ TEST_F(Tool, KeepsFramesThatCanBeOpenedHoweverItDies) {
   for (const auto& [video, audio] : {std::pair{"yuv", "pcm"}, std::pair{"h264", "aac"}}) {
     Program tool(command({"room", "--server", "test:users=1", "--frames", frames, "--decode-video",
                           video, "--decode-audio", audio}));
-    ASSERT_TRUE(tool.wait_for("frames/s", 2)) << tool.text();
+    ASSERT_TRUE(tool.wait_for("frames/s")) << tool.text();
+    // A second and a half of each, however long a slow machine takes for it.
+    const bool raw = video == std::string("yuv");
+    const std::pair<const char*, size_t> files[] = {
+        {raw ? "/1_1.y4m" : "/1.h264", raw ? 38 * 640 * 360 * 3 / 2 : 1},
+        {raw ? "/1.wav" : "/1.aac", raw ? 144'000 : 12'000}};
+    for (const auto& [name, bytes] : files) {
+      const std::string path = frames + name;
+      EXPECT_TRUE(wait_in_folder(frames, std::chrono::seconds(20), [&path, least = bytes] {
+        std::error_code missing;
+        const auto size = std::filesystem::file_size(path, missing);
+        return !missing && size > least;
+      })) << name;
+    }
     kill(tool.pid(), SIGKILL);
     EXPECT_EQ(tool.end(), 1000 + SIGKILL);
   }
