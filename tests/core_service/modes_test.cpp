@@ -192,12 +192,18 @@ TEST_F(ModesTest, KilledMixGoesOnWithItsLayout) {
 TEST_F(ModesTest, CrashOfADecoderCostsThePicturesOfThatUserAlone) {
   const std::string room = dir.path() + "channels/room/";
   std::filesystem::create_directories(room);
-  for (const auto& [uid, colour_name] : {std::pair(1, "red"), {2, "white"}, {3, "lime"}}) {
-    const std::string interlaced = uid == 1 ? " -flags +ilme+ildct -x264opts tff=1" : "";
-    ASSERT_EQ(output_of(std::string("ffmpeg -v error -f lavfi -i color=") + colour_name +
-                        ":s=128x72:r=25:d=20 -c:v libx264 -pix_fmt yuv420p" + interlaced + " " +
-                        room + std::to_string(uid) + ".mp4"),
-              "");
+  const struct {
+    const char* name;
+    const char* colour;
+    const char* coding;
+  } users[] = {{"1.mp4", "red", "-flags +ilme+ildct -x264opts tff=1"},
+               {"2.mp4", "white", ""},
+               {"3.mp4", "lime", ""}};
+  for (const auto& user : users) {
+    std::string command = "ffmpeg -v error -f lavfi -i color=";
+    command.append(user.colour).append(":s=128x72:r=25:d=20 -c:v libx264 -pix_fmt yuv420p ");
+    command.append(user.coding).append(" ").append(room).append(user.name);
+    ASSERT_EQ(output_of(command), "");
   }
   // A sanitizer would make an exit status of the crash, which is its way to tell of a find.
   for (const char* const name : {"ASAN_OPTIONS", "TSAN_OPTIONS"}) {

@@ -37,7 +37,7 @@ class LeaveTest : public LinkTest {
     for (int i = 0; i < 3; ++i) callable.load()->setVideoMixingLayout(layout);
   }
   std::string gate() const {
-    const std::string path = dir.path() + "gate";
+    std::string path = dir.path() + "gate";
     EXPECT_EQ(mkfifo(path.c_str(), 0600), 0);
     return path;
   }
