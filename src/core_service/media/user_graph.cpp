@@ -261,25 +261,32 @@ void user_graph::leave_out_unknown(const GstCaps* caps) {
 // GStreamer says on each of its threads for whom it begins to work. Those that a branch starts are
 // behind its decoder's queue; the source's go through parsers, and through the sound's decoder.
 void user_graph::mark_threads() {
+  struct whose {
+    uint32_t uid;
+    GstElement* source;
+    GstElement* pipeline;
+  };
+  using context = carried<whose>;
   const bus_ptr bus(gst_pipeline_get_bus(GST_PIPELINE(pipeline_.get())));
   gst_bus_set_sync_handler(
       bus.get(),
       [](GstBus*, GstMessage* message, gpointer given) {
         if (type_of(message) != GST_MESSAGE_STREAM_STATUS) return GST_BUS_PASS;
-        const auto* const self = static_cast<user_graph*>(given);
+        const whose& user = static_cast<context*>(given)->get();
         GstStreamStatusType type{};
         GstElement* owner = nullptr;
         gst_message_parse_stream_status(message, &type, &owner);
         if (type == GST_STREAM_STATUS_TYPE_LEAVE) unmark_thread();
         if (type != GST_STREAM_STATUS_TYPE_ENTER) return GST_BUS_PASS;
         const element_ptr bin(GST_ELEMENT(gst_object_get_parent(GST_OBJECT(owner))));
-        const bool of_branch = bin && bin.get() != self->source_ &&
-                               gst_object_has_as_parent(GST_OBJECT(bin.get()),
-                                                        GST_OBJECT(self->pipeline_.get())) != FALSE;
-        mark_thread(self->uid_, of_branch ? crash_stage::kDecoding : crash_stage::kReceiving);
+        const bool of_branch =
+            bin && bin.get() != user.source &&
+            gst_object_has_as_parent(GST_OBJECT(bin.get()), GST_OBJECT(user.pipeline)) != FALSE;
+        mark_thread(user.uid, of_branch ? crash_stage::kDecoding : crash_stage::kReceiving);
         return GST_BUS_PASS;
       },
-      this, nullptr);
+      std::make_unique<context>(whose{uid_, source_, pipeline_.get()}).release(),
+      [](gpointer given) { const std::unique_ptr<context> owner(static_cast<context*>(given)); });
 }
 
 // A decoder's own threads would serve a user without a mark.
