@@ -124,7 +124,6 @@ std::vector<std::string> missing_plugins() {
       {"srtpdec", "no SRTP can be received", "gstreamer1.0-plugins-bad"},
       {"compositor", "pictures can't be mixed", "gstreamer1.0-plugins-base"},
       {"videoflip", "pictures can't be mixed", "gstreamer1.0-plugins-good"},
-      {"deinterlace", "pictures can't be mixed", "gstreamer1.0-plugins-good"},
       {"pngdec", "PNG can't be shown in the mix", "gstreamer1.0-plugins-good"},
       {"jpegenc", "no pictures can be captured", "gstreamer1.0-plugins-good"},
       {"deinterlace", "pictures can't be mixed, captured or decoded", "gstreamer1.0-plugins-good"},
