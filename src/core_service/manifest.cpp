@@ -24,6 +24,8 @@ constexpr int kManifestVersion = 1;
 constexpr const char* kDied = "recorder died";
 // A session's. Strangers' names and words are among them: from here on the log alone has them.
 constexpr size_t kMostMissing = 1000;
+// What is new beyond these may be told twice.
+constexpr size_t kMostRemembered = 10'000;
 constexpr size_t kLongestReason = 1000;
 
 Json::Value to_json(const manifest_file& f) {
@@ -78,6 +80,11 @@ manifest_gap gap_from_json(const Json::Value& v) {
           v.get("utc_ms", Json::Int64{0}).asInt64()};
 }
 
+std::string identity_of(const manifest_gap& gap) {
+  return std::to_string(gap.uid) + '\n' + gap.channel_id + '\n' + gap.what.medium + '\n' +
+         gap.what.reason;
+}
+
 // Throws when it isn't JSON.
 Json::Value parse(std::ifstream& file) {
   Json::Value root;
@@ -107,7 +114,8 @@ void manifest::load() {
     const Json::Value root = parse(file);
     for (const Json::Value& entry : root["files"]) add(from_json(entry, root["channel_id"]));
     for (const Json::Value& entry : root["missing"]) missing_.push_back(gap_from_json(entry));
-    missing_here_ = missing_.size();
+    missing_before_ = missing_.size();
+    missing_before_of_last_ = root.get("missing_before", 0U).asUInt();
     const Json::Value& pictures = root["pictures"];
     for (const std::string& uid : pictures.getMemberNames()) {
       pictures_[static_cast<uint32_t>(std::stoul(uid))] = pictures[uid].asUInt64();
@@ -120,7 +128,7 @@ void manifest::load() {
     files_.clear();
     pictures_.clear();
     missing_.clear();
-    missing_here_ = 0;
+    missing_before_ = 0;
     base::log_dir(folder_.c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
                   "%s can't be read and is kept as %s.broken: %s", name_.c_str(), name_.c_str(),
                   e.what());
@@ -133,7 +141,8 @@ void manifest::load() {
 
 void manifest::adopt_leftovers() {
   // What the predecessor has told needs no second telling.
-  missing_here_ = 0;
+  missing_before_ = std::min<size_t>(missing_before_of_last_, missing_.size());
+  for (size_t i = missing_before_; i < missing_.size(); ++i) told_.insert(identity_of(missing_[i]));
   const std::set<std::string> of_others = listed_elsewhere();
   std::map<std::string, size_t> known;
   for (const auto& [number, f] : files_) known[f.name] = number;
@@ -176,13 +185,10 @@ std::set<std::string> manifest::listed_elsewhere() const {
 bool manifest::note_missing(uint32_t uid, const missing_medium& what) {
   manifest_gap gap{uid, channel_id_, what, base::utc_ms()};
   gap.what.reason.resize(std::min(gap.what.reason.size(), kLongestReason));
-  const auto same = [&gap](const manifest_gap& known) {
-    return known.uid == gap.uid && known.channel_id == gap.channel_id &&
-           known.what.medium == gap.what.medium && known.what.reason == gap.what.reason;
-  };
-  const auto here = missing_.begin() + static_cast<std::ptrdiff_t>(missing_here_);
-  if (std::any_of(here, missing_.end(), same)) return false;
-  if (missing_.size() - missing_here_ < kMostMissing) missing_.push_back(std::move(gap));
+  std::string identity = identity_of(gap);
+  if (told_.count(identity) != 0) return false;
+  if (told_.size() < kMostRemembered) told_.insert(std::move(identity));
+  if (missing_.size() - missing_before_ < kMostMissing) missing_.push_back(std::move(gap));
   return true;
 }
 
@@ -207,6 +213,7 @@ void manifest::save() {
   Json::Value missing(Json::arrayValue);
   for (const manifest_gap& gap : missing_) missing.append(to_json(gap));
   root["missing"] = std::move(missing);
+  root["missing_before"] = Json::UInt64{missing_before_};
   Json::Value pictures(Json::objectValue);
   for (const auto& [uid, count] : pictures_) {
     pictures[std::to_string(uid)] = Json::UInt64{count};

@@ -87,8 +87,12 @@ class manifest {
   size_t next_number_ = 0;
   std::map<uint32_t, uint64_t> pictures_;
   std::vector<manifest_gap> missing_;
-  // The first that isn't an earlier session's.
-  size_t missing_here_ = 0;
+  // Those of earlier sessions come first.
+  size_t missing_before_ = 0;
+  // As the manifest had it that was found.
+  size_t missing_before_of_last_ = 0;
+  // What this session has told, each by all that makes it one.
+  std::set<std::string> told_;
   // By the processes before this one, and in all.
   dropped_counts dropped_before_;
   dropped_counts dropped_;

@@ -62,12 +62,30 @@ TEST(PlainPictures, AreProgressiveSquareAndComposable) {
 
 TEST(PlainPictures, HugeOnesAreNotDecoded) {
   gst_init(nullptr, nullptr);
+  using answer = std::optional<bool>;
   for (const auto& [caps, decoded] :
-       {std::pair("video/x-h264,width=8192,height=4320", true),
-        std::pair("video/x-h264,width=4320,height=8192", true), std::pair("video/x-vp8", true),
-        std::pair("video/x-vp9,width=16384,height=16384", false)}) {
+       {std::pair("video/x-h264,width=8192,height=4352", answer(true)),
+        std::pair("video/x-h264,width=4320,height=8192", answer(true)),
+        std::pair("video/x-vp8", answer()),
+        std::pair("video/x-h264,width=8192,height=4353", answer(false)),
+        std::pair("video/x-vp9,width=2147483647,height=2147483647", answer(false))}) {
     const caps_ptr coded(gst_caps_from_string(caps));
-    EXPECT_EQ(is_decodable_size(coded.get()), decoded) << caps;
+    EXPECT_EQ(is_decodable(coded.get()), decoded) << caps;
+  }
+  using bytes = std::vector<uint8_t>;
+  const bytes theora{0x80, 't', 'h', 'e', 'o', 'r', 'a', 3, 2, 1, 2, 0, 1, 0x10};
+  for (const auto& [coded, vp8, decoded] :
+       {std::tuple(bytes{0x10, 0, 0, 0x9d, 1, 0x2a, 0, 0xe0, 0, 0x51}, true, answer(true)),
+        std::tuple(bytes{0x10, 0, 0, 0x9d, 1, 0x2a, 0, 0x20, 1, 0x51}, true, answer(false)),
+        std::tuple(bytes{0x11, 0, 0, 0x9d, 1, 0x2a, 0, 0x20, 1, 0x51}, true, answer()),
+        std::tuple(bytes{0x10, 0, 0, 0x9d, 1, 0x2a, 0, 0x20, 1}, true, answer()),
+        std::tuple(theora, false, answer(true)),
+        std::tuple(bytes(theora.begin(), theora.end() - 1), false, answer()),
+        std::tuple(bytes{0x80, 't', 'h', 'e', 'o', 'r', 'a', 3, 2, 1, 2, 0, 1, 0x11}, false,
+                   answer(false)),
+        std::tuple(bytes{0x81, 't', 'h', 'e', 'o', 'r', 'a', 3, 2, 1, 2, 0, 1, 0x11}, false,
+                   answer())}) {
+    EXPECT_EQ(is_decodable(coded.data(), coded.size(), vp8), decoded) << coded.size();
   }
 }
 

@@ -49,10 +49,10 @@ std::optional<user_file> parse_name(const std::string& name) {
   const size_t dot = name.rfind('.');
   if (dot == std::string::npos || name.front() == '.') return std::nullopt;
   const std::string ending = name.substr(dot + 1);
-  const bool description = ending == kDescriptionEnding;
   const auto is_ending = [&ending](const char* known) {
     return strcasecmp(known, ending.c_str()) == 0;
   };
+  const bool description = is_ending(kDescriptionEnding);
   if (!description && std::none_of(kMediaEndings.begin(), kMediaEndings.end(), is_ending)) {
     return std::nullopt;
   }

@@ -174,10 +174,10 @@ std::string as_h264(const codec& c, const GstCaps* caps) {
     seconds = 1;
   }
   const double rate = static_cast<double>(pictures) / seconds;
-  const double kbps = rate * width * height / kPixelsABit / 1000;
-  const std::string encoder =
-      h264_encoder({std::clamp(static_cast<int>(kbps), kLeastKbps, kMostKbps),
-                    std::max(static_cast<int>(rate * 2), 1), true, "veryfast"});
+  const double kbps =
+      std::clamp<double>(rate * width * height / kPixelsABit / 1000, kLeastKbps, kMostKbps);
+  const std::string encoder = h264_encoder(
+      {static_cast<int>(kbps), std::max(static_cast<int>(rate * 2), 1), true, "veryfast"});
   if (encoder.empty()) return "";
   return std::string(c.parse) + " ! " + c.decode +
          " ! deinterlace fields=top ! videoconvert ! video/x-raw,format=I420 ! " + encoder;

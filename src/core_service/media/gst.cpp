@@ -149,8 +149,12 @@ void bus_watch::on_message(GstMessage* message) {
                     g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE) ||
                     g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_OPEN_WRITE) ||
                     g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_SEEK);
+  // Which media it was has been told; none of a source's is left, so it has ended.
+  const bool nothing_fits = told.unknown && g_error_matches(error, GST_CORE_ERROR,
+                                                            GST_CORE_ERROR_MISSING_PLUGIN) != FALSE;
   g_clear_error(&error);
   g_free(details);
+  if (nothing_fits) return told.ended();
   told.failed(why, GST_OBJECT_NAME(GST_MESSAGE_SRC(message)), disk);
 }
 

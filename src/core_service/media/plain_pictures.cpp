@@ -3,6 +3,7 @@
 
 #include <array>
 #include <cstdint>
+#include <cstring>
 
 #include "core_service/media/gst.h"
 #include "core_service/media/picture_memory.h"
@@ -16,6 +17,10 @@ constexpr const char* kMostSide = "8192";
 
 // By name, in the order in which a picture meets them.
 constexpr std::array<const char*, 3> kElements{"plain_format", "plain_frames", "plain_pixels"};
+
+bool fits(int64_t width, int64_t height) {
+  return width * height <= kMostPixels;
+}
 
 }  // namespace
 
@@ -39,15 +44,25 @@ void offer_picture_memory_along(GstElement* branch) {
   }
 }
 
-bool is_decodable_size(const GstCaps* coded) {
+std::optional<bool> is_decodable(const GstCaps* coded) {
   const GstStructure* const fields = gst_caps_get_structure(coded, 0);
   int width = 0;
   int height = 0;
   if (gst_structure_get_int(fields, "width", &width) == FALSE ||
       gst_structure_get_int(fields, "height", &height) == FALSE) {
-    return true;
+    return std::nullopt;
   }
-  return int64_t{width} * height <= kMostPixels;
+  return fits(width, height);
+}
+
+std::optional<bool> is_decodable(const uint8_t* coded, size_t bytes, bool vp8) {
+  const auto at = [coded](size_t i) { return int64_t{coded[i]}; };
+  if (vp8) {
+    if (bytes < 10 || (coded[0] & 1U) != 0) return std::nullopt;
+    return fits((at(7) & 0x3F) << 8 | at(6), (at(9) & 0x3F) << 8 | at(8));
+  }
+  if (bytes < 14 || std::memcmp(coded, "\x80theora", 7) != 0) return std::nullopt;
+  return fits((at(10) << 8 | at(11)) * 16, (at(12) << 8 | at(13)) * 16);
 }
 
 }  // namespace zelta::core_service::media

@@ -4,6 +4,9 @@
 // strangers may send; what is plain already passes through without a copy.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
+#include <optional>
 #include <string>
 
 #include <gst/gst.h>
@@ -16,9 +19,12 @@ std::string plain_pictures();
 // Has what is upstream of each of these elements in `branch` make its pictures in picture memory.
 void offer_picture_memory_along(GstElement* branch);
 
-// What a decoder would need beyond this is not decoded: a picture that is all one colour is small
-// as it comes and takes gigabytes decoded, of which a decoder holds up to 17. False when the caps
-// name a larger size.
-bool is_decodable_size(const GstCaps* coded);
+// Whether pictures are of a size that is decoded: one that is all one colour is small as it comes
+// and takes gigabytes decoded, of which a decoder holds up to 17. None: the caps don't say.
+std::optional<bool> is_decodable(const GstCaps* coded);
+// The same for codecs that have no parser, whose caps are the container's word: of a VP8 frame
+// (RFC 6386, section 9.1) or else a Theora packet (Theora Specification, section 6.2). None for all
+// but those that say the size.
+std::optional<bool> is_decodable(const uint8_t* coded, size_t bytes, bool vp8);
 
 }  // namespace zelta::core_service::media

@@ -206,16 +206,24 @@ void user_graph::attach(GstPad* pad) {
   std::string error;
   std::string branch = c->kind == media_kind::kVideo ? video_branch(*t->kind) : sound_branch(*c);
   if (anew) {
-    branch = as_h264(*c, caps.get()) + " ! " + branch;
-    log(base::WARN_LOG, std::string("its video (") + c->name +
-                            ") is decoded and encoded as H.264, because no file takes it");
+    const std::string again = as_h264(*c, caps.get());
+    if (again.empty()) {
+      leave_out({name_of(c->kind), c->name, "no file takes it, and there is no H.264 encoder"});
+      return discard(pad);
+    }
+    branch = again + " ! " + branch;
   }
   element_ptr made = make_bin(branch, error);
   if (!made) {
     leave_out({name_of(c->kind), c->name, error});
     return discard(pad);
   }
+  if (anew) {
+    log(base::WARN_LOG, std::string("its video (") + c->name +
+                            ") is decoded and encoded as H.264, because no file takes it");
+  }
   t->branch = add(pipeline_.get(), std::move(made));
+  if (c->kind == media_kind::kVideo) prepare_decoders(t, *c);
   connect(t);
   {
     const std::lock_guard<std::mutex> guard(tracks_lock_);
@@ -249,11 +257,15 @@ void user_graph::leave_out(missing_medium what) {
 
 // Texts and data beside the media are no loss of media.
 void user_graph::leave_out_unknown(const GstCaps* caps) {
-  const std::string name = gst_structure_get_name(gst_caps_get_structure(caps, 0));
+  const GstStructure* const fields = gst_caps_get_structure(caps, 0);
+  const char* const hidden = gst_structure_get_string(fields, "original-media-type");
+  const std::string name = hidden != nullptr ? hidden : gst_structure_get_name(fields);
   const auto kind = kind_of(name);
   if (!kind) return log(base::NOTICE_LOG, "leaves out what is no sound or picture: " + name);
   if (!wanted(*kind)) return;
-  leave_out({name_of(*kind), name, "it is none of the codecs that are recorded"});
+  leave_out({name_of(*kind), name,
+             hidden != nullptr ? "it is encrypted, and no key to it is known"
+                               : "it is none of the codecs that are recorded"});
 }
 
 // ---- Who would be to blame ------------------------------------------------------------------
@@ -290,21 +302,65 @@ void user_graph::mark_threads() {
 }
 
 // A decoder's own threads would serve a user without a mark.
-void user_graph::decode_on_marked_threads(GstElement* branch) const {
-  GstIterator* const elements = gst_bin_iterate_recurse(GST_BIN(branch));
+void user_graph::prepare_decoders(const std::shared_ptr<track>& t, const codec& from) {
+  std::vector<GstElement*> decoders;
+  GstIterator* const elements = gst_bin_iterate_recurse(GST_BIN(t->branch));
   gst_iterator_foreach(
       elements,
-      [](const GValue* item, gpointer) {
-        GObject* const element = G_OBJECT(g_value_get_object(item));
-        const char* const what = gst_element_get_metadata(GST_ELEMENT(element), "klass");
-        if (what == nullptr || std::strstr(what, "Decoder") == nullptr) return;
-        for (const char* const name : {"max-threads", "threads"}) {
-          if (g_object_class_find_property(G_OBJECT_GET_CLASS(element), name) == nullptr) continue;
-          g_object_set(element, name, 1, nullptr);
+      [](const GValue* item, gpointer found) {
+        auto* const element = GST_ELEMENT(g_value_get_object(item));
+        const char* const what = gst_element_get_metadata(element, "klass");
+        if (what != nullptr && std::strstr(what, "Decoder") != nullptr) {
+          static_cast<std::vector<GstElement*>*>(found)->push_back(element);
         }
       },
-      nullptr);
+      &decoders);
   gst_iterator_free(elements);
+  for (GstElement* const decoder : decoders) {
+    for (const char* const name : {"max-threads", "threads"}) {
+      if (g_object_class_find_property(G_OBJECT_GET_CLASS(decoder), name) == nullptr) continue;
+      g_object_set(decoder, name, 1, nullptr);
+    }
+    guard_decoder(t, from, decoder);
+  }
+}
+
+// What can be recorded as it came is, but a decoder sees nothing while it is of such a size: it
+// sets itself up by the caps already, where a parser has made them.
+void user_graph::guard_decoder(const std::shared_ptr<track>& t, const codec& from,
+                               GstElement* decoder) {
+  const bool vp8 = std::strcmp(from.name, "vp8") == 0;
+  const bool says_itself = vp8 || std::strcmp(from.name, "theora") == 0;
+  const pad_ptr in(gst_element_get_static_pad(decoder, "sink"));
+  add_probe(
+      in.get(),
+      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
+      [this, t, &from, vp8, says_itself, huge = false](GstPadProbeInfo* info) mutable {
+        std::optional<bool> decodable;
+        if ((GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
+          GstBuffer* const coded = GST_PAD_PROBE_INFO_BUFFER(info);
+          GstMapInfo map{};
+          if (says_itself && gst_buffer_map(coded, &map, GST_MAP_READ) != FALSE) {
+            decodable = is_decodable(map.data, map.size, vp8);
+            gst_buffer_unmap(coded, &map);
+          }
+        } else {
+          GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
+          if (type_of(event) != GST_EVENT_CAPS || says_itself) return GST_PAD_PROBE_OK;
+          GstCaps* caps = nullptr;
+          gst_event_parse_caps(event, &caps);
+          decodable = is_decodable(caps);
+        }
+        const bool was_huge = std::exchange(huge, !decodable.value_or(!huge));
+        if (huge && !was_huge) refuse_size(*t, from);
+        return huge ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
+      });
+}
+
+void user_graph::refuse_size(track& t, const codec& from) {
+  const bool anew = from.kept == storage::kAsH264;
+  if (anew) t.refused = true;
+  leave_out({anew ? "video" : "decoded video", from.name, "its pictures are too large to decode"});
 }
 
 // The thread behind it has its name, so that a debugger tells whose it is.
@@ -378,8 +434,6 @@ void user_graph::connect(const std::shared_ptr<track>& t) {
 
 void user_graph::connect_video(const std::shared_ptr<track>& t) {
   follow_rotation(t);
-  decode_on_marked_threads(t->branch);
-  if (child(t->branch, decode_queue().c_str()) != nullptr) refuse_huge_pictures(t);
   receive(t, "coded_out", [this, t](GstSample* /*from*/, media_sample& sample) {
     note(t, sample);
     if (!to_.video) return;
@@ -424,28 +478,6 @@ void user_graph::follow_rotation(const std::shared_ptr<track>& t) {
     }
     return GST_PAD_PROBE_OK;
   });
-}
-
-// Recorded as it came, but not decoded while it is of such a size.
-void user_graph::refuse_huge_pictures(const std::shared_ptr<track>& t) {
-  const pad_ptr in(gst_element_get_static_pad(child(t->branch, decode_queue().c_str()), "sink"));
-  add_probe(
-      in.get(),
-      static_cast<GstPadProbeType>(GST_PAD_PROBE_TYPE_BUFFER | GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM),
-      [this, t, huge = false](GstPadProbeInfo* info) mutable {
-        if ((GST_PAD_PROBE_INFO_TYPE(info) & GST_PAD_PROBE_TYPE_BUFFER) != 0) {
-          return huge ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
-        }
-        GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
-        if (type_of(event) != GST_EVENT_CAPS) return GST_PAD_PROBE_OK;
-        GstCaps* caps = nullptr;
-        gst_event_parse_caps(event, &caps);
-        huge = !is_decodable_size(caps);
-        if (!huge) return GST_PAD_PROBE_OK;
-        leave_out({"decoded video", t->kind->name, "its pictures are too large to decode"});
-        // A decoder sets itself up by what it is told.
-        return GST_PAD_PROBE_DROP;
-      });
 }
 
 // Of all pictures one an interval goes on to the encoder.
@@ -547,7 +579,8 @@ void user_graph::tell_what_never_came(media_time patience) {
     {
       const std::lock_guard<std::mutex> guard(tracks_lock_);
       for (const auto& t : tracks_) {
-        if (!has(t->kind->kind) && at - t->since >= patience) silent.push_back(t->kind);
+        if (has(t->kind->kind) || t->refused || at - t->since < patience) continue;
+        silent.push_back(t->kind);
       }
     }
     for (const codec* const c : silent) {

@@ -90,6 +90,8 @@ class user_graph {
     std::atomic<int> rotation{0};
     int64_t next_jpg = 0;
     bool seen = false;
+    // It is told already that nothing of it comes out.
+    std::atomic<bool> refused{false};
   };
 
   // What a pad of the source is linked to.
@@ -109,7 +111,9 @@ class user_graph {
   void detach(GstPad* pad);
   bool wanted(media_kind kind) const;
   void mark_threads();
-  void decode_on_marked_threads(GstElement* branch) const;
+  void prepare_decoders(const std::shared_ptr<track>& t, const codec& from);
+  void guard_decoder(const std::shared_ptr<track>& t, const codec& from, GstElement* decoder);
+  void refuse_size(track& t, const codec& from);
   std::string decode_queue() const;
   std::string video_branch(const codec& c) const;
   std::string sound_branch(const codec& c) const;
@@ -118,7 +122,6 @@ class user_graph {
   void connect(const std::shared_ptr<track>& t);
   void connect_video(const std::shared_ptr<track>& t);
   void follow_rotation(const std::shared_ptr<track>& t);
-  void refuse_huge_pictures(const std::shared_ptr<track>& t);
   void pick_jpgs(const std::shared_ptr<track>& t);
   bool is_current(track& t, media_time time);
   void note(const std::shared_ptr<track>& t, const media_sample& sample);
