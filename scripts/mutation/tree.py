@@ -9,7 +9,7 @@ import subprocess
 # Compiling stays behind whatever else the machine does. The suites don't: they wait most of the time, and one that
 # is starved would seem to notice a fault.
 BEHIND = ["chrt", "--idle", "0", "nice", "-n", "19"]
-FLAGS = "-O0 -g0 -w"
+FLAGS = "-O0 -g0 -w -D_GLIBCXX_ASSERTIONS"
 # Nothing that a faulty program does is to be seen outside: its own processes, network, /tmp, and sources that can't
 # be written.
 APART = ["unshare", "--mount", "--net", "--pid", "--fork", "--kill-child", "--mount-proc", "bash", "-c",

@@ -62,6 +62,10 @@ TYPED_TEST(PacketTest, GoesThereAndBack) {
   EXPECT_EQ(received.uri, TypeParam::kUri);
   EXPECT_EQ(received.server_type, 77) << "stays what the object was made with";
   EXPECT_EQ(body_of(received), body);
+  std::string untouched = body_of(TypeParam()).substr(sizeof(uint16_t));
+  // The version, which is said by nobody else.
+  if (TypeParam::kUri == hello_packet::kUri) untouched[0] = static_cast<char>(untouched[0] - 1);
+  EXPECT_EQ(untouched, std::string(untouched.size(), '\0')) << "what nobody sets is nothing";
 }
 
 TYPED_TEST(PacketTest, RefusesEveryTruncationAndLeftOver) {

@@ -87,6 +87,18 @@ TEST(PacketReader, TakesPacketsApartWhereverTheyAreSplit) {
     EXPECT_EQ(reader.read_some(kBound), packet_reader::result::kEmpty);
     EXPECT_EQ(to.seen, (std::vector<std::string>{"uri 1", "frame 1 5 2", "frame 2 0 2"})) << split;
   }
+  // All of a large payload, and a part of what stands behind it.
+  const std::string large = frame_bytes(3, 60'000);
+  for (size_t rest = 1; rest < 12; ++rest) {
+    const Pipe pipe;
+    Collector to;
+    packet_reader reader(pipe.read.get(), to);
+    pipe.put(large.substr(0, large.size() - rest));
+    reader.read_some(kBound);
+    pipe.put(large.substr(large.size() - rest));
+    reader.read_some(kBound);
+    EXPECT_EQ(to.seen, (std::vector<std::string>{"frame 3 60000 2"})) << rest;
+  }
 }
 
 // Larger than what is read at once, in chunks of many sizes, with small packets around them.
@@ -372,6 +384,11 @@ TEST(PacketWriter, IsBrokenForGoodOnceNobodyReads) {
   EXPECT_EQ(send_payload(writer, pool, 2, 40'000), result::kBroken);
   EXPECT_EQ(writer.send(leave_packet(), room::kAlways), result::kBroken);
   EXPECT_EQ(pool.held(), 0U) << "nobody can see what becomes of it";
+  Pipe half;
+  packet_writer closed(half.write.get(), 1 << 20, large::kSplice);
+  EXPECT_EQ(send_payload(closed, pool, 3, 300'000), result::kQueued);
+  closed.close();
+  EXPECT_EQ(pool.held(), 1U) << "a part of it can still be read";
 }
 
 }  // namespace

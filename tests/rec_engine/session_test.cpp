@@ -617,6 +617,7 @@ TEST(PublicInterface, VirtualFunctionsKeepTheirPlaces) {
   EXPECT_TRUE(in_order(&E::joinChannel, &E::setVideoMixingLayout, &E::stoppedOnError,
                        &E::leaveChannel, &E::release, &E::getProperties, &E::startService,
                        &E::stopService, &E::setUserBackground, &E::setLogLevel));
+  EXPECT_EQ(VideoH264Frame().frame_ms_ + VideoJpgFrame().frame_ms_, 0U);
 }
 
 }  // namespace
