@@ -24,6 +24,8 @@ class unique_fd {
 
   int get() const { return fd_; }
   bool valid() const { return fd_ >= 0; }
+  // Hands it over to the caller.
+  int release() { return std::exchange(fd_, -1); }
   void reset(int fd = -1) {
     // Linux frees the descriptor whatever close returns, so there is nothing to do about an error.
     if (fd_ >= 0) ::close(fd_);

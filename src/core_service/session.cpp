@@ -77,7 +77,8 @@ session::session(options given, std::string server, base::event_loop& loop)
         posting_.post([this, path, error] { on_not_written(path, error); });
       }),
       manifest_(share_.folder(), share_.manifest_name(), options_.channel_id, writer_),
-      journal_(share_.folder() + share_.journal_name(), share_.session(), writer_) {}
+      journal_(share_.folder() + share_.journal_name(), share_.session(), writer_),
+      disk_(loop_) {}
 
 session::~session() {
   if (tick_ != nullptr) loop_.remove_timer(tick_);
@@ -163,7 +164,7 @@ bool session::prepare_mix(media::media_time lateness) {
   std::string error;
   mix_ =
       mix::mix::make(plan_, lateness, {options_.default_video_bg, options_.default_user_bg},
-                     {options_.recording_file_dir, loop_, manifest_, link_},
+                     {options_.recording_file_dir, loop_, manifest_, link_, disk_},
                      {[this](const std::string& why, bool disk) { on_files_failed(0, why, disk); },
                       [this] {
                         mix_finished_ = true;
@@ -342,7 +343,7 @@ void session::on_user_in(uint32_t uid, user_media from) {
   const recording_plan plan = plan_for(uid);
   auto& made = users_[uid];
   made = std::make_unique<user>(uid, std::move(from), plan,
-                                surroundings{options_.recording_file_dir, loop_, manifest_, link_},
+                                surroundings{options_.recording_file_dir, loop_, manifest_, link_, disk_},
                                 mix_ ? mix_->add_user(uid) : nullptr, events_of(uid));
   link_.send(make<protocol::user_joined_packet>(uid, options_.recording_file_dir));
   if (serving_) made->start_service();

@@ -14,6 +14,7 @@
 #include "base/event_loop.h"
 #include "core_service/channel/channel.h"
 #include "core_service/engine_link.h"
+#include "core_service/files/file_writer.h"
 #include "core_service/folder_share.h"
 #include "core_service/journal.h"
 #include "core_service/manifest.h"
@@ -104,6 +105,7 @@ class session final : private engine_listener, private channel_listener {
   manifest manifest_;
   journal journal_;
   recording_plan plan_;
+  files::file_writer disk_;
   std::unique_ptr<mix::mix> mix_;
   bool mix_finished_ = false;
   std::unique_ptr<channel> channel_;

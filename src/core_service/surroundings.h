@@ -6,6 +6,7 @@
 
 #include "base/event_loop.h"
 #include "core_service/engine_link.h"
+#include "core_service/files/file_writer.h"
 #include "core_service/manifest.h"
 
 namespace zelta::core_service {
@@ -16,6 +17,7 @@ struct surroundings {
   base::event_loop& loop;
   manifest& files;
   engine_link& link;
+  files::file_writer& disk;
 };
 
 }  // namespace zelta::core_service

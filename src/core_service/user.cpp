@@ -57,7 +57,7 @@ user::~user() {
 
 void user::make_series(bool may_have_video, bool may_have_sound) {
   if (!plan_.record_sound && !plan_.record_video) return;
-  media::series_plan files;
+  files::series_plan files;
   files.uid = uid_;
   files.prefix = std::to_string(uid_);
   files.video = plan_.record_video;
@@ -67,9 +67,10 @@ void user::make_series(bool may_have_video, bool may_have_sound) {
   files.chunk = plan_.chunk;
   files.longest_gap = plan_.longest_gap;
   files.lateness = lateness_;
-  series_ = std::make_unique<media::file_series>(
-      files, media::file_series::surroundings{around_.folder, around_.loop, around_.files},
-      media::file_series::events{[this] {
+  series_ = std::make_unique<files::file_series>(
+      files,
+      files::file_series::surroundings{around_.folder, around_.loop, around_.files, around_.disk},
+      files::file_series::events{[this] {
                                    if (graph_) graph_->request_key_frame();
                                  },
                                  told_.failed,

@@ -11,7 +11,7 @@
 #include <optional>
 #include <string>
 
-#include "core_service/media/file_series.h"
+#include "core_service/files/file_series.h"
 #include "core_service/media/frame_sender.h"
 #include "core_service/media/mix_input.h"
 #include "core_service/media/user_graph.h"
@@ -81,7 +81,7 @@ class user {
   std::atomic<bool> serving_{false};
   media::volume_meter volume_;
 
-  std::unique_ptr<media::file_series> series_;
+  std::unique_ptr<files::file_series> series_;
   std::unique_ptr<media::user_graph> graph_;
   std::string finish_reason_;
   std::function<void()> finished_;

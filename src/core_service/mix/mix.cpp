@@ -83,7 +83,7 @@ bool mix::build(const backgrounds& images, std::string& error) {
 }
 
 void mix::make_series(bool video, bool sound) {
-  media::series_plan files;
+  files::series_plan files;
   files.prefix = "mix";
   files.video = video;
   files.sound = sound;
@@ -91,9 +91,10 @@ void mix::make_series(bool video, bool sound) {
   files.sound_bits_per_second = plan_.sound_bits_per_second;
   files.chunk = plan_.chunk;
   files.lateness = latency_;
-  series_.push_back(std::make_unique<media::file_series>(
-      files, media::file_series::surroundings{around_.folder, around_.loop, around_.files},
-      media::file_series::events{[this] { graph_->request_key_frame(); }, told_.failed,
+  series_.push_back(std::make_unique<files::file_series>(
+      files,
+      files::file_series::surroundings{around_.folder, around_.loop, around_.files, around_.disk},
+      files::file_series::events{[this] { graph_->request_key_frame(); }, told_.failed,
                                  [this] { on_stopped(); }}));
   if (sound) sound_files_ = series_.back().get();
 }

@@ -14,7 +14,7 @@
 #include <vector>
 
 #include "base/log.h"
-#include "core_service/media/file_series.h"
+#include "core_service/files/file_series.h"
 #include "core_service/media/frame_sender.h"
 #include "core_service/mix/mix_graph.h"
 #include "core_service/recording_plan.h"
@@ -95,8 +95,8 @@ class mix {
   std::atomic<bool> serving_{false};
   std::shared_ptr<media::frame_sender> frames_;
   std::optional<media::sound_line> frame_line_;
-  std::vector<std::unique_ptr<media::file_series>> series_;
-  media::file_series* sound_files_ = nullptr;
+  std::vector<std::unique_ptr<files::file_series>> series_;
+  files::file_series* sound_files_ = nullptr;
   bool finishing_ = false;
   size_t stopped_ = 0;
   std::atomic<int64_t> progress_{0};

@@ -24,12 +24,12 @@
 #include <string>
 
 #include "base/log.h"
+#include "core_service/files/media_file.h"
 #include "core_service/manifest.h"
-#include "core_service/media/media_file.h"
 #include "core_service/media/sound_encoder.h"
 #include "core_service/media/sound_line.h"
 
-namespace zelta::core_service::media {
+namespace zelta::core_service::files {
 
 struct series_plan {
   uint32_t uid = 0;    // 0: the mix
@@ -39,11 +39,11 @@ struct series_plan {
   int channels = 1;
   int sound_bits_per_second = 64'000;
   // Length of a file; 0: no limit.
-  media_time chunk{};
+  media::media_time chunk{};
   // Gaps in sound that are left as gaps.
-  media_time longest_gap{};
+  media::media_time longest_gap{};
   // How much later than captured media may arrive here.
-  media_time lateness{};
+  media::media_time lateness{};
 };
 
 class file_series {
@@ -52,6 +52,7 @@ class file_series {
     std::string folder;
     base::event_loop& loop;
     manifest& files;
+    file_writer& disk;
   };
   struct events {
     // A picture is needed that can be decoded by itself.
@@ -69,7 +70,7 @@ class file_series {
   ~file_series();
 
   // Where sound is to be pushed; null when none is recorded.
-  sound_line* sound() { return line_ ? &*line_ : nullptr; }
+  media::sound_line* sound() { return line_ ? &*line_ : nullptr; }
   // Whether there may be pictures, and sound: what isn't expected is not waited for.
   void expect(bool video, bool sound) {
     video_expected_ = plan_.video && video;
@@ -80,14 +81,14 @@ class file_series {
   void start();
   // Records what was captured before `at`, for which it waits until `patience` has passed.
   // events::stopped follows.
-  void stop(const std::string& why, media_time at, media_time patience);
+  void stop(const std::string& why, media::media_time at, media::media_time patience);
   // The disk has failed: files are left as they are from here on.
   void abandon();
   bool recording() const { return recording_; }
   // Where the recorded picture has come to.
-  media_time last_video_end() const { return last_video_end_; }
+  media::media_time last_video_end() const { return last_video_end_; }
 
-  void on_video(const media_sample& sample, const codec& kind);
+  void on_video(const media::media_sample& sample, const media::codec& kind);
   // Several times a second: what doesn't come has to be noticed as well.
   void tick();
   // Writes the state of the files into the manifest's entries.
@@ -98,10 +99,10 @@ class file_series {
     std::unique_ptr<media_file> file;
     media_file::contents holds;
     size_t entry;
-    media_time begin;
-    media_time end;  // what comes later belongs to the next file
-    caps_ptr video_caps;
-    const codec* video = nullptr;
+    media::media_time begin;
+    media::media_time end;  // what comes later belongs to the next file
+    media::caps_ptr video_caps;
+    const media::codec* video = nullptr;
     int encoder = 0;  // number of the encoder that its sound comes from
     bool sound_done = false;
     bool finishing = false;
@@ -109,59 +110,59 @@ class file_series {
   };
 
   struct waiting_sound {
-    media_sample sample;
+    media::media_sample sample;
     int encoder;
   };
 
-  bool waits_for_key(const media_sample& sample) const;
-  bool is_new_file(const media_sample& sample) const;
-  void open_with_video(const media_sample& sample, const codec& kind);
-  void open(media_time begin, const media_file::contents& holds, const media_sample* video,
-            const codec* kind);
-  void cut(media_time at, const std::string& why);
+  bool waits_for_key(const media::media_sample& sample) const;
+  bool is_new_file(const media::media_sample& sample) const;
+  void open_with_video(const media::media_sample& sample, const media::codec& kind);
+  void open(media::media_time begin, const media_file::contents& holds,
+            const media::media_sample* video, const media::codec* kind);
+  void cut(media::media_time at, const std::string& why);
   void open_sound_alone();
-  void on_sound(media_sample sample, int encoder);
+  void on_sound(media::media_sample sample, int encoder);
   void route_sound();
   void route(const waiting_sound& next);
   void on_sound_end(int encoder);
   void finish_complete();
   void on_done(open_file* which, const std::string& error, bool disk);
-  std::shared_ptr<sound_encoder> make_encoder(sound_codec codec);
+  std::shared_ptr<media::sound_encoder> make_encoder(media::sound_codec codec);
   void enter(open_file& of);
   void report_stopped();
-  void tick_silence(media_time at);
+  void tick_silence(media::media_time at);
   void tick_stop();
   void log(base::log_levels level, const std::string& text) const;
 
   const series_plan plan_;
   const surroundings around_;
   const events told_;
-  const posting posting_;
-  std::optional<sound_line> line_;
+  const media::posting posting_;
+  std::optional<media::sound_line> line_;
 
   bool recording_ = false;
   bool video_expected_;
   bool sound_expected_;
-  media_time started_{};
-  media_time last_video_end_{};
-  media_time last_sound_end_{};
+  media::media_time started_{};
+  media::media_time last_video_end_{};
+  media::media_time last_sound_end_{};
   int failures_ = 0;
   bool abandoned_ = false;
 
   open_file* current_ = nullptr;  // the last of files_, or null
   std::list<open_file> files_;    // in the order of time
   std::deque<waiting_sound> waiting_sound_;
-  std::optional<sound_codec> encoder_codec_;
+  std::optional<media::sound_codec> encoder_codec_;
   int encoder_ = 0;
   // Those whose sound has not all come out.
-  std::map<int, std::shared_ptr<sound_encoder>> encoders_;
+  std::map<int, std::shared_ptr<media::sound_encoder>> encoders_;
 
   struct ending {
     std::string why;
-    media_time at;
-    media_time deadline;
+    media::media_time at;
+    media::media_time deadline;
   };
   std::optional<ending> ending_;
 };
 
-}  // namespace zelta::core_service::media
+}  // namespace zelta::core_service::files

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "core_service/media/file_series.h"
+#include "core_service/files/file_series.h"
 
 #include <algorithm>
 #include <utility>
@@ -8,9 +8,10 @@
 
 #include "core_service/file_name.h"
 
-namespace zelta::core_service::media {
+namespace zelta::core_service::files {
 namespace {
 
+using namespace media;
 using namespace std::chrono_literals;
 
 // Sound is recorded by itself when no picture has come for so long.
@@ -124,7 +125,7 @@ void file_series::open(media_time begin, const media_file::contents& holds,
       claim_file(around_.folder, plan_.prefix, utc_ms_of(begin), ending_of(holds.kind));
   std::string error;
   of.file = media_file::make(
-      around_.folder + name, holds, around_.loop,
+      around_.folder + name, holds, around_.loop, around_.disk,
       [this, which = &of](const std::string& why, bool disk) { on_done(which, why, disk); }, error);
   std::shared_ptr<sound_encoder> encoder;
   const sound_codec codec = codec_in(holds.kind);
@@ -366,4 +367,4 @@ void file_series::log(base::log_levels level, const std::string& text) const {
                 text.c_str());
 }
 
-}  // namespace zelta::core_service::media
+}  // namespace zelta::core_service::files

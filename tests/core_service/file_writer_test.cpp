@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: Apache-2.0
+// What is given to an output is in its file, in this order; what fails is told once.
+#include <cerrno>
+
+#include <gtest/gtest.h>
+
+#include "core_service/files/file_writer.h"
+#include "support/temp_dir.h"
+
+namespace zelta::test {
+namespace {
+
+using namespace core_service::files;
+using core_service::media::buffer_ptr;
+
+std::vector<buffer_ptr> buffers(const std::string& letters, size_t bytes) {
+  std::vector<buffer_ptr> made;
+  for (const char letter : letters) {
+    const std::string text(bytes, letter);
+    made.emplace_back(gst_buffer_new_memdup(text.data(), text.size()));
+  }
+  return made;
+}
+
+class FileWriterTest : public ::testing::Test {
+ protected:
+  FileWriterTest() { gst_init(nullptr, nullptr); }
+  // Runs until something is told; `stopper` is for what never is.
+  void run() {
+    base::timer_event* const limit = loop.add_timer(
+        20'000, [](int, void* of) { static_cast<base::event_loop*>(of)->stop(); }, &loop);
+    loop.run(false);
+    loop.remove_timer(limit);
+  }
+  std::function<void(int)> failed() {
+    return [this](int error) {
+      told.push_back(error);
+      loop.stop();
+    };
+  }
+  std::function<void()> done() {
+    return [this] {
+      told.push_back(0);
+      loop.stop();
+    };
+  }
+
+  TempDir dir;
+  base::event_loop loop;
+  file_writer writer{loop};
+  std::vector<int> told;  // errno, 0: done
+};
+
+TEST_F(FileWriterTest, EverythingIsInPlaceWhenItSaysSo) {
+  const auto one = writer.open(dir.path() + "one", failed());
+  const auto other = writer.open(dir.path() + "other", failed());
+  std::string letters;
+  std::string expected;
+  // More parts than a system call takes, among them one that the kernel takes in several.
+  for (int i = 0; i < 700; ++i) {
+    letters += static_cast<char>('a' + i % 26);
+    expected += std::string(1000, letters.back());
+  }
+  one->append(buffers("X", 5'000'000));
+  other->append(buffers("o", 10));
+  one->append(buffers(letters, 1000));
+  one->overwrite(3, {'p', 'l', 'a', 'i', 'n'});
+  one->append(buffers("z", 1));
+  one->close(done());
+  run();
+  EXPECT_EQ(told, std::vector<int>{0});
+  EXPECT_EQ(one->waiting_bytes(), 0U);
+  std::string head(5'000'000, 'X');
+  head.replace(3, 5, "plain");
+  EXPECT_TRUE(read_file(dir.path() + "one") == head + expected + "z");
+  other->close(done());
+  run();
+  EXPECT_EQ(read_file(dir.path() + "other"), "oooooooooo");
+}
+
+TEST_F(FileWriterTest, WhatFailsIsToldOnceAndNothingFollowsIt) {
+  const struct {
+    std::string path;
+    int error;
+  } rows[] = {{dir.path() + "no/folder", ENOENT}, {dir.path(), EISDIR}, {"/dev/full", ENOSPC}};
+  for (const auto& row : rows) {
+    told.clear();
+    const auto to = writer.open(row.path, failed());
+    to->append(buffers("a", 10));
+    to->overwrite(0, {'b'});
+    to->close(done());
+    run();
+    to->append(buffers("c", 10));
+    // Behind whatever that could cause.
+    const auto after = writer.open(dir.path() + "after", failed());
+    after->close(done());
+    run();
+    EXPECT_EQ(told, (std::vector<int>{row.error, 0})) << row.path;
+  }
+}
+
+TEST_F(FileWriterTest, OneThatIsGoneSaysNothingAndHoldsUpNobody) {
+  auto gone = writer.open(dir.path() + "gone", failed());
+  gone->append(buffers("a", 10));
+  gone->close(done());
+  gone.reset();
+  const auto kept = writer.open(dir.path() + "kept", failed());
+  kept->close(done());
+  run();
+  EXPECT_EQ(told, std::vector<int>{0});
+}
+
+}  // namespace
+}  // namespace zelta::test
