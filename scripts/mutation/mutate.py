@@ -57,7 +57,7 @@ def try_fault(tree, text, fault):
     tree.write(fault.path, apply(text, fault))
     try:
         for name in covering(fault.path):
-            if not tree.make([name] + (["fake_recorder"] if name in ("leave_test", "link_test", "hostile_test") else [])):
+            if not tree.make([name] + (["fake_recorder"] if name in ("leave_test", "link_test", "hostile_test", "fault_test") else [])):
                 return "refused", "does not compile"
             failed = tree.run(SUITES[name])
             if failed:

@@ -2,7 +2,9 @@
 // The framer and the writer over real pipes.
 #include <cerrno>
 #include <csignal>
+#include <cstdlib>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 
 #include <fcntl.h>
@@ -11,6 +13,7 @@
 
 #include "base/packet_reader.h"
 #include "base/packet_writer.h"
+#include "base/service_path.h"
 #include "base/unique_fd.h"
 #include "protocol/ipc_protocol.h"
 
@@ -390,6 +393,22 @@ TEST(PacketWriter, IsBrokenForGoodOnceNobodyReads) {
   EXPECT_EQ(send_payload(closed, pool, 3, 300'000), result::kQueued);
   closed.close();
   EXPECT_EQ(pool.held(), 1U) << "a part of it can still be read";
+}
+
+// ---- The program at the other end -----------------------------------------------------------
+
+TEST(ServicePath, PlacesAreTriedInThisOrder) {
+  setenv("ZELTA_SERVICE_DIR", "/named", 1);
+  const std::string path = getenv("PATH");
+  setenv("PATH", "/one:/two/:", 1);
+  const std::string own = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+  EXPECT_EQ(base::service_candidates("service"),
+            (std::vector<std::string>{"/named/service", own + "/service",
+                                      own + "/" ZELTA_LIBEXEC_FROM_LIB "/service", "/one/service",
+                                      "/two/service"}));
+  EXPECT_EQ(base::service_candidates("./service"), std::vector<std::string>{"./service"});
+  setenv("PATH", path.c_str(), 1);
+  unsetenv("ZELTA_SERVICE_DIR");
 }
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <sys/stat.h>
 
 #include "core_service/file_name.h"
 #include "core_service/folder_share.h"
@@ -108,6 +109,11 @@ TEST(FileName, NobodyGetsTheNameOfAnother) {
   EXPECT_EQ(std::set<std::string>(names.begin(), names.end()).size(), names.size());
   EXPECT_TRUE(std::filesystem::exists(dir.path() + "1_20260131T235959990.jpg"));
   EXPECT_TRUE(std::filesystem::exists(dir.path() + "1_20260201T000000189.jpg")) << "none left out";
+  const mode_t mask = umask(022);
+  struct stat made {};
+  EXPECT_EQ(stat((dir.path() + claim_file(dir.path(), "2", 0, ".mp4")).c_str(), &made), 0);
+  umask(mask);
+  EXPECT_EQ(made.st_mode & 0777U, 0644U) << "for others as the application's umask has it";
   EXPECT_EQ(claim_file("/nonexistent/", "1", 0, ".mp4"), "1_19700101T000000000.mp4");
 }
 
