@@ -68,7 +68,7 @@ int record(core_service::options given) {
     core_service::session session(std::move(given), std::move(server), loop);
     loop.add_watcher(signals.get(), &session, on_signal, nullptr, nullptr);
     session.start();
-    loop.run(false);
+    if (!session.is_over()) loop.run(false);
     status = session.exit_status();
   }
   gst_deinit();

@@ -46,6 +46,8 @@ class session final : private engine_listener, private channel_listener {
   // SIGTERM or SIGINT: leaves; a second one doesn't wait for anything.
   void on_signal(int number);
   int exit_status() const { return status_; }
+  // A session may be over before the loop runs, which wouldn't notice.
+  bool is_over() const { return phase_ == phase::kDone; }
 
  private:
   enum class phase { kStarting, kRecording, kFinishing, kLingering, kDone };
