@@ -36,6 +36,7 @@ COVERED_BY = [
     ("src/rec_engine/*", "engine_test base_test allocation_test leave_test link_test hostile_test"),
     ("src/core_service/options.*", "parts_test fuzz_command_line"),
     ("src/core_service/parameters.*", "parts_test fuzz_control_packets"),
+    ("src/core_service/settings.*", "parts_test"),
     ("src/core_service/journal.*", "parts_test fuzz_recorder_files"),
     ("src/core_service/manifest.*", "parts_test fuzz_recorder_files"),
     ("src/core_service/recording_plan.*", "parts_test"),

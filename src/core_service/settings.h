@@ -1,0 +1,50 @@
+// SPDX-License-Identifier: Apache-2.0
+// What neither the engine's configuration nor a channel decides about a machine's recorders: a JSON
+// object in the file that an environment variable names. docs/recorder-settings.schema.json
+// describes the same.
+//
+// Any thread. Needs no media: the command line tool checks its file with this, too.
+#pragma once
+
+#include <array>
+#include <string>
+#include <vector>
+
+namespace zelta::core_service {
+
+constexpr const char* kSettingsVariable = "ZELTA_RECORDER_SETTINGS";
+
+struct recorder_settings {
+  int most_users = 0;  // 0: as many as the machine takes
+  int first_port = 0;  // 0: no bound on that side
+  int last_port = 0;
+};
+
+// A whole number of a range, or one of a few words, of which it is the place that is kept.
+struct setting {
+  const char* key;  // "ports.from": `from` in the object `ports`
+  int recorder_settings::*value;
+  int lowest = 0;
+  int highest = 0;
+  std::array<const char*, 4> words{};  // none: a number; unused places are null
+};
+
+// All that there are.
+const std::vector<setting>& known_settings();
+
+struct loaded_settings {
+  recorder_settings values;  // of use without errors alone
+  // Everything that is wrong, up to a bound that no honest file reaches: in printable ASCII behind
+  // the file's name, each with the key, its value, and what would be right.
+  std::vector<std::string> errors;
+};
+
+// Waits for nothing: what isn't a plain file is an error. Never throws.
+loaded_settings load_settings(const std::string& path);
+// The defaults when the variable isn't set, or empty.
+loaded_settings load_settings_of_environment();
+// Of a file's text; `path` is what errors call it.
+loaded_settings parse_settings(const std::string& path, const std::string& text,
+                               const std::vector<setting>& known = known_settings());
+
+}  // namespace zelta::core_service

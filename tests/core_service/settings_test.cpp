@@ -1,0 +1,219 @@
+// SPDX-License-Identifier: Apache-2.0
+// The settings of a machine's recorders: what is told of a file that can't be used, and whether the
+// schema that is given to people describes what is taken.
+#include <set>
+#include <string>
+#include <vector>
+
+#include <gtest/gtest.h>
+#include <json/json.h>
+#include <sys/stat.h>
+
+#include "core_service/settings.h"
+#include "support/temp_dir.h"
+
+namespace zelta::test {
+namespace {
+
+using namespace core_service;
+using lines = std::vector<std::string>;
+
+constexpr const char* kExample = "; it should hold a JSON object such as {\"most_users\": 50}";
+
+TEST(Settings, AreTakenAsTheyAreWritten) {
+  const struct {
+    const char* text;
+    std::vector<int> values;  // most_users, ports.from, ports.to
+  } rows[] = {
+      {"{}", {0, 0, 0}},
+      {R"({"ports": {}})", {0, 0, 0}},
+      {R"({"most_users": 1})", {1, 0, 0}},
+      {" {\"most_users\":\n1e5 , \"ports\": {\"from\": 1024, \"to\": 65535}}\n",
+       {100000, 1024, 65535}},
+      {R"({"ports": {"from": 65534}})", {0, 65534, 0}},
+      {R"({"ports": {"to": 1025.0}})", {0, 0, 1025}},
+      {R"({"ports": {"to": 50003, "from": 50001}})", {0, 50001, 50003}},
+  };
+  for (const auto& row : rows) {
+    const loaded_settings read = parse_settings("s", row.text);
+    EXPECT_EQ(read.errors, lines()) << row.text;
+    const recorder_settings& is = read.values;
+    EXPECT_EQ((std::vector<int>{is.most_users, is.first_port, is.last_port}), row.values)
+        << row.text;
+  }
+}
+
+TEST(Settings, AreRefusedWithEveryErrorInWords) {
+  const std::string users = " should be a whole number of 1 to 100000";
+  const std::string from = " should be a whole number of 1024 to 65534";
+  const std::string one_object = R"({"most_users": )";
+  const struct {
+    std::string text;
+    lines errors;
+  } rows[] = {
+      {R"({"ports": {"from": 80}})", {"ports.from: 80" + from}},
+      {R"({"ports": {"from": 65535}})", {"ports.from: 65535" + from}},
+      {R"({"ports": {"to": 1024}})", {"ports.to: 1024 should be a whole number of 1025 to 65535"}},
+      {R"({"ports": {"from": 50000, "to": 50000}})",
+       {"ports.to: 50000 should be at least 50001, so that there is an even port from ports.from, "
+        "50000, on and the one above it"}},
+      {R"({"ports": {"from": 50001, "to": 50002}})",
+       {"ports.to: 50002 should be at least 50003, so that there is an even port from ports.from, "
+        "50001, on and the one above it"}},
+      {R"({"ports": [1, {"a": null}]})",
+       {"ports: [1,{\"a\":null}] should be an object with from, to"}},
+      {R"({"soud": "aac"})", {"soud: no such setting; most_users, ports are"}},
+      {R"({"ports": {"form": 1}})", {"ports.form: no such setting; from, to are"}},
+      {R"({"ports.from": 2000})", {R"("ports.from": no such setting; most_users, ports are)"}},
+      {R"({"": 1, "most_users\u0000": 1})",
+       {R"("": no such setting; most_users, ports are)",
+        R"("most_users\u0000": no such setting; most_users, ports are)"}},
+      {"{\"\xff\x1b[2J\xc3\xbc\": 1}",
+       {R"("\ufffd\u001b[2J\u00fc": no such setting; most_users, ports are)"}},
+      {R"({"x": 1, "most_users": true, "ports": {"to": "9", "from": 1.5}})",
+       {"most_users: true" + users, "ports.from: 1.5" + from,
+        "ports.to: \"9\" should be a whole number of 1025 to 65535",
+        "x: no such setting; most_users, ports are"}},
+      {one_object + "0}", {"most_users: 0" + users}},
+      {one_object + "100001}", {"most_users: 100001" + users}},
+      {one_object + "-1}", {"most_users: -1" + users}},
+      {one_object + "null}", {"most_users: null" + users}},
+      {one_object + "4294967297}", {"most_users: 4294967297" + users}},
+      {one_object + "1e300}", {"most_users: 1e300" + users}},
+      {one_object + std::string(90, '9') + "}",
+       {"most_users: " + std::string(80, '9') + "..." + users}},
+      {one_object + "01}", {"most_users: 01 is no number of JSON; it" + users}},
+      {one_object + "+1}", {"most_users: +1 is no number of JSON; it" + users}},
+      {one_object + "1.}", {"most_users: 1. is no number of JSON; it" + users}},
+      {one_object + "-}", {"most_users: - is no number of JSON; it" + users}},
+      {one_object + "1, \"most_users\": 2}",
+       {std::string("Line 1, Column 19: Duplicate key: 'most_users'") + kExample}},
+      {one_object + "1,}",
+       {std::string("Line 1, Column 18: Missing '}' or object member name") + kExample}},
+      {"\n{} // 1",
+       {std::string("Line 2, Column 4: Extra non-whitespace after JSON value.") + kExample}},
+      {"",
+       {std::string("Line 1, Column 1: Syntax error: value, object or array expected.") +
+        kExample}},
+      {"\xef\xbb\xbf{}",
+       {std::string("Line 1, Column 1: Syntax error: value, object or array expected.") +
+        kExample}},
+      {"[1]", {std::string("[1] is no object") + kExample}},
+      {std::string(100'000, '['),
+       {std::string("can't be read: Exceeded stackLimit in readValue().") + kExample}},
+  };
+  for (const auto& row : rows) {
+    lines errors;
+    for (const std::string& error : row.errors) errors.push_back("a/s.json: " + error);
+    EXPECT_EQ(parse_settings("a/s.json", row.text).errors, errors) << row.text.substr(0, 99);
+  }
+}
+
+TEST(Settings, TellSoManyErrorsThatTheyCanBeRead) {
+  std::string text = "{";
+  for (int key = 0; key < 1000; ++key) text += "\"k" + std::to_string(key) + "\": 1,";
+  text.back() = '}';
+  const lines errors = parse_settings("s", text).errors;
+  ASSERT_EQ(errors.size(), 21U);
+  EXPECT_EQ(errors.back(), "s: and 980 more");
+}
+
+TEST(Settings, MayBeWords) {
+  const std::vector<setting> known = {
+      {"sort", &recorder_settings::most_users, 0, 0, {"plain", "fancy"}}};
+  EXPECT_EQ(parse_settings("s", R"({"sort": "fancy"})", known).values.most_users, 1);
+  for (const char* const wrong : {"\"fanc\"", "1", "\"\"", "[\"fancy\"]"}) {
+    EXPECT_EQ(parse_settings("s", std::string("{\"sort\": ") + wrong + "}", known).errors,
+              lines{std::string("s: sort: ") + wrong + R"( should be "plain" or "fancy")"});
+  }
+}
+
+TEST(Settings, ComeFromAPlainFileOfBoundedLength) {
+  const TempDir dir;
+  const std::string fifo = dir.path() + "fifo";
+  ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
+  const std::string mebibyte = "{}" + std::string((1 << 20) - 2, ' ');
+  const struct {
+    std::string path;
+    const char* error;
+  } rows[] = {
+      {dir.file("full", mebibyte), ""},
+      {dir.file("long", mebibyte + " "), "should have 1 MiB at most"},
+      {dir.path() + "none", "can't be read: No such file or directory"},
+      {dir.path() + "full/x", "can't be read: Not a directory"},
+      {dir.path(), "should be a plain file"},
+      {fifo, "should be a plain file"},
+      {"/dev/zero", "should be a plain file"},
+      {"/proc/self/mem", "can't be read: Input/output error"},
+  };
+  for (const auto& row : rows) {
+    const lines expected = *row.error == '\0' ? lines() : lines{row.path + ": " + row.error};
+    EXPECT_EQ(load_settings(row.path).errors, expected);
+    setenv("ZELTA_RECORDER_SETTINGS", row.path.c_str(), 1);
+    EXPECT_EQ(load_settings_of_environment().errors, expected);
+  }
+  setenv("ZELTA_RECORDER_SETTINGS", "", 1);
+  EXPECT_EQ(load_settings_of_environment().errors, lines());
+  unsetenv("ZELTA_RECORDER_SETTINGS");
+  EXPECT_EQ(load_settings_of_environment().errors, lines());
+}
+
+// ---- The schema ----------------------------------------------------------------------------
+
+class SettingsSchema : public ::testing::Test {
+ protected:
+  // The keys of all settings, in the form of the table's.
+  void expect_object(const Json::Value& schema, const std::string& prefix) {
+    EXPECT_EQ(schema["additionalProperties"], Json::Value(false)) << prefix;
+    EXPECT_FALSE(schema.isMember("required")) << prefix;
+    for (const std::string& name : schema["properties"].getMemberNames()) {
+      const Json::Value& inner = schema["properties"][name];
+      EXPECT_FALSE(inner["description"].asString().empty()) << prefix << name;
+      if (inner["type"] == "object") {
+        expect_object(inner, prefix + name + ".");
+      } else {
+        described_[prefix + name] = inner;
+        described_[prefix + name].removeMember("description");
+      }
+    }
+  }
+
+  Json::Value described_;
+};
+
+Json::Value schema_of(const setting& row) {
+  Json::Value schema;
+  const int by_itself = recorder_settings().*row.value;
+  if (row.words[0] == nullptr) {
+    schema["type"] = "integer";
+    schema["minimum"] = row.lowest;
+    schema["maximum"] = row.highest;
+    // None is what no file can say.
+    if (by_itself >= row.lowest && by_itself <= row.highest) schema["default"] = by_itself;
+    return schema;
+  }
+  for (const char* const word : row.words) {
+    if (word != nullptr) schema["enum"].append(word);
+  }
+  schema["default"] = row.words.at(static_cast<size_t>(by_itself));
+  return schema;
+}
+
+TEST_F(SettingsSchema, DescribesWhatIsTaken) {
+  std::string path = __FILE__;
+  path.replace(path.rfind("tests/"), std::string::npos, "docs/recorder-settings.schema.json");
+  Json::Value schema;
+  std::string error;
+  std::ifstream file(path);
+  ASSERT_TRUE(Json::parseFromStream(Json::CharReaderBuilder(), file, &schema, &error))
+      << path << error;
+  EXPECT_EQ(schema["$schema"], "https://json-schema.org/draft/2020-12/schema");
+  EXPECT_EQ(schema["type"], "object");
+  expect_object(schema, "");
+  Json::Value taken;
+  for (const setting& row : known_settings()) taken[row.key] = schema_of(row);
+  EXPECT_EQ(described_, taken);
+}
+
+}  // namespace
+}  // namespace zelta::test
