@@ -18,6 +18,7 @@
 #include "core_service/options.h"
 #include "core_service/secrets.h"
 #include "core_service/session.h"
+#include "core_service/settings.h"
 
 namespace {
 
@@ -52,7 +53,7 @@ std::string channel_server(const core_service::options& given) {
   return server != nullptr ? server : "";
 }
 
-int record(core_service::options given) {
+int record(core_service::options given, const core_service::loaded_settings& settings) {
   const base::unique_fd signals = take_signals();
   base::log_config::set_log_level(static_cast<base::log_levels>(given.log_level));
   base::log_config::set_enabled_modules(static_cast<uint32_t>(given.enabled_modules));
@@ -65,9 +66,13 @@ int record(core_service::options given) {
     base::event_loop loop;
     loop.logdir_ = given.recording_file_dir;
     std::string server = channel_server(given);
-    core_service::session session(std::move(given), std::move(server), loop);
+    core_service::session session(std::move(given), settings.values, std::move(server), loop);
     loop.add_watcher(signals.get(), &session, on_signal, nullptr, nullptr);
-    session.start();
+    if (settings.errors.empty()) {
+      session.start();
+    } else {
+      session.refuse(settings.errors);
+    }
     if (!session.is_over()) loop.run(false);
     status = session.exit_status();
   }
@@ -86,5 +91,9 @@ int main(int argc, char** argv) {
     std::fputs(parsed.message.c_str(), parsed.exit_status == 0 ? stdout : stderr);
     return parsed.exit_status == 0 ? core_service::kExitDone : core_service::kExitUsage;
   }
-  return record(std::move(*parsed.values));
+  const core_service::loaded_settings settings = core_service::load_settings_of_environment();
+  for (const std::string& error : settings.errors) {
+    std::fprintf(stderr, "ZeltaCoreService: %s\n", error.c_str());
+  }
+  return record(std::move(*parsed.values), settings);
 }

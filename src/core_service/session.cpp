@@ -59,13 +59,18 @@ Packet make(Values&&... values) {
   return packet;
 }
 
+// What follows is why, for whoever reads the log.
+constexpr const char* kCannotJoin = "can't join: ";
+
 constexpr const char* kCrashed =
     "a recorder crashed over it; to the end of the session it isn't tried again";
 
 }  // namespace
 
-session::session(options given, std::string server, base::event_loop& loop)
+session::session(options given, const recorder_settings& settings, std::string server,
+                 base::event_loop& loop)
     : options_(std::move(given)),
+      settings_(settings),
       server_(std::move(server)),
       loop_(loop),
       posting_(loop),
@@ -87,12 +92,16 @@ session::~session() {
 
 // ---- The start -----------------------------------------------------------------------------
 
-void session::start() {
+void session::greet() {
   link_.send(make<protocol::hello_packet>(protocol::kProtocolVersion,
                                           std::string("ZeltaCoreService " ZELTA_REVISION)));
   tick_ = loop_.add_timer(
       kTickMs, [](int, void* self) { static_cast<session*>(self)->on_tick(); }, this);
   alone_since_ms_ = ticked_ms_ = base::tick_ms();
+}
+
+void session::start() {
+  greet();
   // Laid once on the wall clock, here.
   static_cast<void>(media::utc_ms_of(media::now()));
   const bool recovery = options_.recovery_id > 0;
@@ -121,6 +130,15 @@ void session::start() {
   channel_->join();
 }
 
+// Without the steps of an end: what a predecessor left in the folder stays as it is.
+void session::refuse(const std::vector<std::string>& errors) {
+  greet();
+  for (const std::string& error : errors) log(base::ERROR_LOG, kCannotJoin + error);
+  tell_not_joined();
+  status_ = kExitUsage;
+  linger();
+}
+
 void session::check_options() {
   std::vector<std::string> warnings;
   plan_ = plan_of(options_, warnings);
@@ -142,8 +160,10 @@ bool session::prepare_channel(channel_place& place) {
   place.channel_id = options_.channel_id;
   place.logdir = options_.recording_file_dir;
   place.rtp.jitter_latency = options_.live ? kLiveJitter : kCallJitter;
-  place.rtp.min_port = options_.min_port;
-  place.rtp.max_port = options_.max_port;
+  // One bound of each would make a range that nobody has asked for.
+  const bool bounded = options_.min_port > 0 || options_.max_port > 0;
+  place.rtp.min_port = bounded ? options_.min_port : settings_.first_port;
+  place.rtp.max_port = bounded ? options_.max_port : settings_.last_port;
   place.rtp.use_sender_reports = options_.av_sync_type != 0;
   std::string error;
   const bool encrypted = !options_.encrypt_mode.empty() || !options_.encrypt_secret.empty();
@@ -323,18 +343,31 @@ void session::on_channel_joined() {
 }
 
 void session::on_channel_failed(const std::string& why) {
-  log(base::ERROR_LOG, "can't join: " + why);
+  log(base::ERROR_LOG, kCannotJoin + why);
+  tell_not_joined();
+  leave(LEAVE_CODE_INIT, kExitNotJoined);
+}
+
+// The engine gets the error alone: there was no session that could be left.
+void session::tell_not_joined() {
   link_.send(make<protocol::recorder_error_packet>(int32_t{ERR_FAILED},
                                                    uint32_t{STAT_ERR_ZRS_JOIN_CHANNEL}));
-  // The engine gets the error alone: there was no session that could be left.
   reason_ = LEAVE_CODE_INIT;
-  leave(LEAVE_CODE_INIT, kExitNotJoined);
+}
+
+std::string session::want_of_room() const {
+  const auto most = static_cast<size_t>(settings_.most_users);
+  if (most != 0 && users_.size() >= most) {
+    return std::to_string(most) + " users at a time is the most (most_users of the settings)";
+  }
+  // One who takes the last descriptor takes it from all others' files. Those who are leaving have
+  // theirs until their files are complete.
+  return shortage_beyond(users_.size() + leaving_.size());
 }
 
 void session::on_user_in(uint32_t uid, user_media from) {
   if (phase_ != phase::kRecording || users_.count(uid) != 0) return;
-  // One who takes the last descriptor takes it from all others' files.
-  const std::string shortage = shortage_beyond(users_.size() + leaving_.size());
+  const std::string shortage = want_of_room();
   if (!shortage.empty()) return on_missing(uid, {"all", "", shortage});
   if (journal_.state.left_out_of(uid) == crash_stage::kReceiving) {
     return on_missing(uid, {"all", "", kCrashed});
@@ -562,7 +595,12 @@ void session::complete_when_idle() {
             std::to_string(counts.sound) + " of sound");
   }
   if (reason_ != LEAVE_CODE_INIT) link_.send(make<protocol::recorder_leave_packet>(reason_));
-  if (reason_ == LEAVE_CODE_CLIENT_LEAVE || !link_.connected()) return done();
+  if (reason_ == LEAVE_CODE_CLIENT_LEAVE) return done();
+  linger();
+}
+
+void session::linger() {
+  if (!link_.connected()) return done();
   phase_ = phase::kLingering;
   linger_until_ms_ = base::tick_ms() + kLingerMs;
 }

@@ -21,6 +21,7 @@
 #include "core_service/mix/mix.h"
 #include "core_service/options.h"
 #include "core_service/recording_plan.h"
+#include "core_service/settings.h"
 #include "core_service/user.h"
 
 namespace zelta::core_service {
@@ -28,7 +29,7 @@ namespace zelta::core_service {
 // Exit statuses of the recorder; the engine logs them.
 enum exit_status : int {
   kExitDone = 0,       // left in order; also when the engine was gone
-  kExitUsage = 2,      // the command line can't be used
+  kExitUsage = 2,      // the command line or the settings can't be used
   kExitNotJoined = 3,  // the channel could not be joined
   kExitDisk = 4,       // a file could not be written
 };
@@ -36,13 +37,16 @@ enum exit_status : int {
 class session final : private engine_listener, private channel_listener {
  public:
   // `server` names the channel server. The loop is borrowed.
-  session(options given, std::string server, base::event_loop& loop);
+  session(options given, const recorder_settings& settings, std::string server,
+          base::event_loop& loop);
   session(const session&) = delete;
   session& operator=(const session&) = delete;
   ~session();
 
   // Joins and records; the loop is stopped when all is done.
   void start();
+  // In place of start: says what keeps the recording from being started, and ends.
+  void refuse(const std::vector<std::string>& errors);
   // SIGTERM or SIGINT: leaves; a second one doesn't wait for anything.
   void on_signal(int number);
   int exit_status() const { return status_; }
@@ -70,6 +74,8 @@ class session final : private engine_listener, private channel_listener {
   void on_channel_interrupted() override;
   void on_channel_lost() override;
 
+  void greet();
+  void tell_not_joined();
   // What the start is made of, in this order; false: the session is failing.
   void check_options();
   bool prepare_channel(channel_place& place);
@@ -78,6 +84,8 @@ class session final : private engine_listener, private channel_listener {
   void learn_from_crash(const crash_suspect& crash);
   std::string crash_note_path() const;
 
+  // Empty when there is room for one more user.
+  std::string want_of_room() const;
   recording_plan plan_for(uint32_t uid);
   user::events events_of(uint32_t uid);
   void on_files_failed(uint32_t uid, const std::string& why, bool fatal);
@@ -93,11 +101,13 @@ class session final : private engine_listener, private channel_listener {
   void leave(uint32_t reason, int status);
   void end_user(uint32_t uid, const std::string& why);
   void complete_when_idle();
+  void linger();
   void done();
   int elapsed_ms() const;
   void log(base::log_levels level, const std::string& text) const;
 
   options options_;
+  const recorder_settings settings_;
   const std::string server_;
   base::event_loop& loop_;
   const media::posting posting_;

@@ -24,6 +24,7 @@ class Tool : public ::testing::Test {
   Tool() {
     unsetenv("ZELTA_CHANNEL_SERVER");
     unsetenv("ZELTA_SERVICE_DIR");
+    unsetenv("ZELTA_RECORDER_SETTINGS");
   }
   std::vector<std::string> command(std::vector<std::string> more, bool with_root = true) const {
     std::vector<std::string> all{std::filesystem::read_symlink("/proc/self/exe").parent_path() /
@@ -267,6 +268,84 @@ TEST_F(Tool, CutsChunksBesideTheUsersConfigurationAndListsItsOwnFiles) {
   const auto chunk = std::find(lines.begin(), lines.end(), "--chunk_time_span");
   ASSERT_NE(chunk, lines.end());
   EXPECT_EQ(*(chunk + 1), "12");
+}
+
+TEST_F(Tool, ChecksSettingsBeforeAnythingStarts) {
+  const std::string bad = dir.file("bad.json", R"({"ports": {"from": 80}, "soud": 1})");
+  const std::string port = bad + ": ports.from: 80 should be a whole number of 1024 to 65534";
+  const std::string unknown = bad + ": soud: no such setting; most_users, ports are";
+  Program refused(command({"room", "--server", "test:", "--settings", bad}), 500);
+  EXPECT_EQ(refused.end(), 2) << refused.text();
+  EXPECT_EQ(refused.text(), "zelta-record: --settings " + port + "\r\nzelta-record: --settings " +
+                                unknown + "\r\n");
+  // The recorder looks for itself.
+  setenv("ZELTA_RECORDER_SETTINGS", bad.c_str(), 1);
+  Program told(command({"room", "--server", "test:"}), 500);
+  unsetenv("ZELTA_RECORDER_SETTINGS");
+  EXPECT_EQ(told.end(), 1) << told.text();
+  EXPECT_TRUE(has(told.text(), "ZeltaCoreService: " + unknown)) << told.text();
+  EXPECT_EQ(told.last_line(), "zelta-record: can't join: " + port);
+  EXPECT_EQ(folder(), "") << "nothing was started";
+}
+
+// No engine hangs up on it.
+TEST_F(Tool, IsNotNeededForARecorderToEndWhenItCannotJoin) {
+  const std::string empty = dir.file("empty.json", "");
+  const struct {
+    const char* server;
+    std::string settings;
+    int status;
+    const char* logged;
+  } rows[] = {{"fax:1", "", 3, "can't join: unknown channel server"},
+              {"test:", empty, 2, "can't join: "}};
+  for (const auto& row : rows) {
+    setenv("ZELTA_CHANNEL_SERVER", row.server, 1);
+    setenv("ZELTA_RECORDER_SETTINGS", row.settings.c_str(), 1);
+    const std::string program =
+        std::filesystem::read_symlink("/proc/self/exe").parent_path() / "ZeltaCoreService";
+    Program recorder({program, "--channel_id", "room", "--recording_file_dir", dir.path()}, 500);
+    EXPECT_EQ(recorder.end(), row.status) << recorder.text();
+    EXPECT_EQ(has(recorder.text(), row.settings + ": Line 1, Column 1"), row.status == 2);
+    EXPECT_TRUE(has(read_file(dir.path() + "recording_engine.log"), row.logged + row.settings));
+  }
+  unsetenv("ZELTA_CHANNEL_SERVER");
+  unsetenv("ZELTA_RECORDER_SETTINGS");
+}
+
+TEST_F(Tool, HandsSettingsToItsRecorder) {
+  const std::string settings =
+      dir.file("s.json", R"({"most_users": 2, "ports": {"from": 40000, "to": 40999}})");
+  // What it replaces has no effect.
+  setenv("ZELTA_RECORDER_SETTINGS", "/nonexistent", 1);
+  Program tool(
+      command({"room", "--server", "test:users=3", "--settings", settings, "--duration", "1"}),
+      500);
+  EXPECT_EQ(tool.end(), 5) << tool.text();
+  EXPECT_TRUE(has(tool.last_line(), "user 3, all: 2 users at a time is the most")) << tool.text();
+  EXPECT_TRUE(has(tool.text(), "uid 2") && !has(tool.text(), "uid 3")) << tool.text();
+
+  const std::string room = dir.path() + "channels/room/";
+  std::filesystem::create_directories(room);
+  std::ofstream(room + "1.sdp") << "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\n"
+                                   "t=0 0\nm=audio 9 RTP/AVP 0\n";
+  const std::pair<std::vector<std::string>, int> rows[] = {
+      {{}, 40}, {{"--low-udp-port", "42000"}, 42}, {{"--high-udp-port", "39999"}, 1}};
+  for (const auto& [ports, thousand] : rows) {
+    std::vector<std::string> arguments{"room", "--server", "dir:" + dir.path() + "channels",
+                                       "--settings", settings};
+    arguments.insert(arguments.end(), ports.begin(), ports.end());
+    Program receiver(command(arguments), 500);
+    const std::string answer = room + "1.sdp.answer";
+    EXPECT_TRUE(wait_in_folder(room, std::chrono::seconds(20), [&answer] {
+      return has(read_file(answer), "m=audio ");
+    })) << receiver.text();
+    const std::string text = read_file(answer);
+    EXPECT_EQ(std::atoi(text.substr(text.find("m=audio ") + 8).c_str()) / 1000, thousand) << text;
+    kill(receiver.pid(), SIGTERM);
+    receiver.end();
+    std::filesystem::remove(answer);
+  }
+  unsetenv("ZELTA_RECORDER_SETTINGS");
 }
 
 }  // namespace

@@ -12,6 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "core_service/settings.h"
 #include "json_file.h"
 
 namespace zelta::record {
@@ -186,6 +187,16 @@ std::string fault_of_files(const options& o) {
   return "";
 }
 
+// All that is wrong, a line each, as it will stand behind the program's name.
+std::string faults_of_settings(const options& o) {
+  if (o.settings_path.empty()) return "";
+  std::string faults;
+  for (const std::string& error : core_service::load_settings(o.settings_path).errors) {
+    faults += (faults.empty() ? "--settings " : "\nzelta-record: --settings ") + error;
+  }
+  return faults;
+}
+
 }  // namespace
 
 std::string contradiction(const options& o) {
@@ -203,6 +214,7 @@ std::string obstacle(options& o) {
                             o.record_file_root_dir.empty() ? "." : o.record_file_root_dir);
   }
   if (fault.empty()) fault = fault_of_files(o);
+  if (fault.empty()) fault = faults_of_settings(o);
   const char* const server = std::getenv("ZELTA_CHANNEL_SERVER");
   // A configuration file may name one; the recorder says when it doesn't.
   if (fault.empty() && o.server.empty() && o.cfg_file_path.empty() &&

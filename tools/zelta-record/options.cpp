@@ -109,6 +109,9 @@ void add_tool_options(CLI::App& app, options& o, secret_files& files) {
       ->check(seconds());
   app.add_flag("--commands", o.commands, "take commands from standard input, one a line");
   app.add_option("--layout", o.layout_path, "JSON file: where users stand on the mixed picture");
+  app.add_option("--settings", o.settings_path,
+                 "JSON file: what holds for each recording of this machine; default: the one that "
+                 "ZELTA_RECORDER_SETTINGS names");
   app.add_option("--chunk", o.chunk_s, "seconds a file, with --channel-profile live")
       ->check(CLI::Range(10, 1 << 30));
   app.add_option("--log-level", o.log_level, "most verbose level that is logged")

@@ -24,6 +24,7 @@ struct options {
   int log_level = 0;       // 0: as it is
   int chunk_s = 0;         // 0: as the configuration file says
   std::string layout_path;
+  std::string settings_path;
   bool commands = false;
   std::string fixed_folder;  // that the configuration file names, with a slash; else empty
 

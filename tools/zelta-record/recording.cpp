@@ -15,6 +15,7 @@
 
 #include "chunk_file.h"
 #include "commands.h"
+#include "core_service/settings.h"
 #include "layout_file.h"
 #include "log_reason.h"
 #include "outcome.h"
@@ -104,6 +105,9 @@ bool recording_run::prepare(std::string& fault) {
     o_.config.cfgFilePath = chunk_->path();
   }
   if (!o_.server.empty()) setenv("ZELTA_CHANNEL_SERVER", o_.server.c_str(), 1);
+  if (!o_.settings_path.empty()) {
+    setenv(core_service::kSettingsVariable, o_.settings_path.c_str(), 1);
+  }
   return true;
 }
 

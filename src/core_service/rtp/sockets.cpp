@@ -73,7 +73,7 @@ socket_pair open_sockets(const wanted_sockets& wanted, std::string& error) {
     if (pair.rtp) return pair;
   }
   error = "no pair of UDP ports is free between " + std::to_string(lowest) + " and " +
-          std::to_string(highest) + " (--min_port, --max_port)";
+          std::to_string(highest) + " (--min_port, --max_port, or ports of the settings)";
   return {};
 }
 
