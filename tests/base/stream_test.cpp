@@ -401,7 +401,7 @@ TEST(ServicePath, PlacesAreTriedInThisOrder) {
   setenv("ZELTA_SERVICE_DIR", "/named", 1);
   const std::string path = getenv("PATH");
   setenv("PATH", "/one:/two/:", 1);
-  const std::string own = std::filesystem::read_symlink("/proc/self/exe").parent_path();
+  const std::string own = std::filesystem::path(program_invocation_name).parent_path();
   EXPECT_EQ(base::service_candidates("service"),
             (std::vector<std::string>{"/named/service", own + "/service",
                                       own + "/" ZELTA_LIBEXEC_FROM_LIB "/service", "/one/service",
