@@ -1,0 +1,55 @@
+// SPDX-License-Identifier: Apache-2.0
+// Encoded media as it goes from tracks to files, decoders and the application.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+#include "core_service/media/codecs.h"
+#include "core_service/media/shared_bytes.h"
+#include "core_service/media/timeline.h"
+
+namespace zelta::core_service::media {
+
+// What must be known of a stream before its first unit. Never changed: what differs in anything is
+// another one, and a file holds units of one.
+struct stream_format {
+  const codec* kind = nullptr;
+  // Of pictures, in pixels, and how many of them high a pixel is wide.
+  int width = 0;
+  int height = 0;
+  int aspect_across = 1;
+  int aspect_down = 1;
+  // How many pictures may be decoded before the one that is shown first.
+  int reordered = 0;
+  // Of sound.
+  int sample_rate = 0;
+  int channels = 0;
+  // Content of the box "avcC", "hvcC" or "av1C"; empty for codecs that have none.
+  std::vector<uint8_t> config;
+
+  bool operator==(const stream_format& other) const {
+    return kind == other.kind && width == other.width && height == other.height &&
+           aspect_across == other.aspect_across && aspect_down == other.aspect_down &&
+           sample_rate == other.sample_rate && channels == other.channels &&
+           config == other.config;
+  }
+};
+using format_ptr = std::shared_ptr<const stream_format>;
+
+// One access unit, placed on the timeline. H.264 and HEVC in NAL units, each behind its length in
+// four bytes (ISO/IEC 14496-15); AV1 in OBUs with their sizes, without temporal delimiters; all
+// others as their RTP payload has them.
+struct encoded_unit {
+  shared_bytes bytes;
+  format_ptr format;
+  media_time time{};         // of presentation
+  media_time decode_time{};  // never goes back
+  media_time duration{};     // 0: unknown
+  bool key = false;          // needs no other picture
+
+  media_time end() const { return time + duration; }
+};
+
+}  // namespace zelta::core_service::media

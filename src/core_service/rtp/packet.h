@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+// One RTP packet, as RFC 3550, section 5.1, lays it out: a view into bytes that somebody else keeps.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <optional>
+
+namespace zelta::core_service::rtp {
+
+struct packet {
+  uint8_t payload_type = 0;
+  bool marker = false;
+  uint16_t sequence = 0;
+  uint32_t timestamp = 0;
+  uint32_t ssrc = 0;
+  // The header extension's profile word and content; null: there is none.
+  uint16_t extension_profile = 0;
+  const uint8_t* extension = nullptr;
+  size_t extension_bytes = 0;
+  // Without padding.
+  const uint8_t* payload = nullptr;
+  size_t payload_bytes = 0;
+};
+
+// None when `bytes` are no RTP packet: another version, or lengths that lead past the end.
+std::optional<packet> parse_packet(const uint8_t* bytes, size_t size);
+
+// What comes on a port for both (RFC 5761, section 4).
+inline bool is_rtcp(const uint8_t* bytes, size_t size) {
+  return size >= 2 && bytes[1] >= 192 && bytes[1] <= 223;
+}
+
+}  // namespace zelta::core_service::rtp
