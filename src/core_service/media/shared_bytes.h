@@ -60,6 +60,8 @@ class byte_builder {
   uint8_t* data() { return block_.memory.get(); }
   size_t size() const { return size_; }
   void clear() { size_ = 0; }
+  // Takes back what was built behind the first `size` bytes.
+  void shorten(size_t size) { size_ = size < size_ ? size : size_; }
   // What has been built; begins anew.
   shared_bytes take();
 
