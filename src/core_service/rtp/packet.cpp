@@ -1,0 +1,47 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core_service/rtp/packet.h"
+
+#include "core_service/rtp/network_order.h"
+
+namespace zelta::core_service::rtp {
+namespace {
+
+constexpr size_t kFixedBytes = 12;
+constexpr size_t kExtensionHeaderBytes = 4;
+constexpr uint8_t kVersion = 2;
+constexpr uint8_t kPadded = 0x20;
+constexpr uint8_t kExtended = 0x10;
+constexpr uint8_t kContributors = 0x0f;
+
+}  // namespace
+
+std::optional<packet> parse_packet(const uint8_t* bytes, size_t size) {
+  if (size < kFixedBytes || bytes[0] >> 6U != kVersion) return std::nullopt;
+  packet one;
+  one.marker = (bytes[1] & 0x80U) != 0;
+  one.payload_type = bytes[1] & 0x7fU;
+  one.sequence = read_16(bytes + 2);
+  one.timestamp = read_32(bytes + 4);
+  one.ssrc = read_32(bytes + 8);
+  size_t at = kFixedBytes + size_t{4} * (bytes[0] & kContributors);
+  if ((bytes[0] & kExtended) != 0) {
+    if (at + kExtensionHeaderBytes > size) return std::nullopt;
+    one.extension_profile = read_16(bytes + at);
+    one.extension_bytes = size_t{4} * read_16(bytes + at + 2);
+    at += kExtensionHeaderBytes;
+    one.extension = bytes + at;
+    at += one.extension_bytes;
+  }
+  if (at > size) return std::nullopt;
+  size_t padding = 0;
+  if ((bytes[0] & kPadded) != 0) {
+    // The last byte counts itself.
+    padding = bytes[size - 1];
+    if (padding == 0 || padding > size - at) return std::nullopt;
+  }
+  one.payload = bytes + at;
+  one.payload_bytes = size - at - padding;
+  return one;
+}
+
+}  // namespace zelta::core_service::rtp
