@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core_service/media/opus_line.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace zelta::core_service::media {
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr media_time kKeepLimit = 5s;
+// Five seconds of the shortest packets: whatever times a sender gives, no more are kept.
+constexpr size_t kKeepPackets = 2000;
+// As a sound line has it: half of what an ear and an eye together notice.
+constexpr media_time kTolerance = 20ms;
+// What may lie between the end of one packet and the time of the next, or overlap there, and be no
+// gap and no other order.
+constexpr media_time kMostJitter = 10ms;
+
+constexpr int64_t nearest_steps(media_time span) {
+  return (span + kOpusStep / 2) / kOpusStep;
+}
+constexpr int64_t covering_steps(media_time span) {
+  return (span + kOpusStep - 1ns) / kOpusStep;
+}
+
+}  // namespace
+
+void opus_line::push(media_time time, const shared_bytes& packet) {
+  const auto about = read_opus_packet(packet.data(), packet.size());
+  if (!about) {
+    ++counted_.invalid;
+    return;
+  }
+  const media_time end = time + about->duration();
+  last_heard_ = std::max(end, last_heard_.value_or(end));
+  const piece whole{time, packet, *about};
+  if (sink_) return place(whole);
+  keep(whole);
+}
+
+void opus_line::keep(const piece& packet) {
+  const auto has_first_to_go = [&] {
+    return !kept_.empty() &&
+           (packet.time - kept_.front().time > kKeepLimit || kept_.size() >= kKeepPackets);
+  };
+  if (!has_first_to_go()) {
+    kept_.push_back(packet);
+    return;
+  }
+  // The memory of one that goes is for the new one.
+  kept_.splice(kept_.end(), kept_, kept_.begin());
+  kept_.back() = packet;
+  while (kept_.size() > 1 && packet.time - kept_.front().time > kKeepLimit) kept_.pop_front();
+}
+
+std::optional<media_time> opus_line::first_kept() const {
+  if (kept_.empty()) return std::nullopt;
+  return kept_.front().time;
+}
+
+void opus_line::start(media_time from, std::shared_ptr<opus_sink> to) {
+  sink_ = std::move(to);
+  cuts_.clear();
+  position_ = from;
+  exact_ = true;
+  for (const piece& kept : std::exchange(kept_, {})) place(kept);
+}
+
+void opus_line::cut(media_time at, std::shared_ptr<opus_sink> next) {
+  if (!sink_) return;
+  cuts_.push_back({at, std::move(next)});
+  switch_before(kOpusStep);
+}
+
+void opus_line::fill_to(media_time until) {
+  if (!sink_) return;
+  const int64_t missing = nearest_steps(until - position_);
+  if (missing <= 0) return;
+  exact_ = true;
+  silence(missing, counted_.filled);
+}
+
+std::optional<media_time> opus_line::position() const {
+  if (!sink_) return std::nullopt;
+  return position_;
+}
+
+void opus_line::place(const piece& packet) {
+  if (is_left_out(packet)) return;
+  fill_before(packet);
+  switch_before(packet.about.duration());
+  // It comes after the end, so it may be the first of what follows.
+  if (!sink_) return keep(packet);
+  exact_ = false;
+  last_end_ = packet.time + packet.about.duration();
+  last_ = packet.about;
+  ++counted_.packets;
+  emit(packet.bytes, packet.about.duration());
+}
+
+bool opus_line::is_left_out(const piece& packet) {
+  const media_time behind = position_ - packet.time;
+  const media_time duration = packet.about.duration();
+  const media_time half = duration / 2;
+  // By the sender's own times: the position may be off by the tolerance.
+  const bool overtaken = !exact_ && last_end_ - packet.time >= std::max(duration, kMostJitter);
+  if (overtaken || (exact_ && behind > half)) {
+    ++counted_.late;
+    return true;
+  }
+  if (exact_ || behind <= kTolerance + half) return false;
+  ++counted_.dropped;
+  return true;
+}
+
+void opus_line::fill_before(const piece& packet) {
+  const media_time ahead = packet.time - position_;
+  if (ahead <= (exact_ ? 0ns : kTolerance)) return;
+  const bool is_gap = packet.time - last_end_ >= kMostJitter;
+  if (exact_ || is_gap) return silence(nearest_steps(ahead), counted_.filled);
+  // It was drift that came so far: as little as is enough, because every millisecond is heard.
+  ++counted_.inserted;
+  silence(covering_steps(ahead - kTolerance), counted_.inserted_time);
+}
+
+void opus_line::silence(int64_t steps, media_time& counted) {
+  while (steps > 0 && sink_) {
+    // Up to the next cut, which then is met to the step.
+    const int64_t part =
+        cuts_.empty() ? steps : std::min(steps, nearest_steps(cuts_.front().at - position_));
+    const opus_silence packet = silence_like(last_, part);
+    counted += packet.duration;
+    emit(packet.bytes, packet.duration);
+    steps -= packet.duration / kOpusStep;
+  }
+}
+
+void opus_line::emit(const shared_bytes& bytes, media_time duration) {
+  sink_->on_sound({bytes, format_, position_, position_, duration, true});
+  position_ += duration;
+  // The shortest there is: when not even that belongs before a cut, nothing does.
+  switch_before(kOpusStep);
+}
+
+// Makes the cuts that lie before the larger part of what comes next.
+void opus_line::switch_before(media_time duration) {
+  while (sink_ && !cuts_.empty() && (cuts_.front().at - position_) * 2 <= duration) {
+    sink_->on_sound_end();
+    sink_ = std::move(cuts_.front().next);
+    cuts_.pop_front();
+  }
+  // What had been heard of an end that lies ahead no longer counts.
+  if (!sink_) cuts_.clear();
+}
+
+}  // namespace zelta::core_service::media
