@@ -173,5 +173,30 @@ TEST_F(Mp4Test, LeavesOutATrackThatNeverCame) {
   EXPECT_TRUE(packets("v", file).empty());
 }
 
+// Two seconds of silence: all of it is there, from its beginning, by whatever decoder.
+TEST_F(Mp4Test, HoldsOpusAsItCame) {
+  mux.emplace("M4A ", false, true, 0);
+  for (int i = 0; i < 100; ++i) {
+    media_sample sample = sample_of(media_kind::kAudio, 20ms * i, 20ms * i, 20ms, 3, true);
+    const std::array<uint8_t, 3> packet{0xfc, 0xff, 0xfe};
+    gst_buffer_fill(sample.buffer.get(), 0, packet.data(), packet.size());
+    sample.caps.reset(gst_caps_from_string("audio/x-opus,rate=16000,channels=2"));
+    append(mux->add(media_kind::kAudio, sample));
+  }
+  complete();
+  const std::string config("dOps\0\2\0\0\0\0\x3e\x80\0\0\0", 15);
+  EXPECT_NE(file.find(config), std::string::npos);
+  const auto sound = packets("a", file);
+  ASSERT_EQ(sound.size(), 100U);
+  EXPECT_EQ(sound[0], "0.000000,3,K_");
+  EXPECT_EQ(sound[99], "1.980000,3,K_");
+  const std::string path = dir.path() + "/a.mp4";
+  for (const char* const decoder : {"opus", "libopus"}) {
+    const std::string decoded = output_of(std::string("ffmpeg -v error -c:a ") + decoder + " -i " +
+                                          path + " -f s16le - | wc -c");
+    EXPECT_EQ(std::stol(decoded), 2 * 48'000 * 4) << decoder;
+  }
+}
+
 }  // namespace
 }  // namespace zelta::test

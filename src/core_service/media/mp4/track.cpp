@@ -12,6 +12,7 @@ namespace {
 using box = box_writer::box;
 
 constexpr uint32_t kVideoScale = 90'000;
+constexpr uint32_t kOpusScale = 48'000;        // whatever rate its sender had
 constexpr uint32_t kKeySample = 0x02000000;    // depends on no other
 constexpr uint32_t kDeltaSample = 0x01010000;  // depends on others, is no sync sample
 constexpr uint32_t kUnity = 0x00010000;
@@ -86,8 +87,9 @@ void track::add(const media_sample& sample) {
     width_ = field_of(fields, "width");
     height_ = field_of(fields, "height");
     channels_ = field_of(fields, "channels");
-    scale_ =
-        kind_ == media_kind::kVideo ? kVideoScale : static_cast<uint32_t>(field_of(fields, "rate"));
+    rate_ = static_cast<uint32_t>(field_of(fields, "rate"));
+    opus_ = gst_structure_has_name(fields, "audio/x-opus") != FALSE;
+    scale_ = kind_ == media_kind::kVideo ? kVideoScale : opus_ ? kOpusScale : rate_;
     const GValue* const data = gst_structure_get_value(fields, "codec_data");
     GstBuffer* const codec = data != nullptr ? gst_value_get_buffer(data) : nullptr;
     if (codec != nullptr) codec_data_ = bytes_of(codec);
@@ -281,7 +283,7 @@ void track::put_entry(box_writer& to) const {
     to.put<4>(static_cast<uint64_t>(down));
     return;
   }
-  const box mp4a(to, "mp4a");
+  const box entry(to, opus_ ? "Opus" : "mp4a");
   to.zeros(6);
   to.put<2>(1);
   to.zeros(8);
@@ -289,6 +291,25 @@ void track::put_entry(box_writer& to) const {
   to.put<2>(16);
   to.zeros(4);
   to.put<4>(uint64_t{scale_} << 16U);
+  if (opus_) return put_opus(to);
+  put_aac(to);
+}
+
+// Encapsulation of Opus in ISO Base Media File Format, version 0.6.8, section 4.3.2. Nothing is
+// skipped at the beginning: in mid-stream there is no encoder's delay, so a player that left
+// out the first 80 ms, as it does with files that are made whole (RFC 7845, section 4.2), would
+// leave out what was said, and all that follows would be early against the picture.
+void track::put_opus(box_writer& to) const {
+  const box config(to, "dOps");
+  to.put<1>(0);  // version
+  to.put<1>(static_cast<uint64_t>(channels_));
+  to.put<2>(0);  // skipped
+  to.put<4>(rate_);
+  to.put<2>(0);  // gain
+  to.put<1>(0);  // mono or stereo
+}
+
+void track::put_aac(box_writer& to) const {
   const box esds(to, "esds", 0, 0);
   const size_t specific = 2 + codec_data_.size();
   const size_t config = 2 + 13 + specific;

@@ -72,12 +72,16 @@ class track {
   uint32_t duration_of(size_t index) const;
   void put_edits(box_writer& to) const;
   void put_entry(box_writer& to) const;
+  void put_opus(box_writer& to) const;
+  void put_aac(box_writer& to) const;
   void put_tables(box_writer& to) const;
 
   const media_kind kind_;
   const uint32_t id_;
   caps_ptr first_caps_;
   uint32_t scale_ = 0;  // ticks a second
+  uint32_t rate_ = 0;   // of sound, as its sender had it
+  bool opus_ = false;
   int width_ = 0;
   int height_ = 0;
   int channels_ = 0;
