@@ -1,0 +1,120 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core_service/media/format_caps.h"
+
+#include <cstring>
+#include <utility>
+
+#include "core_service/media/mp4/av1_config.h"
+#include "core_service/media/nal_formats.h"
+#include "core_service/media/picture_size.h"
+
+namespace zelta::core_service::media {
+namespace {
+
+constexpr size_t kAv1FixedBytes = 4;  // of the box "av1C", up to the sequence header
+
+struct caps_row {
+  const char* codec;
+  const char* caps;
+  const nal_rules* rules;  // of a codec whose config is needed
+};
+const caps_row kRows[] = {
+    {"h264", "video/x-h264,stream-format=avc,alignment=au", &kH264Rules},
+    {"hevc", "video/x-h265,stream-format=hvc1,alignment=au", &kHevcRules},
+    {"av1", "video/x-av1,stream-format=obu-stream,alignment=tu", nullptr},
+    {"vp8", "video/x-vp8", nullptr},
+    {"vp9", "video/x-vp9", nullptr},
+    {"opus", "audio/x-opus,channel-mapping-family=0", nullptr},
+    {"aac", "audio/mpeg,mpegversion=4,framed=true,stream-format=raw", nullptr},
+    {"pcmu", "audio/x-mulaw", nullptr},
+    {"pcma", "audio/x-alaw", nullptr},
+};
+
+const caps_row* row_of(const codec& kind) {
+  for (const caps_row& row : kRows) {
+    if (std::strcmp(row.codec, kind.name) == 0) return &row;
+  }
+  return nullptr;
+}
+
+int int_of(const GstStructure* fields, const char* name) {
+  int value = 0;
+  gst_structure_get_int(fields, name, &value);
+  return value;
+}
+
+std::vector<uint8_t> codec_data_of(const GstStructure* fields) {
+  const GValue* const value = gst_structure_get_value(fields, "codec_data");
+  if (value == nullptr || !GST_VALUE_HOLDS_BUFFER(value)) return {};
+  GstBuffer* const data = gst_value_get_buffer(value);
+  if (data == nullptr) return {};
+  std::vector<uint8_t> bytes(gst_buffer_get_size(data));
+  gst_buffer_extract(data, 0, bytes.data(), bytes.size());
+  return bytes;
+}
+
+// Some demuxers cut it short: it is made anew from the sequence header in it.
+std::vector<uint8_t> av1_config(const std::vector<uint8_t>& codec_data) {
+  if (codec_data.size() <= kAv1FixedBytes) return {};
+  return mp4::av1_config_of({codec_data.begin() + kAv1FixedBytes, codec_data.end()});
+}
+
+bool read_picture(const GstStructure* fields, stream_format& out) {
+  out.width = int_of(fields, "width");
+  out.height = int_of(fields, "height");
+  int across = 1;
+  int down = 1;
+  gst_structure_get_fraction(fields, "pixel-aspect-ratio", &across, &down);
+  if (across > 0 && down > 0) {
+    out.aspect_across = across;
+    out.aspect_down = down;
+  }
+  return is_picture_size(out.width, out.height);
+}
+
+}  // namespace
+
+caps_ptr caps_of(const stream_format& format) {
+  const caps_row* const row = format.kind != nullptr ? row_of(*format.kind) : nullptr;
+  if (row == nullptr) return nullptr;
+  caps_ptr caps(gst_caps_from_string(row->caps));
+  if (format.kind->kind == media_kind::kVideo) {
+    gst_caps_set_simple(caps.get(), "width", G_TYPE_INT, format.width, "height", G_TYPE_INT,
+                        format.height, "pixel-aspect-ratio", GST_TYPE_FRACTION,
+                        format.aspect_across, format.aspect_down, nullptr);
+  } else {
+    gst_caps_set_simple(caps.get(), "rate", G_TYPE_INT, format.sample_rate, "channels", G_TYPE_INT,
+                        format.channels, nullptr);
+  }
+  if (!format.config.empty()) {
+    const buffer_ptr data(gst_buffer_new_allocate(nullptr, format.config.size(), nullptr));
+    gst_buffer_fill(data.get(), 0, format.config.data(), format.config.size());
+    gst_caps_set_simple(caps.get(), "codec_data", GST_TYPE_BUFFER, data.get(), nullptr);
+  }
+  return caps;
+}
+
+format_ptr format_of(const GstCaps* caps) {
+  if (caps == nullptr || gst_caps_is_fixed(caps) == FALSE) return nullptr;
+  const codec* const kind = find_codec(caps);
+  if (kind == nullptr) return nullptr;
+  const GstStructure* const fields = gst_caps_get_structure(caps, 0);
+  auto made = std::make_shared<stream_format>();
+  made->kind = kind;
+  made->config = codec_data_of(fields);
+  if (kind->kind == media_kind::kAudio) {
+    made->sample_rate = int_of(fields, "rate");
+    made->channels = int_of(fields, "channels");
+    return made;
+  }
+  if (!read_picture(fields, *made)) return nullptr;
+  if (std::strcmp(kind->name, "av1") == 0) made->config = av1_config(made->config);
+  const caps_row* const row = row_of(*kind);
+  if (row != nullptr && row->rules != nullptr) {
+    if (made->config.empty()) return nullptr;
+    made->reordered = reordered_by(*row->rules, made->config);
+  }
+  return made;
+}
+
+}  // namespace zelta::core_service::media
