@@ -2,7 +2,8 @@
 # SPDX-License-Identifier: Apache-2.0
 # Installs what is missing on a Debian 12: to build and record; with "test" what the tests need too;
 # with "bench" what the benchmarks compare with and draw by; with "fuzz" what the fuzzers are built
-# with; with "mutate" what scripts/mutate.sh builds with; with "lint" what CI's checks need too.
+# with; with "mutate" what scripts/mutate.sh builds with; with "lint" what CI's checks need too; with
+# "crowd" what scripts/check-crowd.sh encrypts with.
 set -euo pipefail
 
 packages=(
@@ -19,8 +20,9 @@ for want in "$@"; do
     bench) packages+=(libzmq3-dev gnuplot-nox) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;
+    crowd) packages+=(libsrtp2-dev) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
-    *) echo "install-deps.sh: unknown set \"$want\": it should be test, bench, fuzz, mutate or lint" >&2; exit 2 ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test, bench, fuzz, mutate, crowd or lint" >&2; exit 2 ;;
   esac
 done
 
