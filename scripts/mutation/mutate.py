@@ -96,6 +96,7 @@ def main():
     parser.add_argument("--only", default="*", help="files, as a pattern")
     parser.add_argument("--jobs", type=int, default=4, help="faults at a time; the suites mostly wait")
     parser.add_argument("--list", action="store_true", help="what is drawn, and nothing is tried")
+    parser.add_argument("--resume", help="what was killed in these results is not tried again")
     parser.add_argument("--again", help="only what survived in these results")
     arguments = parser.parse_args()
 
@@ -131,6 +132,13 @@ def main():
             print(f"{fault.path} {fault.rule}\n- {before}\n+ {after}")
         return 0
 
+    killed = {}
+    if arguments.resume:
+        with open(arguments.resume, encoding="utf-8") as file:
+            for one in map(json.loads, file):
+                if one["what"] == "killed":
+                    killed[one["file"], one["before"], one["after"]] = one["by"]
+
     folder = f"{root}/build/mutation"
     os.makedirs(folder, exist_ok=True)
     with open(f"{folder}/results.jsonl", "w", encoding="utf-8") as log:
@@ -146,6 +154,8 @@ def main():
                 before, after = difference(texts[fault.path], fault)
                 if (fault.path, before, after) in known:
                     what, by = "equivalent", known[fault.path, before, after]
+                elif (fault.path, before, after) in killed:
+                    what, by = "killed", killed[fault.path, before, after]
                 else:
                     what, by = try_fault(tree, texts[fault.path], fault)
                 with lock:

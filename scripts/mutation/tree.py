@@ -23,7 +23,9 @@ class Tree:
         self.root, self.folder = root, folder
         self.source, self.build = f"{folder}/source", f"{folder}/build"
         self.environment = {**os.environ, "CCACHE_DIR": cache, "CCACHE_NOHASHDIR": "1",
-                            "CCACHE_BASEDIR": folder, "HOME": "/tmp", "TMPDIR": "/tmp"}
+                            "CCACHE_BASEDIR": folder, "HOME": "/tmp", "TMPDIR": "/tmp",
+                            # Else every suite would look at all plugins anew, in a /tmp that is empty.
+                            "GST_REGISTRY": f"{cache}.registry", "GST_REGISTRY_UPDATE": "no"}
 
     def set_up(self, targets):
         os.makedirs(self.source, exist_ok=True)
@@ -32,6 +34,8 @@ class Tree:
             if os.path.isfile(f"{self.root}/{name}"):
                 os.makedirs(os.path.dirname(f"{self.source}/{name}"), exist_ok=True)
                 shutil.copy(f"{self.root}/{name}", f"{self.source}/{name}")
+        subprocess.run(["gst-inspect-1.0", "--exists", "x264enc"], check=False,
+                       env={**self.environment, "GST_REGISTRY_UPDATE": "yes"})
         linker = "-fuse-ld=lld"
         subprocess.run(BEHIND + ["cmake", "-S", self.source, "-B", self.build, "-G", "Ninja", "-DCMAKE_BUILD_TYPE=Debug",
                         f"-DCMAKE_CXX_FLAGS_DEBUG={FLAGS}", "-DZELTA_BUILD_TESTS=ON",

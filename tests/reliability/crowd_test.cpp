@@ -94,8 +94,8 @@ TEST(CrowdMedia, Vp8IsCutIntoPacketsOfWhichTheFirstSaysSo) {
 
 // A page with these segments, which are filled with their own number in the page.
 bytes page(const bytes& lacing) {
-  bytes made(26);
-  made.push_back(static_cast<uint8_t>(lacing.size()));
+  bytes made(27);
+  made.back() = static_cast<uint8_t>(lacing.size());
   made = with(made, lacing);
   for (size_t i = 0; i < lacing.size(); ++i) {
     made.resize(made.size() + lacing[i], static_cast<uint8_t>(i));
