@@ -375,9 +375,10 @@ void session::on_user_in(uint32_t uid, user_media from) {
   log(base::NOTICE_LOG, "user " + std::to_string(uid) + " joined");
   const recording_plan plan = plan_for(uid);
   auto& made = users_[uid];
-  made = std::make_unique<user>(uid, std::move(from), plan,
-                                surroundings{options_.recording_file_dir, loop_, manifest_, link_, disk_},
-                                mix_ ? mix_->add_user(uid) : nullptr, events_of(uid));
+  made = std::make_unique<user>(
+      uid, std::move(from), plan,
+      surroundings{options_.recording_file_dir, loop_, manifest_, link_, disk_},
+      mix_ ? mix_->add_user(uid) : nullptr, events_of(uid));
   link_.send(make<protocol::user_joined_packet>(uid, options_.recording_file_dir));
   if (serving_) made->start_service();
   // A mix begins with its first user: before, there is nothing to see or hear.

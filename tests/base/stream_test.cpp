@@ -395,6 +395,21 @@ TEST(PacketWriter, IsBrokenForGoodOnceNobodyReads) {
   EXPECT_EQ(pool.held(), 1U) << "a part of it can still be read";
 }
 
+TEST(UniqueFd, BelongsToTheOneThatItWasMovedTo) {
+  Pipe pipe;
+  const int fd = pipe.read.get();
+  base::unique_fd other;
+  other = std::move(pipe.read);
+  EXPECT_EQ(other.get(), fd);
+  EXPECT_FALSE(pipe.read.valid());
+  EXPECT_EQ(other.release(), fd);
+  EXPECT_FALSE(other.valid());
+  EXPECT_GE(fcntl(fd, F_GETFD), 0) << "not closed by who let go of it";
+  other.reset(fd);
+  other = base::unique_fd();
+  EXPECT_EQ(fcntl(fd, F_GETFD), -1);
+}
+
 // ---- The program at the other end -----------------------------------------------------------
 
 TEST(ServicePath, PlacesAreTriedInThisOrder) {

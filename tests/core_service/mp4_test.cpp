@@ -10,6 +10,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core_service/media/mp4/av1_config.h"
 #include "core_service/media/mp4/muxer.h"
 #include "support/recording_test.h"
 
@@ -195,6 +196,66 @@ TEST_F(Mp4Test, HoldsOpusAsItCame) {
     const std::string decoded = output_of(std::string("ffmpeg -v error -c:a ") + decoder + " -i " +
                                           path + " -f s16le - | wc -c");
     EXPECT_EQ(std::stol(decoded), 2 * 48'000 * 4) << decoder;
+  }
+}
+
+// A sequence header in ones and zeros, the spaces for who reads it, behind the OBU's own header.
+std::vector<uint8_t> obu_of(const std::string& header, const std::string& bits) {
+  std::vector<uint8_t> payload;
+  size_t count = 0;
+  for (const char bit : bits) {
+    if (bit == ' ') continue;
+    if (count % 8 == 0) payload.push_back(0);
+    payload.back() = static_cast<uint8_t>(payload.back() | (bit - '0') << (7 - count++ % 8));
+  }
+  std::vector<uint8_t> unit(header.begin(), header.end());
+  unit.push_back(static_cast<uint8_t>(payload.size()));
+  unit.insert(unit.end(), payload.begin(), payload.end());
+  return unit;
+}
+
+// AV1 Bitstream & Decoding Process, section 5.5: what stands in front of the colours, each of its
+// optional fields there or not, decides where they are found.
+TEST(Av1Config, IsFoundBehindEveryOptionalField) {
+  const std::string zeros(64, '0');
+  const std::string plain = "0000 0000 0 0";       // a picture of one pixel
+  const std::string tools = "000 0000 0 1 1 000";  // no order, screen content as it comes
+  const std::string point = "0 0 00000 000000000000 00101 ";  // neither timing nor delays, level 5
+  const struct {
+    std::string bits;
+    std::vector<uint8_t> config;
+  } rows[] = {
+      {"000 1 1 00101" + plain + "000 000 0 0 0 0 01", {0x81, 0x05, 0x0d}},
+      {"000 1 1 00101" + plain + "000 000 0 1 0 0", {0x81, 0x05, 0x1c}},
+      {"001 1 1 00101" + plain + "000 000 0 1 00000001 00001101 00000000", {0x81, 0x25, 0x00}},
+      {"001 1 1 00101" + plain + "000 000 0 1 00000001 00001101 00000001 0 0", {0x81, 0x25, 0x00}},
+      {"000 1 1 00101" + plain + "000 000 1 0 1 00000010 00001101 00000000 0 10",
+       {0x81, 0x05, 0x4e}},
+      {"010 1 1 00101" + plain + "000 000 1 0 0 0 0 1", {0x81, 0x45, 0x48}},
+      {"010 1 1 00101" + plain + "000 000 1 1 0 0 0 0 1", {0x81, 0x45, 0x60}},
+      {"010 1 1 00101" + plain + "000 000 1 1 0 0 0 1 0", {0x81, 0x45, 0x68}},
+      {"000 0 0 " + point + plain + "0 " + tools + "0 0 0 0 11", {0x81, 0x05, 0x0f}},
+      {"000 0 0 " + point + plain + "1 1010101 000 0000 1 10 0 0 000 000 0 0 0 0 10",
+       {0x81, 0x05, 0x0e}},
+      {"000 0 0 " + point + plain + "0 000 0000 0 0 1 0 1 000 0 0 0 0 01", {0x81, 0x05, 0x0d}},
+      {"010 0 0 1" + zeros + "1 001 01 1 00001" + zeros.substr(0, 32) +
+           "00000 00000 1 00001"
+           "000000000000 01000 1 1 10 01 1 1 1010 000000000000 00000 0 0"
+           "0001 0000 11 0 0 000 0000 0 1 1 000 1 1 0 1 00001001 00010000 00001001 1 1 1 10",
+       {0x81, 0x48, 0xee}},
+  };
+  for (const auto& row : rows) {
+    for (const char* const header : {"\x0a", "\x0e\x28"}) {
+      const std::vector<uint8_t> obu = obu_of(header, row.bits);
+      std::vector<uint8_t> expected = row.config;
+      expected.push_back(0);
+      expected.insert(expected.end(), obu.begin(), obu.end());
+      std::vector<uint8_t> unit{0x12, 0};  // a temporal delimiter
+      unit.insert(unit.end(), obu.begin(), obu.end());
+      EXPECT_EQ(mp4::av1_config_of(unit), expected) << row.bits;
+      unit.pop_back();
+      EXPECT_TRUE(mp4::av1_config_of(unit).empty()) << "cut short";
+    }
   }
 }
 

@@ -319,6 +319,7 @@ TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
   const std::string path = dir.path() + "journal.json";
   journal first(path, "1@2 0 room", writer);
   EXPECT_FALSE(first.load(error)) << "there is none yet";
+  EXPECT_EQ(first.state.log_level, 0U) << "as the command line says";
   first.state.layout = {0, 1, 0xfe, 0xff};
   first.state.user_backgrounds = {{4294967295U, "/a b/\"c\".png"}};
   first.state.log_level = 6;
@@ -332,6 +333,7 @@ TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
   ASSERT_TRUE(second.load(error)) << error;
   EXPECT_EQ(second.state.layout, first.state.layout);
   EXPECT_EQ(second.state.user_backgrounds, first.state.user_backgrounds);
+  EXPECT_EQ(second.state.log_level, 6U);
   EXPECT_EQ(second.state.log_modules, 4294967295);
   EXPECT_TRUE(second.state.serving);
   EXPECT_EQ(second.state.left_out, first.state.left_out);

@@ -9,9 +9,9 @@
 
 #include <gtest/gtest.h>
 
-#include "reliability/crowd_channel.h"
-#include "reliability/crowd_media.h"
-#include "reliability/crowd_stream.h"
+#include "crowd/channel.h"
+#include "crowd/media.h"
+#include "crowd/stream.h"
 
 namespace zelta::crowd {
 namespace {

@@ -14,18 +14,11 @@
 #include <unistd.h>
 
 #include "support/folder_watch.h"
+#include "support/read_json.h"
 #include "support/recording_handler.h"
 #include "support/temp_dir.h"
 
 namespace zelta::test {
-
-// Null while there is no such file.
-inline Json::Value read_json(const std::string& path) {
-  Json::Value root;
-  const std::string text = read_file(path);
-  if (!text.empty()) std::istringstream(text) >> root;
-  return root;
-}
 
 struct Releaser {
   void operator()(IRecordingEngine* engine) const { engine->release(); }

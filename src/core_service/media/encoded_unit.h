@@ -32,8 +32,7 @@ struct stream_format {
   bool operator==(const stream_format& other) const {
     return kind == other.kind && width == other.width && height == other.height &&
            aspect_across == other.aspect_across && aspect_down == other.aspect_down &&
-           sample_rate == other.sample_rate && channels == other.channels &&
-           config == other.config;
+           sample_rate == other.sample_rate && channels == other.channels && config == other.config;
   }
 };
 using format_ptr = std::shared_ptr<const stream_format>;

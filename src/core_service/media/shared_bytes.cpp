@@ -98,8 +98,9 @@ byte_pool::block byte_pool::take(size_t bytes) {
   const size_t capacity = of < kSizes ? kSmallest << of : bytes;
   uint8_t* memory = state_->take(of);
   if (memory == nullptr) memory = static_cast<uint8_t*>(::operator new(kControlBytes + capacity));
-  return {std::shared_ptr<uint8_t>(memory + kControlBytes, [](uint8_t*) {},
-                                   block_allocator<uint8_t, state>(memory, of, state_)),
+  return {std::shared_ptr<uint8_t>(
+              memory + kControlBytes, [](uint8_t*) {},
+              block_allocator<uint8_t, state>(memory, of, state_)),
           capacity};
 }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// One RTP packet, as RFC 3550, section 5.1, lays it out: a view into bytes that somebody else keeps.
+// One RTP packet, as RFC 3550, section 5.1, lays it out: a view into bytes that somebody else
+// keeps.
 #pragma once
 
 #include <cstddef>

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "reliability/crowd_channel.h"
+#include "crowd/channel.h"
 
 #include <algorithm>
 #include <charconv>

@@ -11,8 +11,8 @@
 
 #include <netinet/in.h>
 
-#include "reliability/crowd_media.h"
-#include "reliability/crowd_srtp.h"
+#include "crowd/media.h"
+#include "crowd/srtp.h"
 
 namespace zelta::crowd {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "reliability/crowd_stream.h"
+#include "crowd/stream.h"
 
 #include <algorithm>
 

@@ -10,7 +10,7 @@
 #include <sys/socket.h>
 
 #include "base/unique_fd.h"
-#include "reliability/crowd_stream.h"
+#include "crowd/stream.h"
 
 namespace zelta::crowd {
 

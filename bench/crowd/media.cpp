@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "reliability/crowd_media.h"
+#include "crowd/media.h"
 
 #include <algorithm>
 #include <array>

@@ -24,10 +24,10 @@
 #include <sys/resource.h>
 #include <sys/socket.h>
 
-#include "reliability/crowd_batch.h"
-#include "reliability/crowd_channel.h"
-#include "reliability/crowd_media.h"
-#include "reliability/crowd_stream.h"
+#include "crowd/batch.h"
+#include "crowd/channel.h"
+#include "crowd/media.h"
+#include "crowd/stream.h"
 
 namespace {
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "reliability/crowd_batch.h"
+#include "crowd/batch.h"
 
 #include <algorithm>
 #include <cerrno>

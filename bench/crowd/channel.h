@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "reliability/crowd_media.h"
+#include "crowd/media.h"
 
 namespace zelta::crowd {
 
