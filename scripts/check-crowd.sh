@@ -8,7 +8,7 @@ set -euo pipefail
 export PYTHONDONTWRITEBYTECODE=1  # nothing is written beside the sources
 cd "$(dirname "$0")/.."
 
-scripts/install-deps.sh test crowd >&2
+scripts/install-deps.sh test >&2
 cmake --preset release -DZELTA_BUILD_TESTS=ON -DZELTA_BUILD_BENCH=ON >&2
 cmake --build --preset release --target zelta-record ZeltaCoreService crowd_sender bare_receiver -- --quiet >&2
 exec python3 scripts/reliability/crowd.py "$@"

@@ -8,7 +8,7 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config git ca-certificates
-  libjsoncpp-dev libcli11-dev
+  libjsoncpp-dev libcli11-dev libsrtp2-dev
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-libav
@@ -20,9 +20,8 @@ for want in "$@"; do
     bench) packages+=(libzmq3-dev gnuplot-nox) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;
-    crowd) packages+=(libsrtp2-dev) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
-    *) echo "install-deps.sh: unknown set \"$want\": it should be test, bench, fuzz, mutate, crowd or lint" >&2; exit 2 ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test, bench, fuzz, mutate or lint" >&2; exit 2 ;;
   esac
 done
 

@@ -21,7 +21,8 @@ SUITES = {suite.name: suite for suite in [
     Suite("mp4_test", 3, 40, 120),
     Suite("fuzz_engine_packets"), Suite("fuzz_mixing_layout"), Suite("fuzz_config_file"),
     Suite("fuzz_control_packets"), Suite("fuzz_session_description"), Suite("fuzz_recorder_files"),
-    Suite("fuzz_command_line"), Suite("fuzz_rtcp"),
+    Suite("fuzz_command_line"), Suite("fuzz_rtp_packets"), Suite("fuzz_depayload"), Suite("fuzz_format"),
+    Suite("packets_to_units_test", 3, 60, 150),
 ]}
 
 COVERED_BY = [
@@ -45,8 +46,10 @@ COVERED_BY = [
     ("src/core_service/descriptors.*", "parts_test"),
     ("src/core_service/rtp/session_description.*", "parts_test fuzz_session_description"),
     ("src/core_service/rtp/srtp_key.*", "parts_test"),
-    ("src/core_service/rtp/rtcp_cname.*", "fuzz_rtcp parts_test"),
-    ("src/core_service/rtp/reordered_times.*", "parts_test"),
+    ("src/core_service/rtp/depayload/*", "packets_to_units_test fuzz_depayload"),
+    ("src/core_service/rtp/packet.*", "packets_to_units_test fuzz_rtp_packets"),
+    ("src/core_service/rtp/r*_*", "packets_to_units_test fuzz_rtp_packets"),
+    ("src/core_service/rtp/rtcp.*", "packets_to_units_test fuzz_rtp_packets"),
     ("src/core_service/media/mp4/*", "mp4_test"),
     ("src/core_service/media/timeline.*", "parts_test"),
     ("src/core_service/media/sound_line.*", "parts_test"),

@@ -32,7 +32,7 @@ user::user(uint32_t uid, user_media from, const recording_plan& plan, surroundin
       mix_(std::move(mix)),
       posting_(around_.loop),
       lateness_(from.lateness),
-      fault_(std::move(from.fault)) {
+      feed_(std::move(from.feed)) {
   frames_ = std::make_shared<media::frame_sender>(media::frame_labels{uid_, plan_.avsync_type},
                                                   around_.link);
   if (plan_.sound_out == sound_frames::kPcm || plan_.sound_out == sound_frames::kAac) {
@@ -51,7 +51,8 @@ user::user(uint32_t uid, user_media from, const recording_plan& plan, surroundin
 }
 
 user::~user() {
-  // Its threads feed what is declared before it.
+  // Each feeds what goes behind it.
+  feed_.reset();
   graph_.reset();
 }
 
@@ -172,6 +173,7 @@ void user::write_jpg(const media::media_sample& sample) {
 
 void user::start() {
   graph_->start();
+  if (feed_) feed_->start();
 }
 
 void user::start_service() {
@@ -197,6 +199,8 @@ void user::finish(const std::string& why, std::function<void()> finished) {
   finish_reason_ = why;
   finished_ = std::move(finished);
   finish_time_ = media::now();
+  // What it has received comes out, and its ports are free for who comes back.
+  feed_.reset();
   if (media_ended_) return on_graph_finished(why);
   graph_->finish(why);
 }
@@ -222,7 +226,7 @@ void user::tell_finished() const {
 }
 
 void user::tick() {
-  const std::string fault = fault_ && !media_ended_ ? fault_() : "";
+  const std::string fault = feed_ && !media_ended_ ? feed_->fault() : "";
   if (!fault.empty()) told_.missing({"all", "", fault});
   // Between the end of the sender and the end of what it sent nothing is missing.
   const bool draining = !finish_reason_.empty() && !media_ended_;

@@ -74,7 +74,7 @@ class user {
   const std::shared_ptr<media::mix_input> mix_;
   const media::posting posting_;
   const media::media_time lateness_;
-  const std::function<std::string()> fault_;
+  std::shared_ptr<media_feed> feed_;
 
   std::shared_ptr<media::frame_sender> frames_;
   std::optional<media::sound_line> frame_line_;

@@ -18,7 +18,6 @@
 #include "core_service/mix/tiles.h"
 #include "core_service/parameters.h"
 #include "core_service/recording_plan.h"
-#include "core_service/rtp/rtcp_cname.h"
 #include "core_service/rtp/session_description.h"
 #include "core_service/rtp/settings.h"
 #include "core_service/secrets.h"
@@ -195,32 +194,6 @@ TEST(Tiles, ColoursAreReadOrRefused) {
   for (const char* bad : {"", "red", "1a2b3c", "#1a2b3", "#1a2b3g", "#+a2b3c", "#1a2b3c4"}) {
     EXPECT_FALSE(mix::parse_colour(bad)) << bad;
   }
-}
-
-// ---- RTP -----------------------------------------------------------------------------------
-
-TEST(RtcpCname, EverySenderReportGetsTheName) {
-  const std::vector<uint8_t> report{0x80, 200, 0, 6, 1, 2, 3, 4, 5, 5, 5, 5, 5, 5,
-                                    5,    5,   6, 6, 6, 6, 7, 7, 7, 7, 8, 8, 8, 8};
-  const std::vector<uint8_t> description{0x81, 202, 0, 3, 1, 2, 3, 4, 1, 3, 'x', 'y', 'z', 0, 0, 0};
-  std::vector<uint8_t> both = report;
-  both.insert(both.end(), description.begin(), description.end());
-  std::vector<uint8_t> wanted = report;
-  const std::vector<uint8_t> ours{0x81, 202, 0, 3, 1, 2, 3, 4, 1, 2, 'm', 'e', 0, 0, 0, 0};
-  wanted.insert(wanted.end(), ours.begin(), ours.end());
-  EXPECT_EQ(rtp::with_cname(report.data(), report.size(), "me"), wanted);
-  EXPECT_EQ(rtp::with_cname(both.data(), both.size(), "me"), wanted);
-  EXPECT_EQ(rtp::with_cname(both.data(), both.size(), ""), report);
-  for (size_t size = 0; size < both.size(); ++size) {
-    const auto named = rtp::with_cname(both.data(), size, "me");
-    EXPECT_EQ(named.empty(), size != report.size()) << "cut at " << size;
-  }
-  // The first report names the sender; one that is too short to names nobody, whatever follows.
-  std::vector<uint8_t> nameless{0x80, 201, 0, 0};
-  nameless.insert(nameless.end(), report.begin(), report.end());
-  EXPECT_TRUE(rtp::with_cname(nameless.data(), nameless.size(), "me").empty());
-  both[0] = 0x40;
-  EXPECT_TRUE(rtp::with_cname(both.data(), both.size(), "me").empty()) << "version 1";
 }
 
 TEST(SrtpKey, HasTheLengthThatItsModeWants) {

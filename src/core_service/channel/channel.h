@@ -10,6 +10,7 @@
 #include <string>
 
 #include "base/event_loop.h"
+#include "core_service/channel/media_feed.h"
 #include "core_service/media/gst.h"
 #include "core_service/media/timeline.h"
 #include "core_service/missing_medium.h"
@@ -27,8 +28,8 @@ struct user_media {
   // What is not to be waited for.
   bool may_have_video = true;
   bool may_have_sound = true;
-  // What is wrong with what comes, once; else empty. May be null. Valid while `source` lives.
-  std::function<std::string()> fault;
+  // What fills the source; null: it fills itself.
+  std::shared_ptr<media_feed> feed;
   // How much later than captured media comes out.
   media::media_time lateness{};
 };

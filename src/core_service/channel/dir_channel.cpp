@@ -229,7 +229,9 @@ class dir_channel : public channel {
   user_media make_sender(const std::string& name, uint32_t uid) {
     std::vector<missing_medium> left_out;
     std::string error;
-    auto made = rtp::make_rtp_source(read_description(folder_ + name), rtp_, left_out, error);
+    if (!plane_) plane_ = std::make_shared<rtp::packet_plane>();
+    auto made =
+        rtp::make_rtp_source(read_description(folder_ + name), rtp_, plane_, left_out, error);
     for (const missing_medium& one : left_out) {
       if (one.medium.empty()) {
         log(name + ": " + one.reason);
@@ -249,7 +251,7 @@ class dir_channel : public channel {
     from.source = std::move(made->bin);
     from.may_have_video = made->video;
     from.may_have_sound = made->sound;
-    from.fault = std::move(made->fault);
+    from.feed = std::move(made->feed);
     from.lateness = rtp_.jitter_latency;
     return from;
   }
@@ -276,6 +278,7 @@ class dir_channel : public channel {
   base::unique_fd changes_;
   std::map<uint32_t, std::string> present_;
   std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+  std::shared_ptr<rtp::packet_plane> plane_;
 };
 
 }  // namespace

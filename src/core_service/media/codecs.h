@@ -33,8 +33,7 @@ struct codec {
   const char* parse;   // brings the stream into a form that muxers and decoders take
   const char* decode;  // to raw samples or pictures
   storage kept;
-  const char* rtp;    // its name in a session description; null: none
-  const char* depay;  // from RTP packets to the stream
+  const char* rtp;  // its name in a session description; null: none is received
 };
 
 // For every plugin that is missing what it costs and which package brings it.

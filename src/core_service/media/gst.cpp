@@ -36,12 +36,22 @@ GstElement* child(GstElement* bin, const char* name) {
 
 namespace {
 
+std::atomic<unsigned> pushed{0};
+
 struct sample_taker {
   std::function<void(GstSample*)> take;
   std::function<void()> ended;
 };
 
 }  // namespace
+
+void say_pushed() {
+  pushed.fetch_add(1, std::memory_order_release);
+}
+
+void see_pushed() {
+  static_cast<void>(pushed.load(std::memory_order_acquire));
+}
 
 void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
                 std::function<void()> ended) {
@@ -51,6 +61,7 @@ void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
   callbacks.new_sample = [](GstAppSink* sink, gpointer context) {
     const sample_ptr sample(gst_app_sink_pull_sample(sink));
     if (!sample) return GST_FLOW_EOS;
+    see_pushed();
     static_cast<carried<sample_taker>*>(context)->get().take(sample.get());
     return GST_FLOW_OK;
   };
@@ -75,6 +86,14 @@ ZELTA_NOT_FOR_TSAN void set_times(GstBuffer* buffer, const buffer_times& times) 
 
 ZELTA_NOT_FOR_TSAN bool is_key(const GstBuffer* buffer) {
   return !GST_BUFFER_FLAG_IS_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+}
+
+ZELTA_NOT_FOR_TSAN void set_key(GstBuffer* buffer, bool key) {
+  if (key) {
+    GST_BUFFER_FLAG_UNSET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+  } else {
+    GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+  }
 }
 
 ZELTA_NOT_FOR_TSAN GstEventType type_of(const GstEvent* event) {

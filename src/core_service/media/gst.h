@@ -79,6 +79,11 @@ class carried {
   std::atomic<bool> given_{false};
 };
 
+// The same for bytes of ours that a pipeline carries: whoever has pushed says so, and whoever takes
+// samples out has seen it. Any thread.
+void say_pushed();
+void see_pushed();
+
 // Calls `take` on the streaming thread for every sample of `appsink`, and `ended` (unless null)
 // when the stream has ended. Neither comes any more once the sink is in the state NULL.
 void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
@@ -95,6 +100,7 @@ buffer_times times_of(const GstBuffer* buffer);
 void set_times(GstBuffer* buffer, const buffer_times& times);
 // Whether the buffer can be decoded by itself.
 bool is_key(const GstBuffer* buffer);
+void set_key(GstBuffer* buffer, bool key);
 GstEventType type_of(const GstEvent* event);
 GstMessageType type_of(const GstMessage* message);
 

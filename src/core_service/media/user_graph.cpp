@@ -40,6 +40,7 @@ GstPadProbeReturn drop(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*un
 caps_ptr caps_of(GstPad* pad) {
   caps_ptr caps(gst_pad_get_current_caps(pad));
   if (!caps) caps.reset(gst_pad_query_caps(pad, nullptr));
+  if (gst_caps_is_any(caps.get()) != FALSE) caps.reset(gst_pad_get_pad_template_caps(pad));
   return caps;
 }
 
@@ -57,6 +58,7 @@ void add_probe(GstPad* pad, GstPadProbeType type,
   gst_pad_add_probe(
       pad, type,
       [](GstPad*, GstPadProbeInfo* info, gpointer given) {
+        see_pushed();
         return static_cast<context*>(given)->get()(info);
       },
       std::make_unique<context>(std::move(look)).release(),

@@ -1,383 +1,214 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/rtp/rtp_source.h"
 
-#include <atomic>
-#include <cstdio>
+#include <algorithm>
 #include <map>
-#include <memory>
-#include <mutex>
 #include <utility>
 
-#include <gst/net/gstnetaddressmeta.h>
+#include <gst/app/gstappsrc.h>
+#include <gst/video/video.h>
 
-#include "core_service/rtp/reordered_times.h"
-#include "core_service/rtp/rtcp_cname.h"
+#include "core_service/media/format_caps.h"
+#include "core_service/rtp/sender.h"
 #include "core_service/rtp/session_description.h"
-#include "core_service/rtp/sockets.h"
 
 namespace zelta::core_service::rtp {
 namespace {
 
-// A foreign sender may invent sources; each costs memory until it times out.
-constexpr unsigned kMaxSources = 16;
+using media::element_ptr;
+using media::encoded_unit;
+using media::media_time;
+using media::pad_ptr;
+
 // So many packets without one that could be decrypted are no accident.
 constexpr uint64_t kUndecryptable = 20;
-constexpr int kAvpfProfile = 3;
 
-// What the elements' signals and probes need; lives as long as the bin.
-struct source_state {
-  std::string cname;
-  std::vector<stream_description> streams;
-  std::vector<socket_pair> sockets;
-  std::optional<srtp_key> key;
-  std::atomic<uint64_t> encrypted{0};
-  std::atomic<uint64_t> decrypted{0};
-  std::atomic<bool> fault_told{false};
-  std::mutex lock;
-  // The ghost pad of each pad of the RTP session.
-  std::map<GstPad*, GstPad*> pads;
-  std::string feedback_to;
-  int next_pad = 0;
-};
-
-const char* cipher_name(cipher mode) {
-  switch (mode) {
-    case cipher::kAes128CmSha1_80:
-      return "aes-128-icm";
-    case cipher::kAes128Gcm:
-      return "aes-128-gcm";
-    case cipher::kAes256Gcm:
-      return "aes-256-gcm";
-  }
-  return "";
+GstClockTime since(media_time base, media_time time) {
+  return static_cast<GstClockTime>(std::max(time - base, media_time::zero()).count());
 }
 
-// For each SSRC that is new.
-GstCaps* on_request_key(GstElement* /*decoder*/, guint /*ssrc*/, gpointer context) {
-  const auto& key = static_cast<source_state*>(context)->key;
-  const char* const name = cipher_name(key->mode);
-  // GCM authenticates by itself.
-  const char* const auth = key->mode == cipher::kAes128CmSha1_80 ? "hmac-sha1-80" : "null";
-  const media::buffer_ptr bytes(
-      gst_buffer_new_memdup(key->key_and_salt.data(), key->key_and_salt.size()));
-  return gst_caps_new_simple("application/x-srtp", "srtp-key", GST_TYPE_BUFFER, bytes.get(),
-                             "srtp-cipher", G_TYPE_STRING, name, "srtp-auth", G_TYPE_STRING, auth,
-                             "srtcp-cipher", G_TYPE_STRING, name, "srtcp-auth", G_TYPE_STRING, auth,
-                             nullptr);
-}
-
-GstCaps* on_request_pt_map(GstElement* /*rtpbin*/, guint session, guint payload, gpointer context) {
-  const auto* const state = static_cast<source_state*>(context);
-  if (session >= state->streams.size()) return nullptr;
-  const auto& known = state->streams[session].caps;
-  const auto found = known.find(static_cast<int>(payload));
-  return found != known.end() ? gst_caps_ref(found->second.get()) : nullptr;
-}
-
-// ---- Streams -------------------------------------------------------------------------------
-
-// The depayloader runs, and what is behind it is built, before the first packet can come.
-void on_stream(GstElement* rtpbin, GstPad* stream, gpointer context) {
-  auto* const state = static_cast<source_state*>(context);
-  unsigned session = 0;
-  unsigned ssrc = 0;
-  unsigned payload = 0;
-  const std::unique_ptr<char, void (*)(void*)> name(gst_pad_get_name(stream), g_free);
-  if (std::sscanf(name.get(), "recv_rtp_src_%u_%u_%u", &session, &ssrc, &payload) != 3) return;
-  const media::caps_ptr caps(on_request_pt_map(rtpbin, session, payload, context));
-  if (!caps) return;
-  const char* const encoding =
-      gst_structure_get_string(gst_caps_get_structure(caps.get(), 0), "encoding-name");
-  const media::codec* const c = encoding != nullptr ? media::find_rtp_codec(encoding) : nullptr;
-  std::string error;
-  media::element_ptr made = c != nullptr ? media::make_bin(c->depay, error) : nullptr;
-  if (!made) return;
-  GstElement* const bin = GST_ELEMENT(GST_OBJECT_PARENT(rtpbin));
-  GstElement* const depay = media::add(bin, std::move(made));
-  gst_element_set_state(depay, GST_STATE_PLAYING);
-  const media::pad_ptr in(gst_element_get_static_pad(depay, "sink"));
-  const media::pad_ptr out(gst_element_get_static_pad(depay, "src"));
-  GstPad* shown = nullptr;
-  {
-    const std::lock_guard<std::mutex> guard(state->lock);
-    shown = gst_ghost_pad_new(("stream_" + std::to_string(state->next_pad++)).c_str(), out.get());
-    state->pads[stream] = shown;
-  }
-  int clock_rate = 90'000;
-  gst_structure_get_int(gst_caps_get_structure(caps.get(), 0), "clock-rate", &clock_rate);
-  if (c->kind == media::media_kind::kVideo) restore_times(stream, clock_rate);
-  gst_pad_set_active(shown, TRUE);
-  gst_element_add_pad(bin, shown);
-  gst_pad_link(stream, in.get());
-}
-
-// The sender has said goodbye, or its source has timed out.
-void on_stream_gone(GstElement* rtpbin, GstPad* stream, gpointer context) {
-  auto* const state = static_cast<source_state*>(context);
-  GstPad* shown = nullptr;
-  {
-    const std::lock_guard<std::mutex> guard(state->lock);
-    const auto found = state->pads.find(stream);
-    if (found == state->pads.end()) return;
-    shown = found->second;
-    state->pads.erase(found);
-  }
-  GstElement* const bin = GST_ELEMENT(GST_OBJECT_PARENT(rtpbin));
-  const media::pad_ptr out(gst_ghost_pad_get_target(GST_GHOST_PAD(shown)));
-  const media::element_ptr depay(out ? gst_pad_get_parent_element(out.get()) : nullptr);
-  gst_element_remove_pad(bin, shown);
-  if (!depay) return;
-  gst_element_set_state(depay.get(), GST_STATE_NULL);
-  gst_bin_remove(GST_BIN(bin), depay.get());
-}
-
-// ---- RTCP ----------------------------------------------------------------------------------
-
-// Feedback goes where reports come from.
-GstPadProbeReturn learn_address(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer sink) {
-  const GstNetAddressMeta* const meta =
-      gst_buffer_get_net_address_meta(GST_PAD_PROBE_INFO_BUFFER(info));
-  if (meta == nullptr || !G_IS_INET_SOCKET_ADDRESS(meta->addr)) return GST_PAD_PROBE_OK;
-  auto* const from = G_INET_SOCKET_ADDRESS(meta->addr);
-  const std::unique_ptr<char, void (*)(void*)> host(
-      g_inet_address_to_string(g_inet_socket_address_get_address(from)), g_free);
-  const int port = g_inet_socket_address_get_port(from);
-  auto* const known = static_cast<std::string*>(g_object_get_data(G_OBJECT(sink), "feedback-to"));
-  const std::string address = std::string(host.get()) + " " + std::to_string(port);
-  if (*known == address) return GST_PAD_PROBE_OK;
-  *known = address;
-  g_signal_emit_by_name(sink, "clear");
-  g_signal_emit_by_name(sink, "add", host.get(), port);
-  return GST_PAD_PROBE_OK;
-}
-
-GstPadProbeReturn unify_names(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer context) {
-  const auto* const state = static_cast<source_state*>(context);
-  GstBuffer* const buffer = GST_PAD_PROBE_INFO_BUFFER(info);
-  GstMapInfo map{};
-  if (gst_buffer_map(buffer, &map, GST_MAP_READ) == FALSE) return GST_PAD_PROBE_DROP;
-  const std::vector<uint8_t> named = with_cname(map.data, map.size, state->cname);
-  gst_buffer_unmap(buffer, &map);
-  if (named.empty()) return GST_PAD_PROBE_DROP;
-  GstBuffer* const replaced = gst_buffer_new_memdup(named.data(), named.size());
-  gst_buffer_copy_into(
-      replaced, buffer,
-      static_cast<GstBufferCopyFlags>(GST_BUFFER_COPY_FLAGS | GST_BUFFER_COPY_TIMESTAMPS |
-                                      GST_BUFFER_COPY_META),
-      0, static_cast<gsize>(-1));
-  gst_buffer_unref(buffer);
-  GST_PAD_PROBE_INFO_DATA(info) = replaced;
-  return GST_PAD_PROBE_OK;
-}
-
-GstPadProbeReturn count(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer counter) {
-  ++*static_cast<std::atomic<uint64_t>*>(counter);
-  return GST_PAD_PROBE_OK;
-}
-
-// ---- The bin -------------------------------------------------------------------------------
-
-void probe(GstElement* element, const char* pad, GstPadProbeCallback look, gpointer context) {
-  const media::pad_ptr at(gst_element_get_static_pad(element, pad));
-  gst_pad_add_probe(at.get(), GST_PAD_PROBE_TYPE_BUFFER, look, context, nullptr);
-}
-
-GstElement* add_element(GstElement* bin, const char* kind) {
-  GstElement* const made = gst_element_factory_make(kind, nullptr);
-  if (made != nullptr) gst_bin_add(GST_BIN(bin), made);
-  return made;
-}
-
-GstElement* add_socket_source(GstElement* bin, GSocket* socket, const char* media_type) {
-  GstElement* const source = add_element(bin, "udpsrc");
-  const media::caps_ptr caps(gst_caps_new_empty_simple(media_type));
-  g_object_set(source, "socket", socket, "close-socket", FALSE, "caps", caps.get(), nullptr);
-  return source;
-}
-
-void link(GstElement* from, const char* out, GstElement* to, const char* in) {
-  gst_element_link_pads(from, out, to, in);
-}
-
-// Where the packets of a session come out, still of its two kinds.
-struct outlet {
-  GstElement* element;
-  const char* pad;
-};
-
-// RFC 5761: these payload types are RTCP's.
-bool is_rtcp(GstBuffer* buffer) {
-  uint8_t start[2] = {};
-  return gst_buffer_extract(buffer, 0, start, 2) == 2 && start[1] >= 192 && start[1] <= 223;
-}
-
-GstPadProbeReturn only_rtp(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer /*unused*/) {
-  return is_rtcp(GST_PAD_PROBE_INFO_BUFFER(info)) ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
-}
-GstPadProbeReturn only_rtcp(GstPad* /*pad*/, GstPadProbeInfo* info, gpointer /*unused*/) {
-  return is_rtcp(GST_PAD_PROBE_INFO_BUFFER(info)) ? GST_PAD_PROBE_OK : GST_PAD_PROBE_DROP;
-}
-
-// One socket for both kinds.
-void split(GstElement* bin, outlet& rtp, outlet& rtcp) {
-  GstElement* const tee = add_element(bin, "tee");
-  GstElement* const rtp_out = add_element(bin, "identity");
-  GstElement* const rtcp_out = add_element(bin, "capssetter");
-  const media::caps_ptr caps(gst_caps_new_empty_simple("application/x-rtcp"));
-  g_object_set(rtcp_out, "caps", caps.get(), "replace", TRUE, "join", FALSE, nullptr);
-  link(rtp.element, rtp.pad, tee, "sink");
-  link(tee, "src_0", rtp_out, "sink");
-  link(tee, "src_1", rtcp_out, "sink");
-  probe(rtp_out, "sink", only_rtp, nullptr);
-  probe(rtcp_out, "sink", only_rtcp, nullptr);
-  rtp = {rtp_out, "src"};
-  rtcp = {rtcp_out, "src"};
-}
-
-void decrypt(GstElement* bin, source_state& state, outlet& rtp, outlet& rtcp) {
-  GstElement* const decoder = add_element(bin, "srtpdec");
-  g_signal_connect(decoder, "request-key", G_CALLBACK(on_request_key), &state);
-  link(rtp.element, rtp.pad, decoder, "rtp_sink");
-  if (rtcp.element != nullptr) link(rtcp.element, rtcp.pad, decoder, "rtcp_sink");
-  probe(rtp.element, rtp.pad, count, &state.encrypted);
-  probe(decoder, "rtp_src", count, &state.decrypted);
-  // It tells the two kinds apart by itself.
-  rtp = {decoder, "rtp_src"};
-  rtcp = {decoder, "rtcp_src"};
-}
-
-outlet encrypt(GstElement* bin, const srtp_key& key, const outlet& rtcp) {
-  GstElement* const encoder = add_element(bin, "srtpenc");
-  const char* const name = cipher_name(key.mode);
-  const char* const auth = key.mode == cipher::kAes128CmSha1_80 ? "hmac-sha1-80" : "null";
-  const media::buffer_ptr bytes(
-      gst_buffer_new_memdup(key.key_and_salt.data(), key.key_and_salt.size()));
-  g_object_set(encoder, "key", bytes.get(), nullptr);
-  gst_util_set_object_arg(G_OBJECT(encoder), "rtp-cipher", name);
-  gst_util_set_object_arg(G_OBJECT(encoder), "rtcp-cipher", name);
-  gst_util_set_object_arg(G_OBJECT(encoder), "rtp-auth", auth);
-  gst_util_set_object_arg(G_OBJECT(encoder), "rtcp-auth", auth);
-  link(rtcp.element, rtcp.pad, encoder, "rtcp_sink_0");
-  return {encoder, "rtcp_src_0"};
-}
-
-// Reports and key frame requests, to where the sender's own reports come from.
-void add_feedback(GstElement* bin, const source_state& state, GSocket* reply, const outlet& rtcp,
-                  const outlet& learn_from) {
-  const outlet out = state.key ? encrypt(bin, *state.key, rtcp) : rtcp;
-  GstElement* const sink = add_element(bin, "multiudpsink");
-  const bool v6 = g_socket_get_family(reply) == G_SOCKET_FAMILY_IPV6;
-  g_object_set(sink, v6 ? "socket-v6" : "socket", reply, "close-socket", FALSE, "sync", FALSE,
-               "async", FALSE, nullptr);
-  g_object_set_data_full(
-      G_OBJECT(sink), "feedback-to", std::make_unique<std::string>().release(), [](gpointer text) {
-        const std::unique_ptr<std::string> owner(static_cast<std::string*>(text));
+// The unit's own memory, which the buffer keeps.
+GstBuffer* buffer_of(const encoded_unit& unit, media_time base) {
+  using context = media::carried<media::shared_bytes>;
+  auto kept = std::make_unique<context>(unit.bytes);
+  GstBuffer* const buffer = gst_buffer_new_wrapped_full(
+      GST_MEMORY_FLAG_READONLY, const_cast<uint8_t*>(unit.bytes.data()), unit.bytes.size(), 0,
+      unit.bytes.size(), kept.release(), [](gpointer given) {
+        const std::unique_ptr<context> owner(static_cast<context*>(given));
+        owner->get() = {};
       });
-  link(out.element, out.pad, sink, "sink");
-  probe(learn_from.element, learn_from.pad, learn_address, sink);
+  media::set_times(
+      buffer, {since(base, unit.time), since(base, unit.decode_time),
+               unit.duration > media_time::zero() ? static_cast<GstClockTime>(unit.duration.count())
+                                                  : GST_CLOCK_TIME_NONE});
+  media::set_key(buffer, unit.key);
+  return buffer;
 }
 
-// One media line: its sockets, its decryption, and its session of `rtpbin`.
-void add_session(GstElement* bin, GstElement* rtpbin, source_state& state, size_t number) {
-  const socket_pair& sockets = state.sockets[number];
-  const std::string session = std::to_string(number);
-  const bool encrypted = state.key.has_value();
-  outlet rtp{add_socket_source(bin, sockets.rtp.get(),
-                               encrypted ? "application/x-srtp" : "application/x-rtp"),
-             "src"};
-  outlet rtcp{nullptr, "src"};
-  if (sockets.rtcp) {
-    rtcp.element = add_socket_source(bin, sockets.rtcp.get(),
-                                     encrypted ? "application/x-srtcp" : "application/x-rtcp");
-  }
-  const outlet reports_from = sockets.rtcp ? rtcp : rtp;
-  if (encrypted) {
-    decrypt(bin, state, rtp, rtcp);
-  } else if (!sockets.rtcp) {
-    split(bin, rtp, rtcp);
-  }
-  link(rtp.element, rtp.pad, rtpbin, ("recv_rtp_sink_" + session).c_str());
-  link(rtcp.element, rtcp.pad, rtpbin, ("recv_rtcp_sink_" + session).c_str());
-  probe(rtcp.element, rtcp.pad, unify_names, &state);
-  const std::string out = "send_rtcp_src_" + session;
-  add_feedback(bin, state, sockets.rtcp ? sockets.rtcp.get() : sockets.rtp.get(),
-               {rtpbin, out.c_str()}, reports_from);
-}
+// Lives as long as the user; its sender and tracks are the packet thread's.
+class appsrc_feed final : public media_feed {
+ public:
+  appsrc_feed(std::vector<media_line> lines, const settings& how,
+              std::unique_ptr<srtp_session> ciphers, std::shared_ptr<packet_plane> plane,
+              GstElement* bin)
+      : plane_(std::move(plane)),
+        bin_(GST_ELEMENT(gst_object_ref(bin))),
+        sender_(std::make_shared<sender>(
+            std::move(lines), how, std::move(ciphers), plane_->thread, plane_->pool,
+            sender::events{
+                [this](int number, const payload&, encoded_unit&& unit) { take(number, unit); },
+                [this](int number) { end_track(number); }})) {}
+  appsrc_feed(const appsrc_feed&) = delete;
+  appsrc_feed& operator=(const appsrc_feed&) = delete;
 
-bool open_all(source_state& state, const settings& how, std::vector<int>& chosen,
-              std::string& error) {
-  for (const stream_description& stream : state.streams) {
-    socket_pair sockets = open_sockets({stream.address, stream.port, stream.rtcp_port,
-                                        stream.rtcp_mux, how.min_port, how.max_port},
-                                       error);
-    if (!sockets.rtp) return false;
-    if (stream.port == 0) chosen.push_back(sockets.port);
-    state.sockets.push_back(std::move(sockets));
+  ~appsrc_feed() override {
+    plane_->thread.call([this] {
+      sender_->stop();
+      sender_.reset();
+      tracks_.clear();
+    });
+  }
+
+  void start() override {
+    base_ = media_time(static_cast<int64_t>(gst_element_get_base_time(bin_.get())));
+    plane_->thread.post([this] { sender_->start(); });
+  }
+
+  std::string fault() override {
+    const bool decryptable = sender_->encrypted() < kUndecryptable || sender_->decrypted() > 0;
+    if (decryptable || std::exchange(fault_told_, true)) return "";
+    return "none of its packets can be decrypted: --encrypt_mode or --encrypt_secret is not the "
+           "sender's";
+  }
+
+ private:
+  struct track {
+    GstElement* source = nullptr;  // borrowed from the bin
+    pad_ptr shown;
+    media::format_ptr format;
+    media::caps_ptr caps;
+  };
+
+  void take(int number, const encoded_unit& unit) {
+    const auto [at, is_new] = tracks_.try_emplace(number);
+    track& to = at->second;
+    if (to.format != unit.format) {
+      to.format = unit.format;
+      to.caps = media::caps_of(*unit.format);
+    }
+    if (is_new) show(number, to);
+    GstBuffer* const buffer = buffer_of(unit, base_);
+    const media::sample_ptr sample(gst_sample_new(buffer, to.caps.get(), nullptr, nullptr));
+    gst_buffer_unref(buffer);
+    media::say_pushed();
+    gst_app_src_push_sample(GST_APP_SRC(to.source), sample.get());
+  }
+
+  // What is behind the pad is built before the first unit comes.
+  void show(int number, track& made) {
+    made.source = gst_element_factory_make("appsrc", nullptr);
+    g_object_set(made.source, "format", GST_FORMAT_TIME, "is-live", TRUE, "max-bytes", guint64{0},
+                 "caps", made.caps.get(), nullptr);
+    media::add(bin_.get(), element_ptr(GST_ELEMENT(gst_object_ref_sink(made.source))));
+    const pad_ptr out(gst_element_get_static_pad(made.source, "src"));
+    ask_for_key_frames(out.get());
+    // It says what it sends by its template: an appsrc says so only once it has sent.
+    const std::string name = "stream_" + std::to_string(number);
+    const std::unique_ptr<GstPadTemplate, media::object_unref> told(
+        GST_PAD_TEMPLATE(gst_object_ref_sink(
+            gst_pad_template_new(name.c_str(), GST_PAD_SRC, GST_PAD_SOMETIMES, made.caps.get()))));
+    GstPad* const shown = gst_ghost_pad_new_from_template(name.c_str(), out.get(), told.get());
+    made.shown.reset(GST_PAD(gst_object_ref(shown)));
+    gst_pad_set_active(shown, TRUE);
+    gst_element_add_pad(bin_.get(), shown);
+    gst_element_sync_state_with_parent(made.source);
+  }
+
+  // Whoever wants one sends an event against the stream.
+  void ask_for_key_frames(GstPad* out) {
+    struct asked {
+      std::shared_ptr<packet_plane> plane;
+      std::weak_ptr<sender> from;
+    };
+    using context = media::carried<asked>;
+    gst_pad_add_probe(
+        out, GST_PAD_PROBE_TYPE_EVENT_UPSTREAM,
+        [](GstPad*, GstPadProbeInfo* info, gpointer given) {
+          if (gst_video_event_is_force_key_unit(GST_PAD_PROBE_INFO_EVENT(info)) == FALSE) {
+            return GST_PAD_PROBE_OK;
+          }
+          const asked& whom = static_cast<context*>(given)->get();
+          whom.plane->thread.post([from = whom.from] {
+            if (const auto alive = from.lock()) alive->request_key_frames();
+          });
+          return GST_PAD_PROBE_DROP;
+        },
+        std::make_unique<context>(asked{plane_, sender_}).release(),
+        [](gpointer given) { const std::unique_ptr<context> owner(static_cast<context*>(given)); });
+  }
+
+  void end_track(int number) {
+    const auto at = tracks_.find(number);
+    if (at == tracks_.end()) return;
+    const track ended = std::move(at->second);
+    tracks_.erase(at);
+    gst_element_remove_pad(bin_.get(), ended.shown.get());
+    gst_element_set_state(ended.source, GST_STATE_NULL);
+    gst_bin_remove(GST_BIN(bin_.get()), ended.source);
+  }
+
+  const std::shared_ptr<packet_plane> plane_;
+  const element_ptr bin_;
+  media_time base_{};
+  bool fault_told_ = false;
+  std::map<int, track> tracks_;
+  std::shared_ptr<sender> sender_;
+};
+
+bool open_lines(const std::vector<stream_description>& streams, const settings& how,
+                std::vector<media_line>& lines, std::vector<int>& chosen, std::string& error) {
+  for (const stream_description& stream : streams) {
+    if (stream.srtp && !how.key) {
+      error = "it is encrypted: --encrypt_mode and --encrypt_secret should be given";
+      return false;
+    }
+    media_line line;
+    line.sockets = open_sockets({stream.address, stream.port, stream.rtcp_port, stream.rtcp_mux,
+                                 how.min_port, how.max_port},
+                                error);
+    if (!line.sockets.rtp.valid()) return false;
+    if (stream.port == 0) chosen.push_back(line.sockets.port);
+    for (const auto& [number, caps] : stream.caps) line.payloads[number] = payload_of(caps.get());
+    lines.push_back(std::move(line));
   }
   return true;
-}
-
-GstElement* add_rtpbin(GstElement* bin, source_state& state, const settings& how) {
-  GstElement* const rtpbin = add_element(bin, "rtpbin");
-  if (rtpbin == nullptr) return nullptr;
-  const auto latency_ms =
-      std::chrono::duration_cast<std::chrono::milliseconds>(how.jitter_latency).count();
-  g_object_set(rtpbin, "latency", static_cast<guint>(latency_ms), "do-lost", TRUE, "autoremove",
-               TRUE, "max-streams", kMaxSources, "rtp-profile", kAvpfProfile, nullptr);
-  g_signal_connect(rtpbin, "request-pt-map", G_CALLBACK(on_request_pt_map), &state);
-  g_signal_connect(rtpbin, "pad-added", G_CALLBACK(on_stream), &state);
-  g_signal_connect(rtpbin, "pad-removed", G_CALLBACK(on_stream_gone), &state);
-  return rtpbin;
-}
-
-std::string undecryptable(source_state& state) {
-  if (state.encrypted < kUndecryptable || state.decrypted > 0 || state.fault_told.exchange(true)) {
-    return "";
-  }
-  return "none of its packets can be decrypted: --encrypt_mode or --encrypt_secret is not the "
-         "sender's";
 }
 
 }  // namespace
 
 std::optional<rtp_source> make_rtp_source(const std::string& text, const settings& how,
+                                          std::shared_ptr<packet_plane> plane,
                                           std::vector<missing_medium>& left_out,
                                           std::string& error) {
-  auto state = std::make_unique<source_state>();
-  state->streams = parse_description(text, left_out, error);
-  if (state->streams.empty()) return std::nullopt;
-  state->key = how.key;
-  state->cname = how.use_sender_reports ? "sender" : "";
+  const std::vector<stream_description> streams = parse_description(text, left_out, error);
+  if (streams.empty()) return std::nullopt;
+  std::vector<media_line> lines;
   std::vector<int> chosen;
-  if (!open_all(*state, how, chosen, error)) return std::nullopt;
-  rtp_source made;
-  made.bin.reset(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
-  GstElement* const rtpbin = add_rtpbin(made.bin.get(), *state, how);
-  if (rtpbin == nullptr || (how.key && !media::have_element("srtpdec"))) {
-    error =
-        "rtpbin is in the package gstreamer1.0-plugins-good, srtpdec in "
-        "gstreamer1.0-plugins-bad";
+  if (!open_lines(streams, how, lines, chosen, error)) return std::nullopt;
+  std::unique_ptr<srtp_session> ciphers;
+  if (how.key) ciphers = srtp_session::make(*how.key);
+  if (how.key && !ciphers) {
+    error = "libsrtp2 doesn't have the cipher of --encrypt_mode";
     return std::nullopt;
   }
-  for (size_t number = 0; number < state->streams.size(); ++number) {
-    const stream_description& stream = state->streams[number];
-    if (stream.srtp && !how.key) {
-      error = "it is encrypted: --encrypt_mode and --encrypt_secret should be given";
-      return std::nullopt;
-    }
-    add_session(made.bin.get(), rtpbin, *state, number);
+  rtp_source made;
+  for (const stream_description& stream : streams) {
     (stream.kind == media::media_kind::kVideo ? made.video : made.sound) = true;
   }
   if (!chosen.empty()) made.answer = answer_with_ports(text, chosen);
-  source_state* const borrowed = state.release();
-  made.fault = [borrowed] { return undecryptable(*borrowed); };
-  // The bin's elements use it until they are gone.
-  g_object_weak_ref(
-      G_OBJECT(made.bin.get()),
-      [](gpointer context, GObject*) {
-        const std::unique_ptr<source_state> owner(static_cast<source_state*>(context));
-      },
-      borrowed);
+  made.bin.reset(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
+  made.feed = std::make_shared<appsrc_feed>(std::move(lines), how, std::move(ciphers),
+                                            std::move(plane), made.bin.get());
   return made;
 }
 

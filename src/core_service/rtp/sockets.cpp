@@ -1,9 +1,15 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/rtp/sockets.h"
 
-#include <utility>
+#include <cerrno>
+#include <cstring>
+#include <optional>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <sys/socket.h>
+
+#include "core_service/descriptors.h"
 
 namespace zelta::core_service::rtp {
 namespace {
@@ -13,50 +19,96 @@ constexpr int kReceiveBytes = 4 << 20;
 constexpr int kFirstPort = 1024;
 constexpr int kLastPort = 65535;
 
-using address_ptr = std::unique_ptr<GInetAddress, gobject_unref>;
-using end_ptr = std::unique_ptr<GSocketAddress, gobject_unref>;
+// An address of either kind, without a port.
+struct ip_address {
+  int family = AF_INET;
+  in_addr v4{};
+  in6_addr v6{};
 
-socket_ptr bind_socket(GInetAddress* at, int port, std::string& error) {
-  GError* failed = nullptr;
-  socket_ptr socket(g_socket_new(g_inet_address_get_family(at), G_SOCKET_TYPE_DATAGRAM,
-                                 G_SOCKET_PROTOCOL_UDP, &failed));
-  const end_ptr end(g_inet_socket_address_new(at, static_cast<guint16>(port)));
-  if (!socket || g_socket_bind(socket.get(), end.get(), FALSE, &failed) == FALSE) {
-    error = "UDP port " + std::to_string(port) + ": " + failed->message;
-    g_clear_error(&failed);
-    return nullptr;
+  bool is_multicast() const {
+    return family == AF_INET ? IN_MULTICAST(ntohl(v4.s_addr)) : IN6_IS_ADDR_MULTICAST(&v6) != 0;
   }
+};
+
+std::optional<ip_address> parse_address(const std::string& text) {
+  ip_address parsed;
+  if (inet_pton(AF_INET, text.c_str(), &parsed.v4) == 1) return parsed;
+  parsed.family = AF_INET6;
+  if (inet_pton(AF_INET6, text.c_str(), &parsed.v6) == 1) return parsed;
+  return std::nullopt;
+}
+
+bool bind_to(int fd, const ip_address& at, int port) {
+  const auto number = htons(static_cast<uint16_t>(port));
+  if (at.family == AF_INET) {
+    sockaddr_in end{};
+    end.sin_family = AF_INET;
+    end.sin_port = number;
+    end.sin_addr = at.v4;
+    return bind(fd, reinterpret_cast<const sockaddr*>(&end), sizeof end) == 0;
+  }
+  sockaddr_in6 end{};
+  end.sin6_family = AF_INET6;
+  end.sin6_port = number;
+  end.sin6_addr = at.v6;
+  return bind(fd, reinterpret_cast<const sockaddr*>(&end), sizeof end) == 0;
+}
+
+void set(int fd, int level, int option, int value) {
   // What can't be had is done without.
-  g_socket_set_option(socket.get(), SOL_SOCKET, SO_RCVBUF, kReceiveBytes, nullptr);
+  static_cast<void>(setsockopt(fd, level, option, &value, sizeof value));
+}
+
+base::unique_fd bind_socket(const ip_address& at, int port, std::string& error) {
+  base::unique_fd socket(
+      ::socket(at.family, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, IPPROTO_UDP));
+  if (!socket.valid() || !bind_to(socket.get(), at, port)) {
+    const int failed = errno;
+    error = "UDP port " + std::to_string(port) + ": " + std::strerror(failed);
+    errno = failed;
+    return {};
+  }
+  set(socket.get(), SOL_SOCKET, SO_RCVBUF, kReceiveBytes);
+  set(socket.get(), SOL_SOCKET, SO_TIMESTAMPNS, 1);
+  set(socket.get(), SOL_SOCKET, SO_RXQ_OVFL, 1);
   return socket;
 }
 
+void join_group(int fd, const ip_address& group) {
+  if (group.family == AF_INET) {
+    const ip_mreq wanted{group.v4, {htonl(INADDR_ANY)}};
+    static_cast<void>(setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &wanted, sizeof wanted));
+  } else {
+    const ipv6_mreq wanted{group.v6, 0};
+    static_cast<void>(setsockopt(fd, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &wanted, sizeof wanted));
+  }
+}
+
 // A sender behind a router names the router's address.
-socket_ptr bind_somewhere(const std::string& address, int port, std::string& error) {
-  const address_ptr given(g_inet_address_new_from_string(address.c_str()));
+base::unique_fd bind_somewhere(const std::string& address, int port, std::string& error) {
+  const auto given = parse_address(address);
   if (!given) {
     error = "\"" + address + "\" is no IP address";
-    return nullptr;
+    return {};
   }
-  if (g_inet_address_get_is_multicast(given.get()) == FALSE) {
-    socket_ptr socket = bind_socket(given.get(), port, error);
-    if (socket) return socket;
+  if (!given->is_multicast()) {
+    base::unique_fd socket = bind_socket(*given, port, error);
+    if (socket.valid()) return socket;
   }
-  const address_ptr any(g_inet_address_new_any(g_inet_address_get_family(given.get())));
-  socket_ptr socket = bind_socket(any.get(), port, error);
-  if (socket && g_inet_address_get_is_multicast(given.get()) != FALSE) {
-    g_socket_join_multicast_group(socket.get(), given.get(), FALSE, nullptr, nullptr);
-  }
+  ip_address any;
+  any.family = given->family;
+  base::unique_fd socket = bind_socket(any, port, error);
+  if (socket.valid() && given->is_multicast()) join_group(socket.get(), *given);
   return socket;
 }
 
 socket_pair open_at(const wanted_sockets& wanted, int port, int rtcp_port, std::string& error) {
   socket_pair pair;
   pair.rtp = bind_somewhere(wanted.address, port, error);
-  if (!pair.rtp) return {};
+  if (!pair.rtp.valid()) return {};
   if (!wanted.rtcp_mux) {
     pair.rtcp = bind_somewhere(wanted.address, rtcp_port, error);
-    if (!pair.rtcp) return {};
+    if (!pair.rtcp.valid()) return {};
   }
   pair.port = port;
   return pair;
@@ -70,7 +122,8 @@ socket_pair open_sockets(const wanted_sockets& wanted, std::string& error) {
   const int highest = wanted.max_port > 0 ? wanted.max_port : kLastPort;
   for (int port = lowest + lowest % 2; port + 1 <= highest; port += 2) {
     socket_pair pair = open_at(wanted, port, port + 1, error);
-    if (pair.rtp) return pair;
+    // Another port would be no better.
+    if (pair.rtp.valid() || is_shortage(errno)) return pair;
   }
   error = "no pair of UDP ports is free between " + std::to_string(lowest) + " and " +
           std::to_string(highest) + " (--min_port, --max_port, or ports of the settings)";

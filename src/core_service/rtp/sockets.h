@@ -2,22 +2,16 @@
 // The UDP sockets of one stream.
 #pragma once
 
-#include <memory>
 #include <string>
 
-#include <gio/gio.h>
+#include "base/unique_fd.h"
 
 namespace zelta::core_service::rtp {
 
-struct gobject_unref {
-  void operator()(void* object) const { g_object_unref(object); }
-};
-using socket_ptr = std::unique_ptr<GSocket, gobject_unref>;
-
 struct socket_pair {
-  socket_ptr rtp;
-  socket_ptr rtcp;  // null: both come on one
-  int port = 0;     // of rtp
+  base::unique_fd rtp;
+  base::unique_fd rtcp;  // none: both come on one
+  int port = 0;          // of rtp
 };
 
 struct wanted_sockets {
@@ -29,8 +23,9 @@ struct wanted_sockets {
   int max_port;
 };
 
-// Bound to the address where it is one of this machine, else to all addresses. Empty with `error`
-// when a port can't be had.
+// Bound to the address where it is one of this machine, else to all addresses. They don't block,
+// and the kernel says of each datagram when it came and how many it had no room for. Empty with
+// `error` when a port can't be had.
 socket_pair open_sockets(const wanted_sockets& wanted, std::string& error);
 
 }  // namespace zelta::core_service::rtp

@@ -1,0 +1,208 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core_service/rtp/packet_thread.h"
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <ctime>
+
+#include <pthread.h>
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+namespace zelta::core_service::rtp {
+namespace {
+
+using media::media_time;
+
+constexpr size_t kDatagrams = 32;
+// No link that is worth recording carries longer ones.
+constexpr size_t kLongest = 9216;
+constexpr int kEvents = 64;
+// Of one socket in one turn, so that nobody starves the others.
+constexpr int kCallsATurn = 4;
+
+media_time time_of(clockid_t clock) {
+  timespec now{};
+  clock_gettime(clock, &now);
+  return std::chrono::seconds(now.tv_sec) + media_time(now.tv_nsec);
+}
+
+}  // namespace
+
+// What one call of recvmmsg fills.
+struct packet_thread::batch {
+  batch() {
+    for (size_t i = 0; i < kDatagrams; ++i) {
+      spans[i] = {bytes[i].data(), bytes[i].size()};
+      msghdr& head = heads[i].msg_hdr;
+      head.msg_iov = &spans[i];
+      head.msg_iovlen = 1;
+      head.msg_name = &from[i];
+      head.msg_control = control[i].data();
+    }
+  }
+
+  // The kernel writes the lengths over.
+  int receive(int fd) {
+    for (size_t i = 0; i < kDatagrams; ++i) {
+      heads[i].msg_hdr.msg_namelen = sizeof from[i];
+      heads[i].msg_hdr.msg_controllen = control[i].size();
+    }
+    return recvmmsg(fd, heads.data(), kDatagrams, MSG_DONTWAIT, nullptr);
+  }
+
+  // The kernel's stamps are of the wall clock. `lead`: of the monotonic clock.
+  media_time arrival(size_t i, media_time lead, media_time now) {
+    msghdr& head = heads[i].msg_hdr;
+    for (cmsghdr* one = CMSG_FIRSTHDR(&head); one != nullptr; one = CMSG_NXTHDR(&head, one)) {
+      if (one->cmsg_level != SOL_SOCKET || one->cmsg_type != SO_TIMESTAMPNS) continue;
+      timespec stamp{};
+      std::copy_n(CMSG_DATA(one), sizeof stamp, reinterpret_cast<unsigned char*>(&stamp));
+      const media_time at = std::chrono::seconds(stamp.tv_sec) + media_time(stamp.tv_nsec) + lead;
+      // The wall clock may have been set in between.
+      return at <= now && now - at < std::chrono::seconds(10) ? at : now;
+    }
+    return now;
+  }
+
+  std::array<std::array<uint8_t, kLongest>, kDatagrams> bytes;
+  std::array<iovec, kDatagrams> spans{};
+  std::array<sockaddr_storage, kDatagrams> from{};
+  std::array<std::array<uint8_t, 128>, kDatagrams> control{};
+  std::array<mmsghdr, kDatagrams> heads{};
+};
+
+packet_thread::packet_thread()
+    : epoll_(epoll_create1(EPOLL_CLOEXEC)),
+      wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
+      batch_(std::make_unique<batch>()) {
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.fd = wake_.get();
+  epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &event);
+  thread_ = std::thread([this] { run(); });
+}
+
+packet_thread::~packet_thread() {
+  post([this] { over_ = true; });
+  thread_.join();
+}
+
+void packet_thread::post(std::function<void()> work) {
+  {
+    const std::lock_guard<std::mutex> guard(lock_);
+    posted_.push_back(std::move(work));
+  }
+  const uint64_t one = 1;
+  // Full is as good as written.
+  static_cast<void>(!write(wake_.get(), &one, sizeof one));
+}
+
+void packet_thread::call(const std::function<void()>& work) {
+  std::mutex lock;
+  std::condition_variable changed;
+  bool done = false;
+  post([&] {
+    work();
+    const std::lock_guard<std::mutex> guard(lock);
+    done = true;
+    changed.notify_one();
+  });
+  std::unique_lock<std::mutex> guard(lock);
+  changed.wait(guard, [&done] { return done; });
+}
+
+void packet_thread::add(int fd, packet_receiver& to) {
+  receivers_[fd] = &to;
+  epoll_event event{};
+  event.events = EPOLLIN;
+  event.data.fd = fd;
+  epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event);
+}
+
+void packet_thread::remove(int fd) {
+  receivers_.erase(fd);
+  epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void packet_thread::wake_at(packet_receiver& who, media_time when) {
+  const auto known = moment_of_.find(&who);
+  if (known != moment_of_.end()) {
+    if (known->second == when) return;
+    moments_.erase({known->second, &who});
+    moment_of_.erase(known);
+  }
+  if (when == media_time::zero()) return;
+  moments_.emplace(when, &who);
+  moment_of_.emplace(&who, when);
+}
+
+void packet_thread::run() {
+  pthread_setname_np(pthread_self(), "packets");
+  std::array<epoll_event, kEvents> events{};
+  while (!over_) {
+    const int ready = epoll_wait(epoll_.get(), events.data(), kEvents, timeout_ms());
+    for (int i = 0; i < ready; ++i) {
+      const int fd = events[static_cast<size_t>(i)].data.fd;
+      if (fd == wake_.get()) {
+        run_posted();
+      } else {
+        receive(fd);
+      }
+    }
+    run_woken();
+  }
+}
+
+int packet_thread::timeout_ms() const {
+  if (moments_.empty()) return -1;
+  const auto left =
+      std::chrono::ceil<std::chrono::milliseconds>(moments_.begin()->first - media::now());
+  return static_cast<int>(std::clamp<int64_t>(left.count(), 0, 60'000));
+}
+
+void packet_thread::receive(int fd) {
+  for (int call = 0; call < kCallsATurn; ++call) {
+    const int count = batch_->receive(fd);
+    // Refused feedback, among others, comes as an error of the next call, and says nothing of it.
+    if (count < 0 && errno != EAGAIN && errno != EINTR) continue;
+    if (count <= 0) return;
+    const media_time now = media::now();
+    const media_time lead = now - time_of(CLOCK_REALTIME);
+    for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
+      // Each time, because what came before may have ended its receiver.
+      const auto to = receivers_.find(fd);
+      if (to == receivers_.end()) return;
+      const mmsghdr& one = batch_->heads[i];
+      if ((one.msg_hdr.msg_flags & MSG_TRUNC) != 0) continue;
+      to->second->on_datagram({batch_->bytes[i].data(), one.msg_len, batch_->arrival(i, lead, now),
+                               reinterpret_cast<const sockaddr*>(&batch_->from[i]),
+                               one.msg_hdr.msg_namelen, fd});
+    }
+    if (static_cast<size_t>(count) < kDatagrams) return;
+  }
+}
+
+void packet_thread::run_posted() {
+  uint64_t ignored = 0;
+  static_cast<void>(!read(wake_.get(), &ignored, sizeof ignored));
+  std::vector<std::function<void()>> work;
+  {
+    const std::lock_guard<std::mutex> guard(lock_);
+    work.swap(posted_);
+  }
+  for (const auto& one : work) one();
+}
+
+void packet_thread::run_woken() {
+  const media_time now = media::now();
+  while (!moments_.empty() && moments_.begin()->first <= now) {
+    packet_receiver* const who = moments_.begin()->second;
+    wake_at(*who, media_time::zero());
+    who->on_wake(now);
+  }
+}
+
+}  // namespace zelta::core_service::rtp

@@ -1,0 +1,87 @@
+// SPDX-License-Identifier: Apache-2.0
+// The one thread that receives the packets of all users.
+//
+//     sockets ─▶ epoll ─▶ recvmmsg, up to 32 datagrams a call ─▶ packet_receiver
+//
+// Nothing that a receiver does may wait for anything: what stands still here stands still for all,
+// and what doesn't fit into the sockets' buffers meanwhile is lost.
+#pragma once
+
+#include <condition_variable>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <thread>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+#include <sys/socket.h>
+
+#include "base/unique_fd.h"
+#include "core_service/media/timeline.h"
+
+namespace zelta::core_service::rtp {
+
+struct datagram {
+  uint8_t* bytes;  // the receiver may change them; valid until it returns
+  size_t size;
+  media::media_time arrival;  // when the kernel had it
+  const sockaddr* from;
+  socklen_t from_size;
+  int fd;
+};
+
+// All of it on the packet thread.
+class packet_receiver {
+ public:
+  virtual ~packet_receiver() = default;
+  virtual void on_datagram(const datagram& one) = 0;
+  // At a moment that was asked for by wake_at(), or later.
+  virtual void on_wake(media::media_time now) = 0;
+};
+
+class packet_thread {
+ public:
+  packet_thread();
+  packet_thread(const packet_thread&) = delete;
+  packet_thread& operator=(const packet_thread&) = delete;
+  ~packet_thread();
+
+  // Any thread: `work` is done on the packet thread, in the order of posting.
+  void post(std::function<void()> work);
+  // Any other thread: the same, and waits until it is done.
+  void call(const std::function<void()>& work);
+
+  // The rest is for the packet thread. The descriptor stays the caller's, who ends with remove().
+  void add(int fd, packet_receiver& to);
+  void remove(int fd);
+  // In place of the receiver's earlier moment; each is for once. Zero: not at all.
+  void wake_at(packet_receiver& who, media::media_time when);
+
+ private:
+  struct batch;
+
+  void run();
+  void receive(int fd);
+  void run_posted();
+  void run_woken();
+  int timeout_ms() const;
+
+  base::unique_fd epoll_;
+  base::unique_fd wake_;
+  std::mutex lock_;
+  std::vector<std::function<void()>> posted_;
+  bool over_ = false;
+
+  std::unique_ptr<batch> batch_;
+  std::unordered_map<int, packet_receiver*> receivers_;
+  std::set<std::pair<media::media_time, packet_receiver*>> moments_;
+  std::unordered_map<packet_receiver*, media::media_time> moment_of_;
+  std::thread thread_;
+};
+
+}  // namespace zelta::core_service::rtp

@@ -1,0 +1,99 @@
+// SPDX-License-Identifier: Apache-2.0
+// One user who sends RTP: the sockets of each of the description's media lines, the sources that
+// send to them, and the RTCP both ways.
+//
+// Made on any thread; everything else on the packet thread.
+#pragma once
+
+#include <array>
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <vector>
+
+#include "core_service/rtp/packet_thread.h"
+#include "core_service/rtp/payload.h"
+#include "core_service/rtp/settings.h"
+#include "core_service/rtp/sockets.h"
+#include "core_service/rtp/srtp_session.h"
+#include "core_service/rtp/stream.h"
+
+namespace zelta::core_service::rtp {
+
+// A media line: where it arrives, and what may come there.
+struct media_line {
+  socket_pair sockets;
+  std::map<int, payload> payloads;
+};
+
+class sender : public packet_receiver {
+ public:
+  // A stream is known by its number, which is never used twice; its first unit begins it.
+  struct events {
+    std::function<void(int number, const payload& of, media::encoded_unit&& unit)> unit;
+    // It has said goodbye, or has been silent for long.
+    std::function<void(int number)> gone;
+  };
+
+  // Thread and pool are borrowed. `ciphers` may be null: nothing is encrypted.
+  sender(std::vector<media_line> lines, const settings& how, std::unique_ptr<srtp_session> ciphers,
+         packet_thread& by, media::byte_pool& pool, events told);
+  ~sender() override;
+  sender(const sender&) = delete;
+  sender& operator=(const sender&) = delete;
+
+  void start();
+  void stop();
+  // Asks for a picture that needs no other, of every source of pictures.
+  void request_key_frames();
+
+  void on_datagram(const datagram& one) override;
+  void on_wake(media::media_time now) override;
+
+  // Any thread: packets that should have been encrypted, and those that could be decrypted.
+  uint64_t encrypted() const { return encrypted_; }
+  uint64_t decrypted() const { return decrypted_; }
+
+ private:
+  struct source {
+    int number;
+    bool begun = false;  // a unit has come out
+    media::media_time asked{};
+    std::unique_ptr<stream> of;
+  };
+  struct line {
+    media_line of;
+    std::map<uint32_t, source> sources;  // by SSRC
+    // Where reports come from, and feedback goes; its size is 0 while nothing has come.
+    sockaddr_storage feedback_to{};
+    socklen_t feedback_size = 0;
+  };
+  class control_reader;
+
+  void on_rtp(line& at, const datagram& one, size_t size);
+  void on_rtcp(line& at, const datagram& one, size_t size);
+  source* find_or_make(line& at, const packet& one);
+  void end_source(line& at, uint32_t ssrc);
+  void ask(line& at, source& whose, media::media_time now);
+  void send_reports(line& at, media::media_time now);
+  void send(line& at, std::array<uint8_t, 1500>& bytes, size_t size);
+  void plan_wake(media::media_time now);
+
+  const settings how_;
+  const std::unique_ptr<srtp_session> ciphers_;
+  packet_thread& by_;
+  media::byte_pool& pool_;
+  const events told_;
+  const uint32_t own_ssrc_;
+  sender_clocks clocks_;
+  std::vector<line> lines_;
+  int next_number_ = 0;
+  media::media_time reported_{};
+  bool running_ = false;
+  std::atomic<uint64_t> encrypted_{0};
+  std::atomic<uint64_t> decrypted_{0};
+};
+
+}  // namespace zelta::core_service::rtp

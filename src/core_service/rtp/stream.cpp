@@ -1,0 +1,118 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core_service/rtp/stream.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "core_service/media/opus_packet.h"
+
+namespace zelta::core_service::rtp {
+namespace {
+
+using media::media_time;
+
+// A unit is of the packet's timestamp that brought it out, or of the one before.
+constexpr size_t kPlaced = 4;
+
+}  // namespace
+
+stream::stream(uint32_t ssrc, const payload& of, media_time patience, media::byte_pool& pool,
+               sender_clocks& clocks, events told)
+    : ssrc_(ssrc),
+      payload_(of),
+      told_(std::move(told)),
+      stats_(of.clock_rate),
+      clock_(of.clock_rate, clocks),
+      order_(patience, [this](const reorder_buffer::ordered& one) { on_ordered(one); }),
+      formats_(*of.kind, of.described),
+      depayloader_(make_depayloader(
+          *of.kind, pool, [this](depayloaded&& one) { on_depayloaded(std::move(one)); })) {
+  placed_.reserve(kPlaced);
+}
+
+void stream::take(const packet& one, const uint8_t* bytes, size_t size, media_time arrival) {
+  heard_ = arrival;
+  const auto [verdict, sequence] = validator_.check(one.sequence);
+  if (verdict == verdict::kProbation || verdict == verdict::kDrop) {
+    return doubt(sequence, one, bytes, size, arrival);
+  }
+  if (verdict == verdict::kRestarted) {
+    order_.restart();
+    stats_.restarted();
+  }
+  valid_ = true;
+  if (!doubted_.empty()) take_doubted();
+  push(sequence, one.timestamp, bytes, size, arrival);
+}
+
+void stream::doubt(int64_t sequence, const packet& one, const uint8_t* bytes, size_t size,
+                   media_time arrival) {
+  if (doubted_.size() == static_cast<size_t>(kMinSequential)) doubted_.erase(doubted_.begin());
+  doubted_.push_back({sequence, one.timestamp, arrival, {bytes, bytes + size}});
+}
+
+void stream::take_doubted() {
+  std::vector<doubtful> doubted = std::exchange(doubted_, {});
+  std::sort(doubted.begin(), doubted.end(),
+            [](const doubtful& a, const doubtful& b) { return a.sequence < b.sequence; });
+  for (const doubtful& one : doubted) {
+    if (!validator_.belongs(one.sequence)) continue;
+    push(one.sequence, one.timestamp, one.bytes.data(), one.bytes.size(), one.arrival);
+  }
+}
+
+void stream::push(int64_t sequence, uint32_t timestamp, const uint8_t* bytes, size_t size,
+                  media_time arrival) {
+  stats_.received(sequence, timestamp, arrival);
+  order_.push(sequence, bytes, size, arrival);
+}
+
+void stream::report(const sender_report& one, media_time arrival, bool places) {
+  stats_.sender_reported(one.ntp, arrival);
+  if (places && one.ntp != 0) clock_.report(one.ntp, one.timestamp, arrival);
+}
+
+void stream::finish() {
+  order_.finish();
+  depayloader_->finish();
+}
+
+void stream::on_ordered(const reorder_buffer::ordered& one) {
+  const auto parsed = parse_packet(one.bytes, one.size);
+  if (!parsed) return;
+  if (placed_.empty() || placed_.back().timestamp != parsed->timestamp) {
+    if (placed_.size() == kPlaced) placed_.erase(placed_.begin());
+    placed_.push_back({parsed->timestamp, clock_.place(parsed->timestamp, one.arrival).time});
+  } else {
+    clock_.place(parsed->timestamp, one.arrival);
+  }
+  if (one.lost) told_.damaged();
+  depayloader_->push(*parsed, one.lost);
+}
+
+void stream::on_depayloaded(depayloaded&& one) {
+  const auto at = std::find_if(placed_.rbegin(), placed_.rend(), [&one](const placed& known) {
+    return known.timestamp == one.timestamp;
+  });
+  if (at == placed_.rend()) return;
+  media::encoded_unit unit;
+  unit.format = formats_.look(one.bytes.data(), one.bytes.size(), one.key);
+  if (one.damaged) told_.damaged();
+  // Not decodable yet: the sender has to begin anew.
+  if (!unit.format) return told_.damaged();
+  unit.bytes = std::move(one.bytes);
+  unit.key = one.key;
+  unit.time = unit.decode_time = at->time;
+  if (payload_.kind->kind == media::media_kind::kVideo) {
+    if (!decoding_) decoding_.emplace(unit.format->reordered);
+    const auto [presentation, decode] = decoding_->next(at->time);
+    unit.time = presentation;
+    unit.decode_time = decode;
+  } else if (const auto sound = media::read_opus_packet(unit.bytes.data(), unit.bytes.size());
+             sound && payload_.kind->name == std::string_view("opus")) {
+    unit.duration = sound->duration();
+  }
+  told_.unit(std::move(unit));
+}
+
+}  // namespace zelta::core_service::rtp
