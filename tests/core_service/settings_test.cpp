@@ -200,8 +200,7 @@ Json::Value schema_of(const setting& row) {
 }
 
 TEST_F(SettingsSchema, DescribesWhatIsTaken) {
-  std::string path = __FILE__;
-  path.replace(path.rfind("tests/"), std::string::npos, "docs/recorder-settings.schema.json");
+  const std::string path = SCHEMA_FILE;
   Json::Value schema;
   std::string error;
   std::ifstream file(path);
