@@ -293,7 +293,9 @@ def run_recorder(work, asked, users):
     lost = sum(udp_drops(answered_ports(run.channel)).values())
     end_ms = time.time() * 1000
     used, took = recorder.end()
-    faults, missing = crowd_files.judge(run.out, report, users, end_ms, bool(asked.loss))
+    # The recording ends somewhere in between.
+    last_ms = end_ms + 1000 * (took or 0)
+    faults, missing = crowd_files.judge(run.out, report, users, last_ms, bool(asked.loss))
     run.remove()
     return {
         "late_ms": report["late_ms"], "status": recorder.tool.returncode, "took": took,
