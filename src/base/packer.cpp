@@ -39,7 +39,8 @@ packer& packer::push_bytes(const void* bytes, size_t size) {
 
 void packer::replace(const void* bytes, size_t size, uint32_t position) {
   check_size(size, position);
-  std::memcpy(buffer_.data() + position, bytes, size);
+  // An empty payload has no address.
+  if (size > 0) std::memcpy(buffer_.data() + position, bytes, size);
 }
 
 packer& packer::push(uint8_t value) {

@@ -168,10 +168,11 @@ class RtpTest : public RecordingTest {
            std::to_string(port + 2);
   }
   // Sound, a beep of 0.1 s each second.
-  std::string sound_sender(int buffers) const {
+  std::string sound_sender(int buffers, const std::string& ssrc = "7") const {
     return "gst-launch-1.0 audiotestsrc is-live=true samplesperbuffer=960 wave=ticks num-buffers=" +
            std::to_string(buffers) +
-           " ! audio/x-raw,rate=48000,channels=1 ! opusenc ! rtpopuspay pt=97 ! udpsink sync=false "
+           " ! audio/x-raw,rate=48000,channels=1 ! opusenc ! rtpopuspay pt=97 ssrc=" + ssrc +
+           " ! udpsink sync=false "
            "host=127.0.0.1 port=" +
            std::to_string(port + 2);
   }
@@ -251,16 +252,22 @@ TEST_F(RtpTest, SoundThatStopsAndComesBackLeavesSilenceOfTheSameLength) {
   describe();
   Process first(sound_sender(75));
   first.wait();
-  ASSERT_TRUE(wait_recorded(4000)) << "silence goes on being recorded";
-  Process second(sound_sender(75));
+  // Goodbye, which is one source's alone.
+  Socket().send(port + 3, {0x81, 203, 0, 1, 0, 0, 0, 7});
+  ASSERT_TRUE(wait_recorded(6000)) << "silence goes on being recorded";
+  Process second(sound_sender(75, "8"));
   second.wait();
+  EXPECT_EQ(handler.count("user out"), 0);
   user_leaves();
   release();
   ASSERT_EQ(files().size(), 1U);
   EXPECT_EQ(files()[0]["kind"].asString(), "audio");
   const std::string path = folder + files()[0]["name"].asString();
   EXPECT_NEAR(seconds_of(path) * 1000, files()[0]["duration_ms"].asDouble(), 100);
-  EXPECT_GT(seconds_of(path), 5.0);
+  EXPECT_GT(seconds_of(path), 7.0);
+  const std::string loudness =
+      output_of("ffmpeg -v info -ss 6 -i " + path + " -af volumedetect -f null -");
+  EXPECT_EQ(loudness.find("max_volume: -91"), std::string::npos) << "the second is heard";
 }
 
 TEST_F(RtpTest, PictureThatStopsGivesWayToSoundAndComesBack) {

@@ -24,6 +24,10 @@ void* operator new(size_t bytes) {
   if (void* const memory = std::malloc(bytes)) return memory;
   throw std::bad_alloc();
 }
+void* operator new(size_t bytes, const std::nothrow_t&) noexcept {
+  zelta::test::count.fetch_add(1, std::memory_order_relaxed);
+  return std::malloc(bytes);
+}
 void operator delete(void* memory) noexcept {
   std::free(memory);
 }

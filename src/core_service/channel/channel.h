@@ -28,6 +28,8 @@ struct user_media {
   // What is not to be waited for.
   bool may_have_video = true;
   bool may_have_sound = true;
+  // False: a track that ends may be followed by another at any time.
+  bool ends_by_itself = true;
   // What fills the source; null: it fills itself.
   std::shared_ptr<media_feed> feed;
   // How much later than captured media comes out.

@@ -229,9 +229,14 @@ class dir_channel : public channel {
   user_media make_sender(const std::string& name, uint32_t uid) {
     std::vector<missing_medium> left_out;
     std::string error;
-    if (!plane_) plane_ = std::make_shared<rtp::packet_plane>();
+    if (!plane_ || !plane_->thread.runs()) plane_ = std::make_shared<rtp::packet_plane>();
+    if (!plane_->thread.runs()) {
+      listener_.on_missing(uid,
+                           {"all", "", name + ": no thread or descriptor is left to receive it"});
+      return {};
+    }
     auto made =
-        rtp::make_rtp_source(read_description(folder_ + name), rtp_, plane_, left_out, error);
+        rtp::make_rtp_source(uid, read_description(folder_ + name), rtp_, plane_, left_out, error);
     for (const missing_medium& one : left_out) {
       if (one.medium.empty()) {
         log(name + ": " + one.reason);
@@ -252,6 +257,7 @@ class dir_channel : public channel {
     from.may_have_video = made->video;
     from.may_have_sound = made->sound;
     from.feed = std::move(made->feed);
+    from.ends_by_itself = false;
     from.lateness = rtp_.jitter_latency;
     return from;
   }

@@ -77,6 +77,7 @@ user_graph::user_graph(uint32_t uid, user_media from, user_outputs to, base::eve
       pipeline_(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr)))),
       source_(from.source.get()),
       complete_source_(from.complete),
+      ends_by_itself_(from.ends_by_itself),
       jpg_interval_(to_.jpg_interval.count()) {
   // The system's clock for all users, so that their media stands on one timeline.
   const clock_ptr clock(gst_system_clock_obtain());
@@ -87,6 +88,7 @@ user_graph::user_graph(uint32_t uid, user_media from, user_outputs to, base::eve
       pipeline_.get(), loop,
       bus_watch::events{[this] {
                           if (!finish_reason_.empty()) return done(finish_reason_);
+                          if (!ends_by_itself_) return;
                           tell_what_never_came(0s);
                           done("end of media");
                         },

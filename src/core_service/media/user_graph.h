@@ -140,6 +140,7 @@ class user_graph {
   std::optional<bus_watch> watch_;
   GstElement* source_;  // borrowed from the pipeline
   const bool complete_source_;
+  const bool ends_by_itself_;
   std::atomic<int64_t> jpg_interval_;
 
   // The source's threads add to it.

@@ -5,6 +5,8 @@
 #include <array>
 #include <cerrno>
 #include <ctime>
+#include <system_error>
+#include <utility>
 
 #include <pthread.h>
 #include <sys/epoll.h>
@@ -20,6 +22,7 @@ constexpr size_t kDatagrams = 32;
 // No link that is worth recording carries longer ones.
 constexpr size_t kLongest = 9216;
 constexpr int kEvents = 64;
+constexpr media_time kClockSet = std::chrono::milliseconds(5);
 // Of one socket in one turn, so that nobody starves the others.
 constexpr int kCallsATurn = 4;
 
@@ -81,11 +84,16 @@ packet_thread::packet_thread()
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.fd = wake_.get();
-  epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &event);
-  thread_ = std::thread([this] { run(); });
+  if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &event) != 0) return;
+  try {
+    thread_ = std::thread([this] { run(); });
+  } catch (const std::system_error&) {
+    // Then it doesn't run.
+  }
 }
 
 packet_thread::~packet_thread() {
+  if (!runs()) return;
   post([this] { over_ = true; });
   thread_.join();
 }
@@ -165,21 +173,26 @@ int packet_thread::timeout_ms() const {
 
 void packet_thread::receive(int fd) {
   for (int call = 0; call < kCallsATurn; ++call) {
+    // The number may be somebody else's by now.
+    if (receivers_.count(fd) == 0) return;
     const int count = batch_->receive(fd);
+    if (count < 0 && (errno == EBADF || errno == ENOTSOCK)) return remove(fd);
     // Refused feedback, among others, comes as an error of the next call, and says nothing of it.
     if (count < 0 && errno != EAGAIN && errno != EINTR) continue;
     if (count <= 0) return;
     const media_time now = media::now();
     const media_time lead = now - time_of(CLOCK_REALTIME);
+    // The wall clock has been set: what waited meanwhile has stamps of before.
+    const bool was_set = std::chrono::abs(lead - std::exchange(lead_, lead)) > kClockSet;
     for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
       // Each time, because what came before may have ended its receiver.
       const auto to = receivers_.find(fd);
       if (to == receivers_.end()) return;
       const mmsghdr& one = batch_->heads[i];
       if ((one.msg_hdr.msg_flags & MSG_TRUNC) != 0) continue;
-      to->second->on_datagram({batch_->bytes[i].data(), one.msg_len, batch_->arrival(i, lead, now),
-                               reinterpret_cast<const sockaddr*>(&batch_->from[i]),
-                               one.msg_hdr.msg_namelen, fd});
+      to->second->on_datagram(
+          {batch_->bytes[i].data(), one.msg_len, was_set ? now : batch_->arrival(i, lead, now),
+           reinterpret_cast<const sockaddr*>(&batch_->from[i]), one.msg_hdr.msg_namelen, fd});
     }
     if (static_cast<size_t>(count) < kDatagrams) return;
   }

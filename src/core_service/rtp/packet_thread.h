@@ -51,6 +51,10 @@ class packet_thread {
   packet_thread& operator=(const packet_thread&) = delete;
   ~packet_thread();
 
+  // Whether it runs: descriptors and threads may have run out. Nothing but the end may be asked of
+  // one that doesn't.
+  bool runs() const { return thread_.joinable(); }
+
   // Any thread: `work` is done on the packet thread, in the order of posting.
   void post(std::function<void()> work);
   // Any other thread: the same, and waits until it is done.
@@ -78,6 +82,7 @@ class packet_thread {
   bool over_ = false;
 
   std::unique_ptr<batch> batch_;
+  media::media_time lead_{};  // of the monotonic clock to the wall's
   std::unordered_map<int, packet_receiver*> receivers_;
   std::set<std::pair<media::media_time, packet_receiver*>> moments_;
   std::unordered_map<packet_receiver*, media::media_time> moment_of_;

@@ -48,13 +48,13 @@ GstBuffer* buffer_of(const encoded_unit& unit, media_time base) {
 // Lives as long as the user; its sender and tracks are the packet thread's.
 class appsrc_feed final : public media_feed {
  public:
-  appsrc_feed(std::vector<media_line> lines, const settings& how,
+  appsrc_feed(uint32_t uid, std::vector<media_line> lines, const settings& how,
               std::unique_ptr<srtp_session> ciphers, std::shared_ptr<packet_plane> plane,
               GstElement* bin)
       : plane_(std::move(plane)),
         bin_(GST_ELEMENT(gst_object_ref(bin))),
         sender_(std::make_shared<sender>(
-            std::move(lines), how, std::move(ciphers), plane_->thread, plane_->pool,
+            uid, std::move(lines), how, std::move(ciphers), plane_->thread, plane_->pool,
             sender::events{
                 [this](int number, const payload&, encoded_unit&& unit) { take(number, unit); },
                 [this](int number) { end_track(number); }})) {}
@@ -186,8 +186,8 @@ bool open_lines(const std::vector<stream_description>& streams, const settings& 
 
 }  // namespace
 
-std::optional<rtp_source> make_rtp_source(const std::string& text, const settings& how,
-                                          std::shared_ptr<packet_plane> plane,
+std::optional<rtp_source> make_rtp_source(uint32_t uid, const std::string& text,
+                                          const settings& how, std::shared_ptr<packet_plane> plane,
                                           std::vector<missing_medium>& left_out,
                                           std::string& error) {
   const std::vector<stream_description> streams = parse_description(text, left_out, error);
@@ -207,7 +207,7 @@ std::optional<rtp_source> make_rtp_source(const std::string& text, const setting
   }
   if (!chosen.empty()) made.answer = answer_with_ports(text, chosen);
   made.bin.reset(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
-  made.feed = std::make_shared<appsrc_feed>(std::move(lines), how, std::move(ciphers),
+  made.feed = std::make_shared<appsrc_feed>(uid, std::move(lines), how, std::move(ciphers),
                                             std::move(plane), made.bin.get());
   return made;
 }

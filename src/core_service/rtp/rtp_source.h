@@ -37,8 +37,8 @@ struct rtp_source {
 
 // `left_out` as of parse_description. The sender that the session description in `text` describes.
 // None, with `error`, when nothing can be received of it.
-std::optional<rtp_source> make_rtp_source(const std::string& text, const settings& how,
-                                          std::shared_ptr<packet_plane> plane,
+std::optional<rtp_source> make_rtp_source(uint32_t uid, const std::string& text,
+                                          const settings& how, std::shared_ptr<packet_plane> plane,
                                           std::vector<missing_medium>& left_out,
                                           std::string& error);
 

@@ -37,9 +37,11 @@ class sender : public packet_receiver {
     std::function<void(int number)> gone;
   };
 
-  // Thread and pool are borrowed. `ciphers` may be null: nothing is encrypted.
-  sender(std::vector<media_line> lines, const settings& how, std::unique_ptr<srtp_session> ciphers,
-         packet_thread& by, media::byte_pool& pool, events told);
+  // Thread and pool are borrowed. `ciphers` may be null: nothing is encrypted. `uid`: who is to
+  // blame if this is the end of the process.
+  sender(uint32_t uid, std::vector<media_line> lines, const settings& how,
+         std::unique_ptr<srtp_session> ciphers, packet_thread& by, media::byte_pool& pool,
+         events told);
   ~sender() override;
   sender(const sender&) = delete;
   sender& operator=(const sender&) = delete;
@@ -59,13 +61,22 @@ class sender : public packet_receiver {
  private:
   struct source {
     int number;
-    bool begun = false;  // a unit has come out
+    bool begun = false;     // a unit has come out
+    bool finished = false;  // nothing more will
+    int others = 0;         // packets of another codec, one after the other
+    media::media_time ends{media::media_time::max()};
     media::media_time asked{};
     std::unique_ptr<stream> of;
   };
+  struct early_report {
+    sender_report of;
+    media::media_time arrival;
+  };
   struct line {
     media_line of;
-    std::map<uint32_t, source> sources;  // by SSRC
+    // By SSRC; and what was reported of those that no packet has come of yet.
+    std::map<uint32_t, source> sources;
+    std::map<uint32_t, early_report> early;
     // Where reports come from, and feedback goes; its size is 0 while nothing has come.
     sockaddr_storage feedback_to{};
     socklen_t feedback_size = 0;
@@ -74,13 +85,17 @@ class sender : public packet_receiver {
 
   void on_rtp(line& at, const datagram& one, size_t size);
   void on_rtcp(line& at, const datagram& one, size_t size);
-  source* find_or_make(line& at, const packet& one);
+  bool may_be_new(const line& at, const datagram& one) const;
+  source* find_or_make(line& at, const packet& one, media::media_time arrival);
+  source* make_source(line& at, uint32_t ssrc, const payload& of);
+  void tick_source(source& one, media::media_time now);
   void end_source(line& at, uint32_t ssrc);
   void ask(line& at, source& whose, media::media_time now);
   void send_reports(line& at, media::media_time now);
   void send(line& at, std::array<uint8_t, 1500>& bytes, size_t size);
   void plan_wake(media::media_time now);
 
+  const uint32_t uid_;
   const settings how_;
   const std::unique_ptr<srtp_session> ciphers_;
   packet_thread& by_;

@@ -68,6 +68,8 @@ void stream::push(int64_t sequence, uint32_t timestamp, const uint8_t* bytes, si
 }
 
 void stream::report(const sender_report& one, media_time arrival, bool places) {
+  // Who is muted may send nothing else for long.
+  heard_ = std::max(heard_, arrival);
   stats_.sender_reported(one.ntp, arrival);
   if (places && one.ntp != 0) clock_.report(one.ntp, one.timestamp, arrival);
 }

@@ -40,7 +40,7 @@ class stream {
 
   uint32_t ssrc() const { return ssrc_; }
   const payload& of() const { return payload_; }
-  // When the last packet came.
+  // When the last packet or report came.
   media::media_time heard() const { return heard_; }
   // Whether it is a stream, and no stray packet.
   bool valid() const { return valid_; }
