@@ -148,7 +148,7 @@ TEST_F(RecordingTest, EveryFileOfAChannelIsRecordedOrToldAsMissing) {
       {"007.mp3", "none -c:a mp3", "aac", "7.wav: the uid is taken by 007.mp3"},
       {"7.wav", nullptr, "aac", ""},
       {"8.mkv", "prores", "aac", "video video/x-prores it is none of the codecs"},
-      {"14.avi", "mjpeg -vf scale=8200:4400 -r 1 -an", "",
+      {"14.avi", "mjpeg -vf scale=8200:4400 -frames:v 1 -an", "",
        "video mjpeg its pictures are too large"},
       {"15.mp4",
        "libx264 -encryption_scheme cenc-aes-ctr -encryption_key 76a6c65c5ea762046bd749a2e632ccbb "

@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/media/picture_formats.h"
 
+#include <algorithm>
+#include <array>
 #include <cstring>
 #include <utility>
 #include <vector>
@@ -16,6 +18,8 @@ namespace zelta::core_service::media {
 namespace {
 
 constexpr size_t kVp8KeyHeaderBytes = 10;
+// More than any uncompressed header has.
+constexpr size_t kVp9HeaderBytes = 256;
 constexpr size_t kAv1FixedBytes = 4;  // of the box "av1C", up to the sequence header
 
 template <class T, void (*Free)(T*)>
@@ -74,8 +78,12 @@ class vp9 : public sized_source {
   format_ptr look(const uint8_t* unit, size_t bytes, bool key) override {
     if (!key || bytes == 0) return format_;
     GstVp9FrameHdr header{};
-    if (gst_vp9_parser_parse_frame_header(parser_.get(), &header, unit, bytes) !=
-        GST_VP9_PARSER_OK) {
+    // The library may look past what it is given, for which there are zeros here.
+    std::array<uint8_t, kVp9HeaderBytes> head{};
+    std::copy_n(unit, std::min(bytes, head.size()), head.begin());
+    if (gst_vp9_parser_parse_frame_header(parser_.get(), &header, head.data(), head.size()) !=
+            GST_VP9_PARSER_OK ||
+        header.frame_header_length_in_bytes > bytes) {
       set_size(0, 0);
     } else if (header.show_existing_frame == 0 && header.frame_type == GST_VP9_KEY_FRAME) {
       set_size(header.width, header.height);
