@@ -414,7 +414,8 @@ TEST(UniqueFd, BelongsToTheOneThatItWasMovedTo) {
 
 TEST(ServicePath, PlacesAreTriedInThisOrder) {
   setenv("ZELTA_SERVICE_DIR", "/named", 1);
-  const std::string path = getenv("PATH");
+  const char* const given = getenv("PATH");
+  const std::string path = given != nullptr ? given : "";
   setenv("PATH", "/one:/two/:", 1);
   const std::string own = std::filesystem::path(program_invocation_name).parent_path();
   EXPECT_EQ(base::service_candidates("service"),

@@ -143,7 +143,7 @@ class FormatTest : public testing::Test {
   static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
 
   std::string make(const stream_row& row) const {
-    const std::string file = dir.path() + "a." + row.suffix;
+    std::string file = dir.path() + "a." + row.suffix;
     EXPECT_EQ(output_of(std::string("ffmpeg -v error -y -f lavfi -i "
                                     "testsrc2=size=320x180:rate=25:duration=0.6 -vf ") +
                         row.filter + " -threads 1 -g 6 -c:v " + row.encoder + " " + row.delimited +
@@ -316,7 +316,9 @@ TEST_F(FormatTest, TakesNoSequenceThatIsNone) {
   };
   for (const auto& row : rows) {
     format_tracker tracker(*find_codec("h264"));
-    const format_ptr format = look(tracker, unit_of(row.sps + (" " + kPps) + kKey), true);
+    std::string units = row.sps;
+    units.append(" ").append(kPps).append(kKey);
+    const format_ptr format = look(tracker, unit_of(units), true);
     EXPECT_EQ(format != nullptr ? said(*format) : "unknown", row.said) << row.sps;
   }
 }

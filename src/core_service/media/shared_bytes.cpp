@@ -17,6 +17,8 @@ constexpr size_t kSmallest = 256;
 constexpr size_t kSizes = 15;
 // In front of every block, for what std::shared_ptr keeps of it: one allocation, not two.
 constexpr size_t kControlBytes = 128;
+// As what operator new gives.
+constexpr size_t kAligned = alignof(std::max_align_t);
 
 size_t size_class(size_t bytes) {
   size_t of = 0;
@@ -79,7 +81,7 @@ struct block_allocator {
       : memory(other.memory), of(other.of), pool(other.pool) {}
 
   T* allocate(size_t /*one*/) {
-    static_assert(sizeof(T) <= kControlBytes && alignof(T) <= alignof(std::max_align_t));
+    static_assert(sizeof(T) <= kControlBytes && alignof(T) <= kAligned);
     return reinterpret_cast<T*>(memory);
   }
   void deallocate(T* /*control*/, size_t /*one*/) { pool->give(memory, of); }

@@ -18,13 +18,13 @@ using namespace core_service;
 struct sent {
   std::string payload;
   uint32_t timestamp;
-  std::string flags = "";  // M: marker, L: lost before it
+  std::string flags{};  // M: marker, L: lost before it
 };
 
 struct got {
   std::string bytes;
   uint32_t timestamp;
-  std::string flags = "";  // K: key, D: damaged
+  std::string flags{};  // K: key, D: damaged
 
   bool operator==(const got& other) const {
     return bytes == other.bytes && timestamp == other.timestamp && flags == other.flags;
