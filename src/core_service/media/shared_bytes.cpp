@@ -81,7 +81,8 @@ struct block_allocator {
       : memory(other.memory), of(other.of), pool(other.pool) {}
 
   T* allocate(size_t /*one*/) {
-    static_assert(sizeof(T) <= kControlBytes && alignof(T) <= kAligned);
+    static_assert(sizeof(T) <= kControlBytes);
+    static_assert(alignof(T) <= kAligned);
     return reinterpret_cast<T*>(memory);
   }
   void deallocate(T* /*control*/, size_t /*one*/) { pool->give(memory, of); }
