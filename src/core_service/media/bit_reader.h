@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Bits of a NAL unit, most significant first, without the bytes that keep start codes out of it
-// (ITU-T H.264, 7.4.1; H.265 has the same). Past the end it reads zeros, and says so.
+// Bits, most significant first. Past the end it reads zeros, and says so.
 #pragma once
 
 #include <cstddef>
@@ -10,13 +9,19 @@ namespace zelta::core_service::media {
 
 class bit_reader {
  public:
-  bit_reader(const uint8_t* from, size_t bytes) : from_(from), bytes_(bytes) {}
+  // In NAL units, some bytes only keep start codes out of the others, and are passed over (ITU-T
+  // H.264, 7.4.1; H.265 has the same).
+  enum class escapes { kPassedOver, kNone };
+
+  bit_reader(const uint8_t* from, size_t bytes, escapes how = escapes::kPassedOver)
+      : from_(from), bytes_(bytes), how_(how) {}
 
   uint32_t read(unsigned count) {
     uint32_t value = 0;
     for (; count > 0; --count) value = value << 1U | next();
     return value;
   }
+  bool flag() { return next() != 0; }
   void skip(unsigned count) {
     for (; count > 0; --count) next();
   }
@@ -37,7 +42,7 @@ class bit_reader {
     return static_cast<uint32_t>(byte_ >> left_) & 1U;
   }
   bool load() {
-    if (zeros_ >= 2 && at_ < bytes_ && from_[at_] == 3) {
+    if (how_ == escapes::kPassedOver && zeros_ >= 2 && at_ < bytes_ && from_[at_] == 3) {
       ++at_;
       zeros_ = 0;
     }
@@ -53,6 +58,7 @@ class bit_reader {
 
   const uint8_t* const from_;
   const size_t bytes_;
+  const escapes how_;
   size_t at_ = 0;
   size_t zeros_ = 0;
   uint8_t byte_ = 0;

@@ -39,19 +39,14 @@ void read_size(const GstH264SPS& sps, sequence_facts& out) {
   if (sps.pic_width_in_mbs_minus1 > kMostBlocks || sps.pic_height_in_map_units_minus1 > kMostBlocks)
     return;
   const int64_t fields = sps.frame_mbs_only_flag != 0 ? 1 : 2;
-  // Equations 7-19 to 7-22: cropping counts in samples of chroma.
-  const bool halved = sps.chroma_array_type == 1 || sps.chroma_array_type == 2;
-  const int64_t across = halved ? 2 : 1;
-  const int64_t down = (sps.chroma_array_type == 1 ? 2 : 1) * fields;
-  int64_t width = (int64_t{sps.pic_width_in_mbs_minus1} + 1) * kMacroblock;
-  int64_t height = (int64_t{sps.pic_height_in_map_units_minus1} + 1) * kMacroblock * fields;
+  cropping cut;  // Equations 7-19 to 7-22.
   if (sps.frame_cropping_flag != 0) {
-    width -= (int64_t{sps.frame_crop_left_offset} + sps.frame_crop_right_offset) * across;
-    height -= (int64_t{sps.frame_crop_top_offset} + sps.frame_crop_bottom_offset) * down;
+    cut.across = int64_t{sps.frame_crop_left_offset} + sps.frame_crop_right_offset;
+    cut.down = int64_t{sps.frame_crop_top_offset} + sps.frame_crop_bottom_offset;
   }
-  if (!is_picture_size(width, height)) return;
-  out.width = static_cast<int>(width);
-  out.height = static_cast<int>(height);
+  set_size((int64_t{sps.pic_width_in_mbs_minus1} + 1) * kMacroblock,
+           (int64_t{sps.pic_height_in_map_units_minus1} + 1) * kMacroblock * fields, cut,
+           sps.chroma_array_type, fields, out);
 }
 
 void read_vui(const GstH264VUIParams& vui, sequence_facts& out) {
@@ -112,12 +107,9 @@ std::optional<uint32_t> pps_of(const uint8_t* slice, size_t bytes) {
 void put_all(std::vector<uint8_t>& to, const std::vector<const parameter_set*>& sets, nal_role role,
              unsigned flags) {
   const size_t count_at = to.size();
-  to.push_back(static_cast<uint8_t>(flags));
-  for (const parameter_set* const one : sets) {
-    if (one->role != role) continue;
-    put_set(to, *one);
-    ++to[count_at];
-  }
+  to.push_back(0);
+  const uint8_t count = put_sets(to, sets, role);
+  to[count_at] = static_cast<uint8_t>(flags | count);
 }
 
 std::vector<uint8_t> config_of(const std::vector<const parameter_set*>& sets,

@@ -8,7 +8,6 @@
 
 #include "core_service/media/bit_reader.h"
 #include "core_service/media/nal_rules.h"
-#include "core_service/media/picture_size.h"
 
 namespace zelta::core_service::media {
 namespace {
@@ -59,18 +58,13 @@ void read_start(bit_reader& in, parameter_set& out) {
 }
 
 void read_size(const GstH265SPS& sps, sequence_facts& out) {
-  // Table 6-1: the conformance window counts in samples of chroma.
-  const int64_t across = sps.chroma_array_type == 1 || sps.chroma_array_type == 2 ? 2 : 1;
-  const int64_t down = sps.chroma_array_type == 1 ? 2 : 1;
-  int64_t width = sps.pic_width_in_luma_samples;
-  int64_t height = sps.pic_height_in_luma_samples;
+  cropping cut;
   if (sps.conformance_window_flag != 0) {
-    width -= (int64_t{sps.conf_win_left_offset} + sps.conf_win_right_offset) * across;
-    height -= (int64_t{sps.conf_win_top_offset} + sps.conf_win_bottom_offset) * down;
+    cut.across = int64_t{sps.conf_win_left_offset} + sps.conf_win_right_offset;
+    cut.down = int64_t{sps.conf_win_top_offset} + sps.conf_win_bottom_offset;
   }
-  if (!is_picture_size(width, height)) return;
-  out.width = static_cast<int>(width);
-  out.height = static_cast<int>(height);
+  set_size(sps.pic_width_in_luma_samples, sps.pic_height_in_luma_samples, cut,
+           sps.chroma_array_type, 1, out);
 }
 
 void read_facts(const GstH265SPS& sps, sequence_facts& out) {
@@ -141,11 +135,8 @@ void put_array(std::vector<uint8_t>& to, const std::vector<const parameter_set*>
   to.push_back(0);
   const size_t count_at = to.size();
   to.push_back(0);
-  for (const parameter_set* const one : sets) {
-    if (one->role != role) continue;
-    put_set(to, *one);
-    ++to[count_at];
-  }
+  const uint8_t count = put_sets(to, sets, role);
+  to[count_at] = count;
 }
 
 std::vector<uint8_t> config_of(const std::vector<const parameter_set*>& sets,

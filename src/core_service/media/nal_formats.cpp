@@ -7,6 +7,8 @@
 #include <tuple>
 #include <utility>
 
+#include "core_service/media/picture_size.h"
+
 namespace zelta::core_service::media {
 namespace {
 
@@ -34,10 +36,26 @@ bool read_sets(const std::vector<uint8_t>& config, size_t& at, size_t count, con
   return true;
 }
 
-void put_set(std::vector<uint8_t>& config, const parameter_set& set) {
-  config.push_back(static_cast<uint8_t>(set.nal.size() >> 8U));
-  config.push_back(static_cast<uint8_t>(set.nal.size() & 0xFFU));
-  config.insert(config.end(), set.nal.begin(), set.nal.end());
+uint8_t put_sets(std::vector<uint8_t>& config, const std::vector<const parameter_set*>& sets,
+                 nal_role role) {
+  uint8_t count = 0;
+  for (const parameter_set* const one : sets) {
+    if (one->role != role) continue;
+    config.push_back(static_cast<uint8_t>(one->nal.size() >> 8U));
+    config.push_back(static_cast<uint8_t>(one->nal.size() & 0xFFU));
+    config.insert(config.end(), one->nal.begin(), one->nal.end());
+    ++count;
+  }
+  return count;
+}
+
+void set_size(int64_t width, int64_t height, const cropping& cut, unsigned chroma, int64_t fields,
+              sequence_facts& out) {
+  width -= cut.across * (chroma == 1 || chroma == 2 ? 2 : 1);
+  height -= cut.down * (chroma == 1 ? 2 : 1) * fields;
+  if (!is_picture_size(width, height)) return;
+  out.width = static_cast<int>(width);
+  out.height = static_cast<int>(height);
 }
 
 void nal_formats::add(const uint8_t* nal, size_t bytes) {

@@ -40,6 +40,17 @@ inline void set_aspect(uint32_t across, uint32_t down, sequence_facts& out) {
   out.aspect_down = static_cast<int>(down / common);
 }
 
+// What of the coded picture isn't shown, in samples of chroma.
+struct cropping {
+  int64_t across = 0;
+  int64_t down = 0;
+};
+
+// The size that is shown. `chroma`: ChromaArrayType, which both standards number alike; `fields`:
+// how many a picture has that crops by rows of each. One that can't be a picture's sets nothing.
+void set_size(int64_t width, int64_t height, const cropping& cut, unsigned chroma, int64_t fields,
+              sequence_facts& out);
+
 struct parameter_set {
   nal_role role = nal_role::kOther;
   uint32_t id = 0;
@@ -71,6 +82,8 @@ extern const nal_rules kHevcRules;
 
 // `count` NAL units, each behind its length in two bytes, at `at`, which is moved behind them.
 bool read_sets(const std::vector<uint8_t>& config, size_t& at, size_t count, const take_nal& take);
-void put_set(std::vector<uint8_t>& config, const parameter_set& set);
+// Those of the role, each behind its length; how many they are.
+uint8_t put_sets(std::vector<uint8_t>& config, const std::vector<const parameter_set*>& sets,
+                 nal_role role);
 
 }  // namespace zelta::core_service::media

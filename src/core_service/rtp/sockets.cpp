@@ -70,7 +70,6 @@ base::unique_fd bind_socket(const ip_address& at, int port, std::string& error) 
   }
   set(socket.get(), SOL_SOCKET, SO_RCVBUF, kReceiveBytes);
   set(socket.get(), SOL_SOCKET, SO_TIMESTAMPNS, 1);
-  set(socket.get(), SOL_SOCKET, SO_RXQ_OVFL, 1);
   return socket;
 }
 

@@ -24,8 +24,7 @@ struct wanted_sockets {
 };
 
 // Bound to the address where it is one of this machine, else to all addresses. They don't block,
-// and the kernel says of each datagram when it came and how many it had no room for. Empty with
-// `error` when a port can't be had.
+// and the kernel says of each datagram when it came. Empty with `error` when a port can't be had.
 socket_pair open_sockets(const wanted_sockets& wanted, std::string& error);
 
 }  // namespace zelta::core_service::rtp

@@ -3,6 +3,8 @@
 
 #include <cstddef>
 
+#include "core_service/media/bit_reader.h"
+
 namespace zelta::core_service::media::mp4 {
 namespace {
 
@@ -11,32 +13,12 @@ constexpr uint32_t kSrgb = 1;        // colour primaries of BT.709
 constexpr uint32_t kSrgbCurve = 13;  // and these with the identity matrix: 4:4:4 without a word
 constexpr uint32_t kSelectedPerPicture = 2;
 
-// Past the end it reads zeros, and says so.
-class bit_reader {
- public:
-  bit_reader(const uint8_t* from, size_t bytes) : from_(from), bits_(bytes * 8) {}
-  uint32_t read(unsigned count) {
-    uint32_t value = 0;
-    for (; count > 0; --count, ++at_) {
-      const unsigned bit = at_ < bits_ ? (from_[at_ / 8] >> (7 - at_ % 8)) & 1U : 0U;
-      value = value << 1U | bit;
-    }
-    return value;
-  }
-  bool flag() { return read(1) != 0; }
-  // An unsigned number of as many bits as zeros stand before it.
-  void skip_uvlc() {
-    unsigned zeros = 0;
-    while (zeros < 32 && !flag()) ++zeros;
-    read(zeros < 32 ? zeros : 0);
-  }
-  bool short_of_bits() const { return at_ > bits_; }
-
- private:
-  const uint8_t* const from_;
-  const size_t bits_;
-  size_t at_ = 0;
-};
+// An unsigned number of as many bits as zeros stand before it (section 4.10.3).
+void skip_uvlc(bit_reader& in) {
+  unsigned zeros = 0;
+  while (zeros < 32 && !in.flag()) ++zeros;
+  in.skip(zeros < 32 ? zeros : 0);
+}
 
 // Of the first operating point, which decodes everything.
 struct sequence {
@@ -58,7 +40,7 @@ void read_points(bit_reader& in, sequence& out) {
   if (timing) {
     in.read(32);
     in.read(32);
-    if (in.flag()) in.skip_uvlc();
+    if (in.flag()) skip_uvlc(in);
     decoder_model = in.flag();
     if (decoder_model) {
       delay_bits = in.read(5) + 1;
@@ -129,7 +111,7 @@ void read_colours(bit_reader& in, sequence& out) {
 
 std::vector<uint8_t> config_of(const uint8_t* obu, size_t whole, const uint8_t* payload,
                                size_t bytes) {
-  bit_reader in(payload, bytes);
+  bit_reader in(payload, bytes, bit_reader::escapes::kNone);
   sequence s;
   s.profile = in.read(3);
   in.read(1);
@@ -141,7 +123,7 @@ std::vector<uint8_t> config_of(const uint8_t* obu, size_t whole, const uint8_t* 
   }
   skip_tools(in, reduced);
   read_colours(in, s);
-  if (in.short_of_bits()) return {};
+  if (in.failed()) return {};
   std::vector<uint8_t> config{
       0x81, static_cast<uint8_t>(s.profile << 5U | s.level),
       static_cast<uint8_t>(s.tier << 7U | (s.high_bit_depth ? 0x40U : 0U) |
