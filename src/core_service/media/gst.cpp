@@ -74,6 +74,19 @@ void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
   });
 }
 
+void add_probe(GstPad* pad, GstPadProbeType type,
+               std::function<GstPadProbeReturn(GstPadProbeInfo*)> look) {
+  using context = carried<std::function<GstPadProbeReturn(GstPadProbeInfo*)>>;
+  gst_pad_add_probe(
+      pad, type,
+      [](GstPad*, GstPadProbeInfo* info, gpointer given) {
+        see_pushed();
+        return static_cast<context*>(given)->get()(info);
+      },
+      std::make_unique<context>(std::move(look)).release(),
+      [](gpointer given) { const std::unique_ptr<context> owner(static_cast<context*>(given)); });
+}
+
 ZELTA_NOT_FOR_TSAN buffer_times times_of(const GstBuffer* buffer) {
   return {GST_BUFFER_PTS(buffer), GST_BUFFER_DTS(buffer), GST_BUFFER_DURATION(buffer)};
 }

@@ -89,6 +89,10 @@ void see_pushed();
 void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
                 std::function<void()> ended);
 
+// Has `look` see what passes the pad, on the thread that it passes on, as long as the pad is there.
+void add_probe(GstPad* pad, GstPadProbeType type,
+               std::function<GstPadProbeReturn(GstPadProbeInfo*)> look);
+
 // The times of a buffer. All that reads and writes fields of GStreamer's stands in these, so that
 // nothing else has to be hidden from the thread sanitizer.
 struct buffer_times {

@@ -52,19 +52,6 @@ int rotation_of(const GstTagList* tags, int present) {
   return std::strncmp(text, "rotate-", 7) == 0 ? std::atoi(text + 7) : 0;
 }
 
-void add_probe(GstPad* pad, GstPadProbeType type,
-               std::function<GstPadProbeReturn(GstPadProbeInfo*)> look) {
-  using context = carried<std::function<GstPadProbeReturn(GstPadProbeInfo*)>>;
-  gst_pad_add_probe(
-      pad, type,
-      [](GstPad*, GstPadProbeInfo* info, gpointer given) {
-        see_pushed();
-        return static_cast<context*>(given)->get()(info);
-      },
-      std::make_unique<context>(std::move(look)).release(),
-      [](gpointer given) { const std::unique_ptr<context> owner(static_cast<context*>(given)); });
-}
-
 }  // namespace
 
 user_graph::user_graph(uint32_t uid, user_media from, user_outputs to, base::event_loop& loop,

@@ -37,7 +37,7 @@ std::string video_description(const mix_graph::settings& s) {
          latency_text(s.latency) + " ! video/x-raw,format=I420,width=" + std::to_string(s.width) +
          ",height=" + std::to_string(s.height) + ",framerate=" + std::to_string(s.fps) +
          "/1,pixel-aspect-ratio=1/1,colorimetry=" + colorimetry_of(s.height) +
-         " ! queue max-size-buffers=10 max-size-bytes=0 max-size-time=0 "
+         " ! queue name=mixed max-size-buffers=10 max-size-bytes=0 max-size-time=0 "
          "! " +
          media::h264_encoder({s.kbps, s.fps * kKeyFrameSeconds, s.high_profile, "veryfast"}) +
          " ! h264parse ! video/x-h264,stream-format=avc,alignment=au ! appsink name=video "
@@ -257,6 +257,7 @@ mix_graph::~mix_graph() {
 void mix_graph::connect(outputs to) {
   GstElement* const pipeline = pipeline_.get();
   if (settings_.video) {
+    force_asked_key_frames();
     media::on_samples(
         child(pipeline, "video"),
         [pipeline, video = std::move(to.video)](GstSample* from) {
@@ -328,9 +329,24 @@ void mix_graph::request_key_frame() {
   key_asked_ = media::now();
   // Of this very moment, which the encoder has yet to come to.
   const media_time base(static_cast<int64_t>(gst_element_get_base_time(pipeline_.get())));
-  const auto at = static_cast<GstClockTime>((key_asked_ - base).count());
-  gst_element_send_event(child(pipeline_.get(), "video"),
-                         gst_video_event_new_upstream_force_key_unit(at, TRUE, 0));
+  key_wanted_ = (key_asked_ - base).count();
+}
+
+// In the stream, right before the picture: what is asked of the encoder against the stream is lost
+// while that has no picture yet.
+void mix_graph::force_asked_key_frames() {
+  const media::pad_ptr pad(gst_element_get_static_pad(child(pipeline_.get(), "mixed"), "src"));
+  media::add_probe(
+      pad.get(), GST_PAD_PROBE_TYPE_BUFFER, [this, to = pad.get()](GstPadProbeInfo* info) {
+        const GstClockTime at = media::times_of(GST_PAD_PROBE_INFO_BUFFER(info)).pts;
+        int64_t wanted = key_wanted_;
+        if (wanted < 0 || static_cast<int64_t>(at) < wanted ||
+            !key_wanted_.compare_exchange_strong(wanted, -1)) {
+          return GST_PAD_PROBE_OK;
+        }
+        gst_pad_push_event(to, gst_video_event_new_downstream_force_key_unit(at, at, at, TRUE, 0));
+        return GST_PAD_PROBE_OK;
+      });
 }
 
 void mix_graph::tick() {

@@ -13,6 +13,7 @@
 // and what comes out comes on GStreamer's threads.
 #pragma once
 
+#include <atomic>
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -74,9 +75,12 @@ class mix_graph {
   mix_graph(media::element_ptr pipeline, const settings& wanted, base::event_loop& loop,
             outputs to);
   void connect(outputs to);
+  void force_asked_key_frames();
   void show_canvas();
 
   const settings settings_;
+  // Running time from which on the next picture is to be a key frame; negative: none is wanted.
+  std::atomic<int64_t> key_wanted_{-1};
   media::element_ptr pipeline_;
   std::optional<media::bus_watch> watch_;
   std::vector<std::shared_ptr<input>> users_;

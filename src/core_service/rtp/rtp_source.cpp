@@ -126,25 +126,17 @@ class appsrc_feed final : public media_feed {
 
   // Whoever wants one sends an event against the stream.
   void ask_for_key_frames(GstPad* out) {
-    struct asked {
-      std::shared_ptr<packet_plane> plane;
-      std::weak_ptr<sender> from;
-    };
-    using context = media::carried<asked>;
-    gst_pad_add_probe(
+    media::add_probe(
         out, GST_PAD_PROBE_TYPE_EVENT_UPSTREAM,
-        [](GstPad*, GstPadProbeInfo* info, gpointer given) {
+        [plane = plane_, from = std::weak_ptr<sender>(sender_)](GstPadProbeInfo* info) {
           if (gst_video_event_is_force_key_unit(GST_PAD_PROBE_INFO_EVENT(info)) == FALSE) {
             return GST_PAD_PROBE_OK;
           }
-          const asked& whom = static_cast<context*>(given)->get();
-          whom.plane->thread.post([from = whom.from] {
+          plane->thread.post([from] {
             if (const auto alive = from.lock()) alive->request_key_frames();
           });
           return GST_PAD_PROBE_DROP;
-        },
-        std::make_unique<context>(asked{plane_, sender_}).release(),
-        [](gpointer given) { const std::unique_ptr<context> owner(static_cast<context*>(given)); });
+        });
   }
 
   void end_track(int number) {
