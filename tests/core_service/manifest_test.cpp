@@ -96,6 +96,11 @@ TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
     file.uid = 1;
     file.first_utc_ms = 1000;
     file.last_utc_ms = 3500;
+    file.width = 1920;
+    file.height = 1080;
+    file.kind = "video";
+    file.video_codec = "h264";
+    file.audio_codec = "opus";
     first.add(file);
     first.at(first.add(manifest_file())).closed = "user left";
     EXPECT_TRUE(first.note_missing(1, {"video", "dirac", "why"}));
@@ -121,10 +126,18 @@ TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
   EXPECT_TRUE(of_room.note_missing(1, {"video", "dirac", "why"})) << "told by an earlier session";
   for (uint32_t uid = 2; uid < 2500; ++uid) of_room.note_missing(uid, {"all", "", "why"});
   EXPECT_FALSE(of_room.note_missing(2499, {"all", "", "why"})) << "though it isn't listed any more";
+  of_room.save();
+  EXPECT_EQ(writer.flush(10s), 0);
+  EXPECT_EQ(read_json(dir.path() + "recording.json")["missing"].size(), 1U + 1000U);
   const Json::Value files = read_json(dir.path() + "recording.json")["files"];
   ASSERT_EQ(files.size(), 3U);
   EXPECT_EQ(files[0]["closed"].asString(), "recorder died");
   EXPECT_EQ(files[0]["duration_ms"].asInt(), 2500);
+  EXPECT_EQ(files[0]["width"].asInt(), 1920);
+  EXPECT_EQ(files[0]["height"].asInt(), 1080);
+  EXPECT_EQ(files[0]["kind"].asString() + files[0]["video_codec"].asString() +
+                files[0]["audio_codec"].asString(),
+            "videoh264opus");
   EXPECT_EQ(files[1]["closed"].asString(), "user left");
   EXPECT_EQ(files[1]["channel_id"].asString(), "room");
   EXPECT_EQ(files[2]["name"].asString(), "new");
@@ -178,6 +191,8 @@ TEST(Manifest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
   dir.file("7_20260131T235959000.mp4", "media");
   dir.file("recording_2.json", R"({"files": [{"name": "7_20260131T235959000.mp4"}]})");
   dir.file("recording_3.json", "[");
+  dir.file("8_20260131T235959000.mp4", "media");
+  dir.file("notes.json", R"({"files": [{"name": "8_20260131T235959000.mp4"}]})");
   manifest successor(dir.path(), "recording.json", "room", writer);
   successor.adopt_leftovers();
   successor.save();
@@ -188,7 +203,8 @@ TEST(Manifest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
     EXPECT_EQ(file["closed"].asString(), "recorder died");
     files[file["name"].asString()] = file;
   }
-  ASSERT_EQ(files.size(), 4U);
+  ASSERT_EQ(files.size(), 5U);
+  EXPECT_EQ(files.count("8_20260131T235959000.mp4"), 1U) << "only manifests say whose a file is";
   EXPECT_EQ(files.count("1_20260131T235959000.mp4"), 1U);
   EXPECT_EQ(files.count("moved_away_meanwhile.mp4"), 1U);
   const Json::Value& found = files["4294967295_20260131T235959123.m4a"];

@@ -22,7 +22,7 @@ using namespace core_service::media;
 
 constexpr media_time kZero = 100h;  // the clock has been running for a while
 
-caps_ptr caps_of(media_kind kind) {
+caps_ptr caps_for(media_kind kind) {
   const std::string text = kind == media_kind::kVideo
                                ? "video/x-h264,width=320,height=180,codec_data=(buffer)0142c00dffe1"
                                  "00096742c00dda0505b09001000468ce3c80,pixel-aspect-ratio=4/3"
@@ -39,7 +39,7 @@ media_sample sample_of(media_kind kind, media_time time, media_time decode, medi
   const std::array<uint8_t, 5> unit{0, 0, 0, static_cast<uint8_t>(bytes - 4),
                                     static_cast<uint8_t>(key ? 0x65 : 0x41)};
   if (kind == media_kind::kVideo) gst_buffer_fill(made.buffer.get(), 0, unit.data(), unit.size());
-  made.caps = caps_of(kind);
+  made.caps = caps_for(kind);
   made.time = kZero + time;
   made.decode_time = kZero + decode;
   made.duration = duration;
@@ -338,6 +338,57 @@ TEST_F(Mp4Test, HoldsOpusAsItCame) {
                                           path + " -f s16le - | wc -c");
     EXPECT_EQ(std::stol(decoded), 2 * 48'000 * 4) << decoder;
   }
+}
+
+// What Matroska and Matroska alone keeps of AV1: the sequence header is not in the stream.
+TEST_F(Mp4Test, TakesTheSequenceHeaderOfAv1FromBesideTheStream) {
+  mux.emplace("isom", true, false, 0);
+  media_sample sample = sample_of(media_kind::kVideo, 0ms, 0ms, 40ms, 20, true);
+  sample.caps.reset(gst_caps_from_string(
+      "video/x-av1,width=1,height=1,codec_data=(buffer)810500000a061928000000d0"));
+  append(mux->add(media_kind::kVideo, sample));
+  complete();
+  const size_t box = file.find("av1C");
+  ASSERT_NE(box, std::string::npos);
+  EXPECT_EQ(hex(box + 4, box + 5), "81") << "the box isn't empty";
+  EXPECT_NE(file.find(std::string("\x0a\x06\x19\x28", 4), box), std::string::npos);
+}
+
+// Where a stream says nothing of decoding or of how long, it is as shown, and unknown.
+TEST_F(Mp4Test, SamplesAreTakenFromAPipelineWithTheirTimes) {
+  const element_ptr pipeline(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr))));
+  gst_element_set_base_time(pipeline.get(), 5 * GST_SECOND);
+  const caps_ptr caps = caps_for(media_kind::kVideo);
+  GstSegment segment;
+  gst_segment_init(&segment, GST_FORMAT_TIME);
+  const struct {
+    buffer_times given;
+    bool key;
+    media_time time;
+    media_time decode;
+    media_time duration;
+  } rows[] = {
+      {{GST_SECOND, GST_CLOCK_TIME_NONE, GST_CLOCK_TIME_NONE}, true, 6s, 6s, 0s},
+      {{GST_CLOCK_TIME_NONE, GST_SECOND, GST_MSECOND}, false, 6s, 6s, 1ms},
+      {{2 * GST_SECOND, GST_SECOND, 7}, false, 7s, 6s, 7ns},
+  };
+  for (const auto& row : rows) {
+    const buffer_ptr buffer(gst_buffer_new());
+    set_times(buffer.get(), row.given);
+    set_key(buffer.get(), row.key);
+    const sample_ptr sample(gst_sample_new(buffer.get(), caps.get(), &segment, nullptr));
+    media_sample taken;
+    ASSERT_TRUE(take_sample(sample.get(), pipeline.get(), taken));
+    EXPECT_EQ(taken.time, row.time);
+    EXPECT_EQ(taken.decode_time, row.decode);
+    EXPECT_EQ(taken.duration, row.duration);
+    EXPECT_EQ(taken.key, row.key);
+  }
+  const buffer_ptr timeless(gst_buffer_new());
+  const sample_ptr sample(gst_sample_new(timeless.get(), caps.get(), &segment, nullptr));
+  media_sample taken;
+  EXPECT_FALSE(taken.key);
+  EXPECT_FALSE(take_sample(sample.get(), pipeline.get(), taken));
 }
 
 // A sequence header in ones and zeros, the spaces for who reads it, behind the OBU's own header.

@@ -2,7 +2,9 @@
 // The recorder's parts that need no media: sound on its line, tiles, keys, descriptions, journal.
 #include <chrono>
 #include <csignal>
+#include <limits>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -16,6 +18,7 @@
 #include "core_service/media/sound_line.h"
 #include "core_service/media/volume_meter.h"
 #include "core_service/mix/tiles.h"
+#include "core_service/options.h"
 #include "core_service/parameters.h"
 #include "core_service/recording_plan.h"
 #include "core_service/rtp/session_description.h"
@@ -135,11 +138,13 @@ TEST(SoundLine, ShortGapsStayWhereSilenceIsNotWanted) {
   const auto heard = std::make_shared<Heard>();
   line.start(0s, heard);
   const std::vector<int16_t> samples(960, 1);
-  line.push(0s, samples.data(), 960);
+  // Half a block, which goes out before what comes behind the gap.
+  line.push(0s, samples.data(), 480);
   line.push(500ms, samples.data(), 960);
   line.push(3s, samples.data(), 960);
   ASSERT_EQ(heard->jumps.size(), 1U);
-  EXPECT_EQ(heard->jumps[0], media::media_time(480ms));
+  EXPECT_EQ(heard->first, media::media_time(0s));
+  EXPECT_EQ(heard->jumps[0], media::media_time(490ms));
   EXPECT_EQ(heard->next, media::media_time(3s + 20ms)) << "a long one is filled";
 }
 
@@ -185,8 +190,17 @@ TEST(Tiles, LayoutLeavesOutWhatCannotBeShown) {
     layout.regions.push_back(region);
   }
   std::vector<std::string> warnings;
-  EXPECT_EQ(text_of(mix::layout_tiles(layout, 640, 360, warnings)), "1:320,-90,320x360c ");
-  EXPECT_EQ(warnings.size(), 5U);
+  for (const double far : {-2.001, 2.001, -std::numeric_limits<double>::infinity()}) {
+    region.width = 1;
+    region.x = far;
+    layout.regions.push_back(region);
+  }
+  region.x = -2;
+  region.renderMode = 1;
+  layout.regions.push_back(region);
+  EXPECT_EQ(text_of(mix::layout_tiles(layout, 640, 360, warnings)),
+            "1:320,-90,320x360c 1:-1280,-90,640x360 ");
+  EXPECT_EQ(warnings.size(), 8U);
 }
 
 TEST(Tiles, ColoursAreReadOrRefused) {
@@ -380,6 +394,97 @@ TEST(CrashNote, NamesTheThreadsUserAndTheSignalEndsTheProcess) {
   }
   for (const char* broken : {"", "x 2", "-1 2", "4294967296 2", "7", "7 3", "7 -1"}) {
     EXPECT_FALSE(parse_crash_note(broken)) << broken;
+  }
+}
+
+std::string text_of(const recording_plan& plan) {
+  std::ostringstream text;
+  const auto flags = [&text](std::initializer_list<std::pair<bool, const char*>> names) {
+    for (const auto& [set, name] : names) text << (set ? name : "-");
+  };
+  flags({{plan.take_sound, "s"},
+         {plan.take_video, "v"},
+         {plan.record_sound, "S"},
+         {plan.record_video, "V"}});
+  text << " " << static_cast<int>(plan.sound_out) << static_cast<int>(plan.video_out) << " ";
+  flags({{plan.jpg_packets, "j"}, {plan.jpg_files, "J"}});
+  text << plan.jpg_interval.count() / 1'000'000'000 << "s mix ";
+  flags({{plan.mix_sound, "S"},
+         {plan.mix_video, "V"},
+         {plan.mix_apart, "a"},
+         {plan.mix_high_profile, "h"}});
+  text << " " << plan.mix_width << "," << plan.mix_height << "," << plan.mix_fps << ","
+       << plan.mix_kbps << " " << plan.channels << "x" << plan.sound_bits_per_second << " "
+       << plan.chunk.count() / 1'000'000'000 << "s " << plan.longest_gap.count() / 1'000'000
+       << "ms " << plan.avsync_type;
+  return text.str();
+}
+
+TEST(RecordingPlan, IsWhatTheCommandLineAsksFor) {
+  const std::string plain = " mix --a- 640,360,15,500 1x48000 0s 0ms 2";
+  const std::string mixed = "sv-- 00 --5s mix SV";
+  const struct {
+    std::vector<const char*> arguments;
+    std::string plan;
+  } rows[] = {
+      {{}, "svSV 00 --5s" + plain},
+      {{"--audio_only", "1", "--chunk_time_span", "60", "--capture_interval", "0"},
+       "s-S- 00 --1s mix --a- 640,360,15,500 1x48000 60s 0ms 2"},
+      {{"--video_only", "1", "--avSyncType", "1", "--chunk_time_span", "-1"},
+       "-v-V 00 --5s mix --a- 640,360,15,500 1x48000 0s 1000ms 1"},
+      {{"--decode_audio", "1", "--decode_video", "1"}, "sv-- 11 --5s" + plain},
+      {{"--decode_audio", "2", "--decode_video", "2"}, "sv-- 22 --5s" + plain},
+      {{"--decode_audio", "3", "--decode_video", "3"},
+       "sv-- 30 j-5s mix S-a- 640,360,15,500 1x48000 0s 0ms 2"},
+      {{"--decode_video", "4", "--capture_interval", "9"}, "svS- 00 -J9s" + plain},
+      {{"--decode_video", "5"}, "svSV 00 -J5s" + plain},
+      {{"--mix", "1"}, mixed + "a- 640,360,15,500 1x48000 0s 0ms 2"},
+      {{"--mix", "1", "--decode_audio", "2", "--mixedVideoAudio", "1", "--audioProfile", "1"},
+       "sv-- 20 --5s mix -V-- 640,360,15,500 1x128000 0s 0ms 2"},
+      {{"--mix", "1", "--mixedVideoAudio", "2", "--audioProfile", "2", "--mix_resolution",
+        "4096,16,60,100000"},
+       mixed + "-h 4096,16,60,100000 2x192000 0s 0ms 2"},
+      {{"--mix", "1", "--mix_resolution", "17,4096,1,1"},
+       mixed + "a- 16,4096,1,1 1x48000 0s 0ms 2"},
+  };
+  for (const auto& row : rows) {
+    std::vector<const char*> argv{"p", "--channel_id", "c"};
+    argv.insert(argv.end(), row.arguments.begin(), row.arguments.end());
+    const auto parsed = option_parser().parse(static_cast<int>(argv.size()), argv.data());
+    ASSERT_TRUE(parsed.values) << parsed.message;
+    EXPECT_EQ(parsed.exit_status, 0);
+    EXPECT_EQ(parsed.values->log_level, 4);
+    EXPECT_EQ(parsed.values->recording_file_dir, "./");
+    std::vector<std::string> warnings;
+    EXPECT_EQ(text_of(plan_of(*parsed.values, warnings)), row.plan);
+    EXPECT_TRUE(warnings.empty()) << row.plan;
+  }
+}
+
+TEST(RecordingPlan, TakesNoNumberBeyondItsRange) {
+  const std::pair<const char*, int> highest[] = {
+      {"--mixedVideoAudio", 2}, {"--decode_audio", 3}, {"--decode_video", 5}, {"--streamType", 1},
+      {"--serviceMode", 2},     {"--triggerMode", 1},  {"--lang", 1},         {"--audioProfile", 2},
+      {"--avSyncType", 2}};
+  for (const auto& [name, most] : highest) {
+    for (const int value : {-1, 0, most, most + 1}) {
+      const std::string text = std::to_string(value);
+      const char* const argv[] = {"p", "--channel_id", "c", name, text.c_str()};
+      std::vector<std::string> warnings;
+      plan_of(*option_parser().parse(std::size(argv), argv).values, warnings);
+      ASSERT_EQ(warnings.size(), value < 0 || value > most ? 1U : 0U) << name << text;
+      if (warnings.empty()) continue;
+      EXPECT_EQ(warnings[0], name + (" " + text) + " should be 0 to " + std::to_string(most) +
+                                 "; it is taken as 0");
+    }
+  }
+  for (const char* const bad : {"15,16,1,1", "16,15,1,1", "4097,16,1,1", "16,4097,1,1", "16,16,0,1",
+                                "16,16,61,1", "16,16,1,0", "16,16,1,100001", "16,16,1,1,"}) {
+    options given;
+    given.mix_resolution = bad;
+    std::vector<std::string> warnings;
+    EXPECT_EQ(plan_of(given, warnings).mix_width, 640);
+    EXPECT_EQ(warnings.size(), 1U) << bad;
   }
 }
 

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // RTCP, byte by byte, and what a report says of a source.
+#include <array>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
+#include "core_service/rtp/packet.h"
 #include "core_service/rtp/receive_stats.h"
 #include "core_service/rtp/rtcp.h"
 
@@ -126,6 +128,18 @@ TEST(RtcpTest, MoreSourcesThanAPacketHoldsTakeTwoOrNone) {
   EXPECT_EQ(small.size(), 0U) << "half of it isn't written";
 }
 
+// RFC 5761, section 4: by the second byte, in which the payload types 64 to 95 would stand.
+TEST(RtcpTest, IsToldFromMediaByItsPacketType) {
+  const std::pair<int, bool> rows[] = {{191, false}, {192, true},  {200, true},
+                                       {223, true},  {224, false}, {96, false}};
+  for (const auto& [type, control] : rows) {
+    const std::array<uint8_t, 3> bytes{0x80, static_cast<uint8_t>(type), 255};
+    EXPECT_EQ(is_rtcp(bytes.data(), 2), control) << type;
+    EXPECT_EQ(is_rtcp(bytes.data(), 3), control) << type;
+    EXPECT_FALSE(is_rtcp(bytes.data(), 1));
+  }
+}
+
 TEST(ReceiveStatsTest, LossIsToldByIntervalAndAsASum) {
   receive_stats stats(8000);
   const auto receive = [&](std::initializer_list<int64_t> numbers) {
@@ -141,6 +155,10 @@ TEST(ReceiveStatsTest, LossIsToldByIntervalAndAsASum) {
   EXPECT_EQ(receive({65538, 65538}), "0/256 -2 65538");
   EXPECT_EQ(receive({65638}), "253/256 97 65638");
   EXPECT_EQ(receive({}), "0/256 97 65638");
+  receive_stats fresh(8000);
+  fresh.received(5, 0, 0ms);
+  fresh.received(7, 0, 0ms);
+  EXPECT_EQ(fresh.report(9, 0ms).fraction_lost, 85U) << "from its very beginning";
   stats.restarted();
   EXPECT_EQ(receive({200000}), "0/256 0 200000");
 }
