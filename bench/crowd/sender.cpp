@@ -211,9 +211,9 @@ bool read_options(int argc, char** argv, options& asked, int& status) {
   app.add_option("--folder", asked.folder, "the channel's")->required();
   app.add_option("--video", asked.video)->check(CLI::IsMember({"h264", "vp8", "none"}));
   app.add_option("--audio", asked.audio)->check(CLI::IsMember({"opus", "none"}));
-  app.add_option("--loss", asked.loss_percent, "percent of packets")->check(CLI::Range(0, 100));
+  app.add_option("--loss", asked.loss_percent, "percent of packets")->check(CLI::Range(0.0, 100.0));
   app.add_option("--reorder", asked.reorder_percent, "percent of packets")
-      ->check(CLI::Range(0, 100));
+      ->check(CLI::Range(0.0, 100.0));
   app.add_option("--srtp", asked.key, "base64 of key and salt, AES_CM_128_HMAC_SHA1_80");
   app.add_option("--wait", asked.wait_s, "seconds for the ports")->check(CLI::Range(1, 3600));
   app.add_flag("--leave", asked.leaves, "remove the descriptions at the end");

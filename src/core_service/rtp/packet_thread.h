@@ -3,6 +3,9 @@
 //
 //     sockets ─▶ epoll ─▶ recvmmsg, up to 32 datagrams a call ─▶ packet_receiver
 //
+// Packets wait in their sockets for others to come with: 40 ms, or 10 ms where the system gives the
+// sockets little room (net.core.rmem_max).
+//
 // Nothing that a receiver does may wait for anything: what stands still here stands still for all,
 // and what doesn't fit into the sockets' buffers meanwhile is lost.
 #pragma once
@@ -71,10 +74,12 @@ class packet_thread {
 
   void run();
   void receive(int fd);
+  void gather();
   void run_posted();
   void run_woken();
   int timeout_ms() const;
 
+  int gather_ms_;
   base::unique_fd epoll_;
   base::unique_fd wake_;
   std::mutex lock_;

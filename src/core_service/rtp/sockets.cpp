@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/rtp/sockets.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <optional>
@@ -69,6 +70,7 @@ base::unique_fd bind_socket(const ip_address& at, int port, std::string& error) 
     return {};
   }
   set(socket.get(), SOL_SOCKET, SO_RCVBUF, kReceiveBytes);
+  set(socket.get(), SOL_SOCKET, SO_RCVBUFFORCE, kReceiveBytes);  // for who may pass the bound
   set(socket.get(), SOL_SOCKET, SO_TIMESTAMPNS, 1);
   return socket;
 }
@@ -119,7 +121,11 @@ socket_pair open_sockets(const wanted_sockets& wanted, std::string& error) {
   if (wanted.port != 0) return open_at(wanted, wanted.port, wanted.rtcp_port, error);
   const int lowest = wanted.min_port > 0 ? wanted.min_port : kFirstPort;
   const int highest = wanted.max_port > 0 ? wanted.max_port : kLastPort;
-  for (int port = lowest + lowest % 2; port + 1 <= highest; port += 2) {
+  const int first = lowest + lowest % 2;
+  const int pairs = (highest - first + 1) / 2;
+  const int begin = std::clamp((wanted.likely_free - first) / 2, 0, std::max(pairs, 0));
+  for (int i = 0; i < pairs; ++i) {
+    const int port = first + (begin + i) % pairs * 2;
     socket_pair pair = open_at(wanted, port, port + 1, error);
     // Another port would be no better.
     if (pair.rtp.valid() || is_shortage(errno)) return pair;

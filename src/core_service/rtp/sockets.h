@@ -21,6 +21,9 @@ struct wanted_sockets {
   bool rtcp_mux;
   int min_port;  // 0: no bound
   int max_port;
+  // Where the search begins; else at the lowest. A thousand searches would try each port a thousand
+  // times.
+  int likely_free = 0;
 };
 
 // Bound to the address where it is one of this machine, else to all addresses. They don't block,
