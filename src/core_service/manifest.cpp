@@ -204,6 +204,7 @@ size_t manifest::add(manifest_file file) {
 }
 
 void manifest::save() {
+  changed_ = false;
   Json::Value root(Json::objectValue);
   root["version"] = kManifestVersion;
   root["channel_id"] = channel_id_;

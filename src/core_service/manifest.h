@@ -69,6 +69,11 @@ class manifest {
   void set_dropped(const dropped_counts& now);
   // Writes the manifest, soon.
   void save();
+  // The same for who changes a row of many: save_changes() follows within a moment.
+  void changed() { changed_ = true; }
+  void save_changes() {
+    if (changed_) save();
+  }
   // For a recorder that takes over from one that died between making a file and writing about it,
   // or before anything was in it: the former are added, the latter go. What other manifests in the
   // folder name is theirs.
@@ -77,6 +82,8 @@ class manifest {
  private:
   void load();
   std::set<std::string> listed_elsewhere() const;
+
+  bool changed_ = false;
 
   const std::string folder_;
   const std::string name_;

@@ -36,6 +36,8 @@ struct recording_plan {
   int mix_fps = 15;
   int mix_kbps = 500;
 
+  // Opus goes into a user's files as it came, where it comes in packets.
+  bool keep_opus = true;
   int channels = 1;
   int sound_bits_per_second = 48'000;  // of the mix's file
   media::media_time chunk{};

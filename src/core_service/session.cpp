@@ -142,6 +142,7 @@ void session::refuse(const std::vector<std::string>& errors) {
 void session::check_options() {
   std::vector<std::string> warnings;
   plan_ = plan_of(options_, warnings);
+  plan_.keep_opus = settings_.sound == 0;
   std::string unknown;
   for (const std::string& name : options_.unknown) unknown += " " + name;
   if (!unknown.empty()) warnings.push_back("options that nobody knows:" + unknown);
@@ -379,6 +380,7 @@ void session::on_user_in(uint32_t uid, user_media from) {
       uid, std::move(from), plan,
       surroundings{options_.recording_file_dir, loop_, manifest_, link_, disk_},
       mix_ ? mix_->add_user(uid) : nullptr, events_of(uid));
+  made->measure_volume(volume_tick_ != nullptr);
   link_.send(make<protocol::user_joined_packet>(uid, options_.recording_file_dir));
   if (serving_) made->start_service();
   // A mix begins with its first user: before, there is nothing to see or hear.
@@ -438,7 +440,7 @@ void session::end_user(uint32_t uid, const std::string& why) {
 // The user stays, and so does the recording: the rest and the others are recorded.
 void session::on_missing(uint32_t uid, const missing_medium& what) {
   if (!manifest_.note_missing(uid, what)) return;
-  manifest_.save();
+  manifest_.changed();
   const std::string medium = what.codec.empty() ? what.medium : what.medium + ", " + what.codec;
   log(uid == 0 ? base::WARN_LOG : base::ERROR_LOG,
       (uid == 0 ? "" : "user " + std::to_string(uid) + ": ") + "not recorded (" + medium +
@@ -476,6 +478,7 @@ void session::report_stream_status() {
 
 void session::set_volume_interval(int interval_ms) {
   if (volume_tick_ != nullptr) loop_.remove_timer(std::exchange(volume_tick_, nullptr));
+  for (const auto& one : users_) one.second->measure_volume(interval_ms > 0);
   if (interval_ms <= 0) return;
   volume_tick_ = loop_.add_timer(
       interval_ms, [](int, void* self) { static_cast<session*>(self)->report_volumes(); }, this);
@@ -529,6 +532,7 @@ void session::on_tick() {
     caught_up_ms_ = now + kCatchUpMs;
   }
   if (now >= caught_up_ms_) look_for_gaps();
+  manifest_.save_changes();
   if (phase_ != phase::kRecording) return;
   if (now - saved_ms_ >= kSaveMs && !users_.empty()) save_manifest();
   if (users_.empty() && now - alone_since_ms_ >= int64_t{options_.idle} * 1000) {

@@ -279,6 +279,7 @@ const std::vector<setting>& known_settings() {
       {"most_users", &recorder_settings::most_users, 1, 100'000},
       {"ports.from", &recorder_settings::first_port, 1024, 65534},
       {"ports.to", &recorder_settings::last_port, 1025, 65535},
+      {"sound", &recorder_settings::sound, 0, 0, {"as it comes", "aac"}},
   };
   return kKnown;
 }

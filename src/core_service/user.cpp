@@ -20,6 +20,9 @@ constexpr int kFileBitsPerSecond = 64'000;
 // What was captured before a stop may take so long to arrive.
 constexpr media_time kStopPatience = 300ms;
 constexpr media_time kSoundPatience = 1s;
+// Of what is decoded: no unit is older than the first by so much.
+constexpr media_time kOldest = 10s;
+constexpr media_time kFirstKeyFramePatience = 5s;
 
 }  // namespace
 
@@ -39,21 +42,34 @@ user::user(uint32_t uid, user_media from, const recording_plan& plan, surroundin
     frame_line_.emplace(static_cast<size_t>(plan_.channels), plan_.longest_gap, media::kFrameBlock);
   }
   make_series(from.may_have_video, from.may_have_sound);
-  graph_ = std::make_unique<media::user_graph>(
-      uid_, std::move(from), outputs(), around_.loop,
-      media::user_graph::events{told_.first_video, told_.first_sound,
-                                [this](bool sound, bool video) {
-                                  if (series_) series_->expect(video, sound);
-                                },
-                                told_.missing,
-                                [this](const std::string& why) { on_graph_finished(why); }},
-      around_.folder);
+  outputs_ = outputs();
+  if (!feed_) make_graph(std::move(from));
+  const media::format_ptr sound = feed_ ? feed_->likely_sound() : nullptr;
+  if (sound && series_) expect_sound(sound, media::now());
 }
 
 user::~user() {
   // Each feeds what goes behind it.
   feed_.reset();
   graph_.reset();
+}
+
+void user::make_graph(user_media from) {
+  media::user_graph::events told{told_.first_video, told_.first_sound,
+                                 [this](bool sound, bool video) {
+                                   if (series_) series_->expect(video, sound);
+                                 },
+                                 told_.missing,
+                                 [this](const std::string& why) { on_graph_finished(why); }};
+  media::user_outputs to = outputs_;
+  if (feed_) {
+    // The units say so themselves, and go into the files without it.
+    told.first_video = [](int, int) {};
+    told.first_sound = [] {};
+    to.video = nullptr;
+  }
+  graph_ = std::make_unique<media::user_graph>(uid_, std::move(from), std::move(to), around_.loop,
+                                               std::move(told), around_.folder);
 }
 
 void user::make_series(bool may_have_video, bool may_have_sound) {
@@ -71,10 +87,7 @@ void user::make_series(bool may_have_video, bool may_have_sound) {
   series_ = std::make_unique<files::file_series>(
       files,
       files::file_series::surroundings{around_.folder, around_.loop, around_.files, around_.disk},
-      files::file_series::events{[this] {
-                                   if (graph_) graph_->request_key_frame();
-                                 },
-                                 told_.failed,
+      files::file_series::events{[this] { request_key_frame(); }, told_.failed,
                                  [this] {
                                    if (media_ended_ && finished_) tell_finished();
                                  }});
@@ -122,7 +135,9 @@ media::user_outputs user::outputs() {
 void user::on_sound(media_time time, const int16_t* samples, size_t frames) {
   volume_.add(samples, frames * static_cast<size_t>(plan_.channels));
   if (mix_) mix_->on_sound(time, samples, frames);
-  if (series_ && series_->sound() != nullptr) series_->sound()->push(time, samples, frames);
+  if (!keeps_sound_ && series_ && series_->sound() != nullptr) {
+    series_->sound()->push(time, samples, frames);
+  }
   if (!frame_line_ || !serving_) return;
   if (!frame_line_->position()) start_frames(time);
   frame_line_->push(time, samples, frames);
@@ -169,17 +184,104 @@ void user::write_jpg(const media::media_sample& sample) {
   });
 }
 
+// ---- Media in units ------------------------------------------------------------------------
+
+bool user::has(media::media_kind kind) const {
+  if (!feed_ && graph_) return graph_->has(kind);
+  return kind == media::media_kind::kVideo ? first_video_.has_value() : has_sound_;
+}
+
+void user::on_unit(int track, const media::encoded_unit& unit) {
+  const media::codec& kind = *unit.format->kind;
+  const bool video = kind.kind == media::media_kind::kVideo;
+  const bool taken = video ? outputs_.video || is_decoded(kind) : outputs_.sound != nullptr;
+  if (!taken) return;
+  on_first(unit);
+  if (is_decoded(kind)) decode(track, unit);
+  if ((video ? video_choice_ : sound_choice_).counts(track, unit.time)) record(unit);
+}
+
+void user::on_first(const media::encoded_unit& unit) {
+  if (unit.format->kind->kind == media::media_kind::kAudio) {
+    if (!std::exchange(has_sound_, true)) told_.first_sound();
+  } else if (!first_video_) {
+    first_video_ = unit.time;
+    told_.first_video(unit.format->width, unit.format->height);
+  }
+}
+
+void user::record(const media::encoded_unit& unit) {
+  const media::codec& kind = *unit.format->kind;
+  if (kind.kind == media::media_kind::kVideo) {
+    if (outputs_.video) outputs_.video(video_samples_.of(unit), kind);
+    return;
+  }
+  if (series_ && plan_.record_sound) expect_sound(unit.format, unit.time);
+  if (keeps_sound_) series_->on_opus(unit);
+}
+
+void user::expect_sound(const media::format_ptr& format, media_time from) {
+  keeps_sound_ = is_kept(*format->kind);
+  series_->expect_sound(keeps_sound_ ? format : nullptr, from);
+}
+
+// Whether files take it as it came. Gaps that are to stay gaps are left by the encoder's way alone.
+bool user::is_kept(const media::codec& kind) const {
+  return series_ && plan_.record_sound && plan_.keep_opus &&
+         plan_.longest_gap == media_time::zero() && std::strcmp(kind.name, "opus") == 0;
+}
+
+bool user::is_decoded(const media::codec& kind) const {
+  const media::user_outputs& to = outputs_;
+  if (kind.kind == media::media_kind::kVideo) return to.h264 || to.yuv || to.mix || to.jpg;
+  const bool to_files = series_ && plan_.record_sound && !is_kept(kind);
+  return to.sound && (to_files || mix_ || frame_line_ || measures_volume_);
+}
+
+void user::decode(int track, const media::encoded_unit& unit) {
+  if (graph_ended_) return;
+  if (!graph_) {
+    source_ = std::make_unique<media::unit_source>([from = std::weak_ptr<media_feed>(feed_)] {
+      if (const auto alive = from.lock()) alive->request_key_frame();
+    });
+    user_media decoded;
+    decoded.source = source_->bin();
+    make_graph(std::move(decoded));
+    graph_->start(unit.time - kOldest);
+  }
+  source_->push(track, unit);
+}
+
+// Whoever left soon may not have sent one.
+void user::tell_undecodable() {
+  const bool expected = serving_ && series_ && plan_.record_video && first_video_ &&
+                        finish_time_ - *first_video_ > kFirstKeyFramePatience;
+  if (!expected || series_->last_video_end() > *first_video_) return;
+  told_.missing({"video", "", "no picture came that can be decoded by itself"});
+}
+
+void user::request_key_frame() {
+  if (feed_) return feed_->request_key_frame();
+  if (graph_) graph_->request_key_frame();
+}
+
 // ---- The service ---------------------------------------------------------------------------
 
 void user::start() {
-  graph_->start();
-  if (feed_) feed_->start();
+  if (!feed_) return graph_->start();
+  feed_->start(media_feed::events{
+      [this](int track, const media::encoded_unit& unit) { on_unit(track, unit); },
+      [this](int track) {
+        video_choice_.ended(track);
+        sound_choice_.ended(track);
+        if (source_) source_->end_track(track);
+      }});
 }
 
 void user::start_service() {
   if (serving_.exchange(true)) return;
   if (series_) series_->start();
-  if (plan_.video_out == video_frames::kH264) graph_->request_key_frame();
+  if (plan_.video_out == video_frames::kH264) request_key_frame();
 }
 
 void user::stop_service(const std::string& why) {
@@ -192,7 +294,8 @@ void user::abandon_files() {
 }
 
 void user::set_capture_interval(int seconds) {
-  graph_->set_jpg_interval(std::chrono::seconds(seconds));
+  outputs_.jpg_interval = std::chrono::seconds(seconds);
+  if (graph_) graph_->set_jpg_interval(outputs_.jpg_interval);
 }
 
 void user::finish(const std::string& why, std::function<void()> finished) {
@@ -200,21 +303,33 @@ void user::finish(const std::string& why, std::function<void()> finished) {
   finished_ = std::move(finished);
   finish_time_ = media::now();
   // What it has received comes out, and its ports are free for who comes back.
-  feed_.reset();
-  if (media_ended_) return on_graph_finished(why);
-  graph_->finish(why);
+  if (feed_) {
+    feed_->stop();
+    tell_undecodable();
+  }
+  if (source_) source_->end();
+  const bool decodes = graph_ && !graph_ended_ && !media_ended_;
+  if (decodes) return graph_->finish(why, source_ != nullptr);
+  on_media_end();
 }
 
 void user::on_graph_finished(const std::string& why) {
+  graph_ended_ = true;
   const bool by_itself = finish_reason_.empty();
+  // What a decoder can't go on with is recorded all the same.
+  if (by_itself && feed_) return;
+  if (!by_itself) return on_media_end();
   media_ended_ = true;
-  if (by_itself) return told_.ended(why);
+  told_.ended(why);
+}
+
+void user::on_media_end() {
+  media_ended_ = true;
   if (!series_) return posting_.post([this] { tell_finished(); });
   // Media that ended by itself ends where its last sound or picture does.
   media_time end = finish_time_;
   if (finish_reason_ == "end of media") {
-    const auto sound = series_->sound() != nullptr ? series_->sound()->last_heard() : std::nullopt;
-    end = std::max(series_->last_video_end(), sound.value_or(media_time::zero()));
+    end = std::max(series_->last_video_end(), series_->last_heard().value_or(media_time::zero()));
   }
   series_->stop(finish_reason_, end, 0s);
 }

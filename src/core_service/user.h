@@ -11,9 +11,12 @@
 #include <optional>
 #include <string>
 
+#include "core_service/channel/media_feed.h"
 #include "core_service/files/file_series.h"
 #include "core_service/media/frame_sender.h"
 #include "core_service/media/mix_input.h"
+#include "core_service/media/track_choice.h"
+#include "core_service/media/unit_source.h"
 #include "core_service/media/user_graph.h"
 #include "core_service/media/volume_meter.h"
 #include "core_service/recording_plan.h"
@@ -43,8 +46,10 @@ class user {
   ~user();
 
   uint32_t uid() const { return uid_; }
-  bool has(media::media_kind kind) const { return graph_->has(kind); }
+  bool has(media::media_kind kind) const;
   uint32_t read_volume() { return volume_.read(); }
+  // Whether volumes will be asked for: Opus that is recorded as it came is not decoded for nothing.
+  void measure_volume(bool wanted) { measures_volume_ = wanted; }
 
   void start();
   // Records and delivers, or only listens.
@@ -61,9 +66,20 @@ class user {
  private:
   media::user_outputs outputs();
   void make_series(bool may_have_video, bool may_have_sound);
+  void make_graph(user_media from);
+  void on_unit(int track, const media::encoded_unit& unit);
+  void on_first(const media::encoded_unit& unit);
+  void record(const media::encoded_unit& unit);
+  void expect_sound(const media::format_ptr& format, media::media_time from);
+  bool is_decoded(const media::codec& kind) const;
+  bool is_kept(const media::codec& kind) const;
+  void decode(int track, const media::encoded_unit& unit);
+  void tell_undecodable();
+  void request_key_frame();
   void on_sound(media::media_time time, const int16_t* samples, size_t frames);
   void start_frames(media::media_time time);
   void on_graph_finished(const std::string& why);
+  void on_media_end();
   void tell_finished() const;
   void write_jpg(const media::media_sample& sample);
 
@@ -74,13 +90,26 @@ class user {
   const std::shared_ptr<media::mix_input> mix_;
   const media::posting posting_;
   const media::media_time lateness_;
+  // Of media that comes in units: a graph only decodes what somebody takes decoded, and is there
+  // once it is needed.
   std::shared_ptr<media_feed> feed_;
+  std::unique_ptr<media::unit_source> source_;
+  media::track_choice video_choice_;
+  media::track_choice sound_choice_;
+  media::unit_samples video_samples_;
+  std::optional<media::media_time> first_video_;
+  bool has_sound_ = false;
+  bool measures_volume_ = false;
+  bool graph_ended_ = false;
+  // Sound goes into files as it came, and not as samples.
+  std::atomic<bool> keeps_sound_{false};
 
   std::shared_ptr<media::frame_sender> frames_;
   std::optional<media::sound_line> frame_line_;
   std::atomic<bool> serving_{false};
   media::volume_meter volume_;
 
+  media::user_outputs outputs_;
   std::unique_ptr<files::file_series> series_;
   std::unique_ptr<media::user_graph> graph_;
   std::string finish_reason_;

@@ -129,14 +129,16 @@ class RtpTest : public RecordingTest {
     join("dir:" + dir.path() + "channels");
     ASSERT_TRUE(handler.wait_for("joined"));
   }
-  // User 1, of whom the recorder listens to H.264 (96), VP8 (98) and Opus (97) from then on.
+  // User 1, of whom the recorder listens to H.264 (96), VP8 (98), Opus (97) and PCMU (0) from then
+  // on.
   void describe(const std::string& profile = "RTP/AVPF") {
     const std::string host = "IP4 127.0.0.1";
-    const std::string made = dir.file(
-        "1.sdp", "v=0\no=- 0 0 IN " + host + "\ns=x\nc=IN " + host + "\nt=0 0\nm=video " +
-                     std::to_string(port) + " " + profile +
-                     " 96 98\na=rtpmap:96 H264/90000\na=rtpmap:98 VP8/90000\nm=audio " +
-                     std::to_string(port + 2) + " " + profile + " 97\na=rtpmap:97 opus/48000/2\n");
+    const std::string made =
+        dir.file("1.sdp", "v=0\no=- 0 0 IN " + host + "\ns=x\nc=IN " + host + "\nt=0 0\nm=video " +
+                              std::to_string(port) + " " + profile +
+                              " 96 98\na=rtpmap:96 H264/90000\na=rtpmap:98 VP8/90000\nm=audio " +
+                              std::to_string(port + 2) + " " + profile +
+                              " 97 0\na=rtpmap:97 opus/48000/2\n");
     std::filesystem::rename(made, dir.path() + "channels/room/1.sdp");
     ASSERT_TRUE(handler.wait_for("user in 1"));
   }
@@ -181,15 +183,28 @@ class RtpTest : public RecordingTest {
 };
 
 TEST_F(RtpTest, FfmpegsStreamsArriveWholeAndInSync) {
-  const std::string source = dir.path() + "source.mkv";
-  ASSERT_EQ(
-      output_of("ffmpeg -v error -f lavfi -i testsrc=size=160x120:rate=20:duration=4 -f lavfi -i "
-                "sine=duration=4 -c:v libx264 -bf 0 -g 20 -c:a libopus " +
-                source),
-      "");
-  for (const std::string host : {"127.0.0.1", "[::1]"}) {
+  const struct {
+    std::string host;
+    std::string coding;
+    const char* sound;  // by the recorder's settings
+    std::string codecs;
+    const char* ending;
+  } rows[] = {
+      {"127.0.0.1", "libx264 -bf 0 -g 20", "as it comes", "h264 opus", ".mp4"},
+      {"[::1]", "libvpx -deadline realtime -g 20", "as it comes", "vp8 opus", ".webm"},
+      {"127.0.0.1", "libx264 -bf 0 -g 20", "aac", "h264 aac", ".mp4"},
+  };
+  for (const auto& row : rows) {
+    const std::string source = dir.path() + "source.mkv";
+    ASSERT_EQ(output_of("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=20:duration=4 "
+                        "-f lavfi -i sine=duration=4 -c:a libopus -c:v " +
+                        row.coding + " " + source),
+              "");
+    const std::string chosen =
+        dir.file("settings.json", std::string(R"({"sound": ")") + row.sound + "\"}");
+    setenv("ZELTA_RECORDER_SETTINGS", chosen.c_str(), 1);
     handler.clear();
-    const std::string streams = host_streams(source, host);
+    const std::string streams = host_streams(source, row.host);
     const auto send = [&streams](const char* how) {
       return std::string("ffmpeg -v error -re ").append(how).append(streams);
     };
@@ -197,15 +212,20 @@ TEST_F(RtpTest, FfmpegsStreamsArriveWholeAndInSync) {
     const std::string made = dir.path() + "made.sdp";
     output_of(send("-t 0.1") + " -sdp_file " + made);
     join_channel();
+    unsetenv("ZELTA_RECORDER_SETTINGS");
     std::filesystem::rename(made, dir.path() + "channels/room/1.sdp");
     ASSERT_TRUE(handler.wait_for("user in 1"));
     Process sender(send(""));
     sender.wait();
     user_leaves();
     release();
-    ASSERT_EQ(files().size(), 1U) << host;
+    ASSERT_EQ(files().size(), 1U) << row.codecs;
     const std::string path = folder + files()[0]["name"].asString();
-    EXPECT_EQ(codecs_of(path), "h264 aac");
+    EXPECT_EQ(codecs_of(path), row.codecs);
+    EXPECT_EQ(files()[0]["video_codec"].asString() + " " + files()[0]["audio_codec"].asString(),
+              row.codecs);
+    EXPECT_EQ(std::filesystem::path(path).extension(), row.ending);
+    EXPECT_EQ(decode_errors_of(path), "");
     EXPECT_EQ(files()[0]["width"].asInt(), 160);
     // The file's own times: ffmpeg would round them to 1/20 s, and two neighbours to the same.
     const std::vector<std::string> times = lines_of(output_of(
@@ -268,6 +288,32 @@ TEST_F(RtpTest, SoundThatStopsAndComesBackLeavesSilenceOfTheSameLength) {
   const std::string loudness =
       output_of("ffmpeg -v info -ss 6 -i " + path + " -af volumedetect -f null -");
   EXPECT_EQ(loudness.find("max_volume: -91"), std::string::npos) << "the second is heard";
+}
+
+TEST_F(RtpTest, SoundOfAnotherCodecGoesOnInAnotherFile) {
+  join_channel();
+  describe();
+  Process opus(sound_sender(75));
+  opus.wait();
+  Process pcmu(
+      "gst-launch-1.0 audiotestsrc is-live=true num-buffers=75 samplesperbuffer=160 ! "
+      "audio/x-raw,rate=8000,channels=1 ! mulawenc ! rtppcmupay pt=0 ssrc=8 ! udpsink sync=false "
+      "host=127.0.0.1 port=" +
+      std::to_string(port + 2));
+  pcmu.wait();
+  user_leaves();
+  release();
+  ASSERT_EQ(files().size(), 2U);
+  EXPECT_EQ(files()[0]["audio_codec"].asString(), "opus");
+  EXPECT_EQ(files()[0]["closed"].asString(), "sound changed");
+  EXPECT_EQ(files()[1]["audio_codec"].asString(), "aac");
+  // The second source counts once the first has been silent for a fifth of a second.
+  EXPECT_GT(files()[1]["duration_ms"].asInt(), 1250);
+  const auto gap = files()[1]["first_utc_ms"].asInt64() - files()[0]["last_utc_ms"].asInt64();
+  EXPECT_LE(std::abs(gap), 25) << "no sound is lost between the two";
+  for (const Json::Value& entry : files()) {
+    EXPECT_EQ(decode_errors_of(folder + entry["name"].asString()), "");
+  }
 }
 
 TEST_F(RtpTest, PictureThatStopsGivesWayToSoundAndComesBack) {

@@ -18,20 +18,18 @@
 
 namespace zelta::core_service {
 
-// What a user sends: a bin with one source pad a track, encoded media with its codec in the caps,
-// paced in real time.
+// What a user sends: by a source, or by a feed.
 struct user_media {
+  // A bin with one source pad a track, encoded media with its codec in the caps, paced in real
+  // time.
   media::element_ptr source;
-  // Every pad is there. Otherwise pads are added while the bin runs, and its "no-more-pads" signal
-  // tells when that was all.
+  // Of the bin: every pad is there. Otherwise pads are added while it runs, and its "no-more-pads"
+  // signal tells when that was all.
   bool complete = false;
-  // What is not to be waited for.
+  std::shared_ptr<media_feed> feed;
+  // A medium that can't come is not waited for.
   bool may_have_video = true;
   bool may_have_sound = true;
-  // False: a track that ends may be followed by another at any time.
-  bool ends_by_itself = true;
-  // What fills the source; null: it fills itself.
-  std::shared_ptr<media_feed> feed;
   // How much later than captured media comes out.
   media::media_time lateness{};
 };

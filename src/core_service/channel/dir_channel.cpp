@@ -220,7 +220,7 @@ class dir_channel : public channel {
     }
     user_media from =
         file->description ? make_sender(name, file->uid) : make_file_user(folder_ + name);
-    if (!from.source) return;
+    if (!from.source && !from.feed) return;
     present_.emplace(file->uid, name);
     listener_.on_user_in(file->uid, std::move(from));
   }
@@ -229,7 +229,7 @@ class dir_channel : public channel {
   user_media make_sender(const std::string& name, uint32_t uid) {
     std::vector<missing_medium> left_out;
     std::string error;
-    if (!plane_ || !plane_->thread.runs()) plane_ = std::make_shared<rtp::packet_plane>();
+    if (!plane_ || !plane_->thread.runs()) plane_ = std::make_shared<rtp::packet_plane>(loop_);
     if (!plane_->thread.runs()) {
       listener_.on_missing(uid,
                            {"all", "", name + ": no thread or descriptor is left to receive it"});
@@ -253,11 +253,9 @@ class dir_channel : public channel {
       log(name + ".answer can't be written: " + std::strerror(errno));
     }
     user_media from;
-    from.source = std::move(made->bin);
     from.may_have_video = made->video;
     from.may_have_sound = made->sound;
     from.feed = std::move(made->feed);
-    from.ends_by_itself = false;
     from.lateness = rtp_.jitter_latency;
     return from;
   }

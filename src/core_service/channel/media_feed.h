@@ -1,17 +1,34 @@
 // SPDX-License-Identifier: Apache-2.0
-// What fills the source of a user from outside of its pipeline.
+// A user's media as encoded units, ready for files, before anything decodes it.
 #pragma once
 
+#include <functional>
 #include <string>
+
+#include "core_service/media/encoded_unit.h"
 
 namespace zelta::core_service {
 
-// On the loop's thread. Gone before the pipeline is that its source stands in.
+// All of it on the loop's thread, but where it says so.
 class media_feed {
  public:
+  struct events {
+    // A track is known by its number, which is never used twice. Its first unit begins it.
+    std::function<void(int track, const media::encoded_unit& unit)> unit;
+    // Nothing more comes of the track.
+    std::function<void(int track)> ended;
+  };
+
   virtual ~media_feed() = default;
-  // The pipeline plays. Media comes from here on, to the end of this object.
-  virtual void start() = 0;
+  // Of the sound that will probably come, where that can be told beforehand; null: it can't.
+  virtual media::format_ptr likely_sound() const = 0;
+  // Media comes from here on. Nothing comes from inside the call.
+  virtual void start(events told) = 0;
+  // What has been received by now comes out before it returns, and nothing after it. What was
+  // opened for receiving is free again.
+  virtual void stop() = 0;
+  // Any thread: asks for a picture that needs no other.
+  virtual void request_key_frame() = 0;
   // What is wrong with what comes, once; else empty.
   virtual std::string fault() = 0;
 };

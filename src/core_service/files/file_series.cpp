@@ -36,11 +36,24 @@ const char* ending_of(container kind) {
   return "";
 }
 
-sound_codec codec_in(container kind) {
-  return kind == container::kWebm ? sound_codec::kOpus : sound_codec::kAac;
-}
-
 }  // namespace
+
+// Packets of one stretch of Opus, on the loop's thread like everything here.
+class file_series::opus_intake : public opus_sink {
+ public:
+  opus_intake(file_series& series, int stretch) : series_(series), stretch_(stretch) {}
+  void on_sound(const encoded_unit& unit) override {
+    series_.on_sound(series_.opus_samples_.of(unit), stretch_);
+  }
+  // Later, because who cuts is not done yet.
+  void on_sound_end() override {
+    series_.posting_.post([series = &series_, number = stretch_] { series->on_sound_end(number); });
+  }
+
+ private:
+  file_series& series_;
+  const int stretch_;
+};
 
 file_series::file_series(series_plan plan, surroundings around, events told)
     : plan_(std::move(plan)),
@@ -58,7 +71,7 @@ file_series::~file_series() = default;
 void file_series::start() {
   if (recording_) return;
   if (ending_) {
-    if (line_) line_->fill_to(ending_->at);
+    fill_sound(ending_->at);
     if (current_ != nullptr) cut(ending_->at, ending_->why);
     ending_.reset();
   }
@@ -104,9 +117,9 @@ void file_series::open_with_video(const media_sample& sample, const codec& kind)
     const bool full = current_->holds.video &&
                       gst_caps_is_equal(current_->video_caps.get(), sample.caps.get()) != FALSE;
     cut(begin, full ? "chunk full" : current_->holds.video ? "picture changed" : "picture came");
-  } else if (line_) {
+  } else if (plan_.sound) {
     // Sound that was there before the first picture belongs to the file.
-    const auto heard = line_->first_kept();
+    const auto heard = first_kept();
     if (heard && *heard < begin) begin = std::max(*heard, std::min(started_, begin));
   }
   open(begin, {form, true, sound_expected_}, &sample, &kind);
@@ -128,10 +141,12 @@ void file_series::open(media_time begin, const media_file::contents& holds,
       around_.folder + name, holds, around_.loop, around_.disk,
       [this, which = &of](const std::string& why, bool disk) { on_done(which, why, disk); }, error);
   std::shared_ptr<sound_encoder> encoder;
-  const sound_codec codec = codec_in(holds.kind);
-  const bool switches = holds.sound && (!line_->position() || encoder_codec_ != codec);
-  if (of.file && switches) encoder = make_encoder(codec);
-  if (!of.file || (switches && !encoder)) {
+  const sound_way way = way_in(holds.kind);
+  const bool switches = of.file && holds.sound && (!sound_position() || way_ != way);
+  const bool encodes = switches && way != sound_way::kAsItCame;
+  if (switches) ++stretch_;
+  if (encodes) encoder = make_encoder(way, error);
+  if (!of.file || (encodes && !encoder)) {
     files_.pop_back();
     unlink((around_.folder + name).c_str());
     recording_ = false;
@@ -146,19 +161,26 @@ void file_series::open(media_time begin, const media_file::contents& holds,
   entry.first_utc_ms = entry.last_utc_ms = utc_ms_of(begin);
   of.entry = around_.files.add(entry);
   current_ = &of;
-  if (switches && line_->position()) {
-    // The former encoder's sound has nowhere else to go.
-    for (open_file& former : files_) {
-      if (former.finishing) former.end = media_time::max();
-    }
-    line_->cut(begin, std::move(encoder));
-  } else if (switches) {
-    line_->start(begin, std::move(encoder));
-  }
-  if (switches) encoder_codec_ = codec;
-  of.encoder = encoder_;
+  of.stretch = stretch_;
+  of.sound = way == sound_way::kAac ? "aac" : "opus";
+  if (switches) begin_sound(begin, way, std::move(encoder));
   update_manifest();
-  around_.files.save();
+  around_.files.changed();
+}
+
+// For the present file. The line's former stretch, if there is one, ends here.
+void file_series::begin_sound(media_time begin, sound_way way,
+                              std::shared_ptr<sound_encoder> encoder) {
+  way_ = way;
+  if (!sound_position()) {
+    if (!opus_) return line_->start(begin, std::move(encoder));
+    return opus_->start(begin, std::make_shared<opus_intake>(*this, stretch_));
+  }
+  // The former encoder's sound has nowhere else to go.
+  for (open_file& former : files_) {
+    if (former.finishing) former.end = media_time::max();
+  }
+  line_->cut(begin, std::move(encoder));
 }
 
 // What comes later than `at` goes elsewhere.
@@ -195,7 +217,7 @@ void file_series::on_done(open_file* which, const std::string& error, bool disk)
   }
   if (current_ == which) current_ = nullptr;
   files_.remove_if([which](const open_file& of) { return &of == which; });
-  around_.files.save();
+  around_.files.changed();
   if (!error.empty()) {
     log(base::ERROR_LOG, "a file ended: " + error);
     if (++failures_ >= kFailureLimit) recording_ = false;
@@ -212,11 +234,17 @@ void file_series::report_stopped() {
 
 // ---- Sound ---------------------------------------------------------------------------------
 
-std::shared_ptr<sound_encoder> file_series::make_encoder(sound_codec codec) {
-  const int number = ++encoder_;
-  std::string error;
+file_series::sound_way file_series::way_in(container kind) const {
+  if (opus_) return sound_way::kAsItCame;
+  return kind == container::kWebm ? sound_way::kOpus : sound_way::kAac;
+}
+
+// Of the stretch that begins.
+std::shared_ptr<sound_encoder> file_series::make_encoder(sound_way way, std::string& error) {
+  const int number = stretch_;
   auto made = sound_encoder::make(
-      {codec, plan_.channels, plan_.sound_bits_per_second},
+      {way == sound_way::kOpus ? sound_codec::kOpus : sound_codec::kAac, plan_.channels,
+       plan_.sound_bits_per_second},
       {[this, number](media_sample sample) {
          const auto shared = std::make_shared<media_sample>(std::move(sample));
          posting_.post([this, shared, number] { on_sound(std::move(*shared), number); });
@@ -229,10 +257,61 @@ std::shared_ptr<sound_encoder> file_series::make_encoder(sound_codec codec) {
   return made;
 }
 
+void file_series::on_opus(const encoded_unit& unit) {
+  if (opus_) opus_->push(unit.time, unit.bytes);
+}
+
+// A file holds sound of one kind: where there is some already, the rest goes into another one.
+void file_series::expect_sound(format_ptr opus, media_time at) {
+  const bool same = opus && opus_ ? *opus == *opus_format_ : !opus && !opus_;
+  if (!plan_.sound || same) return;
+  // What waits for a first picture doesn't any more.
+  if (recording_ && current_ == nullptr) open_sound_alone();
+  const bool open_stretch = sound_position().has_value();
+  const bool goes_on = open_stretch && recording_ && current_ != nullptr && current_->holds.sound;
+  if (open_stretch) {
+    end_sound(at);
+    fill_sound(at);
+  }
+  opus_format_ = opus;
+  opus_.reset();
+  if (opus) opus_.emplace(opus);
+  if (!goes_on) return;
+  const bool picture = current_->holds.video;
+  cut(at, "sound changed");
+  open(at, {container::kM4a, false, true}, nullptr, nullptr);
+  if (picture) told_.need_key_frame();
+}
+
+std::optional<media_time> file_series::first_kept() const {
+  if (opus_) return opus_->first_kept();
+  return line_ ? line_->first_kept() : std::nullopt;
+}
+
+std::optional<media_time> file_series::last_heard() const {
+  if (opus_) return opus_->last_heard();
+  return line_ ? line_->last_heard() : std::nullopt;
+}
+
+std::optional<media_time> file_series::sound_position() const {
+  if (opus_) return opus_->position();
+  return line_ ? line_->position() : std::nullopt;
+}
+
+void file_series::fill_sound(media_time until) {
+  if (opus_) return opus_->fill_to(until);
+  if (line_) line_->fill_to(until);
+}
+
+void file_series::end_sound(media_time at) {
+  if (opus_) return opus_->cut(at, nullptr);
+  if (line_) line_->cut(at, nullptr);
+}
+
 // Picture and sound come by ways of different length. Sound waits until the picture has come as
 // far, so that it is known by then which file it belongs to.
-void file_series::on_sound(media_sample sample, int encoder) {
-  waiting_sound_.push_back({std::move(sample), encoder});
+void file_series::on_sound(media_sample sample, int stretch) {
+  waiting_sound_.push_back({std::move(sample), stretch});
   route_sound();
 }
 
@@ -254,7 +333,7 @@ void file_series::route_sound() {
 
 void file_series::route(const waiting_sound& next) {
   for (open_file& of : files_) {
-    if (!of.holds.sound || of.sound_done || of.encoder != next.encoder) continue;
+    if (!of.holds.sound || of.sound_done || of.stretch != next.stretch) continue;
     const bool full = &of == current_ && recording_ && !of.holds.video && plan_.chunk > 0s &&
                       next.sample.time - of.begin >= plan_.chunk;
     if (full) {
@@ -272,15 +351,15 @@ void file_series::route(const waiting_sound& next) {
   }
 }
 
-void file_series::on_sound_end(int encoder) {
-  while (!waiting_sound_.empty() && waiting_sound_.front().encoder <= encoder) {
+void file_series::on_sound_end(int stretch) {
+  while (!waiting_sound_.empty() && waiting_sound_.front().stretch <= stretch) {
     const waiting_sound next = std::move(waiting_sound_.front());
     waiting_sound_.pop_front();
     route(next);
   }
-  encoders_.erase(encoder);
+  encoders_.erase(stretch);
   for (open_file& of : files_) {
-    if (of.encoder == encoder) of.sound_done = true;
+    if (of.stretch == stretch) of.sound_done = true;
   }
   finish_complete();
 }
@@ -294,36 +373,36 @@ void file_series::tick() {
 }
 
 void file_series::tick_silence(media_time at) {
-  if (line_ && current_ == nullptr) {
-    const auto first = line_->first_kept();
-    const auto last = line_->last_heard();
+  if (plan_.sound && current_ == nullptr) {
+    const auto first = first_kept();
+    const auto last = last_heard();
     const bool heard = first && last && *last > started_;
     if (heard && (!video_expected_ || at - std::max(*first, started_) > kFirstPicturePatience)) {
       open_sound_alone();
     }
   }
-  if (line_) line_->fill_to(at - kSoundPatience);
+  fill_sound(at - kSoundPatience);
   route_sound();
   const bool waits = current_ != nullptr && current_->holds.video && current_->holds.sound &&
                      at - std::max(last_video_end_, current_->begin) > kPicturePatience;
   if (!waits) return;
-  const media_time from = std::max(last_video_end_, line_->position().value_or(last_sound_end_));
+  const media_time from = std::max(last_video_end_, sound_position().value_or(last_sound_end_));
   cut(from, "picture stopped");
   open(from, {container::kM4a, false, true}, nullptr, nullptr);
 }
 
 void file_series::open_sound_alone() {
-  const auto first = line_->first_kept();
-  if (!first || *line_->last_heard() <= started_) return;
+  const auto first = first_kept();
+  if (!first || *last_heard() <= started_) return;
   open(std::max(*first, started_), {container::kM4a, false, true}, nullptr, nullptr);
 }
 
 void file_series::stop(const std::string& why, media_time at, media_time patience) {
   if (ending_) return;
-  if (recording_ && current_ == nullptr && line_) open_sound_alone();
+  if (recording_ && current_ == nullptr && plan_.sound) open_sound_alone();
   recording_ = false;
   ending_ = ending{why, at, now() + patience};
-  if (line_) line_->cut(at, nullptr);
+  end_sound(at);
   if (current_ != nullptr) {
     current_->end = at;
     current_->why = why;
@@ -333,10 +412,10 @@ void file_series::stop(const std::string& why, media_time at, media_time patienc
 }
 
 void file_series::tick_stop() {
-  const bool sound_there = !line_ || !line_->position();
+  const bool sound_there = !sound_position();
   const bool video_there = !plan_.video || last_video_end_ >= ending_->at;
   if (!(sound_there && video_there) && now() < ending_->deadline) return;
-  if (line_) line_->fill_to(ending_->at);
+  fill_sound(ending_->at);
   if (current_ != nullptr) cut(ending_->at, ending_->why);
 }
 
@@ -349,7 +428,7 @@ void file_series::update_manifest() {
 void file_series::enter(open_file& of) {
   manifest_file& entry = around_.files.at(of.entry);
   entry.kind = !of.holds.video ? "audio" : of.holds.sound ? "audio_video" : "video";
-  if (of.holds.sound) entry.audio_codec = of.holds.kind == container::kWebm ? "opus" : "aac";
+  if (of.holds.sound) entry.audio_codec = of.sound;
   if (of.video != nullptr) {
     entry.video_codec = of.video->name;
     const GstStructure* const fields = gst_caps_get_structure(of.video_caps.get(), 0);

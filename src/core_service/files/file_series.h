@@ -2,14 +2,15 @@
 // The files of one user or of the mix, one after the other: where encoded video and sound go, and
 // the one place that decides when a file begins and ends.
 //
-//     on_video() ──────────────────────────────────────────────▶ file, file, …
-//     sound() ─▶ sound line ─▶ encoder ─▶ (routed by its time) ──▶
+//     on_video() ────────────────────────────────────────────────▶ file, file, …
+//     sound() ──▶ sound line ─▶ encoder ─▶ (routed by its time) ───▶
+//     on_opus() ─▶ Opus line ────────────▶ (routed by its time) ───▶
 //
 // A file begins with a key frame, or with the sound that was there before the first one. A new one
 // begins at a key frame when the picture's size or codec changed or a chunk is full; where there is
 // no picture for two seconds the sound goes on in a file of its own, because a muxer that waits
 // for a picture would keep the sound from the disk. Sound is encoded through all of this, so files
-// that are laid end to end are the whole.
+// that are laid end to end are the whole. Opus goes in as it came.
 //
 // Thread rule: everything on the loop's thread; sound() may be fed by any thread.
 #pragma once
@@ -26,6 +27,8 @@
 #include "base/log.h"
 #include "core_service/files/media_file.h"
 #include "core_service/manifest.h"
+#include "core_service/media/format_caps.h"
+#include "core_service/media/opus_line.h"
 #include "core_service/media/sound_encoder.h"
 #include "core_service/media/sound_line.h"
 
@@ -69,8 +72,15 @@ class file_series {
   // Stops at once: MP4 files stay fragmented ones.
   ~file_series();
 
-  // Where sound is to be pushed; null when none is recorded.
+  // Where samples are to be pushed; null when no sound is recorded.
   media::sound_line* sound() { return line_ ? &*line_ : nullptr; }
+  // One packet of Opus, to be recorded as it came.
+  void on_opus(const media::encoded_unit& unit);
+  // Before that of the other kind comes: from `from` on there is Opus of this format; or, null,
+  // samples. What is recorded of the former ends there, and a new file begins.
+  void expect_sound(media::format_ptr opus, media::media_time from);
+  // Time at which the latest sound ended; none: nothing has come.
+  std::optional<media::media_time> last_heard() const;
   // Whether there may be pictures, and sound: what isn't expected is not waited for.
   void expect(bool video, bool sound) {
     video_expected_ = plan_.video && video;
@@ -103,7 +113,8 @@ class file_series {
     media::media_time end;  // what comes later belongs to the next file
     media::caps_ptr video_caps;
     const media::codec* video = nullptr;
-    int encoder = 0;  // number of the encoder that its sound comes from
+    int stretch = 0;         // number of the one that its sound comes from
+    const char* sound = "";  // its codec
     bool sound_done = false;
     bool finishing = false;
     std::string why;
@@ -111,8 +122,13 @@ class file_series {
 
   struct waiting_sound {
     media::media_sample sample;
-    int encoder;
+    int stretch;
   };
+  class opus_intake;
+
+  // Where the sound of a stretch goes through, by the container that it began in.
+  enum class sound_way { kAac, kOpus, kAsItCame };
+  sound_way way_in(container kind) const;
 
   bool waits_for_key(const media::media_sample& sample) const;
   bool is_new_file(const media::media_sample& sample) const;
@@ -121,13 +137,19 @@ class file_series {
             const media::media_sample* video, const media::codec* kind);
   void cut(media::media_time at, const std::string& why);
   void open_sound_alone();
-  void on_sound(media::media_sample sample, int encoder);
+  void begin_sound(media::media_time begin, sound_way way,
+                   std::shared_ptr<media::sound_encoder> encoder);
+  void on_sound(media::media_sample sample, int stretch);
   void route_sound();
   void route(const waiting_sound& next);
-  void on_sound_end(int encoder);
+  void on_sound_end(int stretch);
+  std::optional<media::media_time> first_kept() const;
+  std::optional<media::media_time> sound_position() const;
+  void fill_sound(media::media_time until);
+  void end_sound(media::media_time at);
   void finish_complete();
   void on_done(open_file* which, const std::string& error, bool disk);
-  std::shared_ptr<media::sound_encoder> make_encoder(media::sound_codec codec);
+  std::shared_ptr<media::sound_encoder> make_encoder(sound_way way, std::string& error);
   void enter(open_file& of);
   void report_stopped();
   void tick_silence(media::media_time at);
@@ -138,7 +160,10 @@ class file_series {
   const surroundings around_;
   const events told_;
   const media::posting posting_;
+  // Samples, or Opus as it comes while there is a line for it.
   std::optional<media::sound_line> line_;
+  std::optional<media::opus_line> opus_;
+  media::format_ptr opus_format_;
 
   bool recording_ = false;
   bool video_expected_;
@@ -152,9 +177,10 @@ class file_series {
   open_file* current_ = nullptr;  // the last of files_, or null
   std::list<open_file> files_;    // in the order of time
   std::deque<waiting_sound> waiting_sound_;
-  std::optional<media::sound_codec> encoder_codec_;
-  int encoder_ = 0;
-  // Those whose sound has not all come out.
+  std::optional<sound_way> way_;
+  int stretch_ = 0;
+  media::unit_samples opus_samples_;
+  // Those whose sound has not all come out, by stretch.
   std::map<int, std::shared_ptr<media::sound_encoder>> encoders_;
 
   struct ending {

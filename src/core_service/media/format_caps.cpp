@@ -18,12 +18,13 @@ struct caps_row {
   const char* caps;
   const nal_rules* rules;  // of a codec whose config is needed
 };
+// A muxer wants to be told of a frame rate, and be it that it varies.
 const caps_row kRows[] = {
     {"h264", "video/x-h264,stream-format=avc,alignment=au", &kH264Rules},
     {"hevc", "video/x-h265,stream-format=hvc1,alignment=au", &kHevcRules},
     {"av1", "video/x-av1,stream-format=obu-stream,alignment=tu", nullptr},
-    {"vp8", "video/x-vp8", nullptr},
-    {"vp9", "video/x-vp9", nullptr},
+    {"vp8", "video/x-vp8,framerate=0/1", nullptr},
+    {"vp9", "video/x-vp9,framerate=0/1", nullptr},
     {"opus", "audio/x-opus,channel-mapping-family=0", nullptr},
     {"aac", "audio/mpeg,mpegversion=4,framed=true,stream-format=raw", nullptr},
     {"pcmu", "audio/x-mulaw", nullptr},
@@ -114,6 +115,29 @@ format_ptr format_of(const GstCaps* caps) {
     if (made->config.empty()) return nullptr;
     made->reordered = reordered_by(*row->rules, made->config);
   }
+  return made;
+}
+
+media_sample unit_samples::of(const encoded_unit& unit) {
+  if (format_ != unit.format) {
+    format_ = unit.format;
+    caps_ = caps_of(*unit.format);
+  }
+  using context = carried<shared_bytes>;
+  auto kept = std::make_unique<context>(unit.bytes);
+  media_sample made;
+  made.buffer.reset(gst_buffer_new_wrapped_full(
+      GST_MEMORY_FLAG_READONLY, const_cast<uint8_t*>(unit.bytes.data()), unit.bytes.size(), 0,
+      unit.bytes.size(), kept.release(), [](gpointer given) {
+        const std::unique_ptr<context> owner(static_cast<context*>(given));
+        owner->get() = {};
+      }));
+  set_key(made.buffer.get(), unit.key);
+  if (caps_) made.caps.reset(gst_caps_ref(caps_.get()));
+  made.time = unit.time;
+  made.decode_time = unit.decode_time;
+  made.duration = unit.duration;
+  made.key = unit.key;
   return made;
 }
 

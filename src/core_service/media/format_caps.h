@@ -16,4 +16,15 @@ caps_ptr caps_of(const stream_format& format);
 // larger than we take, and for H.264 and HEVC without parameter sets beside the stream.
 format_ptr format_of(const GstCaps* caps);
 
+// Units as samples: their own memory, which the samples keep, and caps that are made once a format.
+class unit_samples {
+ public:
+  // Without caps where caps_of() has none.
+  media_sample of(const encoded_unit& unit);
+
+ private:
+  format_ptr format_;
+  caps_ptr caps_;
+};
+
 }  // namespace zelta::core_service::media

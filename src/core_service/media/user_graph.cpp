@@ -17,8 +17,6 @@ namespace {
 using namespace std::chrono_literals;
 
 constexpr int kFinishLimitMs = 3000;
-// A sender that starts again with a new SSRC stops using the old one.
-constexpr media_time kHandover = 200ms;
 constexpr media_time kKeyFrameInterval = 1s;
 // Whoever leaves sooner may not have sent one yet.
 constexpr media_time kFirstKeyFramePatience = 5s;
@@ -64,7 +62,6 @@ user_graph::user_graph(uint32_t uid, user_media from, user_outputs to, base::eve
       pipeline_(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr)))),
       source_(from.source.get()),
       complete_source_(from.complete),
-      ends_by_itself_(from.ends_by_itself),
       jpg_interval_(to_.jpg_interval.count()) {
   // The system's clock for all users, so that their media stands on one timeline.
   const clock_ptr clock(gst_system_clock_obtain());
@@ -90,9 +87,12 @@ user_graph::~user_graph() {
   if (give_up_timer_ != nullptr) posting_.loop().remove_timer(give_up_timer_);
   watch_.reset();
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+  // The source may outlive its pipeline.
+  g_signal_handlers_disconnect_by_data(source_, this);
 }
 
-void user_graph::start() {
+void user_graph::start(std::optional<media_time> zero) {
+  ends_by_itself_ = !zero;
   if (complete_source_) {
     GstIterator* const pads = gst_element_iterate_src_pads(source_);
     gst_iterator_foreach(
@@ -110,10 +110,10 @@ void user_graph::start() {
   }
   // Known before anything plays: a track that a source finds while its pipeline is still on the way
   // plays at once, and what it sends would stand at a time that has no zero yet.
-  const auto zero = static_cast<GstClockTime>(now().count());
+  const auto base = static_cast<GstClockTime>(zero.value_or(now()).count());
   gst_element_set_start_time(pipeline_.get(), GST_CLOCK_TIME_NONE);
-  gst_element_set_base_time(pipeline_.get(), zero);
-  gst_element_set_base_time(source_, zero);
+  gst_element_set_base_time(pipeline_.get(), base);
+  gst_element_set_base_time(source_, base);
   gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
 }
 
@@ -146,8 +146,8 @@ void user_graph::detach(GstPad* pad) {
     if (track_at != tracks_.end()) {
       gone = *track_at;
       tracks_.erase(track_at);
-      if (current_video_ == gone.get()) current_video_ = nullptr;
-      if (current_sound_ == gone.get()) current_sound_ = nullptr;
+      current_video_.ended(gone->number);
+      current_sound_.ended(gone->number);
     }
   }
   const element_ptr branch(gst_pad_get_parent_element(in.get()));
@@ -218,6 +218,7 @@ void user_graph::attach(GstPad* pad) {
   connect(t);
   {
     const std::lock_guard<std::mutex> guard(tracks_lock_);
+    t->number = ++last_track_;
     tracks_.push_back(t);
   }
   lead(pad, t->branch);
@@ -487,19 +488,13 @@ void user_graph::pick_jpgs(const std::shared_ptr<track>& t) {
 
 // ---- What comes ----------------------------------------------------------------------------
 
-// Of two tracks of a kind the one that came first counts until it has stopped.
-bool user_graph::is_current(track& t, media_time time) {
+bool user_graph::is_current(const track& t, media_time time) {
   const std::lock_guard<std::mutex> guard(tracks_lock_);
-  track*& current = t.kind->kind == media_kind::kVideo ? current_video_ : current_sound_;
-  if (current != nullptr && current != &t && time - media_time(current->latest) < kHandover) {
-    return false;
-  }
-  current = &t;
-  return true;
+  track_choice& choice = t.kind->kind == media_kind::kVideo ? current_video_ : current_sound_;
+  return choice.counts(t.number, time);
 }
 
 void user_graph::note(const std::shared_ptr<track>& t, const media_sample& sample) {
-  t->latest = sample.time.count();
   if (std::exchange(t->seen, true)) return;
   int width = 0;
   int height = 0;
@@ -533,7 +528,7 @@ void user_graph::request_key_frame() {
 
 // ---- The end -------------------------------------------------------------------------------
 
-void user_graph::finish(const std::string& why) {
+void user_graph::finish(const std::string& why, bool ended) {
   if (finished_ || !finish_reason_.empty()) return;
   finish_reason_ = why;
   tell_what_never_came(kFirstKeyFramePatience);
@@ -550,6 +545,7 @@ void user_graph::finish(const std::string& why) {
         graph->done(graph->finish_reason_);
       },
       this);
+  if (ended) return;
   // Nothing more from the source, and the end of the stream behind what has come: the source itself
   // may hold seconds of media that must not be recorded any more.
   for (const auto& [source, in] : ends) {

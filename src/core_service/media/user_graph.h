@@ -31,6 +31,7 @@
 #include "core_service/media/codecs.h"
 #include "core_service/media/gst.h"
 #include "core_service/media/timeline.h"
+#include "core_service/media/track_choice.h"
 
 namespace zelta::core_service::media {
 
@@ -71,9 +72,12 @@ class user_graph {
 
   // Whether any media of the kind has come.
   bool has(media_kind kind) const { return kind == media_kind::kVideo ? video_ : sound_; }
-  void start();
+  // `zero`: of the times that go through the pipeline, before all media of a source that others
+  // feed; such a one doesn't end by itself. None: the source paces itself from now on.
+  void start(std::optional<media_time> zero = std::nullopt);
   // What has come by now comes out, within a bound; events::finished follows.
-  void finish(const std::string& why);
+  // `ended`: the source has sent the end of its streams.
+  void finish(const std::string& why, bool ended = false);
   // Asks the sender for a picture that can be decoded by itself, once a second at most.
   void request_key_frame();
   void set_jpg_interval(media_time interval) { jpg_interval_ = interval.count(); }
@@ -82,10 +86,9 @@ class user_graph {
   // A pad of the source and what it leads to.
   struct track {
     const codec* kind;
+    int number = 0;
     pad_ptr source;
     GstElement* branch = nullptr;  // borrowed from the pipeline
-    // Media time of the latest buffer, nanoseconds.
-    std::atomic<int64_t> latest{0};
     media_time since{};
     std::atomic<int> rotation{0};
     int64_t next_jpg = 0;
@@ -123,7 +126,7 @@ class user_graph {
   void connect_video(const std::shared_ptr<track>& t);
   void follow_rotation(const std::shared_ptr<track>& t);
   void pick_jpgs(const std::shared_ptr<track>& t);
-  bool is_current(track& t, media_time time);
+  bool is_current(const track& t, media_time time);
   void note(const std::shared_ptr<track>& t, const media_sample& sample);
   void on_first(const track& t, int width, int height);
   void note_tracks();
@@ -140,15 +143,16 @@ class user_graph {
   std::optional<bus_watch> watch_;
   GstElement* source_;  // borrowed from the pipeline
   const bool complete_source_;
-  const bool ends_by_itself_;
+  bool ends_by_itself_ = true;
   std::atomic<int64_t> jpg_interval_;
 
   // The source's threads add to it.
   std::mutex tracks_lock_;
   std::vector<std::shared_ptr<track>> tracks_;
   std::vector<end> ends_;
-  track* current_video_ = nullptr;
-  track* current_sound_ = nullptr;
+  track_choice current_video_;
+  track_choice current_sound_;
+  int last_track_ = 0;
 
   // Ends that have not seen the end of their stream.
   std::atomic<int> open_sinks_{0};

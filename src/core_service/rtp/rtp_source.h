@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// A user who sends RTP, as a source for a pipeline:
+// A user who sends RTP:
 //
-//     packet thread: sender ─▶ units ─▶ appsrc ─▶ pad        a pad an SSRC
+//     packet thread: sender ─▶ units ─▶ mailbox ─▶ loop's thread        a track an SSRC
 #pragma once
 
 #include <functional>
@@ -11,23 +11,25 @@
 #include <vector>
 
 #include "core_service/channel/media_feed.h"
-#include "core_service/media/gst.h"
 #include "core_service/media/shared_bytes.h"
 #include "core_service/missing_medium.h"
 #include "core_service/rtp/packet_thread.h"
 #include "core_service/rtp/settings.h"
+#include "core_service/rtp/unit_mailbox.h"
 
 namespace zelta::core_service::rtp {
 
 // What all senders share.
 struct packet_plane {
+  explicit packet_plane(base::event_loop& loop) : mail(loop) {}
+  unit_mailbox mail;
+  int likely_free_port = 0;
   // Behind the thread, whose receivers use it.
   media::byte_pool pool;
   packet_thread thread;
 };
 
 struct rtp_source {
-  media::element_ptr bin;
   std::shared_ptr<media_feed> feed;
   bool video = false;
   bool sound = false;

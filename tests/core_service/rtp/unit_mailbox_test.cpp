@@ -1,0 +1,106 @@
+// SPDX-License-Identifier: Apache-2.0
+// Units on their way to the loop's thread, and which of a user's tracks count there.
+#include <chrono>
+#include <string>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "core_service/media/track_choice.h"
+#include "core_service/rtp/unit_mailbox.h"
+
+namespace zelta::test {
+namespace {
+
+using namespace std::chrono_literals;
+using core_service::media::encoded_unit;
+using core_service::media::stream_format;
+using core_service::rtp::unit_mailbox;
+
+encoded_unit unit_at(std::chrono::nanoseconds time) {
+  encoded_unit one;
+  one.format = std::make_shared<stream_format>();
+  one.time = time;
+  return one;
+}
+
+class MailboxTest : public testing::Test {
+ protected:
+  uint64_t enter(const std::string& name) {
+    return mail.enter({[this, name](int track, const encoded_unit& unit) {
+                         said += name + std::to_string(track) + "@" +
+                                 std::to_string(unit.time.count()) + " ";
+                         if (on_unit) std::exchange(on_unit, nullptr)();
+                       },
+                       [this, name](int track) { said += name + std::to_string(track) + "! "; }});
+  }
+
+  base::event_loop loop;
+  unit_mailbox mail{loop};
+  std::string said;
+  std::function<void()> on_unit;
+};
+
+TEST_F(MailboxTest, EverybodyGetsTheirsInOrder) {
+  const uint64_t a = enter("a");
+  const uint64_t b = enter("b");
+  std::thread([&] {
+    mail.put(a, 1, unit_at(5ns));
+    mail.put(b, 1, unit_at(6ns));
+    mail.put_end(a, 1);
+    mail.put(77, 1, unit_at(7ns));
+    mail.put(a, 2, unit_at(8ns));
+  }).join();
+  EXPECT_EQ(said, "");
+  loop.run(true);
+  EXPECT_EQ(said, "a1@5 b1@6 a1! a2@8 ");
+  mail.put(b, 3, unit_at(9ns));
+  loop.run(true);
+  EXPECT_EQ(said, "a1@5 b1@6 a1! a2@8 b3@9 ") << "woken once more";
+}
+
+TEST_F(MailboxTest, WhoLeavesGetsAllThatHasComeAndNothingLater) {
+  const uint64_t a = enter("a");
+  const uint64_t b = enter("b");
+  // From inside a call, with units behind it that have been taken out already, and some that have
+  // not.
+  on_unit = [&] {
+    mail.put(a, 3, unit_at(3ns));
+    mail.deliver_all();
+    mail.leave(a);
+    mail.put(a, 4, unit_at(4ns));
+    mail.put(b, 5, unit_at(5ns));
+  };
+  mail.put(a, 1, unit_at(1ns));
+  mail.put(a, 2, unit_at(2ns));
+  loop.run(true);
+  loop.run(true);
+  EXPECT_EQ(said, "a1@1 a2@2 a3@3 b5@5 ");
+}
+
+TEST_F(MailboxTest, WhatIsPutMeanwhileWaitsForTheNextRound) {
+  const uint64_t a = enter("a");
+  on_unit = [&] { mail.put(a, 2, unit_at(2ns)); };
+  mail.put(a, 1, unit_at(1ns));
+  loop.run(true);
+  EXPECT_EQ(said, "a1@1 ");
+  loop.run(true);
+  EXPECT_EQ(said, "a1@1 a2@2 ");
+}
+
+TEST(TrackChoice, TheFirstCountsUntilItHasStopped) {
+  core_service::media::track_choice choice;
+  EXPECT_TRUE(choice.counts(1, 0ms));
+  EXPECT_TRUE(choice.counts(1, 100ms));
+  EXPECT_TRUE(choice.counts(1, 60ms)) << "decoded after it, shown before";
+  EXPECT_FALSE(choice.counts(2, 299ms));
+  EXPECT_TRUE(choice.counts(2, 300ms));
+  EXPECT_FALSE(choice.counts(1, 400ms)) << "its turn is over";
+  choice.ended(1);
+  EXPECT_FALSE(choice.counts(3, 400ms));
+  choice.ended(2);
+  EXPECT_TRUE(choice.counts(3, 400ms));
+}
+
+}  // namespace
+}  // namespace zelta::test
