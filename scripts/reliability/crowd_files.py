@@ -8,6 +8,8 @@ import subprocess
 
 SOUND_LIMIT_S = 0.1
 START_LIMIT_S = 0.04
+# Between two key frames of what is played.
+KEY_FRAMES_S = 2.0
 # So many users' files are read packet by packet, the others' looked at.
 SAMPLED_USERS = 40
 PROBES_AT_ONCE = 2
@@ -84,7 +86,8 @@ def fault_in(paths, sent, end_ms, lossy):
     least = sent["whole_pictures"] if lossy else sent["pictures"]
     if not least <= pictures <= sent["pictures"]:
         return f"{pictures} pictures of {sent['pictures']}"
-    if starts is None or abs(starts) > START_LIMIT_S:
+    # A first key frame that is lost costs what needs it; who plays captured packets sends no other.
+    if starts is None or not -START_LIMIT_S <= starts <= START_LIMIT_S + (KEY_FRAMES_S if lossy else 0):
         return f"video begins {starts} s after sound"
     # Between the last packet and the end of the recording there was nothing to record.
     clock = (end_ms - sent["begin_utc_ms"]) / 1000
