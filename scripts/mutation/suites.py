@@ -48,7 +48,7 @@ COVERED_BY = [
     ("src/core_service/rtp/srtp_key.*", "parts_test"),
     ("src/core_service/rtp/depayload/*", "packets_to_units_test fuzz_depayload"),
     ("src/core_service/rtp/packet.*", "packets_to_units_test fuzz_rtp_packets"),
-    ("src/core_service/rtp/r*_*", "packets_to_units_test fuzz_rtp_packets"),
+    ("src/core_service/rtp/re*_*", "packets_to_units_test fuzz_rtp_packets"),
     ("src/core_service/rtp/rtcp.*", "packets_to_units_test fuzz_rtp_packets"),
     ("src/core_service/media/mp4/*", "mp4_test"),
     ("src/core_service/media/timeline.*", "parts_test"),

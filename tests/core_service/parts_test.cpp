@@ -21,6 +21,7 @@
 #include "core_service/options.h"
 #include "core_service/parameters.h"
 #include "core_service/recording_plan.h"
+#include "core_service/rtp/payload.h"
 #include "core_service/rtp/session_description.h"
 #include "core_service/rtp/settings.h"
 #include "core_service/secrets.h"
@@ -227,13 +228,17 @@ TEST(SrtpKey, HasTheLengthThatItsModeWants) {
       {"aes-128-gcm", "", "it is no base64"},
       {"xor", bytes28, "--encrypt_mode \"xor\" should be aes-128-cm-sha1-80, aes-128-gcm"},
   };
+  std::vector<rtp::cipher> modes;
   for (const auto& row : rows) {
     std::string error;
     const auto key = rtp::parse_key(row.mode, row.secret, error);
     EXPECT_EQ(key.has_value(), row.error[0] == '\0') << row.mode << " " << row.secret;
     EXPECT_NE(error.find(row.error), std::string::npos) << error;
     EXPECT_EQ(error.find(bytes28), std::string::npos) << "a secret stands in no message";
+    if (key) modes.push_back(key->mode);
   }
+  EXPECT_EQ(modes, (std::vector<rtp::cipher>{rtp::cipher::kAes128CmSha1_80, rtp::cipher::kAes128Gcm,
+                                             rtp::cipher::kAes256Gcm}));
 }
 
 TEST(SessionDescription, TellsWhatCanBeReceived) {
@@ -271,6 +276,39 @@ TEST(SessionDescription, TellsWhatCanBeReceived) {
   EXPECT_EQ(rtp::answer_with_ports(
                 "m=audio 9 RTP/AVP 0\nm=video 5 RTP/AVP 1\nm=video 9 RTP/AVP 2\n", {100, 102}),
             "m=audio 100 RTP/AVP 0\nm=video 5 RTP/AVP 1\nm=video 102 RTP/AVP 2\n");
+}
+
+TEST(SessionDescription, SaysWhereAndHow) {
+  const auto text_of = [](const rtp::stream_description& one) {
+    std::string text = one.address + ":" + std::to_string(one.port) + " " +
+                       std::to_string(one.rtcp_port) + (one.rtcp_mux ? " mux" : "") +
+                       (one.srtp ? " srtp" : "");
+    for (const auto& [number, caps] : one.caps) {
+      const auto payload = rtp::payload_of(caps.get());
+      text += " " + std::to_string(number) + "=" + payload.kind->name + "/" +
+              std::to_string(payload.clock_rate);
+      for (const std::string& sets : payload.described.parameter_sets) text += "," + sets;
+    }
+    return text;
+  };
+  const std::string head = "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\n";
+  const std::pair<std::string, std::string> rows[] = {
+      {"m=audio 5006 RTP/AVP 0 97\na=rtpmap:97 opus/48000/2\n",
+       "127.0.0.1:5006 5007 0=pcmu/8000 97=opus/48000"},
+      {"m=video 9 RTP/SAVPF 96\nc=IN IP4 10.0.0.1\na=rtcp-mux\na=rtpmap:96 H264/90000\n"
+       "a=fmtp:96 sprop-parameter-sets=AB,CD\n",
+       "10.0.0.1:0 1 mux srtp 96=h264/90000,AB,CD"},
+      {"m=video 5004 RTP/AVPF 96\na=rtcp:6000\na=rtpmap:96 VP8/90000\n",
+       "127.0.0.1:5004 6000 96=vp8/90000"},
+      {"m=audio 5004 RTP/SAVP 8\na=rtcp:70000\n", "127.0.0.1:5004 5005 srtp 8=pcma/8000"},
+  };
+  for (const auto& [text, said] : rows) {
+    std::vector<core_service::missing_medium> left_out;
+    std::string error;
+    const auto streams = rtp::parse_description(head + text, left_out, error);
+    ASSERT_EQ(streams.size(), 1U) << error;
+    EXPECT_EQ(text_of(streams[0]), said);
+  }
 }
 
 // ---- What the application says -------------------------------------------------------------

@@ -119,6 +119,9 @@ const CheckRow kCheckRows[] = {
     {"muxed video only",
      SET(c.isMixingEnabled = c.isVideoOnly = true; c.mixedVideoAudio = MIXED_AV_CODEC_V2), -1,
      "ERROR:mixedVideoAudio only be enabled in video mix mode!!!"},
+    {"muxed audio only",
+     SET(c.isMixingEnabled = c.isAudioOnly = true; c.mixedVideoAudio = MIXED_AV_CODEC_V2), -1,
+     "ERROR:mixedVideoAudio only be enabled in video mix mode!!!"},
     {"idle of two",
      SET(c.idleLimitSec = 2; c.captureInterval = 0;
          c.decodeVideo = VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE),
@@ -135,6 +138,7 @@ const CheckRow kCheckRows[] = {
      -2, "Illegal video capture interval."},
     {"trigger of two", SET(c.triggerMode = static_cast<TRIGGER_MODE_TYPE>(2)), -2,
      "triggerMode out of range, it should be 0 or 1"},
+    {"trigger by hand", SET(c.triggerMode = MANUALLY_MODE), 0, ""},
     {"trigger negative", SET(c.triggerMode = static_cast<TRIGGER_MODE_TYPE>(-1)), -2,
      "triggerMode out of range, it should be 0 or 1"},
     {"volume interval", SET(c.audioIndicationInterval = -1), -2,
