@@ -28,6 +28,20 @@ constexpr size_t kMostMissing = 1000;
 constexpr size_t kMostRemembered = 10'000;
 constexpr size_t kLongestReason = 1000;
 
+Json::Value to_json(const std::map<uint32_t, uint64_t>& by_user) {
+  Json::Value v(Json::objectValue);
+  for (const auto& [uid, count] : by_user) v[std::to_string(uid)] = Json::UInt64{count};
+  return v;
+}
+
+std::map<uint32_t, uint64_t> by_user_from_json(const Json::Value& v) {
+  std::map<uint32_t, uint64_t> by_user;
+  for (const std::string& uid : v.getMemberNames()) {
+    by_user[static_cast<uint32_t>(std::stoul(uid))] = v[uid].asUInt64();
+  }
+  return by_user;
+}
+
 Json::Value to_json(const manifest_file& f) {
   Json::Value v(Json::objectValue);
   v["name"] = f.name;
@@ -116,10 +130,8 @@ void manifest::load() {
     for (const Json::Value& entry : root["missing"]) missing_.push_back(gap_from_json(entry));
     missing_before_ = missing_.size();
     missing_before_of_last_ = root.get("missing_before", 0U).asUInt();
-    const Json::Value& pictures = root["pictures"];
-    for (const std::string& uid : pictures.getMemberNames()) {
-      pictures_[static_cast<uint32_t>(std::stoul(uid))] = pictures[uid].asUInt64();
-    }
+    pictures_ = by_user_from_json(root["pictures"]);
+    lost_packets_ = by_user_from_json(root["lost_packets"]);
     const Json::Value& dropped = root["dropped_frames"];
     dropped_before_ = {dropped.get("pictures", 0).asUInt64(), dropped.get("coded", 0).asUInt64(),
                        dropped.get("sound", 0).asUInt64()};
@@ -127,6 +139,7 @@ void manifest::load() {
   } catch (const std::exception& e) {
     files_.clear();
     pictures_.clear();
+    lost_packets_.clear();
     missing_.clear();
     missing_before_ = 0;
     base::log_dir(folder_.c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
@@ -215,11 +228,8 @@ void manifest::save() {
   for (const manifest_gap& gap : missing_) missing.append(to_json(gap));
   root["missing"] = std::move(missing);
   root["missing_before"] = Json::UInt64{missing_before_};
-  Json::Value pictures(Json::objectValue);
-  for (const auto& [uid, count] : pictures_) {
-    pictures[std::to_string(uid)] = Json::UInt64{count};
-  }
-  root["pictures"] = std::move(pictures);
+  root["pictures"] = to_json(pictures_);
+  root["lost_packets"] = to_json(lost_packets_);
   Json::Value dropped(Json::objectValue);
   dropped["pictures"] = Json::UInt64{dropped_.pictures};
   dropped["coded"] = Json::UInt64{dropped_.coded};

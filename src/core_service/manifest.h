@@ -65,6 +65,8 @@ class manifest {
   bool note_missing(uint32_t uid, const missing_medium& what);
   // One more captured picture of the user in a file.
   void count_picture(uint32_t uid) { ++pictures_[uid]; }
+  // More of the user's packets found no room here.
+  void count_lost_packets(uint32_t uid, uint64_t more) { lost_packets_[uid] += more; }
   // How many this process has dropped so far.
   void set_dropped(const dropped_counts& now);
   // Writes the manifest, soon.
@@ -93,6 +95,7 @@ class manifest {
   std::map<size_t, manifest_file> files_;
   size_t next_number_ = 0;
   std::map<uint32_t, uint64_t> pictures_;
+  std::map<uint32_t, uint64_t> lost_packets_;
   std::vector<manifest_gap> missing_;
   // Those of earlier sessions come first.
   size_t missing_before_ = 0;

@@ -260,6 +260,17 @@ void user::tell_undecodable() {
   told_.missing({"video", "", "no picture came that can be decoded by itself"});
 }
 
+void user::count_losses() {
+  const uint64_t lost = feed_->lost_packets();
+  if (lost == lost_packets_) return;
+  around_.files.count_lost_packets(uid_, lost - lost_packets_);
+  around_.files.changed();
+  if (std::exchange(lost_packets_, lost) > 0) return;
+  told_.missing({"packets", "",
+                 "they found no room here, because the machine was too busy, or gives "
+                 "sockets too little memory (net.core.rmem_max)"});
+}
+
 void user::request_key_frame() {
   if (feed_) return feed_->request_key_frame();
   if (graph_) graph_->request_key_frame();
@@ -305,6 +316,7 @@ void user::finish(const std::string& why, std::function<void()> finished) {
   // What it has received comes out, and its ports are free for who comes back.
   if (feed_) {
     feed_->stop();
+    count_losses();
     tell_undecodable();
   }
   if (source_) source_->end();
@@ -343,6 +355,7 @@ void user::tell_finished() const {
 void user::tick() {
   const std::string fault = feed_ && !media_ended_ ? feed_->fault() : "";
   if (!fault.empty()) told_.missing({"all", "", fault});
+  if (feed_) count_losses();
   // Between the end of the sender and the end of what it sent nothing is missing.
   const bool draining = !finish_reason_.empty() && !media_ended_;
   if (series_ && !draining) series_->tick();

@@ -75,6 +75,7 @@ class user {
   bool is_kept(const media::codec& kind) const;
   void decode(int track, const media::encoded_unit& unit);
   void tell_undecodable();
+  void count_losses();
   void request_key_frame();
   void on_sound(media::media_time time, const int16_t* samples, size_t frames);
   void start_frames(media::media_time time);
@@ -101,6 +102,7 @@ class user {
   bool has_sound_ = false;
   bool measures_volume_ = false;
   bool graph_ended_ = false;
+  uint64_t lost_packets_ = 0;
   // Sound goes into files as it came, and not as samples.
   std::atomic<bool> keeps_sound_{false};
 

@@ -364,6 +364,28 @@ TEST_F(RtpTest, HostilePacketsCostNothing) {
   EXPECT_EQ(decode_errors_of(folder + files()[0]["name"].asString()), "");
 }
 
+// A recorder that can't keep up says so, and by how much.
+TEST_F(RtpTest, PacketsWithoutRoomAreCountedAndTold) {
+  join_channel();
+  describe();
+  const Sender video(video_sender("3333"));
+  ASSERT_TRUE(wait_recorded(500));
+  const std::string recorder = " -P " + std::to_string(getpid()) + " ZeltaCoreServic";
+  output_of("pkill -STOP" + recorder);
+  Socket flood;
+  const std::vector<uint8_t> packet(1200, 0x80);
+  for (int i = 0; i < 20'000; ++i) flood.send(port, packet);
+  output_of("pkill -CONT" + recorder);
+  ASSERT_TRUE(handler.wait_for("error 2 1"));
+  user_leaves();
+  release();
+  const Json::Value written = read_json(folder + "recording.json");
+  EXPECT_GT(written["lost_packets"]["1"].asUInt(), 1000U);
+  ASSERT_EQ(written["missing"].size(), 1U);
+  EXPECT_EQ(written["missing"][0]["medium"].asString(), "packets");
+  for (const Json::Value& entry : files()) EXPECT_NE(entry["closed"].asString(), "");
+}
+
 TEST_F(RtpTest, RightKeyIsRecordedAndAWrongOneIsAnErrorWithoutAFile) {
   config.decryptionMode = const_cast<char*>("aes-256-gcm");
   config.secret = const_cast<char*>("AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8gISIjJCUmJygpKis=");

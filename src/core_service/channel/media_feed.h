@@ -2,6 +2,7 @@
 // A user's media as encoded units, ready for files, before anything decodes it.
 #pragma once
 
+#include <cstdint>
 #include <functional>
 #include <string>
 
@@ -29,6 +30,8 @@ class media_feed {
   virtual void stop() = 0;
   // Any thread: asks for a picture that needs no other.
   virtual void request_key_frame() = 0;
+  // Packets that have come and found no room here, because the machine was too busy.
+  virtual uint64_t lost_packets() const = 0;
   // What is wrong with what comes, once; else empty.
   virtual std::string fault() = 0;
 };

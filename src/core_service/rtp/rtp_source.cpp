@@ -52,6 +52,7 @@ class rtp_feed final : public media_feed {
   void stop() override {
     if (!sender_) return;
     plane_->thread.call([this] { sender_->stop(); });
+    lost_packets_ = sender_->dropped();
     sender_.reset();
     plane_->mail.deliver_all();
     plane_->mail.leave(reader_);
@@ -62,6 +63,8 @@ class rtp_feed final : public media_feed {
       if (const auto alive = from.lock()) alive->request_key_frames();
     });
   }
+
+  uint64_t lost_packets() const override { return sender_ ? sender_->dropped() : lost_packets_; }
 
   std::string fault() override {
     if (!sender_ || sender_->encrypted() < kUndecryptable || sender_->decrypted() > 0 ||
@@ -76,6 +79,7 @@ class rtp_feed final : public media_feed {
   const std::shared_ptr<packet_plane> plane_;
   const media::format_ptr likely_sound_;
   uint64_t reader_ = 0;
+  uint64_t lost_packets_ = 0;  // after stop()
   bool fault_told_ = false;
   std::shared_ptr<sender> sender_;
   const std::weak_ptr<sender> asked_ = sender_;  // for other threads

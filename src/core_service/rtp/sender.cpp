@@ -105,6 +105,7 @@ void sender::stop() {
       if (!one.finished) one.of->finish();
     }
   }
+  count_dropped();
   by_.wake_at(*this, media_time::zero());
   for (const line& one : lines_) {
     by_.remove(one.of.sockets.rtp.get());
@@ -211,6 +212,7 @@ void sender::on_wake(media_time now) {
   const blamed whom(uid_);
   const bool report_due = now - reported_ >= kReportInterval;
   if (report_due) reported_ = now;
+  if (report_due) count_dropped();
   for (line& at : lines_) {
     std::vector<uint32_t> gone;
     for (auto& [ssrc, one] : at.sources) {
@@ -231,6 +233,15 @@ void sender::tick_source(source& one, media_time now) {
   one.of->finish();
   one.finished = true;
   one.ends = now + kLastUnits;
+}
+
+void sender::count_dropped() {
+  uint64_t sum = 0;
+  for (const line& one : lines_) {
+    sum += dropped_by(one.of.sockets.rtp.get());
+    if (one.of.sockets.rtcp.valid()) sum += dropped_by(one.of.sockets.rtcp.get());
+  }
+  dropped_ = sum;
 }
 
 void sender::plan_wake(media_time now) {

@@ -57,6 +57,8 @@ class sender : public packet_receiver {
   // Any thread: packets that should have been encrypted, and those that could be decrypted.
   uint64_t encrypted() const { return encrypted_; }
   uint64_t decrypted() const { return decrypted_; }
+  // Any thread: packets for which there was no room here; known a second later, or after stop().
+  uint64_t dropped() const { return dropped_; }
 
  private:
   struct source {
@@ -94,6 +96,7 @@ class sender : public packet_receiver {
   void send_reports(line& at, media::media_time now);
   void send(line& at, std::array<uint8_t, 1500>& bytes, size_t size);
   void plan_wake(media::media_time now);
+  void count_dropped();
 
   const uint32_t uid_;
   const settings how_;
@@ -109,6 +112,7 @@ class sender : public packet_receiver {
   bool running_ = false;
   std::atomic<uint64_t> encrypted_{0};
   std::atomic<uint64_t> decrypted_{0};
+  std::atomic<uint64_t> dropped_{0};
 };
 
 }  // namespace zelta::core_service::rtp

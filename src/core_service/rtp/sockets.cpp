@@ -2,11 +2,13 @@
 #include "core_service/rtp/sockets.h"
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <optional>
 
 #include <arpa/inet.h>
+#include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
 
@@ -133,6 +135,13 @@ socket_pair open_sockets(const wanted_sockets& wanted, std::string& error) {
   error = "no pair of UDP ports is free between " + std::to_string(lowest) + " and " +
           std::to_string(highest) + " (--min_port, --max_port, or ports of the settings)";
   return {};
+}
+
+uint32_t dropped_by(int fd) {
+  std::array<uint32_t, SK_MEMINFO_VARS> counts{};
+  socklen_t size = sizeof counts;
+  static_cast<void>(getsockopt(fd, SOL_SOCKET, SO_MEMINFO, counts.data(), &size));
+  return counts[SK_MEMINFO_DROPS];
 }
 
 }  // namespace zelta::core_service::rtp

@@ -30,4 +30,7 @@ struct wanted_sockets {
 // and the kernel says of each datagram when it came. Empty with `error` when a port can't be had.
 socket_pair open_sockets(const wanted_sockets& wanted, std::string& error);
 
+// Datagrams that found no room in the socket so far, modulo 2^32.
+uint32_t dropped_by(int fd);
+
 }  // namespace zelta::core_service::rtp
