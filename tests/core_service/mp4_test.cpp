@@ -81,9 +81,9 @@ class Mp4Test : public testing::Test {
   }
   void complete() {
     append(mux->finish());
-    const auto bytes = mux->switch_bytes();
-    std::copy(bytes.begin(), bytes.end(),
-              file.begin() + static_cast<std::ptrdiff_t>(mp4::muxer::kSwitchAt));
+    const muxer::patch last = mux->completion();
+    std::copy(last.bytes.begin(), last.bytes.end(),
+              file.begin() + static_cast<std::ptrdiff_t>(last.at));
   }
   // A line a box, its name and bytes in hexadecimal; of those at the top, where they begin and how
   // large they are; nothing of those that hold boxes.

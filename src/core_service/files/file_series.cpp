@@ -136,17 +136,17 @@ void file_series::open(media_time begin, const media_file::contents& holds,
   if (video != nullptr) of.video_caps.reset(gst_caps_ref(video->caps.get()));
   const std::string name =
       claim_file(around_.folder, plan_.prefix, utc_ms_of(begin), ending_of(holds.kind));
-  std::string error;
-  of.file = media_file::make(
+  of.file = std::make_unique<media_file>(
       around_.folder + name, holds, around_.loop, around_.disk,
-      [this, which = &of](const std::string& why, bool disk) { on_done(which, why, disk); }, error);
+      [this, which = &of](const std::string& why, bool disk) { on_done(which, why, disk); });
+  std::string error;
   std::shared_ptr<sound_encoder> encoder;
   const sound_way way = way_in(holds.kind);
-  const bool switches = of.file && holds.sound && (!sound_position() || way_ != way);
+  const bool switches = holds.sound && (!sound_position() || way_ != way);
   const bool encodes = switches && way != sound_way::kAsItCame;
   if (switches) ++stretch_;
   if (encodes) encoder = make_encoder(way, error);
-  if (!of.file || (encodes && !encoder)) {
+  if (encodes && !encoder) {
     files_.pop_back();
     unlink((around_.folder + name).c_str());
     recording_ = false;

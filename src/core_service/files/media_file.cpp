@@ -2,7 +2,14 @@
 #include "core_service/files/media_file.h"
 
 #include <algorithm>
+#include <cstring>
 #include <utility>
+#include <vector>
+
+#include "base/clocks.h"
+#include "core_service/descriptors.h"
+#include "core_service/media/mp4/muxer.h"
+#include "core_service/media/webm/muxer.h"
 
 namespace zelta::core_service::files {
 namespace {
@@ -16,19 +23,28 @@ constexpr int kFinishLimitMs = 5000;
 // A disk that is behind by so much will not catch up, and the memory is needed for the others.
 constexpr size_t kBacklogLimitBytes = 256U << 20;
 
-}  // namespace
-
-std::unique_ptr<media_file> media_file::make(const std::string& path, const contents& holds,
-                                             base::event_loop& loop, file_writer& disk,
-                                             done_callback done, std::string& error) {
+std::unique_ptr<media::muxer> muxer_of(const media_file::contents& holds) {
   if (holds.kind == container::kWebm) {
-    return make_webm_file(path, holds, loop, std::move(done), error);
+    return std::make_unique<media::webm::muxer>(holds.video, holds.sound);
   }
-  return make_mp4_file(path, holds, loop, disk, std::move(done));
+  return std::make_unique<media::mp4::muxer>(holds.kind == container::kM4a ? "M4A " : "isom",
+                                             holds.video, holds.sound, base::utc_ms() / 1000);
 }
 
-media_file::media_file(const contents& holds, base::event_loop& loop, done_callback done)
-    : loop_(loop), posting_(loop), done_(std::move(done)), holds_(holds) {}
+}  // namespace
+
+media_file::media_file(const std::string& path, const contents& holds, base::event_loop& loop,
+                       file_writer& disk, done_callback done)
+    : loop_(loop),
+      posting_(loop),
+      done_(std::move(done)),
+      holds_(holds),
+      muxer_(muxer_of(holds)),
+      output_(disk.open(path, [this](int error) {
+        give_up((completing_ ? "not completed: " : "it can't be written: ") +
+                    std::string(std::strerror(error)),
+                !is_shortage(error));
+      })) {}
 
 media_file::~media_file() {
   if (limit_ != nullptr) loop_.remove_timer(limit_);
@@ -36,11 +52,12 @@ media_file::~media_file() {
 
 void media_file::write(media_kind kind, const media_sample& sample) {
   if (ended_ || !(kind == media_kind::kVideo ? holds_.video : holds_.sound)) return;
-  mux(kind, sample);
+  std::vector<media::buffer_ptr> bytes = muxer_->add(kind, sample);
+  if (!bytes.empty()) output_->append(std::move(bytes));
   first_ = written_ ? std::min(first_, sample.time) : sample.time;
   last_ = written_ ? std::max(last_, sample.end()) : sample.end();
   written_ = true;
-  if (waiting_bytes() <= kBacklogLimitBytes) return;
+  if (output_->waiting_bytes() <= kBacklogLimitBytes) return;
   // Later, because who writes still holds this.
   posting_.post([this] { give_up("the disk is too slow", true); });
 }
@@ -50,10 +67,14 @@ void media_file::finish() {
   limit_ = loop_.add_timer(
       kFinishLimitMs,
       [](int, void* self) {
-        static_cast<media_file*>(self)->give_up("not completed in time; it stays fragmented", true);
+        static_cast<media_file*>(self)->give_up("not completed in time", true);
       },
       this);
-  complete();
+  completing_ = true;
+  output_->append(muxer_->finish());
+  media::muxer::patch last = muxer_->completion();
+  output_->overwrite(last.at, std::move(last.bytes));
+  output_->close([this] { give_up("", false); });
 }
 
 void media_file::abandon() {
@@ -63,7 +84,7 @@ void media_file::abandon() {
 
 void media_file::give_up(const std::string& why, bool disk) {
   if (std::exchange(ended_, true)) return;
-  stop();
+  output_.reset();
   const done_callback done = done_;
   done(why, disk);
 }

@@ -74,7 +74,6 @@ std::vector<std::string> missing_plugins() {
       {"x264enc", "mixing uses OpenH264, which needs more time", "gstreamer1.0-plugins-ugly"},
       {"avenc_aac", "no sound can be recorded in MP4", "gstreamer1.0-libav"},
       {"opusenc", "no sound can be recorded beside VP8 and VP9", "gstreamer1.0-plugins-base"},
-      {"webmmux", "VP8 and VP9 can't be recorded", "gstreamer1.0-plugins-good"},
       {"decodebin", "no media file can be played as a user", "gstreamer1.0-plugins-base"},
       {"qtdemux", "no MP4 file can be played as a user", "gstreamer1.0-plugins-good"},
       {"matroskademux", "no Matroska or WebM file can be played as a user",

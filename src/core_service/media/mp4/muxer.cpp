@@ -11,6 +11,8 @@ using box = box_writer::box;
 
 constexpr uint64_t kFrom1904To1970 = 2'082'844'800;
 constexpr size_t kBoxHeader = 8;
+// Of the box "free" that becomes the head of all media in the end.
+constexpr uint64_t kSwitchAt = 28;
 constexpr uint64_t kPage = 4096;
 // So that two tracks' samples in one "moof", at 16 bytes each, take less than a page.
 constexpr size_t kSamplesOfTrack = 100;
@@ -174,14 +176,12 @@ void muxer::put_moov(box_writer& to, bool whole) const {
   }
 }
 
-std::array<uint8_t, 16> muxer::switch_bytes() const {
+media::muxer::patch muxer::completion() {
   box_writer header;
   header.put<4>(1);  // the size follows
   header.text("mdat");
   header.put<8>(index_at_ - kSwitchAt);
-  std::array<uint8_t, 16> bytes{};
-  std::copy(header.bytes.begin(), header.bytes.end(), bytes.begin());
-  return bytes;
+  return {kSwitchAt, header.bytes};
 }
 
 }  // namespace zelta::core_service::media::mp4

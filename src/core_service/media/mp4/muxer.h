@@ -14,32 +14,26 @@
 // Nothing here blocks or reads a clock. One thread at a time.
 #pragma once
 
-#include <array>
 #include <cstdint>
 #include <optional>
 #include <vector>
 
 #include "core_service/media/mp4/track.h"
+#include "core_service/media/muxer.h"
 
 namespace zelta::core_service::media::mp4 {
 
 // What a killed recorder loses, and one write.
 constexpr media_time kFragment = std::chrono::milliseconds(200);
 
-class muxer {
+class muxer final : public media::muxer {
  public:
   // `brand`: of four characters. `creation`: seconds since 1970 UTC.
   muxer(const char* brand, bool video, bool sound, int64_t creation);
 
-  // Returns what is to be appended to the file, most times nothing. The first fragment waits until
-  // every track has had a sample, because the head describes them all.
-  std::vector<buffer_ptr> add(media_kind kind, const media_sample& sample);
-  // The rest and the index. A track that never had a sample is left out.
-  std::vector<buffer_ptr> finish();
-
-  // Overwrites the file's bytes from kSwitchAt on, once all else is in it, and completes it.
-  static constexpr uint64_t kSwitchAt = 28;
-  std::array<uint8_t, 16> switch_bytes() const;
+  std::vector<buffer_ptr> add(media_kind kind, const media_sample& sample) override;
+  std::vector<buffer_ptr> finish() override;
+  patch completion() override;
 
  private:
   track* of(media_kind kind);
