@@ -197,8 +197,13 @@ void user::on_unit(int track, const media::encoded_unit& unit) {
   const bool taken = video ? outputs_.video || is_decoded(kind) : outputs_.sound != nullptr;
   if (!taken) return;
   on_first(unit);
+  media::track_choice& choice = video ? video_choice_ : sound_choice_;
+  const bool counts = choice.counts(track, unit.time, !video || unit.key);
+  // Before its samples can come out of the decoder.
+  if (counts && !video && series_ && plan_.record_sound) expect_sound(unit.format, unit.time);
   if (is_decoded(kind)) decode(track, unit);
-  if ((video ? video_choice_ : sound_choice_).counts(track, unit.time)) record(unit);
+  if (counts) return record(unit);
+  if (video && choice.is_free(unit.time)) request_key_frame();
 }
 
 void user::on_first(const media::encoded_unit& unit) {
@@ -216,8 +221,7 @@ void user::record(const media::encoded_unit& unit) {
     if (outputs_.video) outputs_.video(video_samples_.of(unit), kind);
     return;
   }
-  if (series_ && plan_.record_sound) expect_sound(unit.format, unit.time);
-  if (keeps_sound_) series_->on_opus(unit);
+  if (keeps_sound_ && series_) series_->on_opus(unit);
 }
 
 void user::expect_sound(const media::format_ptr& format, media_time from) {
@@ -254,9 +258,9 @@ void user::decode(int track, const media::encoded_unit& unit) {
 
 // Whoever left soon may not have sent one.
 void user::tell_undecodable() {
-  const bool expected = serving_ && series_ && plan_.record_video && first_video_ &&
-                        finish_time_ - *first_video_ > kFirstKeyFramePatience;
-  if (!expected || series_->last_video_end() > *first_video_) return;
+  if (!serving_ || !series_ || !plan_.record_video || !first_video_) return;
+  const media_time since = std::max(*first_video_, series_->started());
+  if (series_->has_pictures() || finish_time_ - since < kFirstKeyFramePatience) return;
   told_.missing({"video", "", "no picture came that can be decoded by itself"});
 }
 
@@ -264,7 +268,6 @@ void user::count_losses() {
   const uint64_t lost = feed_->lost_packets();
   if (lost == lost_packets_) return;
   around_.files.count_lost_packets(uid_, lost - lost_packets_);
-  around_.files.changed();
   if (std::exchange(lost_packets_, lost) > 0) return;
   told_.missing({"packets", "",
                  "they found no room here, because the machine was too busy, or gives "

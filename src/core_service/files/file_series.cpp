@@ -76,6 +76,7 @@ void file_series::start() {
     ending_.reset();
   }
   recording_ = true;
+  has_pictures_ = false;
   started_ = now();
   if (plan_.video) told_.need_key_frame();
 }
@@ -92,6 +93,7 @@ void file_series::on_video(const media_sample& sample, const codec& kind) {
   // While it ends, nothing new begins.
   if (current_ == nullptr || (!recording_ && is_new_file(sample))) return;
   current_->file->write(media_kind::kVideo, sample);
+  has_pictures_ = true;
   last_video_end_ = std::max(last_video_end_, sample.end());
   route_sound();
 }
@@ -267,6 +269,9 @@ void file_series::expect_sound(format_ptr opus, media_time at) {
   if (!plan_.sound || same) return;
   // What waits for a first picture doesn't any more.
   if (recording_ && current_ == nullptr) open_sound_alone();
+  // Behind every cut that has been planned, so that it is the one that ends the stretch.
+  if (ending_) at = std::max(at, ending_->at);
+  if (current_ != nullptr) at = std::max(at, current_->begin);
   const bool open_stretch = sound_position().has_value();
   const bool goes_on = open_stretch && recording_ && current_ != nullptr && current_->holds.sound;
   if (open_stretch) {
@@ -352,11 +357,14 @@ void file_series::route(const waiting_sound& next) {
 }
 
 void file_series::on_sound_end(int stretch) {
-  while (!waiting_sound_.empty() && waiting_sound_.front().stretch <= stretch) {
-    const waiting_sound next = std::move(waiting_sound_.front());
-    waiting_sound_.pop_front();
-    route(next);
-  }
+  // The next stretch may have come by a shorter way.
+  const auto later =
+      std::stable_partition(waiting_sound_.begin(), waiting_sound_.end(),
+                            [stretch](const waiting_sound& one) { return one.stretch <= stretch; });
+  std::deque<waiting_sound> last(std::make_move_iterator(waiting_sound_.begin()),
+                                 std::make_move_iterator(later));
+  waiting_sound_.erase(waiting_sound_.begin(), later);
+  for (const waiting_sound& one : last) route(one);
   encoders_.erase(stretch);
   for (open_file& of : files_) {
     if (of.stretch == stretch) of.sound_done = true;

@@ -95,6 +95,9 @@ class file_series {
   // The disk has failed: files are left as they are from here on.
   void abandon();
   bool recording() const { return recording_; }
+  // Of the service that runs, or ran last: when it began, and whether it has recorded a picture.
+  media::media_time started() const { return started_; }
+  bool has_pictures() const { return has_pictures_; }
   // Where the recorded picture has come to.
   media::media_time last_video_end() const { return last_video_end_; }
 
@@ -166,6 +169,7 @@ class file_series {
   media::format_ptr opus_format_;
 
   bool recording_ = false;
+  bool has_pictures_ = false;
   bool video_expected_;
   bool sound_expected_;
   media::media_time started_{};

@@ -15,14 +15,19 @@ namespace zelta::core_service::media {
 
 class track_choice {
  public:
-  // Whether media of the track called `number` counts that was captured at `time`.
-  bool counts(int number, media_time time) {
-    constexpr media_time kHandover = std::chrono::milliseconds(200);
-    const bool other = current_ && *current_ != number;
-    if (other && time - latest_ < kHandover) return false;
-    latest_ = other || !current_ ? time : std::max(latest_, time);
+  // Whether media of the track called `number` counts that was captured at `time`. `can_begin`: it
+  // needs nothing of its track that came before.
+  bool counts(int number, media_time time, bool can_begin = true) {
+    const bool goes_on = current_ && *current_ == number;
+    if (!goes_on && !(can_begin && is_free(time))) return false;
+    latest_ = goes_on ? std::max(latest_, time) : time;
     current_ = number;
     return true;
+  }
+  // Whether another track may begin at `time`.
+  bool is_free(media_time time) const {
+    constexpr media_time kHandover = std::chrono::milliseconds(200);
+    return !current_ || time - latest_ >= kHandover;
   }
   // The track has ended: whoever comes next counts.
   void ended(int number) {

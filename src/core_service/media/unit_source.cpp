@@ -11,6 +11,11 @@
 namespace zelta::core_service::media {
 namespace {
 
+using namespace std::chrono_literals;
+
+// So long a decoder may take for what it has.
+constexpr media_time kLastUnits = 3s;
+
 GstClockTime since(media_time base, media_time time) {
   return static_cast<GstClockTime>(std::max(time - base, media_time::zero()).count());
 }
@@ -26,6 +31,7 @@ element_ptr unit_source::bin() const {
 
 void unit_source::push(int number, const encoded_unit& unit) {
   const media_time base(static_cast<int64_t>(gst_element_get_base_time(bin_.get())));
+  remove_ended();
   const auto [at, is_new] = tracks_.try_emplace(number);
   track& to = at->second;
   const media_sample made = to.samples.of(unit);
@@ -66,11 +72,19 @@ void unit_source::show(int number, track& made, GstCaps* caps) {
 void unit_source::end_track(int number) {
   const auto at = tracks_.find(number);
   if (at == tracks_.end()) return;
-  const track ended = std::move(at->second);
+  gst_app_src_end_of_stream(GST_APP_SRC(at->second.source));
+  ended_.push_back({now(), std::move(at->second)});
   tracks_.erase(at);
-  gst_element_remove_pad(bin_.get(), ended.shown.get());
-  gst_element_set_state(ended.source, GST_STATE_NULL);
-  gst_bin_remove(GST_BIN(bin_.get()), ended.source);
+}
+
+// Of which everything has come out.
+void unit_source::remove_ended() {
+  for (; !ended_.empty() && now() - ended_.front().since > kLastUnits; ended_.pop_front()) {
+    const track& gone = ended_.front().was;
+    gst_element_remove_pad(bin_.get(), gone.shown.get());
+    gst_element_set_state(gone.source, GST_STATE_NULL);
+    gst_bin_remove(GST_BIN(bin_.get()), gone.source);
+  }
 }
 
 void unit_source::end() {

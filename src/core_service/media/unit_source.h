@@ -6,6 +6,7 @@
 // Thread rule: one thread at a time, but where it says so.
 #pragma once
 
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -27,7 +28,7 @@ class unit_source {
   element_ptr bin() const;
   // The first of a track makes its pad; what is behind that is linked before this returns.
   void push(int number, const encoded_unit& unit);
-  // The pad goes.
+  // Its stream ends behind what was pushed; the pad goes later.
   void end_track(int number);
   // The end of all streams, behind what was pushed.
   void end();
@@ -39,11 +40,18 @@ class unit_source {
     unit_samples samples;
   };
 
+  struct ended_track {
+    media_time since;
+    track was;
+  };
+
   void show(int number, track& made, GstCaps* caps);
+  void remove_ended();
 
   const std::function<void()> ask_;
   const element_ptr bin_;
   std::map<int, track> tracks_;
+  std::deque<ended_track> ended_;
 };
 
 }  // namespace zelta::core_service::media

@@ -537,7 +537,8 @@ void user_graph::finish(const std::string& why, bool ended) {
     const std::lock_guard<std::mutex> guard(tracks_lock_);
     for (const end& e : ends_) ends.emplace_back(e.source.get(), e.in.get());
   }
-  if (ends.empty()) return posting_.post([this, why] { done(why); });
+  // Or all of them have ended before.
+  if (ends.empty() || open_sinks_ == 0) return posting_.post([this, why] { done(why); });
   give_up_timer_ = posting_.loop().add_timer(
       kFinishLimitMs,
       [](int, void* self) {

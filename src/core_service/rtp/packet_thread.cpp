@@ -164,16 +164,17 @@ void packet_thread::run() {
   std::array<epoll_event, kEvents> events{};
   for (int full = 0; !over_;) {
     const int ready = epoll_wait(epoll_.get(), events.data(), kEvents, timeout_ms());
+    bool more = ready == kEvents;
     for (int i = 0; i < ready; ++i) {
       const int fd = events[static_cast<size_t>(i)].data.fd;
       if (fd == wake_.get()) {
         run_posted();
       } else {
-        receive(fd);
+        more = receive(fd) || more;
       }
     }
     // Nothing is given up for lost before all sockets have been read, unless there is no end of it.
-    full = ready == kEvents ? full + 1 : 0;
+    full = more ? full + 1 : 0;
     if (full % kFullTurns != 0) continue;
     run_woken();
     if (ready > 0 && full == 0) gather();
@@ -195,15 +196,16 @@ int packet_thread::timeout_ms() const {
   return static_cast<int>(std::clamp<int64_t>(left.count(), 0, 60'000));
 }
 
-void packet_thread::receive(int fd) {
+// Whether there may be more in it.
+bool packet_thread::receive(int fd) {
   for (int call = 0; call < kCallsATurn; ++call) {
     // The number may be somebody else's by now.
-    if (receivers_.count(fd) == 0) return;
+    if (receivers_.count(fd) == 0) return false;
     const int count = batch_->receive(fd);
-    if (count < 0 && (errno == EBADF || errno == ENOTSOCK)) return remove(fd);
+    if (count < 0 && (errno == EBADF || errno == ENOTSOCK)) return remove(fd), false;
     // Refused feedback, among others, comes as an error of the next call, and says nothing of it.
     if (count < 0 && errno != EAGAIN && errno != EINTR) continue;
-    if (count <= 0) return;
+    if (count <= 0) return false;
     const media_time now = media::now();
     const media_time lead = now - time_of(CLOCK_REALTIME);
     // The wall clock has been set: what waited meanwhile has stamps of before.
@@ -211,15 +213,16 @@ void packet_thread::receive(int fd) {
     for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
       // Each time, because what came before may have ended its receiver.
       const auto to = receivers_.find(fd);
-      if (to == receivers_.end()) return;
+      if (to == receivers_.end()) return false;
       const mmsghdr& one = batch_->heads[i];
       if ((one.msg_hdr.msg_flags & MSG_TRUNC) != 0) continue;
       to->second->on_datagram(
           {batch_->bytes[i].data(), one.msg_len, was_set ? now : batch_->arrival(i, lead, now),
            reinterpret_cast<const sockaddr*>(&batch_->from[i]), one.msg_hdr.msg_namelen, fd});
     }
-    if (static_cast<size_t>(count) < kDatagrams) return;
+    if (static_cast<size_t>(count) < kDatagrams) return false;
   }
+  return true;
 }
 
 void packet_thread::run_posted() {

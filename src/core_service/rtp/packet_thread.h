@@ -73,7 +73,7 @@ class packet_thread {
   struct batch;
 
   void run();
-  void receive(int fd);
+  bool receive(int fd);
   void gather();
   void run_posted();
   void run_woken();

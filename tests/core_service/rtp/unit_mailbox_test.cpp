@@ -99,7 +99,11 @@ TEST(TrackChoice, TheFirstCountsUntilItHasStopped) {
   choice.ended(1);
   EXPECT_FALSE(choice.counts(3, 400ms));
   choice.ended(2);
+  EXPECT_FALSE(choice.counts(3, 400ms, false)) << "a picture that needs the one before";
+  EXPECT_TRUE(choice.is_free(400ms));
   EXPECT_TRUE(choice.counts(3, 400ms));
+  EXPECT_TRUE(choice.counts(3, 440ms, false));
+  EXPECT_FALSE(choice.is_free(639ms));
 }
 
 }  // namespace
