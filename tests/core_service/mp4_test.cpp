@@ -258,7 +258,7 @@ TEST_F(Mp4Test, FillsThePageBeforeWhatWouldLieAcross) {
             mux->add(media_kind::kVideo, sample_of(media_kind::kVideo, at, at, 40ms, size, true)));
       }
       const size_t media = file.find("mdat", file.find("moof")) + 4 + bytes;
-      if (!aimed) bytes += 2 * 4096 - (media + row.left) % 4096;
+      if (!aimed) bytes += size_t{8192} - (media + row.left) % 4096;
       if (!aimed) continue;
       std::string lines;
       boxes_of(media, file.size(), true, lines);
