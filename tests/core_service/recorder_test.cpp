@@ -328,6 +328,9 @@ TEST_F(RecordingTest, ShortageOfDescriptorsIsNoBrokenDisk) {
   const rlimit narrow{90, before.rlim_max};
   ASSERT_EQ(prlimit(recorder, RLIMIT_NOFILE, &narrow, nullptr), 0);
   ASSERT_TRUE(handler.wait_for("error 2 1"));
+  // Of the first user's packets no new kind comes later, either.
+  ASSERT_TRUE(handler.wait_for("first video"));
+  ASSERT_TRUE(handler.wait_for("first audio"));
   // It is their numbers that are limited, and the lower ones are in use; but who polls more than so
   // many is refused.
   const rlimit short_of{14, before.rlim_max};

@@ -264,7 +264,7 @@ void file_series::on_opus(const encoded_unit& unit) {
 }
 
 // A file holds sound of one kind: where there is some already, the rest goes into another one.
-void file_series::expect_sound(format_ptr opus, media_time at) {
+void file_series::expect_sound(const format_ptr& opus, media_time at) {
   const bool same = opus && opus_ ? *opus == *opus_format_ : !opus && !opus_;
   if (!plan_.sound || same) return;
   // What waits for a first picture doesn't any more.

@@ -78,7 +78,7 @@ class file_series {
   void on_opus(const media::encoded_unit& unit);
   // Before that of the other kind comes: from `from` on there is Opus of this format; or, null,
   // samples. What is recorded of the former ends there, and a new file begins.
-  void expect_sound(media::format_ptr opus, media::media_time from);
+  void expect_sound(const media::format_ptr& opus, media::media_time from);
   // Time at which the latest sound ended; none: nothing has come.
   std::optional<media::media_time> last_heard() const;
   // Whether there may be pictures, and sound: what isn't expected is not waited for.

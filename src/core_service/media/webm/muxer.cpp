@@ -133,8 +133,8 @@ ebml_writer sound_entry(const GstCaps* caps) {
 }  // namespace
 
 muxer::muxer(bool video, bool sound) {
-  if (video) video_.emplace().number = 1;
-  if (sound) sound_.emplace().number = 2;
+  if (video) video_.emplace(uint8_t{1});
+  if (sound) sound_.emplace(uint8_t{2});
 }
 
 muxer::track* muxer::of(media_kind kind) {

@@ -30,6 +30,7 @@ class muxer final : public media::muxer {
 
  private:
   struct track {
+    explicit track(uint8_t wanted) : number(wanted) {}
     uint8_t number;
     caps_ptr caps;  // of the first sample; null: none has come
     media_time latest{};
