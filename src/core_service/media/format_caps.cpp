@@ -38,20 +38,11 @@ const caps_row* row_of(const codec& kind) {
   return nullptr;
 }
 
-int int_of(const GstStructure* fields, const char* name) {
-  int value = 0;
-  gst_structure_get_int(fields, name, &value);
-  return value;
-}
-
 std::vector<uint8_t> codec_data_of(const GstStructure* fields) {
   const GValue* const value = gst_structure_get_value(fields, "codec_data");
   if (value == nullptr || !GST_VALUE_HOLDS_BUFFER(value)) return {};
   GstBuffer* const data = gst_value_get_buffer(value);
-  if (data == nullptr) return {};
-  std::vector<uint8_t> bytes(gst_buffer_get_size(data));
-  gst_buffer_extract(data, 0, bytes.data(), bytes.size());
-  return bytes;
+  return data != nullptr ? bytes_of(data) : std::vector<uint8_t>();
 }
 
 // Some demuxers cut it short: it is made anew from the sequence header in it.

@@ -74,6 +74,18 @@ void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
   });
 }
 
+int int_of(const GstStructure* fields, const char* name) {
+  int value = 0;
+  gst_structure_get_int(fields, name, &value);
+  return value;
+}
+
+std::vector<uint8_t> bytes_of(GstBuffer* buffer) {
+  std::vector<uint8_t> bytes(gst_buffer_get_size(buffer));
+  gst_buffer_extract(buffer, 0, bytes.data(), bytes.size());
+  return bytes;
+}
+
 void add_probe(GstPad* pad, GstPadProbeType type,
                std::function<GstPadProbeReturn(GstPadProbeInfo*)> look) {
   using context = carried<std::function<GstPadProbeReturn(GstPadProbeInfo*)>>;

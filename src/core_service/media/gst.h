@@ -3,10 +3,12 @@
 #pragma once
 
 #include <atomic>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
@@ -88,6 +90,10 @@ void see_pushed();
 // when the stream has ended. Neither comes any more once the sink is in the state NULL.
 void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
                 std::function<void()> ended);
+
+// A whole number of caps; 0: there is none.
+int int_of(const GstStructure* fields, const char* name);
+std::vector<uint8_t> bytes_of(GstBuffer* buffer);
 
 // Has `look` see what passes the pad, on the thread that it passes on, as long as the pad is there.
 void add_probe(GstPad* pad, GstPadProbeType type,

@@ -37,12 +37,6 @@ const video_entry& entry_of(const GstCaps* caps) {
   return kVideoEntries[0];
 }
 
-std::vector<uint8_t> bytes_of(GstBuffer* buffer) {
-  std::vector<uint8_t> bytes(gst_buffer_get_size(buffer));
-  gst_buffer_extract(buffer, 0, bytes.data(), bytes.size());
-  return bytes;
-}
-
 // From the stream itself, else from what Matroska keeps beside it.
 std::vector<uint8_t> av1_config(GstBuffer* unit, const std::vector<uint8_t>& codec_data) {
   std::vector<uint8_t> config = av1_config_of(bytes_of(unit));
@@ -50,12 +44,6 @@ std::vector<uint8_t> av1_config(GstBuffer* unit, const std::vector<uint8_t>& cod
     config = av1_config_of({codec_data.begin() + 4, codec_data.end()});
   }
   return config;
-}
-
-int field_of(const GstStructure* fields, const char* name) {
-  int value = 0;
-  gst_structure_get_int(fields, name, &value);
-  return value;
 }
 
 template <class Runs, class T>
@@ -84,10 +72,10 @@ void track::add(const media_sample& sample) {
   if (first_caps_ == nullptr) {
     first_caps_.reset(gst_caps_ref(sample.caps.get()));
     const GstStructure* const fields = gst_caps_get_structure(sample.caps.get(), 0);
-    width_ = field_of(fields, "width");
-    height_ = field_of(fields, "height");
-    channels_ = field_of(fields, "channels");
-    rate_ = static_cast<uint32_t>(field_of(fields, "rate"));
+    width_ = int_of(fields, "width");
+    height_ = int_of(fields, "height");
+    channels_ = int_of(fields, "channels");
+    rate_ = static_cast<uint32_t>(int_of(fields, "rate"));
     opus_ = gst_structure_has_name(fields, "audio/x-opus") != FALSE;
     scale_ = kind_ == media_kind::kVideo ? kVideoScale : opus_ ? kOpusScale : rate_;
     const GValue* const data = gst_structure_get_value(fields, "codec_data");

@@ -66,27 +66,17 @@ ebml_writer seek_head(uint64_t info, uint64_t tracks, uint64_t cues) {
   return all;
 }
 
-int field_of(const GstStructure* fields, const char* name) {
-  int value = 0;
-  gst_structure_get_int(fields, name, &value);
-  return value;
-}
-
 // RFC 7845, section 5.1: as its encoder says, else for Opus that came without one, of which
 // nothing is skipped.
 std::vector<uint8_t> opus_head(const GstStructure* fields) {
   const GValue* const headers = gst_structure_get_value(fields, "streamheader");
   if (headers != nullptr && gst_value_array_get_size(headers) > 0) {
     GstBuffer* const first = gst_value_get_buffer(gst_value_array_get_value(headers, 0));
-    if (first != nullptr && gst_buffer_get_size(first) >= kOpusHeadBytes) {
-      std::vector<uint8_t> bytes(gst_buffer_get_size(first));
-      gst_buffer_extract(first, 0, bytes.data(), bytes.size());
-      return bytes;
-    }
+    if (first != nullptr && gst_buffer_get_size(first) >= kOpusHeadBytes) return bytes_of(first);
   }
-  const auto rate = static_cast<uint32_t>(field_of(fields, "rate"));
+  const auto rate = static_cast<uint32_t>(int_of(fields, "rate"));
   std::vector<uint8_t> made{'O', 'p', 'u', 's', 'H', 'e', 'a', 'd', 1};
-  made.push_back(static_cast<uint8_t>(field_of(fields, "channels")));
+  made.push_back(static_cast<uint8_t>(int_of(fields, "channels")));
   made.insert(made.end(), {0, 0});
   for (unsigned shift = 0; shift < 32; shift += 8) {
     made.push_back(static_cast<uint8_t>(rate >> shift));
@@ -97,8 +87,8 @@ std::vector<uint8_t> opus_head(const GstStructure* fields) {
 
 ebml_writer video_entry(const GstCaps* caps) {
   const GstStructure* const fields = gst_caps_get_structure(caps, 0);
-  const auto width = static_cast<uint64_t>(field_of(fields, "width"));
-  const auto height = static_cast<uint64_t>(field_of(fields, "height"));
+  const auto width = static_cast<uint64_t>(int_of(fields, "width"));
+  const auto height = static_cast<uint64_t>(int_of(fields, "height"));
   int across = 1;
   int down = 1;
   gst_structure_get_fraction(fields, "pixel-aspect-ratio", &across, &down);
