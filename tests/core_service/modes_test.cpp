@@ -10,6 +10,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include "base/clocks.h"
 #include "rec_engine/RecordingEngineImpl.h"
 #include "support/recording_test.h"
 
@@ -168,8 +169,10 @@ TEST_F(ModesTest, KilledMixGoesOnWithItsLayout) {
   mix("320,180,15,800", MIXED_AV_CODEC_V1);
   const std::string red = image("red.png", "red");
   config.defaultUserBg = const_cast<char*>(red.c_str());
+  const int64_t launched = base::tick_ms();
   join("test:users=1,video=none");
   ASSERT_TRUE(handler.wait_for("first audio"));
+  const int64_t launch_ms = base::tick_ms() - launched;
   set_layout({region(1, 0.5, 0, 0.5, 1)}, "#00ff00");
   ASSERT_TRUE(wait_recorded(3000));
   output_of("pkill -KILL -P " + std::to_string(getpid()) + " ZeltaCoreServic");
@@ -186,7 +189,8 @@ TEST_F(ModesTest, KilledMixGoesOnWithItsLayout) {
   const double missing = files()[1]["first_utc_ms"].asDouble() -
                          (files()[0]["first_utc_ms"].asDouble() +
                           seconds_of(folder + files()[0]["name"].asString()) * 1000);
-  EXPECT_LT(missing, 2000) << "ms between the two stretches";
+  // What a launch takes on this machine is paid again, and once more for what was in work.
+  EXPECT_LT(missing, static_cast<double>(2 * launch_ms + 500)) << "ms between the two stretches";
 }
 
 // The decoder crashes where a decoder does: on the thread that decodes for the user. The first

@@ -5,6 +5,7 @@
 #include <fstream>
 #include <map>
 #include <mutex>
+#include <sstream>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -182,10 +183,13 @@ TEST_F(RecordingTest, EveryFileOfAChannelIsRecordedOrToldAsMissing) {
     all_missing += gap["medium"].asString() + " " + gap["codec"].asString() + " " +
                    gap["reason"].asString() + "\n";
   }
-  unsigned expected_missing = 1;  // The sound of 15.
+  unsigned expected_missing = 0;
   for (const auto& row : rows) {
-    EXPECT_NE(all_missing.find(row.missing), std::string::npos) << row.name << all_missing;
-    expected_missing += row.missing[0] != '\0' ? 1 : 0;
+    // Another file's may stand between the media of one.
+    std::istringstream lines(row.missing);
+    for (std::string line; std::getline(lines, line); ++expected_missing) {
+      EXPECT_NE(all_missing.find(line), std::string::npos) << row.name << all_missing;
+    }
     const int uid = std::atoi(row.name);
     std::string recorded;
     for (const Json::Value& file : files()) {
