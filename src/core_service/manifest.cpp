@@ -83,6 +83,7 @@ Json::Value to_json(const manifest_gap& gap) {
   v["codec"] = gap.what.codec;
   v["reason"] = gap.what.reason;
   v["utc_ms"] = Json::Int64{gap.utc_ms};
+  if (gap.until_utc_ms != 0) v["until_utc_ms"] = Json::Int64{gap.until_utc_ms};
   return v;
 }
 
@@ -91,7 +92,8 @@ manifest_gap gap_from_json(const Json::Value& v) {
           v.get("channel_id", "").asString(),
           {v.get("medium", "").asString(), v.get("codec", "").asString(),
            v.get("reason", "").asString()},
-          v.get("utc_ms", Json::Int64{0}).asInt64()};
+          v.get("utc_ms", Json::Int64{0}).asInt64(),
+          v.get("until_utc_ms", Json::Int64{0}).asInt64()};
 }
 
 std::string identity_of(const manifest_gap& gap) {
@@ -196,13 +198,24 @@ std::set<std::string> manifest::listed_elsewhere() const {
 }
 
 bool manifest::note_missing(uint32_t uid, const missing_medium& what) {
-  manifest_gap gap{uid, channel_id_, what, base::utc_ms()};
+  manifest_gap gap{uid, channel_id_, what, base::utc_ms(), 0};
   gap.what.reason.resize(std::min(gap.what.reason.size(), kLongestReason));
   std::string identity = identity_of(gap);
   if (told_.count(identity) != 0) return false;
   if (told_.size() < kMostRemembered) told_.insert(std::move(identity));
   if (missing_.size() - missing_before_ < kMostMissing) missing_.push_back(std::move(gap));
   return true;
+}
+
+void manifest::end_missing(uint32_t uid, const missing_medium& what) {
+  const std::string identity = identity_of({uid, channel_id_, what, 0, 0});
+  told_.erase(identity);
+  for (size_t i = missing_.size(); i > missing_before_; --i) {
+    manifest_gap& gap = missing_[i - 1];
+    if (gap.until_utc_ms != 0 || identity_of(gap) != identity) continue;
+    gap.until_utc_ms = base::utc_ms();
+    return changed();
+  }
 }
 
 void manifest::set_dropped(const dropped_counts& now) {

@@ -38,7 +38,8 @@ struct manifest_gap {
   uint32_t uid = 0;  // 0: nobody's
   std::string channel_id;
   missing_medium what;
-  int64_t utc_ms = 0;  // when it was noticed
+  int64_t utc_ms = 0;        // when it was noticed
+  int64_t until_utc_ms = 0;  // when it was over; 0: it isn't, or nobody could know
 };
 
 // Frames that the application was too slow for.
@@ -63,10 +64,17 @@ class manifest {
   void remove(size_t number) { files_.erase(number); }
   // False when that is known already: of a medium of a user a reason is told once a session.
   bool note_missing(uint32_t uid, const missing_medium& what);
+  // What was told of the user's medium for that reason is over; if it comes again, it is new.
+  void end_missing(uint32_t uid, const missing_medium& what);
   // One more captured picture of the user in a file.
   void count_picture(uint32_t uid) { ++pictures_[uid]; }
   // More of the user's packets found no room here.
-  void count_lost_packets(uint32_t uid, uint64_t more) { lost_packets_[uid] += more; }
+  void count_lost_packets(uint32_t uid, uint64_t more) {
+    lost_packets_[uid] += more;
+    all_lost_packets_ += more;
+  }
+  // Of all users, by this process.
+  uint64_t all_lost_packets() const { return all_lost_packets_; }
   // How many this process has dropped so far.
   void set_dropped(const dropped_counts& now);
   // Writes the manifest, soon.
@@ -96,6 +104,7 @@ class manifest {
   size_t next_number_ = 0;
   std::map<uint32_t, uint64_t> pictures_;
   std::map<uint32_t, uint64_t> lost_packets_;
+  uint64_t all_lost_packets_ = 0;
   std::vector<manifest_gap> missing_;
   // Those of earlier sessions come first.
   size_t missing_before_ = 0;

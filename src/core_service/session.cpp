@@ -7,11 +7,13 @@
 #include <cstdlib>
 #include <cstring>
 #include <random>
+#include <thread>
 #include <utility>
 
 #include "IZeltaRecordingEngine.h"
 #include "base/clocks.h"
 #include "core_service/descriptors.h"
+#include "core_service/load/room_left.h"
 #include "core_service/media/codecs.h"
 #include "core_service/parameters.h"
 
@@ -27,6 +29,10 @@ constexpr int kTickMs = 100;
 // that must not be taken for missing.
 constexpr int64_t kStandstillMs = 500;
 constexpr int64_t kCatchUpMs = 1000;
+// The same of a machine that is too busy: what hasn't been read yet isn't missing.
+constexpr media::media_time kLate = 300ms;
+// Coming and going of many at once leaves room for the engine's commands in between.
+constexpr int64_t kUserWorkMs = 200;
 // The manifest of a running recording is this fresh.
 constexpr int64_t kSaveMs = 2000;
 // A recorder that left by itself waits so long for the engine to hang up: an application that
@@ -61,6 +67,37 @@ Packet make(Values&&... values) {
 
 // What follows is why, for whoever reads the log.
 constexpr const char* kCannotJoin = "can't join: ";
+
+// The load is measured so often.
+constexpr int64_t kMeasureMs = 1000;
+// Whoever comes with many others is let in with the next of them, and hears of it only if that
+// takes so long.
+constexpr int64_t kTellBusyMs = 10'000;
+constexpr const char* kTooBusy =
+    "turned away, because the machine is too busy for more; taken up when there is room";
+constexpr const char* kLetGo =
+    "let go, because the machine is too busy for all; taken up again when there is room";
+
+std::vector<load::shed> things_to_leave_out(const recording_plan& plan) {
+  std::vector<load::shed> made;
+  if (plan.jpg_packets || plan.jpg_files) made.push_back(load::shed::kStills);
+  if (plan.mix_video) made.push_back(load::shed::kMixPictures);
+  if (plan.video_out == video_frames::kYuv) made.push_back(load::shed::kApplicationPictures);
+  return made;
+}
+
+missing_medium missing_of(load::shed what) {
+  const char* const reason = "left out for a while, because the machine was too busy";
+  switch (what) {
+    case load::shed::kStills:
+      return {"captured pictures", "", reason};
+    case load::shed::kMixPictures:
+      return {"every second picture of the mix", "", reason};
+    case load::shed::kApplicationPictures:
+      break;
+  }
+  return {"pictures for the application", "", reason};
+}
 
 constexpr const char* kCrashed =
     "a recorder crashed over it; to the end of the session it isn't tried again";
@@ -121,6 +158,7 @@ void session::start() {
   }
   channel_place place;
   check_options();
+  load_.emplace(things_to_leave_out(plan_), std::thread::hardware_concurrency());
   if (!prepare_channel(place) || !prepare_mix(place.rtp.jitter_latency)) return;
   if (recovery) recover();
   if (recovery && crash) learn_from_crash(*crash);
@@ -366,14 +404,36 @@ std::string session::want_of_room() const {
   return shortage_beyond(users_.size() + leaving_.size());
 }
 
-void session::on_user_in(uint32_t uid, user_media from) {
+void session::on_user_in(uint32_t uid, const std::function<user_media()>& media) {
   if (phase_ != phase::kRecording || users_.count(uid) != 0) return;
+  const int64_t now = base::tick_ms();
   const std::string shortage = want_of_room();
-  if (!shortage.empty()) return on_missing(uid, {"all", "", shortage});
+  if (!shortage.empty()) return turn_away(uid, shortage, now);
   if (journal_.state.left_out_of(uid) == crash_stage::kReceiving) {
     return on_missing(uid, {"all", "", kCrashed});
   }
+  if (load_->room() == 0 || now > work_until_ms_) {
+    return turn_away(uid, kTooBusy, now + kTellBusyMs);
+  }
+  user_media from = media();
+  if (!from.source && !from.feed) return;
+  // A feed that is decoded sees to it itself, once it is.
+  const std::string threads = from.feed ? "" : load::shortage_of_threads(load::kGraphThreads);
+  if (!threads.empty()) return turn_away(uid, threads, now);
+  let_in(uid, std::move(from));
+}
+
+void session::turn_away(uint32_t uid, const std::string& why, int64_t tell_ms) {
+  const bool at_once = tell_ms <= base::tick_ms();
+  if (at_once) on_missing(uid, {"all", "", why});
+  waiting_.add({uid, why, tell_ms, at_once});
+}
+
+void session::let_in(uint32_t uid, user_media from) {
+  if (const auto waited = waiting_.remove(uid)) manifest_.end_missing(uid, {"all", "", *waited});
   log(base::NOTICE_LOG, "user " + std::to_string(uid) + " joined");
+  load_->let_in();
+  in_order_.push_back(uid);
   const recording_plan plan = plan_for(uid);
   auto& made = users_[uid];
   made = std::make_unique<user>(
@@ -381,6 +441,8 @@ void session::on_user_in(uint32_t uid, user_media from) {
       surroundings{options_.recording_file_dir, loop_, manifest_, link_, disk_},
       mix_ ? mix_->add_user(uid) : nullptr, events_of(uid));
   made->measure_volume(volume_tick_ != nullptr);
+  made->leave_out(load_->leaves_out(load::shed::kStills),
+                  load_->leaves_out(load::shed::kApplicationPictures));
   link_.send(make<protocol::user_joined_packet>(uid, options_.recording_file_dir));
   if (serving_) made->start_service();
   // A mix begins with its first user: before, there is nothing to see or hear.
@@ -415,6 +477,7 @@ user::events session::events_of(uint32_t uid) {
 }
 
 void session::on_user_out(uint32_t uid) {
+  if (const auto waited = waiting_.remove(uid)) manifest_.end_missing(uid, {"all", "", *waited});
   end_user(uid, "user left");
 }
 
@@ -424,6 +487,7 @@ void session::end_user(uint32_t uid, const std::string& why) {
   log(base::NOTICE_LOG, "user " + std::to_string(uid) + " out: " + why);
   leaving_.push_back(std::move(found->second));
   users_.erase(found);
+  in_order_.erase(std::find(in_order_.begin(), in_order_.end(), uid));
   if (mix_) mix_->remove_user(uid);
   if (users_.empty()) alone_since_ms_ = base::tick_ms();
   link_.send(make<protocol::user_dropped_packet>(uid));
@@ -459,6 +523,74 @@ void session::on_channel_lost() {
   log(base::ERROR_LOG, "the channel is lost");
   link_.send(protocol::connection_lost_packet());
   leave(LEAVE_CODE_TIMER_CATCH, kExitDone);
+}
+
+// ---- The load ------------------------------------------------------------------------------
+
+void session::measure_load() {
+  measured_ms_ = base::tick_ms();
+  load::reading now;
+  now.behind = std::exchange(behind_, {});
+  now.disk_behind = disk_.take_behind();
+  const uint64_t lost = manifest_.all_lost_packets();
+  now.lost = std::exchange(lost_packets_, lost) < lost;
+  now.free_bytes = load::free_bytes();
+  load_->read(now);
+  tell_left_out();
+  let_go();
+}
+
+void session::tell_left_out() {
+  for (const load::shed what : things_to_leave_out(plan_)) {
+    const bool left_out = load_->leaves_out(what);
+    if (left_out == (left_out_.count(what) != 0)) continue;
+    const missing_medium told = missing_of(what);
+    if (left_out) {
+      left_out_.insert(what);
+      on_missing(0, told);
+    } else {
+      left_out_.erase(what);
+      manifest_.end_missing(0, told);
+      log(base::NOTICE_LOG, told.medium + ": made again");
+    }
+    if (what == load::shed::kMixPictures) {
+      mix_->halve_pictures(left_out);
+      continue;
+    }
+    for (const auto& one : users_) {
+      one.second->leave_out(load_->leaves_out(load::shed::kStills),
+                            load_->leaves_out(load::shed::kApplicationPictures));
+    }
+  }
+}
+
+// Who came last has the least to lose.
+void session::let_go() {
+  const int64_t until = base::tick_ms() + kUserWorkMs;
+  for (size_t left = load_->too_many(users_.size()); left > 0; --left) {
+    if (base::tick_ms() > until) return;
+    const uint32_t uid = in_order_.back();
+    end_user(uid, "let go");
+    turn_away(uid, kLetGo, base::tick_ms());
+  }
+}
+
+void session::call_in() {
+  while (!waiting_.empty() && load_->room() > 0 && base::tick_ms() <= work_until_ms_ &&
+         want_of_room().empty()) {
+    const uint32_t uid = waiting_.first();
+    // One who was turned away again, for whatever reason, waits on.
+    if (channel_->offer_again(uid) && users_.count(uid) == 0) break;
+    if (users_.count(uid) == 0) waiting_.remove(uid);
+  }
+  for (auto& one : waiting_.all()) {
+    if (one.told || one.tell_ms > base::tick_ms()) continue;
+    one.told = true;
+    // There may be another reason by now.
+    const std::string shortage = want_of_room();
+    if (!shortage.empty()) one.why = shortage;
+    on_missing(one.uid, {"all", "", one.why});
+  }
 }
 
 // ---- The users' media ----------------------------------------------------------------------
@@ -531,9 +663,17 @@ void session::on_tick() {
     log(base::NOTICE_LOG, "stood still for " + std::to_string(since_tick_ms) + " ms");
     caught_up_ms_ = now + kCatchUpMs;
   }
+  work_until_ms_ = now + kUserWorkMs;
+  const auto late = std::chrono::milliseconds(since_tick_ms - kTickMs);
+  const media::media_time behind =
+      std::max<media::media_time>(channel_ ? channel_->take_behind() : late, late);
+  behind_ = std::max(behind_, behind);
+  if (behind > kLate) caught_up_ms_ = now + kCatchUpMs;
   if (now >= caught_up_ms_) look_for_gaps();
   manifest_.save_changes();
   if (phase_ != phase::kRecording) return;
+  if (now - measured_ms_ >= kMeasureMs) measure_load();
+  call_in();
   if (now - saved_ms_ >= kSaveMs && !users_.empty()) save_manifest();
   if (users_.empty() && now - alone_since_ms_ >= int64_t{options_.idle} * 1000) {
     log(base::NOTICE_LOG, "nobody here for " + std::to_string(options_.idle) + " s");
@@ -571,6 +711,7 @@ void session::leave(uint32_t reason, int status) {
   phase_ = phase::kFinishing;
   reason_ = reason;
   status_ = status;
+  waiting_.clear();
   if (channel_) channel_->leave();
   // The mix first: it still has to mix what its users have sent by now.
   if (mix_) {

@@ -8,6 +8,8 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -17,6 +19,8 @@
 #include "core_service/files/file_writer.h"
 #include "core_service/folder_share.h"
 #include "core_service/journal.h"
+#include "core_service/load/overload_rules.h"
+#include "core_service/load/waiting_list.h"
 #include "core_service/manifest.h"
 #include "core_service/mix/mix.h"
 #include "core_service/options.h"
@@ -68,7 +72,7 @@ class session final : private engine_listener, private channel_listener {
 
   void on_channel_joined() override;
   void on_channel_failed(const std::string& why) override;
-  void on_user_in(uint32_t uid, user_media from) override;
+  void on_user_in(uint32_t uid, const std::function<user_media()>& media) override;
   void on_user_out(uint32_t uid) override;
   void on_missing(uint32_t uid, const missing_medium& what) override;
   void on_channel_interrupted() override;
@@ -86,6 +90,12 @@ class session final : private engine_listener, private channel_listener {
 
   // Empty when there is room for one more user.
   std::string want_of_room() const;
+  void turn_away(uint32_t uid, const std::string& why, int64_t tell_ms);
+  void let_in(uint32_t uid, user_media from);
+  void let_go();
+  void call_in();
+  void measure_load();
+  void tell_left_out();
   recording_plan plan_for(uint32_t uid);
   user::events events_of(uint32_t uid);
   void on_files_failed(uint32_t uid, const std::string& why, bool fatal);
@@ -121,6 +131,14 @@ class session final : private engine_listener, private channel_listener {
   std::unique_ptr<mix::mix> mix_;
   bool mix_finished_ = false;
   std::unique_ptr<channel> channel_;
+  std::optional<load::overload_rules> load_;
+  load::waiting_list waiting_;
+  std::vector<uint32_t> in_order_;  // of coming, those in users_
+  int64_t measured_ms_ = 0;
+  int64_t work_until_ms_ = 0;   // in this tick
+  media::media_time behind_{};  // the longest since it was measured
+  uint64_t lost_packets_ = 0;
+  std::set<load::shed> left_out_;
   std::map<uint32_t, std::unique_ptr<user>> users_;
   // Users who have left, until their files are complete.
   std::vector<std::unique_ptr<user>> leaving_;

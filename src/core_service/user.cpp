@@ -9,6 +9,7 @@
 
 #include "core_service/descriptors.h"
 #include "core_service/file_name.h"
+#include "core_service/load/room_left.h"
 
 namespace zelta::core_service {
 namespace {
@@ -23,6 +24,9 @@ constexpr media_time kSoundPatience = 1s;
 // Of what is decoded: no unit is older than the first by so much.
 constexpr media_time kOldest = 10s;
 constexpr media_time kFirstKeyFramePatience = 5s;
+constexpr media_time kThreadsPatience = 5s;
+constexpr const char* kUnread =
+    "the last ones were not read in time, because the machine was too busy";
 
 }  // namespace
 
@@ -70,6 +74,7 @@ void user::make_graph(user_media from) {
   }
   graph_ = std::make_unique<media::user_graph>(uid_, std::move(from), std::move(to), around_.loop,
                                                std::move(told), around_.folder);
+  graph_->hold_jpgs(no_stills_);
 }
 
 void user::make_series(bool may_have_video, bool may_have_sound) {
@@ -114,7 +119,7 @@ media::user_outputs user::outputs() {
   }
   if (plan_.decode_pictures && plan_.take_video && plan_.video_out == video_frames::kYuv) {
     to.yuv = [this](GstSample* picture, media_time time, int rotation) {
-      if (serving_) frames_->send_yuv(picture, time, rotation);
+      if (serving_ && !no_application_pictures_) frames_->send_yuv(picture, time, rotation);
     };
   }
   if (plan_.decode_pictures && plan_.mix_video && mix_) {
@@ -123,7 +128,7 @@ media::user_outputs user::outputs() {
   if (plan_.decode_pictures && plan_.take_video && (plan_.jpg_packets || plan_.jpg_files)) {
     to.jpg_interval = plan_.jpg_interval;
     to.jpg = [this](const media::media_sample& sample, int rotation) {
-      if (!serving_) return;
+      if (!serving_ || no_stills_) return;
       if (plan_.jpg_packets) return frames_->send_jpg(sample, rotation);
       write_jpg(sample);
     };
@@ -201,7 +206,11 @@ void user::on_unit(int track, const media::encoded_unit& unit) {
   const bool counts = choice.counts(track, unit.time, !video || unit.key);
   // Before its samples can come out of the decoder.
   if (counts && !video && series_ && plan_.record_sound) expect_sound(unit.format, unit.time);
-  if (is_decoded(kind)) decode(track, unit);
+  if (is_decoded(kind)) {
+    decode(track, unit);
+  } else if (video) {
+    wants_key_ = true;
+  }
   if (counts) return record(unit);
   if (video && choice.is_free(unit.time)) request_key_frame();
 }
@@ -237,14 +246,29 @@ bool user::is_kept(const media::codec& kind) const {
 
 bool user::is_decoded(const media::codec& kind) const {
   const media::user_outputs& to = outputs_;
-  if (kind.kind == media::media_kind::kVideo) return to.h264 || to.yuv || to.mix || to.jpg;
+  if (kind.kind == media::media_kind::kVideo) {
+    const bool shown = to.yuv && !no_application_pictures_;
+    return to.h264 || shown || to.mix || (to.jpg && !no_stills_);
+  }
   const bool to_files = series_ && plan_.record_sound && !is_kept(kind);
   return to.sound && (to_files || mix_ || frame_line_ || measures_volume_);
 }
 
 void user::decode(int track, const media::encoded_unit& unit) {
   if (graph_ended_) return;
+  if (unit.format->kind->kind == media::media_kind::kVideo) {
+    if (wants_key_ && !unit.key) return request_key_frame();
+    wants_key_ = false;
+  }
   if (!graph_) {
+    const bool failed_before = graph_failed_ > media_time::zero();
+    if (failed_before && unit.time - graph_failed_ < kThreadsPatience) return;
+    const std::string shortage = load::shortage_of_threads(load::kGraphThreads);
+    if (!shortage.empty()) {
+      graph_failed_ = unit.time;
+      wants_key_ = true;
+      return told_.missing({"what is decoded", "", shortage});
+    }
     source_ = std::make_unique<media::unit_source>([from = std::weak_ptr<media_feed>(feed_)] {
       if (const auto alive = from.lock()) alive->request_key_frame();
     });
@@ -312,19 +336,30 @@ void user::set_capture_interval(int seconds) {
   if (graph_) graph_->set_jpg_interval(outputs_.jpg_interval);
 }
 
+void user::leave_out(bool stills, bool application_pictures) {
+  no_stills_ = stills;
+  no_application_pictures_ = application_pictures;
+  if (graph_) graph_->hold_jpgs(stills);
+}
+
 void user::finish(const std::string& why, std::function<void()> finished) {
   finish_reason_ = why;
   finished_ = std::move(finished);
   finish_time_ = media::now();
-  // What it has received comes out, and its ports are free for who comes back.
-  if (feed_) {
-    feed_->stop();
+  if (!feed_) return drain();
+  feed_->stop([this] {
     count_losses();
+    if (feed_->left_unread()) told_.missing({"packets", "", kUnread});
     tell_undecodable();
-  }
+    drain();
+  });
+}
+
+// Nothing more comes in.
+void user::drain() {
   if (source_) source_->end();
   const bool decodes = graph_ && !graph_ended_ && !media_ended_;
-  if (decodes) return graph_->finish(why, source_ != nullptr);
+  if (decodes) return graph_->finish(finish_reason_, source_ != nullptr);
   on_media_end();
 }
 

@@ -59,6 +59,8 @@ class user {
   // complete; the user may be destroyed from inside it.
   void finish(const std::string& why, std::function<void()> finished);
   void abandon_files();
+  // What may be left out of what is made while the machine is too busy.
+  void leave_out(bool stills, bool application_pictures);
   void set_capture_interval(int seconds);
   void tick();
   void update_manifest();
@@ -80,6 +82,7 @@ class user {
   void on_sound(media::media_time time, const int16_t* samples, size_t frames);
   void start_frames(media::media_time time);
   void on_graph_finished(const std::string& why);
+  void drain();
   void on_media_end();
   void tell_finished() const;
   void write_jpg(const media::media_sample& sample);
@@ -102,6 +105,11 @@ class user {
   bool has_sound_ = false;
   bool measures_volume_ = false;
   bool graph_ended_ = false;
+  // Pictures were not decoded: they are again from a key frame on.
+  bool wants_key_ = false;
+  media::media_time graph_failed_{};
+  std::atomic<bool> no_stills_{false};
+  std::atomic<bool> no_application_pictures_{false};
   uint64_t lost_packets_ = 0;
   // Sound goes into files as it came, and not as samples.
   std::atomic<bool> keeps_sound_{false};

@@ -38,7 +38,10 @@ class channel_listener {
  public:
   virtual void on_channel_joined() = 0;
   virtual void on_channel_failed(const std::string& why) = 0;
-  virtual void on_user_in(uint32_t uid, user_media media) = 0;
+  // `media` opens what the user sends, once and from inside the call: whoever is turned away costs
+  // nothing. It may find out only now that there is nothing to receive, says so by on_missing(),
+  // and gives neither source nor feed; the user is then none.
+  virtual void on_user_in(uint32_t uid, const std::function<user_media()>& media) = 0;
   virtual void on_user_out(uint32_t uid) = 0;
   // What can't be recorded of somebody, who may not be in the channel; uid 0: of something that is
   // nobody's.
@@ -57,6 +60,11 @@ class channel {
   virtual void join() = 0;
   // No callback comes after it.
   virtual void leave() = 0;
+  // For a user who was turned away, or let go: if they are still there, on_user_in() comes once
+  // more, from inside the call; else false.
+  virtual bool offer_again(uint32_t uid) = 0;
+  // How long what came has waited before it was taken in hand: the longest since the last call.
+  virtual media::media_time take_behind() { return {}; }
 };
 
 struct channel_place {

@@ -151,6 +151,18 @@ class dir_channel : public channel {
     changes_.reset();
   }
 
+  bool offer_again(uint32_t uid) override {
+    const auto found = present_.find(uid);
+    if (found == present_.end()) return false;
+    // A copy: it may be found to be of no use.
+    offer(uid, std::string(found->second));
+    return true;
+  }
+
+  media::media_time take_behind() override {
+    return plane_ ? plane_->take_behind() : media::media_time{};
+  }
+
  private:
   // Watches before it looks, so that a file which appears in between isn't missed.
   void open() {
@@ -218,14 +230,21 @@ class dir_channel : public channel {
       return listener_.on_missing(file->uid,
                                   {"all", "", name + ": the uid is taken by " + present->second});
     }
-    user_media from =
-        file->description ? make_sender(name, file->uid) : make_file_user(folder_ + name);
-    if (!from.source && !from.feed) return;
     present_.emplace(file->uid, name);
-    listener_.on_user_in(file->uid, std::move(from));
+    offer(file->uid, name);
   }
 
-  // Empty when the description can't be used; it may be written again.
+  void offer(uint32_t uid, const std::string& name) {
+    listener_.on_user_in(uid, [this, uid, name] {
+      if (!parse_name(name)->description) return make_file_user(folder_ + name);
+      user_media from = make_sender(name, uid);
+      // It may be written again.
+      if (!from.feed) present_.erase(uid);
+      return from;
+    });
+  }
+
+  // Empty when the description can't be used.
   user_media make_sender(const std::string& name, uint32_t uid) {
     std::vector<missing_medium> left_out;
     std::string error;

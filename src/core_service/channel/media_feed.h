@@ -25,13 +25,15 @@ class media_feed {
   virtual media::format_ptr likely_sound() const = 0;
   // Media comes from here on. Nothing comes from inside the call.
   virtual void start(events told) = 0;
-  // What has been received by now comes out before it returns, and nothing after it. What was
-  // opened for receiving is free again.
-  virtual void stop() = 0;
+  // What has been received by now comes out, then `stopped` follows, after which nothing comes. It
+  // doesn't wait: many may be stopped at once. `stopped` may destroy the feed.
+  virtual void stop(std::function<void()> stopped) = 0;
   // Any thread: asks for a picture that needs no other.
   virtual void request_key_frame() = 0;
   // Packets that have come and found no room here, because the machine was too busy.
   virtual uint64_t lost_packets() const = 0;
+  // After stop(): some were not even read, because there were so many.
+  virtual bool left_unread() const = 0;
   // What is wrong with what comes, once; else empty.
   virtual std::string fault() = 0;
 };

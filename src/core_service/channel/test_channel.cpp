@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <charconv>
 #include <map>
+#include <set>
 #include <sstream>
 #include <vector>
 
@@ -160,6 +161,12 @@ class test_channel : public channel {
     planned_.clear();
   }
 
+  bool offer_again(uint32_t uid) override {
+    const bool here = here_.count(uid) != 0;
+    if (here) user_in(uid);
+    return here;
+  }
+
  private:
   // Something that a user will do.
   struct planned {
@@ -199,10 +206,16 @@ class test_channel : public channel {
     planned_.erase(std::find_if(planned_.begin(), planned_.end(),
                                 [due](const auto& entry) { return entry.get() == due; }));
     if (copy.joins) return user_in(copy.uid);
+    here_.erase(copy.uid);
     listener_.on_user_out(copy.uid);
   }
 
   void user_in(uint32_t uid) {
+    here_.insert(uid);
+    listener_.on_user_in(uid, [this, uid] { return make(uid); });
+  }
+
+  user_media make(uint32_t uid) {
     user_media made;
     made.source.reset(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
     made.complete = true;
@@ -211,8 +224,9 @@ class test_channel : public channel {
     std::string error;
     if (script_.video != "none") add_track(made, "video", video_description(script_, uid), error);
     if (script_.audio != "none") add_track(made, "audio", audio_description(script_, uid), error);
-    if (!error.empty()) return listener_.on_channel_failed("test channel: " + error);
-    listener_.on_user_in(uid, std::move(made));
+    if (error.empty()) return made;
+    listener_.on_channel_failed("test channel: " + error);
+    return {};
   }
 
   static void add_track(user_media& to, const char* name, const std::string& description,
@@ -228,6 +242,7 @@ class test_channel : public channel {
   base::event_loop& loop_;
   channel_listener& listener_;
   std::vector<std::unique_ptr<planned>> planned_;
+  std::set<uint32_t> here_;
   std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };
 

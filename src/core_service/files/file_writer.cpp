@@ -92,6 +92,7 @@ struct output::state {
   // The worker's lock guards these.
   std::deque<piece> pieces;
   bool queued = false;
+  media::media_time queued_since{};
 
   // The worker's thread alone.
   base::unique_fd fd;
@@ -108,9 +109,23 @@ class file_writer::worker {
     {
       const std::lock_guard<std::mutex> guard(lock_);
       for (piece& one : more) to->pieces.push_back(std::move(one));
-      if (!std::exchange(to->queued, true)) ready_.push_back(to);
+      if (!std::exchange(to->queued, true)) {
+        ready_.push_back(to);
+        to->queued_since = media::now();
+      }
     }
     changed_.notify_one();
+  }
+
+  // The disk may hang over what it is given now.
+  media::media_time take_behind() {
+    const std::lock_guard<std::mutex> guard(lock_);
+    const media::media_time now = media::now();
+    if (!ready_.empty()) behind_ = std::max(behind_, now - ready_.front()->queued_since);
+    if (working_since_ > media::media_time::zero()) {
+      behind_ = std::max(behind_, now - working_since_);
+    }
+    return std::exchange(behind_, {});
   }
 
   void stop() {
@@ -132,9 +147,12 @@ class file_writer::worker {
       ready_.pop_front();
       next->queued = false;
       std::deque<piece> pieces = std::exchange(next->pieces, {});
+      working_since_ = media::now();
+      behind_ = std::max(behind_, working_since_ - next->queued_since);
       lock.unlock();
       work(next, pieces);
       lock.lock();
+      working_since_ = {};
     }
   }
 
@@ -200,10 +218,16 @@ class file_writer::worker {
   std::condition_variable changed_;
   std::deque<std::shared_ptr<output::state>> ready_;
   bool over_ = false;
+  media::media_time behind_{};
+  media::media_time working_since_{};
   std::thread thread_;
 };
 
 file_writer::file_writer(base::event_loop& loop) : worker_(std::make_shared<worker>(loop)) {}
+
+media::media_time file_writer::take_behind() {
+  return worker_->take_behind();
+}
 
 file_writer::~file_writer() {
   worker_->stop();

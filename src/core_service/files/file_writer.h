@@ -14,6 +14,7 @@
 
 #include "base/event_loop.h"
 #include "core_service/media/gst.h"
+#include "core_service/media/timeline.h"
 
 namespace zelta::core_service::files {
 
@@ -31,6 +32,8 @@ class file_writer {
   // `failed` gets the errno of the first thing that could not be done, opening included; nothing is
   // written to the file any more from then on. The file is made where there is none.
   std::unique_ptr<output> open(const std::string& path, std::function<void(int error)> failed);
+  // How long something waited to be written, the longest since the last call.
+  media::media_time take_behind();
 
  private:
   friend class output;

@@ -477,7 +477,7 @@ void user_graph::pick_jpgs(const std::shared_ptr<track>& t) {
   const pad_ptr in(gst_element_get_static_pad(child(t->branch, "jpg_in"), "sink"));
   add_probe(in.get(), GST_PAD_PROBE_TYPE_BUFFER, [this, t](GstPadProbeInfo* info) {
     const auto at = static_cast<int64_t>(times_of(GST_PAD_PROBE_INFO_BUFFER(info)).pts);
-    if (at < t->next_jpg) return GST_PAD_PROBE_DROP;
+    if (holds_jpgs_ || at < t->next_jpg) return GST_PAD_PROBE_DROP;
     // On a grid, so that the pictures don't drift, unless the user was away.
     const int64_t interval = jpg_interval_;
     t->next_jpg =

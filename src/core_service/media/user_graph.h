@@ -80,6 +80,8 @@ class user_graph {
   void finish(const std::string& why, bool ended = false);
   // Asks the sender for a picture that can be decoded by itself, once a second at most.
   void request_key_frame();
+  // None is made while they are held.
+  void hold_jpgs(bool held) { holds_jpgs_ = held; }
   void set_jpg_interval(media_time interval) { jpg_interval_ = interval.count(); }
 
  private:
@@ -145,6 +147,7 @@ class user_graph {
   const bool complete_source_;
   bool ends_by_itself_ = true;
   std::atomic<int64_t> jpg_interval_;
+  std::atomic<bool> holds_jpgs_{false};
 
   // The source's threads add to it.
   std::mutex tracks_lock_;

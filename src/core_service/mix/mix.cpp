@@ -218,6 +218,10 @@ void mix::finish(const std::string& why) {
   for (const auto& files : series_) files->stop(why, at, latency_ + 1s);
 }
 
+void mix::halve_pictures(bool halved) {
+  graph_->halve_pictures(halved);
+}
+
 void mix::abandon_files() {
   for (const auto& files : series_) files->abandon();
 }

@@ -57,6 +57,7 @@ class mix {
   // Everything that was captured until now is mixed and recorded; events::finished follows.
   void finish(const std::string& why);
   void abandon_files();
+  void halve_pictures(bool halved);
   void tick();
   void update_manifest();
 

@@ -257,6 +257,7 @@ mix_graph::~mix_graph() {
 void mix_graph::connect(outputs to) {
   GstElement* const pipeline = pipeline_.get();
   if (settings_.video) {
+    leave_out_halves();
     force_asked_key_frames();
     media::on_samples(
         child(pipeline, "video"),
@@ -347,6 +348,15 @@ void mix_graph::force_asked_key_frames() {
         gst_pad_push_event(to, gst_video_event_new_downstream_force_key_unit(at, at, at, TRUE, 0));
         return GST_PAD_PROBE_OK;
       });
+}
+
+void mix_graph::leave_out_halves() {
+  const media::pad_ptr pad(gst_element_get_static_pad(child(pipeline_.get(), "mixed"), "sink"));
+  media::add_probe(pad.get(), GST_PAD_PROBE_TYPE_BUFFER,
+                   [this, odd = false](GstPadProbeInfo* /*info*/) mutable {
+                     odd = !odd;
+                     return odd && halved_ ? GST_PAD_PROBE_DROP : GST_PAD_PROBE_OK;
+                   });
 }
 
 void mix_graph::tick() {

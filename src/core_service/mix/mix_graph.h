@@ -66,6 +66,8 @@ class mix_graph {
   void set_substitute(uint32_t uid, GstSample* picture);
   // The first picture from now on is one that a file can begin with; twice a second at most.
   void request_key_frame();
+  // Every second picture of the mix is not encoded.
+  void halve_pictures(bool halved) { halved_ = halved; }
   // Notices who has stopped sending pictures.
   void tick();
 
@@ -76,11 +78,13 @@ class mix_graph {
             outputs to);
   void connect(outputs to);
   void force_asked_key_frames();
+  void leave_out_halves();
   void show_canvas();
 
   const settings settings_;
   // Running time from which on the next picture is to be a key frame; negative: none is wanted.
   std::atomic<int64_t> key_wanted_{-1};
+  std::atomic<bool> halved_{false};
   media::element_ptr pipeline_;
   std::optional<media::bus_watch> watch_;
   std::vector<std::shared_ptr<input>> users_;

@@ -27,6 +27,9 @@ constexpr media_time kClockSet = std::chrono::milliseconds(5);
 // Of one socket in one turn, so that nobody starves the others.
 constexpr int kCallsATurn = 4;
 constexpr int kFullTurns = 64;
+// Somebody may send faster than it is read.
+constexpr int kCallsOfTheRest = 128;
+constexpr int kRoomMs = 5;
 // The sockets are looked at so often. The longer, the fewer calls and the less work; but a burst
 // must find room in its socket meanwhile.
 constexpr int kGatherMs = 40;
@@ -84,8 +87,9 @@ struct packet_thread::batch {
   std::array<mmsghdr, kDatagrams> heads{};
 };
 
-packet_thread::packet_thread()
-    : gather_ms_(kGatherMs),
+packet_thread::packet_thread(std::function<bool()> is_full)
+    : is_full_(std::move(is_full)),
+      gather_ms_(kGatherMs),
       epoll_(epoll_create1(EPOLL_CLOEXEC)),
       wake_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       batch_(std::make_unique<batch>()) {
@@ -110,6 +114,7 @@ void packet_thread::post(std::function<void()> work) {
   {
     const std::lock_guard<std::mutex> guard(lock_);
     posted_.push_back(std::move(work));
+    has_posted_ = true;
   }
   const uint64_t one = 1;
   // Full is as good as written.
@@ -163,20 +168,28 @@ void packet_thread::run() {
   pthread_setname_np(pthread_self(), "packets");
   std::array<epoll_event, kEvents> events{};
   for (int full = 0; !over_;) {
+    if (is_full_ && is_full_()) {
+      wait_for_room();
+      continue;
+    }
     const int ready = epoll_wait(epoll_.get(), events.data(), kEvents, timeout_ms());
     bool more = ready == kEvents;
+    turn_behind_ = {};
     for (int i = 0; i < ready; ++i) {
       const int fd = events[static_cast<size_t>(i)].data.fd;
       if (fd == wake_.get()) {
         run_posted();
       } else {
         more = receive(fd) || more;
+        // Somebody waits for it.
+        if (has_posted_) run_posted();
       }
     }
-    // Nothing is given up for lost before all sockets have been read, unless there is no end of it.
+    // Nothing is given up for lost before all sockets have been read. If there is no end of it,
+    // what may be in them still is as old as what came out of them.
     full = more ? full + 1 : 0;
     if (full % kFullTurns != 0) continue;
-    run_woken();
+    run_woken(media::now() - (more ? turn_behind_ : media_time{}));
     if (ready > 0 && full == 0) gather();
   }
 }
@@ -187,6 +200,23 @@ void packet_thread::gather() {
   pollfd posted{wake_.get(), POLLIN, 0};
   const int left = timeout_ms();
   ::poll(&posted, 1, left < 0 ? gather_ms_ : std::min(left, gather_ms_));
+}
+
+// Whoever makes room doesn't say so: it is a loop with other work.
+void packet_thread::wait_for_room() {
+  pollfd posted{wake_.get(), POLLIN, 0};
+  if (::poll(&posted, 1, kRoomMs) > 0) run_posted();
+}
+
+bool packet_thread::read_rest(int fd, media_time until) {
+  for (int call = 0; receive(fd); ++call) {
+    if (call == kCallsOfTheRest || media::now() > until) return false;
+  }
+  return true;
+}
+
+media_time packet_thread::take_behind() {
+  return media_time(behind_.exchange(0));
 }
 
 int packet_thread::timeout_ms() const {
@@ -210,6 +240,12 @@ bool packet_thread::receive(int fd) {
     const media_time lead = now - time_of(CLOCK_REALTIME);
     // The wall clock has been set: what waited meanwhile has stamps of before.
     const bool was_set = std::chrono::abs(lead - std::exchange(lead_, lead)) > kClockSet;
+    if (!was_set) {
+      // The first of them has waited longest.
+      const media_time waited = now - batch_->arrival(0, lead, now);
+      turn_behind_ = std::max(turn_behind_, waited);
+      behind_ = std::max<int64_t>(behind_, waited.count());
+    }
     for (size_t i = 0; i < static_cast<size_t>(count); ++i) {
       // Each time, because what came before may have ended its receiver.
       const auto to = receivers_.find(fd);
@@ -232,12 +268,12 @@ void packet_thread::run_posted() {
   {
     const std::lock_guard<std::mutex> guard(lock_);
     work.swap(posted_);
+    has_posted_ = false;
   }
   for (const auto& one : work) one();
 }
 
-void packet_thread::run_woken() {
-  const media_time now = media::now();
+void packet_thread::run_woken(media_time now) {
   while (!moments_.empty() && moments_.begin()->first <= now) {
     packet_receiver* const who = moments_.begin()->second;
     wake_at(*who, media_time::zero());

@@ -10,6 +10,7 @@
 // and what doesn't fit into the sockets' buffers meanwhile is lost.
 #pragma once
 
+#include <atomic>
 #include <condition_variable>
 #include <cstddef>
 #include <cstdint>
@@ -49,7 +50,9 @@ class packet_receiver {
 
 class packet_thread {
  public:
-  packet_thread();
+  // `is_full`, if given, is asked before each turn: while it says so, nothing is read, so that what
+  // can't be taken in hand waits in the sockets, and what is lost is lost there and counted.
+  explicit packet_thread(std::function<bool()> is_full = nullptr);
   packet_thread(const packet_thread&) = delete;
   packet_thread& operator=(const packet_thread&) = delete;
   ~packet_thread();
@@ -62,10 +65,15 @@ class packet_thread {
   void post(std::function<void()> work);
   // Any other thread: the same, and waits until it is done.
   void call(const std::function<void()>& work);
+  // Any thread: how long a packet waited before it was read, the longest since the last call.
+  media::media_time take_behind();
 
   // The rest is for the packet thread. The descriptor stays the caller's, who ends with remove().
   void add(int fd, packet_receiver& to);
   void remove(int fd);
+  // What waits in the socket goes to its receiver, up to a moment; false: there may be more. Not
+  // from inside a receiver.
+  bool read_rest(int fd, media::media_time until);
   // In place of the receiver's earlier moment; each is for once. Zero: not at all.
   void wake_at(packet_receiver& who, media::media_time when);
 
@@ -74,20 +82,25 @@ class packet_thread {
 
   void run();
   bool receive(int fd);
+  void wait_for_room();
   void gather();
   void run_posted();
-  void run_woken();
+  void run_woken(media::media_time now);
   int timeout_ms() const;
 
+  const std::function<bool()> is_full_;
+  std::atomic<int64_t> behind_{0};  // ns
   int gather_ms_;
   base::unique_fd epoll_;
   base::unique_fd wake_;
   std::mutex lock_;
   std::vector<std::function<void()>> posted_;
+  std::atomic<bool> has_posted_{false};
   bool over_ = false;
 
   std::unique_ptr<batch> batch_;
-  media::media_time lead_{};  // of the monotonic clock to the wall's
+  media::media_time lead_{};         // of the monotonic clock to the wall's
+  media::media_time turn_behind_{};  // the longest that a packet of this turn had waited
   std::unordered_map<int, packet_receiver*> receivers_;
   std::set<std::pair<media::media_time, packet_receiver*>> moments_;
   std::unordered_map<packet_receiver*, media::media_time> moment_of_;

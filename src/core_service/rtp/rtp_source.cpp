@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/rtp/rtp_source.h"
 
+#include <algorithm>
 #include <utility>
 
 #include "core_service/rtp/sender.h"
@@ -13,6 +14,8 @@ using media::encoded_unit;
 
 // So many packets without one that could be decrypted are no accident.
 constexpr uint64_t kUndecryptable = 20;
+// All who stop at once may have waiting packets of seconds; the engine doesn't wait for ever.
+constexpr media::media_time kRestLimit = std::chrono::seconds(2);
 
 // Opus where it is offered, because who can send it does.
 media::format_ptr likely_sound_of(const std::vector<media_line>& lines) {
@@ -31,31 +34,43 @@ class rtp_feed final : public media_feed {
   rtp_feed(uint32_t uid, std::vector<media_line> lines, const settings& how,
            std::unique_ptr<srtp_session> ciphers, std::shared_ptr<packet_plane> plane)
       : plane_(std::move(plane)),
+        reader_(plane_->mail.new_reader()),
         likely_sound_(likely_sound_of(lines)),
         sender_(std::make_shared<sender>(
             uid, std::move(lines), how, std::move(ciphers), plane_->thread, plane_->pool,
-            sender::events{[this](int track, const payload&, encoded_unit&& unit) {
-                             plane_->mail.put(reader_, track, std::move(unit));
+            sender::events{[&mail = plane_->mail, reader = reader_](int track, const payload&,
+                                                                    encoded_unit&& unit) {
+                             mail.put(reader, track, std::move(unit));
                            },
-                           [this](int track) { plane_->mail.put_end(reader_, track); }})) {}
+                           [&mail = plane_->mail, reader = reader_](int track) {
+                             mail.put_end(reader, track);
+                           }})) {}
   rtp_feed(const rtp_feed&) = delete;
   rtp_feed& operator=(const rtp_feed&) = delete;
-  ~rtp_feed() override { stop(); }
+  ~rtp_feed() override {
+    if (!sender_) return;
+    plane_->mail.leave(reader_);
+    end_sender();
+  }
 
   media::format_ptr likely_sound() const override { return likely_sound_; }
 
   void start(events told) override {
-    reader_ = plane_->mail.enter(std::move(told));
+    plane_->mail.enter(reader_, {std::move(told.unit), std::move(told.ended),
+                                 [this](uint64_t lost_packets, bool unread) {
+                                   lost_packets_ = lost_packets;
+                                   left_unread_ = unread;
+                                   plane_->mail.leave(reader_);
+                                   const auto stopped = std::move(stopped_);
+                                   stopped();
+                                 }});
     plane_->thread.post([from = sender_] { from->start(); });
   }
 
-  void stop() override {
-    if (!sender_) return;
-    plane_->thread.call([this] { sender_->stop(); });
+  void stop(std::function<void()> stopped) override {
+    stopped_ = std::move(stopped);
     lost_packets_ = sender_->dropped();
-    sender_.reset();
-    plane_->mail.deliver_all();
-    plane_->mail.leave(reader_);
+    end_sender();
   }
 
   void request_key_frame() override {
@@ -64,6 +79,7 @@ class rtp_feed final : public media_feed {
     });
   }
 
+  bool left_unread() const override { return left_unread_; }
   uint64_t lost_packets() const override { return sender_ ? sender_->dropped() : lost_packets_; }
 
   std::string fault() override {
@@ -76,10 +92,27 @@ class rtp_feed final : public media_feed {
   }
 
  private:
+  // On the packet thread, which is gone before the plane's other parts are.
+  void end_sender() {
+    const media::media_time until = media::now() + kRestLimit;
+    plane_->thread.post(
+        [&mail = plane_->mail, reader = reader_, from = std::move(sender_), until]() mutable {
+          const bool read = from->stop(until);
+          const uint64_t dropped = from->dropped();
+          // Its ports are free before anybody hears of it.
+          from.reset();
+          mail.put_stopped(reader, dropped, !read);
+        });
+    sender_.reset();
+  }
+
   const std::shared_ptr<packet_plane> plane_;
+  const uint64_t reader_;
   const media::format_ptr likely_sound_;
-  uint64_t reader_ = 0;
-  uint64_t lost_packets_ = 0;  // after stop()
+  // From stop() on.
+  uint64_t lost_packets_ = 0;
+  bool left_unread_ = false;
+  std::function<void()> stopped_;
   bool fault_told_ = false;
   std::shared_ptr<sender> sender_;
   const std::weak_ptr<sender> asked_ = sender_;  // for other threads
@@ -110,6 +143,10 @@ bool open_lines(const std::vector<stream_description>& streams, const settings& 
 
 }  // namespace
 
+media::media_time packet_plane::take_behind() {
+  return std::max(thread.take_behind(), mail.take_behind());
+}
+
 std::optional<rtp_source> make_rtp_source(uint32_t uid, const std::string& text,
                                           const settings& how, std::shared_ptr<packet_plane> plane,
                                           std::vector<missing_medium>& left_out,
@@ -117,6 +154,10 @@ std::optional<rtp_source> make_rtp_source(uint32_t uid, const std::string& text,
   const std::vector<stream_description> streams = parse_description(text, left_out, error);
   if (streams.empty()) return std::nullopt;
   std::vector<media_line> lines;
+  // The ports may be those of one who is just being stopped.
+  const bool fixed = std::any_of(streams.begin(), streams.end(),
+                                 [](const stream_description& one) { return one.port != 0; });
+  if (fixed) plane->thread.call([] {});
   std::vector<int> chosen;
   if (!open_lines(streams, how, plane->likely_free_port, lines, chosen, error)) return std::nullopt;
   std::unique_ptr<srtp_session> ciphers;

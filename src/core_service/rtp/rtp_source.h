@@ -19,9 +19,13 @@
 
 namespace zelta::core_service::rtp {
 
-// What all senders share.
+// What all senders share. On the loop's thread.
 struct packet_plane {
-  explicit packet_plane(base::event_loop& loop) : mail(loop) {}
+  explicit packet_plane(base::event_loop& loop)
+      : mail(loop), thread([this] { return mail.is_full(); }) {}
+  // How long what came has waited before it was taken in hand, the longest since the last call.
+  media::media_time take_behind();
+
   unit_mailbox mail;
   int likely_free_port = 0;
   // Behind the thread, whose receivers use it.

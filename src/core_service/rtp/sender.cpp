@@ -97,8 +97,11 @@ void sender::start() {
   plan_wake(media::now());
 }
 
-void sender::stop() {
-  if (!std::exchange(running_, false)) return;
+bool sender::stop(media_time read_until) {
+  if (!running_) return true;
+  bool read = true;
+  for (const line& one : lines_) read = by_.read_rest(one.of.sockets.rtp.get(), read_until) && read;
+  running_ = false;
   const blamed whom(uid_);
   for (line& at : lines_) {
     for (auto& [ssrc, one] : at.sources) {
@@ -111,6 +114,7 @@ void sender::stop() {
     by_.remove(one.of.sockets.rtp.get());
     if (one.of.sockets.rtcp.valid()) by_.remove(one.of.sockets.rtcp.get());
   }
+  return read;
 }
 
 void sender::on_datagram(const datagram& one) {

@@ -47,7 +47,8 @@ class sender : public packet_receiver {
   sender& operator=(const sender&) = delete;
 
   void start();
-  void stop();
+  // What waits in the sockets is read before, up to a moment; false: there was more.
+  bool stop(media::media_time read_until = media::media_time::max());
   // Asks for a picture that needs no other, of every source of pictures.
   void request_key_frames();
 

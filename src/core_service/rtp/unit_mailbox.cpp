@@ -1,58 +1,85 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/rtp/unit_mailbox.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace zelta::core_service::rtp {
+namespace {
+
+using media::media_time;
+
+constexpr media_time kTurn = std::chrono::milliseconds(50);
+// The clock is looked at after so many.
+constexpr size_t kLook = 32;
+
+}  // namespace
 
 void unit_mailbox::put(uint64_t whom, int track, media::encoded_unit&& unit) {
-  put({whom, track, std::move(unit)});
+  put({kind::kUnit, whom, track, std::move(unit)});
 }
 
 void unit_mailbox::put_end(uint64_t whom, int track) {
-  put({whom, track, {}});
+  put({kind::kEnd, whom, track, {}});
+}
+
+void unit_mailbox::put_stopped(uint64_t whom, uint64_t lost_packets, bool unread) {
+  put({kind::kStopped, whom, 0, {}, lost_packets, unread});
 }
 
 void unit_mailbox::put(letter&& one) {
+  waiting_bytes_ += one.bytes();
   {
     const std::lock_guard<std::mutex> guard(lock_);
     put_.push_back(std::move(one));
     if (std::exchange(asked_, true)) return;
+    first_put_ = media::now();
   }
+  ask_for_delivery();
+}
+
+void unit_mailbox::ask_for_delivery() {
   loop_.post([this, alive = std::weak_ptr<int>(alive_)] {
     if (!alive.expired()) deliver_batch();
   });
 }
 
-uint64_t unit_mailbox::enter(media_feed::events told) {
-  readers_[++last_reader_] = std::make_shared<const media_feed::events>(std::move(told));
-  return last_reader_;
+void unit_mailbox::enter(uint64_t who, reader told) {
+  readers_[who] = std::make_shared<const reader>(std::move(told));
 }
 
-// No more than there was when it began, so that the loop's other work gets its turn.
+// No more than there was when it began, and no longer than a turn, so that the loop's other work
+// gets its own.
 void unit_mailbox::deliver_batch() {
+  const media_time begun = media::now();
   if (next_ == batch_.size()) {
     batch_.clear();
     next_ = 0;
     const std::lock_guard<std::mutex> guard(lock_);
     std::swap(batch_, put_);
     asked_ = false;
+    if (!batch_.empty()) behind_ = std::max(behind_, begun - first_put_);
   }
   while (next_ < batch_.size()) {
+    if (next_ % kLook == kLook - 1 && media::now() - begun > kTurn) return ask_for_delivery();
     const letter one = std::move(batch_[next_++]);
-    const auto reader = readers_.find(one.whom);
-    if (reader == readers_.end()) continue;
+    waiting_bytes_ -= one.bytes();
+    const auto found = readers_.find(one.whom);
+    if (found == readers_.end()) continue;
     // Kept, because it may leave from inside.
-    const std::shared_ptr<const media_feed::events> to = reader->second;
-    one.unit.format ? to->unit(one.track, one.unit) : to->ended(one.track);
+    const std::shared_ptr<const reader> to = found->second;
+    deliver(one, *to);
   }
 }
 
-void unit_mailbox::deliver_all() {
-  for (;;) {
-    deliver_batch();
-    const std::lock_guard<std::mutex> guard(lock_);
-    if (put_.empty()) return;
+void unit_mailbox::deliver(const letter& one, const reader& to) {
+  switch (one.is) {
+    case kind::kUnit:
+      return to.unit(one.track, one.unit);
+    case kind::kEnd:
+      return to.ended(one.track);
+    case kind::kStopped:
+      return to.stopped(one.lost_packets, one.unread);
   }
 }
 

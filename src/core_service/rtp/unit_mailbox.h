@@ -3,56 +3,82 @@
 // since the loop was there last, however many users send.
 #pragma once
 
+#include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <utility>
 #include <vector>
 
 #include "base/event_loop.h"
-#include "core_service/channel/media_feed.h"
 #include "core_service/media/encoded_unit.h"
 
 namespace zelta::core_service::rtp {
 
 class unit_mailbox {
  public:
+  // All on the loop's thread, in the order of putting.
+  struct reader {
+    std::function<void(int track, const media::encoded_unit& unit)> unit;
+    std::function<void(int track)> ended;
+    std::function<void(uint64_t lost_packets, bool unread)> stopped;
+  };
+
   // The loop is borrowed.
   explicit unit_mailbox(base::event_loop& loop) : loop_(loop) {}
   unit_mailbox(const unit_mailbox&) = delete;
   unit_mailbox& operator=(const unit_mailbox&) = delete;
 
-  // Any thread; `whom` is what enter() gave.
+  // Any thread; `whom` is what new_reader() gave.
   void put(uint64_t whom, int track, media::encoded_unit&& unit);
   void put_end(uint64_t whom, int track);
+  void put_stopped(uint64_t whom, uint64_t lost_packets, bool unread);
+  // Any thread: so much waits that nothing more should be put. It isn't refused.
+  bool is_full() const { return waiting_bytes_ > kMostBytes; }
 
   // The rest is for the loop's thread.
-  uint64_t enter(media_feed::events told);
-  // Gives everything that has been put, to everybody.
-  void deliver_all();
+  uint64_t new_reader() { return ++last_reader_; }
+  void enter(uint64_t who, reader told);
+  // How long a unit waited here, the longest since the last call.
+  media::media_time take_behind() { return std::exchange(behind_, {}); }
   // Nothing comes any more.
   void leave(uint64_t whom) { readers_.erase(whom); }
 
  private:
+  // Some seconds of hundreds of users.
+  static constexpr size_t kMostBytes = size_t{64} << 20;
+
+  enum class kind { kUnit, kEnd, kStopped };
   struct letter {
+    kind is = kind::kUnit;
     uint64_t whom = 0;
     int track = 0;
-    media::encoded_unit unit;  // without a format: the track has ended
+    media::encoded_unit unit;
+    uint64_t lost_packets = 0;
+    bool unread = false;
+    size_t bytes() const { return sizeof(letter) + unit.bytes.size(); }
   };
 
   void put(letter&& one);
+  void ask_for_delivery();
   void deliver_batch();
+  static void deliver(const letter& one, const reader& to);
 
   base::event_loop& loop_;
   std::mutex lock_;
   std::vector<letter> put_;
   bool asked_ = false;
+  media::media_time first_put_{};
+  std::atomic<size_t> waiting_bytes_{0};
 
-  // What is being given out; from inside a reader's call it may go on.
+  // What is being given out.
   std::vector<letter> batch_;
   size_t next_ = 0;
-  std::map<uint64_t, std::shared_ptr<const media_feed::events>> readers_;
+  media::media_time behind_{};
+  std::map<uint64_t, std::shared_ptr<const reader>> readers_;
   uint64_t last_reader_ = 0;
   std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };

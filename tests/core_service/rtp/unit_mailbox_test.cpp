@@ -27,12 +27,18 @@ encoded_unit unit_at(std::chrono::nanoseconds time) {
 class MailboxTest : public testing::Test {
  protected:
   uint64_t enter(const std::string& name) {
-    return mail.enter({[this, name](int track, const encoded_unit& unit) {
-                         said += name + std::to_string(track) + "@" +
-                                 std::to_string(unit.time.count()) + " ";
-                         if (on_unit) std::exchange(on_unit, nullptr)();
-                       },
-                       [this, name](int track) { said += name + std::to_string(track) + "! "; }});
+    const uint64_t who = mail.new_reader();
+    mail.enter(who, {[this, name](int track, const encoded_unit& unit) {
+                       said += name + std::to_string(track) + "@" +
+                               std::to_string(unit.time.count()) + " ";
+                       if (on_unit) std::exchange(on_unit, nullptr)();
+                     },
+                     [this, name](int track) { said += name + std::to_string(track) + "! "; },
+                     [this, name, who](uint64_t lost, bool unread) {
+                       said += name + " lost " + std::to_string(lost) + (unread ? "+ " : " ");
+                       mail.leave(who);
+                     }});
+    return who;
   }
 
   base::event_loop loop;
@@ -59,23 +65,59 @@ TEST_F(MailboxTest, EverybodyGetsTheirsInOrder) {
   EXPECT_EQ(said, "a1@5 b1@6 a1! a2@8 b3@9 ") << "woken once more";
 }
 
-TEST_F(MailboxTest, WhoLeavesGetsAllThatHasComeAndNothingLater) {
+TEST_F(MailboxTest, WhoStopsGetsAllThatHasComeAndNothingLater) {
   const uint64_t a = enter("a");
   const uint64_t b = enter("b");
-  // From inside a call, with units behind it that have been taken out already, and some that have
-  // not.
-  on_unit = [&] {
-    mail.put(a, 3, unit_at(3ns));
-    mail.deliver_all();
-    mail.leave(a);
-    mail.put(a, 4, unit_at(4ns));
-    mail.put(b, 5, unit_at(5ns));
-  };
   mail.put(a, 1, unit_at(1ns));
+  mail.put_stopped(a, 7, true);
   mail.put(a, 2, unit_at(2ns));
+  mail.put(b, 5, unit_at(5ns));
+  mail.put_stopped(b, 0, false);
+  // One that leaves from inside a call, with a unit behind it that has been taken out already.
+  const uint64_t c = enter("c");
+  mail.put(c, 1, unit_at(6ns));
+  mail.put(c, 1, unit_at(7ns));
+  on_unit = [&] { on_unit = [&] { on_unit = [&] { mail.leave(c); }; }; };
   loop.run(true);
+  EXPECT_EQ(said, "a1@1 a lost 7+ b5@5 b lost 0 c1@6 ");
+}
+
+TEST_F(MailboxTest, BatchOfManyLeavesTheLoopItsOtherWork) {
+  const uint64_t a = enter("a");
+  int given = 0;
+  bool other = false;
+  mail.enter(a, {[&](int, const encoded_unit&) {
+                   // The first takes longer than a turn.
+                   const auto until = std::chrono::steady_clock::now() + 60ms;
+                   while (given == 0 && std::chrono::steady_clock::now() < until) {
+                   }
+                   ++given;
+                 },
+                 nullptr, nullptr});
+  for (int i = 0; i < 100; ++i) mail.put(a, 1, unit_at(1ns));
+  loop.post([&] { other = true; });
   loop.run(true);
-  EXPECT_EQ(said, "a1@1 a2@2 a3@3 b5@5 ");
+  EXPECT_TRUE(other);
+  EXPECT_LT(given, 100);
+  while (given < 100) loop.run(true);
+  EXPECT_GE(mail.take_behind(), 0ns);
+  EXPECT_EQ(mail.take_behind(), 0ns) << "since the last call";
+}
+
+TEST_F(MailboxTest, IsFullUntilItsUnitsAreGiven) {
+  const uint64_t a = enter("a");
+  core_service::media::byte_pool pool;
+  core_service::media::byte_builder bytes(pool);
+  for (int i = 0; i < 64; ++i) {
+    EXPECT_FALSE(mail.is_full()) << i;
+    bytes.extend(size_t{1} << 20);
+    encoded_unit one = unit_at(1ns);
+    one.bytes = bytes.take();
+    mail.put(a, 1, std::move(one));
+  }
+  EXPECT_TRUE(mail.is_full());
+  loop.run(true);
+  EXPECT_FALSE(mail.is_full());
 }
 
 TEST_F(MailboxTest, WhatIsPutMeanwhileWaitsForTheNextRound) {
