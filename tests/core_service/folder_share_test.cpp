@@ -1,13 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 // Sessions that record into one folder.
 #include <filesystem>
+#include <fstream>
+#include <iterator>
 #include <optional>
 #include <set>
+#include <sstream>
+#include <string>
 #include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "core_service/file_name.h"
 #include "core_service/folder_share.h"
@@ -33,6 +38,17 @@ class FolderShareTest : public ::testing::Test {
   // Of the same process, which lives.
   const std::string other = folder_share::session_name(7, "hall");
 };
+
+// A process is named by when it was started, too: its number may be another's by then.
+TEST_F(FolderShareTest, SessionIsNamedAfterItsEngineAndThatsStart) {
+  std::ifstream file("/proc/" + std::to_string(getppid()) + "/stat");
+  std::string text;
+  std::getline(file, text);
+  std::istringstream behind_name(text.substr(text.rfind(')') + 2));
+  const std::vector<std::string> fields{std::istream_iterator<std::string>(behind_name), {}};
+  ASSERT_GT(fields.size(), 19U);
+  EXPECT_EQ(me, std::to_string(getppid()) + "@" + fields[19] + " 7 room");
+}
 
 TEST_F(FolderShareTest, EverySessionHasItsOwnUntilItEnds) {
   std::optional<folder_share> first(fresh());

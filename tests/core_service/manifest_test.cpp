@@ -144,6 +144,39 @@ TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
   EXPECT_EQ(files[2]["channel_id"].asString(), "hall");
 }
 
+TEST(Manifest, ChangedRowsAreSavedOnceAndWhatIsOverSaysWhen) {
+  const TempDir dir;
+  const std::string path = dir.path() + "recording.json";
+  state_writer writer([](const std::string&, int) {});
+  manifest first(dir.path(), "recording.json", "room", writer);
+  first.save_changes();
+  writer.flush(2s);
+  EXPECT_FALSE(std::filesystem::exists(path)) << "nothing has changed";
+  ASSERT_TRUE(first.note_missing(7, {"all", "", "full"}));
+  EXPECT_FALSE(first.note_missing(7, {"all", "", "full"})) << "known";
+  first.count_lost_packets(7, 3);
+  first.changed();
+  first.save_changes();
+  writer.flush(2s);
+  Json::Value saved = read_json(path);
+  EXPECT_FALSE(saved["missing"][0].isMember("until_utc_ms"));
+  EXPECT_EQ(saved["dropped_frames"]["pictures"], 0);
+  std::filesystem::remove(path);
+  first.save_changes();
+  writer.flush(2s);
+  EXPECT_FALSE(std::filesystem::exists(path)) << "once";
+  first.end_missing(7, {"all", "", "full"});
+  EXPECT_TRUE(first.note_missing(7, {"all", "", "full"})) << "it has come again";
+  first.end_missing(8, {"all", "", "full"});
+  EXPECT_EQ(first.all_lost_packets(), 3U);
+  first.save_changes();
+  writer.flush(2s);
+  saved = read_json(path);
+  ASSERT_EQ(saved["missing"].size(), 2U);
+  EXPECT_GE(saved["missing"][0]["until_utc_ms"].asInt64(), saved["missing"][0]["utc_ms"].asInt64());
+  EXPECT_FALSE(saved["missing"][1].isMember("until_utc_ms"));
+}
+
 TEST(Manifest, UnreadableOneIsKeptAside) {
   const TempDir dir;
   state_writer writer(nullptr);

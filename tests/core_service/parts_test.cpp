@@ -10,12 +10,15 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include "core_service/crash_note.h"
+#include "core_service/descriptors.h"
 #include "core_service/journal.h"
 #include "core_service/media/sound_line.h"
+#include "core_service/media/timeline.h"
 #include "core_service/media/volume_meter.h"
 #include "core_service/mix/tiles.h"
 #include "core_service/options.h"
@@ -493,6 +496,11 @@ TEST(RecordingPlan, IsWhatTheCommandLineAsksFor) {
     EXPECT_EQ(parsed.exit_status, 0);
     EXPECT_EQ(parsed.values->log_level, 4);
     EXPECT_EQ(parsed.values->recording_file_dir, "./");
+    argv.insert(argv.end(), {"--recording_file_dir", "x"});
+    EXPECT_EQ(option_parser()
+                  .parse(static_cast<int>(argv.size()), argv.data())
+                  .values->recording_file_dir,
+              "x/");
     std::vector<std::string> warnings;
     EXPECT_EQ(text_of(plan_of(*parsed.values, warnings)), row.plan);
     EXPECT_TRUE(warnings.empty()) << row.plan;
@@ -531,13 +539,56 @@ TEST(RecordingPlan, NamesWhatItCannotUse) {
   given.mix = true;
   given.mix_resolution = "1280,720,25";
   given.audio_profile = 3;
+  given.av_sync_type = 3;
   std::vector<std::string> warnings;
   const recording_plan plan = plan_of(given, warnings);
-  ASSERT_EQ(warnings.size(), 2U);
+  ASSERT_EQ(warnings.size(), 3U);
   EXPECT_NE(warnings[0].find("--audioProfile 3 should be 0 to 2"), std::string::npos);
-  EXPECT_NE(warnings[1].find("\"1280,720,25\" should be width,height,fps,kbps"), std::string::npos);
+  EXPECT_NE(warnings[1].find("--avSyncType 3 should be 0 to 2"), std::string::npos);
+  EXPECT_NE(warnings[2].find("\"1280,720,25\" should be width,height,fps,kbps"), std::string::npos);
   EXPECT_EQ(plan.mix_width, 640);
   EXPECT_FALSE(plan.record_video) << "nobody has a file of their own";
+}
+
+// Of a process of its own, whose limits nobody shares.
+TEST(Descriptors, AsManyAsAllowedAreTakenAndEachUserHasTheirs) {
+  const pid_t child = fork();
+  if (child == 0) {
+    rlimit few{32, 112};
+    int wrong = setrlimit(RLIMIT_NOFILE, &few);
+    core_service::raise_descriptor_limit();
+    wrong |= getrlimit(RLIMIT_NOFILE, &few) != 0 || few.rlim_cur != 112 ? 2 : 0;
+    wrong |= core_service::shortage_beyond(2).empty() ? 0 : 4;
+    wrong |= core_service::shortage_beyond(3) ==
+                     "112 descriptors (ulimit -n, LimitNOFILE) are enough for 3 users"
+                 ? 0
+                 : 8;
+    _exit(wrong);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0);
+}
+
+TEST(TakeSample, PlacesTheBufferAndSaysWhetherItIsAKey) {
+  gst_init(nullptr, nullptr);
+  const media::element_ptr pipeline(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr))));
+  GstSegment segment;
+  gst_segment_init(&segment, GST_FORMAT_TIME);
+  const media::caps_ptr caps(gst_caps_new_empty_simple("video/x-h264"));
+  for (const bool key : {false, true}) {
+    GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, 1, nullptr);
+    GST_BUFFER_PTS(buffer) = 7;
+    if (key) GST_BUFFER_DURATION(buffer) = 5;
+    if (!key) GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
+    const media::sample_ptr from(gst_sample_new(buffer, caps.get(), &segment, nullptr));
+    gst_buffer_unref(buffer);
+    media::media_sample sample;
+    ASSERT_TRUE(media::take_sample(from.get(), pipeline.get(), sample));
+    EXPECT_EQ(sample.key, key);
+    EXPECT_EQ(sample.duration.count(), key ? 5 : 0);
+    EXPECT_EQ(sample.decode_time, sample.time);
+  }
 }
 
 TEST(Secrets, AreWipedFromTheArguments) {

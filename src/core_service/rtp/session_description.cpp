@@ -55,14 +55,11 @@ void name_static_payload(int payload, GstStructure* fields) {
                     G_TYPE_INT, static_cast<int>(info->clock_rate), nullptr);
 }
 
-void take_payloads(const GstSDPMessage* message, const GstSDPMedia* media,
-                   stream_description& stream) {
+void take_payloads(const GstSDPMedia* media, stream_description& stream) {
   for (guint i = 0; i < gst_sdp_media_formats_len(media); ++i) {
     const int payload = std::atoi(gst_sdp_media_get_format(media, i));
     media::caps_ptr caps(gst_sdp_media_get_caps_from_media(media, payload));
     if (!caps) continue;
-    gst_sdp_message_attributes_to_caps(message, caps.get());
-    gst_sdp_media_attributes_to_caps(media, caps.get());
     GstStructure* const fields = gst_caps_get_structure(caps.get(), 0);
     gst_structure_set_name(fields, "application/x-rtp");
     name_static_payload(payload, fields);
@@ -107,7 +104,7 @@ std::optional<stream_description> describe(const GstSDPMessage* message, const G
     if (given > 0 && given <= static_cast<int>(kLastPort)) stream.rtcp_port = given;
   }
   stream.srtp = std::strncmp(proto, "RTP/SAVP", 8) == 0;
-  take_payloads(message, media, stream);
+  take_payloads(media, stream);
   if (!stream.caps.empty()) return stream;
   why = line + " has no codec that can be received: H264, H265, VP8, VP9, OPUS, PCMU, PCMA";
   const char* const named = gst_sdp_media_get_attribute_val(media, "rtpmap");
