@@ -248,10 +248,13 @@ TEST_F(LogTest, ErrorThatItsFolderCannotTakeIsSeenOnStandardError) {
   base::log_dir("/nonexistent/", base::ERROR_LOG, base::ZELTA_LOG_MODULE_IPC, "fatal news");
   base::log_dir("/nonexistent/", base::WARN_LOG, base::ZELTA_LOG_MODULE_IPC, "small talk");
   base::log_dir("", base::WARN_LOG, base::ZELTA_LOG_MODULE_IPC, "no folder yet");
+  base::safe_log("x.cpp", 7, base::ERROR_LOG, base::ZELTA_LOG_MODULE_IPC).stream() << "nowhere";
   const std::string seen = ::testing::internal::GetCapturedStderr();
   EXPECT_NE(seen.find("fatal news"), std::string::npos);
   EXPECT_EQ(seen.find("small talk"), std::string::npos);
   EXPECT_NE(seen.find("no folder yet"), std::string::npos);
+  EXPECT_NE(seen.find("error ipc (" + std::to_string(getpid()) + ") x.cpp:7: nowhere"),
+            std::string::npos);
 }
 
 TEST_F(LogTest, RotatesKeepingFour) {

@@ -13,6 +13,7 @@
 
 #include "base/packet_reader.h"
 #include "base/packet_writer.h"
+#include "base/recorder_process.h"
 #include "base/service_path.h"
 #include "base/unique_fd.h"
 #include "protocol/ipc_protocol.h"
@@ -425,6 +426,22 @@ TEST(ServicePath, PlacesAreTriedInThisOrder) {
   EXPECT_EQ(base::service_candidates("./service"), std::vector<std::string>{"./service"});
   setenv("PATH", path.c_str(), 1);
   unsetenv("ZELTA_SERVICE_DIR");
+}
+
+TEST(RecorderProcess, IsWaitedForOnceAndNeverSignalledAgain) {
+  Pipe pipe;
+  std::string error;
+  auto child = base::recorder_process::start({"/bin/sh", "-c", "exit 5"}, {}, pipe.read.get(),
+                                             pipe.write.get(), error);
+  ASSERT_TRUE(child) << error;
+  EXPECT_TRUE(child->wait(std::chrono::seconds(10)));
+  EXPECT_EQ(child->how_ended(), "exit status 5");
+  EXPECT_TRUE(child->wait(std::chrono::milliseconds(0))) << "it has ended";
+  EXPECT_STREQ(child->end(std::chrono::milliseconds(0), std::chrono::milliseconds(0)), "");
+  // An end that was seen isn't waited for once more: by then there may be other children.
+  auto gone = std::move(*child);
+  EXPECT_TRUE(gone.wait(std::chrono::milliseconds(0)));
+  EXPECT_EQ(gone.how_ended(), "exit status 5");
 }
 
 }  // namespace

@@ -100,6 +100,9 @@ TEST(Settings, AreRefusedWithEveryErrorInWords) {
        {std::string("Line 1, Column 1: Syntax error: value, object or array expected.") +
         kExample}},
       {"[1]", {std::string("[1] is no object") + kExample}},
+      // Of 16 levels what is in them is looked at, of 17 nothing is.
+      {std::string(15, '[') + std::string(15, ']'),
+       {std::string(15, '[') + std::string(15, ']') + " is no object" + kExample}},
       {std::string(100'000, '['),
        {std::string("can't be read: Exceeded stackLimit in readValue().") + kExample}},
   };

@@ -470,11 +470,12 @@ TEST_F(EngineTest, ThreeRecoveriesThenAnError) {
   engine->config_.triggerMode = 1;
   std::vector<const char*> args{"prog", "--a", "1", nullptr};
   engine->backup_args(args);
+  EXPECT_EQ(static_cast<int>(engine->recovery_.recovery_stat), 0);
   for (int attempt = 1; attempt <= 3; ++attempt) {
     new_lines();
     engine->isSessionActive_ = false;
     EXPECT_TRUE(engine->on_error(16));
-    EXPECT_EQ(engine->recovery_.recovery_stat, EngineProbe::RECOVERY_STAT_RECOVERED);
+    EXPECT_EQ(static_cast<int>(engine->recovery_.recovery_stat), 2) << "relaunched";
     const auto& line = router.relaunches.back();
     ASSERT_EQ(line.size(), 8U);
     EXPECT_EQ(line[3], "--recoveryid");
@@ -483,6 +484,7 @@ TEST_F(EngineTest, ThreeRecoveriesThenAnError) {
     EXPECT_NEAR(std::stod(line[6]), static_cast<double>(base::tick_ms()), 60'000);
     EXPECT_EQ(line[7], "(null)");
     EXPECT_EQ(router.sent_uris().back(), 20) << "manual mode starts the new recorder's service";
+    EXPECT_EQ(router.last<start_service_packet>().uid, 0U);
     EXPECT_TRUE(engine->isSessionActive_);
     EXPECT_TRUE(engine->joined_);
     const auto lines = new_lines();
@@ -504,7 +506,7 @@ TEST_F(EngineTest, FailedRelaunchCountsAndIsAnError) {
   router.launch_result = -1;
   EXPECT_TRUE(engine->on_error(16));
   EXPECT_EQ(engine->recovery_.times, 2);
-  EXPECT_EQ(engine->recovery_.recovery_stat, EngineProbe::RECOVERY_STAT_RECOVERING);
+  EXPECT_EQ(static_cast<int>(engine->recovery_.recovery_stat), 1) << "tried";
   EXPECT_EQ(handler.calls().back(), "error 3 16");
 }
 
