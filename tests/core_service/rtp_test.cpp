@@ -386,6 +386,46 @@ TEST_F(RtpTest, PacketsWithoutRoomAreCountedAndTold) {
   for (const Json::Value& entry : files()) EXPECT_NE(entry["closed"].asString(), "");
 }
 
+// As on a machine that has no time for it: of each second and a half the recorder gets the last
+// moment. Whoever came last goes, and those who wait come in their order when there is room.
+TEST_F(RtpTest, WhoHasNoRoomIsToldAndTakenUpWhenThereIsSome) {
+  const std::string given = dir.file("recorder.json", R"({"most_users": 2})");
+  setenv("ZELTA_RECORDER_SETTINGS", given.c_str(), 1);
+  join_channel();
+  unsetenv("ZELTA_RECORDER_SETTINGS");
+  describe();
+  const Process sound(sound_sender(100'000));
+  const std::string text =
+      "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\nm=audio 9 RTP/AVP 0\n";
+  for (const char* const user : {"2.sdp", "3.sdp"}) {
+    std::filesystem::rename(dir.file(user, text), dir.path() + "channels/room/" + user);
+  }
+  ASSERT_TRUE(handler.wait_for("user in 2"));
+  ASSERT_TRUE(handler.wait_for("error 2 1")) << "of user 3";
+  ASSERT_TRUE(wait_recorded(500));
+  const std::string recorder = " -P " + std::to_string(getpid()) + " ZeltaCoreServic";
+  output_of("for i in 1 2 3 4 5 6; do pkill -STOP" + recorder + "; sleep 1.4; pkill -CONT" +
+            recorder + "; sleep 0.1; done");
+  ASSERT_TRUE(handler.wait_for("user out 2"));
+  ASSERT_TRUE(handler.wait_for("user in 3"));
+  EXPECT_EQ(handler.count("user in 2"), 1);
+  user_leaves();
+  ASSERT_TRUE(handler.wait_for("user in 2", 2));
+  release();
+  std::map<int, std::string> told;
+  const Json::Value missing = read_json(folder + "recording.json")["missing"];
+  for (const Json::Value& one : missing) {
+    EXPECT_EQ(one["medium"].asString(), "all");
+    EXPECT_GE(one["until_utc_ms"].asInt64(), one["utc_ms"].asInt64()) << one["uid"];
+    told[one["uid"].asInt()] += one["reason"].asString() + ";";
+  }
+  ASSERT_EQ(told.size(), 2U);
+  EXPECT_EQ(told[3].find("2 users at a time is the most"), 0U) << told[3];
+  EXPECT_EQ(told[2].find("let go, because the machine is too busy for all;"), 0U) << told[2];
+  ASSERT_EQ(files().size(), 1U) << "of the first user, who was recorded throughout";
+  EXPECT_EQ(decode_errors_of(folder + files()[0]["name"].asString()), "");
+}
+
 TEST_F(RtpTest, RightKeyIsRecordedAndAWrongOneIsAnErrorWithoutAFile) {
   config.decryptionMode = const_cast<char*>("aes-256-gcm");
   config.secret = const_cast<char*>("AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8gISIjJCUmJygpKis=");
