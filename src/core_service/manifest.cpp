@@ -157,7 +157,9 @@ void manifest::load() {
 void manifest::adopt_leftovers() {
   // What the predecessor has told needs no second telling.
   missing_before_ = std::min<size_t>(missing_before_of_last_, missing_.size());
-  for (size_t i = missing_before_; i < missing_.size(); ++i) told_.insert(identity_of(missing_[i]));
+  for (size_t i = missing_before_; i < missing_.size(); ++i) {
+    if (missing_[i].until_utc_ms == 0) told_.insert(identity_of(missing_[i]));
+  }
   const std::set<std::string> of_others = listed_elsewhere();
   std::map<std::string, size_t> known;
   for (const auto& [number, f] : files_) known[f.name] = number;
@@ -207,14 +209,13 @@ bool manifest::note_missing(uint32_t uid, const missing_medium& what) {
   return true;
 }
 
-void manifest::end_missing(uint32_t uid, const missing_medium& what) {
-  const std::string identity = identity_of({uid, channel_id_, what, 0, 0});
-  told_.erase(identity);
-  for (size_t i = missing_.size(); i > missing_before_; --i) {
-    manifest_gap& gap = missing_[i - 1];
-    if (gap.until_utc_ms != 0 || identity_of(gap) != identity) continue;
+void manifest::end_missing(uint32_t uid, const std::string& medium) {
+  for (size_t i = missing_before_; i < missing_.size(); ++i) {
+    manifest_gap& gap = missing_[i];
+    if (gap.uid != uid || gap.what.medium != medium || gap.until_utc_ms != 0) continue;
     gap.until_utc_ms = base::utc_ms();
-    return changed();
+    told_.erase(identity_of(gap));
+    changed();
   }
 }
 

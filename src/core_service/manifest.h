@@ -64,8 +64,8 @@ class manifest {
   void remove(size_t number) { files_.erase(number); }
   // False when that is known already: of a medium of a user a reason is told once a session.
   bool note_missing(uint32_t uid, const missing_medium& what);
-  // What was told of the user's medium for that reason is over; if it comes again, it is new.
-  void end_missing(uint32_t uid, const missing_medium& what);
+  // All that was told of the user's medium is over; if it comes again, it is new.
+  void end_missing(uint32_t uid, const std::string& medium);
   // One more captured picture of the user in a file.
   void count_picture(uint32_t uid) { ++pictures_[uid]; }
   // More of the user's packets found no room here.

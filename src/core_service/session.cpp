@@ -247,6 +247,10 @@ void session::recover() {
     base::log_config::set_enabled_modules(static_cast<uint32_t>(state.log_modules));
   }
   if (!state.layout.empty()) apply_layout(state.layout);
+  // What the recorder before left out is made again by this one.
+  for (const load::shed what : things_to_leave_out(plan_)) {
+    manifest_.end_missing(0, missing_of(what).medium);
+  }
   for (const auto& [uid, path] : state.user_backgrounds) {
     if (mix_) mix_->set_user_background(uid, path);
   }
@@ -377,6 +381,9 @@ void session::on_channel_joined() {
   phase_ = phase::kRecording;
   joined_ms_ = base::tick_ms();
   alone_since_ms_ = joined_ms_;
+  // How long the start took says nothing of the load.
+  ticked_ms_ = measured_ms_ = joined_ms_;
+  work_until_ms_ = joined_ms_ + kUserWorkMs;
   link_.send(
       make<protocol::join_channel_success_packet>(choose_uid(options_.uid), options_.channel_id));
 }
@@ -406,12 +413,12 @@ std::string session::want_of_room() const {
 
 void session::on_user_in(uint32_t uid, const std::function<user_media()>& media) {
   if (phase_ != phase::kRecording || users_.count(uid) != 0) return;
-  const int64_t now = base::tick_ms();
-  const std::string shortage = want_of_room();
-  if (!shortage.empty()) return turn_away(uid, shortage, now);
   if (journal_.state.left_out_of(uid) == crash_stage::kReceiving) {
     return on_missing(uid, {"all", "", kCrashed});
   }
+  const int64_t now = base::tick_ms();
+  const std::string shortage = want_of_room();
+  if (!shortage.empty()) return turn_away(uid, shortage, now);
   if (load_->room() == 0 || now > work_until_ms_) {
     return turn_away(uid, kTooBusy, now + kTellBusyMs);
   }
@@ -430,7 +437,9 @@ void session::turn_away(uint32_t uid, const std::string& why, int64_t tell_ms) {
 }
 
 void session::let_in(uint32_t uid, user_media from) {
-  if (const auto waited = waiting_.remove(uid)) manifest_.end_missing(uid, {"all", "", *waited});
+  waiting_.remove(uid);
+  // What was told of them by a recorder before this one is over, too.
+  manifest_.end_missing(uid, "all");
   log(base::NOTICE_LOG, "user " + std::to_string(uid) + " joined");
   load_->let_in();
   in_order_.push_back(uid);
@@ -477,7 +486,10 @@ user::events session::events_of(uint32_t uid) {
 }
 
 void session::on_user_out(uint32_t uid) {
-  if (const auto waited = waiting_.remove(uid)) manifest_.end_missing(uid, {"all", "", *waited});
+  if (waiting_.remove(uid)) {
+    manifest_.end_missing(uid, "all");
+    if (users_.empty() && waiting_.empty()) alone_since_ms_ = base::tick_ms();
+  }
   end_user(uid, "user left");
 }
 
@@ -529,6 +541,8 @@ void session::on_channel_lost() {
 
 void session::measure_load() {
   measured_ms_ = base::tick_ms();
+  for (const auto& one : users_) one.second->count_losses();
+  for (const auto& one : leaving_) one->count_losses();
   load::reading now;
   now.behind = std::exchange(behind_, {});
   now.disk_behind = disk_.take_behind();
@@ -550,7 +564,7 @@ void session::tell_left_out() {
       on_missing(0, told);
     } else {
       left_out_.erase(what);
-      manifest_.end_missing(0, told);
+      manifest_.end_missing(0, told.medium);
       log(base::NOTICE_LOG, told.medium + ": made again");
     }
     if (what == load::shed::kMixPictures) {
@@ -579,9 +593,15 @@ void session::call_in() {
   while (!waiting_.empty() && load_->room() > 0 && base::tick_ms() <= work_until_ms_ &&
          want_of_room().empty()) {
     const uint32_t uid = waiting_.first();
-    // One who was turned away again, for whatever reason, waits on.
-    if (channel_->offer_again(uid) && users_.count(uid) == 0) break;
-    if (users_.count(uid) == 0) waiting_.remove(uid);
+    const bool here = channel_->offer_again(uid);
+    if (users_.count(uid) != 0) continue;
+    if (!here) {
+      waiting_.remove(uid);
+      continue;
+    }
+    // What keeps them out may keep nobody else.
+    waiting_.put_last(uid);
+    break;
   }
   for (auto& one : waiting_.all()) {
     if (one.told || one.tell_ms > base::tick_ms()) continue;
@@ -675,7 +695,8 @@ void session::on_tick() {
   if (now - measured_ms_ >= kMeasureMs) measure_load();
   call_in();
   if (now - saved_ms_ >= kSaveMs && !users_.empty()) save_manifest();
-  if (users_.empty() && now - alone_since_ms_ >= int64_t{options_.idle} * 1000) {
+  if (users_.empty() && waiting_.empty() &&
+      now - alone_since_ms_ >= int64_t{options_.idle} * 1000) {
     log(base::NOTICE_LOG, "nobody here for " + std::to_string(options_.idle) + " s");
     leave(LEAVE_CODE_NO_USERS, kExitDone);
   }

@@ -289,6 +289,7 @@ void user::tell_undecodable() {
 }
 
 void user::count_losses() {
+  if (!feed_) return;
   const uint64_t lost = feed_->lost_packets();
   if (lost == lost_packets_) return;
   around_.files.count_lost_packets(uid_, lost - lost_packets_);
@@ -357,6 +358,7 @@ void user::finish(const std::string& why, std::function<void()> finished) {
 
 // Nothing more comes in.
 void user::drain() {
+  drained_ = true;
   if (source_) source_->end();
   const bool decodes = graph_ && !graph_ended_ && !media_ended_;
   if (decodes) return graph_->finish(finish_reason_, source_ != nullptr);
@@ -367,7 +369,7 @@ void user::on_graph_finished(const std::string& why) {
   graph_ended_ = true;
   const bool by_itself = finish_reason_.empty();
   // What a decoder can't go on with is recorded all the same.
-  if (by_itself && feed_) return;
+  if (feed_ && (by_itself || !drained_)) return;
   if (!by_itself) return on_media_end();
   media_ended_ = true;
   told_.ended(why);
@@ -393,7 +395,7 @@ void user::tell_finished() const {
 void user::tick() {
   const std::string fault = feed_ && !media_ended_ ? feed_->fault() : "";
   if (!fault.empty()) told_.missing({"all", "", fault});
-  if (feed_) count_losses();
+  count_losses();
   // Between the end of the sender and the end of what it sent nothing is missing.
   const bool draining = !finish_reason_.empty() && !media_ended_;
   if (series_ && !draining) series_->tick();

@@ -63,6 +63,8 @@ class user {
   void leave_out(bool stills, bool application_pictures);
   void set_capture_interval(int seconds);
   void tick();
+  // What found no room since the last call is counted, and told.
+  void count_losses();
   void update_manifest();
 
  private:
@@ -77,7 +79,6 @@ class user {
   bool is_kept(const media::codec& kind) const;
   void decode(int track, const media::encoded_unit& unit);
   void tell_undecodable();
-  void count_losses();
   void request_key_frame();
   void on_sound(media::media_time time, const int16_t* samples, size_t frames);
   void start_frames(media::media_time time);
@@ -126,6 +127,7 @@ class user {
   std::function<void()> finished_;
   media::media_time finish_time_{};
   bool media_ended_ = false;
+  bool drained_ = false;  // nothing more comes in
 };
 
 }  // namespace zelta::core_service

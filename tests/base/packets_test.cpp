@@ -263,6 +263,12 @@ TEST_F(DecoderTest, RefusesWhatPacketsCannotMean) {
   using V = std::vector<uint32_t>;
   EXPECT_FALSE(receive(make<audio_volume_indication_packet>(V{1, 2}, V{9})));
   auto yuv = yuv_frame2();
+  std::tie(yuv.uid, yuv.frame_ms, yuv.width, yuv.height, yuv.ystride, yuv.ustride, yuv.vstride) =
+      std::make_tuple(1, 2, 3, 4, 5, 6, 7);
+  std::string order;
+  for (const char byte : body_of(yuv))
+    order += byte > 0 && byte < 8 ? std::string(1, static_cast<char>('0' + byte)) : "";
+  EXPECT_EQ(order, "1234567") << "as the other side expects them";
   yuv.width = yuv.ystride = 4;
   yuv.height = 4;
   yuv.ustride = yuv.vstride = 2;

@@ -165,9 +165,9 @@ TEST(Manifest, ChangedRowsAreSavedOnceAndWhatIsOverSaysWhen) {
   first.save_changes();
   writer.flush(2s);
   EXPECT_FALSE(std::filesystem::exists(path)) << "once";
-  first.end_missing(7, {"all", "", "full"});
+  first.end_missing(7, "all");
   EXPECT_TRUE(first.note_missing(7, {"all", "", "full"})) << "it has come again";
-  first.end_missing(8, {"all", "", "full"});
+  first.end_missing(8, "all");
   EXPECT_EQ(first.all_lost_packets(), 3U);
   first.save_changes();
   writer.flush(2s);

@@ -145,16 +145,20 @@ TEST(Overload, ManyComeInBatchesThatProveThemselves) {
   EXPECT_EQ(closed, (std::vector<int>{15, 30, 60, 120, 240, 480, 480}));
 }
 
-TEST(Overload, WhoWaitsKeepsTheirPlaceAndHearsOfItOnce) {
+TEST(Overload, WhoWaitsKeepsTheirPlace) {
   core_service::load::waiting_list list;
   list.add({7, "busy", 100, false});
   list.add({3, "full", 0, true});
+  list.add({7, "busy again", 100, false});
+  EXPECT_EQ(list.all()[0].why, "busy") << "they haven't heard of it yet";
   list.add({7, "full", 0, true});
-  EXPECT_EQ(list.first(), 7U);
-  EXPECT_EQ(list.remove(7), std::nullopt) << "has heard nothing";
+  EXPECT_EQ(list.all()[0].why, "full");
+  EXPECT_TRUE(list.all()[0].told);
+  list.put_last(7);
   EXPECT_EQ(list.first(), 3U);
-  EXPECT_EQ(list.remove(3), "full");
-  EXPECT_EQ(list.remove(3), std::nullopt);
+  EXPECT_TRUE(list.remove(3));
+  EXPECT_FALSE(list.remove(3));
+  EXPECT_TRUE(list.remove(7));
   EXPECT_TRUE(list.empty());
 }
 

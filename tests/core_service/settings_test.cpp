@@ -101,8 +101,10 @@ TEST(Settings, AreRefusedWithEveryErrorInWords) {
         kExample}},
       {"[1]", {std::string("[1] is no object") + kExample}},
       // Of 16 levels what is in them is looked at, of 17 nothing is.
-      {std::string(15, '[') + std::string(15, ']'),
-       {std::string(15, '[') + std::string(15, ']') + " is no object" + kExample}},
+      {std::string(16, '[') + std::string(16, ']'),
+       {std::string(16, '[') + std::string(16, ']') + " is no object" + kExample}},
+      {std::string(17, '[') + std::string(17, ']'),
+       {std::string("can't be read: Exceeded stackLimit in readValue().") + kExample}},
       {std::string(100'000, '['),
        {std::string("can't be read: Exceeded stackLimit in readValue().") + kExample}},
   };

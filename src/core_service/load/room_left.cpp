@@ -37,9 +37,8 @@ uint64_t inactive_files_of(const std::string& folder) {
 }
 
 uint64_t free_bytes_of_group() {
-  const std::string group = parse_memory_group(read_text("/proc/self/cgroup"));
-  if (group.empty()) return UINT64_MAX;
-  const std::string folder = "/sys/fs/cgroup/" + group;
+  // The root of what is seen may be a container's own group; the machine's has no limit.
+  const std::string folder = "/sys/fs/cgroup/" + parse_memory_group(read_text("/proc/self/cgroup"));
   // Of version 2, and of version 1.
   const uint64_t limit = std::min(read_bytes(folder + "memory.max", UINT64_MAX),
                                   read_bytes(folder + "memory.limit_in_bytes", UINT64_MAX));

@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <optional>
 #include <string>
 #include <utility>
 #include <vector>
@@ -22,15 +21,20 @@ class waiting_list {
 
   // Who waits already keeps their place.
   void add(guest one) {
-    if (find(one.uid) == guests_.end()) guests_.push_back(std::move(one));
+    const auto found = find(one.uid);
+    if (found == guests_.end()) return guests_.push_back(std::move(one));
+    if (one.told) *found = std::move(one);
   }
-  // What they had been told; none: nothing, or they don't wait.
-  std::optional<std::string> remove(uint32_t uid) {
+  // Whether they waited.
+  bool remove(uint32_t uid) {
     const auto found = find(uid);
-    if (found == guests_.end()) return std::nullopt;
-    const guest one = std::move(*found);
+    if (found == guests_.end()) return false;
     guests_.erase(found);
-    return one.told ? std::optional(one.why) : std::nullopt;
+    return true;
+  }
+  void put_last(uint32_t uid) {
+    const auto found = find(uid);
+    if (found != guests_.end()) std::rotate(found, found + 1, guests_.end());
   }
   bool empty() const { return guests_.empty(); }
   void clear() { guests_.clear(); }

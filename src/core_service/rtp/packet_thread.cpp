@@ -23,6 +23,8 @@ constexpr size_t kDatagrams = 32;
 // No link that is worth recording carries longer ones.
 constexpr size_t kLongest = 9216;
 constexpr int kEvents = 64;
+// An older stamp is of another clock. A process that was stopped may have older packets.
+constexpr media_time kOldest = std::chrono::minutes(5);
 constexpr media_time kClockSet = std::chrono::milliseconds(5);
 // Of one socket in one turn, so that nobody starves the others.
 constexpr int kCallsATurn = 4;
@@ -75,7 +77,7 @@ struct packet_thread::batch {
       std::copy_n(CMSG_DATA(one), sizeof stamp, reinterpret_cast<unsigned char*>(&stamp));
       const media_time at = std::chrono::seconds(stamp.tv_sec) + media_time(stamp.tv_nsec) + lead;
       // The wall clock may have been set in between.
-      return at <= now && now - at < std::chrono::seconds(10) ? at : now;
+      return at <= now && now - at < kOldest ? at : now;
     }
     return now;
   }
@@ -270,7 +272,8 @@ void packet_thread::run_posted() {
     work.swap(posted_);
     has_posted_ = false;
   }
-  for (const auto& one : work) one();
+  // What a work holds is gone before the next is done: it may be a port.
+  for (auto& one : work) std::exchange(one, nullptr)();
 }
 
 void packet_thread::run_woken(media_time now) {

@@ -48,9 +48,8 @@ class rtp_feed final : public media_feed {
   rtp_feed(const rtp_feed&) = delete;
   rtp_feed& operator=(const rtp_feed&) = delete;
   ~rtp_feed() override {
-    if (!sender_) return;
     plane_->mail.leave(reader_);
-    end_sender();
+    if (sender_) end_sender();
   }
 
   media::format_ptr likely_sound() const override { return likely_sound_; }
@@ -154,12 +153,17 @@ std::optional<rtp_source> make_rtp_source(uint32_t uid, const std::string& text,
   const std::vector<stream_description> streams = parse_description(text, left_out, error);
   if (streams.empty()) return std::nullopt;
   std::vector<media_line> lines;
-  // The ports may be those of one who is just being stopped.
-  const bool fixed = std::any_of(streams.begin(), streams.end(),
-                                 [](const stream_description& one) { return one.port != 0; });
-  if (fixed) plane->thread.call([] {});
   std::vector<int> chosen;
-  if (!open_lines(streams, how, plane->likely_free_port, lines, chosen, error)) return std::nullopt;
+  if (!open_lines(streams, how, plane->likely_free_port, lines, chosen, error)) {
+    // The ports may be those of one who is just being stopped.
+    plane->thread.call([] {});
+    lines.clear();
+    chosen.clear();
+    error.clear();
+    if (!open_lines(streams, how, plane->likely_free_port, lines, chosen, error)) {
+      return std::nullopt;
+    }
+  }
   std::unique_ptr<srtp_session> ciphers;
   if (how.key) ciphers = srtp_session::make(*how.key);
   if (how.key && !ciphers) {

@@ -58,7 +58,8 @@ void unit_mailbox::deliver_batch() {
     const std::lock_guard<std::mutex> guard(lock_);
     std::swap(batch_, put_);
     asked_ = false;
-    if (!batch_.empty()) behind_ = std::max(behind_, begun - first_put_);
+    batch_put_ = first_put_;
+    if (!batch_.empty()) behind_ = std::max(behind_, begun - batch_put_);
   }
   while (next_ < batch_.size()) {
     if (next_ % kLook == kLook - 1 && media::now() - begun > kTurn) return ask_for_delivery();
@@ -70,6 +71,14 @@ void unit_mailbox::deliver_batch() {
     const std::shared_ptr<const reader> to = found->second;
     deliver(one, *to);
   }
+}
+
+media_time unit_mailbox::take_behind() {
+  const media_time now = media::now();
+  media_time longest = std::exchange(behind_, {});
+  if (next_ < batch_.size()) longest = std::max(longest, now - batch_put_);
+  const std::lock_guard<std::mutex> guard(lock_);
+  return put_.empty() ? longest : std::max(longest, now - first_put_);
 }
 
 void unit_mailbox::deliver(const letter& one, const reader& to) {

@@ -42,8 +42,8 @@ class unit_mailbox {
   // The rest is for the loop's thread.
   uint64_t new_reader() { return ++last_reader_; }
   void enter(uint64_t who, reader told);
-  // How long a unit waited here, the longest since the last call.
-  media::media_time take_behind() { return std::exchange(behind_, {}); }
+  // How long a unit has waited here, the longest since the last call.
+  media::media_time take_behind();
   // Nothing comes any more.
   void leave(uint64_t whom) { readers_.erase(whom); }
 
@@ -77,6 +77,7 @@ class unit_mailbox {
   // What is being given out.
   std::vector<letter> batch_;
   size_t next_ = 0;
+  media::media_time batch_put_{};
   media::media_time behind_{};
   std::map<uint64_t, std::shared_ptr<const reader>> readers_;
   uint64_t last_reader_ = 0;
