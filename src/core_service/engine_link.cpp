@@ -150,9 +150,11 @@ bool engine_link::sent(base::packet_writer::result how) {
       flush_soon();
       return true;
     case base::packet_writer::result::kRefused:
-    case base::packet_writer::result::kBroken:
-      // Of a break the loop hears as well, and ends the session there.
       return false;
+    case base::packet_writer::result::kBroken:
+      // Nobody was too slow for it: the engine has hung up, as it does at the end. The loop hears of
+      // that as well, and ends the session there.
+      return true;
   }
   return false;
 }
