@@ -152,8 +152,8 @@ bool engine_link::sent(base::packet_writer::result how) {
     case base::packet_writer::result::kRefused:
       return false;
     case base::packet_writer::result::kBroken:
-      // Nobody was too slow for it: the engine has hung up, as it does at the end. The loop hears of
-      // that as well, and ends the session there.
+      // Nobody was too slow for it: the engine has hung up, as it does at the end. The loop hears
+      // of that as well, and ends the session there.
       return true;
   }
   return false;

@@ -6,6 +6,7 @@
 #include <csignal>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <random>
 #include <thread>
 #include <utility>
@@ -603,11 +604,15 @@ void session::call_in() {
     waiting_.put_last(uid);
     break;
   }
+  tell_who_waits(base::tick_ms());
+}
+
+// Those whose time it is; and all, if there is another reason by now than that many came at once.
+void session::tell_who_waits(int64_t now) {
+  const std::string shortage = waiting_.empty() ? "" : want_of_room();
   for (auto& one : waiting_.all()) {
-    if (one.told || one.tell_ms > base::tick_ms()) continue;
+    if (one.told || (shortage.empty() && one.tell_ms > now)) continue;
     one.told = true;
-    // There may be another reason by now.
-    const std::string shortage = want_of_room();
     if (!shortage.empty()) one.why = shortage;
     on_missing(one.uid, {"all", "", one.why});
   }
@@ -732,6 +737,8 @@ void session::leave(uint32_t reason, int status) {
   phase_ = phase::kFinishing;
   reason_ = reason;
   status_ = status;
+  // Nobody goes in silence.
+  tell_who_waits(std::numeric_limits<int64_t>::max());
   waiting_.clear();
   if (channel_) channel_->leave();
   // The mix first: it still has to mix what its users have sent by now.

@@ -94,6 +94,7 @@ class session final : private engine_listener, private channel_listener {
   void let_in(uint32_t uid, user_media from);
   void let_go();
   void call_in();
+  void tell_who_waits(int64_t now);
   void measure_load();
   void tell_left_out();
   recording_plan plan_for(uint32_t uid);
