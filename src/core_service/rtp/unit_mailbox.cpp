@@ -9,7 +9,6 @@ namespace {
 
 using media::media_time;
 
-constexpr media_time kTurn = std::chrono::milliseconds(50);
 // The clock is looked at after so many.
 constexpr size_t kLook = 32;
 
@@ -62,7 +61,7 @@ void unit_mailbox::deliver_batch() {
     if (!batch_.empty()) behind_ = std::max(behind_, begun - batch_put_);
   }
   while (next_ < batch_.size()) {
-    if (next_ % kLook == kLook - 1 && media::now() - begun > kTurn) return ask_for_delivery();
+    if (next_ % kLook == kLook - 1 && media::now() - begun > turn_) return ask_for_delivery();
     const letter one = std::move(batch_[next_++]);
     waiting_bytes_ -= one.bytes();
     const auto found = readers_.find(one.whom);

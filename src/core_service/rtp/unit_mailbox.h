@@ -27,8 +27,9 @@ class unit_mailbox {
     std::function<void(uint64_t lost_packets, bool unread)> stopped;
   };
 
-  // The loop is borrowed.
-  explicit unit_mailbox(base::event_loop& loop) : loop_(loop) {}
+  // The loop is borrowed, and given back for its other work after a `turn`.
+  explicit unit_mailbox(base::event_loop& loop, media::media_time turn = kTurn)
+      : loop_(loop), turn_(turn) {}
   unit_mailbox(const unit_mailbox&) = delete;
   unit_mailbox& operator=(const unit_mailbox&) = delete;
 
@@ -48,6 +49,7 @@ class unit_mailbox {
   void leave(uint64_t whom) { readers_.erase(whom); }
 
  private:
+  static constexpr media::media_time kTurn = std::chrono::milliseconds(50);
   // Some seconds of hundreds of users.
   static constexpr size_t kMostBytes = size_t{64} << 20;
 
@@ -68,6 +70,7 @@ class unit_mailbox {
   static void deliver(const letter& one, const reader& to);
 
   base::event_loop& loop_;
+  const media::media_time turn_;
   std::mutex lock_;
   std::vector<letter> put_;
   bool asked_ = false;
