@@ -15,9 +15,9 @@
 #include <gst/video/video.h>
 #include <unistd.h>
 
-#include "core_service/engine_link.h"
 #include "core_service/media/frame_sender.h"
 #include "core_service/media/picture_memory.h"
+#include "core_service/session/engine_link.h"
 #include "load.h"
 #include "measure.h"
 
@@ -81,8 +81,8 @@ class stand_in final : private core_service::engine_listener {
   stand_in(int read_fd, int write_fd, const load& what)
       : load_(what),
         link_(read_fd, write_fd, loop_, *this, "",
-              what.splice ? base::packet_writer::large::kSplice
-                          : base::packet_writer::large::kWrite) {
+              what.splice ? link::packet_writer::large::kSplice
+                          : link::packet_writer::large::kWrite) {
     for (int user = 0; user < what.users; ++user) {
       senders_.push_back(std::make_unique<media::frame_sender>(
           media::frame_labels{static_cast<uint32_t>(user + 1), 2}, link_));

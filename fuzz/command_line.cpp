@@ -2,9 +2,9 @@
 // The recorder's command line and the texts in it: arguments with a zero byte between them.
 #include <algorithm>
 
-#include "core_service/options.h"
-#include "core_service/recording_plan.h"
 #include "core_service/rtp/settings.h"
+#include "core_service/task/options.h"
+#include "core_service/task/recording_plan.h"
 #include "target.h"
 
 namespace zelta::fuzz {

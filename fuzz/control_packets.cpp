@@ -3,9 +3,9 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "core_service/engine_link.h"
-#include "core_service/parameters.h"
-#include "rec_engine/mixing_layout.h"
+#include "core_service/session/engine_link.h"
+#include "core_service/task/parameters.h"
+#include "protocol/mixing_layout.h"
 #include "target.h"
 
 namespace zelta::fuzz {

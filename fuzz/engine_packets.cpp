@@ -7,8 +7,8 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "base/packet_reader.h"
 #include "base/unique_fd.h"
+#include "link/packet_reader.h"
 #include "rec_engine/RecordingEngineImpl.h"
 #include "support/quiet_handler.h"
 #include "target.h"
@@ -68,7 +68,7 @@ class touching_handler final : public test::QuietHandler {
 };
 
 // The engine with its packets' way in.
-class fed_engine final : public RecordingEngineImpl, public base::packet_reader::receiver {
+class fed_engine final : public RecordingEngineImpl, public link::packet_reader::receiver {
  public:
   using RecordingEngineImpl::RecordingEngineImpl;
   void on_packet(base::unpacker& u, uint16_t uri) override { on_receive_packet(u, uri); }
@@ -94,8 +94,8 @@ void round_trip_by_uri(const std::string& body, packet_list<Packets...>) {
   ((uri == Packets::kUri ? round_trip<Packets>(body) : void()), ...);
 }
 
-struct link {
-  link() {
+struct pipe_pair {
+  pipe_pair() {
     std::signal(SIGPIPE, SIG_IGN);
     int ends[2];
     require(::pipe2(ends, O_NONBLOCK | O_CLOEXEC) == 0, "pipe2");
@@ -110,19 +110,19 @@ struct link {
 void feed(const uint8_t* data, size_t size) {
   static touching_handler handler;
   static fed_engine engine("fuzz", &handler, std::make_unique<no_router>().release());
-  static auto pipe = std::make_unique<link>();
+  static auto pipe = std::make_unique<pipe_pair>();
   // As large as the longest input is enough, and much faster to have anew each time.
-  base::packet_reader reader(pipe->read.get(), engine, base::packet_reader::kCommandBytes);
+  link::packet_reader reader(pipe->read.get(), engine, link::packet_reader::kCommandBytes);
   const size_t piece = data[0] == 0 ? size : size_t{data[0]} * 16;
   for (size_t at = 1; at < size; at += piece) {
     const size_t bytes = std::min(piece, size - at);
     require(::write(pipe->write.get(), data + at, bytes) == static_cast<ssize_t>(bytes), "write");
-    for (auto got = base::packet_reader::result::kMore;
-         got != base::packet_reader::result::kEmpty;) {
+    for (auto got = link::packet_reader::result::kMore;
+         got != link::packet_reader::result::kEmpty;) {
       got = reader.read_some(1 << 16);
-      if (got == base::packet_reader::result::kBroken) {
+      if (got == link::packet_reader::result::kBroken) {
         // What it left unread is not the next input's.
-        pipe = std::make_unique<link>();
+        pipe = std::make_unique<pipe_pair>();
         return engine.forget_users();
       }
     }

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // A layout's bytes: what decodes must encode to the same again.
-#include "rec_engine/mixing_layout.h"
+#include "protocol/mixing_layout.h"
 
 #include <cstring>
 

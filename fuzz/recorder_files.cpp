@@ -2,8 +2,8 @@
 // The manifest and the journal that a predecessor left behind. The first byte chooses.
 #include <filesystem>
 
-#include "core_service/journal.h"
-#include "core_service/manifest.h"
+#include "core_service/folder/journal.h"
+#include "core_service/folder/manifest.h"
 #include "target.h"
 
 namespace zelta::fuzz {

@@ -79,7 +79,7 @@ ZELTA_PACKET(parameters_packet, 13) {
   ZELTA_FIELDS(s.parameters);
 };
 
-// A layout as rec_engine/mixing_layout.h encodes it.
+// A layout as protocol/mixing_layout.h encodes it.
 ZELTA_PACKET(video_mixing_layout_packet, 14) {
  public:
   std::vector<uint8_t> data;

@@ -14,11 +14,11 @@
 #include "base/event_loop.h"
 #include "base/log.h"
 #include "base/unique_fd.h"
-#include "core_service/descriptors.h"
-#include "core_service/options.h"
-#include "core_service/secrets.h"
-#include "core_service/session.h"
-#include "core_service/settings.h"
+#include "core_service/load/descriptors.h"
+#include "core_service/session/session.h"
+#include "core_service/task/options.h"
+#include "core_service/task/secrets.h"
+#include "core_service/task/settings.h"
 
 namespace {
 

@@ -9,7 +9,7 @@
 #include <pthread.h>
 
 #include "base/log_file.h"
-#include "base/pipe_router.h"
+#include "link/pipe_router.h"
 #include "rec_engine/engine_internals.h"
 
 namespace zelta::recording {

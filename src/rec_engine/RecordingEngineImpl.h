@@ -27,7 +27,7 @@
 #include "base/locks.h"
 #include "base/protocol/ProtocolHandler.h"
 #include "base/router.h"
-#include "rec_engine/mixing_layout.h"
+#include "protocol/mixing_layout.h"
 
 namespace zelta::recording {
 

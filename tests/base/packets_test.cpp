@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "base/protocol/ProtocolHandler.h"
-#include "rec_engine/mixing_layout.h"
+#include "protocol/mixing_layout.h"
 #include "support/engine_probe.h"
 
 namespace zelta::test {

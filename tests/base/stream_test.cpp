@@ -11,19 +11,19 @@
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
-#include "base/packet_reader.h"
-#include "base/packet_writer.h"
-#include "base/recorder_process.h"
-#include "base/service_path.h"
 #include "base/unique_fd.h"
+#include "link/packet_reader.h"
+#include "link/packet_writer.h"
+#include "link/recorder_process.h"
+#include "link/service_path.h"
 #include "protocol/ipc_protocol.h"
 
 namespace zelta::test {
 namespace {
 
 using namespace protocol;
-using base::packet_reader;
-using base::packet_writer;
+using link::packet_reader;
+using link::packet_writer;
 
 struct Pipe {
   Pipe() {
@@ -419,11 +419,11 @@ TEST(ServicePath, PlacesAreTriedInThisOrder) {
   const std::string path = given != nullptr ? given : "";
   setenv("PATH", "/one:/two/:", 1);
   const std::string own = std::filesystem::path(program_invocation_name).parent_path();
-  EXPECT_EQ(base::service_candidates("service"),
+  EXPECT_EQ(link::service_candidates("service"),
             (std::vector<std::string>{"/named/service", own + "/service",
                                       own + "/" ZELTA_LIBEXEC_FROM_LIB "/service", "/one/service",
                                       "/two/service"}));
-  EXPECT_EQ(base::service_candidates("./service"), std::vector<std::string>{"./service"});
+  EXPECT_EQ(link::service_candidates("./service"), std::vector<std::string>{"./service"});
   setenv("PATH", path.c_str(), 1);
   unsetenv("ZELTA_SERVICE_DIR");
 }
@@ -431,7 +431,7 @@ TEST(ServicePath, PlacesAreTriedInThisOrder) {
 TEST(RecorderProcess, IsWaitedForOnceAndNeverSignalledAgain) {
   Pipe pipe;
   std::string error;
-  auto child = base::recorder_process::start({"/bin/sh", "-c", "exit 5"}, {}, pipe.read.get(),
+  auto child = link::recorder_process::start({"/bin/sh", "-c", "exit 5"}, {}, pipe.read.get(),
                                              pipe.write.get(), error);
   ASSERT_TRUE(child) << error;
   EXPECT_TRUE(child->wait(std::chrono::seconds(10)));

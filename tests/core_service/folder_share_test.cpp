@@ -14,8 +14,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core_service/file_name.h"
-#include "core_service/folder_share.h"
+#include "core_service/folder/file_name.h"
+#include "core_service/folder/folder_share.h"
 #include "support/temp_dir.h"
 
 namespace zelta::test {

@@ -13,8 +13,8 @@
 #include <sys/stat.h>
 
 #include "base/unique_fd.h"
-#include "core_service/manifest.h"
-#include "core_service/options.h"
+#include "core_service/folder/manifest.h"
+#include "core_service/task/options.h"
 #include "support/read_json.h"
 
 namespace zelta::test {

@@ -14,20 +14,20 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include "core_service/crash_note.h"
-#include "core_service/descriptors.h"
-#include "core_service/journal.h"
+#include "core_service/folder/crash_note.h"
+#include "core_service/folder/journal.h"
+#include "core_service/load/descriptors.h"
 #include "core_service/media/sound_line.h"
 #include "core_service/media/timeline.h"
 #include "core_service/media/volume_meter.h"
 #include "core_service/mix/tiles.h"
-#include "core_service/options.h"
-#include "core_service/parameters.h"
-#include "core_service/recording_plan.h"
 #include "core_service/rtp/payload.h"
 #include "core_service/rtp/session_description.h"
 #include "core_service/rtp/settings.h"
-#include "core_service/secrets.h"
+#include "core_service/task/options.h"
+#include "core_service/task/parameters.h"
+#include "core_service/task/recording_plan.h"
+#include "core_service/task/secrets.h"
 #include "support/temp_dir.h"
 
 namespace zelta::test {

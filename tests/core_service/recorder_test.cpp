@@ -14,7 +14,7 @@
 #include <sys/stat.h>
 #include <sys/wait.h>
 
-#include "base/pipe_router.h"
+#include "link/pipe_router.h"
 #include "support/engine_probe.h"
 #include "support/recording_test.h"
 

@@ -9,7 +9,7 @@
 #include <json/json.h>
 #include <sys/stat.h>
 
-#include "core_service/settings.h"
+#include "core_service/task/settings.h"
 #include "support/temp_dir.h"
 
 namespace zelta::test {

@@ -5,8 +5,8 @@
 #include <gtest/gtest.h>
 
 #include "base/event_loop.h"
-#include "base/packet_reader.h"
 #include "base/unique_fd.h"
+#include "link/packet_reader.h"
 #include "support/counted_new.h"
 #include "support/engine_probe.h"
 
@@ -20,7 +20,7 @@ class CountingHandler : public RecordingHandler {
   size_t frames = 0;
 };
 
-class ToEngine : public base::packet_reader::receiver {
+class ToEngine : public link::packet_reader::receiver {
  public:
   explicit ToEngine(EngineProbe& engine) : engine_(engine) {}
   void on_packet(base::unpacker& u, uint16_t uri) override { engine_.on_receive_packet(u, uri); }
@@ -51,7 +51,7 @@ TEST(FramePath, AllocatesNothingOnceWarm) {
   const base::unique_fd in(fds[0]);
   const base::unique_fd out(fds[1]);
   ToEngine to(engine);
-  base::packet_reader reader(in.get(), to);
+  link::packet_reader reader(in.get(), to);
 
   // Pictures of two sizes, coded pictures of many, and sound, of users in turn.
   std::string stream;
@@ -70,7 +70,7 @@ TEST(FramePath, AllocatesNothingOnceWarm) {
       const ssize_t put = ::write(out.get(), stream.data() + at, stream.size() - at);
       ASSERT_GT(put, 0);
       at += static_cast<size_t>(put);
-      ASSERT_EQ(reader.read_some(1 << 20), base::packet_reader::result::kEmpty);
+      ASSERT_EQ(reader.read_some(1 << 20), link::packet_reader::result::kEmpty);
     }
   };
   play();

@@ -5,7 +5,7 @@
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "base/pipe_router.h"
+#include "link/pipe_router.h"
 #include "support/engine_probe.h"
 #include "support/folder_watch.h"
 #include "support/link_fixture.h"

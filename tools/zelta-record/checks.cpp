@@ -12,7 +12,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "core_service/settings.h"
+#include "core_service/task/settings.h"
 #include "json_file.h"
 
 namespace zelta::record {

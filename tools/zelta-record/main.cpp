@@ -3,7 +3,7 @@
 #include <cstdio>
 #include <memory>
 
-#include "core_service/secrets.h"
+#include "core_service/task/secrets.h"
 #include "options.h"
 #include "recording.h"
 #include "signals.h"

@@ -15,7 +15,7 @@
 
 #include "chunk_file.h"
 #include "commands.h"
-#include "core_service/settings.h"
+#include "core_service/task/settings.h"
 #include "layout_file.h"
 #include "log_reason.h"
 #include "outcome.h"

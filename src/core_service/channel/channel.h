@@ -12,8 +12,8 @@
 #include "base/event_loop.h"
 #include "core_service/channel/media_feed.h"
 #include "core_service/media/gst.h"
+#include "core_service/media/missing_medium.h"
 #include "core_service/media/timeline.h"
-#include "core_service/missing_medium.h"
 #include "core_service/rtp/settings.h"
 
 namespace zelta::core_service {

@@ -23,8 +23,8 @@
 
 #include "base/log.h"
 #include "base/unique_fd.h"
-#include "core_service/atomic_file.h"
 #include "core_service/channel/channel.h"
+#include "core_service/folder/atomic_file.h"
 #include "core_service/media/codecs.h"
 #include "core_service/rtp/rtp_source.h"
 

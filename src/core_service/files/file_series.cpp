@@ -6,7 +6,7 @@
 
 #include <unistd.h>
 
-#include "core_service/file_name.h"
+#include "core_service/folder/file_name.h"
 
 namespace zelta::core_service::files {
 namespace {

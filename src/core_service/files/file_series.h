@@ -26,7 +26,7 @@
 
 #include "base/log.h"
 #include "core_service/files/media_file.h"
-#include "core_service/manifest.h"
+#include "core_service/folder/manifest.h"
 #include "core_service/media/format_caps.h"
 #include "core_service/media/opus_line.h"
 #include "core_service/media/sound_encoder.h"

@@ -7,7 +7,7 @@
 #include <vector>
 
 #include "base/clocks.h"
-#include "core_service/descriptors.h"
+#include "core_service/load/descriptors.h"
 #include "core_service/media/mp4/muxer.h"
 #include "core_service/media/webm/muxer.h"
 

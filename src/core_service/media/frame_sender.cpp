@@ -31,7 +31,7 @@ class mapped_buffer {
   bool mapped_;
 };
 
-base::payload payload_of(const media_sample& sample) {
+link::payload payload_of(const media_sample& sample) {
   auto mapped = std::make_shared<const mapped_buffer>(sample.buffer.get());
   const void* const data = mapped->data();
   const size_t bytes = mapped->bytes();
@@ -61,7 +61,7 @@ class mapped_picture {
   size_t stride(unsigned plane) const {
     return static_cast<size_t>(GST_VIDEO_FRAME_PLANE_STRIDE(&frame_, plane));
   }
-  base::payload::span plane(unsigned plane, int rows) const {
+  link::payload::span plane(unsigned plane, int rows) const {
     return {static_cast<const char*>(GST_VIDEO_FRAME_PLANE_DATA(&frame_, plane)),
             stride(plane) * static_cast<size_t>(rows)};
   }
@@ -105,9 +105,9 @@ void frame_sender::send_yuv(GstSample* picture, media_time time, int rotation) {
   yuv_.ystride = static_cast<uint16_t>(mapped->stride(0));
   yuv_.ustride = static_cast<uint16_t>(mapped->stride(1));
   yuv_.vstride = static_cast<uint16_t>(mapped->stride(2));
-  const std::array<base::payload::span, 3> planes{
+  const std::array<link::payload::span, 3> planes{
       mapped->plane(0, rows), mapped->plane(1, rows / 2), mapped->plane(2, rows / 2)};
-  link_.send_picture(yuv_, base::payload(std::move(mapped), planes));
+  link_.send_picture(yuv_, link::payload(std::move(mapped), planes));
 }
 
 void frame_sender::send_jpg(const media_sample& sample, int rotation) {

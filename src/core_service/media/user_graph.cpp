@@ -7,7 +7,7 @@
 
 #include <gst/video/video.h>
 
-#include "core_service/crash_note.h"
+#include "core_service/folder/crash_note.h"
 #include "core_service/media/picture_memory.h"
 #include "core_service/media/plain_pictures.h"
 

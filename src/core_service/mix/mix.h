@@ -17,8 +17,8 @@
 #include "core_service/files/file_series.h"
 #include "core_service/media/frame_sender.h"
 #include "core_service/mix/mix_graph.h"
-#include "core_service/recording_plan.h"
-#include "core_service/surroundings.h"
+#include "core_service/session/surroundings.h"
+#include "core_service/task/recording_plan.h"
 
 namespace zelta::core_service::mix {
 

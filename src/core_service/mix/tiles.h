@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-#include "rec_engine/mixing_layout.h"
+#include "protocol/mixing_layout.h"
 
 namespace zelta::core_service::mix {
 

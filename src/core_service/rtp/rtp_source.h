@@ -11,8 +11,8 @@
 #include <vector>
 
 #include "core_service/channel/media_feed.h"
+#include "core_service/media/missing_medium.h"
 #include "core_service/media/shared_bytes.h"
-#include "core_service/missing_medium.h"
 #include "core_service/rtp/packet_thread.h"
 #include "core_service/rtp/settings.h"
 #include "core_service/rtp/unit_mailbox.h"

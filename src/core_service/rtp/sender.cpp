@@ -6,7 +6,7 @@
 #include <random>
 #include <utility>
 
-#include "core_service/crash_note.h"
+#include "core_service/folder/crash_note.h"
 
 namespace zelta::core_service::rtp {
 namespace {

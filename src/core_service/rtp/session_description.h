@@ -9,7 +9,7 @@
 
 #include "core_service/media/codecs.h"
 #include "core_service/media/gst.h"
-#include "core_service/missing_medium.h"
+#include "core_service/media/missing_medium.h"
 
 namespace zelta::core_service::rtp {
 

@@ -12,7 +12,7 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include "core_service/descriptors.h"
+#include "core_service/load/descriptors.h"
 
 namespace zelta::core_service::rtp {
 namespace {

@@ -1,0 +1,46 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core_service/folder/atomic_file.h"
+
+#include <cerrno>
+#include <cstdio>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "base/unique_fd.h"
+
+namespace zelta::core_service {
+namespace {
+
+// Where folders can't be locked, another process may replace the same file in the same moment, and
+// have renamed what was to be renamed here.
+constexpr int kTries = 3;
+
+bool write_whole(const std::string& path, const std::string& text, sync how) {
+  const base::unique_fd file(open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  if (!file.valid()) return false;
+  for (size_t done = 0; done < text.size();) {
+    const ssize_t written = write(file.get(), text.data() + done, text.size() - done);
+    if (written < 0 && errno == EINTR) continue;
+    if (written <= 0) return false;
+    done += static_cast<size_t>(written);
+  }
+  // Or a machine that crashes may keep the rename that follows, and lose the text.
+  return how == sync::kNo || fsync(file.get()) == 0;
+}
+
+}  // namespace
+
+bool replace_file(const std::string& path, const std::string& text, sync how) {
+  const std::string fresh = path + ".new";
+  for (int tries = 0; tries < kTries && write_whole(fresh, text, how); ++tries) {
+    if (std::rename(fresh.c_str(), path.c_str()) == 0) return true;
+    if (errno != ENOENT) break;
+  }
+  const int why = errno;
+  unlink(fresh.c_str());
+  errno = why;
+  return false;
+}
+
+}  // namespace zelta::core_service

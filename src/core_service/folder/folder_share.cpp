@@ -1,0 +1,98 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "core_service/folder/folder_share.h"
+
+#include <cerrno>
+#include <charconv>
+#include <fstream>
+#include <regex>
+#include <sstream>
+#include <utility>
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <unistd.h>
+
+#include "core_service/folder/journal.h"
+
+namespace zelta::core_service {
+namespace {
+
+// More sessions than a machine takes.
+constexpr int kMost = 10'000;
+
+constexpr const char* kManifest = "recording";
+
+std::string numbered(const char* stem, int number, const char* ending) {
+  return stem + (number > 1 ? "_" + std::to_string(number) : "") + ending;
+}
+
+// A number alone may be another process's by now, as that of a container's first one always is.
+// Empty when there is no such process.
+std::string process_name(pid_t pid) {
+  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+  std::string text;
+  // The program's name is in parentheses, and may have any.
+  std::getline(file, text);
+  std::istringstream fields(text.substr(text.rfind(')') + 1));
+  std::string started;
+  for (int field = 3; field <= 22; ++field) fields >> started;
+  return file ? std::to_string(pid) + "@" + started : "";
+}
+
+std::string session_of(const std::string& journal) {
+  std::string error;
+  const auto state = read_journal(journal, error);
+  return state ? state->session : "";
+}
+
+}  // namespace
+
+folder_share::folder_share(std::string folder, std::string session, bool recovery)
+    : folder_(std::move(folder)), session_(std::move(session)) {
+  for (; recovery && access(lock_path().c_str(), F_OK) == 0; ++number_) {
+    if (session_of(folder_ + journal_name()) == session_ && take()) return;
+  }
+  number_ = 1;
+  while (number_ < kMost && (is_awaited() || !take())) ++number_;
+}
+
+std::string folder_share::session_name(unsigned uid, const std::string& channel_id) {
+  return process_name(getppid()) + " " + std::to_string(uid) + " " + channel_id;
+}
+
+bool folder_share::is_manifest_name(const std::string& file_name) {
+  static const std::regex form(std::string(kManifest) + R"((_\d+)?\.json)");
+  return std::regex_match(file_name, form);
+}
+
+std::string folder_share::manifest_name() const {
+  return numbered(kManifest, number_, ".json");
+}
+
+std::string folder_share::journal_name() const {
+  return numbered("journal", number_, ".json");
+}
+
+// The first's is the folder itself, which most sessions have alone.
+std::string folder_share::lock_path() const {
+  return number_ == 1 ? folder_ : folder_ + numbered(".recording", number_, ".lock");
+}
+
+bool folder_share::take() {
+  // Who may only read may lock: it may be another account's.
+  const int how = number_ == 1 ? O_DIRECTORY : O_CREAT;
+  lock_.reset(open(lock_path().c_str(), O_RDONLY | how | O_CLOEXEC, 0666));
+  return !lock_.valid() || flock(lock_.get(), LOCK_EX | LOCK_NB) == 0 || errno != EWOULDBLOCK;
+}
+
+// Between the death of a recorder and its relaunch nobody holds the lock; but while the engine
+// lives, somebody will want the journal.
+bool folder_share::is_awaited() const {
+  const std::string owner = session_of(folder_ + journal_name());
+  const std::string engine = owner.substr(0, owner.find(' '));
+  pid_t pid = 0;
+  std::from_chars(engine.data(), engine.data() + engine.size(), pid);
+  return pid > 0 && owner != session_ && process_name(pid) == engine;
+}
+
+}  // namespace zelta::core_service
