@@ -15,9 +15,9 @@
 #include <gst/video/video.h>
 #include <unistd.h>
 
-#include "core_service/media/frame_sender.h"
+#include "core_service/engine/engine_link.h"
+#include "core_service/frames/frame_sender.h"
 #include "core_service/media/picture_memory.h"
-#include "core_service/session/engine_link.h"
 #include "load.h"
 #include "measure.h"
 
@@ -80,9 +80,10 @@ class stand_in final : private core_service::engine_listener {
  public:
   stand_in(int read_fd, int write_fd, const load& what)
       : load_(what),
-        link_(read_fd, write_fd, loop_, *this, "",
+        link_(read_fd, write_fd, loop_, {},
               what.splice ? link::packet_writer::large::kSplice
                           : link::packet_writer::large::kWrite) {
+    link_.listen(*this);
     for (int user = 0; user < what.users; ++user) {
       senders_.push_back(std::make_unique<media::frame_sender>(
           media::frame_labels{static_cast<uint32_t>(user + 1), 2}, link_));

@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "core_service/session/engine_link.h"
+#include "core_service/engine/engine_link.h"
 #include "core_service/task/parameters.h"
 #include "protocol/mixing_layout.h"
 #include "target.h"
@@ -75,7 +75,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const base::unique_fd sink(reports[0]);
   static base::event_loop loop;
   fuzz::reading_listener listener;
-  core_service::engine_link link(commands[0], reports[1], loop, listener, "");
+  core_service::engine_link link(commands[0], reports[1], loop, {});
+  link.listen(listener);
   fuzz::require(::write(feed.get(), data, size) == static_cast<ssize_t>(size), "write");
   feed.reset();
   // The end of the stream is told after what was in it.

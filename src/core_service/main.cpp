@@ -13,6 +13,7 @@
 
 #include "base/event_loop.h"
 #include "base/log.h"
+#include "base/scoped_watch.h"
 #include "base/unique_fd.h"
 #include "core_service/load/descriptors.h"
 #include "core_service/session/session.h"
@@ -38,12 +39,6 @@ base::unique_fd take_signals() {
   return base::unique_fd(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
-void on_signal(int fd, void* context) {
-  signalfd_siginfo info{};
-  if (read(fd, &info, sizeof info) != static_cast<ssize_t>(sizeof info)) return;
-  static_cast<core_service::session*>(context)->on_signal(static_cast<int>(info.ssi_signo));
-}
-
 // "--vocs" names a server of the other kind; else the environment does.
 std::string channel_server(const core_service::options& given) {
   if (!given.vocs.empty()) {
@@ -67,7 +62,12 @@ int record(core_service::options given, const core_service::loaded_settings& set
     loop.logdir_ = given.recording_file_dir;
     std::string server = channel_server(given);
     core_service::session session(std::move(given), settings.values, std::move(server), loop);
-    loop.add_watcher(signals.get(), &session, on_signal, nullptr, nullptr);
+    const base::scoped_watch watch(loop, signals.get(), {[&] {
+                                     signalfd_siginfo info{};
+                                     if (read(signals.get(), &info, sizeof info) == sizeof info) {
+                                       session.on_signal(static_cast<int>(info.ssi_signo));
+                                     }
+                                   }});
     if (settings.errors.empty()) {
       session.start();
     } else {

@@ -32,8 +32,8 @@ int pipe_router::start_link(const std::vector<const char*>& argv, event_loop* lo
   } else if (old) {
     old->finish();
   }
-  std::shared_ptr<link::recorder_link> started =
-      link::recorder_link::start(argv, {large_pipes_, logdir_, environment_, listener_, loop});
+  std::shared_ptr<link::recorder_link> started = link::recorder_link::start(
+      argv, {large_pipes_, logger(logdir_, ZELTA_LOG_MODULE_IPC), environment_, listener_, loop});
   if (!started) return -1;
   const std::lock_guard<std::mutex> guard(link_lock_);
   link_ = std::move(started);

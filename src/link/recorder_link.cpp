@@ -33,8 +33,6 @@ constexpr milliseconds kFlushLimit = 1s;
 constexpr milliseconds kFilesLimit = 10s;
 constexpr milliseconds kTermLimit = 2s;
 
-#define LINK_LOG(dir, level, ...) log_dir((dir).c_str(), level, ZELTA_LOG_MODULE_IPC, __VA_ARGS__)
-
 struct pipe_ends {
   unique_fd read;
   unique_fd write;
@@ -72,14 +70,13 @@ std::vector<std::string> recorder_arguments(const std::vector<const char*>& argv
 }
 
 // Replaces the program by the path it was found at; false, with a log line, when there is none.
-bool resolve_program(std::string& program, const std::string& logdir) {
+bool resolve_program(std::string& program, const logger& log) {
   const std::vector<std::string> candidates = service_candidates(program);
   const std::string found = find_service(candidates);
   if (!found.empty()) return program = found, true;
   std::string tried;
   for (const std::string& candidate : candidates) tried += " " + candidate;
-  LINK_LOG(logdir, ERROR_LOG, "can't start %s: no executable file at any of:%s", program.c_str(),
-           tried.c_str());
+  log.error("can't start " + program + ": no executable file at any of:" + tried);
   return false;
 }
 
@@ -88,24 +85,22 @@ bool resolve_program(std::string& program, const std::string& logdir) {
 std::unique_ptr<recorder_link> recorder_link::start(const std::vector<const char*>& argv,
                                                     settings to) {
   std::vector<std::string> arguments = recorder_arguments(argv);
-  if (!resolve_program(arguments[0], to.logdir)) return nullptr;
+  if (!resolve_program(arguments[0], to.log)) return nullptr;
   pipe_ends commands;
   pipe_ends reports;
   if (!make_pipe(commands, to.large_pipes) || !make_pipe(reports, to.large_pipes) ||
       !set_non_blocking(commands.write) || !set_non_blocking(reports.read)) {
-    LINK_LOG(to.logdir, ERROR_LOG, "can't make the pipes to the recorder: %s",
-             std::strerror(errno));
+    to.log.error(std::string("can't make the pipes to the recorder: ") + std::strerror(errno));
     return nullptr;
   }
   std::string error;
   auto process = recorder_process::start(arguments, to.environment, commands.read.get(),
                                          reports.write.get(), error);
   if (!process) {
-    LINK_LOG(to.logdir, ERROR_LOG, "can't start the recorder: %s", error.c_str());
+    to.log.error("can't start the recorder: " + error);
     return nullptr;
   }
-  LINK_LOG(to.logdir, NOTICE_LOG, "recorder %s started, pid %d", arguments[0].c_str(),
-           process->pid());
+  to.log.notice("recorder " + arguments[0] + " started, pid " + std::to_string(process->pid()));
   // The child's ends are closed here, or its death would never show as a hang-up.
   return std::make_unique<recorder_link>(made_by_start{}, std::move(to), std::move(reports.read),
                                          std::move(commands.write), std::move(*process));
@@ -120,18 +115,14 @@ recorder_link::recorder_link(made_by_start, settings to, unique_fd read_end, uni
       write_fd_(write_end_.get()),
       reader_(read_end_.get(), *this),
       writer_(write_fd_, kQueueLimitBytes, packet_writer::large::kWrite) {
-  to_.loop->add_watcher(
-      read_end_.get(), this,
-      [](int, void* self) { static_cast<recorder_link*>(self)->on_readable(); }, nullptr,
-      [](int, void* self, int events) { static_cast<recorder_link*>(self)->on_break(events); });
-  to_.loop->add_watcher(
-      write_end_.get(), this, nullptr,
-      [](int, void* self) { static_cast<recorder_link*>(self)->on_writable(); },
-      [](int, void* self, int events) { static_cast<recorder_link*>(self)->on_unread(events); });
+  read_watch_ = {*to_.loop,
+                 read_end_.get(),
+                 {[this] { on_readable(); }, nullptr, [this](int events) { on_break(events); }}};
+  write_watch_ = {*to_.loop,
+                  write_end_.get(),
+                  {nullptr, [this] { on_writable(); }, [this](int events) { on_unread(events); }}};
   // A child of the recorder's may hold its pipes open when it is gone.
-  to_.loop->add_watcher(
-      process_.end_fd(), this,
-      [](int, void* self) { static_cast<recorder_link*>(self)->on_exit(); }, nullptr, nullptr);
+  exit_watch_ = {*to_.loop, process_.end_fd(), {[this] { on_exit(); }}};
 }
 
 recorder_link::~recorder_link() {
@@ -152,10 +143,9 @@ void recorder_link::send(const packet& p) {
     case packet_writer::result::kRefused:
       if (!refusing_) {
         refusing_ = true;
-        LINK_LOG(to_.logdir, ERROR_LOG,
-                 "the recorder doesn't read and %zu bytes wait for it: refusing packets, this one "
-                 "with uri %d first",
-                 writer_.queued_bytes(), p.uri);
+        to_.log.error("the recorder doesn't read and " + std::to_string(writer_.queued_bytes()) +
+                      " bytes wait for it: refusing packets, this one with uri " +
+                      std::to_string(p.uri) + " first");
       }
       break;
     case packet_writer::result::kBroken:
@@ -177,8 +167,7 @@ void recorder_link::on_readable() {
       on_break(POLLHUP);
       break;
     case packet_reader::result::kBroken:
-      LINK_LOG(to_.logdir, ERROR_LOG,
-               "the recorder's packets are out of step: bad length, or no memory for it");
+      to_.log.error("the recorder's packets are out of step: bad length, or no memory for it");
       on_break(POLLERR);
       break;
   }
@@ -243,16 +232,16 @@ void recorder_link::flush() {
   }
   const size_t lost = writer_.queued_bytes();
   if (lost > 0) {
-    LINK_LOG(to_.logdir, ERROR_LOG,
-             "%zu bytes for the recorder could not be written: it doesn't read", lost);
+    to_.log.error(std::to_string(lost) +
+                  " bytes for the recorder could not be written: it doesn't read");
   }
 }
 
 void recorder_link::close_pipes() {
   ended_ = true;
-  to_.loop->remove_watcher(read_end_.get());
-  to_.loop->remove_watcher(write_end_.get());
-  to_.loop->remove_watcher(process_.end_fd());
+  read_watch_.stop();
+  write_watch_.stop();
+  exit_watch_.stop();
   // Before the descriptor's number can be anybody else's: other threads may be sending.
   writer_.close();
   read_end_.reset();
@@ -265,10 +254,8 @@ void recorder_link::end_process(milliseconds patience) {
   const log_levels level = process_.was_killed() ? ERROR_LOG
                            : needed.empty()      ? NOTICE_LOG
                                                  : WARN_LOG;
-  LINK_LOG(to_.logdir, level, "recorder pid %d ended: %s%s%s", process_.pid(),
-           process_.how_ended().c_str(), needed.empty() ? "" : ", after ", needed.c_str());
+  to_.log(level, "recorder pid " + std::to_string(process_.pid()) + " ended: " +
+                     process_.how_ended() + (needed.empty() ? "" : ", after ") + needed);
 }
-
-#undef LINK_LOG
 
 }  // namespace zelta::link

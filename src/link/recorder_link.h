@@ -7,8 +7,10 @@
 #include <vector>
 
 #include "base/event_loop.h"
+#include "base/logger.h"
 #include "base/packet.h"
 #include "base/router.h"
+#include "base/scoped_watch.h"
 #include "link/packet_reader.h"
 #include "link/packet_writer.h"
 #include "link/recorder_process.h"
@@ -22,7 +24,7 @@ class recorder_link final : private packet_reader::receiver {
  public:
   struct settings {
     bool large_pipes;
-    std::string logdir;
+    base::logger log;
     std::vector<std::string> environment;  // as router::set_environment() has it
     base::router_listener* listener;
     base::event_loop* loop;
@@ -68,6 +70,9 @@ class recorder_link final : private packet_reader::receiver {
   // Set once the link has ended, by a break or by finish().
   bool ended_ = false;
   base::atomic_bool_t refusing_{false};
+  base::scoped_watch read_watch_;
+  base::scoped_watch write_watch_;
+  base::scoped_watch exit_watch_;
 };
 
 }  // namespace zelta::link

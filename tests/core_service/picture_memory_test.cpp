@@ -145,7 +145,7 @@ TEST_F(PictureMemoryTest, EveryDecoderMakesItsPicturesThere) {
         {[](int, int) {}, [] {}, [](bool, bool) {},
          [](const core_service::missing_medium& lost) { ADD_FAILURE() << lost.reason; },
          [&](const std::string&) { loop.stop(); }},
-        "");
+        {});
     graph.start();
     loop.run(false);
     EXPECT_GT(pictures, 0) << what;

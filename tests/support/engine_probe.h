@@ -81,7 +81,7 @@ inline void expect_levels(const std::string& log) {
       {"times is 0.", "warn"},
   };
   const std::regex shape("[0-9TZ:.-]+ ([a-z]+) recording_engine \\(" + std::to_string(getpid()) +
-                         "\\) \\S*src/rec_engine/[A-Za-z_]+\\.(?:cpp|h):[0-9]+: (.*)");
+                         "\\) \\S*src/(?:rec_engine|protocol)/[A-Za-z_]+\\.(?:cpp|h):[0-9]+: (.*)");
   std::string unlisted = "error";
   for (const std::string& line : lines_of(log)) {
     std::smatch parts;

@@ -1,23 +1,51 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/channel/channel.h"
 
-namespace zelta::core_service {
+#include "core_service/channel/backends.h"
 
-std::unique_ptr<channel> make_channel(const channel_place& place, base::event_loop& loop,
+namespace zelta::core_service {
+namespace {
+
+struct backend {
+  const char* scheme;
+  const char* form;
+  decltype(&make_test_channel) make;
+};
+constexpr backend kBackends[] = {
+    {"dir", "\"dir:PATH\"", make_dir_channel},
+    {"test", "\"test:\"", make_test_channel},
+};
+
+std::string forms() {
+  std::string all;
+  for (const backend& one : kBackends) all += (all.empty() ? "" : " or ") + std::string(one.form);
+  return all;
+}
+
+}  // namespace
+
+std::unique_ptr<channel> make_channel(const channel_request& request, base::event_loop& loop,
                                       channel_listener& listener, std::string& error) {
-  const size_t colon = place.server.find(':');
-  const std::string kind = place.server.substr(0, colon);
-  const std::string rest = colon == std::string::npos ? "" : place.server.substr(colon + 1);
-  if (kind == "test") return make_test_channel(rest, loop, listener, error);
-  if (kind == "dir") return make_dir_channel(rest, place, loop, listener, error);
-  if (place.server.empty()) {
-    error =
-        "no channel server: set the environment variable ZELTA_CHANNEL_SERVER to \"dir:PATH\" or, "
-        "for generated users, to \"test:\"";
-  } else {
-    error =
-        "unknown channel server \"" + place.server + "\": it should be \"dir:PATH\" or \"test:\"";
+  rtp::settings how;
+  how.jitter_latency = request.patience;
+  how.min_port = request.min_port;
+  how.max_port = request.max_port;
+  how.use_sender_reports = request.use_sender_clocks;
+  if (!request.encrypt_mode.empty() || !request.encrypt_secret.empty()) {
+    how.key = rtp::parse_key(request.encrypt_mode, request.encrypt_secret, error);
+    if (!how.key) return nullptr;
   }
+  const size_t colon = request.server.find(':');
+  const std::string scheme = request.server.substr(0, colon);
+  for (const backend& one : kBackends) {
+    if (scheme != one.scheme) continue;
+    const std::string rest = colon == std::string::npos ? "" : request.server.substr(colon + 1);
+    return one.make({rest, request.channel_id, how, request.log}, loop, listener, error);
+  }
+  error = request.server.empty()
+              ? "no channel server: set the environment variable ZELTA_CHANNEL_SERVER to "
+                "\"dir:PATH\" or, for generated users, to \"test:\""
+              : "unknown channel server \"" + request.server + "\": it should be " + forms();
   return nullptr;
 }
 

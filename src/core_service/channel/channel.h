@@ -10,29 +10,12 @@
 #include <string>
 
 #include "base/event_loop.h"
-#include "core_service/channel/media_feed.h"
-#include "core_service/media/gst.h"
-#include "core_service/media/missing_medium.h"
+#include "base/logger.h"
+#include "core_service/folder/missing_medium.h"
+#include "core_service/media/media_feed.h"
 #include "core_service/media/timeline.h"
-#include "core_service/rtp/settings.h"
 
 namespace zelta::core_service {
-
-// What a user sends: by a source, or by a feed.
-struct user_media {
-  // A bin with one source pad a track, encoded media with its codec in the caps, paced in real
-  // time.
-  media::element_ptr source;
-  // Of the bin: every pad is there. Otherwise pads are added while it runs, and its "no-more-pads"
-  // signal tells when that was all.
-  bool complete = false;
-  std::shared_ptr<media_feed> feed;
-  // A medium that can't come is not waited for.
-  bool may_have_video = true;
-  bool may_have_sound = true;
-  // How much later than captured media comes out.
-  media::media_time lateness{};
-};
 
 class channel_listener {
  public:
@@ -41,7 +24,7 @@ class channel_listener {
   // `media` opens what the user sends, once and from inside the call: whoever is turned away costs
   // nothing. It may find out only now that there is nothing to receive, says so by on_missing(),
   // and gives neither source nor feed; the user is then none.
-  virtual void on_user_in(uint32_t uid, const std::function<user_media()>& media) = 0;
+  virtual void on_user_in(uint32_t uid, const std::function<media::user_media()>& media) = 0;
   virtual void on_user_out(uint32_t uid) = 0;
   // What can't be recorded of somebody, who may not be in the channel; uid 0: of something that is
   // nobody's.
@@ -67,23 +50,25 @@ class channel {
   virtual media::media_time take_behind() { return {}; }
 };
 
-struct channel_place {
+// Which channel, by what right, and how its media is to be received.
+struct channel_request {
   std::string server;  // "test:…", "dir:…"
   std::string channel_id;
-  std::string logdir;
-  rtp::settings rtp;
+  std::string encrypt_mode;
+  std::string encrypt_secret;
+  // How long media that is missing is waited for.
+  media::media_time patience{};
+  // What ports nobody has named are opened at; 0: no bound on that side.
+  int min_port = 0;
+  int max_port = 0;
+  // Take times from the senders' clocks, or from arrival alone.
+  bool use_sender_clocks = true;
+  base::logger log;
 };
 
 // Null, with `error` saying what is wrong and what would be right. Loop and listener are borrowed
 // and must outlive the channel.
-std::unique_ptr<channel> make_channel(const channel_place& place, base::event_loop& loop,
+std::unique_ptr<channel> make_channel(const channel_request& request, base::event_loop& loop,
                                       channel_listener& listener, std::string& error);
-
-// The backends, for make_channel.
-std::unique_ptr<channel> make_test_channel(const std::string& script, base::event_loop& loop,
-                                           channel_listener& listener, std::string& error);
-std::unique_ptr<channel> make_dir_channel(const std::string& root, const channel_place& place,
-                                          base::event_loop& loop, channel_listener& listener,
-                                          std::string& error);
 
 }  // namespace zelta::core_service

@@ -21,9 +21,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include "base/log.h"
+#include "base/poster.h"
+#include "base/scoped_watch.h"
 #include "base/unique_fd.h"
-#include "core_service/channel/channel.h"
+#include "core_service/channel/backends.h"
 #include "core_service/folder/atomic_file.h"
 #include "core_service/media/codecs.h"
 #include "core_service/rtp/rtp_source.h"
@@ -103,7 +104,7 @@ void on_all_tracks(GstElement* /*parser*/, gpointer bin) {
   gst_element_no_more_pads(GST_ELEMENT(bin));
 }
 
-user_media make_file_user(const std::string& path) {
+media::user_media make_file_user(const std::string& path) {
   media::element_ptr bin(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
   GstElement* const file = gst_element_factory_make("filesrc", nullptr);
   // Stops at encoded media; it tells when all tracks are known, which parsebin doesn't.
@@ -115,7 +116,7 @@ user_media make_file_user(const std::string& path) {
   gst_element_link(file, parser);
   g_signal_connect(parser, "pad-added", G_CALLBACK(on_track), bin.get());
   g_signal_connect(parser, "no-more-pads", G_CALLBACK(on_all_tracks), bin.get());
-  user_media made;
+  media::user_media made;
   made.source = std::move(bin);
   return made;
 }
@@ -133,21 +134,19 @@ class dir_channel : public channel {
   dir_channel(std::string folder, const channel_place& place, base::event_loop& loop,
               channel_listener& listener)
       : folder_(std::move(folder)),
-        logdir_(place.logdir),
+        log_(place.log),
         rtp_(place.rtp),
-        loop_(loop),
+        poster_(loop),
         listener_(listener) {}
   ~dir_channel() override { leave(); }
 
   void join() override {
-    loop_.post([this, alive = std::weak_ptr<int>(alive_)] {
-      if (!alive.expired()) open();
-    });
+    poster_.post([this] { open(); });
   }
 
   void leave() override {
-    alive_.reset();
-    loop_.remove_watcher(changes_.get());
+    poster_.forget();
+    watch_.stop();
     changes_.reset();
   }
 
@@ -173,9 +172,7 @@ class dir_channel : public channel {
       return listener_.on_channel_failed("can't watch the channel's folder " + folder_ + ": " +
                                          std::strerror(errno));
     }
-    loop_.add_watcher(
-        changes_.get(), this,
-        [](int, void* self) { static_cast<dir_channel*>(self)->on_changes(); }, nullptr, nullptr);
+    watch_ = {poster_.loop(), changes_.get(), {[this] { on_changes(); }}};
     listener_.on_channel_joined();
     for (const std::string& name : present_files()) appeared(name);
   }
@@ -191,7 +188,7 @@ class dir_channel : public channel {
 
   void on_changes() {
     alignas(inotify_event) std::array<char, 16384> buffer{};
-    const std::weak_ptr<int> alive = alive_;
+    const std::weak_ptr<int> alive = poster_.life();
     for (;;) {
       const ssize_t got = read(changes_.get(), buffer.data(), buffer.size());
       if (got <= 0) return;
@@ -237,7 +234,7 @@ class dir_channel : public channel {
   void offer(uint32_t uid, const std::string& name) {
     listener_.on_user_in(uid, [this, uid, name] {
       if (!parse_name(name)->description) return make_file_user(folder_ + name);
-      user_media from = make_sender(name, uid);
+      media::user_media from = make_sender(name, uid);
       // It may be written again.
       if (!from.feed) present_.erase(uid);
       return from;
@@ -245,10 +242,11 @@ class dir_channel : public channel {
   }
 
   // Empty when the description can't be used.
-  user_media make_sender(const std::string& name, uint32_t uid) {
+  media::user_media make_sender(const std::string& name, uint32_t uid) {
     std::vector<missing_medium> left_out;
     std::string error;
-    if (!plane_ || !plane_->thread.runs()) plane_ = std::make_shared<rtp::packet_plane>(loop_);
+    if (!plane_ || !plane_->thread.runs())
+      plane_ = std::make_shared<rtp::packet_plane>(poster_.loop());
     if (!plane_->thread.runs()) {
       listener_.on_missing(uid,
                            {"all", "", name + ": no thread or descriptor is left to receive it"});
@@ -258,7 +256,7 @@ class dir_channel : public channel {
         rtp::make_rtp_source(uid, read_description(folder_ + name), rtp_, plane_, left_out, error);
     for (const missing_medium& one : left_out) {
       if (one.medium.empty()) {
-        log(name + ": " + one.reason);
+        log_.warn(name + ": " + one.reason);
       } else {
         listener_.on_missing(uid, one);
       }
@@ -269,19 +267,14 @@ class dir_channel : public channel {
     }
     if (!made->answer.empty() &&
         !replace_file(folder_ + name + ".answer", made->answer, sync::kNo)) {
-      log(name + ".answer can't be written: " + std::strerror(errno));
+      log_.warn(name + ".answer can't be written: " + std::strerror(errno));
     }
-    user_media from;
+    media::user_media from;
     from.may_have_video = made->video;
     from.may_have_sound = made->sound;
     from.feed = std::move(made->feed);
     from.lateness = rtp_.jitter_latency;
     return from;
-  }
-
-  void log(const std::string& text) const {
-    base::log_dir(logdir_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
-                  "%s", text.c_str());
   }
 
   void disappeared(const std::string& name) {
@@ -294,28 +287,27 @@ class dir_channel : public channel {
   }
 
   const std::string folder_;
-  const std::string logdir_;
+  const base::logger log_;
   const rtp::settings rtp_;
-  base::event_loop& loop_;
+  base::poster poster_;
   channel_listener& listener_;
   base::unique_fd changes_;
+  base::scoped_watch watch_;
   std::map<uint32_t, std::string> present_;
-  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
   std::shared_ptr<rtp::packet_plane> plane_;
 };
 
 }  // namespace
 
-std::unique_ptr<channel> make_dir_channel(const std::string& root, const channel_place& place,
-                                          base::event_loop& loop, channel_listener& listener,
-                                          std::string& error) {
+std::unique_ptr<channel> make_dir_channel(const channel_place& place, base::event_loop& loop,
+                                          channel_listener& listener, std::string& error) {
   const std::string& id = place.channel_id;
   // The name comes from the application's users; it must not lead out of the folder.
   if (id.find('/') != std::string::npos || id == "." || id == "..") {
     error = "channel name \"" + id + "\" can't be a folder's name";
     return nullptr;
   }
-  const std::string folder = root + "/" + id + "/";
+  const std::string folder = place.rest + "/" + id + "/";
   struct stat status {};
   if (stat(folder.c_str(), &status) != 0) {
     error = "the channel's folder " + folder + " can't be used: " + std::strerror(errno) +

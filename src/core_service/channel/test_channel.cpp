@@ -8,12 +8,15 @@
 // late and go early, counted from the join.
 #include <algorithm>
 #include <charconv>
+#include <list>
 #include <map>
 #include <set>
 #include <sstream>
 #include <vector>
 
-#include "core_service/channel/channel.h"
+#include "base/poster.h"
+#include "base/scoped_timer.h"
+#include "core_service/channel/backends.h"
 #include "core_service/media/codecs.h"
 
 namespace zelta::core_service {
@@ -144,20 +147,18 @@ std::string audio_description(const test_script& script, uint32_t uid) {
 class test_channel : public channel {
  public:
   test_channel(test_script script, base::event_loop& loop, channel_listener& listener)
-      : script_(std::move(script)), loop_(loop), listener_(listener) {}
+      : script_(std::move(script)), poster_(loop), listener_(listener) {}
   ~test_channel() override { leave(); }
 
   void join() override {
-    loop_.post([this, alive = std::weak_ptr<int>(alive_)] {
-      if (alive.expired()) return;
+    poster_.post([this] {
       listener_.on_channel_joined();
       plan();
     });
   }
 
   void leave() override {
-    alive_.reset();
-    for (const auto& entry : planned_) loop_.remove_timer(entry->timer);
+    poster_.forget();
     planned_.clear();
   }
 
@@ -168,14 +169,6 @@ class test_channel : public channel {
   }
 
  private:
-  // Something that a user will do.
-  struct planned {
-    test_channel* owner;
-    uint32_t uid;
-    bool joins;
-    base::timer_event* timer;
-  };
-
   void plan() {
     for (uint32_t uid = 1; uid <= static_cast<uint32_t>(script_.users); ++uid) {
       const appearance& when = script_.appearances[uid];
@@ -189,25 +182,13 @@ class test_channel : public channel {
   }
 
   void plan_one(uint32_t uid, bool joins, double seconds) {
-    planned_.push_back(std::make_unique<planned>(planned{this, uid, joins, nullptr}));
-    planned* const entry = planned_.back().get();
-    entry->timer = loop_.add_timer(
-        static_cast<int>(seconds * 1000),
-        [](int, void* context) {
-          auto* const due = static_cast<planned*>(context);
-          due->owner->carry_out(due);
-        },
-        entry);
-  }
-
-  void carry_out(const planned* due) {
-    const planned copy = *due;
-    loop_.remove_timer(copy.timer);
-    planned_.erase(std::find_if(planned_.begin(), planned_.end(),
-                                [due](const auto& entry) { return entry.get() == due; }));
-    if (copy.joins) return user_in(copy.uid);
-    here_.erase(copy.uid);
-    listener_.on_user_out(copy.uid);
+    base::scoped_timer& timer = planned_.emplace_back();
+    timer = {poster_.loop(), static_cast<int>(seconds * 1000), [this, uid, joins, &timer] {
+               timer.stop();
+               if (joins) return user_in(uid);
+               here_.erase(uid);
+               listener_.on_user_out(uid);
+             }};
   }
 
   void user_in(uint32_t uid) {
@@ -215,8 +196,8 @@ class test_channel : public channel {
     listener_.on_user_in(uid, [this, uid] { return make(uid); });
   }
 
-  user_media make(uint32_t uid) {
-    user_media made;
+  media::user_media make(uint32_t uid) {
+    media::user_media made;
     made.source.reset(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
     made.complete = true;
     made.may_have_video = script_.video != "none";
@@ -229,7 +210,7 @@ class test_channel : public channel {
     return {};
   }
 
-  static void add_track(user_media& to, const char* name, const std::string& description,
+  static void add_track(media::user_media& to, const char* name, const std::string& description,
                         std::string& error) {
     media::element_ptr made = media::make_bin(description, error);
     if (!made) return;
@@ -239,19 +220,19 @@ class test_channel : public channel {
   }
 
   test_script script_;
-  base::event_loop& loop_;
+  base::poster poster_;
   channel_listener& listener_;
-  std::vector<std::unique_ptr<planned>> planned_;
+  // What users will do. A list, because each knows where it stands.
+  std::list<base::scoped_timer> planned_;
   std::set<uint32_t> here_;
-  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };
 
 }  // namespace
 
-std::unique_ptr<channel> make_test_channel(const std::string& script, base::event_loop& loop,
+std::unique_ptr<channel> make_test_channel(const channel_place& place, base::event_loop& loop,
                                            channel_listener& listener, std::string& error) {
   test_script parsed;
-  if (!parse_script(script, parsed, error)) return nullptr;
+  if (!parse_script(place.rest, parsed, error)) return nullptr;
   if (parsed.video == "h264" && media::h264_encoder({kVideoKbps, 1, false, "ultrafast"}).empty()) {
     error =
         "test channel: no H.264 encoder is installed: install gstreamer1.0-plugins-ugly (x264enc) "

@@ -12,8 +12,8 @@
 #include <string>
 #include <vector>
 
+#include "core_service/folder/missing_medium.h"
 #include "core_service/folder/state_writer.h"
-#include "core_service/media/missing_medium.h"
 
 namespace zelta::core_service {
 

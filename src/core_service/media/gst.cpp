@@ -143,21 +143,14 @@ GstElement* add(GstElement* parent, element_ptr child) {
 }
 
 bus_watch::bus_watch(GstElement* pipeline, base::event_loop& loop, events told)
-    : loop_(loop), told_(std::move(told)), bus_(gst_pipeline_get_bus(GST_PIPELINE(pipeline))) {
+    : told_(std::move(told)), bus_(gst_pipeline_get_bus(GST_PIPELINE(pipeline))), poster_(loop) {
   GPollFD polled{};
   gst_bus_get_pollfd(bus_.get(), &polled);
-  fd_ = polled.fd;
-  loop_.add_watcher(
-      fd_, this, [](int, void* self) { static_cast<bus_watch*>(self)->on_readable(); }, nullptr,
-      nullptr);
-}
-
-bus_watch::~bus_watch() {
-  loop_.remove_watcher(fd_);
+  watch_ = {loop, polled.fd, {[this] { on_readable(); }}};
 }
 
 void bus_watch::on_readable() {
-  const std::weak_ptr<int> alive = alive_;
+  const std::weak_ptr<int> alive = poster_.life();
   while (!alive.expired()) {
     const message_ptr message(gst_bus_pop(bus_.get()));
     if (!message) return;

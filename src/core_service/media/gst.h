@@ -13,7 +13,8 @@
 #include <gst/app/gstappsink.h>
 #include <gst/gst.h>
 
-#include "base/event_loop.h"
+#include "base/poster.h"
+#include "base/scoped_watch.h"
 
 // GStreamer hands buffers and memory from thread to thread, and uses them again, under locks that
 // the thread sanitizer doesn't see, because the library isn't instrumented: what looks into them is
@@ -131,34 +132,17 @@ class bus_watch {
   bus_watch(GstElement* pipeline, base::event_loop& loop, events told);
   bus_watch(const bus_watch&) = delete;
   bus_watch& operator=(const bus_watch&) = delete;
-  ~bus_watch();
 
  private:
   void on_readable();
   void on_message(GstMessage* message);
 
-  base::event_loop& loop_;
   const events told_;
   bus_ptr bus_;
-  int fd_ = -1;
-  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
+  base::poster poster_;
+  base::scoped_watch watch_;
 };
 
-// What may be posted to the loop by an object that may be gone when its turn comes.
-class posting {
- public:
-  explicit posting(base::event_loop& loop) : loop_(loop) {}
-  // Any thread, while the owner lives.
-  void post(std::function<void()> work) const {
-    loop_.post([alive = std::weak_ptr<int>(alive_), work = std::move(work)] {
-      if (!alive.expired()) work();
-    });
-  }
-  base::event_loop& loop() const { return loop_; }
-
- private:
-  base::event_loop& loop_;
-  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
-};
+using posting = base::poster;
 
 }  // namespace zelta::core_service::media

@@ -53,11 +53,11 @@ int rotation_of(const GstTagList* tags, int present) {
 }  // namespace
 
 user_graph::user_graph(uint32_t uid, user_media from, user_outputs to, base::event_loop& loop,
-                       events told, std::string logdir)
+                       events told, base::logger log)
     : uid_(uid),
       to_(std::move(to)),
       told_(std::move(told)),
-      logdir_(std::move(logdir)),
+      log_(std::move(log)),
       posting_(loop),
       pipeline_(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr)))),
       source_(from.source.get()),
@@ -84,7 +84,6 @@ user_graph::user_graph(uint32_t uid, user_media from, user_outputs to, base::eve
 }
 
 user_graph::~user_graph() {
-  if (give_up_timer_ != nullptr) posting_.loop().remove_timer(give_up_timer_);
   watch_.reset();
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
   // The source may outlive its pipeline.
@@ -174,7 +173,7 @@ void user_graph::note_tracks() {
       video = video || t->kind->kind == media_kind::kVideo;
     }
   }
-  if (!any) log(base::WARN_LOG, "sends nothing that is to be recorded");
+  if (!any) log_.warn("sends nothing that is to be recorded");
   told_.tracks_known(sound, video);
 }
 
@@ -210,8 +209,8 @@ void user_graph::attach(GstPad* pad) {
     return discard(pad);
   }
   if (anew) {
-    log(base::WARN_LOG, std::string("its video (") + c->name +
-                            ") is decoded and encoded as H.264, because no file takes it");
+    log_.warn(std::string("its video (") + c->name +
+              ") is decoded and encoded as H.264, because no file takes it");
   }
   t->branch = add(pipeline_.get(), std::move(made));
   if (c->kind == media_kind::kVideo) prepare_decoders(t, *c);
@@ -253,7 +252,7 @@ void user_graph::leave_out_unknown(const GstCaps* caps) {
   const char* const hidden = gst_structure_get_string(fields, "original-media-type");
   const std::string name = hidden != nullptr ? hidden : gst_structure_get_name(fields);
   const auto kind = kind_of(name);
-  if (!kind) return log(base::NOTICE_LOG, "leaves out what is no sound or picture: " + name);
+  if (!kind) return log_.notice("leaves out what is no sound or picture: " + name);
   if (!wanted(*kind)) return;
   leave_out({name_of(*kind), name,
              hidden != nullptr ? "it is encrypted, and no key to it is known"
@@ -539,13 +538,7 @@ void user_graph::finish(const std::string& why, bool ended) {
   }
   // Or all of them have ended before.
   if (ends.empty() || open_sinks_ == 0) return posting_.post([this, why] { done(why); });
-  give_up_timer_ = posting_.loop().add_timer(
-      kFinishLimitMs,
-      [](int, void* self) {
-        auto* const graph = static_cast<user_graph*>(self);
-        graph->done(graph->finish_reason_);
-      },
-      this);
+  give_up_timer_ = {posting_.loop(), kFinishLimitMs, [this] { done(finish_reason_); }};
   if (ended) return;
   // Nothing more from the source, and the end of the stream behind what has come: the source itself
   // may hold seconds of media that must not be recorded any more.
@@ -581,17 +574,10 @@ void user_graph::tell_what_never_came(media_time patience) {
 
 void user_graph::done(const std::string& why) {
   if (std::exchange(finished_, true)) return;
-  if (give_up_timer_ != nullptr) {
-    posting_.loop().remove_timer(std::exchange(give_up_timer_, nullptr));
-  }
+  give_up_timer_.stop();
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
   // Behind the samples that are still on their way through the loop.
   posting_.post([this, why] { told_.finished(why); });
-}
-
-void user_graph::log(base::log_levels level, const std::string& text) const {
-  base::log_dir(logdir_.c_str(), level, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER, "user %u: %s",
-                uid_, text.c_str());
 }
 
 }  // namespace zelta::core_service::media

@@ -26,10 +26,12 @@
 #include <vector>
 
 #include "base/event_loop.h"
-#include "base/log.h"
-#include "core_service/channel/channel.h"
+#include "base/logger.h"
+#include "base/scoped_timer.h"
+#include "core_service/folder/missing_medium.h"
 #include "core_service/media/codecs.h"
 #include "core_service/media/gst.h"
+#include "core_service/media/media_feed.h"
 #include "core_service/media/timeline.h"
 #include "core_service/media/track_choice.h"
 
@@ -65,7 +67,7 @@ class user_graph {
   };
 
   user_graph(uint32_t uid, user_media from, user_outputs to, base::event_loop& loop, events told,
-             std::string logdir);
+             base::logger log);
   user_graph(const user_graph&) = delete;
   user_graph& operator=(const user_graph&) = delete;
   ~user_graph();
@@ -134,12 +136,11 @@ class user_graph {
   void note_tracks();
   void tell_what_never_came(media_time patience);
   void done(const std::string& why);
-  void log(base::log_levels level, const std::string& text) const;
 
   const uint32_t uid_;
   const user_outputs to_;
   const events told_;
-  const std::string logdir_;
+  const base::logger log_;
   const posting posting_;
   element_ptr pipeline_;
   std::optional<bus_watch> watch_;
@@ -166,7 +167,7 @@ class user_graph {
   media_time key_asked_{};
   std::string finish_reason_;
   bool finished_ = false;
-  base::timer_event* give_up_timer_ = nullptr;
+  base::scoped_timer give_up_timer_;
 };
 
 }  // namespace zelta::core_service::media

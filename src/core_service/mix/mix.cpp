@@ -73,7 +73,7 @@ bool mix::build(const backgrounds& images, std::string& error) {
   std::string fault;
   const auto load = [this, &fault](const std::string& path) {
     media::sample_ptr image = path.empty() ? nullptr : load_picture(path, fault);
-    if (!path.empty() && !image) warn("background " + fault);
+    if (!path.empty() && !image) around_.log.warn("background " + fault);
     return image;
   };
   canvas_image_ = load(images.canvas);
@@ -158,7 +158,7 @@ void mix::set_layout(const recording::mixing_layout& layout) {
     warnings.push_back("layout: the background colour \"" + layout.background_color +
                        "\" should be like #1a2b3c; it is black");
   }
-  for (const std::string& text : warnings) warn(text);
+  for (const std::string& text : warnings) around_.log.warn(text);
   show_canvas();
   arrange();
 }
@@ -169,7 +169,7 @@ void mix::set_user_background(uint32_t uid, const std::string& path) {
   } else {
     std::string fault;
     media::sample_ptr image = load_picture(path, fault);
-    if (!image) return warn("background of user " + std::to_string(uid) + ": " + fault);
+    if (!image) return around_.log.warn("background of user " + std::to_string(uid) + ": " + fault);
     user_images_[uid] = std::move(image);
   }
   const media::sample_ptr background = background_of(uid);
@@ -241,11 +241,6 @@ void mix::tick() {
 
 void mix::update_manifest() {
   for (const auto& files : series_) files->update_manifest();
-}
-
-void mix::warn(const std::string& text) const {
-  base::log_dir(around_.folder.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
-                "%s", text.c_str());
 }
 
 }  // namespace zelta::core_service::mix

@@ -13,9 +13,8 @@
 #include <string>
 #include <vector>
 
-#include "base/log.h"
 #include "core_service/files/file_series.h"
-#include "core_service/media/frame_sender.h"
+#include "core_service/frames/frame_sender.h"
 #include "core_service/mix/mix_graph.h"
 #include "core_service/session/surroundings.h"
 #include "core_service/task/recording_plan.h"
@@ -78,7 +77,6 @@ class mix {
   void show_canvas();
   media::sample_ptr background_of(uint32_t uid);
   void on_stopped();
-  void warn(const std::string& text) const;
 
   const recording_plan plan_;
   const surroundings around_;

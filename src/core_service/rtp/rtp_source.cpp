@@ -29,7 +29,7 @@ media::format_ptr likely_sound_of(const std::vector<media_line>& lines) {
 }
 
 // Its sender is the packet thread's.
-class rtp_feed final : public media_feed {
+class rtp_feed final : public media::media_feed {
  public:
   rtp_feed(uint32_t uid, std::vector<media_line> lines, const settings& how,
            std::unique_ptr<srtp_session> ciphers, std::shared_ptr<packet_plane> plane)

@@ -10,8 +10,8 @@
 #include <string>
 #include <vector>
 
-#include "core_service/channel/media_feed.h"
-#include "core_service/media/missing_medium.h"
+#include "core_service/folder/missing_medium.h"
+#include "core_service/media/media_feed.h"
 #include "core_service/media/shared_bytes.h"
 #include "core_service/rtp/packet_thread.h"
 #include "core_service/rtp/settings.h"
@@ -34,7 +34,7 @@ struct packet_plane {
 };
 
 struct rtp_source {
-  std::shared_ptr<media_feed> feed;
+  std::shared_ptr<media::media_feed> feed;
   bool video = false;
   bool sound = false;
   // The description with the ports that were chosen here; empty: it names them all.

@@ -7,9 +7,9 @@
 #include <string>
 #include <vector>
 
+#include "core_service/folder/missing_medium.h"
 #include "core_service/media/codecs.h"
 #include "core_service/media/gst.h"
-#include "core_service/media/missing_medium.h"
 
 namespace zelta::core_service::rtp {
 

@@ -38,9 +38,7 @@ void unit_mailbox::put(letter&& one) {
 }
 
 void unit_mailbox::ask_for_delivery() {
-  loop_.post([this, alive = std::weak_ptr<int>(alive_)] {
-    if (!alive.expired()) deliver_batch();
-  });
+  poster_.post([this] { deliver_batch(); });
 }
 
 void unit_mailbox::enter(uint64_t who, reader told) {

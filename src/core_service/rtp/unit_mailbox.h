@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-#include "base/event_loop.h"
+#include "base/poster.h"
 #include "core_service/media/encoded_unit.h"
 
 namespace zelta::core_service::rtp {
@@ -29,7 +29,7 @@ class unit_mailbox {
 
   // The loop is borrowed, and given back for its other work after a `turn`.
   explicit unit_mailbox(base::event_loop& loop, media::media_time turn = kTurn)
-      : loop_(loop), turn_(turn) {}
+      : poster_(loop), turn_(turn) {}
   unit_mailbox(const unit_mailbox&) = delete;
   unit_mailbox& operator=(const unit_mailbox&) = delete;
 
@@ -69,7 +69,7 @@ class unit_mailbox {
   void deliver_batch();
   static void deliver(const letter& one, const reader& to);
 
-  base::event_loop& loop_;
+  const base::poster poster_;
   const media::media_time turn_;
   std::mutex lock_;
   std::vector<letter> put_;
@@ -84,7 +84,6 @@ class unit_mailbox {
   media::media_time behind_{};
   std::map<uint64_t, std::shared_ptr<const reader>> readers_;
   uint64_t last_reader_ = 0;
-  std::shared_ptr<int> alive_ = std::make_shared<int>(0);
 };
 
 }  // namespace zelta::core_service::rtp

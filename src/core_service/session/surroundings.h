@@ -5,9 +5,10 @@
 #include <string>
 
 #include "base/event_loop.h"
+#include "base/logger.h"
+#include "core_service/engine/engine_link.h"
 #include "core_service/files/file_writer.h"
 #include "core_service/folder/manifest.h"
-#include "core_service/session/engine_link.h"
 
 namespace zelta::core_service {
 
@@ -18,6 +19,7 @@ struct surroundings {
   manifest& files;
   engine_link& link;
   files::file_writer& disk;
+  base::logger log;
 };
 
 }  // namespace zelta::core_service

@@ -30,10 +30,12 @@ constexpr const char* kUnread =
 
 }  // namespace
 
-user::user(uint32_t uid, user_media from, const recording_plan& plan, surroundings around,
-           std::shared_ptr<media::mix_input> mix, events told)
+user::user(uint32_t uid, media::user_media from, const recording_plan& plan,
+           bool may_decode_pictures, surroundings around, std::shared_ptr<media::mix_input> mix,
+           events told)
     : uid_(uid),
       plan_(plan),
+      may_decode_pictures_(may_decode_pictures),
       around_(std::move(around)),
       told_(std::move(told)),
       mix_(std::move(mix)),
@@ -58,7 +60,7 @@ user::~user() {
   graph_.reset();
 }
 
-void user::make_graph(user_media from) {
+void user::make_graph(media::user_media from) {
   media::user_graph::events told{told_.first_video, told_.first_sound,
                                  [this](bool sound, bool video) {
                                    if (series_) series_->expect(video, sound);
@@ -73,7 +75,7 @@ void user::make_graph(user_media from) {
     to.video = nullptr;
   }
   graph_ = std::make_unique<media::user_graph>(uid_, std::move(from), std::move(to), around_.loop,
-                                               std::move(told), around_.folder);
+                                               std::move(told), around_.log);
   graph_->hold_jpgs(no_stills_);
 }
 
@@ -117,15 +119,15 @@ media::user_outputs user::outputs() {
       if (serving_) frames_->send_h264(sample, rotation);
     };
   }
-  if (plan_.decode_pictures && plan_.take_video && plan_.video_out == video_frames::kYuv) {
+  if (may_decode_pictures_ && plan_.take_video && plan_.video_out == video_frames::kYuv) {
     to.yuv = [this](GstSample* picture, media_time time, int rotation) {
       if (serving_ && !no_application_pictures_) frames_->send_yuv(picture, time, rotation);
     };
   }
-  if (plan_.decode_pictures && plan_.mix_video && mix_) {
+  if (may_decode_pictures_ && plan_.mix_video && mix_) {
     to.mix = [this](GstSample* picture, media_time time) { mix_->on_picture(picture, time); };
   }
-  if (plan_.decode_pictures && plan_.take_video && (plan_.jpg_packets || plan_.jpg_files)) {
+  if (may_decode_pictures_ && plan_.take_video && (plan_.jpg_packets || plan_.jpg_files)) {
     to.jpg_interval = plan_.jpg_interval;
     to.jpg = [this](const media::media_sample& sample, int rotation) {
       if (!serving_ || no_stills_) return;
@@ -159,9 +161,7 @@ void user::start_frames(media_time time) {
        nullptr},
       error);
   if (encoder) return frame_line_->start(time, std::move(encoder));
-  base::log_dir(around_.folder.c_str(), base::ERROR_LOG,
-                base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER, "user %u: no AAC frames: %s", uid_,
-                error.c_str());
+  around_.log.error("no AAC frames: " + error);
 }
 
 // On the encoder's thread. Written under another name first, so that whoever looks for pictures
@@ -269,10 +269,11 @@ void user::decode(int track, const media::encoded_unit& unit) {
       wants_key_ = true;
       return told_.missing({"what is decoded", "", shortage});
     }
-    source_ = std::make_unique<media::unit_source>([from = std::weak_ptr<media_feed>(feed_)] {
-      if (const auto alive = from.lock()) alive->request_key_frame();
-    });
-    user_media decoded;
+    source_ =
+        std::make_unique<media::unit_source>([from = std::weak_ptr<media::media_feed>(feed_)] {
+          if (const auto alive = from.lock()) alive->request_key_frame();
+        });
+    media::user_media decoded;
     decoded.source = source_->bin();
     make_graph(std::move(decoded));
     graph_->start(unit.time - kOldest);
@@ -308,7 +309,7 @@ void user::request_key_frame() {
 
 void user::start() {
   if (!feed_) return graph_->start();
-  feed_->start(media_feed::events{
+  feed_->start(media::media_feed::events{
       [this](int track, const media::encoded_unit& unit) { on_unit(track, unit); },
       [this](int track) {
         video_choice_.ended(track);

@@ -11,9 +11,9 @@
 #include <optional>
 #include <string>
 
-#include "core_service/channel/media_feed.h"
 #include "core_service/files/file_series.h"
-#include "core_service/media/frame_sender.h"
+#include "core_service/frames/frame_sender.h"
+#include "core_service/media/media_feed.h"
 #include "core_service/media/mix_input.h"
 #include "core_service/media/track_choice.h"
 #include "core_service/media/unit_source.h"
@@ -37,9 +37,9 @@ class user {
     std::function<void(const std::string& why)> ended;
   };
 
-  // `mix` may be null.
-  user(uint32_t uid, user_media from, const recording_plan& plan, surroundings around,
-       std::shared_ptr<media::mix_input> mix, events told);
+  // `may_decode_pictures` false: nothing that needs them decoded is made. `mix` may be null.
+  user(uint32_t uid, media::user_media from, const recording_plan& plan, bool may_decode_pictures,
+       surroundings around, std::shared_ptr<media::mix_input> mix, events told);
   user(const user&) = delete;
   user& operator=(const user&) = delete;
   // Stops at once.
@@ -70,7 +70,7 @@ class user {
  private:
   media::user_outputs outputs();
   void make_series(bool may_have_video, bool may_have_sound);
-  void make_graph(user_media from);
+  void make_graph(media::user_media from);
   void on_unit(int track, const media::encoded_unit& unit);
   void on_first(const media::encoded_unit& unit);
   void record(const media::encoded_unit& unit);
@@ -89,7 +89,8 @@ class user {
   void write_jpg(const media::media_sample& sample);
 
   const uint32_t uid_;
-  const recording_plan plan_;
+  const recording_plan& plan_;
+  const bool may_decode_pictures_;
   const surroundings around_;
   const events told_;
   const std::shared_ptr<media::mix_input> mix_;
@@ -97,7 +98,7 @@ class user {
   const media::media_time lateness_;
   // Of media that comes in units: a graph only decodes what somebody takes decoded, and is there
   // once it is needed.
-  std::shared_ptr<media_feed> feed_;
+  std::shared_ptr<media::media_feed> feed_;
   std::unique_ptr<media::unit_source> source_;
   media::track_choice video_choice_;
   media::track_choice sound_choice_;

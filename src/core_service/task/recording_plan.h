@@ -24,8 +24,6 @@ struct recording_plan {
   bool jpg_packets = false;
   bool jpg_files = false;
   media::media_time jpg_interval{};
-  // False: nothing that needs the pictures decoded is made of them.
-  bool decode_pictures = true;
 
   bool mix_sound = false;  // into a file or for the application
   bool mix_video = false;

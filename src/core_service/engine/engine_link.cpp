@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "core_service/session/engine_link.h"
+#include "core_service/engine/engine_link.h"
 
 #include <utility>
 
@@ -7,8 +7,6 @@
 #include <poll.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
-
-#include "base/log.h"
 
 namespace zelta::core_service {
 namespace {
@@ -67,12 +65,10 @@ bool visit_uri(uint16_t uri, packet_list<Packets...>, Visit visit) {
 
 }  // namespace
 
-engine_link::engine_link(int read_fd, int write_fd, base::event_loop& loop,
-                         engine_listener& listener, std::string logdir,
+engine_link::engine_link(int read_fd, int write_fd, base::event_loop& loop, base::logger log,
                          link::packet_writer::large payloads)
     : loop_(loop),
-      listener_(listener),
-      logdir_(std::move(logdir)),
+      log_(std::move(log)),
       read_fd_(read_fd),
       write_fd_(write_fd),
       gather_timer_(timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK)) {
@@ -82,24 +78,20 @@ engine_link::engine_link(int read_fd, int write_fd, base::event_loop& loop,
   reader_ = std::make_unique<link::packet_reader>(read_fd, static_cast<receiver&>(*this),
                                                   link::packet_reader::kCommandBytes);
   writer_ = std::make_unique<link::packet_writer>(write_fd, kQueueLimitBytes, payloads);
-  loop_.add_watcher(
-      read_fd, this, [](int, void* self) { static_cast<engine_link*>(self)->on_readable(); },
-      nullptr, [](int, void* self, int) { static_cast<engine_link*>(self)->on_gone(); });
-  loop_.add_watcher(
-      write_fd, this, nullptr,
-      [](int, void* self) { static_cast<engine_link*>(self)->on_writable(); },
-      [](int, void* self, int) { static_cast<engine_link*>(self)->on_gone(); });
-  if (!gather_timer_.valid()) return;
-  loop_.add_watcher(
-      gather_timer_.get(), this,
-      [](int, void* self) { static_cast<engine_link*>(self)->on_gathered(); }, nullptr, nullptr);
+}
+
+void engine_link::listen(engine_listener& listener) {
+  listener_ = &listener;
+  if (!connected()) return;
+  const auto gone = [this](int) { on_gone(); };
+  read_watch_ = {loop_, read_fd_.get(), {[this] { on_readable(); }, nullptr, gone}};
+  write_watch_ = {loop_, write_fd_.get(), {nullptr, [this] { on_writable(); }, gone}};
+  if (gather_timer_.valid())
+    gather_watch_ = {loop_, gather_timer_.get(), {[this] { on_gathered(); }}};
 }
 
 engine_link::~engine_link() {
   if (writer_) writer_->close();
-  loop_.remove_watcher(gather_timer_.get());
-  loop_.remove_watcher(read_fd_.get());
-  loop_.remove_watcher(write_fd_.get());
 }
 
 void engine_link::send(const base::packet& p) {
@@ -186,8 +178,7 @@ void engine_link::on_readable() {
   using result = link::packet_reader::result;
   const result got = reader_->read_some(kReadBoundBytes);
   if (got == result::kBroken) {
-    base::log_dir(logdir_.c_str(), base::ERROR_LOG, base::ZELTA_LOG_MODULE_IPC,
-                  "the engine's packets are out of step: bad length");
+    log_.error("the engine's packets are out of step: bad length");
   }
   if (got == result::kEnd || got == result::kBroken) on_gone();
 }
@@ -195,21 +186,19 @@ void engine_link::on_readable() {
 void engine_link::on_gone() {
   if (gone_.exchange(true)) return;
   writer_->close();
-  loop_.remove_watcher(gather_timer_.get());
-  loop_.remove_watcher(read_fd_.get());
-  loop_.remove_watcher(write_fd_.get());
-  listener_.on_engine_gone();
+  gather_watch_.stop();
+  read_watch_.stop();
+  write_watch_.stop();
+  listener_->on_engine_gone();
 }
 
 void engine_link::on_packet(base::unpacker& u, uint16_t uri) {
   const bool known = visit_uri(uri, control_packets{}, [this, &u, uri](auto p) {
-    if (decode(u, p)) return run(listener_, p);
-    base::log_dir(logdir_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_IPC,
-                  "skipped a command of the engine that makes no sense, uri %d", uri);
+    if (decode(u, p)) return run(*listener_, p);
+    log_.warn("skipped a command of the engine that makes no sense, uri " + std::to_string(uri));
   });
   if (!known) {
-    base::log_dir(logdir_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_IPC,
-                  "skipped an unknown command of the engine, uri %d", uri);
+    log_.warn("skipped an unknown command of the engine, uri " + std::to_string(uri));
   }
 }
 

@@ -12,6 +12,8 @@
 #include <vector>
 
 #include "base/event_loop.h"
+#include "base/logger.h"
+#include "base/scoped_watch.h"
 #include "base/unique_fd.h"
 #include "link/packet_reader.h"
 #include "link/packet_writer.h"
@@ -42,15 +44,16 @@ class engine_listener {
 // What sends may be called from any thread and never blocks; the rest on the loop's thread.
 class engine_link final : private link::packet_reader::receiver {
  public:
-  // Takes both descriptors; -1 for both: there is no engine, and what is sent goes nowhere. Loop
-  // and listener are borrowed. Payloads are spliced unless `payloads` says otherwise.
-  engine_link(int read_fd, int write_fd, base::event_loop& loop, engine_listener& listener,
-              std::string logdir,
+  // Takes both descriptors; -1 for both: there is no engine, and what is sent goes nowhere. The
+  // loop is borrowed. Payloads are spliced unless `payloads` says otherwise.
+  engine_link(int read_fd, int write_fd, base::event_loop& loop, base::logger log,
               link::packet_writer::large payloads = link::packet_writer::large::kSplice);
   engine_link(const engine_link&) = delete;
   engine_link& operator=(const engine_link&) = delete;
   ~engine_link();
 
+  // Commands come from here on, and what has to wait is written. The listener is borrowed.
+  void listen(engine_listener& listener);
   bool connected() const { return writer_ != nullptr && !gone_; }
   // An event: waits in a queue when the engine is slow.
   void send(const base::packet& p);
@@ -83,8 +86,8 @@ class engine_link final : private link::packet_reader::receiver {
   bool sent(link::packet_writer::result how);
 
   base::event_loop& loop_;
-  engine_listener& listener_;
-  const std::string logdir_;
+  engine_listener* listener_ = nullptr;
+  const base::logger log_;
   base::unique_fd read_fd_;
   base::unique_fd write_fd_;
   base::unique_fd gather_timer_;
@@ -95,6 +98,9 @@ class engine_link final : private link::packet_reader::receiver {
   std::mutex broken_lock_;
   // Users whose coded pictures wait for a key frame.
   std::set<uint32_t> broken_;
+  base::scoped_watch read_watch_;
+  base::scoped_watch write_watch_;
+  base::scoped_watch gather_watch_;
 };
 
 }  // namespace zelta::core_service

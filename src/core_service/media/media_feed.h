@@ -4,25 +4,28 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "core_service/media/encoded_unit.h"
+#include "core_service/media/gst.h"
+#include "core_service/media/timeline.h"
 
-namespace zelta::core_service {
+namespace zelta::core_service::media {
 
 // All of it on the loop's thread, but where it says so.
 class media_feed {
  public:
   struct events {
     // A track is known by its number, which is never used twice. Its first unit begins it.
-    std::function<void(int track, const media::encoded_unit& unit)> unit;
+    std::function<void(int track, const encoded_unit& unit)> unit;
     // Nothing more comes of the track.
     std::function<void(int track)> ended;
   };
 
   virtual ~media_feed() = default;
   // Of the sound that will probably come, where that can be told beforehand; null: it can't.
-  virtual media::format_ptr likely_sound() const = 0;
+  virtual format_ptr likely_sound() const = 0;
   // Media comes from here on. Nothing comes from inside the call.
   virtual void start(events told) = 0;
   // What has been received by now comes out, then `stopped` follows, after which nothing comes. It
@@ -38,4 +41,20 @@ class media_feed {
   virtual std::string fault() = 0;
 };
 
-}  // namespace zelta::core_service
+// What a user sends: by a source, or by a feed.
+struct user_media {
+  // A bin with one source pad a track, encoded media with its codec in the caps, paced in real
+  // time.
+  element_ptr source;
+  // Of the bin: every pad is there. Otherwise pads are added while it runs, and its "no-more-pads"
+  // signal tells when that was all.
+  bool complete = false;
+  std::shared_ptr<media_feed> feed;
+  // A medium that can't come is not waited for.
+  bool may_have_video = true;
+  bool may_have_sound = true;
+  // How much later than captured media comes out.
+  media_time lateness{};
+};
+
+}  // namespace zelta::core_service::media

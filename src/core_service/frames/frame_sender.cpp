@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "core_service/media/frame_sender.h"
+#include "core_service/frames/frame_sender.h"
 
 #include <array>
 #include <utility>

@@ -7,9 +7,9 @@
 #include <mutex>
 #include <string>
 
+#include "core_service/engine/engine_link.h"
 #include "core_service/media/sound_line.h"
 #include "core_service/media/timeline.h"
-#include "core_service/session/engine_link.h"
 #include "protocol/ipc_protocol.h"
 
 namespace zelta::core_service::media {
