@@ -59,14 +59,16 @@ void unit_mailbox::deliver_batch() {
     if (!batch_.empty()) behind_ = std::max(behind_, begun - batch_put_);
   }
   while (next_ < batch_.size()) {
-    if (next_ % kLook == kLook - 1 && media::now() - begun > turn_) return ask_for_delivery();
     const letter one = std::move(batch_[next_++]);
     waiting_bytes_ -= one.bytes();
-    const auto found = readers_.find(one.whom);
-    if (found == readers_.end()) continue;
-    // Kept, because it may leave from inside.
-    const std::shared_ptr<const reader> to = found->second;
-    deliver(one, *to);
+    if (const auto found = readers_.find(one.whom); found != readers_.end()) {
+      // Kept, because it may leave from inside.
+      const std::shared_ptr<const reader> to = found->second;
+      deliver(one, *to);
+    }
+    // Behind one that was given, so that every turn gets on.
+    const bool more = next_ < batch_.size();
+    if (more && next_ % kLook == 0 && media::now() - begun > turn_) return ask_for_delivery();
   }
 }
 
