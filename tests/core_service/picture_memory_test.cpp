@@ -109,6 +109,17 @@ TEST_F(PictureMemoryTest, PartsAreReadInPlaceAndOutliveTheWhole) {
   EXPECT_TRUE(is_all(copy, 40'000, 7));
 }
 
+struct picture_counter : consumer {
+  bool takes(form what) const override { return what == form::kPictures; }
+  void on_picture(GstSample* sample, media_time, int) override {
+    ++pictures;
+    GstMemory* const memory = gst_buffer_peek_memory(gst_sample_get_buffer(sample), 0);
+    if (gst_memory_is_type(memory, kPictureMemory) == FALSE) ++elsewhere;
+  }
+  std::atomic<int> pictures{0};
+  std::atomic<int> elsewhere{0};
+};
+
 TEST_F(PictureMemoryTest, EveryDecoderMakesItsPicturesThere) {
   const struct {
     const char* format;
@@ -131,25 +142,17 @@ TEST_F(PictureMemoryTest, EveryDecoderMakesItsPicturesThere) {
     ASSERT_TRUE(from.source) << error;
     from.complete = true;
     base::event_loop loop;
-    std::atomic<int> pictures{0};
-    std::atomic<int> elsewhere{0};
-    user_outputs to;
-    to.yuv = [&](GstSample* sample, media_time, int) {
-      ++pictures;
-      GstBuffer* const buffer = gst_sample_get_buffer(sample);
-      GstMemory* const memory = gst_buffer_peek_memory(buffer, 0);
-      if (gst_memory_is_type(memory, kPictureMemory) == FALSE) ++elsewhere;
-    };
+    const auto seen = std::make_shared<picture_counter>();
     user_graph graph(
-        1, std::move(from), to, loop,
+        1, std::move(from), consumers({seen}), 1, loop,
         {[](int, int) {}, [] {}, [](bool, bool) {},
          [](const core_service::missing_medium& lost) { ADD_FAILURE() << lost.reason; },
          [&](const std::string&) { loop.stop(); }},
         {});
     graph.start();
     loop.run(false);
-    EXPECT_GT(pictures, 0) << what;
-    EXPECT_EQ(elsewhere, 0) << what;
+    EXPECT_GT(seen->pictures, 0) << what;
+    EXPECT_EQ(seen->elsewhere, 0) << what;
   }
 }
 

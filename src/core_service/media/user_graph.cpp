@@ -52,17 +52,17 @@ int rotation_of(const GstTagList* tags, int present) {
 
 }  // namespace
 
-user_graph::user_graph(uint32_t uid, user_media from, user_outputs to, base::event_loop& loop,
-                       events told, base::logger log)
+user_graph::user_graph(uint32_t uid, user_media from, consumers to, int channels,
+                       base::event_loop& loop, events told, base::logger log)
     : uid_(uid),
       to_(std::move(to)),
+      channels_(channels),
       told_(std::move(told)),
       log_(std::move(log)),
       posting_(loop),
       pipeline_(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr)))),
       source_(from.source.get()),
-      complete_source_(from.complete),
-      jpg_interval_(to_.jpg_interval.count()) {
+      complete_source_(from.complete) {
   // The system's clock for all users, so that their media stands on one timeline.
   const clock_ptr clock(gst_system_clock_obtain());
   gst_pipeline_use_clock(GST_PIPELINE(pipeline_.get()), clock.get());
@@ -178,8 +178,9 @@ void user_graph::note_tracks() {
 }
 
 bool user_graph::wanted(media_kind kind) const {
-  if (kind == media_kind::kAudio) return to_.sound != nullptr;
-  return to_.video || to_.h264 || to_.yuv || to_.mix || to_.jpg;
+  if (kind == media_kind::kAudio) return to_.takes(form::kSound);
+  return to_.takes(form::kCodedPictures) || to_.takes(form::kAccessUnits) ||
+         to_.take_decoded_pictures();
 }
 
 void user_graph::attach(GstPad* pad) {
@@ -365,27 +366,31 @@ std::string user_graph::sound_branch(const codec& c) const {
   return std::string(c.parse) + " ! " + c.decode +
          " ! audioconvert ! audioresample ! audio/x-raw,format=S16LE,layout=interleaved,"
          "rate=48000,channels=" +
-         std::to_string(to_.channels) + " ! " + kSink + "sound";
+         std::to_string(channels_) + " ! " + kSink + "sound";
 }
 
 std::string user_graph::video_branch(const codec& c) const {
   const std::string sink = kSink;
   const bool h264 = std::string(c.name) == "h264";
   std::string text = std::string(c.parse) + " ! tee name=coded ! " + sink + "coded_out";
-  if (to_.h264 && h264) {
+  if (to_.takes(form::kAccessUnits) && h264) {
     text +=
         " coded. ! h264parse config-interval=-1 ! "
         "video/x-h264,stream-format=byte-stream,alignment=au ! " +
         sink + "h264";
   }
-  if (!to_.yuv && !to_.mix && !to_.jpg) return text;
+  if (!to_.take_decoded_pictures()) return text;
   text += std::string(" coded. ! ") + kDecodeQueue + " name=" + decode_queue() + " ! " + c.decode +
           " ! " + plain_pictures() + " ! tee name=raw";
   const std::string raw = std::string(" raw. ! ") + kPictureQueue + " ! ";
-  if (to_.yuv) text += raw + sink + "yuv";
+  if (to_.takes(form::kPictures)) text += raw + sink + "pictures";
   // The mix has a queue of its own.
-  if (to_.mix) text += " raw. ! videoflip video-direction=auto ! " + sink + "mix";
-  if (to_.jpg) text += raw + "videoconvert name=jpg_in ! jpegenc ! " + sink + "jpg";
+  if (to_.takes(form::kUprightPictures)) {
+    text += " raw. ! videoflip video-direction=auto ! " + sink + "upright";
+  }
+  if (to_.takes(form::kStills)) {
+    text += raw + "videoconvert name=still_in ! jpegenc ! " + sink + "stills";
+  }
   return text;
 }
 
@@ -417,8 +422,10 @@ void user_graph::connect(const std::shared_ptr<track>& t) {
         gst_buffer_map(sample.buffer.get(), &map, GST_MAP_READ) == FALSE) {
       return;
     }
-    const size_t frame_bytes = sizeof(int16_t) * static_cast<size_t>(to_.channels);
-    to_.sound(sample.time, reinterpret_cast<const int16_t*>(map.data), map.size / frame_bytes);
+    const size_t frame_bytes = sizeof(int16_t) * static_cast<size_t>(channels_);
+    const auto* const samples = reinterpret_cast<const int16_t*>(map.data);
+    to_.each(form::kSound,
+             [&](consumer& one) { one.on_sound(sample.time, samples, map.size / frame_bytes); });
     gst_buffer_unmap(sample.buffer.get(), &map);
   });
 }
@@ -427,35 +434,43 @@ void user_graph::connect_video(const std::shared_ptr<track>& t) {
   follow_rotation(t);
   receive(t, "coded_out", [this, t](GstSample* /*from*/, media_sample& sample) {
     note(t, sample);
-    if (!to_.video) return;
+    if (!to_.takes(form::kCodedPictures)) return;
     const auto shared = std::make_shared<media_sample>(std::move(sample));
     posting_.post([this, t, shared] {
-      if (is_current(*t, shared->time)) to_.video(*shared, *t->kind);
+      if (!is_current(*t, shared->time)) return;
+      to_.each(form::kCodedPictures,
+               [&](consumer& one) { one.on_coded_picture(*shared, *t->kind); });
     });
   });
-  if (to_.h264 && child(t->branch, "h264") != nullptr) {
+  if (child(t->branch, "h264") != nullptr) {
     receive(t, "h264", [this, t](GstSample* /*from*/, media_sample& sample) {
-      if (is_current(*t, sample.time)) to_.h264(sample, t->rotation);
+      if (!is_current(*t, sample.time)) return;
+      to_.each(form::kAccessUnits, [&](consumer& one) { one.on_access_unit(sample, t->rotation); });
     });
   }
-  if (to_.mix) {
-    receive(t, "mix", [this, t](GstSample* from, media_sample& sample) {
-      if (is_current(*t, sample.time)) to_.mix(from, sample.time);
+  if (to_.takes(form::kUprightPictures)) {
+    receive(t, "upright", [this, t](GstSample* from, media_sample& sample) {
+      if (!is_current(*t, sample.time)) return;
+      to_.each(form::kUprightPictures,
+               [&](consumer& one) { one.on_upright_picture(from, sample.time); });
     });
   }
-  if (to_.yuv) {
+  if (to_.takes(form::kPictures)) {
     // Of the decoder, and of those who make its pictures plain where they have something to do.
     offer_picture_memory_along(t->branch);
     const pad_ptr in(gst_element_get_static_pad(child(t->branch, "raw"), "sink"));
     offer_picture_memory(in.get());
-    receive(t, "yuv", [this, t](GstSample* from, media_sample& sample) {
-      if (is_current(*t, sample.time)) to_.yuv(from, sample.time, t->rotation);
+    receive(t, "pictures", [this, t](GstSample* from, media_sample& sample) {
+      if (!is_current(*t, sample.time)) return;
+      to_.each(form::kPictures,
+               [&](consumer& one) { one.on_picture(from, sample.time, t->rotation); });
     });
   }
-  if (!to_.jpg) return;
-  pick_jpgs(t);
-  receive(t, "jpg", [this, t](GstSample* /*from*/, media_sample& sample) {
-    if (is_current(*t, sample.time)) to_.jpg(sample, t->rotation);
+  if (!to_.takes(form::kStills)) return;
+  pick_stills(t);
+  receive(t, "stills", [this, t](GstSample* /*from*/, media_sample& sample) {
+    if (!is_current(*t, sample.time)) return;
+    to_.each(form::kStills, [&](consumer& one) { one.on_still(sample, t->rotation); });
   });
 }
 
@@ -472,15 +487,15 @@ void user_graph::follow_rotation(const std::shared_ptr<track>& t) {
 }
 
 // Of all pictures one an interval goes on to the encoder.
-void user_graph::pick_jpgs(const std::shared_ptr<track>& t) {
-  const pad_ptr in(gst_element_get_static_pad(child(t->branch, "jpg_in"), "sink"));
+void user_graph::pick_stills(const std::shared_ptr<track>& t) {
+  const pad_ptr in(gst_element_get_static_pad(child(t->branch, "still_in"), "sink"));
   add_probe(in.get(), GST_PAD_PROBE_TYPE_BUFFER, [this, t](GstPadProbeInfo* info) {
     const auto at = static_cast<int64_t>(times_of(GST_PAD_PROBE_INFO_BUFFER(info)).pts);
-    if (holds_jpgs_ || at < t->next_jpg) return GST_PAD_PROBE_DROP;
+    if (!to_.wants(form::kStills) || at < t->next_still) return GST_PAD_PROBE_DROP;
     // On a grid, so that the pictures don't drift, unless the user was away.
-    const int64_t interval = jpg_interval_;
-    t->next_jpg =
-        at - t->next_jpg < interval && t->next_jpg > 0 ? t->next_jpg + interval : at + interval;
+    const int64_t interval = still_interval_;
+    t->next_still = at - t->next_still < interval && t->next_still > 0 ? t->next_still + interval
+                                                                       : at + interval;
     return GST_PAD_PROBE_OK;
   });
 }

@@ -30,27 +30,13 @@
 #include "base/scoped_timer.h"
 #include "core_service/folder/missing_medium.h"
 #include "core_service/media/codecs.h"
+#include "core_service/media/consumer.h"
 #include "core_service/media/gst.h"
 #include "core_service/media/media_feed.h"
 #include "core_service/media/timeline.h"
 #include "core_service/media/track_choice.h"
 
 namespace zelta::core_service::media {
-
-// Where the media goes; what is null isn't made.
-struct user_outputs {
-  // On the loop's thread.
-  std::function<void(const media_sample&, const codec&)> video;
-  std::function<void(media_time, const int16_t* samples, size_t frames)> sound;
-  // `rotation` in degrees clockwise. Access units in byte-stream format.
-  std::function<void(const media_sample&, int rotation)> h264;
-  std::function<void(GstSample*, media_time, int rotation)> yuv;
-  std::function<void(GstSample*, media_time)> mix;
-  std::function<void(const media_sample&, int rotation)> jpg;
-  // Between two JPEGs.
-  media_time jpg_interval{};
-  int channels = 1;
-};
 
 class user_graph {
  public:
@@ -66,8 +52,9 @@ class user_graph {
     std::function<void(const std::string& why)> finished;
   };
 
-  user_graph(uint32_t uid, user_media from, user_outputs to, base::event_loop& loop, events told,
-             base::logger log);
+  // `channels` of sound.
+  user_graph(uint32_t uid, user_media from, consumers to, int channels, base::event_loop& loop,
+             events told, base::logger log);
   user_graph(const user_graph&) = delete;
   user_graph& operator=(const user_graph&) = delete;
   ~user_graph();
@@ -82,9 +69,8 @@ class user_graph {
   void finish(const std::string& why, bool ended = false);
   // Asks the sender for a picture that can be decoded by itself, once a second at most.
   void request_key_frame();
-  // None is made while they are held.
-  void hold_jpgs(bool held) { holds_jpgs_ = held; }
-  void set_jpg_interval(media_time interval) { jpg_interval_ = interval.count(); }
+  // Between two stills; a second at first.
+  void set_still_interval(media_time interval) { still_interval_ = interval.count(); }
 
  private:
   // A pad of the source and what it leads to.
@@ -95,7 +81,7 @@ class user_graph {
     GstElement* branch = nullptr;  // borrowed from the pipeline
     media_time since{};
     std::atomic<int> rotation{0};
-    int64_t next_jpg = 0;
+    int64_t next_still = 0;
     bool seen = false;
     // It is told already that nothing of it comes out.
     std::atomic<bool> refused{false};
@@ -129,7 +115,7 @@ class user_graph {
   void connect(const std::shared_ptr<track>& t);
   void connect_video(const std::shared_ptr<track>& t);
   void follow_rotation(const std::shared_ptr<track>& t);
-  void pick_jpgs(const std::shared_ptr<track>& t);
+  void pick_stills(const std::shared_ptr<track>& t);
   bool is_current(const track& t, media_time time);
   void note(const std::shared_ptr<track>& t, const media_sample& sample);
   void on_first(const track& t, int width, int height);
@@ -138,7 +124,8 @@ class user_graph {
   void done(const std::string& why);
 
   const uint32_t uid_;
-  const user_outputs to_;
+  const consumers to_;
+  const int channels_;
   const events told_;
   const base::logger log_;
   const posting posting_;
@@ -147,8 +134,7 @@ class user_graph {
   GstElement* source_;  // borrowed from the pipeline
   const bool complete_source_;
   bool ends_by_itself_ = true;
-  std::atomic<int64_t> jpg_interval_;
-  std::atomic<bool> holds_jpgs_{false};
+  std::atomic<int64_t> still_interval_{1'000'000'000};
 
   // The source's threads add to it.
   std::mutex tracks_lock_;

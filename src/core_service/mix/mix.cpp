@@ -112,7 +112,7 @@ void mix::on_sound(media_time time, const int16_t* samples, size_t frames) {
 
 // ---- Who is in it, and where ---------------------------------------------------------------
 
-std::shared_ptr<media::mix_input> mix::add_user(uint32_t uid) {
+std::shared_ptr<media::consumer> mix::add_user(uint32_t uid) {
   // One who comes back at once takes the place at once.
   for (member& user : users_) {
     if (user.uid == uid && user.left) user.left = media_time::zero();

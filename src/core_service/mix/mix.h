@@ -44,7 +44,7 @@ class mix {
   // Stops at once.
   ~mix();
 
-  std::shared_ptr<media::mix_input> add_user(uint32_t uid);
+  std::shared_ptr<media::consumer> add_user(uint32_t uid);
   // What the user has sent by now is still mixed.
   void remove_user(uint32_t uid);
   // In place of the grid, or of the layout before.
@@ -65,7 +65,7 @@ class mix {
       events told);
   struct member {
     uint32_t uid;
-    std::shared_ptr<media::mix_input> input;
+    std::shared_ptr<media::consumer> input;
     std::optional<media::media_time> left;
   };
 

@@ -74,10 +74,12 @@ std::string description_of(const mix_graph::settings& s) {
 // ---- One user ------------------------------------------------------------------------------
 
 // The elements of one user: a source and what leads from it, linked to a pad of the mixer.
-class mix_graph::input : public media::mix_input {
+class mix_graph::input : public media::consumer {
  public:
   input(uint32_t uid, GstElement* pipeline, const settings& s)
       : uid_(uid),
+        pictures_(s.video),
+        sounds_(s.sound),
         base_(gst_element_get_base_time(pipeline)),
         half_picture_(std::chrono::nanoseconds(1s) / s.fps / 2),
         pipeline_(pipeline) {
@@ -98,7 +100,13 @@ class mix_graph::input : public media::mix_input {
 
   uint32_t uid() const { return uid_; }
 
-  void on_picture(GstSample* picture, media_time time) override {
+  // Media of a user who has left the mix is ignored.
+  bool takes(media::form what) const override {
+    return (what == media::form::kUprightPictures && pictures_) ||
+           (what == media::form::kSound && sounds_);
+  }
+
+  void on_upright_picture(GstSample* picture, media_time time) override {
     const std::lock_guard<std::mutex> guard(mutex_);
     latest_ = time;
     push_picture_locked(picture, time);
@@ -199,6 +207,8 @@ class mix_graph::input : public media::mix_input {
   }
 
   const uint32_t uid_;
+  const bool pictures_;
+  const bool sounds_;
   const GstClockTime base_;
   const media_time half_picture_;
   GstElement* const pipeline_;  // outlives what is in it
@@ -284,11 +294,11 @@ void mix_graph::connect(outputs to) {
       nullptr);
 }
 
-std::shared_ptr<media::mix_input> mix_graph::add_user(uint32_t uid) {
+std::shared_ptr<media::consumer> mix_graph::add_user(uint32_t uid) {
   return users_.emplace_back(std::make_shared<input>(uid, pipeline_.get(), settings_));
 }
 
-void mix_graph::remove_user(const media::mix_input* user) {
+void mix_graph::remove_user(const media::consumer* user) {
   const auto found = std::find_if(users_.begin(), users_.end(),
                                   [user](const auto& one) { return one.get() == user; });
   if (found == users_.end()) return;

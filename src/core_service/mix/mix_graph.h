@@ -23,8 +23,8 @@
 
 #include "base/event_loop.h"
 #include "core_service/media/codecs.h"
+#include "core_service/media/consumer.h"
 #include "core_service/media/gst.h"
-#include "core_service/media/mix_input.h"
 #include "core_service/media/timeline.h"
 #include "core_service/mix/tiles.h"
 
@@ -57,8 +57,8 @@ class mix_graph {
   mix_graph& operator=(const mix_graph&) = delete;
   ~mix_graph();
 
-  std::shared_ptr<media::mix_input> add_user(uint32_t uid);
-  void remove_user(const media::mix_input* user);
+  std::shared_ptr<media::consumer> add_user(uint32_t uid);
+  void remove_user(const media::consumer* user);
   // A user without a tile is heard and not seen. The order of the tiles is that of their layers.
   void set_tiles(const std::vector<tile>& tiles);
   void set_canvas(GstSample* picture);

@@ -70,7 +70,7 @@ void commands::on_parameters(const std::string& text) {
   }
   if (!changed.capture_interval) return;
   live_.capture_interval_s = *changed.capture_interval;
-  users_.each([this](uint32_t, user& one) { one.set_capture_interval(live_.capture_interval_s); });
+  users_.each([this](uint32_t, user& one) { one.set_still_interval(live_.capture_interval_s); });
 }
 
 void commands::on_layout(const std::vector<uint8_t>& bytes) {

@@ -256,7 +256,7 @@ void session::let_in(uint32_t uid, media::user_media from) {
                    log_.with("user " + std::to_string(uid))},
       roster_.mix() != nullptr ? roster_.mix()->add_user(uid) : nullptr, events_of(uid));
   made->measure_volume(volume_tick_.runs());
-  made->set_capture_interval(live_.capture_interval_s);
+  made->set_still_interval(live_.capture_interval_s);
   admission_.leave_out_of(*made);
   engine_.user_in(uid, options_.recording_file_dir);
   roster_.add(uid, std::move(made)).start();

@@ -2,19 +2,15 @@
 #include "core_service/session/user.h"
 
 #include <algorithm>
-#include <cerrno>
-#include <cstdio>
-#include <cstring>
 #include <utility>
 
-#include "core_service/folder/file_name.h"
-#include "core_service/load/descriptors.h"
 #include "core_service/load/room_left.h"
 
 namespace zelta::core_service {
 namespace {
 
 using namespace std::chrono_literals;
+using media::form;
 using media::media_time;
 
 constexpr int kFileBitsPerSecond = 64'000;
@@ -31,27 +27,20 @@ constexpr const char* kUnread =
 }  // namespace
 
 user::user(uint32_t uid, media::user_media from, const recording_plan& plan,
-           bool may_decode_pictures, surroundings around, std::shared_ptr<media::mix_input> mix,
+           bool may_decode_pictures, surroundings around, std::shared_ptr<media::consumer> mix,
            events told)
     : uid_(uid),
       plan_(plan),
-      may_decode_pictures_(may_decode_pictures),
       around_(std::move(around)),
       told_(std::move(told)),
-      mix_(std::move(mix)),
       posting_(around_.loop),
       lateness_(from.lateness),
-      feed_(std::move(from.feed)) {
-  frames_ = std::make_shared<media::frame_sender>(media::frame_labels{uid_, plan_.avsync_type},
-                                                  around_.link);
-  if (plan_.sound_out == sound_frames::kPcm || plan_.sound_out == sound_frames::kAac) {
-    frame_line_.emplace(static_cast<size_t>(plan_.channels), plan_.longest_gap, media::kFrameBlock);
-  }
-  make_series(from.may_have_video, from.may_have_sound);
-  outputs_ = outputs();
+      feed_(std::move(from.feed)),
+      frames_(std::make_shared<frames_consumer>(uid, plan, around_.link, around_.log)) {
+  make_consumers(from, may_decode_pictures, std::move(mix));
   if (!feed_) make_graph(std::move(from));
   const media::format_ptr sound = feed_ ? feed_->likely_sound() : nullptr;
-  if (sound && series_) expect_sound(sound, media::now());
+  if (sound && files_) files_->expect_sound(sound, media::now());
 }
 
 user::~user() {
@@ -60,27 +49,32 @@ user::~user() {
   graph_.reset();
 }
 
-void user::make_graph(media::user_media from) {
-  media::user_graph::events told{told_.first_video, told_.first_sound,
-                                 [this](bool sound, bool video) {
-                                   if (series_) series_->expect(video, sound);
-                                 },
-                                 told_.missing,
-                                 [this](const std::string& why) { on_graph_finished(why); }};
-  media::user_outputs to = outputs_;
-  if (feed_) {
-    // The units say so themselves, and go into the files without it.
-    told.first_video = [](int, int) {};
-    told.first_sound = [] {};
-    to.video = nullptr;
+void user::make_consumers(const media::user_media& from, bool may_decode_pictures,
+                          std::shared_ptr<media::consumer> mix) {
+  std::vector<std::shared_ptr<media::consumer>> all{frames_};
+  if (plan_.record_sound || plan_.record_video) {
+    files_ = make_files();
+    files_->series().expect(from.may_have_video, from.may_have_sound);
+    all.push_back(files_);
   }
-  graph_ = std::make_unique<media::user_graph>(uid_, std::move(from), std::move(to), around_.loop,
-                                               std::move(told), around_.log);
-  graph_->hold_jpgs(no_stills_);
+  if (plan_.take_video && plan_.jpg_files) {
+    stills_ = std::make_shared<files::stills_consumer>(
+        uid_, around_.folder, around_.files, around_.loop,
+        files::stills_consumer::events{[this](const std::string& why) { told_.failed(why, true); },
+                                       told_.missing});
+    all.push_back(stills_);
+  }
+  if (plan_.take_sound) {
+    volume_ = std::make_shared<media::volume_meter>(plan_.channels);
+    all.push_back(volume_);
+  }
+  if (mix) all.push_back(std::move(mix));
+  consumers_ = media::consumers(std::move(all));
+  if (may_decode_pictures) return;
+  consumers_ = consumers_.without({form::kPictures, form::kUprightPictures, form::kStills});
 }
 
-void user::make_series(bool may_have_video, bool may_have_sound) {
-  if (!plan_.record_sound && !plan_.record_video) return;
+std::shared_ptr<files::files_consumer> user::make_files() {
   files::series_plan files;
   files.uid = uid_;
   files.prefix = std::to_string(uid_);
@@ -91,102 +85,32 @@ void user::make_series(bool may_have_video, bool may_have_sound) {
   files.chunk = plan_.chunk;
   files.longest_gap = plan_.longest_gap;
   files.lateness = lateness_;
-  series_ = std::make_unique<files::file_series>(
-      files,
+  return std::make_shared<files::files_consumer>(
+      std::move(files), plan_.keep_opus,
       files::file_series::surroundings{around_.folder, around_.loop, around_.files, around_.disk},
       files::file_series::events{[this] { request_key_frame(); }, told_.failed,
                                  [this] {
                                    if (media_ended_ && finished_) tell_finished();
                                  }});
-  series_->expect(may_have_video, may_have_sound);
 }
 
-media::user_outputs user::outputs() {
-  media::user_outputs to;
-  to.channels = plan_.channels;
-  if (plan_.record_video) {
-    to.video = [this](const media::media_sample& sample, const media::codec& kind) {
-      series_->on_video(sample, kind);
-    };
+void user::make_graph(media::user_media from) {
+  media::user_graph::events told{told_.first_video, told_.first_sound,
+                                 [this](bool sound, bool video) {
+                                   if (files_) files_->series().expect(video, sound);
+                                 },
+                                 told_.missing,
+                                 [this](const std::string& why) { on_graph_finished(why); }};
+  media::consumers to = consumers_;
+  if (feed_) {
+    // The units say so themselves, and go into the files without it.
+    told.first_video = [](int, int) {};
+    told.first_sound = [] {};
+    to = to.without({form::kCodedPictures});
   }
-  if (plan_.take_sound) {
-    to.sound = [this](media_time time, const int16_t* samples, size_t frames) {
-      on_sound(time, samples, frames);
-    };
-  }
-  if (plan_.take_video && plan_.video_out == video_frames::kH264) {
-    to.h264 = [this](const media::media_sample& sample, int rotation) {
-      if (serving_) frames_->send_h264(sample, rotation);
-    };
-  }
-  if (may_decode_pictures_ && plan_.take_video && plan_.video_out == video_frames::kYuv) {
-    to.yuv = [this](GstSample* picture, media_time time, int rotation) {
-      if (serving_ && !no_application_pictures_) frames_->send_yuv(picture, time, rotation);
-    };
-  }
-  if (may_decode_pictures_ && plan_.mix_video && mix_) {
-    to.mix = [this](GstSample* picture, media_time time) { mix_->on_picture(picture, time); };
-  }
-  if (may_decode_pictures_ && plan_.take_video && (plan_.jpg_packets || plan_.jpg_files)) {
-    to.jpg_interval = plan_.jpg_interval;
-    to.jpg = [this](const media::media_sample& sample, int rotation) {
-      if (!serving_ || no_stills_) return;
-      if (plan_.jpg_packets) return frames_->send_jpg(sample, rotation);
-      write_jpg(sample);
-    };
-  }
-  return to;
-}
-
-// On the decoder's thread.
-void user::on_sound(media_time time, const int16_t* samples, size_t frames) {
-  volume_.add(samples, frames * static_cast<size_t>(plan_.channels));
-  if (mix_) mix_->on_sound(time, samples, frames);
-  if (!keeps_sound_ && series_ && series_->sound() != nullptr) {
-    series_->sound()->push(time, samples, frames);
-  }
-  if (!frame_line_ || !serving_) return;
-  if (!frame_line_->position()) start_frames(time);
-  frame_line_->push(time, samples, frames);
-}
-
-void user::start_frames(media_time time) {
-  if (plan_.sound_out == sound_frames::kPcm) {
-    return frame_line_->start(time, std::make_shared<media::pcm_sink>(frames_, plan_.channels));
-  }
-  std::string error;
-  auto encoder = media::sound_encoder::make(
-      {media::sound_codec::kAdts, plan_.channels, media::kAacFrameBitsPerSecond},
-      {[frames = frames_](const media::media_sample& sample) { frames->send_aac(sample); },
-       nullptr},
-      error);
-  if (encoder) return frame_line_->start(time, std::move(encoder));
-  around_.log.error("no AAC frames: " + error);
-}
-
-// On the encoder's thread. Written under another name first, so that whoever looks for pictures
-// finds whole ones.
-void user::write_jpg(const media::media_sample& sample) {
-  const std::string path =
-      around_.folder + claim_file(around_.folder, std::to_string(uid_),
-                                  media::utc_ms_of(sample.time), ".jpg", ".new");
-  const std::string fresh = path + ".new";
-  GstMapInfo map{};
-  if (gst_buffer_map(sample.buffer.get(), &map, GST_MAP_READ) == FALSE) return;
-  std::FILE* const file = std::fopen(fresh.c_str(), "wbe");
-  bool written = file != nullptr && std::fwrite(map.data, 1, map.size, file) == map.size;
-  // Closing is what writes the rest.
-  written = file != nullptr && std::fclose(file) == 0 && written;
-  gst_buffer_unmap(sample.buffer.get(), &map);
-  written = written && std::rename(fresh.c_str(), path.c_str()) == 0;
-  posting_.post([this, written, path, error = errno] {
-    if (written) return around_.files.count_picture(uid_);
-    std::remove((path + ".new").c_str());
-    if (!is_shortage(error)) {
-      return told_.failed("can't write " + path + ": " + std::strerror(error), true);
-    }
-    told_.missing({"captured pictures", "jpeg", std::strerror(error)});
-  });
+  graph_ = std::make_unique<media::user_graph>(uid_, std::move(from), std::move(to), plan_.channels,
+                                               around_.loop, std::move(told), around_.log);
+  graph_->set_still_interval(still_interval_);
 }
 
 // ---- Media in units ------------------------------------------------------------------------
@@ -199,19 +123,20 @@ bool user::has(media::media_kind kind) const {
 void user::on_unit(int track, const media::encoded_unit& unit) {
   const media::codec& kind = *unit.format->kind;
   const bool video = kind.kind == media::media_kind::kVideo;
-  const bool taken = video ? outputs_.video || is_decoded(kind) : outputs_.sound != nullptr;
+  const bool taken = video ? consumers_.takes(form::kCodedPictures) || wants_decoded(kind)
+                           : consumers_.takes(form::kSound);
   if (!taken) return;
   on_first(unit);
   media::track_choice& choice = video ? video_choice_ : sound_choice_;
   const bool counts = choice.counts(track, unit.time, !video || unit.key);
   // Before its samples can come out of the decoder.
-  if (counts && !video && series_ && plan_.record_sound) expect_sound(unit.format, unit.time);
-  if (is_decoded(kind)) {
+  if (counts && !video && files_) files_->expect_sound(unit.format, unit.time);
+  if (wants_decoded(kind)) {
     decode(track, unit);
   } else if (video) {
     wants_key_ = true;
   }
-  if (counts) return record(unit);
+  if (counts) return hand_on(unit);
   if (video && choice.is_free(unit.time)) request_key_frame();
 }
 
@@ -224,34 +149,22 @@ void user::on_first(const media::encoded_unit& unit) {
   }
 }
 
-void user::record(const media::encoded_unit& unit) {
+void user::hand_on(const media::encoded_unit& unit) {
   const media::codec& kind = *unit.format->kind;
-  if (kind.kind == media::media_kind::kVideo) {
-    if (outputs_.video) outputs_.video(video_samples_.of(unit), kind);
-    return;
+  if (kind.kind == media::media_kind::kAudio) {
+    return consumers_.each(form::kCodedSound,
+                           [&](media::consumer& one) { one.on_coded_sound(unit); });
   }
-  if (keeps_sound_ && series_) series_->on_opus(unit);
+  if (!consumers_.wants(form::kCodedPictures)) return;
+  const media::media_sample sample = video_samples_.of(unit);
+  consumers_.each(form::kCodedPictures,
+                  [&](media::consumer& one) { one.on_coded_picture(sample, kind); });
 }
 
-void user::expect_sound(const media::format_ptr& format, media_time from) {
-  keeps_sound_ = is_kept(*format->kind);
-  series_->expect_sound(keeps_sound_ ? format : nullptr, from);
-}
-
-// Whether files take it as it came. Gaps that are to stay gaps are left by the encoder's way alone.
-bool user::is_kept(const media::codec& kind) const {
-  return series_ && plan_.record_sound && plan_.keep_opus &&
-         plan_.longest_gap == media_time::zero() && std::strcmp(kind.name, "opus") == 0;
-}
-
-bool user::is_decoded(const media::codec& kind) const {
-  const media::user_outputs& to = outputs_;
-  if (kind.kind == media::media_kind::kVideo) {
-    const bool shown = to.yuv && !no_application_pictures_;
-    return to.h264 || shown || to.mix || (to.jpg && !no_stills_);
-  }
-  const bool to_files = series_ && plan_.record_sound && !is_kept(kind);
-  return to.sound && (to_files || mix_ || frame_line_ || measures_volume_);
+bool user::wants_decoded(const media::codec& kind) const {
+  if (kind.kind == media::media_kind::kAudio) return consumers_.wants(form::kSound);
+  return consumers_.wants(form::kAccessUnits) || consumers_.wants(form::kPictures) ||
+         consumers_.wants(form::kUprightPictures) || consumers_.wants(form::kStills);
 }
 
 void user::decode(int track, const media::encoded_unit& unit) {
@@ -283,9 +196,10 @@ void user::decode(int track, const media::encoded_unit& unit) {
 
 // Whoever left soon may not have sent one.
 void user::tell_undecodable() {
-  if (!serving_ || !series_ || !plan_.record_video || !first_video_) return;
-  const media_time since = std::max(*first_video_, series_->started());
-  if (series_->has_pictures() || finish_time_ - since < kFirstKeyFramePatience) return;
+  if (!serving_ || !files_ || !plan_.record_video || !first_video_) return;
+  const files::file_series& series = files_->series();
+  const media_time since = std::max(*first_video_, series.started());
+  if (series.has_pictures() || finish_time_ - since < kFirstKeyFramePatience) return;
   told_.missing({"video", "", "no picture came that can be decoded by itself"});
 }
 
@@ -319,29 +233,40 @@ void user::start() {
 }
 
 void user::start_service() {
-  if (serving_.exchange(true)) return;
-  if (series_) series_->start();
-  if (plan_.video_out == video_frames::kH264) request_key_frame();
+  if (std::exchange(serving_, true)) return;
+  if (files_) files_->series().start();
+  frames_->serve(true);
+  if (stills_) stills_->serve(true);
+  if (consumers_.takes(form::kAccessUnits)) request_key_frame();
 }
 
 void user::stop_service(const std::string& why) {
-  if (!serving_.exchange(false)) return;
-  if (series_) series_->stop(why, media::now(), lateness_ + kStopPatience);
+  if (!std::exchange(serving_, false)) return;
+  frames_->serve(false);
+  if (stills_) stills_->serve(false);
+  if (files_) files_->series().stop(why, media::now(), lateness_ + kStopPatience);
 }
 
 void user::abandon_files() {
-  if (series_) series_->abandon();
+  if (files_) files_->series().abandon();
 }
 
-void user::set_capture_interval(int seconds) {
-  outputs_.jpg_interval = std::chrono::seconds(seconds);
-  if (graph_) graph_->set_jpg_interval(outputs_.jpg_interval);
+uint32_t user::read_volume() {
+  return volume_ ? volume_->read() : 0;
+}
+
+void user::measure_volume(bool wanted) {
+  if (volume_) volume_->ask(wanted);
+}
+
+void user::set_still_interval(int seconds) {
+  still_interval_ = std::chrono::seconds(seconds);
+  if (graph_) graph_->set_still_interval(still_interval_);
 }
 
 void user::leave_out(bool stills, bool application_pictures) {
-  no_stills_ = stills;
-  no_application_pictures_ = application_pictures;
-  if (graph_) graph_->hold_jpgs(stills);
+  frames_->leave_out(stills, application_pictures);
+  if (stills_) stills_->leave_out(stills);
 }
 
 void user::finish(const std::string& why, std::function<void()> finished) {
@@ -378,13 +303,14 @@ void user::on_graph_finished(const std::string& why) {
 
 void user::on_media_end() {
   media_ended_ = true;
-  if (!series_) return posting_.post([this] { tell_finished(); });
+  if (!files_) return posting_.post([this] { tell_finished(); });
+  files::file_series& series = files_->series();
   // Media that ended by itself ends where its last sound or picture does.
   media_time end = finish_time_;
   if (finish_reason_ == "end of media") {
-    end = std::max(series_->last_video_end(), series_->last_heard().value_or(media_time::zero()));
+    end = std::max(series.last_video_end(), series.last_heard().value_or(media_time::zero()));
   }
-  series_->stop(finish_reason_, end, 0s);
+  series.stop(finish_reason_, end, 0s);
 }
 
 // A copy, because what is called may destroy this.
@@ -399,14 +325,12 @@ void user::tick() {
   count_losses();
   // Between the end of the sender and the end of what it sent nothing is missing.
   const bool draining = !finish_reason_.empty() && !media_ended_;
-  if (series_ && !draining) series_->tick();
-  if (frame_line_ && plan_.longest_gap == media_time::zero()) {
-    frame_line_->fill_to(media::now() - lateness_ - kSoundPatience);
-  }
+  if (files_ && !draining) files_->series().tick();
+  frames_->fill_sound(media::now() - lateness_ - kSoundPatience);
 }
 
 void user::update_manifest() {
-  if (series_) series_->update_manifest();
+  if (files_) files_->series().update_manifest();
 }
 
 }  // namespace zelta::core_service

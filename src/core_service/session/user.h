@@ -4,17 +4,17 @@
 // Thread rule: everything on the loop's thread.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
-#include "core_service/files/file_series.h"
-#include "core_service/frames/frame_sender.h"
+#include "core_service/files/files_consumer.h"
+#include "core_service/files/stills_consumer.h"
+#include "core_service/frames/frames_consumer.h"
+#include "core_service/media/consumer.h"
 #include "core_service/media/media_feed.h"
-#include "core_service/media/mix_input.h"
 #include "core_service/media/track_choice.h"
 #include "core_service/media/unit_source.h"
 #include "core_service/media/user_graph.h"
@@ -39,7 +39,7 @@ class user {
 
   // `may_decode_pictures` false: nothing that needs them decoded is made. `mix` may be null.
   user(uint32_t uid, media::user_media from, const recording_plan& plan, bool may_decode_pictures,
-       surroundings around, std::shared_ptr<media::mix_input> mix, events told);
+       surroundings around, std::shared_ptr<media::consumer> mix, events told);
   user(const user&) = delete;
   user& operator=(const user&) = delete;
   // Stops at once.
@@ -47,9 +47,9 @@ class user {
 
   uint32_t uid() const { return uid_; }
   bool has(media::media_kind kind) const;
-  uint32_t read_volume() { return volume_.read(); }
-  // Whether volumes will be asked for: Opus that is recorded as it came is not decoded for nothing.
-  void measure_volume(bool wanted) { measures_volume_ = wanted; }
+  uint32_t read_volume();
+  // Whether volumes will be asked for.
+  void measure_volume(bool wanted);
 
   void start();
   // Records and delivers, or only listens.
@@ -61,42 +61,36 @@ class user {
   void abandon_files();
   // What may be left out of what is made while the machine is too busy.
   void leave_out(bool stills, bool application_pictures);
-  void set_capture_interval(int seconds);
+  void set_still_interval(int seconds);
   void tick();
   // What found no room since the last call is counted, and told.
   void count_losses();
   void update_manifest();
 
  private:
-  media::user_outputs outputs();
-  void make_series(bool may_have_video, bool may_have_sound);
+  void make_consumers(const media::user_media& from, bool may_decode_pictures,
+                      std::shared_ptr<media::consumer> mix);
+  std::shared_ptr<files::files_consumer> make_files();
   void make_graph(media::user_media from);
   void on_unit(int track, const media::encoded_unit& unit);
   void on_first(const media::encoded_unit& unit);
-  void record(const media::encoded_unit& unit);
-  void expect_sound(const media::format_ptr& format, media::media_time from);
-  bool is_decoded(const media::codec& kind) const;
-  bool is_kept(const media::codec& kind) const;
+  void hand_on(const media::encoded_unit& unit);
+  bool wants_decoded(const media::codec& kind) const;
   void decode(int track, const media::encoded_unit& unit);
   void tell_undecodable();
   void request_key_frame();
-  void on_sound(media::media_time time, const int16_t* samples, size_t frames);
-  void start_frames(media::media_time time);
   void on_graph_finished(const std::string& why);
   void drain();
   void on_media_end();
   void tell_finished() const;
-  void write_jpg(const media::media_sample& sample);
 
   const uint32_t uid_;
   const recording_plan& plan_;
-  const bool may_decode_pictures_;
   const surroundings around_;
   const events told_;
-  const std::shared_ptr<media::mix_input> mix_;
   const media::posting posting_;
   const media::media_time lateness_;
-  // Of media that comes in units: a graph only decodes what somebody takes decoded, and is there
+  // Of media that comes in units: a graph only decodes what somebody wants decoded, and is there
   // once it is needed.
   std::shared_ptr<media::media_feed> feed_;
   std::unique_ptr<media::unit_source> source_;
@@ -105,24 +99,20 @@ class user {
   media::unit_samples video_samples_;
   std::optional<media::media_time> first_video_;
   bool has_sound_ = false;
-  bool measures_volume_ = false;
+  bool serving_ = false;
   bool graph_ended_ = false;
   // Pictures were not decoded: they are again from a key frame on.
   bool wants_key_ = false;
   media::media_time graph_failed_{};
-  std::atomic<bool> no_stills_{false};
-  std::atomic<bool> no_application_pictures_{false};
+  media::media_time still_interval_ = std::chrono::seconds(1);
   uint64_t lost_packets_ = 0;
-  // Sound goes into files as it came, and not as samples.
-  std::atomic<bool> keeps_sound_{false};
 
-  std::shared_ptr<media::frame_sender> frames_;
-  std::optional<media::sound_line> frame_line_;
-  std::atomic<bool> serving_{false};
-  media::volume_meter volume_;
-
-  media::user_outputs outputs_;
-  std::unique_ptr<files::file_series> series_;
+  const std::shared_ptr<frames_consumer> frames_;
+  // Each null where nobody asked for it.
+  std::shared_ptr<files::files_consumer> files_;
+  std::shared_ptr<files::stills_consumer> stills_;
+  std::shared_ptr<media::volume_meter> volume_;
+  media::consumers consumers_;
   std::unique_ptr<media::user_graph> graph_;
   std::string finish_reason_;
   std::function<void()> finished_;

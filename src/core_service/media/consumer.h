@@ -1,0 +1,88 @@
+// SPDX-License-Identifier: Apache-2.0
+// Who takes a user's media, each in the form that they ask for. What nobody asks for isn't made.
+#pragma once
+
+#include <algorithm>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <set>
+#include <utility>
+#include <vector>
+
+#include <gst/gst.h>
+
+#include "core_service/media/codecs.h"
+#include "core_service/media/encoded_unit.h"
+#include "core_service/media/timeline.h"
+
+namespace zelta::core_service::media {
+
+enum class form {
+  kCodedPictures,  // encoded, as they came
+  kCodedSound,
+  kAccessUnits,      // H.264 in byte-stream format
+  kPictures,         // decoded, I420, as they came, their rotation beside them
+  kUprightPictures,  // decoded and turned, of any format
+  kStills,           // JPEG, one an interval
+  kSound,            // decoded: 48 kHz, 16 bits
+};
+
+// `rotation` is in degrees clockwise. Coded forms come on the loop's thread, the others on
+// GStreamer's, one thread at a time a form.
+class consumer {
+ public:
+  virtual ~consumer() = default;
+  // Whether it may ever ask for this form: always the same.
+  virtual bool takes(form what) const = 0;
+  // Whether it does at this moment. Any thread, and for every unit: what it costs counts.
+  virtual bool wants(form what) const { return takes(what); }
+
+  virtual void on_coded_picture(const media_sample& /*sample*/, const codec& /*kind*/) {}
+  virtual void on_coded_sound(const encoded_unit& /*unit*/) {}
+  virtual void on_access_unit(const media_sample& /*sample*/, int /*rotation*/) {}
+  virtual void on_picture(GstSample* /*picture*/, media_time /*time*/, int /*rotation*/) {}
+  virtual void on_upright_picture(GstSample* /*picture*/, media_time /*time*/) {}
+  virtual void on_still(const media_sample& /*sample*/, int /*rotation*/) {}
+  virtual void on_sound(media_time /*time*/, const int16_t* /*samples*/, size_t /*frames*/) {}
+};
+
+// All who take the media of one user, as one.
+class consumers {
+ public:
+  consumers() = default;
+  explicit consumers(std::vector<std::shared_ptr<consumer>> all) : all_(std::move(all)) {}
+
+  // The same without what comes in these forms: they get it elsewhere.
+  consumers without(std::set<form> forms) const {
+    consumers made = *this;
+    made.left_out_ = std::move(forms);
+    return made;
+  }
+
+  bool takes(form what) const {
+    return left_out_.count(what) == 0 &&
+           std::any_of(all_.begin(), all_.end(), [&](const auto& one) { return one->takes(what); });
+  }
+  bool wants(form what) const {
+    return left_out_.count(what) == 0 &&
+           std::any_of(all_.begin(), all_.end(), [&](const auto& one) { return one->wants(what); });
+  }
+  bool take_decoded_pictures() const {
+    return takes(form::kPictures) || takes(form::kUprightPictures) || takes(form::kStills);
+  }
+
+  // `give` hands the media in this form to each who wants it: give(consumer).
+  template <class Give>
+  void each(form what, Give give) const {
+    for (const auto& one : all_) {
+      if (one->wants(what)) give(*one);
+    }
+  }
+
+ private:
+  std::vector<std::shared_ptr<consumer>> all_;
+  std::set<form> left_out_;
+};
+
+}  // namespace zelta::core_service::media
