@@ -47,7 +47,7 @@ class file_series::opus_intake : public opus_sink {
   }
   // Later, because who cuts is not done yet.
   void on_sound_end() override {
-    series_.posting_.post([series = &series_, number = stretch_] { series->on_sound_end(number); });
+    series_.poster_.post([series = &series_, number = stretch_] { series->on_sound_end(number); });
   }
 
  private:
@@ -59,7 +59,7 @@ file_series::file_series(series_plan plan, surroundings around, events told)
     : plan_(std::move(plan)),
       around_(std::move(around)),
       told_(std::move(told)),
-      posting_(around_.loop),
+      poster_(around_.loop),
       video_expected_(plan_.video),
       sound_expected_(plan_.sound) {
   if (plan_.sound)
@@ -152,7 +152,7 @@ void file_series::open(media_time begin, const media_file::contents& holds,
     files_.pop_back();
     unlink((around_.folder + name).c_str());
     recording_ = false;
-    log(base::ERROR_LOG, "can't be recorded: " + error);
+    around_.log.error("can't be recorded: " + error);
     return told_.failed(error, false);
   }
   manifest_file entry;
@@ -221,11 +221,11 @@ void file_series::on_done(open_file* which, const std::string& error, bool disk)
   files_.remove_if([which](const open_file& of) { return &of == which; });
   around_.files.changed();
   if (!error.empty()) {
-    log(base::ERROR_LOG, "a file ended: " + error);
+    around_.log.error("a file ended: " + error);
     if (++failures_ >= kFailureLimit) recording_ = false;
     told_.failed(error, disk);
   }
-  posting_.post([this] { report_stopped(); });
+  poster_.post([this] { report_stopped(); });
 }
 
 void file_series::report_stopped() {
@@ -249,11 +249,11 @@ std::shared_ptr<sound_encoder> file_series::make_encoder(sound_way way, std::str
        plan_.sound_bits_per_second},
       {[this, number](media_sample sample) {
          const auto shared = std::make_shared<media_sample>(std::move(sample));
-         posting_.post([this, shared, number] { on_sound(std::move(*shared), number); });
+         poster_.post([this, shared, number] { on_sound(std::move(*shared), number); });
        },
-       [this, number] { posting_.post([this, number] { on_sound_end(number); }); }},
+       [this, number] { poster_.post([this, number] { on_sound_end(number); }); }},
       error);
-  if (!made) log(base::ERROR_LOG, "no sound: " + error);
+  if (!made) around_.log.error("no sound: " + error);
   // The line lets go of it at the cut, when its last sound is still inside.
   if (made) encoders_[number] = made;
   return made;
@@ -416,7 +416,7 @@ void file_series::stop(const std::string& why, media_time at, media_time patienc
     current_->why = why;
   }
   if (patience <= 0s) tick_stop();
-  posting_.post([this] { report_stopped(); });
+  poster_.post([this] { report_stopped(); });
 }
 
 void file_series::tick_stop() {
@@ -446,12 +446,6 @@ void file_series::enter(open_file& of) {
   if (of.file->empty()) return;
   entry.first_utc_ms = utc_ms_of(of.file->first());
   entry.last_utc_ms = utc_ms_of(of.file->last());
-}
-
-void file_series::log(base::log_levels level, const std::string& text) const {
-  base::log_dir(around_.folder.c_str(), level, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
-                "%s: %s", plan_.uid == 0 ? "mix" : ("user " + std::to_string(plan_.uid)).c_str(),
-                text.c_str());
 }
 
 }  // namespace zelta::core_service::files

@@ -24,7 +24,8 @@
 #include <optional>
 #include <string>
 
-#include "base/log.h"
+#include "base/logger.h"
+#include "base/poster.h"
 #include "core_service/files/media_file.h"
 #include "core_service/folder/manifest.h"
 #include "core_service/media/format_caps.h"
@@ -56,6 +57,7 @@ class file_series {
     base::event_loop& loop;
     manifest& files;
     file_writer& disk;
+    base::logger log;
   };
   struct events {
     // A picture is needed that can be decoded by itself.
@@ -157,12 +159,11 @@ class file_series {
   void report_stopped();
   void tick_silence(media::media_time at);
   void tick_stop();
-  void log(base::log_levels level, const std::string& text) const;
 
   const series_plan plan_;
   const surroundings around_;
   const events told_;
-  const media::posting posting_;
+  const base::poster poster_;
   // Samples, or Opus as it comes while there is a line for it.
   std::optional<media::sound_line> line_;
   std::optional<media::opus_line> opus_;

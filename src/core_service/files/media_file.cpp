@@ -35,8 +35,7 @@ std::unique_ptr<media::muxer> muxer_of(const media_file::contents& holds) {
 
 media_file::media_file(const std::string& path, const contents& holds, base::event_loop& loop,
                        file_writer& disk, done_callback done)
-    : loop_(loop),
-      posting_(loop),
+    : poster_(loop),
       done_(std::move(done)),
       holds_(holds),
       muxer_(muxer_of(holds)),
@@ -45,10 +44,6 @@ media_file::media_file(const std::string& path, const contents& holds, base::eve
                     std::string(std::strerror(error)),
                 !is_shortage(error));
       })) {}
-
-media_file::~media_file() {
-  if (limit_ != nullptr) loop_.remove_timer(limit_);
-}
 
 void media_file::write(media_kind kind, const media_sample& sample) {
   if (ended_ || !(kind == media_kind::kVideo ? holds_.video : holds_.sound)) return;
@@ -59,18 +54,13 @@ void media_file::write(media_kind kind, const media_sample& sample) {
   written_ = true;
   if (output_->waiting_bytes() <= kBacklogLimitBytes) return;
   // Later, because who writes still holds this.
-  posting_.post([this] { give_up("the disk is too slow", true); });
+  poster_.post([this] { give_up("the disk is too slow", true); });
 }
 
 void media_file::finish() {
-  if (limit_ != nullptr || ended_) return;
-  limit_ = loop_.add_timer(
-      kFinishLimitMs,
-      [](int, void* self) {
-        static_cast<media_file*>(self)->give_up("not completed in time", true);
-      },
-      this);
+  if (completing_ || ended_) return;
   completing_ = true;
+  limit_ = {poster_.loop(), kFinishLimitMs, [this] { give_up("not completed in time", true); }};
   output_->append(muxer_->finish());
   media::muxer::patch last = muxer_->completion();
   output_->overwrite(last.at, std::move(last.bytes));
@@ -79,7 +69,7 @@ void media_file::finish() {
 
 void media_file::abandon() {
   // Later, because who asks still holds this.
-  posting_.post([this] { give_up("not completed, because the disk failed", false); });
+  poster_.post([this] { give_up("not completed, because the disk failed", false); });
 }
 
 void media_file::give_up(const std::string& why, bool disk) {

@@ -10,6 +10,8 @@
 #include <memory>
 #include <string>
 
+#include "base/poster.h"
+#include "base/scoped_timer.h"
 #include "core_service/files/file_writer.h"
 #include "core_service/media/codecs.h"
 #include "core_service/media/muxer.h"
@@ -36,7 +38,7 @@ class media_file {
   media_file(const media_file&) = delete;
   media_file& operator=(const media_file&) = delete;
   // Stops at once: the file stays as a kill would leave it.
-  ~media_file();
+  ~media_file() = default;
 
   // Samples of each kind in the order of decoding. A kind that the file doesn't hold is ignored.
   void write(media::media_kind kind, const media::media_sample& sample);
@@ -55,11 +57,10 @@ class media_file {
   // Ends the file: with all of it where `why` is empty.
   void give_up(const std::string& why, bool disk);
 
-  base::event_loop& loop_;
-  const media::posting posting_;
+  const base::poster poster_;
   const done_callback done_;
   const contents holds_;
-  base::timer_event* limit_ = nullptr;
+  base::scoped_timer limit_;
   bool ended_ = false;
   bool written_ = false;
   media::media_time first_{};

@@ -93,7 +93,8 @@ void mix::make_series(bool video, bool sound) {
   files.lateness = latency_;
   series_.push_back(std::make_unique<files::file_series>(
       files,
-      files::file_series::surroundings{around_.folder, around_.loop, around_.files, around_.disk},
+      files::file_series::surroundings{around_.folder, around_.loop, around_.files, around_.disk,
+                                       around_.log.with("mix")},
       files::file_series::events{[this] { graph_->request_key_frame(); }, told_.failed,
                                  [this] { on_stopped(); }}));
   if (sound) sound_files_ = series_.back().get();

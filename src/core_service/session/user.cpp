@@ -87,7 +87,8 @@ std::shared_ptr<files::files_consumer> user::make_files() {
   files.lateness = lateness_;
   return std::make_shared<files::files_consumer>(
       std::move(files), plan_.keep_opus,
-      files::file_series::surroundings{around_.folder, around_.loop, around_.files, around_.disk},
+      files::file_series::surroundings{around_.folder, around_.loop, around_.files, around_.disk,
+                                       around_.log},
       files::file_series::events{[this] { request_key_frame(); }, told_.failed,
                                  [this] {
                                    if (media_ended_ && finished_) tell_finished();
