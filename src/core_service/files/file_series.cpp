@@ -118,7 +118,9 @@ void file_series::open_with_video(const media_sample& sample, const codec& kind)
   if (current_ != nullptr) {
     const bool full = current_->holds.video &&
                       gst_caps_is_equal(current_->video_caps.get(), sample.caps.get()) != FALSE;
-    cut(begin, full ? "chunk full" : current_->holds.video ? "picture changed" : "picture came");
+    cut(begin, full                    ? end_reason::kChunkFull
+               : current_->holds.video ? end_reason::kPictureChanged
+                                       : end_reason::kPictureCame);
   } else if (plan_.sound) {
     // Sound that was there before the first picture belongs to the file.
     const auto heard = first_kept();
@@ -186,7 +188,7 @@ void file_series::begin_sound(media_time begin, sound_way way,
 }
 
 // What comes later than `at` goes elsewhere.
-void file_series::cut(media_time at, const std::string& why) {
+void file_series::cut(media_time at, const recording_end& why) {
   current_->end = at;
   current_->why = why;
   current_->finishing = true;
@@ -214,7 +216,7 @@ void file_series::on_done(open_file* which, const std::string& error, bool disk)
     unlink((around_.folder + around_.files.at(which->entry).name).c_str());
     around_.files.remove(which->entry);
   } else {
-    const std::string why = which->why.empty() ? "error" : which->why;
+    const std::string why = text_of(which->why);
     around_.files.at(which->entry).closed = error.empty() ? why : why + ": " + error;
   }
   if (current_ == which) current_ = nullptr;
@@ -283,7 +285,7 @@ void file_series::expect_sound(const format_ptr& opus, media_time at) {
   if (opus) opus_.emplace(opus);
   if (!goes_on) return;
   const bool picture = current_->holds.video;
-  cut(at, "sound changed");
+  cut(at, end_reason::kSoundChanged);
   open(at, {container::kM4a, false, true}, nullptr, nullptr);
   if (picture) told_.need_key_frame();
 }
@@ -342,7 +344,7 @@ void file_series::route(const waiting_sound& next) {
     const bool full = &of == current_ && recording_ && !of.holds.video && plan_.chunk > 0s &&
                       next.sample.time - of.begin >= plan_.chunk;
     if (full) {
-      cut(next.sample.time, "chunk full");
+      cut(next.sample.time, end_reason::kChunkFull);
       open(next.sample.time, of.holds, nullptr, nullptr);
       return route(next);
     }
@@ -395,7 +397,7 @@ void file_series::tick_silence(media_time at) {
                      at - std::max(last_video_end_, current_->begin) > kPicturePatience;
   if (!waits) return;
   const media_time from = std::max(last_video_end_, sound_position().value_or(last_sound_end_));
-  cut(from, "picture stopped");
+  cut(from, end_reason::kPictureStopped);
   open(from, {container::kM4a, false, true}, nullptr, nullptr);
 }
 
@@ -405,7 +407,7 @@ void file_series::open_sound_alone() {
   open(std::max(*first, started_), {container::kM4a, false, true}, nullptr, nullptr);
 }
 
-void file_series::stop(const std::string& why, media_time at, media_time patience) {
+void file_series::stop(const recording_end& why, media_time at, media_time patience) {
   if (ending_) return;
   if (recording_ && current_ == nullptr && plan_.sound) open_sound_alone();
   recording_ = false;

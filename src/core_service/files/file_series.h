@@ -26,6 +26,7 @@
 
 #include "base/logger.h"
 #include "base/poster.h"
+#include "core_service/files/end_reason.h"
 #include "core_service/files/media_file.h"
 #include "core_service/folder/manifest.h"
 #include "core_service/media/format_caps.h"
@@ -93,7 +94,7 @@ class file_series {
   void start();
   // Records what was captured before `at`, for which it waits until `patience` has passed.
   // events::stopped follows.
-  void stop(const std::string& why, media::media_time at, media::media_time patience);
+  void stop(const recording_end& why, media::media_time at, media::media_time patience);
   // The disk has failed: files are left as they are from here on.
   void abandon();
   bool recording() const { return recording_; }
@@ -122,7 +123,7 @@ class file_series {
     const char* sound = "";  // its codec
     bool sound_done = false;
     bool finishing = false;
-    std::string why;
+    recording_end why = end_reason::kFailed;
   };
 
   struct waiting_sound {
@@ -140,7 +141,7 @@ class file_series {
   void open_with_video(const media::media_sample& sample, const media::codec& kind);
   void open(media::media_time begin, const media_file::contents& holds,
             const media::media_sample* video, const media::codec* kind);
-  void cut(media::media_time at, const std::string& why);
+  void cut(media::media_time at, const recording_end& why);
   void open_sound_alone();
   void begin_sound(media::media_time begin, sound_way way,
                    std::shared_ptr<media::sound_encoder> encoder);
@@ -189,7 +190,7 @@ class file_series {
   std::map<int, std::shared_ptr<media::sound_encoder>> encoders_;
 
   struct ending {
-    std::string why;
+    recording_end why;
     media::media_time at;
     media::media_time deadline;
   };

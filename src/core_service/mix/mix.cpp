@@ -204,13 +204,13 @@ void mix::start_service() {
   for (const auto& files : series_) files->start();
 }
 
-void mix::stop_service(const std::string& why) {
+void mix::stop_service(const files::recording_end& why) {
   if (!serving_.exchange(false)) return;
   const media_time at = media::now();
   for (const auto& files : series_) files->stop(why, at, latency_ + 1s);
 }
 
-void mix::finish(const std::string& why) {
+void mix::finish(const files::recording_end& why) {
   finishing_ = true;
   serving_ = false;
   if (series_.empty()) return posting_.post([this] { told_.finished(); });

@@ -52,9 +52,9 @@ class mix {
   void set_user_background(uint32_t uid, const std::string& path);
 
   void start_service();
-  void stop_service(const std::string& why);
+  void stop_service(const files::recording_end& why);
   // Everything that was captured until now is mixed and recorded; events::finished follows.
-  void finish(const std::string& why);
+  void finish(const files::recording_end& why);
   void abandon_files();
   void halve_pictures(bool halved);
   void tick();

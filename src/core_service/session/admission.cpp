@@ -180,7 +180,7 @@ void admission::let_go() {
   for (size_t left = rules_.too_many(users_.size()); left > 0; --left) {
     if (base::tick_ms() > until) return;
     const uint32_t uid = users_.last();
-    users_.end(uid, "let go");
+    users_.end(uid, files::end_reason::kLetGo);
     turn_away(uid, kLetGo, base::tick_ms());
   }
 }

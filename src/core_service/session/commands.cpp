@@ -112,8 +112,8 @@ void commands::on_stop_service() {
 
 void commands::set_serving(bool serving) {
   if (serving == users_.serves() || ending_.has_begun()) return;
-  constexpr const char* kStopped = "service stopped";
-  log_.notice(serving ? "service started" : kStopped);
+  constexpr files::end_reason kStopped = files::end_reason::kServiceStopped;
+  log_.notice(serving ? "service started" : files::name_of(kStopped));
   if (serving) {
     users_.start_service();
   } else {

@@ -17,7 +17,7 @@ void roster::start_service() {
   if (mix_ && !users_.empty()) mix_->start_service();
 }
 
-void roster::stop_service(const std::string& why) {
+void roster::stop_service(const files::recording_end& why) {
   serves_ = false;
   for (const auto& one : users_) one.second->stop_service(why);
   if (mix_) mix_->stop_service(why);
@@ -33,7 +33,7 @@ user& roster::add(uint32_t uid, std::unique_ptr<user> one) {
   return added;
 }
 
-void roster::end(uint32_t uid, const std::string& why) {
+void roster::end(uint32_t uid, const files::recording_end& why) {
   const auto found = users_.find(uid);
   if (found == users_.end()) return;
   user* const gone = leaving_.emplace_back(std::move(found->second)).get();
@@ -48,11 +48,11 @@ void roster::end(uint32_t uid, const std::string& why) {
   });
 }
 
-void roster::end_all(const std::string& why) {
+void roster::end_all(const files::recording_end& why) {
   while (!users_.empty()) end(users_.begin()->first, why);
 }
 
-void roster::finish_mix(const std::string& why) {
+void roster::finish_mix(const files::recording_end& why) {
   if (mix_) mix_->finish(why);
 }
 

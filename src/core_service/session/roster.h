@@ -21,7 +21,7 @@ class roster {
  public:
   struct events {
     // From inside end(): the user isn't here any more.
-    std::function<void(uint32_t uid, const std::string& why)> left;
+    std::function<void(uint32_t uid, const files::recording_end& why)> left;
     // Of somebody who left, or of the mix after finish_mix(), all files are complete.
     std::function<void()> completed;
   };
@@ -49,15 +49,15 @@ class roster {
 
   // Records and delivers, or only listens; also whoever comes later.
   void start_service();
-  void stop_service(const std::string& why);
+  void stop_service(const files::recording_end& why);
   bool serves() const { return serves_; }
 
   user& add(uint32_t uid, std::unique_ptr<user> one);
   // Whoever isn't here is none.
-  void end(uint32_t uid, const std::string& why);
-  void end_all(const std::string& why);
+  void end(uint32_t uid, const files::recording_end& why);
+  void end_all(const files::recording_end& why);
   // Everything that came until now is mixed.
-  void finish_mix(const std::string& why);
+  void finish_mix(const files::recording_end& why);
   // From mix::events.
   void note_mix_finished() {
     mix_finished_ = true;

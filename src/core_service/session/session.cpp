@@ -89,8 +89,8 @@ session::session(options given, const recorder_settings& settings, std::string s
             base::logger(options_.recording_file_dir, base::ZELTA_LOG_MODULE_IPC)),
       engine_(link_),
       missing_(manifest_, engine_, log_),
-      roster_({[this](uint32_t uid, const std::string& why) {
-                 log_.notice("user " + std::to_string(uid) + " out: " + why);
+      roster_({[this](uint32_t uid, const files::recording_end& why) {
+                 log_.notice("user " + std::to_string(uid) + " out: " + files::text_of(why));
                  engine_.user_out(uid);
                  report_receiving();
                },
@@ -283,13 +283,13 @@ user::events session::events_of(uint32_t uid) {
   };
   told.failed = [this, uid](const std::string& why, bool disk) { on_files_failed(uid, why, disk); };
   told.missing = [this, uid](const missing_medium& what) { missing_.tell(uid, what); };
-  told.ended = [this, uid](const std::string& why) { roster_.end(uid, why); };
+  told.ended = [this, uid](const files::recording_end& why) { roster_.end(uid, why); };
   return told;
 }
 
 void session::on_user_out(uint32_t uid) {
   admission_.gone(uid);
-  roster_.end(uid, "user left");
+  roster_.end(uid, files::end_reason::kUserLeft);
 }
 
 void session::on_missing(uint32_t uid, const missing_medium& what) {
@@ -415,8 +415,8 @@ void session::finish() {
   admission_.close();
   if (channel_) channel_->leave();
   // The mix first: it still has to mix what its users have sent by now.
-  roster_.finish_mix("recording ended");
-  roster_.end_all("recording ended");
+  roster_.finish_mix(files::end_reason::kRecordingEnded);
+  roster_.end_all(files::end_reason::kRecordingEnded);
 }
 
 void session::seal() {

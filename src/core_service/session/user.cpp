@@ -24,6 +24,12 @@ constexpr media_time kThreadsPatience = 5s;
 constexpr const char* kUnread =
     "the last ones were not read in time, because the machine was too busy";
 
+// A graph says in words how its media ended by itself.
+files::recording_end end_of_media(const std::string& why) {
+  if (why == files::name_of(files::end_reason::kEndOfMedia)) return files::end_reason::kEndOfMedia;
+  return why;
+}
+
 }  // namespace
 
 user::user(uint32_t uid, media::user_media from, const recording_plan& plan,
@@ -241,7 +247,7 @@ void user::start_service() {
   if (consumers_.takes(form::kAccessUnits)) request_key_frame();
 }
 
-void user::stop_service(const std::string& why) {
+void user::stop_service(const files::recording_end& why) {
   if (!std::exchange(serving_, false)) return;
   frames_->serve(false);
   if (stills_) stills_->serve(false);
@@ -270,7 +276,7 @@ void user::leave_out(bool stills, bool application_pictures) {
   if (stills_) stills_->leave_out(stills);
 }
 
-void user::finish(const std::string& why, std::function<void()> finished) {
+void user::finish(const files::recording_end& why, std::function<void()> finished) {
   finish_reason_ = why;
   finished_ = std::move(finished);
   finish_time_ = media::now();
@@ -288,18 +294,18 @@ void user::drain() {
   drained_ = true;
   if (source_) source_->end();
   const bool decodes = graph_ && !graph_ended_ && !media_ended_;
-  if (decodes) return graph_->finish(finish_reason_, source_ != nullptr);
+  if (decodes) return graph_->finish(files::text_of(*finish_reason_), source_ != nullptr);
   on_media_end();
 }
 
 void user::on_graph_finished(const std::string& why) {
   graph_ended_ = true;
-  const bool by_itself = finish_reason_.empty();
+  const bool by_itself = !finish_reason_;
   // What a decoder can't go on with is recorded all the same.
   if (feed_ && (by_itself || !drained_)) return;
   if (!by_itself) return on_media_end();
   media_ended_ = true;
-  told_.ended(why);
+  told_.ended(end_of_media(why));
 }
 
 void user::on_media_end() {
@@ -308,10 +314,10 @@ void user::on_media_end() {
   files::file_series& series = files_->series();
   // Media that ended by itself ends where its last sound or picture does.
   media_time end = finish_time_;
-  if (finish_reason_ == "end of media") {
+  if (finish_reason_ == files::recording_end(files::end_reason::kEndOfMedia)) {
     end = std::max(series.last_video_end(), series.last_heard().value_or(media_time::zero()));
   }
-  series.stop(finish_reason_, end, 0s);
+  series.stop(*finish_reason_, end, 0s);
 }
 
 // A copy, because what is called may destroy this.
@@ -325,7 +331,7 @@ void user::tick() {
   if (!fault.empty()) told_.missing({"all", "", fault});
   count_losses();
   // Between the end of the sender and the end of what it sent nothing is missing.
-  const bool draining = !finish_reason_.empty() && !media_ended_;
+  const bool draining = finish_reason_ && !media_ended_;
   if (files_ && !draining) files_->series().tick();
   frames_->fill_sound(media::now() - lateness_ - kSoundPatience);
 }

@@ -34,7 +34,7 @@ class user {
     // Something of the user can't be recorded; what else there is, is.
     std::function<void(const missing_medium& what)> missing;
     // The media ended by itself; finish() is to be called.
-    std::function<void(const std::string& why)> ended;
+    std::function<void(const files::recording_end& why)> ended;
   };
 
   // `may_decode_pictures` false: nothing that needs them decoded is made. `mix` may be null.
@@ -54,10 +54,10 @@ class user {
   void start();
   // Records and delivers, or only listens.
   void start_service();
-  void stop_service(const std::string& why);
+  void stop_service(const files::recording_end& why);
   // The user is gone: what has come is recorded to its end. `finished` follows when all files are
   // complete; the user may be destroyed from inside it.
-  void finish(const std::string& why, std::function<void()> finished);
+  void finish(const files::recording_end& why, std::function<void()> finished);
   void abandon_files();
   // What may be left out of what is made while the machine is too busy.
   void leave_out(bool stills, bool application_pictures);
@@ -114,7 +114,7 @@ class user {
   std::shared_ptr<media::volume_meter> volume_;
   media::consumers consumers_;
   std::unique_ptr<media::user_graph> graph_;
-  std::string finish_reason_;
+  std::optional<files::recording_end> finish_reason_;
   std::function<void()> finished_;
   media::media_time finish_time_{};
   bool media_ended_ = false;
