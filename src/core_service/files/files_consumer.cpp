@@ -7,12 +7,12 @@ namespace zelta::core_service::files {
 
 // Gaps that are to stay gaps are left by the encoder's way alone.
 bool files_consumer::keeps(const media::codec& kind) const {
-  return plan_.sound && keeps_opus_ && plan_.longest_gap == media::media_time::zero() &&
+  return settings_.sound && keeps_opus_ && settings_.longest_gap == media::media_time::zero() &&
          std::strcmp(kind.name, "opus") == 0;
 }
 
 void files_consumer::expect_sound(const media::format_ptr& format, media::media_time from) {
-  if (!plan_.sound) return;
+  if (!settings_.sound) return;
   keeps_sound_ = keeps(*format->kind);
   series_.expect_sound(keeps_sound_ ? format : nullptr, from);
 }

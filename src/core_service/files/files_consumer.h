@@ -15,15 +15,15 @@ namespace zelta::core_service::files {
 class files_consumer final : public media::consumer {
  public:
   // `keeps_opus`: it goes in as it came.
-  files_consumer(series_plan plan, bool keeps_opus, file_series::surroundings around,
+  files_consumer(series_settings how, bool keeps_opus, file_series::surroundings around,
                  file_series::events told)
-      : plan_(plan),
+      : settings_(how),
         keeps_opus_(keeps_opus),
-        series_(std::move(plan), std::move(around), std::move(told)) {}
+        series_(std::move(how), std::move(around), std::move(told)) {}
 
   bool takes(media::form what) const override {
-    if (what == media::form::kCodedPictures) return plan_.video;
-    return (what == media::form::kSound || what == media::form::kCodedSound) && plan_.sound;
+    if (what == media::form::kCodedPictures) return settings_.video;
+    return (what == media::form::kSound || what == media::form::kCodedSound) && settings_.sound;
   }
   bool wants(media::form what) const override {
     if (what == media::form::kSound && keeps_sound_) return false;
@@ -46,7 +46,7 @@ class files_consumer final : public media::consumer {
   file_series& series() { return series_; }
 
  private:
-  const series_plan plan_;
+  const series_settings settings_;
   const bool keeps_opus_;
   std::atomic<bool> keeps_sound_{false};
   file_series series_;

@@ -23,7 +23,7 @@ constexpr int kFinishLimitMs = 5000;
 // A disk that is behind by so much will not catch up, and the memory is needed for the others.
 constexpr size_t kBacklogLimitBytes = 256U << 20;
 
-std::unique_ptr<media::muxer> muxer_of(const media_file::contents& holds) {
+std::unique_ptr<media::muxer> muxer_of(const file_contents& holds) {
   if (holds.kind == container::kWebm) {
     return std::make_unique<media::webm::muxer>(holds.video, holds.sound);
   }
@@ -33,7 +33,7 @@ std::unique_ptr<media::muxer> muxer_of(const media_file::contents& holds) {
 
 }  // namespace
 
-media_file::media_file(const std::string& path, const contents& holds, base::event_loop& loop,
+media_file::media_file(const std::string& path, const file_contents& holds, base::event_loop& loop,
                        file_writer& disk, done_callback done)
     : poster_(loop),
       done_(std::move(done)),

@@ -12,6 +12,7 @@
 
 #include "base/poster.h"
 #include "base/scoped_timer.h"
+#include "core_service/files/file_contents.h"
 #include "core_service/files/file_writer.h"
 #include "core_service/media/codecs.h"
 #include "core_service/media/muxer.h"
@@ -19,21 +20,14 @@
 
 namespace zelta::core_service::files {
 
-enum class container { kMp4, kM4a, kWebm };
-
 class media_file {
  public:
-  struct contents {
-    container kind;
-    bool video;
-    bool sound;
-  };
   // All is written, or as much as could be: `error` is empty, or says why not all; `disk` tells
   // that the disk was the reason. The file may be destroyed from inside the call.
   using done_callback = std::function<void(const std::string& error, bool disk)>;
 
   // Nothing is called from inside. Loop and writer are borrowed.
-  media_file(const std::string& path, const contents& holds, base::event_loop& loop,
+  media_file(const std::string& path, const file_contents& holds, base::event_loop& loop,
              file_writer& disk, done_callback done);
   media_file(const media_file&) = delete;
   media_file& operator=(const media_file&) = delete;
@@ -59,7 +53,7 @@ class media_file {
 
   const base::poster poster_;
   const done_callback done_;
-  const contents holds_;
+  const file_contents holds_;
   base::scoped_timer limit_;
   bool ended_ = false;
   bool written_ = false;

@@ -2,17 +2,14 @@
 // The one timeline that all media of a recording stand on: the system's monotonic clock.
 #pragma once
 
-#include <chrono>
 #include <cstdint>
 
 #include <gst/gst.h>
 
 #include "core_service/media/gst.h"
+#include "core_service/media/media_time.h"
 
 namespace zelta::core_service::media {
-
-// A moment or a span on the monotonic clock, which is GStreamer's system clock as well.
-using media_time = std::chrono::nanoseconds;
 
 media_time now();
 

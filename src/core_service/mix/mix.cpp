@@ -83,7 +83,7 @@ bool mix::build(const backgrounds& images, std::string& error) {
 }
 
 void mix::make_series(bool video, bool sound) {
-  files::series_plan files;
+  files::series_settings files;
   files.prefix = "mix";
   files.video = video;
   files.sound = sound;

@@ -81,7 +81,7 @@ void user::make_consumers(const media::user_media& from, bool may_decode_picture
 }
 
 std::shared_ptr<files::files_consumer> user::make_files() {
-  files::series_plan files;
+  files::series_settings files;
   files.uid = uid_;
   files.prefix = std::to_string(uid_);
   files.video = plan_.record_video;
