@@ -46,11 +46,11 @@ class file_series::opus_intake : public opus_sink {
   const int stretch_;
 };
 
-file_series::file_series(series_settings settings, surroundings around, events told)
+file_series::file_series(series_settings settings, destination to, events told)
     : settings_(std::move(settings)),
-      around_(std::move(around)),
-      told_(std::move(told)),
-      poster_(around_.loop),
+      destination_(std::move(to)),
+      events_(std::move(told)),
+      poster_(destination_.loop),
       plan_({settings_.video, settings_.sound, settings_.chunk, settings_.lateness}, *this) {
   if (settings_.sound) {
     line_.emplace(static_cast<size_t>(settings_.channels), settings_.longest_gap, kFileBlock);
@@ -114,18 +114,18 @@ void file_series::on_done(int file, const std::string& error, bool disk) {
   enter(of);
   if (of.file->empty()) {
     // A file without media only puzzles whoever finds it.
-    unlink((around_.folder + around_.files.at(of.entry).name).c_str());
-    around_.files.remove(of.entry);
+    unlink((destination_.folder + destination_.files.at(of.entry).name).c_str());
+    destination_.files.remove(of.entry);
   } else {
     const std::string why = text_of(of.why);
-    around_.files.at(of.entry).closed = error.empty() ? why : why + ": " + error;
+    destination_.files.at(of.entry).closed = error.empty() ? why : why + ": " + error;
   }
   files_.erase(file);
   plan_.on_file_end(file, !error.empty());
-  around_.files.changed();
+  destination_.files.changed();
   if (!error.empty()) {
-    around_.log.error("a file ended: " + error);
-    told_.failed(error, disk);
+    destination_.log.error("a file ended: " + error);
+    events_.failed(error, disk);
   }
   poster_.post([this] { plan_.tell_if_stopped(); });
 }
@@ -135,21 +135,21 @@ void file_series::on_done(int file, const std::string& error, bool disk) {
 bool file_series::open(const series_plan::new_file& wanted) {
   open_file& of = files_[wanted.number];
   of.holds = wanted.holds;
-  const std::string name = claim_file(around_.folder, settings_.prefix, utc_ms_of(wanted.begin),
-                                      ending_of(wanted.holds.kind));
-  of.file =
-      std::make_unique<media_file>(around_.folder + name, wanted.holds, around_.loop, around_.disk,
-                                   [this, file = wanted.number](const std::string& why, bool disk) {
-                                     on_done(file, why, disk);
-                                   });
+  const std::string name = claim_file(destination_.folder, settings_.prefix,
+                                      utc_ms_of(wanted.begin), ending_of(wanted.holds.kind));
+  of.file = std::make_unique<media_file>(
+      destination_.folder + name, wanted.holds, destination_.loop, destination_.disk,
+      [this, file = wanted.number](const std::string& why, bool disk) {
+        on_done(file, why, disk);
+      });
   const bool encodes = wanted.begins_stretch && wanted.way != sound_way::kAsItCame;
   std::string error;
   std::shared_ptr<sound_encoder> encoder = encodes ? make_encoder(wanted, error) : nullptr;
   if (encodes && !encoder) {
     files_.erase(wanted.number);
-    unlink((around_.folder + name).c_str());
-    around_.log.error("can't be recorded: " + error);
-    told_.failed(error, false);
+    unlink((destination_.folder + name).c_str());
+    destination_.log.error("can't be recorded: " + error);
+    events_.failed(error, false);
     return false;
   }
   if (wanted.holds.video) {
@@ -165,10 +165,10 @@ bool file_series::open(const series_plan::new_file& wanted) {
   // Until the first media has come back from the file's own thread, and for good when the recorder
   // dies before.
   entry.first_utc_ms = entry.last_utc_ms = utc_ms_of(wanted.begin);
-  of.entry = around_.files.add(entry);
+  of.entry = destination_.files.add(entry);
   if (wanted.begins_stretch) begin_sound(wanted, std::move(encoder));
   update_manifest();
-  around_.files.changed();
+  destination_.files.changed();
   return true;
 }
 
@@ -189,11 +189,11 @@ void file_series::write_picture(int file) {
 }
 
 void file_series::need_key_frame() {
-  told_.need_key_frame();
+  events_.need_key_frame();
 }
 
 void file_series::stopped() {
-  told_.stopped();
+  events_.stopped();
 }
 
 // ---- Sound ---------------------------------------------------------------------------------
@@ -210,7 +210,7 @@ std::shared_ptr<sound_encoder> file_series::make_encoder(const series_plan::new_
        },
        [this, number] { poster_.post([this, number] { on_sound_end(number); }); }},
       error);
-  if (!made) around_.log.error("no sound: " + error);
+  if (!made) destination_.log.error("no sound: " + error);
   // The line lets go of it at the cut, when its last sound is still inside.
   if (made) encoders_[number] = made;
   return made;
@@ -285,7 +285,7 @@ void file_series::update_manifest() {
 }
 
 void file_series::enter(const open_file& of) {
-  manifest_file& entry = around_.files.at(of.entry);
+  manifest_file& entry = destination_.files.at(of.entry);
   entry.kind = !of.holds.video ? "audio" : of.holds.sound ? "audio_video" : "video";
   if (of.holds.sound) entry.audio_codec = of.sound;
   if (of.video != nullptr) {

@@ -21,6 +21,7 @@
 
 #include "base/logger.h"
 #include "base/poster.h"
+#include "core_service/files/destination.h"
 #include "core_service/files/end_reason.h"
 #include "core_service/files/media_file.h"
 #include "core_service/files/series_plan.h"
@@ -49,13 +50,6 @@ struct series_settings {
 
 class file_series final : private series_plan::executor {
  public:
-  struct surroundings {
-    std::string folder;
-    base::event_loop& loop;
-    manifest& files;
-    file_writer& disk;
-    base::logger log;
-  };
   struct events {
     // A picture is needed that can be decoded by itself.
     std::function<void()> need_key_frame;
@@ -65,7 +59,7 @@ class file_series final : private series_plan::executor {
     std::function<void()> stopped;
   };
 
-  file_series(series_settings settings, surroundings around, events told);
+  file_series(series_settings settings, destination to, events told);
   file_series(const file_series&) = delete;
   file_series& operator=(const file_series&) = delete;
   // Stops at once: MP4 files stay fragmented ones.
@@ -146,8 +140,8 @@ class file_series final : private series_plan::executor {
   void enter(const open_file& of);
 
   const series_settings settings_;
-  const surroundings around_;
-  const events told_;
+  const destination destination_;
+  const events events_;
   const base::poster poster_;
   series_plan plan_;
   // Samples, or Opus as it comes while there is a line for it.

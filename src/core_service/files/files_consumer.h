@@ -15,11 +15,10 @@ namespace zelta::core_service::files {
 class files_consumer final : public media::consumer {
  public:
   // `keeps_opus`: it goes in as it came.
-  files_consumer(series_settings how, bool keeps_opus, file_series::surroundings around,
-                 file_series::events told)
+  files_consumer(series_settings how, bool keeps_opus, destination to, file_series::events told)
       : settings_(how),
         keeps_opus_(keeps_opus),
-        series_(std::move(how), std::move(around), std::move(told)) {}
+        series_(std::move(how), std::move(to), std::move(told)) {}
 
   bool takes(media::form what) const override {
     if (what == media::form::kCodedPictures) return settings_.video;

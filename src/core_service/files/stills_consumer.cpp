@@ -13,7 +13,11 @@ namespace zelta::core_service::files {
 
 stills_consumer::stills_consumer(uint32_t uid, std::string folder, manifest& files,
                                  base::event_loop& loop, events told)
-    : uid_(uid), folder_(std::move(folder)), files_(files), told_(std::move(told)), poster_(loop) {}
+    : uid_(uid),
+      folder_(std::move(folder)),
+      files_(files),
+      events_(std::move(told)),
+      poster_(loop) {}
 
 // Written under another name first, so that whoever looks for pictures finds whole ones.
 void stills_consumer::on_still(const media::media_sample& sample, int /*rotation*/) {
@@ -33,9 +37,9 @@ void stills_consumer::on_still(const media::media_sample& sample, int /*rotation
     if (written) return files_.count_picture(uid_);
     std::remove((path + ".new").c_str());
     if (!is_shortage(error)) {
-      return told_.failed("can't write " + path + ": " + std::strerror(error));
+      return events_.failed("can't write " + path + ": " + std::strerror(error));
     }
-    told_.missing({"captured pictures", "jpeg", std::strerror(error)});
+    events_.missing({"captured pictures", "jpeg", std::strerror(error)});
   });
 }
 

@@ -39,7 +39,7 @@ class stills_consumer final : public media::consumer {
   const uint32_t uid_;
   const std::string folder_;
   manifest& files_;
-  const events told_;
+  const events events_;
   const base::poster poster_;
   std::atomic<bool> serves_{false};
   std::atomic<bool> left_out_{false};

@@ -158,7 +158,7 @@ void manifest::adopt_leftovers() {
   // What the predecessor has told needs no second telling.
   missing_before_ = std::min<size_t>(missing_before_of_last_, missing_.size());
   for (size_t i = missing_before_; i < missing_.size(); ++i) {
-    if (missing_[i].until_utc_ms == 0) told_.insert(identity_of(missing_[i]));
+    if (missing_[i].until_utc_ms == 0) noted_.insert(identity_of(missing_[i]));
   }
   const std::set<std::string> of_others = listed_elsewhere();
   std::map<std::string, size_t> known;
@@ -203,8 +203,8 @@ bool manifest::note_missing(uint32_t uid, const missing_medium& what) {
   manifest_gap gap{uid, channel_id_, what, base::utc_ms(), 0};
   gap.what.reason.resize(std::min(gap.what.reason.size(), kLongestReason));
   std::string identity = identity_of(gap);
-  if (told_.count(identity) != 0) return false;
-  if (told_.size() < kMostRemembered) told_.insert(std::move(identity));
+  if (noted_.count(identity) != 0) return false;
+  if (noted_.size() < kMostRemembered) noted_.insert(std::move(identity));
   if (missing_.size() - missing_before_ < kMostMissing) missing_.push_back(std::move(gap));
   return true;
 }
@@ -214,7 +214,7 @@ void manifest::end_missing(uint32_t uid, const std::string& medium) {
     manifest_gap& gap = missing_[i];
     if (gap.uid != uid || gap.what.medium != medium || gap.until_utc_ms != 0) continue;
     gap.until_utc_ms = base::utc_ms();
-    told_.erase(identity_of(gap));
+    noted_.erase(identity_of(gap));
     changed();
   }
 }

@@ -111,7 +111,7 @@ class manifest {
   // As the manifest had it that was found.
   size_t missing_before_of_last_ = 0;
   // What this session has told, each by all that makes it one.
-  std::set<std::string> told_;
+  std::set<std::string> noted_;
   // By the processes before this one, and in all.
   dropped_counts dropped_before_;
   dropped_counts dropped_;

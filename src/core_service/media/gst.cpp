@@ -143,7 +143,7 @@ GstElement* add(GstElement* parent, element_ptr child) {
 }
 
 bus_watch::bus_watch(GstElement* pipeline, base::event_loop& loop, events told)
-    : told_(std::move(told)), bus_(gst_pipeline_get_bus(GST_PIPELINE(pipeline))), poster_(loop) {
+    : events_(std::move(told)), bus_(gst_pipeline_get_bus(GST_PIPELINE(pipeline))), poster_(loop) {
   GPollFD polled{};
   gst_bus_get_pollfd(bus_.get(), &polled);
   watch_ = {loop, polled.fd, {[this] { on_readable(); }}};
@@ -160,7 +160,7 @@ void bus_watch::on_readable() {
 
 void bus_watch::on_message(GstMessage* message) {
   // Copies, because what is called may destroy this.
-  const events told = told_;
+  const events told = events_;
   if (type_of(message) == GST_MESSAGE_EOS && told.ended) return told.ended();
   if (type_of(message) == GST_MESSAGE_ELEMENT && told.unknown) {
     // Of the base plugins' utilities, whose library is one more to link for this name alone.

@@ -137,12 +137,10 @@ class bus_watch {
   void on_readable();
   void on_message(GstMessage* message);
 
-  const events told_;
+  const events events_;
   bus_ptr bus_;
   base::poster poster_;
   base::scoped_watch watch_;
 };
-
-using posting = base::poster;
 
 }  // namespace zelta::core_service::media

@@ -57,9 +57,9 @@ user_graph::user_graph(uint32_t uid, user_media from, consumers to, int channels
     : uid_(uid),
       to_(std::move(to)),
       channels_(channels),
-      told_(std::move(told)),
+      events_(std::move(told)),
       log_(std::move(log)),
-      posting_(loop),
+      poster_(loop),
       pipeline_(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr)))),
       source_(from.source.get()),
       complete_source_(from.complete) {
@@ -77,7 +77,7 @@ user_graph::user_graph(uint32_t uid, user_media from, consumers to, int channels
                           done("end of media");
                         },
                         [this](const std::string& why, const std::string& /*from*/, bool /*disk*/) {
-                          told_.missing({"all", "", why});
+                          events_.missing({"all", "", why});
                           done("error: " + why);
                         },
                         [this](const GstCaps* caps) { leave_out_unknown(caps); }});
@@ -126,7 +126,7 @@ void user_graph::on_pad_added(GstElement* /*source*/, GstPad* pad, gpointer self
 void user_graph::on_pad_removed(GstElement* /*source*/, GstPad* pad, gpointer self) {
   auto* const graph = static_cast<user_graph*>(self);
   const std::shared_ptr<GstPad> kept(GST_PAD(gst_object_ref(pad)), gst_object_unref);
-  graph->posting_.post([graph, kept] { graph->detach(kept.get()); });
+  graph->poster_.post([graph, kept] { graph->detach(kept.get()); });
 }
 
 void user_graph::detach(GstPad* pad) {
@@ -158,7 +158,7 @@ void user_graph::detach(GstPad* pad) {
 
 void user_graph::on_no_more_pads(GstElement* /*source*/, gpointer self) {
   auto* const graph = static_cast<user_graph*>(self);
-  graph->posting_.post([graph] { graph->note_tracks(); });
+  graph->poster_.post([graph] { graph->note_tracks(); });
 }
 
 void user_graph::note_tracks() {
@@ -174,7 +174,7 @@ void user_graph::note_tracks() {
     }
   }
   if (!any) log_.warn("sends nothing that is to be recorded");
-  told_.tracks_known(sound, video);
+  events_.tracks_known(sound, video);
 }
 
 bool user_graph::wanted(media_kind kind) const {
@@ -244,7 +244,7 @@ void user_graph::discard(GstPad* pad) {
 // Any thread.
 void user_graph::leave_out(missing_medium what) {
   offered_ = true;
-  posting_.post([this, what = std::move(what)] { told_.missing(what); });
+  poster_.post([this, what = std::move(what)] { events_.missing(what); });
 }
 
 // Texts and data beside the media are no loss of media.
@@ -406,7 +406,7 @@ void user_graph::receive(const std::shared_ptr<track>& t, const char* name,
       },
       [this] {
         if (--open_sinks_ > 0) return;
-        posting_.post([this] {
+        poster_.post([this] {
           // A source has sinks of its own, which this end doesn't reach.
           if (!finish_reason_.empty()) done(finish_reason_);
         });
@@ -436,7 +436,7 @@ void user_graph::connect_video(const std::shared_ptr<track>& t) {
     note(t, sample);
     if (!to_.takes(form::kCodedPictures)) return;
     const auto shared = std::make_shared<media_sample>(std::move(sample));
-    posting_.post([this, t, shared] {
+    poster_.post([this, t, shared] {
       if (!is_current(*t, shared->time)) return;
       to_.each(form::kCodedPictures,
                [&](consumer& one) { one.on_coded_picture(*shared, *t->kind); });
@@ -515,14 +515,14 @@ void user_graph::note(const std::shared_ptr<track>& t, const media_sample& sampl
   const GstStructure* const fields = gst_caps_get_structure(sample.caps.get(), 0);
   gst_structure_get_int(fields, "width", &width);
   gst_structure_get_int(fields, "height", &height);
-  posting_.post([this, t, width, height] { on_first(*t, width, height); });
+  poster_.post([this, t, width, height] { on_first(*t, width, height); });
 }
 
 void user_graph::on_first(const track& t, int width, int height) {
   bool& flag = t.kind->kind == media_kind::kVideo ? video_ : sound_;
   if (std::exchange(flag, true)) return;
-  if (t.kind->kind == media_kind::kVideo) return told_.first_video(width, height);
-  told_.first_sound();
+  if (t.kind->kind == media_kind::kVideo) return events_.first_video(width, height);
+  events_.first_sound();
 }
 
 void user_graph::request_key_frame() {
@@ -552,8 +552,8 @@ void user_graph::finish(const std::string& why, bool ended) {
     for (const end& e : ends_) ends.emplace_back(e.source.get(), e.in.get());
   }
   // Or all of them have ended before.
-  if (ends.empty() || open_sinks_ == 0) return posting_.post([this, why] { done(why); });
-  give_up_timer_ = {posting_.loop(), kFinishLimitMs, [this] { done(finish_reason_); }};
+  if (ends.empty() || open_sinks_ == 0) return poster_.post([this, why] { done(why); });
+  give_up_timer_ = {poster_.loop(), kFinishLimitMs, [this] { done(finish_reason_); }};
   if (ended) return;
   // Nothing more from the source, and the end of the stream behind what has come: the source itself
   // may hold seconds of media that must not be recorded any more.
@@ -570,7 +570,7 @@ void user_graph::finish(const std::string& why, bool ended) {
 // A source that ended by itself has had all its chances; one that was cut off, if it sent for so
 // long. Behind what is on its way through the loop.
 void user_graph::tell_what_never_came(media_time patience) {
-  posting_.post([this, patience, at = now()] {
+  poster_.post([this, patience, at = now()] {
     std::vector<const codec*> silent;
     {
       const std::lock_guard<std::mutex> guard(tracks_lock_);
@@ -580,10 +580,10 @@ void user_graph::tell_what_never_came(media_time patience) {
       }
     }
     for (const codec* const c : silent) {
-      told_.missing({name_of(c->kind), c->name, "nothing of it could be parsed or decoded"});
+      events_.missing({name_of(c->kind), c->name, "nothing of it could be parsed or decoded"});
     }
     if (!offered_ && patience == 0s)
-      told_.missing({"all", "", "there is no sound or picture in it"});
+      events_.missing({"all", "", "there is no sound or picture in it"});
   });
 }
 
@@ -592,7 +592,7 @@ void user_graph::done(const std::string& why) {
   give_up_timer_.stop();
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
   // Behind the samples that are still on their way through the loop.
-  posting_.post([this, why] { told_.finished(why); });
+  poster_.post([this, why] { events_.finished(why); });
 }
 
 }  // namespace zelta::core_service::media

@@ -126,9 +126,9 @@ class user_graph {
   const uint32_t uid_;
   const consumers to_;
   const int channels_;
-  const events told_;
+  const events events_;
   const base::logger log_;
-  const posting posting_;
+  const base::poster poster_;
   element_ptr pipeline_;
   std::optional<bus_watch> watch_;
   GstElement* source_;  // borrowed from the pipeline

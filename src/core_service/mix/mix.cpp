@@ -20,18 +20,20 @@ constexpr media_time kStallLimit = 10s;
 }  // namespace
 
 std::unique_ptr<mix> mix::make(const recording_plan& plan, media_time lateness,
-                               const backgrounds& images, const surroundings& around, events told,
-                               std::string& error) {
-  std::unique_ptr<mix> made(new mix(plan, lateness, around, std::move(told)));
+                               const backgrounds& images, const files::destination& to,
+                               engine_link& engine, events told, std::string& error) {
+  std::unique_ptr<mix> made(new mix(plan, lateness, to, engine, std::move(told)));
   if (!made->build(images, error)) return nullptr;
   return made;
 }
 
-mix::mix(const recording_plan& plan, media_time lateness, const surroundings& around, events told)
+mix::mix(const recording_plan& plan, media_time lateness, const files::destination& to,
+         engine_link& engine, events told)
     : plan_(plan),
-      around_(around),
-      told_(std::move(told)),
-      posting_(around_.loop),
+      destination_(to),
+      link_(engine),
+      events_(std::move(told)),
+      poster_(destination_.loop),
       latency_(lateness + kMixingTime),
       h264_(media::find_codec("h264")),
       progress_(media::now().count()) {}
@@ -52,28 +54,28 @@ bool mix::build(const backgrounds& images, std::string& error) {
   if (plan_.sound_out == sound_frames::kMixedPcm) {
     frame_line_.emplace(static_cast<size_t>(plan_.channels), media_time::zero(),
                         media::kFrameBlock);
-    frames_ = std::make_shared<media::frame_sender>(media::frame_labels{0, plan_.avsync_type},
-                                                    around_.link);
+    frames_ =
+        std::make_shared<media::frame_sender>(media::frame_labels{0, plan_.avsync_type}, link_);
   }
   mix_graph::outputs to;
   to.video = [this](media::media_sample sample) {
     progress_ = sample.time.count();
     const auto shared = std::make_shared<media::media_sample>(std::move(sample));
-    posting_.post([this, shared] { series_.front()->on_video(*shared, *h264_); });
+    poster_.post([this, shared] { series_.front()->on_video(*shared, *h264_); });
   };
   to.sound = [this](media_time time, const int16_t* samples, size_t frames) {
     on_sound(time, samples, frames);
   };
-  to.failed = [this](const std::string& why) { told_.failed("the mix failed: " + why, true); };
+  to.failed = [this](const std::string& why) { events_.failed("the mix failed: " + why, true); };
   graph_ = mix_graph::make(
       {plan_.mix_video, plan_.mix_sound, plan_.mix_width, plan_.mix_height, plan_.mix_fps,
        plan_.mix_kbps, plan_.mix_high_profile, plan_.channels, latency_},
-      around_.loop, std::move(to), error);
+      destination_.loop, std::move(to), error);
   if (!graph_) return false;
   std::string fault;
   const auto load = [this, &fault](const std::string& path) {
     media::sample_ptr image = path.empty() ? nullptr : load_picture(path, fault);
-    if (!path.empty() && !image) around_.log.warn("background " + fault);
+    if (!path.empty() && !image) destination_.log.warn("background " + fault);
     return image;
   };
   canvas_image_ = load(images.canvas);
@@ -91,11 +93,11 @@ void mix::make_series(bool video, bool sound) {
   files.sound_bits_per_second = plan_.sound_bits_per_second;
   files.chunk = plan_.chunk;
   files.lateness = latency_;
+  files::destination to = destination_;
+  to.log = to.log.with("mix");
   series_.push_back(std::make_unique<files::file_series>(
-      files,
-      files::file_series::surroundings{around_.folder, around_.loop, around_.files, around_.disk,
-                                       around_.log.with("mix")},
-      files::file_series::events{[this] { graph_->request_key_frame(); }, told_.failed,
+      files, std::move(to),
+      files::file_series::events{[this] { graph_->request_key_frame(); }, events_.failed,
                                  [this] { on_stopped(); }}));
   if (sound) sound_files_ = series_.back().get();
 }
@@ -159,7 +161,7 @@ void mix::set_layout(const recording::mixing_layout& layout) {
     warnings.push_back("layout: the background colour \"" + layout.background_color +
                        "\" should be like #1a2b3c; it is black");
   }
-  for (const std::string& text : warnings) around_.log.warn(text);
+  for (const std::string& text : warnings) destination_.log.warn(text);
   show_canvas();
   arrange();
 }
@@ -170,7 +172,8 @@ void mix::set_user_background(uint32_t uid, const std::string& path) {
   } else {
     std::string fault;
     media::sample_ptr image = load_picture(path, fault);
-    if (!image) return around_.log.warn("background of user " + std::to_string(uid) + ": " + fault);
+    if (!image)
+      return destination_.log.warn("background of user " + std::to_string(uid) + ": " + fault);
     user_images_[uid] = std::move(image);
   }
   const media::sample_ptr background = background_of(uid);
@@ -213,7 +216,7 @@ void mix::stop_service(const files::recording_end& why) {
 void mix::finish(const files::recording_end& why) {
   finishing_ = true;
   serving_ = false;
-  if (series_.empty()) return posting_.post([this] { told_.finished(); });
+  if (series_.empty()) return poster_.post([this] { events_.finished(); });
   // One that was stopped already says again when it is complete.
   const media_time at = media::now();
   for (const auto& files : series_) files->stop(why, at, latency_ + 1s);
@@ -228,7 +231,7 @@ void mix::abandon_files() {
 }
 
 void mix::on_stopped() {
-  if (finishing_ && ++stopped_ == series_.size()) told_.finished();
+  if (finishing_ && ++stopped_ == series_.size()) events_.finished();
 }
 
 void mix::tick() {
@@ -236,7 +239,7 @@ void mix::tick() {
   graph_->tick();
   for (const auto& files : series_) files->tick();
   if (serving_ && !finishing_ && media::now() - media_time(progress_) > latency_ + kStallLimit) {
-    told_.failed("the mix has stopped: nothing was mixed for 10 s", true);
+    events_.failed("the mix has stopped: nothing was mixed for 10 s", true);
   }
 }
 

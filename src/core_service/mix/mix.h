@@ -13,10 +13,10 @@
 #include <string>
 #include <vector>
 
+#include "core_service/files/destination.h"
 #include "core_service/files/file_series.h"
 #include "core_service/frames/frame_sender.h"
 #include "core_service/mix/mix_graph.h"
-#include "core_service/session/surroundings.h"
 #include "core_service/task/recording_plan.h"
 
 namespace zelta::core_service::mix {
@@ -37,8 +37,8 @@ class mix {
 
   // `lateness` is that of the users' media. Null, with `error`, when a plugin is missing.
   static std::unique_ptr<mix> make(const recording_plan& plan, media::media_time lateness,
-                                   const backgrounds& images, const surroundings& around,
-                                   events told, std::string& error);
+                                   const backgrounds& images, const files::destination& to,
+                                   engine_link& engine, events told, std::string& error);
   mix(const mix&) = delete;
   mix& operator=(const mix&) = delete;
   // Stops at once.
@@ -61,8 +61,8 @@ class mix {
   void update_manifest();
 
  private:
-  mix(const recording_plan& plan, media::media_time lateness, const surroundings& around,
-      events told);
+  mix(const recording_plan& plan, media::media_time lateness, const files::destination& to,
+      engine_link& engine, events told);
   struct member {
     uint32_t uid;
     std::shared_ptr<media::consumer> input;
@@ -79,9 +79,10 @@ class mix {
   void on_stopped();
 
   const recording_plan plan_;
-  const surroundings around_;
-  const events told_;
-  const media::posting posting_;
+  const files::destination destination_;
+  engine_link& link_;
+  const events events_;
+  const base::poster poster_;
   const media::media_time latency_;
   const media::codec* const h264_;
 

@@ -78,7 +78,7 @@ sender::sender(uint32_t uid, std::vector<media_line> lines, const settings& how,
       ciphers_(std::move(ciphers)),
       by_(by),
       pool_(pool),
-      told_(std::move(told)),
+      events_(std::move(told)),
       own_ssrc_(random_ssrc()) {
   for (media_line& one : lines) {
     line& added = lines_.emplace_back();
@@ -198,7 +198,7 @@ sender::source* sender::make_source(line& at, uint32_t ssrc, const payload& of) 
       ssrc, of, how_.jitter_latency, pool_, clocks_,
       stream::events{[this, made](media::encoded_unit&& unit) {
                        made->begun = true;
-                       told_.unit(made->number, made->of->of(), std::move(unit));
+                       events_.unit(made->number, made->of->of(), std::move(unit));
                      },
                      [this, where, made] { ask(*where, *made, media::now()); }});
   return made;
@@ -208,7 +208,7 @@ void sender::end_source(line& at, uint32_t ssrc) {
   const auto found = at.sources.find(ssrc);
   if (found == at.sources.end()) return;
   if (!found->second.finished) found->second.of->finish();
-  if (found->second.begun) told_.gone(found->second.number);
+  if (found->second.begun) events_.gone(found->second.number);
   at.sources.erase(found);
 }
 

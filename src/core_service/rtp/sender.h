@@ -104,7 +104,7 @@ class sender : public packet_receiver {
   const std::unique_ptr<srtp_session> ciphers_;
   packet_thread& by_;
   media::byte_pool& pool_;
-  const events told_;
+  const events events_;
   const uint32_t own_ssrc_;
   sender_clocks clocks_;
   std::vector<line> lines_;

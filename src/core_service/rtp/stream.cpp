@@ -20,7 +20,7 @@ stream::stream(uint32_t ssrc, const payload& of, media_time patience, media::byt
                sender_clocks& clocks, events told)
     : ssrc_(ssrc),
       payload_(of),
-      told_(std::move(told)),
+      events_(std::move(told)),
       stats_(of.clock_rate),
       clock_(of.clock_rate, clocks),
       order_(patience, [this](const reorder_buffer::ordered& one) { on_ordered(one); }),
@@ -88,7 +88,7 @@ void stream::on_ordered(const reorder_buffer::ordered& one) {
   } else {
     clock_.place(parsed->timestamp, one.arrival);
   }
-  if (one.lost) told_.damaged();
+  if (one.lost) events_.damaged();
   depayloader_->push(*parsed, one.lost);
 }
 
@@ -99,9 +99,9 @@ void stream::on_depayloaded(depayloaded&& one) {
   if (at == placed_.rend()) return;
   media::encoded_unit unit;
   unit.format = formats_.look(one.bytes.data(), one.bytes.size(), one.key);
-  if (one.damaged) told_.damaged();
+  if (one.damaged) events_.damaged();
   // Not decodable yet: the sender has to begin anew.
-  if (!unit.format) return told_.damaged();
+  if (!unit.format) return events_.damaged();
   unit.bytes = std::move(one.bytes);
   unit.key = one.key;
   unit.time = unit.decode_time = at->time;
@@ -114,7 +114,7 @@ void stream::on_depayloaded(depayloaded&& one) {
              sound && payload_.kind->name == std::string_view("opus")) {
     unit.duration = sound->duration();
   }
-  told_.unit(std::move(unit));
+  events_.unit(std::move(unit));
 }
 
 }  // namespace zelta::core_service::rtp

@@ -73,7 +73,7 @@ class stream {
 
   const uint32_t ssrc_;
   const payload payload_;
-  const events told_;
+  const events events_;
   media::media_time heard_{};
   bool valid_ = false;
   source_validator validator_;

@@ -17,7 +17,7 @@ commands::commands(const recording_plan& plan, bool manual, live_settings& live,
       journal_(kept),
       ending_(end),
       log_(std::move(log)),
-      told_(std::move(told)) {}
+      events_(std::move(told)) {}
 
 void commands::recover() {
   const journal_state& state = journal_.state;
@@ -66,7 +66,7 @@ void commands::on_parameters(const std::string& text) {
   if (changed.idle) live_.idle_s = *changed.idle;
   if (changed.audio_indication_interval) {
     live_.volume_interval_ms = *changed.audio_indication_interval;
-    told_.volume_interval_changed();
+    events_.volume_interval_changed();
   }
   if (!changed.capture_interval) return;
   live_.capture_interval_s = *changed.capture_interval;

@@ -54,7 +54,7 @@ class commands final : public engine_listener {
   journal& journal_;
   ending& ending_;
   const base::logger log_;
-  const events told_;
+  const events events_;
 };
 
 }  // namespace zelta::core_service

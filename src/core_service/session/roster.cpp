@@ -40,11 +40,11 @@ void roster::end(uint32_t uid, const files::recording_end& why) {
   users_.erase(found);
   in_order_.erase(std::find(in_order_.begin(), in_order_.end(), uid));
   if (mix_) mix_->remove_user(uid);
-  told_.left(uid, why);
+  events_.left(uid, why);
   gone->finish(why, [this, gone] {
     leaving_.erase(std::find_if(leaving_.begin(), leaving_.end(),
                                 [gone](const auto& old) { return old.get() == gone; }));
-    told_.completed();
+    events_.completed();
   });
 }
 

@@ -26,7 +26,7 @@ class roster {
     std::function<void()> completed;
   };
 
-  explicit roster(events told) : told_(std::move(told)) {}
+  explicit roster(events told) : events_(std::move(told)) {}
   roster(const roster&) = delete;
   roster& operator=(const roster&) = delete;
 
@@ -61,7 +61,7 @@ class roster {
   // From mix::events.
   void note_mix_finished() {
     mix_finished_ = true;
-    told_.completed();
+    events_.completed();
   }
 
   // Those who are here, by uid.
@@ -83,7 +83,7 @@ class roster {
     for (const auto& one : leaving_) work(*one);
   }
 
-  const events told_;
+  const events events_;
   std::unique_ptr<mix::mix> mix_;
   bool mix_finished_ = false;
   bool serves_ = false;

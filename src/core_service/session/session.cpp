@@ -191,7 +191,7 @@ bool session::prepare_mix(media::media_time lateness) {
   std::string error;
   roster_.set_mix(
       mix::mix::make(plan_, lateness, {options_.default_video_bg, options_.default_user_bg},
-                     {options_.recording_file_dir, loop_, manifest_, link_, disk_, log_},
+                     {options_.recording_file_dir, loop_, manifest_, disk_, log_}, link_,
                      {[this](const std::string& why, bool disk) { on_files_failed(0, why, disk); },
                       [this] { roster_.note_mix_finished(); }},
                      error));
@@ -252,9 +252,9 @@ void session::let_in(uint32_t uid, media::user_media from) {
   log_.notice("user " + std::to_string(uid) + " joined");
   auto made = std::make_unique<user>(
       uid, std::move(from), plan_, may_decode_pictures_of(uid),
-      surroundings{options_.recording_file_dir, loop_, manifest_, link_, disk_,
-                   log_.with("user " + std::to_string(uid))},
-      roster_.mix() != nullptr ? roster_.mix()->add_user(uid) : nullptr, events_of(uid));
+      files::destination{options_.recording_file_dir, loop_, manifest_, disk_,
+                         log_.with("user " + std::to_string(uid))},
+      link_, roster_.mix() != nullptr ? roster_.mix()->add_user(uid) : nullptr, events_of(uid));
   made->measure_volume(volume_tick_.runs());
   made->set_still_interval(live_.capture_interval_s);
   admission_.leave_out_of(*made);

@@ -33,16 +33,16 @@ files::recording_end end_of_media(const std::string& why) {
 }  // namespace
 
 user::user(uint32_t uid, media::user_media from, const recording_plan& plan,
-           bool may_decode_pictures, surroundings around, std::shared_ptr<media::consumer> mix,
-           events told)
+           bool may_decode_pictures, files::destination to, engine_link& engine,
+           std::shared_ptr<media::consumer> mix, events told)
     : uid_(uid),
       plan_(plan),
-      around_(std::move(around)),
-      told_(std::move(told)),
-      posting_(around_.loop),
+      destination_(std::move(to)),
+      events_(std::move(told)),
+      poster_(destination_.loop),
       lateness_(from.lateness),
       feed_(std::move(from.feed)),
-      frames_(std::make_shared<frames_consumer>(uid, plan, around_.link, around_.log)) {
+      frames_(std::make_shared<frames_consumer>(uid, plan, engine, destination_.log)) {
   make_consumers(from, may_decode_pictures, std::move(mix));
   if (!feed_) make_graph(std::move(from));
   const media::format_ptr sound = feed_ ? feed_->likely_sound() : nullptr;
@@ -65,9 +65,9 @@ void user::make_consumers(const media::user_media& from, bool may_decode_picture
   }
   if (plan_.take_video && plan_.jpg_files) {
     stills_ = std::make_shared<files::stills_consumer>(
-        uid_, around_.folder, around_.files, around_.loop,
-        files::stills_consumer::events{[this](const std::string& why) { told_.failed(why, true); },
-                                       told_.missing});
+        uid_, destination_.folder, destination_.files, destination_.loop,
+        files::stills_consumer::events{
+            [this](const std::string& why) { events_.failed(why, true); }, events_.missing});
     all.push_back(stills_);
   }
   if (plan_.take_sound) {
@@ -92,21 +92,19 @@ std::shared_ptr<files::files_consumer> user::make_files() {
   files.longest_gap = plan_.longest_gap;
   files.lateness = lateness_;
   return std::make_shared<files::files_consumer>(
-      std::move(files), plan_.keep_opus,
-      files::file_series::surroundings{around_.folder, around_.loop, around_.files, around_.disk,
-                                       around_.log},
-      files::file_series::events{[this] { request_key_frame(); }, told_.failed,
+      std::move(files), plan_.keep_opus, destination_,
+      files::file_series::events{[this] { request_key_frame(); }, events_.failed,
                                  [this] {
                                    if (media_ended_ && finished_) tell_finished();
                                  }});
 }
 
 void user::make_graph(media::user_media from) {
-  media::user_graph::events told{told_.first_video, told_.first_sound,
+  media::user_graph::events told{events_.first_video, events_.first_sound,
                                  [this](bool sound, bool video) {
                                    if (files_) files_->series().expect(video, sound);
                                  },
-                                 told_.missing,
+                                 events_.missing,
                                  [this](const std::string& why) { on_graph_finished(why); }};
   media::consumers to = consumers_;
   if (feed_) {
@@ -115,8 +113,9 @@ void user::make_graph(media::user_media from) {
     told.first_sound = [] {};
     to = to.without({form::kCodedPictures});
   }
-  graph_ = std::make_unique<media::user_graph>(uid_, std::move(from), std::move(to), plan_.channels,
-                                               around_.loop, std::move(told), around_.log);
+  graph_ =
+      std::make_unique<media::user_graph>(uid_, std::move(from), std::move(to), plan_.channels,
+                                          destination_.loop, std::move(told), destination_.log);
   graph_->set_still_interval(still_interval_);
 }
 
@@ -149,10 +148,10 @@ void user::on_unit(int track, const media::encoded_unit& unit) {
 
 void user::on_first(const media::encoded_unit& unit) {
   if (unit.format->kind->kind == media::media_kind::kAudio) {
-    if (!std::exchange(has_sound_, true)) told_.first_sound();
+    if (!std::exchange(has_sound_, true)) events_.first_sound();
   } else if (!first_video_) {
     first_video_ = unit.time;
-    told_.first_video(unit.format->width, unit.format->height);
+    events_.first_video(unit.format->width, unit.format->height);
   }
 }
 
@@ -187,7 +186,7 @@ void user::decode(int track, const media::encoded_unit& unit) {
     if (!shortage.empty()) {
       graph_failed_ = unit.time;
       wants_key_ = true;
-      return told_.missing({"what is decoded", "", shortage});
+      return events_.missing({"what is decoded", "", shortage});
     }
     source_ =
         std::make_unique<media::unit_source>([from = std::weak_ptr<media::media_feed>(feed_)] {
@@ -207,18 +206,18 @@ void user::tell_undecodable() {
   const files::file_series& series = files_->series();
   const media_time since = std::max(*first_video_, series.started());
   if (series.has_pictures() || finish_time_ - since < kFirstKeyFramePatience) return;
-  told_.missing({"video", "", "no picture came that can be decoded by itself"});
+  events_.missing({"video", "", "no picture came that can be decoded by itself"});
 }
 
 void user::count_losses() {
   if (!feed_) return;
   const uint64_t lost = feed_->lost_packets();
   if (lost == lost_packets_) return;
-  around_.files.count_lost_packets(uid_, lost - lost_packets_);
+  destination_.files.count_lost_packets(uid_, lost - lost_packets_);
   if (std::exchange(lost_packets_, lost) > 0) return;
-  told_.missing({"packets", "",
-                 "they found no room here, because the machine was too busy, or gives "
-                 "sockets too little memory (net.core.rmem_max)"});
+  events_.missing({"packets", "",
+                   "they found no room here, because the machine was too busy, or gives "
+                   "sockets too little memory (net.core.rmem_max)"});
 }
 
 void user::request_key_frame() {
@@ -283,7 +282,7 @@ void user::finish(const files::recording_end& why, std::function<void()> finishe
   if (!feed_) return drain();
   feed_->stop([this] {
     count_losses();
-    if (feed_->left_unread()) told_.missing({"packets", "", kUnread});
+    if (feed_->left_unread()) events_.missing({"packets", "", kUnread});
     tell_undecodable();
     drain();
   });
@@ -305,12 +304,12 @@ void user::on_graph_finished(const std::string& why) {
   if (feed_ && (by_itself || !drained_)) return;
   if (!by_itself) return on_media_end();
   media_ended_ = true;
-  told_.ended(end_of_media(why));
+  events_.ended(end_of_media(why));
 }
 
 void user::on_media_end() {
   media_ended_ = true;
-  if (!files_) return posting_.post([this] { tell_finished(); });
+  if (!files_) return poster_.post([this] { tell_finished(); });
   files::file_series& series = files_->series();
   // Media that ended by itself ends where its last sound or picture does.
   media_time end = finish_time_;
@@ -328,7 +327,7 @@ void user::tell_finished() const {
 
 void user::tick() {
   const std::string fault = feed_ && !media_ended_ ? feed_->fault() : "";
-  if (!fault.empty()) told_.missing({"all", "", fault});
+  if (!fault.empty()) events_.missing({"all", "", fault});
   count_losses();
   // Between the end of the sender and the end of what it sent nothing is missing.
   const bool draining = finish_reason_ && !media_ended_;

@@ -10,6 +10,7 @@
 #include <optional>
 #include <string>
 
+#include "core_service/files/destination.h"
 #include "core_service/files/files_consumer.h"
 #include "core_service/files/stills_consumer.h"
 #include "core_service/frames/frames_consumer.h"
@@ -19,7 +20,6 @@
 #include "core_service/media/unit_source.h"
 #include "core_service/media/user_graph.h"
 #include "core_service/media/volume_meter.h"
-#include "core_service/session/surroundings.h"
 #include "core_service/task/recording_plan.h"
 
 namespace zelta::core_service {
@@ -39,7 +39,8 @@ class user {
 
   // `may_decode_pictures` false: nothing that needs them decoded is made. `mix` may be null.
   user(uint32_t uid, media::user_media from, const recording_plan& plan, bool may_decode_pictures,
-       surroundings around, std::shared_ptr<media::consumer> mix, events told);
+       files::destination to, engine_link& engine, std::shared_ptr<media::consumer> mix,
+       events told);
   user(const user&) = delete;
   user& operator=(const user&) = delete;
   // Stops at once.
@@ -86,9 +87,9 @@ class user {
 
   const uint32_t uid_;
   const recording_plan& plan_;
-  const surroundings around_;
-  const events told_;
-  const media::posting posting_;
+  const files::destination destination_;
+  const events events_;
+  const base::poster poster_;
   const media::media_time lateness_;
   // Of media that comes in units: a graph only decodes what somebody wants decoded, and is there
   // once it is needed.
