@@ -15,9 +15,11 @@
 //     sound 2 10, sound - 10   sound of 10 goes into file 2; is lost
 #pragma once
 
+#include <algorithm>
 #include <functional>
 #include <iterator>
 #include <map>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <tuple>
