@@ -114,7 +114,7 @@ media_sample unit_samples::of(const encoded_unit& unit) {
     format_ = unit.format;
     caps_ = caps_of(*unit.format);
   }
-  using context = carried<shared_bytes>;
+  using context = handed_over<shared_bytes>;
   auto kept = std::make_unique<context>(unit.bytes);
   media_sample made;
   made.buffer.reset(gst_buffer_new_wrapped_full(

@@ -56,21 +56,22 @@ void see_pushed() {
 void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
                 std::function<void()> ended) {
   auto taker =
-      std::make_unique<carried<sample_taker>>(sample_taker{std::move(take), std::move(ended)});
+      std::make_unique<handed_over<sample_taker>>(sample_taker{std::move(take), std::move(ended)});
   GstAppSinkCallbacks callbacks{};
   callbacks.new_sample = [](GstAppSink* sink, gpointer context) {
     const sample_ptr sample(gst_app_sink_pull_sample(sink));
     if (!sample) return GST_FLOW_EOS;
     see_pushed();
-    static_cast<carried<sample_taker>*>(context)->get().take(sample.get());
+    static_cast<handed_over<sample_taker>*>(context)->get().take(sample.get());
     return GST_FLOW_OK;
   };
   callbacks.eos = [](GstAppSink*, gpointer context) {
-    const sample_taker& told = static_cast<carried<sample_taker>*>(context)->get();
+    const sample_taker& told = static_cast<handed_over<sample_taker>*>(context)->get();
     if (told.ended) told.ended();
   };
   gst_app_sink_set_callbacks(GST_APP_SINK(appsink), &callbacks, taker.release(), [](gpointer done) {
-    const std::unique_ptr<carried<sample_taker>> owner(static_cast<carried<sample_taker>*>(done));
+    const std::unique_ptr<handed_over<sample_taker>> owner(
+        static_cast<handed_over<sample_taker>*>(done));
   });
 }
 
@@ -88,7 +89,7 @@ std::vector<uint8_t> bytes_of(GstBuffer* buffer) {
 
 void add_probe(GstPad* pad, GstPadProbeType type,
                std::function<GstPadProbeReturn(GstPadProbeInfo*)> look) {
-  using context = carried<std::function<GstPadProbeReturn(GstPadProbeInfo*)>>;
+  using context = handed_over<std::function<GstPadProbeReturn(GstPadProbeInfo*)>>;
   gst_pad_add_probe(
       pad, type,
       [](GstPad*, GstPadProbeInfo* info, gpointer given) {

@@ -69,9 +69,9 @@ GstElement* child(GstElement* bin, const char* name);
 // is said in the language's own terms too, for compilers and sanitizers, which don't see the
 // library's.
 template <class T>
-class carried {
+class handed_over {
  public:
-  explicit carried(T value) : value_(std::move(value)) { given_.store(true); }
+  explicit handed_over(T value) : value_(std::move(value)) { given_.store(true); }
   T& get() {
     static_cast<void>(given_.load());
     return value_;

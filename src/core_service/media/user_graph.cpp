@@ -270,7 +270,7 @@ void user_graph::mark_threads() {
     GstElement* source;
     GstElement* pipeline;
   };
-  using context = carried<whose>;
+  using context = handed_over<whose>;
   const bus_ptr bus(gst_pipeline_get_bus(GST_PIPELINE(pipeline_.get())));
   gst_bus_set_sync_handler(
       bus.get(),
