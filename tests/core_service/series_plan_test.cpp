@@ -265,6 +265,34 @@ TEST(SeriesPlan, FailuresEndTheRecording) {
       1000 failed 1          > stopped)");
 }
 
+TEST(SeriesPlan, SoundGoesOnWhereAFileHasFailed) {
+  play({false, true, {}, {}}, R"(
+      1000 start             >
+      1000 kept 1010 1030    >
+      1100 tick              > open 1 m4a a 1010 aac#1, fill 100
+      1100 heard 1100        >
+      1100 failed 1          >
+      1200 tick              > open 2 m4a a 1100 aac, fill 200
+      1200 sound 1190        > sound 2 1190)");
+  play(kAll, R"(
+      1000 start             > key
+      1000 key 1000          > open 1 mp4 va 1000 aac#1, picture 1
+      1000 heard 1090        >
+      1000 failed 1          >
+      3040 tick              > fill 2040
+      3041 tick              > open 2 m4a a 2040 aac, fill 2041)");
+  // Whose end was planned already, and whose wasn't.
+  play(kAll, R"(
+      1000 start             > key
+      1000 key 1000          > open 1 mp4 va 1000 aac#1, picture 1
+      1000 heard 1090        >
+      1000 failed 1          >
+      1000 stop 1100 300     > end 1100
+      1100 done 0            > stopped
+      1200 start             > end 1090, fill 1100, key
+      1200 key 1210          > open 2 mp4 va 1210 aac#2, picture 2)");
+}
+
 TEST(EndReason, HasTheWordsOfManifestAndLog) {
   std::string words;
   for (int i = 0; i <= static_cast<int>(end_reason::kFailed); ++i) {

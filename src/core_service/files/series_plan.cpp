@@ -30,6 +30,11 @@ constexpr file_contents kSoundAlone{container::kM4a, false, true};
 void series_plan::start(media_time now) {
   if (recording()) return;
   if (phase_ == phase::kEnding) end_present_file();
+  // A stretch that has lost its file would be taken for that of the next one, and end inside it.
+  if (const auto position = does_.sound_position()) {
+    does_.end_sound(*position);
+    does_.fill_sound(std::max(*position, ending_.at));
+  }
   phase_ = phase::kRecording;
   has_pictures_ = false;
   started_ = now;
@@ -270,7 +275,12 @@ void series_plan::tick(media_time now) {
 
 void series_plan::tick_silence(media_time now) {
   const media_time at = now - rules_.lateness;
-  if (rules_.sound && current_ == nullptr) {
+  const auto position = does_.sound_position();
+  if (position && current_ == nullptr) {
+    // The file that it went into has failed.
+    const bool may_come = video_expected_ && at - last_video_end_ <= kPicturePatience;
+    if (!may_come) open(*position, kSoundAlone, kNoFormat);
+  } else if (rules_.sound && current_ == nullptr) {
     const auto first = does_.first_kept();
     const auto last = does_.last_heard();
     const bool heard = first && last && *last > started_;
