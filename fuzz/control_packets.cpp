@@ -1,11 +1,9 @@
 // SPDX-License-Identifier: Apache-2.0
 // Bytes of an engine: through the recorder's link, into what reads parameters and layouts.
-#include <fcntl.h>
-#include <unistd.h>
-
 #include "core_service/engine/engine_link.h"
 #include "core_service/task/parameters.h"
 #include "protocol/mixing_layout.h"
+#include "support/pipe.h"
 #include "target.h"
 
 namespace zelta::fuzz {
@@ -38,27 +36,17 @@ class reading_listener final : public core_service::engine_listener {
 
 std::vector<std::string> seeds() {
   using list = std::vector<uint32_t>;
-  linuxsdk::VideoMixingLayout layout;
-  linuxsdk::VideoMixingLayout::Region region;
-  region.uid = 7;
-  layout.canvasWidth = 640;
-  layout.canvasHeight = 360;
-  layout.backgroundColor = "#336699";
-  layout.regionCount = 1;
-  layout.regions = &region;
-  std::vector<uint8_t> encoded;
-  require(recording::encodeMixingLayout(layout, encoded, ""), "the seed's layout");
   return {
-      with<leave_packet>(0U),
-      with<parameters_packet>(std::string(R"({"idle": 30, "captureInterval": 2})")),
-      with<video_mixing_layout_packet>(encoded),
-      with<user_join_confirm_packet>(7U) + with<user_drop_confirm_packet>(7U),
-      with<media_frame_confirm_packet>(list{7}, list{1}, list{2}, list{3}, list{4}),
-      with<audio_frame_confirm_packet>(list{7, 8}, list{1, 2}),
-      with<video_frame_confirm_packet>(list{7}, list{1}, list{2}, list{3}),
-      with<start_service_packet>(0U) + with<stop_service_packet>(0U),
-      with<set_user_background_packet>(7U, std::string("image.png")),
-      with<set_log_level_packet>(5U) + with<log_enable_module_packet>(16U, 1),
+      bytes_with<leave_packet>(0U),
+      bytes_with<parameters_packet>(R"({"idle": 30, "captureInterval": 2})"),
+      bytes_with<video_mixing_layout_packet>(layout_of(1)),
+      bytes_with<user_join_confirm_packet>(7U) + bytes_with<user_drop_confirm_packet>(7U),
+      bytes_with<media_frame_confirm_packet>(list{7}, list{1}, list{2}, list{3}, list{4}),
+      bytes_with<audio_frame_confirm_packet>(list{7, 8}, list{1, 2}),
+      bytes_with<video_frame_confirm_packet>(list{7}, list{1}, list{2}, list{3}),
+      bytes_with<start_service_packet>(0U) + bytes_with<stop_service_packet>(0U),
+      bytes_with<set_user_background_packet>(7U, "image.png"),
+      bytes_with<set_log_level_packet>(5U) + bytes_with<log_enable_module_packet>(16U, 1),
   };
 }
 
@@ -68,17 +56,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   using namespace zelta;
   // What fits into a pipe.
   if (size > (1 << 16) || fuzz::claims_much(data, size)) return 0;
-  int commands[2];
-  int reports[2];
-  fuzz::require(::pipe2(commands, O_CLOEXEC) == 0 && ::pipe2(reports, O_CLOEXEC) == 0, "pipe2");
-  base::unique_fd feed(commands[1]);
-  const base::unique_fd sink(reports[0]);
+  test::Pipe commands;
+  test::Pipe reports;
   static base::event_loop loop;
   fuzz::reading_listener listener;
-  core_service::engine_link link(commands[0], reports[1], loop, {});
+  core_service::engine_link link(commands.read.release(), reports.write.release(), loop, {});
   link.listen(listener);
-  fuzz::require(::write(feed.get(), data, size) == static_cast<ssize_t>(size), "write");
-  feed.reset();
+  fuzz::require(commands.put(fuzz::text_of(data, size)), "write");
+  commands.write.reset();
   // The end of the stream is told after what was in it.
   while (!listener.gone) loop.run(true);
   return 0;

@@ -1,15 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 // Bytes of a recorder: through the real framing into the real engine, which hands frames to a
 // handler that reads every byte it may. What decodes must encode to the same again.
-#include <csignal>
+#include <algorithm>
 #include <cstring>
 
-#include <fcntl.h>
-#include <unistd.h>
-
-#include "base/unique_fd.h"
 #include "link/packet_reader.h"
 #include "rec_engine/RecordingEngineImpl.h"
+#include "support/pipe.h"
 #include "support/quiet_handler.h"
 #include "target.h"
 
@@ -94,35 +91,23 @@ void round_trip_by_uri(const std::string& body, packet_list<Packets...>) {
   ((uri == Packets::kUri ? round_trip<Packets>(body) : void()), ...);
 }
 
-struct pipe_pair {
-  pipe_pair() {
-    std::signal(SIGPIPE, SIG_IGN);
-    int ends[2];
-    require(::pipe2(ends, O_NONBLOCK | O_CLOEXEC) == 0, "pipe2");
-    read = base::unique_fd(ends[0]);
-    write = base::unique_fd(ends[1]);
-  }
-  base::unique_fd read;
-  base::unique_fd write;
-};
-
 // The first byte says in what pieces the others arrive.
 void feed(const uint8_t* data, size_t size) {
   static touching_handler handler;
   static fed_engine engine("fuzz", &handler, std::make_unique<no_router>().release());
-  static auto pipe = std::make_unique<pipe_pair>();
+  static auto pipe = std::make_unique<test::Pipe>();
   // As large as the longest input is enough, and much faster to have anew each time.
   link::packet_reader reader(pipe->read.get(), engine, link::packet_reader::kCommandBytes);
   const size_t piece = data[0] == 0 ? size : size_t{data[0]} * 16;
   for (size_t at = 1; at < size; at += piece) {
     const size_t bytes = std::min(piece, size - at);
-    require(::write(pipe->write.get(), data + at, bytes) == static_cast<ssize_t>(bytes), "write");
-    for (auto got = link::packet_reader::result::kMore;
-         got != link::packet_reader::result::kEmpty;) {
+    require(pipe->put(text_of(data + at, bytes)), "write");
+    using result = link::packet_reader::result;
+    for (auto got = result::kMore; got != result::kEmpty;) {
       got = reader.read_some(1 << 16);
-      if (got == link::packet_reader::result::kBroken) {
+      if (got == result::kBroken) {
         // What it left unread is not the next input's.
-        pipe = std::make_unique<pipe_pair>();
+        pipe = std::make_unique<test::Pipe>();
         return engine.forget_users();
       }
     }
@@ -133,33 +118,31 @@ void feed(const uint8_t* data, size_t size) {
 }  // namespace
 
 std::vector<std::string> seeds() {
+  using list = std::vector<uint32_t>;
   const std::string payload(100, 'p');
   const uint64_t ms = 1'700'000'000'000;
   const std::vector<std::string> packets{
-      with<hello_packet>(1U, std::string("recorder")),
-      with<join_channel_success_packet>(7U, std::string("room")),
-      with<user_joined_packet>(7U, std::string("/folder/")),
-      with<user_dropped_packet>(7U),
-      with<active_speaker_packet>(7U),
-      with<audio_volume_indication_packet>(std::vector<uint32_t>{7, 8},
-                                           std::vector<uint32_t>{100, 200}),
-      with<recorder_error_packet>(1, 2U),
-      with<recorder_leave_packet>(16U),
-      with<first_video_decoded_packet>(7U, 640, 360, 20),
-      with<first_audio_frame_packet>(7U, 20),
-      with<receiving_stream_status_packet>(1, 0),
+      bytes_with<hello_packet>(1U, "recorder"),
+      bytes_with<join_channel_success_packet>(7U, "room"),
+      bytes_with<user_joined_packet>(7U, "/folder/"),
+      bytes_with<user_dropped_packet>(7U),
+      bytes_with<active_speaker_packet>(7U),
+      bytes_with<audio_volume_indication_packet>(list{7, 8}, list{100, 200}),
+      bytes_with<recorder_error_packet>(1, 2U),
+      bytes_with<recorder_leave_packet>(16U),
+      bytes_with<first_video_decoded_packet>(7U, 640, 360, 20),
+      bytes_with<first_audio_frame_packet>(7U, 20),
+      bytes_with<receiving_stream_status_packet>(1, 0),
       bytes_of(connection_interrupted_packet()),
       bytes_of(connection_lost_packet()),
-      with<user_background_packet>(7U, std::string("image.png")),
-      with<pcm_frame>(7U, ms, uint8_t{1}, uint8_t{16}, 48000U, payload, 2),
-      with<aac_frame>(7U, ms, payload, 2, 1U, 64000U),
-      with<yuv_frame>(7U, ms, uint16_t{8}, uint16_t{8}, uint16_t{8}, uint16_t{4}, uint16_t{4},
-                      std::string(96, 'y')),
-      with<h264_frame>(7U, ms, 1U, payload),
-      with<yuv_frame2>(uint16_t{90}, 7U, ms, uint16_t{8}, uint16_t{8}, uint16_t{8}, uint16_t{4},
-                       uint16_t{4}, std::string(96, 'y'), 2),
-      with<h264_frame2>(uint16_t{0}, 7U, ms, 1U, payload, 2),
-      with<jpg_frame>(uint16_t{0}, 7U, ms, payload),
+      bytes_with<user_background_packet>(7U, "image.png"),
+      bytes_with<pcm_frame>(7U, ms, 1, 16, 48000U, payload, 2),
+      bytes_with<aac_frame>(7U, ms, payload, 2, 1U, 64000U),
+      bytes_with<yuv_frame>(7U, ms, 8, 8, 8, 4, 4, std::string(96, 'y')),
+      bytes_with<h264_frame>(7U, ms, 1U, payload),
+      bytes_with<yuv_frame2>(90, 7U, ms, 8, 8, 8, 4, 4, std::string(96, 'y'), 2),
+      bytes_with<h264_frame2>(0, 7U, ms, 1U, payload, 2),
+      bytes_with<jpg_frame>(0, 7U, ms, payload),
   };
   std::vector<std::string> all;
   std::string together(1, '\x03');
@@ -169,7 +152,7 @@ std::vector<std::string> seeds() {
   }
   all.push_back(together);
   // Of the size that is read into place.
-  all.push_back('\x7f' + with<h264_frame2>(uint16_t{0}, 7U, ms, 1U, std::string(40'000, 'p'), 2) +
+  all.push_back('\x7f' + bytes_with<h264_frame2>(0, 7U, ms, 1U, std::string(40'000, 'p'), 2) +
                 packets.front());
   return all;
 }

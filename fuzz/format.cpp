@@ -33,9 +33,8 @@ std::string nals(const std::vector<std::string>& all) {
 std::string without_sets(const std::vector<uint8_t>& unit, const nal_rules& rules) {
   std::string bare;
   for (size_t at = 0; unit.size() - at > 4;) {
-    const size_t length = static_cast<size_t>(unit[at]) << 24U |
-                          static_cast<size_t>(unit[at + 1]) << 16U |
-                          static_cast<size_t>(unit[at + 2]) << 8U | unit[at + 3];
+    size_t length = 0;
+    for (size_t i = 0; i < 4; ++i) length = length << 8U | unit[at + i];
     if (length > unit.size() - at - 4) break;
     if (length > 0 && rules.role(unit.data() + at + 4, length) == nal_role::kSlice) {
       bare += text_of(unit.data() + at, 4 + length);

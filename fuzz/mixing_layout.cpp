@@ -2,43 +2,14 @@
 // A layout's bytes: what decodes must encode to the same again.
 #include "protocol/mixing_layout.h"
 
-#include <cstring>
-
 #include "target.h"
 
 namespace zelta::fuzz {
-namespace {
-
-using linuxsdk::VideoMixingLayout;
-
-std::vector<uint8_t> encoded(int regions, const char* data) {
-  VideoMixingLayout layout;
-  std::vector<VideoMixingLayout::Region> all(static_cast<size_t>(regions));
-  for (size_t i = 0; i < all.size(); ++i) {
-    all[i].uid = static_cast<unsigned>(i + 1);
-    all[i].x = 0.1 * static_cast<double>(i);
-    all[i].width = 0.5;
-    all[i].height = 0.5;
-    all[i].alpha = 1;
-  }
-  layout.canvasWidth = 1280;
-  layout.canvasHeight = 720;
-  layout.backgroundColor = "#000000";
-  layout.regionCount = static_cast<uint32_t>(regions);
-  layout.regions = all.data();
-  layout.appData = data;
-  layout.appDataLength = static_cast<int>(std::strlen(data));
-  std::vector<uint8_t> bytes;
-  require(recording::encodeMixingLayout(layout, bytes, ""), "the seed's layout");
-  return bytes;
-}
-
-}  // namespace
 
 std::vector<std::string> seeds() {
   std::vector<std::string> all;
   for (const int regions : {0, 1, 17}) {
-    const std::vector<uint8_t> bytes = encoded(regions, "application");
+    const std::vector<uint8_t> bytes = layout_of(regions);
     all.emplace_back(bytes.begin(), bytes.end());
   }
   return all;

@@ -12,33 +12,10 @@
 
 #include "base/log.h"
 #include "base/unique_fd.h"
-#include "protocol/ipc_protocol.h"
+#include "protocol/mixing_layout.h"
+#include "support/temp_dir.h"
 
 namespace zelta::fuzz {
-namespace {
-
-class folder {
- public:
-  folder() {
-    std::string pattern = std::filesystem::exists("/dev/shm") ? "/dev/shm/zelta-fuzz-XXXXXX"
-                                                              : "/tmp/zelta-fuzz-XXXXXX";
-    if (::mkdtemp(pattern.data()) == nullptr) found("mkdtemp");
-    path_ = pattern + "/";
-  }
-  ~folder() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-  }
-  folder(const folder&) = delete;
-  folder& operator=(const folder&) = delete;
-  const std::string& path() const { return path_; }
-
- private:
-  std::string path_;
-};
-
-}  // namespace
-
 void found(const char* what) {
   std::fprintf(stderr, "found: %s\n", what);
   std::abort();
@@ -56,8 +33,29 @@ bool claims_much(const uint8_t* stream, size_t size) {
   return false;
 }
 
+std::vector<uint8_t> layout_of(int regions) {
+  std::vector<linuxsdk::VideoMixingLayout::Region> all(static_cast<size_t>(regions));
+  for (size_t i = 0; i < all.size(); ++i) {
+    all[i].uid = static_cast<unsigned>(i + 1);
+    all[i].x = 0.1 * static_cast<double>(i);
+    all[i].width = all[i].height = 0.5;
+    all[i].alpha = 1;
+  }
+  linuxsdk::VideoMixingLayout layout;
+  layout.canvasWidth = 1280;
+  layout.canvasHeight = 720;
+  layout.backgroundColor = "#336699";
+  layout.regionCount = static_cast<uint32_t>(regions);
+  layout.regions = all.data();
+  layout.appData = "application";
+  layout.appDataLength = static_cast<int>(std::strlen(layout.appData));
+  std::vector<uint8_t> bytes;
+  require(recording::encodeMixingLayout(layout, bytes, ""), "the seed's layout");
+  return bytes;
+}
+
 const std::string& scratch_folder() {
-  static const folder kFolder;
+  static const test::TempDir kFolder(std::filesystem::exists("/dev/shm") ? "/dev/shm" : "/tmp");
   return kFolder.path();
 }
 

@@ -8,10 +8,9 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
-#include <tuple>
 #include <vector>
 
-#include "base/packet.h"
+#include "support/packets.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size);
 
@@ -24,18 +23,8 @@ inline std::string text_of(const uint8_t* data, size_t size) {
   return {reinterpret_cast<const char*>(data), size};
 }
 
-inline std::string bytes_of(const base::packet& packet) {
-  base::packer p;
-  packet.pack(p);
-  return {p.buffer(), p.length()};
-}
-
-template <class Packet, class... Values>
-std::string with(Values... values) {
-  Packet p;
-  Packet::fields(p) = std::make_tuple(values...);
-  return bytes_of(p);
-}
+using test::bytes_of;
+using test::bytes_with;
 
 // A parser that went wrong quietly.
 [[noreturn]] void found(const char* what);
@@ -47,6 +36,9 @@ inline void require(bool holds, const char* what) {
 // waiting for it costs an execution a thousand times what others do. The tests of the reader have
 // such claims.
 bool claims_much(const uint8_t* stream, size_t size);
+
+// A layout with so many regions and some data.
+std::vector<uint8_t> layout_of(int regions);
 
 // A folder of this process in memory, removed at the end.
 const std::string& scratch_folder();

@@ -1,14 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The frame path from the pipe to the callback, and waiting, allocate nothing once warm. A program
 // of its own, because it counts every allocation of the process.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include "base/event_loop.h"
-#include "base/unique_fd.h"
 #include "link/packet_reader.h"
 #include "support/counted_new.h"
 #include "support/engine_probe.h"
+#include "support/packets.h"
+#include "support/pipe.h"
 
 namespace zelta::test {
 namespace {
@@ -29,16 +29,6 @@ class ToEngine : public link::packet_reader::receiver {
   EngineProbe& engine_;
 };
 
-template <class Frame>
-std::string frame_of(uint32_t uid, size_t bytes) {
-  Frame frame;
-  frame.uid = uid;
-  frame.data.assign(bytes, 'p');
-  base::packer p;
-  frame.pack(p);
-  return {p.buffer(), p.length()};
-}
-
 TEST(FramePath, AllocatesNothingOnceWarm) {
   CountingHandler handler;
   FakeRouter::Seen router;
@@ -46,28 +36,30 @@ TEST(FramePath, AllocatesNothingOnceWarm) {
   constexpr uint32_t kUsers = 100;
   for (uint32_t uid = 0; uid < kUsers; ++uid) engine.on_user_joined(uid, "/folder/");
 
-  int fds[2];
-  ASSERT_EQ(pipe2(fds, O_NONBLOCK | O_CLOEXEC), 0);
-  const base::unique_fd in(fds[0]);
-  const base::unique_fd out(fds[1]);
+  const Pipe pipe;
   ToEngine to(engine);
-  link::packet_reader reader(in.get(), to);
+  link::packet_reader reader(pipe.read.get(), to);
 
   // Pictures of two sizes, coded pictures of many, and sound, of users in turn.
   std::string stream;
   size_t frames = 0;
-  const auto add = [&](const std::string& packet) { stream += packet, ++frames; };
+  const auto add = [&](auto frame, uint32_t uid, size_t bytes) {
+    frame.uid = uid;
+    frame.data.assign(bytes, 'p');
+    stream += bytes_of(frame);
+    ++frames;
+  };
   for (uint32_t i = 0; i < 4 * kUsers; ++i) {
     const uint32_t uid = i % kUsers;
-    add(frame_of<protocol::pcm_frame>(uid, 1920));
-    add(frame_of<protocol::aac_frame>(uid, 300));
-    add(frame_of<protocol::h264_frame2>(uid, 2000 + 37'000 * i % 90'000));
-    if (i % 10 == 0) add(frame_of<protocol::yuv_frame2>(uid, i % 20 == 0 ? 1'382'400 : 345'600));
-    if (i % 10 == 5) add(frame_of<protocol::jpg_frame>(uid, 60'000));
+    add(protocol::pcm_frame(), uid, 1920);
+    add(protocol::aac_frame(), uid, 300);
+    add(protocol::h264_frame2(), uid, 2000 + 37'000 * i % 90'000);
+    if (i % 10 == 0) add(protocol::yuv_frame2(), uid, i % 20 == 0 ? 1'382'400 : 345'600);
+    if (i % 10 == 5) add(protocol::jpg_frame(), uid, 60'000);
   }
   const auto play = [&] {
     for (size_t at = 0; at < stream.size();) {
-      const ssize_t put = ::write(out.get(), stream.data() + at, stream.size() - at);
+      const ssize_t put = ::write(pipe.write.get(), stream.data() + at, stream.size() - at);
       ASSERT_GT(put, 0);
       at += static_cast<size_t>(put);
       ASSERT_EQ(reader.read_some(1 << 20), link::packet_reader::result::kEmpty);

@@ -4,11 +4,16 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <iterator>
 #include <memory>
 #include <regex>
+#include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "base/log.h"
 #include "fake_router.h"
@@ -18,67 +23,44 @@
 
 namespace zelta::test {
 
+using Lines = std::vector<std::string>;
+
 class EngineProbe : public RecordingEngineImpl {
+  using E = RecordingEngineImpl;
+
  public:
   using RecordingEngineImpl::RecordingEngineImpl;
   // Operations.
-  using RecordingEngineImpl::backup_args;
-  using RecordingEngineImpl::checkRecoveryFlag;
-  using RecordingEngineImpl::get_internal_test_cfg;
-  using RecordingEngineImpl::get_internal_val_from_cfg;
-  using RecordingEngineImpl::get_uint_val_from_cfg;
-  using RecordingEngineImpl::get_val_from_cfg;
-  using RecordingEngineImpl::joinChannelValidationCheck;
-  using RecordingEngineImpl::needRecovery;
-  using RecordingEngineImpl::on_timer;
-  using RecordingEngineImpl::prepare_recovery_args;
-  using RecordingEngineImpl::pushParamsToZRS;
-  using RecordingEngineImpl::set_record_folder;
-  using RecordingEngineImpl::setup_recording_folder;
+  using E::backup_args, E::checkRecoveryFlag, E::get_internal_test_cfg, E::needRecovery;
+  using E::get_internal_val_from_cfg, E::get_uint_val_from_cfg, E::get_val_from_cfg, E::on_timer;
+  using E::joinChannelValidationCheck, E::prepare_recovery_args, E::pushParamsToZRS;
+  using E::set_record_folder, E::setup_recording_folder;
   // State.
-  using RecordingEngineImpl::args_;
-  using RecordingEngineImpl::args_str_;
-  using RecordingEngineImpl::avsync_type_;
-  using RecordingEngineImpl::channelId_;
-  using RecordingEngineImpl::config_;
-  using RecordingEngineImpl::isSessionActive_;
-  using RecordingEngineImpl::joined_;
-  using RecordingEngineImpl::logdir_;
-  using RecordingEngineImpl::loopCnt_;
-  using RecordingEngineImpl::m_handler;
-  using RecordingEngineImpl::peers_;
-  using RecordingEngineImpl::recovery_;
-  using RecordingEngineImpl::router_;
-  using RecordingEngineImpl::stats_;
-  using RecordingEngineImpl::stopped_;
-  using RecordingEngineImpl::thread_started_;
+  using E::args_, E::args_str_, E::avsync_type_, E::channelId_, E::config_, E::isSessionActive_;
+  using E::joined_, E::logdir_, E::loopCnt_, E::m_handler, E::peers_, E::recovery_, E::stats_;
+  using E::stopped_, E::thread_started_;
 };
+
+// The words of a text, of which '' is the empty one.
+inline Lines words_of(const std::string& text) {
+  std::istringstream stream(text);
+  Lines words;
+  for (std::string word; stream >> word;) words.push_back(word == "''" ? "" : word);
+  return words;
+}
 
 // Every line of the engine's in a log has its process, source, line and level: error for all but
 // these, and for the command lines behind two of them.
 inline void expect_levels(const std::string& log) {
-  static const std::vector<std::pair<std::string, std::string>> kOthers = {
-      {"A recorder instance created", "notice"},
-      {"Recorder ", "notice"},
-      {"Recording wrapper delete timer", "notice"},
-      {"API call to leave channel", "notice"},
-      {"joinChannel failed to pushParamsToZRS", "notice"},
-      {"User trigger ", "notice"},
-      {"setLogLevel", "notice"},
-      {"enableModuleLog", "notice"},
-      {"setUserBackground", "notice"},
-      {"write_packet: ", "notice"},
-      {"ZELTA_FILE_ROOT = ", "notice"},
-      {"=======params", "notice"},
-      {"recovery auto trigger", "notice"},
-      {"======recovery", "info"},
-      {"RECOVERY: ", "info"},
-      {"API call to stopped on error", "info"},
-      {"recording path is empty", "info"},
-      {"using recordFileRootDir", "info"},
-      {"[Wrapper] ", "info"},
-      {"Error occur, try to recover.", "warn"},
-      {"times is 0.", "warn"},
+  static const std::pair<const char*, std::regex> kOthers[] = {
+      {"notice",
+       std::regex("^(A recorder instance created|Recorder |Recording wrapper delete timer|"
+                  "API call to leave channel|joinChannel failed to pushParamsToZRS|User trigger |"
+                  "setLogLevel|enableModuleLog|setUserBackground|write_packet: |"
+                  "ZELTA_FILE_ROOT = |=======params|recovery auto trigger)")},
+      {"info", std::regex("^(======recovery|RECOVERY: |API call to stopped on error|"
+                          "recording path is empty|using recordFileRootDir|\\[Wrapper\\] )")},
+      {"warn", std::regex("^(Error occur, try to recover\\.|times is 0\\.)")},
   };
   const std::regex shape("[0-9TZ:.-]+ ([a-z]+) recording_engine \\(" + std::to_string(getpid()) +
                          "\\) \\S*src/(?:rec_engine|protocol)/[A-Za-z_]+\\.(?:cpp|h):[0-9]+: (.*)");
@@ -88,12 +70,13 @@ inline void expect_levels(const std::string& log) {
     if (line.find(" recording_engine ") == std::string::npos) continue;
     ASSERT_TRUE(std::regex_match(line, parts, shape)) << line;
     const std::string message = parts[2];
-    const auto row = std::find_if(kOthers.begin(), kOthers.end(), [&message](const auto& other) {
-      return message.rfind(other.first, 0) == 0;
-    });
     if (message.rfind("[Wrapper version]", 0) == 0) continue;
-    EXPECT_EQ(parts[1], row != kOthers.end() ? row->second : unlisted) << line;
-    if (row != kOthers.end()) unlisted = message[0] == '=' ? row->second : "error";
+    const auto* const row = std::find_if(
+        std::begin(kOthers), std::end(kOthers),
+        [&message](const auto& other) { return std::regex_search(message, other.second); });
+    const bool listed = row != std::end(kOthers);
+    EXPECT_EQ(parts[1], listed ? row->first : unlisted) << line;
+    if (listed) unlisted = message[0] == '=' ? row->first : "error";
   }
 }
 
@@ -116,17 +99,26 @@ class EngineTest : public ::testing::Test {
     }
   }
 
+  // Gives the engine a configuration file.
+  void settings(const std::string& json) {
+    settings_ = dir.file("c.json", json);
+    config.cfgFilePath = settings_.data();
+  }
+  int join() { return engine->joinChannel("k", "room", 1, config); }
   // Messages logged since the last call, or since the start.
-  std::vector<std::string> new_lines() {
-    std::vector<std::string> all = logged(engine->logdir_);
-    std::vector<std::string> fresh(all.begin() + static_cast<std::ptrdiff_t>(seen_lines_),
-                                   all.end());
-    seen_lines_ = all.size();
-    return fresh;
+  Lines new_lines() {
+    const Lines all = logged(engine->logdir_);
+    const auto from = static_cast<std::ptrdiff_t>(std::exchange(seen_lines_, all.size()));
+    return {all.begin() + from, all.end()};
   }
   bool said(const std::string& line) {
-    const auto lines = logged(engine->logdir_);
-    return std::find(lines.begin(), lines.end(), line) != lines.end();
+    const Lines lines = logged(engine->logdir_);
+    return std::count(lines.begin(), lines.end(), line) > 0;
+  }
+  // The last packet that the engine has sent, with its fields in their order.
+  template <class Packet, class... Values>
+  void expect_sent(const Values&... values) const {
+    EXPECT_EQ(Packet::fields(router.last<Packet>()), std::make_tuple(values...));
   }
 
   TempDir dir;
@@ -137,6 +129,7 @@ class EngineTest : public ::testing::Test {
 
  private:
   size_t seen_lines_ = 0;
+  std::string settings_;
 };
 
 }  // namespace zelta::test

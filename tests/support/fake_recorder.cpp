@@ -22,26 +22,17 @@
 
 #include <unistd.h>
 
-#include "protocol/ipc_protocol.h"
+#include "packets.h"
 
 namespace {
 
 using namespace zelta::protocol;
+using zelta::test::bytes_with;
 
 int read_fd = -1;
 int write_fd = -1;
 
-void put(const zelta::base::packet& p) {
-  zelta::base::packer out;
-  p.pack(out);
-  for (size_t done = 0; done < out.length();) {
-    const ssize_t written = write(write_fd, out.buffer() + done, out.length() - done);
-    if (written <= 0) std::exit(90);
-    done += static_cast<size_t>(written);
-  }
-}
-
-void put_bytes(const std::string& bytes, size_t a_call) {
+void put(const std::string& bytes, size_t a_call = 1 << 20) {
   for (size_t done = 0; done < bytes.size();) {
     const ssize_t written =
         write(write_fd, bytes.data() + done, std::min(a_call, bytes.size() - done));
@@ -59,7 +50,7 @@ std::string content_of(const std::string& path) {
 void flood(uint32_t count) {
   std::string packets;
   for (int i = 0; i < 1000; ++i) packets.append("\x06\0\0\0\xe7\x03", 6);
-  for (uint32_t sent = 0; sent < count; sent += 1000) put_bytes(packets, packets.size());
+  for (uint32_t sent = 0; sent < count; sent += 1000) put(packets);
 }
 
 // Holds every descriptor that we have. It ends with the test, which holds the other end of the
@@ -71,13 +62,6 @@ void leave_a_grandchild() {
   std::ifstream until(path != nullptr ? path : "");
   until.get();
   std::_Exit(0);
-}
-
-template <class Packet, class... Values>
-void put_with(Values... values) {
-  Packet p;
-  Packet::fields(p) = std::make_tuple(values...);
-  put(p);
 }
 
 bool read_whole(char* to, size_t size) {
@@ -129,26 +113,21 @@ void write_facts(const std::string& path, const std::vector<std::string>& argume
 
 void run(const std::string& step, const std::string& value, const std::vector<std::string>& args) {
   const auto number = static_cast<uint32_t>(std::strtoul(value.c_str(), nullptr, 10));
-  if (step == "hello") put_with<hello_packet>(kProtocolVersion, std::string("fake"));
-  if (step == "join") put_with<join_channel_success_packet>(1U, std::string("room"));
-  if (step == "user") put_with<user_joined_packet>(number, std::string("/folder/"));
-  if (step == "drop") put_with<user_dropped_packet>(number);
-  if (step == "error") put_with<recorder_error_packet>(1, 2U);
-  if (step == "leave") put_with<recorder_leave_packet>(number);
-  if (step == "pcm") {
-    for (uint32_t i = 0; i < number; ++i) {
-      put_with<pcm_frame>(5U, uint64_t{i}, uint8_t{1}, uint8_t{16}, 48000U, std::string(1920, 'p'),
-                          2);
-    }
+  if (step == "hello") put(bytes_with<hello_packet>(kProtocolVersion, "fake"));
+  if (step == "join") put(bytes_with<join_channel_success_packet>(1U, "room"));
+  if (step == "user") put(bytes_with<user_joined_packet>(number, "/folder/"));
+  if (step == "drop") put(bytes_with<user_dropped_packet>(number));
+  if (step == "error") put(bytes_with<recorder_error_packet>(1, 2U));
+  if (step == "leave") put(bytes_with<recorder_leave_packet>(number));
+  for (uint32_t i = 0; step == "pcm" && i < number; ++i) {
+    put(bytes_with<pcm_frame>(5U, i, 1, 16, 48000U, std::string(1920, 'p'), 2));
   }
-  if (step == "h264") {
-    put_with<h264_frame2>(uint16_t{0}, 5U, uint64_t{0}, 0U, std::string(number, 'p'), 2);
-  }
+  if (step == "h264") put(bytes_with<h264_frame2>(0, 5U, 0, 0U, std::string(number, 'p'), 2));
   if (step == "garbage") {
     [[maybe_unused]] const ssize_t written = write(write_fd, "\0\0\0\0", 4);
   }
-  if (step == "bytes") put_bytes(content_of(value), 1 << 20);
-  if (step == "drip") put_bytes(content_of(value), 1);
+  if (step == "bytes") put(content_of(value));
+  if (step == "drip") put(content_of(value), 1);
   if (step == "flood") flood(number);
   if (step == "grandchild") leave_a_grandchild();
   if (step == "await" && !await(static_cast<int>(number))) std::exit(0);

@@ -2,21 +2,21 @@
 // A folder of one test's own, and reading what was logged there.
 #pragma once
 
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <sstream>
 #include <string>
 #include <vector>
 
-#include <gtest/gtest.h>
 #include <unistd.h>
 
 namespace zelta::test {
 
 class TempDir {
  public:
-  TempDir() {
-    std::string pattern = (std::filesystem::temp_directory_path() / "zelta-test.XXXXXX").string();
+  explicit TempDir(const std::filesystem::path& in = std::filesystem::temp_directory_path()) {
+    std::string pattern = (in / "zelta-test.XXXXXX").string();
     path_ = mkdtemp(pattern.data());
     path_ += "/";
   }
