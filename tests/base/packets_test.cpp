@@ -7,6 +7,7 @@
 #include "base/protocol/ProtocolHandler.h"
 #include "protocol/mixing_layout.h"
 #include "support/engine_probe.h"
+#include "support/packets.h"
 
 namespace zelta::test {
 namespace {
@@ -20,10 +21,10 @@ struct Filler {
   std::enable_if_t<std::is_integral_v<T>> fill(T& field) {
     field = static_cast<T>(next += 0x0101010101010101);
   }
-  void fill(std::string& field) { field = std::string("\0a", 2) + std::to_string(next++); }
+  void fill(std::string& field) { field = std::string("\0a", 2) + std::to_string(next++ % 100); }
   template <class T>
   void fill(std::vector<T>& field) {
-    field.resize(3);
+    field.resize(2);
     for (T& element : field) fill(element);
   }
 };
@@ -36,11 +37,8 @@ Packet filled() {
   return packet;
 }
 
-template <class Packet>
-std::string body_of(const Packet& packet) {
-  base::packer p;
-  packet.pack(p);
-  return {p.body(), p.length() - base::kLengthPrefixBytes};
+std::string body_of(const base::packet& packet) {
+  return bytes_of(packet).substr(base::kLengthPrefixBytes);
 }
 
 template <class Packet>
@@ -92,70 +90,42 @@ std::string hex(const std::string& bytes) {
 }
 
 template <class... Packets>
-void add_bytes_of(packet_list<Packets...>, std::vector<std::string>& all) {
-  (all.push_back(hex(body_of(filled<Packets>()))), ...);
+Lines bytes_of_all(packet_list<Packets...>) {
+  return {hex(body_of(filled<Packets>()))...};
 }
 
 // Every packet with a value of its own in every field: a new number or place of one is another
 // protocol.
 TEST(Packets, BytesOnTheWireAreThese) {
-  std::vector<std::string> all;
-  add_bytes_of(control_packets(), all);
-  add_bytes_of(event_packets(), all);
-  add_bytes_of(frame_packets(), all);
+  EXPECT_EQ(bytes_of_all(control_packets()),
+            words_of("010009080706 0d000400000000613536 0e0002000000090a 0f0009080706 100009080706 "
+                     "110002000000090807060a090807020000000b0a09080c0b0a09020000000d0c0b0a0e0d0c0b0"
+                     "20000000f0e0d0c100f0e0d0200000011100f0e1211100f "
+                     "120002000000090807060a090807020000000b0a09080c0b0a09 "
+                     "130002000000090807060a090807020000000b0a09080c0b0a09020000000d0c0b0a0e0d0c0b0"
+                     "20000000f0e0d0c100f0e0d "
+                     "140009080706 150009080706 1700090807060400000000613239 180009080706 "
+                     "1a00090807060a090807"));
   EXPECT_EQ(
-      all,
-      (std::vector<std::string>{
-          "010009080706",
-          "0d001300000000613732363233383539373930333832383536",
-          "0e0003000000090a0b",
-          "0f0009080706",
-          "100009080706",
-          ("110003000000090807060a0908070b0a0908030000000c0b0a090d0c0b0a0e0d0c0b030000000f0e0d"
-           "0c100f0e0d11100f0e030000001211100f131211101413121103000000151413121615141317161514"),
-          "120003000000090807060a0908070b0a0908030000000c0b0a090d0c0b0a0e0d0c0b",
-          ("130003000000090807060a0908070b0a0908030000000c0b0a090d0c0b0a0e0d0c"
-           "0b030000000f0e0d0c100f0e0d11100f0e030000001211100f1312111014131211"),
-          "140009080706",
-          "150009080706",
-          "170009080706140000000061313434393634303332363238343539353239",
-          "180009080706",
-          "1a00090807060a090807",
-          "640009080706140000000061313434393634303332363238343539353239",
-          "650009080706140000000061313434393634303332363238343539353239",
-          "660009080706140000000061313434393634303332363238343539353239",
-          "670009080706",
-          "680009080706",
-          "690003000000090807060a0908070b0a0908030000000c0b0a090d0c0b0a0e0d0c0b",
-          "6a00090807060a090807",
-          "6b0009080706",
-          "6c00090807060a0908070b0a09080c0b0a09",
-          "6d00090807060a090807",
-          "6e00090807060a090807",
-          "6f00",
-          "7000",
-          "710009080706140000000061313434393634303332363238343539353239",
-          ("8300090807060a090807060504030b0c0d0c0b0a14000000"
-           "00613433343332343732333938303736363232310f0d0c0b"),
-          ("8400090807060a090807060504031400000000613231373330"
-           "343230353436363533363230320c0a09080d0b0a090e0c0b0a"),
-          ("8500090807060a090807060504030b0a0c0b0d0c0e0d0f0e"
-           "140000000061353739303035303639363536393139353637"),
-          "8600090807060a090807060504030b0a0908140000000061323839363434333738333034363132383735",
-          ("870009080a0908070b0a0908070605040c0b0d0c0e0d0f0e100f14"
-           "000000006136353133343532343234393439393632343012100f0e"),
-          ("880009080a0908070b0a0908070605040c0b0a0914000000"
-           "00613336313938343535313134323638393534380e0c0b0a"),
-          "890009080a0908070b0a090807060504140000000061323839363434333738333034363132383735"}));
-  EXPECT_EQ(hex(body_of(leave_packet())), "010000000000");
-  base::packer p;
-  leave_packet().pack(p);
-  EXPECT_EQ(hex(std::string(p.buffer(), p.length())), "0a000000010000000000");
+      bytes_of_all(event_packets()),
+      words_of(
+          "6400090807060400000000613239 6500090807060400000000613239 6600090807060400000000613239 "
+          "670009080706 680009080706 690002000000090807060a090807020000000b0a09080c0b0a09 "
+          "6a00090807060a090807 6b0009080706 6c00090807060a0908070b0a09080c0b0a09 "
+          "6d00090807060a090807 6e00090807060a090807 6f00 7000 7100090807060400000000613239"));
+  EXPECT_EQ(bytes_of_all(frame_packets()),
+            words_of("8300090807060a090807060504030b0c0d0c0b0a04000000006132310f0d0c0b "
+                     "8400090807060a09080706050403030000000061320c0a09080d0b0a090e0c0b0a "
+                     "8500090807060a090807060504030b0a0c0b0d0c0e0d0f0e0400000000613637 "
+                     "8600090807060a090807060504030b0a09080400000000613735 "
+                     "870009080a0908070b0a0908070605040c0b0d0c0e0d0f0e100f040000000061343012100f0e "
+                     "880009080a0908070b0a0908070605040c0b0a0904000000006134380e0c0b0a "
+                     "890009080a0908070b0a0908070605040400000000613735"));
+  EXPECT_EQ(hex(bytes_of(leave_packet())), "0a000000010000000000");
 }
 
 TEST(Packets, LayoutReadIntoBytesAppends) {
-  video_mixing_layout_packet packet;
-  packet.data = {1, 2};
+  auto packet = made<video_mixing_layout_packet>(std::vector<uint8_t>{1, 2});
   const std::string body = body_of(packet);
   base::unpacker u(body.data(), body.size(), false);
   packet.unmarshall(u);
@@ -194,49 +164,47 @@ TEST(Packer, GrowsAndPatches) {
 
 class DecoderTest : public EngineTest {
  protected:
-  bool receive(const base::packet& packet) {
-    const std::string body = body_of(packet);
-    return receive_bytes(body);
-  }
+  bool receive(const base::packet& packet) { return receive_bytes(body_of(packet)); }
   bool receive_bytes(const std::string& body) {
     base::unpacker u(body.data(), body.size(), false);
     return engine->on_receive_packet(u, static_cast<uint16_t>(static_cast<uint8_t>(body[0])));
   }
-  static std::string body_of(const base::packet& packet) { return test::body_of(packet); }
 };
 
-template <class Packet, class... Values>
-Packet make(Values... values) {
-  Packet packet;
-  Packet::fields(packet) = std::make_tuple(values...);
-  return packet;
-}
+using V = std::vector<uint32_t>;
 
 TEST_F(DecoderTest, RoutesEveryEvent) {
-  using V = std::vector<uint32_t>;
-  using std::string;
-  receive(make<hello_packet>(1U, string("test")));
-  receive(make<join_channel_success_packet>(1U, string("room")));
-  receive(make<user_joined_packet>(2U, string("/f/")));
-  receive(make<active_speaker_packet>(2U));
-  receive(make<audio_volume_indication_packet>(V{2}, V{9}));
-  receive(make<first_video_decoded_packet>(2U, 3, 4, 5));
-  receive(make<first_audio_frame_packet>(2U, 6));
-  receive(make<receiving_stream_status_packet>(1, 0));
+  Lines answered;
+  router.on_send = [&] { answered.push_back(handler.calls().back()); };
+  receive(made<hello_packet>(1U, "test"));
+  receive(made<join_channel_success_packet>(1U, "room"));
+  receive(made<user_joined_packet>(2U, "/f/"));
+  receive(made<active_speaker_packet>(2U));
+  receive(made<audio_volume_indication_packet>(V{2, 3}, V{9, 8, 7}));
+  receive(made<audio_volume_indication_packet>(V{}, V{1}));
+  receive(made<audio_volume_indication_packet>(V{1}, V{}));
+  receive(made<first_video_decoded_packet>(2U, 3, 4, 5));
+  receive(made<first_audio_frame_packet>(2U, 6));
+  receive(made<receiving_stream_status_packet>(2, 0));
   receive(connection_interrupted_packet());
   receive(connection_lost_packet());
-  receive(make<user_background_packet>(2U, string("x")));
-  receive(make<user_dropped_packet>(2U));
-  receive(make<recorder_error_packet>(1, 2U));
-  receive(make<recorder_leave_packet>(16U));
+  receive(made<user_background_packet>(2U, "x"));
+  receive(made<user_dropped_packet>(2U));
+  receive(made<user_dropped_packet>(4U));
+  receive(made<recorder_error_packet>(1, 2U));
+  receive(made<recorder_leave_packet>(16U));
+  router.on_send = nullptr;
   EXPECT_EQ(handler.calls(),
-            (std::vector<string>{"joined room 1", "user in 2 /f/", "speaker 2", "volumes 2=9,",
-                                 "first video 2 3 4 5", "first audio 2 6", "receiving 1 0",
-                                 "interrupted", "lost", "user out 2 0", "error 1 2", "leave 16"}));
-  EXPECT_EQ(engine->stats_.totalPackets, 14U);
-  EXPECT_EQ(engine->stats_.otherPackets, 14U);
-  receive(make<hello_packet>(2U, string("newer")));
-  EXPECT_NE(read_file(dir.path() + "recording_engine.log").find("not ours"), string::npos);
+            (Lines{"joined room 1", "user in 2 /f/", "speaker 2", "volumes 2=9,3=8,",
+                   "first video 2 3 4 5", "first audio 2 6", "receiving 1 0", "interrupted", "lost",
+                   "user out 2 0", "user out 4 0", "error 1 2", "leave 16"}));
+  EXPECT_EQ(router.sent_uris(), (std::vector<int>{15, 16, 16}));
+  EXPECT_EQ(answered, (Lines{"user in 2 /f/", "user out 2 0", "user out 4 0"}))
+      << "the handler has it before the recorder is answered";
+  EXPECT_EQ(engine->stats_.totalPackets, 17U);
+  EXPECT_EQ(engine->stats_.otherPackets, 17U);
+  receive(made<hello_packet>(2U, "newer"));
+  EXPECT_NE(read_file(dir.path() + "recording_engine.log").find("not ours"), std::string::npos);
 }
 
 TEST_F(DecoderTest, CountsEachKindOfFrame) {
@@ -251,39 +219,18 @@ TEST_F(DecoderTest, CountsEachKindOfFrame) {
   EXPECT_TRUE(receive_bytes(std::string("\xff\0nonsense", 10))) << "unknown uris are skipped";
   EXPECT_TRUE(engine->on_receive_packet(pcm_frame(), pcm_frame::kUri));
   const auto& s = engine->stats_;
-  const std::vector<uint32_t> counts{s.totalPackets, s.pcmPackets,    s.pcmTotalPackets,
-                                     s.aacPackets,   s.yuvPackets,    s.h264Packets,
-                                     s.yuvF2Packets, s.h264F2Packets, s.jpgPackets,
-                                     s.errPackets,   s.otherPackets};
-  EXPECT_EQ(counts, (std::vector<uint32_t>{10, 2, 3, 1, 1, 1, 1, 1, 1, 1, 1}));
+  EXPECT_EQ(std::tie(s.totalPackets, s.pcmPackets, s.pcmTotalPackets, s.aacPackets, s.yuvPackets,
+                     s.h264Packets, s.yuvF2Packets, s.h264F2Packets, s.jpgPackets, s.errPackets),
+            std::make_tuple(10, 2, 3, 1, 1, 1, 1, 1, 1, 1));
+  EXPECT_EQ(s.otherPackets, 1U);
   EXPECT_EQ(handler.calls().size(), 8U);
 }
 
 TEST_F(DecoderTest, RefusesWhatPacketsCannotMean) {
-  using V = std::vector<uint32_t>;
-  EXPECT_FALSE(receive(make<audio_volume_indication_packet>(V{1, 2}, V{9})));
-  auto yuv = yuv_frame2();
-  std::tie(yuv.uid, yuv.frame_ms, yuv.width, yuv.height, yuv.ystride, yuv.ustride, yuv.vstride) =
-      std::make_tuple(1, 2, 3, 4, 5, 6, 7);
-  std::string order;
-  for (const char byte : body_of(yuv))
-    order += byte > 0 && byte < 8 ? std::string(1, static_cast<char>('0' + byte)) : "";
-  EXPECT_EQ(order, "1234567") << "as the other side expects them";
-  yuv.width = yuv.ystride = 4;
-  yuv.height = 4;
-  yuv.ustride = yuv.vstride = 2;
-  yuv.data.assign(24, 'x');
-  EXPECT_TRUE(receive(yuv));
-  yuv.data.assign(23, 'x');
-  EXPECT_FALSE(receive(yuv)) << "the V plane would leave the payload";
-  yuv.data.assign(24, 'x');
-  yuv.width = 5;
-  EXPECT_FALSE(receive(yuv)) << "rows longer than their stride";
-  yuv.data.clear();
-  EXPECT_TRUE(receive(yuv)) << "no payload, no planes";
+  EXPECT_FALSE(receive(made<audio_volume_indication_packet>(V{1, 2}, V{9})));
   for (int i = 0; i < 1000; ++i) receive_bytes(std::string("\x65\0", 2));
-  EXPECT_EQ(engine->stats_.errPackets, 1003U);
-  const auto lines = lines_of(read_file(dir.path() + "recording_engine.log"));
+  EXPECT_EQ(engine->stats_.errPackets, 1001U);
+  const Lines lines = lines_of(read_file(dir.path() + "recording_engine.log"));
   const auto bad = std::count_if(lines.begin(), lines.end(), [](const std::string& line) {
     return line.find(" warn ipc skipped ") != std::string::npos;
   });
@@ -292,22 +239,22 @@ TEST_F(DecoderTest, RefusesWhatPacketsCannotMean) {
 }
 
 TEST_F(DecoderTest, PayloadChangesHandsWithoutACopyOrAllocation) {
-  h264_frame2 frame;
-  std::string body = body_of(frame);
+  std::string body = body_of(h264_frame2());
   const size_t at = *frame_payload_position(h264_frame2::kUri);
-  std::string payload(100000, 'p');
-  const auto count = static_cast<uint32_t>(payload.size());
-  std::memcpy(body.data() + at - 4, &count, 4);
-  const char* const first = payload.data();
-  base::unpacker u(body.data(), body.size(), payload, at);
-  EXPECT_TRUE(engine->on_receive_packet(u, h264_frame2::kUri));
-  EXPECT_EQ(static_cast<const void*>(handler.payload), first);
-  payload.assign(100000, 'q');
-  const char* const second = payload.data();
-  base::unpacker u2(body.data(), body.size(), payload, at);
-  EXPECT_TRUE(engine->on_receive_packet(u2, h264_frame2::kUri));
-  EXPECT_EQ(static_cast<const void*>(handler.payload), second);
-  EXPECT_EQ(payload.data(), first) << "the storage of the frame before comes back";
+  body.replace(at - 4, 4, length_prefix(100'000));
+  std::string payload;
+  const char* before = nullptr;
+  for (const char content : {'p', 'q'}) {
+    payload.assign(100'000, content);
+    const char* const given = payload.data();
+    base::unpacker u(body.data(), body.size(), payload, at);
+    EXPECT_TRUE(engine->on_receive_packet(u, h264_frame2::kUri));
+    EXPECT_EQ(static_cast<const void*>(handler.payload), given);
+    if (before != nullptr) {
+      EXPECT_EQ(payload.data(), before) << "the storage of the frame before comes back";
+    }
+    before = given;
+  }
 }
 
 // ---- The mixing layout ---------------------------------------------------------------------
@@ -331,15 +278,13 @@ TEST(MixingLayout, DecodesWhatWasEncoded) {
   ASSERT_TRUE(recording::encodeMixingLayout(layout, bytes, ""));
   recording::mixing_layout back;
   ASSERT_TRUE(recording::decodeMixingLayout(bytes, back));
-  EXPECT_EQ(back.canvas_width, 640);
-  EXPECT_EQ(back.background_color, "#112233");
+  EXPECT_EQ(std::tie(back.canvas_width, back.background_color, back.app_data),
+            std::make_tuple(640, "#112233", std::string("a\0b", 3)));
   ASSERT_EQ(back.regions.size(), 2U);
-  EXPECT_EQ(back.regions[0].uid, 7U);
-  EXPECT_EQ(back.regions[0].x, 0.25);
-  EXPECT_EQ(back.regions[0].height, -1e300);
-  EXPECT_EQ(back.regions[1].alpha, 0.5);
-  EXPECT_EQ(back.regions[1].renderMode, -1);
-  EXPECT_EQ(back.app_data, std::string("a\0b", 3));
+  const auto& first = back.regions[0];
+  EXPECT_EQ(std::tie(first.uid, first.x, first.height), std::make_tuple(7, 0.25, -1e300));
+  const auto& second = back.regions[1];
+  EXPECT_EQ(std::tie(second.alpha, second.renderMode), std::make_tuple(0.5, -1));
   back.canvas_height = 1;
   for (size_t length = 0; length < bytes.size(); ++length) {
     const std::vector<unsigned char> cut(bytes.begin(),
@@ -352,18 +297,20 @@ TEST(MixingLayout, DecodesWhatWasEncoded) {
 }
 
 TEST(MixingLayout, RefusesOnlyWhatCannotBeEncoded) {
-  std::vector<unsigned char> bytes;
-  EXPECT_TRUE(recording::encodeMixingLayout(VideoMixingLayout(), bytes, ""));
-  VideoMixingLayout layout;
-  layout.appData = "x";
-  layout.appDataLength = -1;
-  EXPECT_FALSE(recording::encodeMixingLayout(layout, bytes, ""));
-  layout.appData = nullptr;
-  layout.appDataLength = 1;
-  EXPECT_FALSE(recording::encodeMixingLayout(layout, bytes, ""));
-  layout.appDataLength = 0;
-  layout.regionCount = 1;
-  EXPECT_FALSE(recording::encodeMixingLayout(layout, bytes, ""));
+  const struct {
+    const char* data;
+    int length;
+    unsigned regions;  // of none
+    bool encoded;
+  } rows[] = {
+      {nullptr, 0, 0, true}, {"x", -1, 0, false}, {nullptr, 1, 0, false}, {nullptr, 0, 1, false}};
+  for (const auto& row : rows) {
+    VideoMixingLayout layout;
+    std::tie(layout.appData, layout.appDataLength, layout.regionCount) =
+        std::make_tuple(row.data, row.length, row.regions);
+    std::vector<unsigned char> bytes;
+    EXPECT_EQ(recording::encodeMixingLayout(layout, bytes, ""), row.encoded) << &row - rows;
+  }
 }
 
 }  // namespace
