@@ -28,34 +28,6 @@ struct CheckRow {
   const char* line;  // empty: nothing is logged
 };
 
-void PrintTo(const CheckRow& row, std::ostream* out) {
-  *out << row.name;
-}
-
-class JoinCheck : public EngineTest, public ::testing::WithParamInterface<CheckRow> {};
-
-TEST_P(JoinCheck, GivesItsCodeAndLine) {
-  const CheckRow& row = GetParam();
-  row.mutate(config);
-  new_lines();
-  EXPECT_EQ(engine->joinChannelValidationCheck("key", "channel", 1, &config), row.code);
-  const std::vector<std::string> expected =
-      *row.line != '\0' ? std::vector<std::string>{row.line} : std::vector<std::string>{};
-  EXPECT_EQ(new_lines(), expected);
-  EXPECT_TRUE(handler.calls().empty());
-}
-
-// Whatever else is wrong further down the list, the earlier rule decides.
-TEST_P(JoinCheck, WinsOverLaterRules) {
-  const CheckRow& row = GetParam();
-  if (row.code == 0) return;
-  row.mutate(config);
-  if (config.idleLimitSec == 300) config.audioIndicationInterval = -1;
-  new_lines();
-  EXPECT_EQ(engine->joinChannelValidationCheck("key", "channel", 1, &config), row.code);
-  EXPECT_EQ(new_lines().back(), row.line);
-}
-
 #define SET(...) [](RecordingConfig& c) { __VA_ARGS__; }
 
 const CheckRow kCheckRows[] = {
@@ -146,7 +118,23 @@ const CheckRow kCheckRows[] = {
      "audioIndicationInterval out of range, it should be 0 more"},
 };
 
-INSTANTIATE_TEST_SUITE_P(Rules, JoinCheck, ::testing::ValuesIn(kCheckRows));
+// Whatever else is wrong further down the list, the earlier rule decides.
+TEST_F(EngineTest, JoinChecksGiveTheirCodeAndLineAndTheEarlierWins) {
+  for (const CheckRow& row : kCheckRows) {
+    SCOPED_TRACE(row.name);
+    const Lines expected = *row.line != '\0' ? Lines{row.line} : Lines{};
+    config = RecordingConfig();
+    row.mutate(config);
+    for (const bool more_is_wrong : {false, true}) {
+      if (more_is_wrong && row.code == 0) continue;
+      if (more_is_wrong) config.audioIndicationInterval = -1;
+      new_lines();
+      EXPECT_EQ(engine->joinChannelValidationCheck("key", "channel", 1, &config), row.code);
+      EXPECT_EQ(new_lines(), expected);
+    }
+  }
+  EXPECT_TRUE(handler.calls().empty());
+}
 
 TEST_F(EngineTest, JoinChecksTheChannelName) {
   const std::string longest(64, 'c');
@@ -186,9 +174,7 @@ TEST_F(EngineTest, JoinTakesChunkSpanFromTheFile) {
       {"", false, talk, 0, 0, ""},
   };
   for (const ChunkRow& row : rows) {
-    const std::string path =
-        dir.file("c.json", std::string("{\"Chunk_Time_Span\":\"") + row.value + "\"}");
-    config.cfgFilePath = text(path.c_str());
+    settings(std::string(R"({"Chunk_Time_Span":")") + row.value + R"("})");
     config.isMixingEnabled = row.mix;
     config.channelProfile = row.profile;
     new_lines();
@@ -200,8 +186,7 @@ TEST_F(EngineTest, JoinTakesChunkSpanFromTheFile) {
 }
 
 TEST_F(EngineTest, JoinKeepsAvsyncOfARefusedFile) {
-  const std::string path = dir.file("c.json", R"({"Avsync_Type":"1x","Chunk_Time_Span":"5"})");
-  config.cfgFilePath = text(path.c_str());
+  settings(R"({"Avsync_Type":"1x","Chunk_Time_Span":"5"})");
   config.triggerMode = static_cast<TRIGGER_MODE_TYPE>(7);
   EXPECT_EQ(engine->joinChannelValidationCheck("", "c", 0, &config), -2);
   EXPECT_EQ(engine->avsync_type_, base::AVSYNC_V1);
@@ -214,7 +199,6 @@ TEST_F(EngineTest, LookupsAnswerAndLogByKindOfValue) {
   const char* const kOpen = "ERROR:failed to open config file";
   const char* const kParse = "ERROR:failed to parser config file";
   const char* const kKey = "ERROR:config file does not contain recording";
-  const std::string deep(200000, '[');
   const struct {
     const char* name;
     std::string content;
@@ -241,7 +225,7 @@ TEST_F(EngineTest, LookupsAnswerAndLogByKindOfValue) {
       {"comment", "// c\n{\"k\":\"v\"}", "v", 0, ""},
       {"more behind it", R"({"k":"v"} x)", "v", 0, ""},
       {"twice", R"({"k":"u","k":"v"})", "v", 0, ""},
-      {"too deep", deep, "", 0, kParse},
+      {"too deep", std::string(200000, '['), "", 0, kParse},
   };
   for (const auto& row : rows) {
     const std::string path = dir.file("c.json", row.content);
@@ -266,7 +250,7 @@ TEST_F(EngineTest, LookupsAnswerAndLogByKindOfValue) {
                {"/dev/zero", kParse}};
   for (const auto& row : paths) {
     EXPECT_EQ(engine->get_val_from_cfg(row.path.c_str(), "k"), "");
-    EXPECT_EQ(new_lines(), std::vector<std::string>{row.line}) << row.path;
+    EXPECT_EQ(new_lines(), Lines{row.line}) << row.path;
   }
 }
 
@@ -278,13 +262,9 @@ TEST_F(EngineTest, TestServersComeFromTheFile) {
   EXPECT_EQ(engine->get_internal_test_cfg(nullptr, vocs, vocs_port, vos, vos_port), -1);
   EXPECT_EQ(engine->get_internal_test_cfg(&config, vocs, vocs_port, vos, vos_port), 0);
   EXPECT_EQ(vocs, "old") << "no file, nothing touched";
-  const std::string path = dir.file("c.json", R"({"vocs":"h","vocs_port":80,"vos_port":"81"})");
-  config.cfgFilePath = text(path.c_str());
+  settings(R"({"vocs":"h","vocs_port":80,"vos_port":"81"})");
   EXPECT_EQ(engine->get_internal_test_cfg(&config, vocs, vocs_port, vos, vos_port), 0);
-  EXPECT_EQ(vocs, "h");
-  EXPECT_EQ(vocs_port, 80U);
-  EXPECT_EQ(vos, "");
-  EXPECT_EQ(vos_port, 0U);
+  EXPECT_EQ(std::tie(vocs, vocs_port, vos, vos_port), std::make_tuple("h", 80, "", 0));
 }
 
 // ---- The folder ----------------------------------------------------------------------------
@@ -338,8 +318,7 @@ TEST_F(EngineTest, FolderRootComesFromTheEnvironmentOnlyWhenNothingElseIsGiven) 
 
 TEST_F(EngineTest, FolderOfTheFileIsUsedAsItStands) {
   const std::string fixed = dir.path() + "fixed";
-  const std::string path_of_file = dir.file("c.json", "{\"Recording_Dir\":\"" + fixed + "\"}");
-  config.cfgFilePath = text(path_of_file.c_str());
+  settings(R"({"Recording_Dir":")" + fixed + R"("})");
   for (int join = 0; join < 2; ++join) {
     std::string path = ".";
     EXPECT_EQ(engine->setup_recording_folder(&config, path), 0);
@@ -349,17 +328,15 @@ TEST_F(EngineTest, FolderOfTheFileIsUsedAsItStands) {
   std::filesystem::create_symlink(dir.path() + "nothing", dir.path() + "dangling");
   std::filesystem::create_symlink(dir.path() + "loop", dir.path() + "loop");
   std::string path = "untouched";
-  for (const std::string& bad : {std::string("/proc/none/such"), path_of_file,
+  for (const std::string& bad : {std::string("/proc/none/such"), dir.path() + "c.json",
                                  dir.path() + "dangling", dir.path() + "loop"}) {
-    dir.file("c.json", R"({"Recording_Dir":")" + bad + R"("})");
+    settings(R"({"Recording_Dir":")" + bad + R"("})");
     new_lines();
     EXPECT_EQ(engine->setup_recording_folder(&config, path), -1) << bad;
     EXPECT_EQ(path, "untouched");
-    EXPECT_EQ(new_lines(),
-              std::vector<std::string>{"Failed to create the recording folder in config file"})
-        << bad;
+    EXPECT_EQ(new_lines(), Lines{"Failed to create the recording folder in config file"}) << bad;
   }
-  dir.file("c.json", R"({"Recording_Dir":""})");
+  settings(R"({"Recording_Dir":""})");
   EXPECT_EQ(engine->setup_recording_folder(&config, path), 0);
   EXPECT_TRUE(said("recording path is empty in cfg file"));
   EXPECT_EQ(engine->setup_recording_folder(nullptr, path), -1);
@@ -370,76 +347,38 @@ TEST_F(EngineTest, FolderOfTheFileIsUsedAsItStands) {
 class CommandLineTest : public EngineTest {
  protected:
   // Without the values that differ from run to run.
-  std::vector<std::string> build(const char* key = "key", uid_t uid = 7) {
+  Lines build(const char* key = "key", uid_t uid = 7) {
     std::vector<const char*> args;
     std::string program = "ZeltaCoreService";
     EXPECT_EQ(engine->pushParamsToZRS(key, "room", uid, &config, args, program), 0);
     EXPECT_EQ(args.back(), nullptr);
-    std::vector<std::string> line = router.launches.back();
+    Lines line = router.launches.back();
     const auto folder = std::find(line.begin(), line.end(), "--recording_file_dir");
     EXPECT_EQ(*(folder + 1), engine->getProperties()->storageDir);
     EXPECT_EQ(*(folder + 1), router.logdir);
     *(folder + 1) = "FOLDER";
     return line;
   }
-  static bool has(const std::vector<std::string>& line, const std::string& name,
-                  const std::string& value) {
+  static bool has(const Lines& line, const std::string& name, const std::string& value) {
     const auto found = std::find(line.begin(), line.end(), name);
     return found != line.end() && *(found + 1) == value;
   }
 };
 
 TEST_F(CommandLineTest, DefaultsInOrder) {
-  EXPECT_EQ(build(), (std::vector<std::string>{"ZeltaCoreService",
-                                               "--app_id",
-                                               "app",
-                                               "--channel_key",
-                                               "key",
-                                               "--channel_id",
-                                               "room",
-                                               "--uid",
-                                               "7",
-                                               "--mixedVideoAudio",
-                                               "0",
-                                               "--chunk_time_span",
-                                               "0",
-                                               "--idle",
-                                               "300",
-                                               "--decode_audio",
-                                               "0",
-                                               "--decode_video",
-                                               "0",
-                                               "--capture_interval",
-                                               "5",
-                                               "--audio_indication_interval",
-                                               "0",
-                                               "--syslog_fclt",
-                                               "8",
-                                               "--streamType",
-                                               "0",
-                                               "--serviceMode",
-                                               "0",
-                                               "--recording_file_dir",
-                                               "FOLDER",
-                                               "--lang",
-                                               "0",
-                                               "--audioProfile",
-                                               "0",
-                                               "--logLevel",
-                                               "5",
-                                               "--enabledModules",
-                                               "-1",
-                                               "--avSyncType",
-                                               "2",
-                                               "(null)"}));
+  EXPECT_EQ(build(),
+            words_of("ZeltaCoreService --app_id app --channel_key key --channel_id room "
+                     "--uid 7 --mixedVideoAudio 0 --chunk_time_span 0 --idle 300 "
+                     "--decode_audio 0 --decode_video 0 --capture_interval 5 "
+                     "--audio_indication_interval 0 --syslog_fclt 8 --streamType 0 "
+                     "--serviceMode 0 --recording_file_dir FOLDER --lang 0 --audioProfile 0 "
+                     "--logLevel 5 --enabledModules -1 --avSyncType 2 (null)"));
   EXPECT_TRUE(engine->isSessionActive_) << "recording starts with the join";
   EXPECT_EQ(engine->channelId_, "room");
 }
 
 TEST_F(CommandLineTest, EverythingInOrder) {
-  const std::string file = dir.file(
-      "c.json", R"({"vocs":"a","vocs_port":4294967295,"vos":"b","vos_port":2,"Log_Module":"4"})");
-  config.cfgFilePath = text(file.c_str());
+  settings(R"({"vocs":"a","vocs_port":4294967295,"vos":"b","vos_port":2,"Log_Module":"4"})");
   config.appliteDir = text("/opt/rec");
   config.isMixingEnabled = config.isVideoOnly = true;
   config.mixedVideoAudio = MIXED_AV_CODEC_V2;
@@ -460,80 +399,17 @@ TEST_F(CommandLineTest, EverythingInOrder) {
   engine->config_.chunkTimeSpan = 30;
   engine->avsync_type_ = base::AVSYNC_V0;
   base::log_config::disable_all_modules();
-  EXPECT_EQ(build(nullptr, 4294967295U), (std::vector<std::string>{"/opt/rec/ZeltaCoreService",
-                                                                   "--app_id",
-                                                                   "app",
-                                                                   "--channel_key",
-                                                                   "app",
-                                                                   "--channel_id",
-                                                                   "room",
-                                                                   "--uid",
-                                                                   "4294967295",
-                                                                   "--video_only",
-                                                                   "1",
-                                                                   "--mix",
-                                                                   "1",
-                                                                   "--mixedVideoAudio",
-                                                                   "2",
-                                                                   "--live",
-                                                                   "1",
-                                                                   "--encrypt_mode",
-                                                                   "mode",
-                                                                   "--encrypt_secret",
-                                                                   "",
-                                                                   "--chunk_time_span",
-                                                                   "30",
-                                                                   "--idle",
-                                                                   "300",
-                                                                   "--decode_audio",
-                                                                   "0",
-                                                                   "--decode_video",
-                                                                   "0",
-                                                                   "--capture_interval",
-                                                                   "5",
-                                                                   "--audio_indication_interval",
-                                                                   "250",
-                                                                   "--syslog_fclt",
-                                                                   "8",
-                                                                   "--streamType",
-                                                                   "1",
-                                                                   "--serviceMode",
-                                                                   "0",
-                                                                   "--recording_file_dir",
-                                                                   "FOLDER",
-                                                                   "--vocs",
-                                                                   "a",
-                                                                   "--vocs_port",
-                                                                   "-1",
-                                                                   "--vos",
-                                                                   "b",
-                                                                   "--vos_port",
-                                                                   "2",
-                                                                   "--mix_resolution",
-                                                                   "1,2,3,4",
-                                                                   "--min_port",
-                                                                   "5",
-                                                                   "--max_port",
-                                                                   "9",
-                                                                   "--triggerMode",
-                                                                   "1",
-                                                                   "--lang",
-                                                                   "1",
-                                                                   "--proxy_server",
-                                                                   "",
-                                                                   "--audioProfile",
-                                                                   "2",
-                                                                   "--defaultVideoBg",
-                                                                   "v.png",
-                                                                   "--defaultUserBg",
-                                                                   "u.png",
-                                                                   "--logLevel",
-                                                                   "5",
-                                                                   "--enabledModules",
-                                                                   "4",
-                                                                   "--avSyncType",
-                                                                   "0",
-                                                                   "(null)"}));
+  EXPECT_EQ(build(nullptr, 4294967295U),
+            words_of("/opt/rec/ZeltaCoreService --app_id app --channel_key app "
+                     "--channel_id room --uid 4294967295 --video_only 1 --mix 1 "
+                     "--mixedVideoAudio 2 --live 1 --encrypt_mode mode --encrypt_secret '' "
+                     "--chunk_time_span 30 --idle 300 --decode_audio 0 --decode_video 0 "
+                     "--capture_interval 5 --audio_indication_interval 250 --syslog_fclt 8 "
+                     "--streamType 1 --serviceMode 0 --recording_file_dir FOLDER --vocs a "
+                     "--vocs_port -1 --vos b --vos_port 2 --mix_resolution 1,2,3,4 "
+                     "--min_port 5 --max_port 9 --triggerMode 1 --lang 1 --proxy_server '' "
+                     "--audioProfile 2 --defaultVideoBg v.png --defaultUserBg u.png "
+                     "--logLevel 5 --enabledModules 4 --avSyncType 0 (null)"));
   EXPECT_FALSE(engine->isSessionActive_) << "waits for the start command";
 }
 
@@ -541,43 +417,36 @@ TEST_F(CommandLineTest, PresenceByRule) {
   const struct {
     const char* what;
     Mutate mutate;
-    std::vector<std::string> present;  // NAME=VALUE
-    std::vector<std::string> absent;
+    const char* present;  // names and values
+    const char* absent;
   } rows[] = {
       {"pictures in place of video",
        SET(c.decodeVideo = VIDEO_FORMAT_JPG_FILE_TYPE; c.isAudioOnly = c.isMixingEnabled = true),
-       {"--video_only=1", "--decode_video=4"},
-       {"--audio_only", "--mix"}},
+       "--video_only 1 --decode_video 4", "--audio_only --mix"},
       {"pictures beside video",
        SET(c.decodeVideo = VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE; c.isMixingEnabled = true),
-       {"--mix=1", "--decode_video=5"},
-       {"--video_only"}},
-      {"audio only",
-       SET(c.isAudioOnly = c.isMixingEnabled = true; c.mixResolution = text("x")),
-       {"--audio_only=1"},
-       {"--video_only", "--mix_resolution"}},
-      {"secret alone", SET(c.secret = text("s")), {}, {"--encrypt_mode", "--encrypt_secret"}},
-      {"high port alone", SET(c.highUdpPort = 50000), {"--max_port=50000"}, {"--min_port"}},
-      {"empty backgrounds",
-       SET(c.defaultVideoBg = c.defaultUserBg = text("")),
-       {},
-       {"--defaultVideoBg", "--defaultUserBg", "--proxy_server", "--triggerMode"}},
-      {"folder with slash", SET(c.appliteDir = text("/opt/rec/")), {}, {"//"}},
+       "--mix 1 --decode_video 5", "--video_only"},
+      {"audio only", SET(c.isAudioOnly = c.isMixingEnabled = true; c.mixResolution = text("x")),
+       "--audio_only 1", "--video_only --mix_resolution"},
+      {"secret alone", SET(c.secret = text("s")), "", "--encrypt_mode --encrypt_secret"},
+      {"high port alone", SET(c.highUdpPort = 50000), "--max_port 50000", "--min_port"},
+      {"empty backgrounds", SET(c.defaultVideoBg = c.defaultUserBg = text("")), "",
+       "--defaultVideoBg --defaultUserBg --proxy_server --triggerMode"},
+      {"folder with slash", SET(c.appliteDir = text("/opt/rec/")), "", "//"},
   };
   for (const auto& row : rows) {
+    SCOPED_TRACE(row.what);
     config = RecordingConfig();
     config.recordFileRootDir = text(dir.path().c_str());
     row.mutate(config);
-    const auto line = build("key", 0);
-    for (const std::string& pair : row.present) {
-      const size_t equals = pair.find('=');
-      EXPECT_TRUE(has(line, pair.substr(0, equals), pair.substr(equals + 1)))
-          << row.what << " " << pair;
+    const Lines line = build("key", 0);
+    const Lines present = words_of(row.present);
+    for (size_t i = 0; i < present.size(); i += 2) {
+      EXPECT_TRUE(has(line, present[i], present[i + 1])) << present[i];
     }
-    for (const std::string& name : row.absent) {
-      EXPECT_EQ(std::count(line.begin(), line.end(), name), 0) << row.what << " " << name;
+    for (const std::string& name : words_of(std::string("--uid ") + row.absent)) {
+      EXPECT_EQ(std::count(line.begin(), line.end(), name), 0) << name;
     }
-    EXPECT_EQ(std::count(line.begin(), line.end(), "--uid"), 0);
   }
   EXPECT_EQ(router.launches.back()[0], "/opt/rec/ZeltaCoreService");
 }
@@ -590,7 +459,7 @@ TEST_F(CommandLineTest, IsLoggedWholeBeforeTheTerminator) {
   const auto header = std::find(lines.begin(), lines.end(), "=======params ======");
   ASSERT_NE(header, lines.end());
   EXPECT_EQ((header - 1)->rfind("[Wrapper version] ", 0), 0U);
-  const std::vector<std::string> dump(header + 1, lines.end());
+  const Lines dump(header + 1, lines.end());
   ASSERT_EQ(dump.size(), router.launches[0].size() - 1);
   EXPECT_TRUE(std::equal(dump.begin(), dump.end(), router.launches[0].begin()));
   EXPECT_TRUE(said("sesame"));
@@ -631,24 +500,17 @@ TEST_F(EngineTest, HookAppendsOptionsOrStopsTheJoin) {
 
 // ---- The engine's own copy -----------------------------------------------------------------
 
+template <class... Values>
+std::vector<int> ints(Values... values) {
+  return {static_cast<int>(values)...};
+}
+
 // Each number is another one, so that no two fields can have changed places.
 std::vector<int> numbers_of(const RecordingConfigEx& c) {
-  return {c.channelProfile,
-          c.isAudioOnly,
-          c.isVideoOnly,
-          c.isMixingEnabled,
-          c.mixedVideoAudio,
-          c.decodeAudio,
-          c.decodeVideo,
-          c.streamType,
-          c.lowUdpPort,
-          c.highUdpPort,
-          c.idleLimitSec,
-          c.captureInterval,
-          static_cast<int>(c.triggerMode),
-          static_cast<int>(c.lang),
-          static_cast<int>(c.audioProfile),
-          c.chunkTimeSpan};
+  return ints(c.channelProfile, c.isAudioOnly, c.isVideoOnly, c.isMixingEnabled, c.mixedVideoAudio,
+              c.decodeAudio, c.decodeVideo, c.streamType, c.lowUdpPort, c.highUdpPort,
+              c.idleLimitSec, c.captureInterval, c.triggerMode, c.lang, c.audioProfile,
+              c.chunkTimeSpan);
 }
 std::string texts_of(const RecordingConfigEx& c) {
   return c.mixResolution + c.decryptionMode + c.secret + c.appliteDir + c.recordFileRootDir +
@@ -678,14 +540,14 @@ TEST(RecordingConfigEx, TakesOverAllButWhatJoinsKeepElsewhere) {
   from.cfgFilePath = text("c");
   from.proxyServer = text("p");
   RecordingConfigEx to;
-  EXPECT_EQ(numbers_of(to), (std::vector<int>{0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 300, 5, 0, 0, 0, 0}));
+  EXPECT_EQ(numbers_of(to), ints(0, 0, 0, 0, 0, 0, 0, 0, 0, 0, 300, 5, 0, 0, 0, 0));
   to.chunkTimeSpan = 19;
   to.channelKey = "k";
   to.channelId = "i";
   to = from;
-  EXPECT_EQ(numbers_of(to), (std::vector<int>{11, 1, 1, 1, 1, AUDIO_FORMAT_MIXED_PCM_FRAME_TYPE,
-                                              VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE, 12, 13, 14, 15, 16,
-                                              17, 18, 0, 19}));
+  EXPECT_EQ(numbers_of(to),
+            ints(11, 1, 1, 1, 1, AUDIO_FORMAT_MIXED_PCM_FRAME_TYPE,
+                 VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE, 12, 13, 14, 15, 16, 17, 18, 0, 19));
   EXPECT_EQ(texts_of(to), "rmsadcp ki");
   to = RecordingConfig();
   EXPECT_EQ(texts_of(to), " ki") << "a null text is an empty one";

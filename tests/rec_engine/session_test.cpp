@@ -8,13 +8,13 @@
 
 #include "base/clocks.h"
 #include "support/engine_probe.h"
+#include "support/packets.h"
 
 namespace zelta::test {
 namespace {
 
 using namespace protocol;
 using std::string;
-using Lines = std::vector<string>;
 
 // ---- Life ----------------------------------------------------------------------------------
 
@@ -43,7 +43,7 @@ TEST(Factory, EngineThatNeverJoinedCanBeReleased) {
 }
 
 TEST_F(EngineTest, ReleaseLeavesThenShutsTheRouterThenDropsTheTimer) {
-  EXPECT_EQ(engine->joinChannel("k", "room", 1, config), 0);
+  EXPECT_EQ(join(), 0);
   EXPECT_TRUE(engine->joined_);
   EXPECT_TRUE(engine->thread_started_);
   const string log_folder = engine->logdir_;
@@ -60,7 +60,7 @@ TEST_F(EngineTest, ReleaseLeavesThenShutsTheRouterThenDropsTheTimer) {
 }
 
 TEST_F(EngineTest, SecondLeaveDoesNothing) {
-  EXPECT_EQ(engine->joinChannel("k", "room", 1, config), 0);
+  EXPECT_EQ(join(), 0);
   const auto joined = std::chrono::steady_clock::now();
   EXPECT_EQ(engine->leaveChannel(), 0);
   EXPECT_GE(std::chrono::steady_clock::now() - joined, std::chrono::milliseconds(400))
@@ -74,7 +74,7 @@ TEST_F(EngineTest, SecondLeaveDoesNothing) {
 
 TEST_F(EngineTest, FailedLaunchLeavesTheEngineUnjoined) {
   router.launch_result = -7;
-  EXPECT_EQ(engine->joinChannel("k", "room", 1, config), -7);
+  EXPECT_EQ(join(), -7);
   EXPECT_FALSE(engine->joined_);
   EXPECT_FALSE(engine->thread_started_);
   EXPECT_EQ(logged(engine->logdir_).back(), "joinChannel failed to pushParamsToZRS");
@@ -83,12 +83,7 @@ TEST_F(EngineTest, FailedLaunchLeavesTheEngineUnjoined) {
 
 TEST_F(EngineTest, SecondJoinEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
-  EXPECT_EXIT(
-      {
-        engine->joinChannel("k", "room", 1, config);
-        engine->joinChannel("k", "room", 1, config);
-      },
-      ::testing::KilledBySignal(SIGABRT), "terminate called");
+  EXPECT_EXIT(join(); join(), ::testing::KilledBySignal(SIGABRT), "terminate called");
 }
 
 TEST_F(EngineTest, LeaveBeforeTheJoinOrBetweenTwoSparesTheProcess) {
@@ -114,25 +109,23 @@ TEST(GetNs, IsTheNanosecondFieldAlone) {
 TEST_F(EngineTest, CommandsSendTheirPacketsAndLog) {
   new_lines();
   EXPECT_EQ(engine->setUserBackground(5, "a.png"), 0);
-  EXPECT_EQ(router.last<set_user_background_packet>().uid, 5U);
-  EXPECT_EQ(router.last<set_user_background_packet>().img_path, "a.png");
+  expect_sent<set_user_background_packet>(5U, "a.png");
   EXPECT_EQ(engine->setUserBackground(6, nullptr), 0);
-  EXPECT_EQ(router.last<set_user_background_packet>().img_path, "");
+  expect_sent<set_user_background_packet>(6U, "");
   EXPECT_EQ(engine->setParameters(R"({"a":1})"), 0);
-  EXPECT_EQ(router.last<parameters_packet>().parameters, R"({"a":1})");
+  expect_sent<parameters_packet>(R"({"a":1})");
   EXPECT_EQ(engine->setParameters(nullptr), 0);
-  EXPECT_EQ(router.last<parameters_packet>().parameters, "");
+  expect_sent<parameters_packet>("");
   EXPECT_EQ(engine->enableModuleLog(8, false), 0);
-  EXPECT_EQ(router.last<log_enable_module_packet>().module, 8U);
-  EXPECT_EQ(router.last<log_enable_module_packet>().enable, 0);
+  expect_sent<log_enable_module_packet>(8U, 0);
   EXPECT_EQ(base::log_config::get_enabled_modules(), 0xFFFFFFF7U);
   EXPECT_EQ(engine->enableModuleLog(8, true), 0);
+  expect_sent<log_enable_module_packet>(8U, 1);
   EXPECT_EQ(base::log_config::get_enabled_modules(), 0xFFFFFFFFU);
   EXPECT_EQ(engine->setLogLevel(ZELTA_LOG_LEVEL_DEBUG), 0);
-  EXPECT_EQ(router.last<set_log_level_packet>().level, 6U);
+  expect_sent<set_log_level_packet>(6U);
   EXPECT_EQ(base::log_config::get_log_level(), base::DEBUG_LOG);
-  VideoMixingLayout layout;
-  EXPECT_EQ(engine->setVideoMixingLayout(layout), 0);
+  EXPECT_EQ(engine->setVideoMixingLayout(VideoMixingLayout()), 0);
   const size_t size = router.last<video_mixing_layout_packet>().data.size();
   EXPECT_EQ(
       new_lines(),
@@ -201,47 +194,6 @@ TEST_F(EngineTest, ServiceIsToggledInManualModeOnly) {
 
 // ---- Events --------------------------------------------------------------------------------
 
-TEST_F(EngineTest, EventsReachTheHandlerWithTheirValues) {
-  const struct {
-    std::function<void()> event;
-    Lines calls;
-    std::vector<int> sent;
-  } rows[] = {
-      {[this] { engine->on_join_channel_success(9, "room"); }, {"joined room 9"}, {}},
-      {[this] { engine->on_user_joined(3, "/f/"); }, {"user in 3 /f/"}, {15}},
-      {[this] { engine->on_user_dropped(3); }, {"user out 3 0"}, {16}},
-      {[this] { engine->on_user_dropped(4); }, {"user out 4 0"}, {16}},
-      {[this] { engine->on_active_speaker(3); }, {"speaker 3"}, {}},
-      {[this] {
-         engine->on_audio_volume_indication({1, 2}, {10, 20, 30});
-       },
-       {"volumes 1=10,2=20,"},
-       {}},
-      {[this] { engine->on_audio_volume_indication({}, {1}); }, {}, {}},
-      {[this] { engine->on_audio_volume_indication({1}, {}); }, {}, {}},
-      {[this] { engine->on_first_video_decoded(3, 640, 360, 12); },
-       {"first video 3 640 360 12"},
-       {}},
-      {[this] { engine->on_first_audio_frame(3, 13); }, {"first audio 3 13"}, {}},
-      {[this] { engine->on_receiving_stream_status_changed(2, 0); }, {"receiving 1 0"}, {}},
-      {[this] { engine->on_connection_interrupted(); }, {"interrupted"}, {}},
-      {[this] { engine->on_connection_lost(); }, {"lost"}, {}},
-      {[this] { engine->on_set_user_background(1, "x"); }, {}, {}},
-      {[this] { engine->on_recorder_error(1, 2); }, {"error 1 2"}, {}},
-  };
-  handler.also = [this](const string&) {
-    EXPECT_TRUE(router.sent.empty()) << "the handler has it before the recorder is answered";
-  };
-  for (const auto& row : rows) {
-    handler.clear();
-    router.sent.clear();
-    row.event();
-    EXPECT_EQ(handler.calls(), row.calls);
-    EXPECT_EQ(router.sent_uris(), row.sent);
-  }
-  handler.also = nullptr;
-}
-
 TEST_F(EngineTest, JoinedStateFollowsTheRecorder) {
   engine->on_join_channel_success(1, "room");
   engine->isSessionActive_ = true;
@@ -254,94 +206,45 @@ TEST_F(EngineTest, JoinedStateFollowsTheRecorder) {
 
 // ---- Frames and counting -------------------------------------------------------------------
 
-template <class Frame>
-Frame frame(size_t payload_bytes) {
-  Frame f;
-  f.uid = 3;
-  f.frame_ms = 40;
-  f.data.assign(payload_bytes, 'x');
-  return f;
-}
-
-template <class Yuv>
-Yuv yuv(size_t payload_bytes) {
-  auto f = frame<Yuv>(payload_bytes);
-  f.width = 5;
-  f.height = 3;
-  f.ystride = 8;
-  f.ustride = 5;
-  f.vstride = 6;
-  return f;
-}
-
 TEST_F(EngineTest, FramesAreWrappedWithoutACopyAndCountedByKind) {
-  auto pcm = frame<pcm_frame>(3840);
-  pcm.channels = 2;
-  pcm.bits = 16;
-  pcm.sample_rates = 48000;
-  auto aac = frame<aac_frame>(100);
-  aac.channels = 2;
-  aac.bitrate = 64000;
-  auto h264 = frame<h264_frame>(50);
-  h264.frame_num = 8;
-  auto h264_2 = frame<h264_frame2>(50);
-  h264_2.frame_num = 8;
-  h264_2.rotation = 90;
-  auto yuv_2 = yuv<yuv_frame2>(40);
-  yuv_2.rotation = 270;
-  auto jpg = frame<jpg_frame>(7);
-  jpg.rotation = 180;
-  const auto old_yuv = yuv<yuv_frame>(40);
-  const auto empty = yuv<yuv_frame2>(0);
   using Counts = std::array<uint32_t, 4>;  // yuv, h264, jpg, pcm
-  const struct {
-    std::function<void()> deliver;
-    const string& data;
-    string call;
-    Counts counts;
-  } rows[] = {
-      {[&] { engine->on_audio_frame(pcm); },
-       pcm.data,
-       "pcm 3 40 2 16 48000 1920 3840 0",
-       {0, 0, 0, 1}},
-      {[&] { engine->on_audio_frame(aac); }, aac.data, "aac 3 40 2 64000 100", {0, 0, 0, 0}},
-      {[&] { engine->on_video_frame(old_yuv); },
-       old_yuv.data,
-       "yuv 3 40 5 3 8 5 6 40 0 24 31 0",
-       {0, 0, 0, 0}},
-      {[&] { engine->on_video_frame(yuv_2); },
-       yuv_2.data,
-       "yuv 3 40 5 3 8 5 6 40 0 24 31 270",
-       {1, 0, 0, 0}},
-      {[&] { engine->on_video_frame(h264); }, h264.data, "h264 3 40 8 50 0", {0, 0, 0, 0}},
-      {[&] { engine->on_video_frame(h264_2); }, h264_2.data, "h264 3 40 8 50 90", {0, 1, 0, 0}},
-      {[&] { engine->on_video_frame(jpg); }, jpg.data, "jpg 3 40 7 180", {0, 0, 1, 0}},
-      {[&] { engine->on_video_frame(empty); },
-       empty.data,
-       "yuv 3 40 5 3 8 5 6 0 0 24 31 0",
-       {1, 0, 0, 0}},
+  const auto counts = [this]() -> Counts {
+    const auto& c = *engine->peers_.at(3);
+    return {c.yuvCnt, c.h264Cnt, c.jpgCnt, c.pcmCnt};
   };
-  for (const auto& row : rows) {
-    const auto counts = [this]() -> Counts {
-      const auto& c = *engine->peers_.at(3);
-      return {c.yuvCnt, c.h264Cnt, c.jpgCnt, c.pcmCnt};
-    };
+  const auto check = [&](const auto& packet, const string& call, const Counts& once) {
+    SCOPED_TRACE(call);
+    const auto deliver = [&] { engine->on_receive_packet(packet, packet.uri); };
+    const Counts twice{2 * once[0], 2 * once[1], 2 * once[2], 2 * once[3]};
     handler.clear();
-    row.deliver();
-    EXPECT_EQ(handler.calls(), Lines{row.call});
-    EXPECT_EQ(handler.payload, reinterpret_cast<const uint8_t*>(row.data.data()));
+    deliver();
+    EXPECT_EQ(handler.calls(), Lines{call});
+    EXPECT_EQ(handler.payload, reinterpret_cast<const uint8_t*>(packet.data.data()));
     EXPECT_TRUE(engine->peers_.empty()) << "an unknown user gets no entry";
     engine->on_user_joined(3, "");
-    row.deliver();
-    EXPECT_EQ(counts(), row.counts) << row.call;
+    deliver();
+    EXPECT_EQ(counts(), once);
     engine->m_handler = nullptr;
-    row.deliver();
-    for (size_t i = 0; i < 4; ++i) EXPECT_EQ(counts()[i], 2 * row.counts[i]) << row.call;
+    deliver();
+    EXPECT_EQ(counts(), twice);
     engine->m_handler = &handler;
     engine->on_user_joined(3, "");
-    EXPECT_EQ(counts()[0], 2 * row.counts[0]) << "a second join keeps the counts";
+    EXPECT_EQ(counts(), twice) << "a second join keeps the counts";
     engine->on_user_dropped(3);
-  }
+  };
+  const string data(40, 'x');
+  check(made<pcm_frame>(3, 40, 2, 16, 48000, string(3840, 'x'), 0),
+        "pcm 3 40 2 16 48000 1920 3840 0", {0, 0, 0, 1});
+  check(made<aac_frame>(3, 40, data, 0, 2, 64000), "aac 3 40 2 64000 40", {0, 0, 0, 0});
+  check(made<yuv_frame>(3, 40, 5, 3, 8, 5, 6, data), "yuv 3 40 5 3 8 5 6 40 0 24 31 0",
+        {0, 0, 0, 0});
+  check(made<yuv_frame2>(270, 3, 40, 5, 3, 8, 5, 6, data, 0), "yuv 3 40 5 3 8 5 6 40 0 24 31 270",
+        {1, 0, 0, 0});
+  check(made<yuv_frame2>(0, 3, 40, 5, 3, 8, 5, 6, "", 0), "yuv 3 40 5 3 8 5 6 0 0 24 31 0",
+        {1, 0, 0, 0});
+  check(made<h264_frame>(3, 40, 8, data), "h264 3 40 8 40 0", {0, 0, 0, 0});
+  check(made<h264_frame2>(90, 3, 40, 8, data, 0), "h264 3 40 8 40 90", {0, 1, 0, 0});
+  check(made<jpg_frame>(180, 3, 40, data), "jpg 3 40 40 180", {0, 0, 1, 0});
 }
 
 TEST_F(EngineTest, ReportsGoOutEveryFourthTickByConfiguration) {
@@ -350,45 +253,32 @@ TEST_F(EngineTest, ReportsGoOutEveryFourthTickByConfiguration) {
   engine->peers_.at(20)->yuvCnt = 2;
   engine->peers_.at(30)->h264Cnt = 3;
   engine->peers_.at(30)->jpgCnt = 4;
-  const std::vector<uint32_t> uids{10, 20, 30};
-  const struct {
-    VIDEO_FORMAT_TYPE video;
-    AUDIO_FORMAT_TYPE audio;
-    int uri;
-  } rows[] = {{VIDEO_FORMAT_YUV_FRAME_TYPE, AUDIO_FORMAT_PCM_FRAME_TYPE, 17},
-              {VIDEO_FORMAT_YUV_FRAME_TYPE, AUDIO_FORMAT_DEFAULT_TYPE, 19},
-              {VIDEO_FORMAT_DEFAULT_TYPE, AUDIO_FORMAT_PCM_FRAME_TYPE, 18},
-              {VIDEO_FORMAT_DEFAULT_TYPE, AUDIO_FORMAT_DEFAULT_TYPE, 0}};
-  for (const auto& row : rows) {
-    engine->config_.decodeVideo = row.video;
-    engine->config_.decodeAudio = row.audio;
+  using V = std::vector<uint32_t>;
+  const V uids{10, 20, 30};
+  const V pcm{1, 0, 0};
+  const V yuv{0, 2, 0};
+  const V h264{0, 0, 3};
+  const V jpg{0, 0, 4};
+  const auto after_four_ticks = [this](VIDEO_FORMAT_TYPE video, AUDIO_FORMAT_TYPE audio) {
+    engine->config_.decodeVideo = video;
+    engine->config_.decodeAudio = audio;
     router.sent.clear();
     for (int tick = 1; tick <= 4; ++tick) {
       EXPECT_TRUE(router.sent.empty());
       engine->on_timer();
     }
-    EXPECT_EQ(router.sent_uris(), row.uri != 0 ? std::vector<int>{row.uri} : std::vector<int>{});
-    if (row.uri == 17) {
-      const auto& p = router.last<media_frame_confirm_packet>();
-      EXPECT_EQ(
-          std::tie(p.uids, p.pcmCnts, p.yuvCnts, p.h264Cnts, p.jpgCnts),
-          std::make_tuple(uids, std::vector<uint32_t>{1, 0, 0}, std::vector<uint32_t>{0, 2, 0},
-                          std::vector<uint32_t>{0, 0, 3}, std::vector<uint32_t>{0, 0, 4}));
-    } else if (row.uri == 19) {
-      const auto& p = router.last<video_frame_confirm_packet>();
-      EXPECT_EQ(std::tie(p.uids, p.yuvCnts, p.h264Cnts, p.jpgCnts),
-                std::make_tuple(uids, std::vector<uint32_t>{0, 2, 0},
-                                std::vector<uint32_t>{0, 0, 3}, std::vector<uint32_t>{0, 0, 4}));
-    } else if (row.uri == 18) {
-      const auto& p = router.last<audio_frame_confirm_packet>();
-      EXPECT_EQ(std::tie(p.uids, p.pcmCnts), std::make_tuple(uids, std::vector<uint32_t>{1, 0, 0}));
-    }
-  }
+    return router.sent.size();
+  };
+  ASSERT_EQ(after_four_ticks(VIDEO_FORMAT_YUV_FRAME_TYPE, AUDIO_FORMAT_PCM_FRAME_TYPE), 1U);
+  expect_sent<media_frame_confirm_packet>(uids, pcm, yuv, h264, jpg);
+  ASSERT_EQ(after_four_ticks(VIDEO_FORMAT_YUV_FRAME_TYPE, AUDIO_FORMAT_DEFAULT_TYPE), 1U);
+  expect_sent<video_frame_confirm_packet>(uids, yuv, h264, jpg);
+  ASSERT_EQ(after_four_ticks(VIDEO_FORMAT_DEFAULT_TYPE, AUDIO_FORMAT_PCM_FRAME_TYPE), 1U);
+  expect_sent<audio_frame_confirm_packet>(uids, pcm);
+  EXPECT_EQ(after_four_ticks(VIDEO_FORMAT_DEFAULT_TYPE, AUDIO_FORMAT_DEFAULT_TYPE), 0U);
   for (uint32_t uid : uids) engine->on_user_dropped(uid);
-  engine->config_.decodeVideo = VIDEO_FORMAT_YUV_FRAME_TYPE;
-  router.sent.clear();
-  for (int tick = 0; tick < 4; ++tick) engine->on_timer();
-  EXPECT_TRUE(router.sent.empty()) << "nobody to report about";
+  EXPECT_EQ(after_four_ticks(VIDEO_FORMAT_YUV_FRAME_TYPE, AUDIO_FORMAT_DEFAULT_TYPE), 0U)
+      << "nobody to report about";
 }
 
 TEST_F(EngineTest, StatisticsAreLoggedEveryTwentiethTickAndCleared) {
@@ -476,15 +366,14 @@ TEST_F(EngineTest, ThreeRecoveriesThenAnError) {
     engine->isSessionActive_ = false;
     EXPECT_TRUE(engine->on_error(16));
     EXPECT_EQ(static_cast<int>(engine->recovery_.recovery_stat), 2) << "relaunched";
-    const auto& line = router.relaunches.back();
+    Lines line = router.relaunches.back();
     ASSERT_EQ(line.size(), 8U);
-    EXPECT_EQ(line[3], "--recoveryid");
-    EXPECT_EQ(line[4], std::to_string(attempt));
-    EXPECT_EQ(line[5], "--recoverytime");
-    EXPECT_NEAR(std::stod(line[6]), static_cast<double>(base::tick_ms()), 60'000);
-    EXPECT_EQ(line[7], "(null)");
-    EXPECT_EQ(router.sent_uris().back(), 20) << "manual mode starts the new recorder's service";
-    EXPECT_EQ(router.last<start_service_packet>().uid, 0U);
+    EXPECT_NEAR(std::stod(std::exchange(line[6], "NOW")), static_cast<double>(base::tick_ms()),
+                60'000);
+    EXPECT_EQ(line, words_of("prog --a 1 --recoveryid " + std::to_string(attempt) +
+                             " --recoverytime NOW (null)"));
+    // Manual mode starts the new recorder's service.
+    expect_sent<start_service_packet>(0U);
     EXPECT_TRUE(engine->isSessionActive_);
     EXPECT_TRUE(engine->joined_);
     const auto lines = new_lines();
