@@ -2,13 +2,14 @@
 // A recorder that has gone mad: whatever it sends or does, the application is told in time, nothing
 // hangs or leaks, and no pointer leaves its buffer.
 #include <cstdio>
-#include <cstring>
+#include <iterator>
+#include <sstream>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 
-#include "protocol/ipc_protocol.h"
 #include "support/link_fixture.h"
+#include "support/packets.h"
 
 namespace zelta::test {
 namespace {
@@ -16,45 +17,20 @@ namespace {
 using namespace protocol;
 using namespace std::chrono_literals;
 
-std::string bytes_of(const base::packet& packet) {
-  base::packer p;
-  packet.pack(p);
-  return {p.buffer(), p.length()};
-}
-
-std::string length(uint32_t value) {
-  return {reinterpret_cast<const char*>(&value), sizeof value};
-}
-
 std::string user(uint32_t uid) {
-  user_joined_packet p;
-  p.uid = uid;
-  p.info = "/f/";
-  return bytes_of(p);
+  return bytes_with<user_joined_packet>(uid, "/f/");
 }
 
-std::string picture(uint16_t width, uint16_t height, uint16_t y, uint16_t u, uint16_t v,
-                    size_t payload) {
-  yuv_frame2 p;
-  p.uid = 5;
-  p.width = width;
-  p.height = height;
-  p.ystride = y;
-  p.ustride = u;
-  p.vstride = v;
-  p.data.assign(payload, 'y');
-  return bytes_of(p);
+std::string picture(int width, int height, int y, int u, int v, size_t payload) {
+  return bytes_with<yuv_frame2>(0, 5U, 0, width, height, y, u, v, std::string(payload, 'y'), 0);
 }
 
 class HostileRecorder : public LinkTest {
  protected:
   // Says in the log of the test how long a case took to settle.
   static void measured(const std::string& what, Clock::time_point since) {
-    std::printf(
-        "[ settled ] %5lld ms  %s\n",
-        static_cast<long long>(
-            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - since).count()),
-        what.c_str());
+    const std::chrono::duration<double, std::milli> ms = Clock::now() - since;
+    std::printf("[ settled ] %5.0f ms  %s\n", ms.count(), what.c_str());
   }
   std::string send(const std::string& bytes) {
     return "bytes:" + dir.file("bytes-" + std::to_string(++files_), bytes);
@@ -67,63 +43,47 @@ class HostileRecorder : public LinkTest {
 // What breaks the link is told within a second, what doesn't is skipped; what came before counts.
 TEST_F(HostileRecorder, BytesThatMakeNoSenseCostAtMostTheLink) {
   const std::string half = user(7).substr(0, 9);
+  const std::string noise(5000, '\xA5');
   const struct {
     const char* name;
-    std::string bytes;
+    std::string bytes;  // behind a user who joins
     const char* then;
     std::vector<std::string> calls;
   } rows[] = {
-      {"length 0", user(1) + length(0), "hang", {"user in 1 /f/", "error 3 8"}},
-      {"length 5", user(1) + length(5), "hang", {"user in 1 /f/", "error 3 8"}},
-      {"length 64 MiB + 1",
-       user(1) + length((64U << 20) + 1),
-       "hang",
-       {"user in 1 /f/", "error 3 8"}},
-      {"length 4 GiB - 1", user(1) + length(0xFFFFFFFF), "hang", {"user in 1 /f/", "error 3 8"}},
-      {"noise", user(1) + std::string(5000, '\xA5'), "hang", {"user in 1 /f/", "error 3 8"}},
-      {"noise, then an end",
-       user(1) + std::string(5000, '\xA5'),
-       "exit:0",
-       {"user in 1 /f/", "error 3 8"}},
-      {"64 MiB announced, then an end",
-       user(1) + length(64U << 20) + "abc",
-       "exit:0",
-       {"user in 1 /f/", "error 3 16"}},
-      {"half a packet, then an end", user(1) + half, "exit:0", {"user in 1 /f/", "error 3 16"}},
-      {"half a packet, then a closed pipe",
-       user(1) + half,
-       "close-write hang",
-       {"user in 1 /f/", "error 3 16"}},
-      {"a leave, then death",
-       user(1) + bytes_of(recorder_leave_packet()),
-       "kill",
-       {"user in 1 /f/", "leave 0", "error 3 16"}},
+      {"length 0", length_prefix(0), "hang", {"error 3 8"}},
+      {"length 5", length_prefix(5), "hang", {"error 3 8"}},
+      {"length 64 MiB + 1", length_prefix((64U << 20) + 1), "hang", {"error 3 8"}},
+      {"length 4 GiB - 1", length_prefix(0xFFFFFFFF), "hang", {"error 3 8"}},
+      {"noise", noise, "hang", {"error 3 8"}},
+      {"noise, then an end", noise, "exit:0", {"error 3 8"}},
+      {"64 MiB, then an end", length_prefix(64U << 20) + "abc", "exit:0", {"error 3 16"}},
+      {"half a packet, then an end", half, "exit:0", {"error 3 16"}},
+      {"half a packet, then a closed pipe", half, "close-write hang", {"error 3 16"}},
+      {"a leave, then death", bytes_of(recorder_leave_packet()), "kill", {"leave 0", "error 3 16"}},
   };
   const int descriptors = open_descriptors();
   for (const auto& row : rows) {
-    handler.clear();
+    SCOPED_TRACE(row.name);
     const auto start = Clock::now();
-    ASSERT_EQ(join(send(row.bytes) + " " + row.then), 0);
-    ASSERT_TRUE(handler.wait_for("error 3")) << row.name;
-    EXPECT_LT(Clock::now() - start, 3s) << row.name;
+    ASSERT_TRUE(join(send(user(1) + row.bytes) + " " + row.then, "error 3"));
+    EXPECT_LT(Clock::now() - start, 3s);
     measured(row.name, start);
-    EXPECT_FALSE(has_children()) << row.name;
+    EXPECT_FALSE(has_children());
     engine.reset();
-    EXPECT_EQ(handler.calls(), row.calls) << row.name;
-    EXPECT_LE(open_descriptors(), descriptors) << row.name;
+    std::vector<std::string> calls = row.calls;
+    calls.insert(calls.begin(), "user in 1 /f/");
+    EXPECT_EQ(handler.calls(), calls);
+    EXPECT_LE(open_descriptors(), descriptors);
   }
 }
 
 TEST_F(HostileRecorder, EndsAtAnyStepOfTheStart) {
-  hello_packet hello;
-  hello.software = "mad";
-  const std::string start_up = bytes_of(hello) + user(1);
-  for (const size_t sent : {size_t{0}, size_t{1}, size_t{4}, size_t{7}, bytes_of(hello).size(),
+  const std::string hello = bytes_with<hello_packet>(kProtocolVersion, "mad");
+  const std::string start_up = hello + user(1);
+  for (const size_t sent : {size_t{0}, size_t{1}, size_t{4}, size_t{7}, hello.size(),
                             start_up.size() - 1, start_up.size()}) {
     for (const char* const end : {"exit:0", "exit:7", "kill", "close-write hang"}) {
-      handler.clear();
-      ASSERT_EQ(join(send(start_up.substr(0, sent)) + " " + end), 0);
-      ASSERT_TRUE(handler.wait_for("error 3 16")) << sent << end;
+      ASSERT_TRUE(join(send(start_up.substr(0, sent)) + " " + end, "error 3 16")) << sent << end;
       engine.reset();
       EXPECT_EQ(handler.calls().size(), sent == start_up.size() ? 2U : 1U) << sent << end;
     }
@@ -160,47 +120,30 @@ TEST_F(HostileRecorder, PicturesWhosePlanesDoNotFitAreRefused) {
     stream += row.packet;
     expected += row.delivered ? 1 : 0;
   }
-  bool inside = true;
-  ASSERT_EQ(join(send(stream + user(9)) + " await:1"), 0);
-  ASSERT_TRUE(handler.wait_for("user in 9"));
+  ASSERT_TRUE(join(send(stream + user(9)) + " await:1", "user in 9"));
   const std::vector<std::string> calls = handler.calls();
   ASSERT_EQ(calls.size(), expected + 1);
   for (const std::string& call : calls) {
-    // "yuv UID MS W H YS US VS SIZE Y-AT U-AT V-AT ROTATION"
-    unsigned uid = 0;
-    unsigned w = 0;
-    unsigned h = 0;
-    unsigned ys = 0;
-    unsigned us = 0;
-    unsigned vs = 0;
-    size_t size = 0;
-    size_t y_at = 0;
-    size_t u_at = 0;
-    size_t v_at = 0;
-    unsigned long long ms = 0;
-    if (std::sscanf(call.c_str(), "yuv %u %llu %u %u %u %u %u %zu %zu %zu %zu", &uid, &ms, &w, &h,
-                    &ys, &us, &vs, &size, &y_at, &u_at, &v_at) != 11) {
-      continue;
+    // UID MS WIDTH HEIGHT, three strides, SIZE, where three planes are
+    std::istringstream line(call.rfind("yuv ", 0) == 0 ? call.substr(4) : "");
+    const std::vector<size_t> all(std::istream_iterator<size_t>(line), {});
+    const size_t size = all.empty() ? 0 : all.at(7);
+    for (size_t plane = 0; size > 0 && plane < 3; ++plane) {
+      const size_t rows_of_plane = plane == 0 ? all.at(3) : all.at(3) / 2;
+      EXPECT_LE(all.at(8 + plane) + all.at(4 + plane) * rows_of_plane, size) << call;
     }
-    if (size == 0) continue;
-    const size_t half = h / 2;
-    inside = inside && y_at + size_t{ys} * h <= size && u_at + us * half <= size &&
-             v_at + vs * half <= size;
   }
-  EXPECT_TRUE(inside);
 }
 
 TEST_F(HostileRecorder, SingleBytesArriveAsOnePacketEach) {
   const std::string stream = user(1) + picture(8, 8, 8, 4, 4, 96) + user(2);
-  ASSERT_EQ(join("drip:" + dir.file("bytes", stream) + " await:1"), 0);
-  ASSERT_TRUE(handler.wait_for("user in 2"));
+  ASSERT_TRUE(join("drip:" + dir.file("bytes", stream) + " await:1", "user in 2"));
   EXPECT_EQ(handler.calls().size(), 3U);
 }
 
 TEST_F(HostileRecorder, AMillionPacketsHoldUpNeitherEventsNorTheLeave) {
   const auto start = Clock::now();
-  ASSERT_EQ(join("user:1 flood:1000000 user:2 flood:100000000"), 0);
-  ASSERT_TRUE(handler.wait_for("user in 2"));
+  ASSERT_TRUE(join("user:1 flood:1000000 user:2 flood:100000000", "user in 2"));
   measured("a million packets", start);
   const auto leaving = Clock::now();
   engine->leaveChannel();
@@ -208,7 +151,6 @@ TEST_F(HostileRecorder, AMillionPacketsHoldUpNeitherEventsNorTheLeave) {
   engine.reset();
   measured("leave and release in the middle of a flood", leaving);
   EXPECT_EQ(handler.count("error"), 0);
-  EXPECT_FALSE(has_children());
 }
 
 TEST_F(HostileRecorder, GrandchildThatHoldsThePipesDoesNotHideAnEnd) {
@@ -216,13 +158,11 @@ TEST_F(HostileRecorder, GrandchildThatHoldsThePipesDoesNotHideAnEnd) {
   ASSERT_EQ(mkfifo(until.c_str(), 0600), 0);
   setenv("FAKE_GRANDCHILD_ENDS", until.c_str(), 1);
   const auto start = Clock::now();
-  ASSERT_EQ(join("user:1 grandchild user:2 kill"), 0);
-  EXPECT_TRUE(handler.wait_for("error 3 16"));
+  EXPECT_TRUE(join("user:1 grandchild user:2 kill", "error 3 16"));
   EXPECT_LT(Clock::now() - start, 3s);
   measured("a grandchild that holds the pipes", start);
   engine.reset();
   EXPECT_EQ(handler.calls().size(), 3U);
-  EXPECT_FALSE(has_children());
   // Opening it lets the grandchild go on, and end.
   const int end = open(until.c_str(), O_WRONLY);
   close(end);
@@ -233,8 +173,7 @@ TEST_F(HostileRecorder, GrandchildThatHoldsThePipesDoesNotHideAnEnd) {
 // same.
 TEST_F(HostileRecorder, SilenceInTheMiddleOfAPacketDoesNotKeepTheApplication) {
   const std::string large = picture(640, 360, 640, 320, 320, 345'600);
-  ASSERT_EQ(join(send(user(1) + large.substr(0, 300'000)) + " await:1"), 0);
-  ASSERT_TRUE(handler.wait_for("user in 1"));
+  ASSERT_TRUE(join(send(user(1) + large.substr(0, 300'000)) + " await:1", "user in 1"));
   const auto leaving = Clock::now();
   engine->leaveChannel();
   engine.reset();

@@ -82,11 +82,7 @@ class RecordingHandler : public IRecordingEngineEventHandler {
   void onConnectionInterrupted() override { say("interrupted"); }
 
   // Waits, 20 s at most, for a call whose line starts with `start`, `count` of them.
-  bool wait_for(const std::string& start, int count = 1) {
-    std::unique_lock<std::mutex> lock(mutex_);
-    return changed_.wait_for(lock, std::chrono::seconds(20),
-                             [&] { return count_locked(start) >= count; });
-  }
+  bool wait_for(const std::string& start, int count = 1) { return wait_for_any({{start, count}}); }
   // The same for whichever comes first.
   bool wait_for_any(const std::vector<std::pair<std::string, int>>& any) {
     std::unique_lock<std::mutex> lock(mutex_);
