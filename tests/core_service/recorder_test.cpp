@@ -327,14 +327,15 @@ TEST_F(RecordingTest, ShortageOfDescriptorsIsNoBrokenDisk) {
       std::atoi(output_of("pgrep -P " + std::to_string(getpid()) + " ZeltaCoreServic").c_str());
   rlimit before{};
   ASSERT_EQ(prlimit(recorder, RLIMIT_NOFILE, nullptr, &before), 0);
-  // Enough for all but another user. (A sanitizer has seen this packet then: it looks at a new kind
-  // by means of descriptors, and would find fault where there are none.)
+  // Enough for all but another user.
   const rlimit narrow{90, before.rlim_max};
   ASSERT_EQ(prlimit(recorder, RLIMIT_NOFILE, &narrow, nullptr), 0);
   ASSERT_TRUE(handler.wait_for("error 2 1"));
-  // Of the first user's packets no new kind comes later, either.
+  // All that the first user's files need has been loaded, and a sanitizer has seen its kinds: it
+  // looks at a new one by means of descriptors, and would find fault where there are none.
   ASSERT_TRUE(handler.wait_for("first video"));
   ASSERT_TRUE(handler.wait_for("first audio"));
+  ASSERT_TRUE(wait_recorded(500));
   // It is their numbers that are limited, and the lower ones are in use; but who polls more than so
   // many is refused.
   const rlimit short_of{14, before.rlim_max};
