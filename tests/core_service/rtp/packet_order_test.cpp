@@ -4,7 +4,9 @@
 #include <cstring>
 #include <optional>
 #include <random>
+#include <sstream>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -39,12 +41,11 @@ std::optional<packet> parsed(const std::string& text) {
 const std::string kFixed("\xe0\x12\x34\x01\x02\x03\x04\x0a\x0b\x0c\x0d", 11);  // all but a byte
 
 TEST(PacketTest, FieldsAreReadAndLengthsThatLeadPastTheEndRefused) {
-  struct row {
+  const struct {
     const char* what;
     std::string bytes;
     std::optional<std::string> payload;
-  };
-  const row rows[] = {
+  } rows[] = {
       {"nothing", "", {}},
       {"eleven bytes", "\x80" + kFixed.substr(0, 10), {}},
       {"a header", "\x80" + kFixed, ""},
@@ -60,61 +61,48 @@ TEST(PacketTest, FieldsAreReadAndLengthsThatLeadPastTheEndRefused) {
       {"extension past the end", "\x90" + kFixed + std::string("\xbe\xde\0\2EXTNabc", 11), {}},
       {"half an extension's header", "\x90" + kFixed + "\xbe\xde", {}},
   };
-  for (const row& one : rows) {
+  for (const auto& one : rows) {
     const auto got = parsed(one.bytes);
     ASSERT_EQ(got.has_value(), one.payload.has_value()) << one.what;
     if (!got) continue;
     EXPECT_EQ(std::string(got->payload, got->payload + got->payload_bytes), *one.payload)
         << one.what;
-    EXPECT_TRUE(got->marker);
-    EXPECT_EQ(got->payload_type, 0x60);
-    EXPECT_EQ(got->sequence, 0x1234);
-    EXPECT_EQ(got->timestamp, 0x01020304U);
-    EXPECT_EQ(got->ssrc, 0x0a0b0c0dU);
+    EXPECT_EQ(std::tuple(got->marker, got->payload_type, got->sequence, got->timestamp, got->ssrc),
+              std::tuple(true, 0x60, 0x1234, 0x01020304U, 0x0a0b0c0dU));
     if (one.what != std::string("extension")) continue;
     EXPECT_EQ(got->extension_profile, 0xbede);
     EXPECT_EQ(std::string(got->extension, got->extension + got->extension_bytes), "EXTN");
   }
 }
 
+// A packet's number, what is made of it, and its number in the stream.
 TEST(SourceValidatorTest, StreamsAreToldFromStrayPackets) {
-  struct step {
-    uint16_t sequence;
-    verdict is;
-    int64_t number;
-  };
-  const auto probation = verdict::kProbation;
-  const auto valid = verdict::kValid;
-  const auto drop = verdict::kDrop;
-  const auto restarted = verdict::kRestarted;
-  const std::vector<step> rows[] = {
-      {{7, probation, 7}, {8, valid, 8}, {8, valid, 8}, {3007, valid, 3007}, {2908, valid, 2908}},
-      {{7, probation, 7}, {9, probation, 9}, {10, valid, 10}, {8, valid, 8}},
-      {{7, probation, 7}, {7, probation, 7}, {8, valid, 8}},
+  const std::string marks = "?=x!";  // probation, valid, drop, restarted
+  const char* const rows[] = {
+      "7?7 8=8 8=8 3007=3007 2908=2908",
+      "7?7 9?9 10=10 8=8",
+      "7?7 7?7 8=8",
       // Wraps in both directions, at the very beginning as well.
-      {{65535, probation, 65535}, {0, valid, 65536}, {65534, valid, 65534}, {1, valid, 65537}},
-      {{0, probation, 0}, {1, valid, 1}, {65535, valid, -1}},
+      "65535?65535 0=65536 65534=65534 1=65537",
+      "0?0 1=1 65535=-1",
       // A dropout, and a misorder, of one too many.
-      {{7, probation, 7}, {8, valid, 8}, {3008, drop, 134080}, {9, valid, 9}, {3009, drop, 134081}},
-      {{207, probation, 207}, {208, valid, 208}, {108, drop, 131180}, {109, valid, 109}},
+      "7?7 8=8 3008x134080 9=9 3009x134081",
+      "207?207 208=208 108x131180 109=109",
       // A stray packet in between counts for nothing, two stray ones for nothing either.
-      {{7, probation, 7},
-       {8, valid, 8},
-       {40000, drop, 171072},
-       {9, valid, 9},
-       {40001, drop, 171073},
-       {50000, drop, 181072},
-       {40002, drop, 171074},
-       {40003, restarted, 171075}},
-      {{7, probation, 7}, {40000, probation, 171072}, {40001, valid, 171073}},
+      "7?7 8=8 40000x171072 9=9 40001x171073 50000x181072 40002x171074 40003!171075",
+      "7?7 40000?171072 40001=171073",
   };
-  for (const std::vector<step>& row : rows) {
+  for (const std::string row : rows) {
     source_validator validator;
-    for (size_t i = 0; i < row.size(); ++i) {
-      const auto got = validator.check(row[i].sequence);
-      EXPECT_EQ(got.is, row[i].is) << "row " << &row - rows << ", step " << i;
-      EXPECT_EQ(got.sequence, row[i].number) << "row " << &row - rows << ", step " << i;
+    std::string said;
+    std::istringstream steps(row);
+    for (std::string step; steps >> step;) {
+      const int sequence = std::stoi(step);
+      const auto got = validator.check(static_cast<uint16_t>(sequence));
+      said += (said.empty() ? "" : " ") + std::to_string(sequence) +
+              marks.at(static_cast<size_t>(got.is)) + std::to_string(got.sequence);
     }
+    EXPECT_EQ(said, row);
   }
 }
 
@@ -142,6 +130,9 @@ class ReorderBufferTest : public testing::Test {
     pushed = bytes.data();
     buffer.push(sequence, bytes.data(), bytes.size(), at);
   }
+  void push(std::initializer_list<int64_t> sequences, media_time at) {
+    for (const int64_t sequence : sequences) push(sequence, at);
+  }
   void take(const reorder_buffer::ordered& one) {
     int64_t content = 0;
     std::memcpy(&content, one.bytes, sizeof content);
@@ -165,8 +156,7 @@ class ReorderBufferTest : public testing::Test {
 };
 
 TEST_F(ReorderBufferTest, GapsAreWaitedForAndGivenUp) {
-  push(10, 0ms);
-  push(11, 0ms);
+  push({10, 11}, 0ms);
   EXPECT_EQ(taken(), "10 11");
   EXPECT_TRUE(direct) << "in order, nothing is copied";
   EXPECT_EQ(buffer.next_deadline(), std::nullopt);
@@ -179,9 +169,7 @@ TEST_F(ReorderBufferTest, GapsAreWaitedForAndGivenUp) {
   EXPECT_EQ(taken(), "");
   buffer.advance(110ms);
   EXPECT_EQ(taken(), "!13 14");
-  push(12, 111ms);
-  push(12, 111ms);
-  push(13, 111ms);
+  push({12, 12, 13}, 111ms);
   EXPECT_EQ(taken(), "");
   push(17, 120ms);
   push(20, 130ms);
@@ -195,13 +183,10 @@ TEST_F(ReorderBufferTest, GapsAreWaitedForAndGivenUp) {
 }
 
 TEST_F(ReorderBufferTest, EndAndRestartLetOutWhatWaits) {
-  push(10, 0ms);
-  push(12, 0ms);
+  push({10, 12}, 0ms);
   buffer.restart();
   EXPECT_EQ(taken(), "10 !12");
-  push(5, 1ms);
-  push(7, 1ms);
-  push(9, 1ms);
+  push({5, 7, 9}, 1ms);
   buffer.finish();
   EXPECT_EQ(taken(), "!5 !7 !9");
   push(1'000'000'000'000, 2ms);

@@ -10,35 +10,13 @@
 #include "core_service/rtp/packet.h"
 #include "core_service/rtp/receive_stats.h"
 #include "core_service/rtp/rtcp.h"
+#include "support/hex.h"
 
 namespace zelta::test {
 namespace {
 
 using namespace std::chrono_literals;
 using namespace core_service::rtp;
-
-std::string hex_of(const uint8_t* bytes, size_t size) {
-  const char* const digits = "0123456789abcdef";
-  std::string text;
-  for (size_t i = 0; i < size; ++i) {
-    if (i > 0 && i % 4 == 0) text += ' ';
-    text += digits[bytes[i] >> 4U];
-    text += digits[bytes[i] & 15U];
-  }
-  return text;
-}
-
-std::vector<uint8_t> bytes_of(const std::string& hex) {
-  std::string digits;
-  for (const char one : hex) {
-    if (one != ' ') digits += one;
-  }
-  std::vector<uint8_t> bytes;
-  for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-    bytes.push_back(static_cast<uint8_t>(std::stoi(digits.substr(i, 2), nullptr, 16)));
-  }
-  return bytes;
-}
 
 struct heard : rtcp_visitor {
   void report(const sender_report& one) override {
@@ -51,7 +29,7 @@ struct heard : rtcp_visitor {
 };
 
 std::string parsed(const std::string& hex) {
-  const std::vector<uint8_t> bytes = bytes_of(hex);
+  const byte_list bytes = from_hex(hex);
   heard all;
   const bool valid = parse_rtcp(bytes.data(), bytes.size(), all);
   return all.text + (valid ? "valid" : "invalid");
@@ -102,17 +80,18 @@ TEST(RtcpTest, ReportNameAndFeedbackAreWrittenToTheByte) {
   EXPECT_TRUE(writer.cname(0xcafe, "abc"));
   EXPECT_TRUE(writer.picture_loss(0xcafe, 0x01020304));
   EXPECT_FALSE(writer.full_intra_request(0xcafe, 0x01020304, 7)) << "a byte is missing";
-  EXPECT_EQ(hex_of(buffer, writer.size()),
-            "81c90007 0000cafe 01020304 40fffffe 00011234 00000055 aabbccdd 00018000 "
-            "81ca0003 0000cafe 01026162 00000000 "
-            "81ca0003 0000cafe 01036162 63000000 "
-            "81ce0002 0000cafe 01020304");
+  EXPECT_EQ(
+      to_hex(buffer, writer.size()),
+      without_spaces("81c90007 0000cafe 01020304 40fffffe 00011234 00000055 aabbccdd 00018000 "
+                     "81ca0003 0000cafe 01026162 00000000 "
+                     "81ca0003 0000cafe 01036162 63000000 "
+                     "81ce0002 0000cafe 01020304"));
   rtcp_writer again(buffer, sizeof buffer);
   EXPECT_TRUE(again.receiver_report(0xcafe, nullptr, 0));
   EXPECT_TRUE(again.full_intra_request(0xcafe, 0x01020304, 7));
   EXPECT_FALSE(again.cname(0xcafe, std::string(256, 'x')));
-  EXPECT_EQ(hex_of(buffer, again.size()),
-            "80c90001 0000cafe 84ce0004 0000cafe 00000000 01020304 07000000");
+  EXPECT_EQ(to_hex(buffer, again.size()),
+            without_spaces("80c90001 0000cafe 84ce0004 0000cafe 00000000 01020304 07000000"));
 }
 
 TEST(RtcpTest, MoreSourcesThanAPacketHoldsTakeTwoOrNone) {
@@ -121,8 +100,8 @@ TEST(RtcpTest, MoreSourcesThanAPacketHoldsTakeTwoOrNone) {
   rtcp_writer writer(buffer.data(), buffer.size());
   EXPECT_TRUE(writer.receiver_report(1, blocks.data(), blocks.size()));
   EXPECT_EQ(writer.size(), buffer.size());
-  EXPECT_EQ(hex_of(buffer.data(), 4), "9fc900bb");
-  EXPECT_EQ(hex_of(buffer.data() + 752, 8), "81c90007 00000001");
+  EXPECT_EQ(to_hex(buffer.data(), 4), without_spaces("9fc900bb"));
+  EXPECT_EQ(to_hex(buffer.data() + 752, 8), without_spaces("81c90007 00000001"));
   rtcp_writer small(buffer.data(), buffer.size() - 1);
   EXPECT_FALSE(small.receiver_report(1, blocks.data(), blocks.size()));
   EXPECT_EQ(small.size(), 0U) << "half of it isn't written";
