@@ -1,11 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The recorder's command line, and what it writes down of its files.
-#include <cstring>
+// What the recorder writes down of its files.
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <mutex>
-#include <thread>
+#include <string>
+#include <utility>
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -14,7 +13,6 @@
 
 #include "base/unique_fd.h"
 #include "core_service/folder/manifest.h"
-#include "core_service/task/options.h"
 #include "support/read_json.h"
 
 namespace zelta::test {
@@ -25,74 +23,38 @@ using core_service::manifest;
 using core_service::manifest_file;
 using core_service::state_writer;
 
-// ---- Options -------------------------------------------------------------------------------
+class ManifestTest : public ::testing::Test {
+ protected:
+  manifest of(const std::string& channel) {
+    return {dir.path(), "recording.json", channel, writer};
+  }
+  // What is in the file then.
+  Json::Value saved(manifest& one) {
+    one.save();
+    return written();
+  }
+  // Null when nothing has been written.
+  Json::Value written() {
+    EXPECT_EQ(writer.flush(10s), 0);
+    return read_json(path);
+  }
 
-TEST(RecorderOptions, TakeTheEnginesCommandLine) {
-  const char* const argv[] = {"ZeltaCoreService",
-                              "--app_id",
-                              "a",
-                              "--channel_key",
-                              "-k",
-                              "--channel_id",
-                              "room",
-                              "--uid",
-                              "4294967295",
-                              "--mix",
-                              "1",
-                              "--enabledModules",
-                              "-1",
-                              "--proxy_server",
-                              "",
-                              "--vocs_port",
-                              "-1",
-                              "--recording_file_dir",
-                              "/x/",
-                              "--read",
-                              "3",
-                              "--write",
-                              "4",
-                              "--recoveryid",
-                              "2",
-                              "--recoverytime",
-                              "123456789012",
-                              "--novelty",
-                              "1"};
-  const auto parsed = core_service::option_parser().parse(std::size(argv), argv);
-  ASSERT_TRUE(parsed.values) << parsed.message;
-  EXPECT_EQ(parsed.values->channel_key, "-k");
-  EXPECT_EQ(parsed.values->uid, 4294967295U);
-  EXPECT_EQ(parsed.values->enabled_modules, -1);
-  EXPECT_EQ(parsed.values->recovery_id, 2);
-  EXPECT_EQ(parsed.values->recovery_time, 123456789012);
-  EXPECT_EQ(parsed.values->write_fd, 4);
-  EXPECT_EQ(parsed.values->unknown, (std::vector<std::string>{"--novelty", "1"}));
-}
-
-TEST(RecorderOptions, LastOfTwoCommandLinesWinsAndBadValuesAreNamed) {
-  const char* const twice[] = {"p", "--channel_id", "a", "p", "--channel_id", "b"};
-  core_service::option_parser parser;
-  EXPECT_EQ(parser.parse(std::size(twice), twice).values->channel_id, "b");
-  const char* const bad[] = {"p", "--channel_id", "a", "--uid", "7", "--idle", "soon"};
-  const auto refused = parser.parse(std::size(bad), bad);
-  EXPECT_FALSE(refused.values);
-  EXPECT_NE(refused.message.find("soon"), std::string::npos);
-  // Nothing of an earlier command line is left for the next.
-  const char* const plain[] = {"p", "--channel_id", "c"};
-  const auto last = parser.parse(std::size(plain), plain);
-  ASSERT_TRUE(last.values) << last.message;
-  EXPECT_EQ(last.values->uid, 0U);
-  EXPECT_TRUE(last.values->unknown.empty());
-}
-
-// ---- Manifest ------------------------------------------------------------------------------
-
-TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
   const TempDir dir;
-  state_writer writer(nullptr);
+  const std::string path = dir.path() + "recording.json";
+  state_writer writer{nullptr};
+};
+
+manifest_file named(const std::string& name) {
+  manifest_file file;
+  file.name = name;
+  return file;
+}
+
+TEST_F(ManifestTest, SuccessorClosesWhatItsPredecessorWrote) {
+  const core_service::missing_medium lost{"video", "dirac", "why"};
   {
-    manifest first(dir.path(), "recording.json", "room", writer);
-    manifest_file file;
-    file.name = "1_x.mp4";
+    manifest first = of("room");
+    manifest_file file = named("1_x.mp4");
     file.uid = 1;
     file.first_utc_ms = 1000;
     file.last_utc_ms = 3500;
@@ -103,90 +65,70 @@ TEST(Manifest, SuccessorClosesWhatItsPredecessorWrote) {
     file.audio_codec = "opus";
     first.add(file);
     first.at(first.add(manifest_file())).closed = "user left";
-    EXPECT_TRUE(first.note_missing(1, {"video", "dirac", "why"}));
-    EXPECT_FALSE(first.note_missing(1, {"video", "dirac", "why"})) << "each reason once";
-    first.save();
-    EXPECT_EQ(writer.flush(10s), 0);
+    EXPECT_TRUE(first.note_missing(1, lost));
+    EXPECT_FALSE(first.note_missing(1, lost)) << "each reason once";
+    saved(first);
   }
-  manifest second(dir.path(), "recording.json", "hall", writer);
+  manifest second = of("hall");
   second.remove(second.add(manifest_file()));
-  second.at(second.add(manifest_file())).name = "new";
-  EXPECT_TRUE(second.note_missing(1, {"video", "dirac", "why"})) << "in this session too";
-  second.save();
-  EXPECT_EQ(writer.flush(10s), 0);
-  const Json::Value missing = read_json(dir.path() + "recording.json")["missing"];
+  second.add(named("new"));
+  EXPECT_TRUE(second.note_missing(1, lost)) << "in this session too";
+  const Json::Value missing = saved(second)["missing"];
   ASSERT_EQ(missing.size(), 2U);
-  EXPECT_EQ(missing[0]["channel_id"].asString(), "room");
-  EXPECT_EQ(missing[1]["codec"].asString(), "dirac");
-  manifest of_hall(dir.path(), "recording.json", "hall", writer);
+  EXPECT_EQ(missing[0]["channel_id"], "room");
+  EXPECT_EQ(missing[1]["codec"], "dirac");
+  manifest of_hall = of("hall");
   of_hall.adopt_leftovers();
-  EXPECT_FALSE(of_hall.note_missing(1, {"video", "dirac", "why"})) << "its predecessor told that";
-  manifest of_room(dir.path(), "recording.json", "room", writer);
+  EXPECT_FALSE(of_hall.note_missing(1, lost)) << "its predecessor told that";
+  manifest of_room = of("room");
   of_room.adopt_leftovers();
-  EXPECT_TRUE(of_room.note_missing(1, {"video", "dirac", "why"})) << "told by an earlier session";
+  EXPECT_TRUE(of_room.note_missing(1, lost)) << "told by an earlier session";
   for (uint32_t uid = 2; uid < 2500; ++uid) of_room.note_missing(uid, {"all", "", "why"});
   EXPECT_FALSE(of_room.note_missing(2499, {"all", "", "why"})) << "though it isn't listed any more";
-  of_room.save();
-  EXPECT_EQ(writer.flush(10s), 0);
-  EXPECT_EQ(read_json(dir.path() + "recording.json")["missing"].size(), 1U + 1000U);
-  const Json::Value files = read_json(dir.path() + "recording.json")["files"];
+  const Json::Value last = saved(of_room);
+  EXPECT_EQ(last["missing"].size(), 1U + 1000U);
+  const Json::Value& files = last["files"];
   ASSERT_EQ(files.size(), 3U);
-  EXPECT_EQ(files[0]["closed"].asString(), "recorder died");
-  EXPECT_EQ(files[0]["duration_ms"].asInt(), 2500);
-  EXPECT_EQ(files[0]["width"].asInt(), 1920);
-  EXPECT_EQ(files[0]["height"].asInt(), 1080);
-  EXPECT_EQ(files[0]["kind"].asString() + files[0]["video_codec"].asString() +
-                files[0]["audio_codec"].asString(),
-            "videoh264opus");
-  EXPECT_EQ(files[1]["closed"].asString(), "user left");
-  EXPECT_EQ(files[1]["channel_id"].asString(), "room");
-  EXPECT_EQ(files[2]["name"].asString(), "new");
-  EXPECT_EQ(files[2]["channel_id"].asString(), "hall");
+  EXPECT_EQ(fields(files[0], {"closed", "duration_ms", "width", "height", "kind", "video_codec",
+                              "audio_codec"}),
+            "recorder died 2500 1920 1080 video h264 opus");
+  EXPECT_EQ(fields(files[1], {"closed", "channel_id"}), "user left room");
+  EXPECT_EQ(fields(files[2], {"name", "channel_id"}), "new hall");
 }
 
-TEST(Manifest, ChangedRowsAreSavedOnceAndWhatIsOverSaysWhen) {
-  const TempDir dir;
-  const std::string path = dir.path() + "recording.json";
-  state_writer writer([](const std::string&, int) {});
-  manifest first(dir.path(), "recording.json", "room", writer);
+TEST_F(ManifestTest, ChangedRowsAreSavedOnceAndWhatIsOverSaysWhen) {
+  manifest first = of("room");
+  const core_service::missing_medium lost{"all", "", "full"};
   first.save_changes();
-  writer.flush(2s);
-  EXPECT_FALSE(std::filesystem::exists(path)) << "nothing has changed";
-  ASSERT_TRUE(first.note_missing(7, {"all", "", "full"}));
-  EXPECT_FALSE(first.note_missing(7, {"all", "", "full"})) << "known";
+  EXPECT_TRUE(written().isNull()) << "nothing has changed";
+  ASSERT_TRUE(first.note_missing(7, lost));
+  EXPECT_FALSE(first.note_missing(7, lost)) << "known";
   first.count_lost_packets(7, 3);
   first.changed();
   first.save_changes();
-  writer.flush(2s);
-  Json::Value saved = read_json(path);
+  Json::Value saved = written();
   EXPECT_FALSE(saved["missing"][0].isMember("until_utc_ms"));
   EXPECT_EQ(saved["dropped_frames"]["pictures"], 0);
   std::filesystem::remove(path);
   first.save_changes();
-  writer.flush(2s);
-  EXPECT_FALSE(std::filesystem::exists(path)) << "once";
+  EXPECT_TRUE(written().isNull()) << "once";
   first.end_missing(7, "all");
-  EXPECT_TRUE(first.note_missing(7, {"all", "", "full"})) << "it has come again";
+  EXPECT_TRUE(first.note_missing(7, lost)) << "it has come again";
   first.end_missing(8, "all");
   EXPECT_EQ(first.all_lost_packets(), 3U);
   first.save_changes();
-  writer.flush(2s);
-  saved = read_json(path);
+  saved = written();
   ASSERT_EQ(saved["missing"].size(), 2U);
   EXPECT_GE(saved["missing"][0]["until_utc_ms"].asInt64(), saved["missing"][0]["utc_ms"].asInt64());
   EXPECT_FALSE(saved["missing"][1].isMember("until_utc_ms"));
 }
 
-TEST(Manifest, UnreadableOneIsKeptAside) {
-  const TempDir dir;
-  state_writer writer(nullptr);
+TEST_F(ManifestTest, UnreadableOneIsKeptAside) {
   for (const char* broken : {"{\"files\":", "{\"files\":[5]}", "[1]"}) {
     dir.file("recording.json", broken);
-    manifest fresh(dir.path(), "recording.json", "room", writer);
-    fresh.save();
-    EXPECT_EQ(writer.flush(10s), 0);
-    EXPECT_EQ(read_file(dir.path() + "recording.json.broken"), broken);
-    EXPECT_EQ(read_json(dir.path() + "recording.json")["files"].size(), 0U);
+    manifest fresh = of("room");
+    EXPECT_EQ(saved(fresh)["files"].size(), 0U);
+    EXPECT_EQ(read_file(path + ".broken"), broken);
     EXPECT_NE(read_file(dir.path() + "recording_engine.log").find(" error core_service"),
               std::string::npos);
   }
@@ -195,62 +137,53 @@ TEST(Manifest, UnreadableOneIsKeptAside) {
   EXPECT_EQ(writer.flush(10s), ENOENT);
 }
 
-TEST(Manifest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
-  const TempDir dir;
-  const auto in_manifest = [](const char* name) {
-    manifest_file file;
-    file.name = name;
-    return file;
-  };
-  state_writer writer(nullptr);
+TEST_F(ManifestTest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
   {
-    manifest died(dir.path(), "recording.json", "room", writer);
-    died.add(in_manifest("1_20260131T235959000.mp4"));
-    died.add(in_manifest("2_20260131T235959000.mp4"));
-    died.add(in_manifest("moved_away_meanwhile.mp4"));
-    died.save();
-    EXPECT_EQ(writer.flush(10s), 0);
+    manifest died = of("room");
+    for (const char* const name :
+         {"1_20260131T235959000.mp4", "2_20260131T235959000.mp4", "moved_away_meanwhile.mp4"}) {
+      died.add(named(name));
+    }
+    saved(died);
   }
-  dir.file("1_20260131T235959000.mp4", "media");
-  dir.file("2_20260131T235959000.mp4", "");
-  dir.file("4294967295_20260131T235959123.m4a", "media");
-  dir.file("mix_20260131T235959124.webm", "media");
-  dir.file("3_20260131T235959123.mp4", "");
-  const base::unique_fd other_recorder(
-      open(dir.file("6_20260131T235959123.mp4", "").c_str(), O_WRONLY | O_CLOEXEC));
-  for (const char* foreign : {"notes.mp4", "4_2026.mp4", "5_20260131T235959123.jpg"}) {
-    dir.file(foreign, "");
+  for (const char* const name :
+       {"1_20260131T235959000.mp4", "4294967295_20260131T235959123.m4a",
+        "mix_20260131T235959124.webm", "7_20260131T235959000.mp4", "8_20260131T235959000.mp4"}) {
+    dir.file(name, "media");
   }
-  dir.file("7_20260131T235959000.mp4", "media");
+  for (const char* const empty :
+       {"2_20260131T235959000.mp4", "3_20260131T235959123.mp4", "6_20260131T235959123.mp4",
+        "notes.mp4", "4_2026.mp4", "5_20260131T235959123.jpg"}) {
+    dir.file(empty, "");
+  }
+  // Another recorder writes it.
+  const base::unique_fd in_use(
+      open((dir.path() + "6_20260131T235959123.mp4").c_str(), O_WRONLY | O_CLOEXEC));
   dir.file("recording_2.json", R"({"files": [{"name": "7_20260131T235959000.mp4"}]})");
   dir.file("recording_3.json", "[");
-  dir.file("8_20260131T235959000.mp4", "media");
   dir.file("notes.json", R"({"files": [{"name": "8_20260131T235959000.mp4"}]})");
-  manifest successor(dir.path(), "recording.json", "room", writer);
+  manifest successor = of("room");
   successor.adopt_leftovers();
-  successor.save();
-  EXPECT_EQ(writer.flush(10s), 0);
   std::map<std::string, Json::Value> files;
-  const Json::Value written = read_json(dir.path() + "recording.json")["files"];
-  for (const Json::Value& file : written) {
-    EXPECT_EQ(file["closed"].asString(), "recorder died");
+  std::string names;
+  const Json::Value all = saved(successor)["files"];
+  for (const Json::Value& file : all) {
+    EXPECT_EQ(file["closed"], "recorder died");
     files[file["name"].asString()] = file;
   }
-  ASSERT_EQ(files.size(), 5U);
-  EXPECT_EQ(files.count("8_20260131T235959000.mp4"), 1U) << "only manifests say whose a file is";
-  EXPECT_EQ(files.count("1_20260131T235959000.mp4"), 1U);
-  EXPECT_EQ(files.count("moved_away_meanwhile.mp4"), 1U);
+  for (const auto& [name, file] : files) names += name + " ";
+  EXPECT_EQ(names,
+            "1_20260131T235959000.mp4 4294967295_20260131T235959123.m4a "
+            "8_20260131T235959000.mp4 mix_20260131T235959124.webm moved_away_meanwhile.mp4 ")
+      << "only manifests say whose a file is";
   const Json::Value& found = files["4294967295_20260131T235959123.m4a"];
-  EXPECT_EQ(found["uid"].asUInt(), 4294967295U);
-  EXPECT_EQ(found["kind"].asString(), "audio");
-  EXPECT_EQ(found["first_utc_ms"].asInt64(), 1769903999123);
+  EXPECT_EQ(fields(found, {"uid", "kind", "first_utc_ms"}), "4294967295 audio 1769903999123");
   EXPECT_GT(found["duration_ms"].asInt64(), 0) << "until it was written to last";
-  EXPECT_EQ(files["mix_20260131T235959124.webm"]["uid"].asUInt(), 0U);
-  for (const char* gone : {"2_20260131T235959000.mp4", "3_20260131T235959123.mp4"}) {
-    EXPECT_FALSE(std::filesystem::exists(dir.path() + gone)) << gone;
-  }
-  for (const char* kept : {"notes.mp4", "6_20260131T235959123.mp4"}) {
-    EXPECT_TRUE(std::filesystem::exists(dir.path() + kept)) << kept;
+  EXPECT_EQ(files["mix_20260131T235959124.webm"]["uid"], 0);
+  for (const auto& [name, kept] :
+       {std::pair("2_20260131T235959000.mp4", false), std::pair("3_20260131T235959123.mp4", false),
+        std::pair("6_20260131T235959123.mp4", true), std::pair("notes.mp4", true)}) {
+    EXPECT_EQ(std::filesystem::exists(dir.path() + name), kept) << name;
   }
 }
 

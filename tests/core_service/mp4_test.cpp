@@ -354,43 +354,6 @@ TEST_F(Mp4Test, TakesTheSequenceHeaderOfAv1FromBesideTheStream) {
   EXPECT_NE(file.find(std::string("\x0a\x06\x19\x28", 4), box), std::string::npos);
 }
 
-// Where a stream says nothing of decoding or of how long, it is as shown, and unknown.
-TEST_F(Mp4Test, SamplesAreTakenFromAPipelineWithTheirTimes) {
-  const element_ptr pipeline(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr))));
-  gst_element_set_base_time(pipeline.get(), 5 * GST_SECOND);
-  const caps_ptr caps = caps_for(media_kind::kVideo);
-  GstSegment segment;
-  gst_segment_init(&segment, GST_FORMAT_TIME);
-  const struct {
-    buffer_times given;
-    bool key;
-    media_time time;
-    media_time decode;
-    media_time duration;
-  } rows[] = {
-      {{GST_SECOND, GST_CLOCK_TIME_NONE, GST_CLOCK_TIME_NONE}, true, 6s, 6s, 0s},
-      {{GST_CLOCK_TIME_NONE, GST_SECOND, GST_MSECOND}, false, 6s, 6s, 1ms},
-      {{2 * GST_SECOND, GST_SECOND, 7}, false, 7s, 6s, 7ns},
-  };
-  for (const auto& row : rows) {
-    const buffer_ptr buffer(gst_buffer_new());
-    set_times(buffer.get(), row.given);
-    set_key(buffer.get(), row.key);
-    const sample_ptr sample(gst_sample_new(buffer.get(), caps.get(), &segment, nullptr));
-    media_sample taken;
-    ASSERT_TRUE(take_sample(sample.get(), pipeline.get(), taken));
-    EXPECT_EQ(taken.time, row.time);
-    EXPECT_EQ(taken.decode_time, row.decode);
-    EXPECT_EQ(taken.duration, row.duration);
-    EXPECT_EQ(taken.key, row.key);
-  }
-  const buffer_ptr timeless(gst_buffer_new());
-  const sample_ptr sample(gst_sample_new(timeless.get(), caps.get(), &segment, nullptr));
-  media_sample taken;
-  EXPECT_FALSE(taken.key);
-  EXPECT_FALSE(take_sample(sample.get(), pipeline.get(), taken));
-}
-
 // A sequence header in ones and zeros, the spaces for who reads it, behind the OBU's own header.
 std::vector<uint8_t> obu_of(const std::string& header, const std::string& bits) {
   std::vector<uint8_t> payload;

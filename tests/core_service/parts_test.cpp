@@ -1,11 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
-// The recorder's parts that need no media: sound on its line, tiles, keys, descriptions, journal.
+// The recorder's parts that need no media: sound on its line, tiles, keys, descriptions, journal,
+// command line.
+#include <array>
 #include <chrono>
 #include <csignal>
+#include <iterator>
 #include <limits>
 #include <memory>
 #include <sstream>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <fcntl.h>
@@ -184,24 +189,18 @@ TEST(Tiles, LayoutLeavesOutWhatCannotBeShown) {
   recording::mixing_layout layout;
   linuxsdk::VideoMixingLayout::Region region;
   region.uid = 1;
-  region.x = 0.5;
   region.y = -0.25;
-  region.width = 0.5;
   region.height = 1;
-  layout.regions.push_back(region);
-  for (const double bad : {0.0, -1.0, 1e300, std::nan(""), 1e-9}) {
-    region.width = bad;
+  const auto add = [&](double x, double width) {
+    region.x = x;
+    region.width = width;
     layout.regions.push_back(region);
-  }
-  std::vector<std::string> warnings;
-  for (const double far : {-2.001, 2.001, -std::numeric_limits<double>::infinity()}) {
-    region.width = 1;
-    region.x = far;
-    layout.regions.push_back(region);
-  }
-  region.x = -2;
+  };
+  for (const double width : {0.5, 0.0, -1.0, 1e300, std::nan(""), 1e-9}) add(0.5, width);
+  for (const double x : {-2.001, 2.001, -std::numeric_limits<double>::infinity()}) add(x, 1);
   region.renderMode = 1;
-  layout.regions.push_back(region);
+  add(-2, 1);
+  std::vector<std::string> warnings;
   EXPECT_EQ(text_of(mix::layout_tiles(layout, 640, 360, warnings)),
             "1:320,-90,320x360c 1:-1280,-90,640x360 ");
   EXPECT_EQ(warnings.size(), 8U);
@@ -244,37 +243,46 @@ TEST(SrtpKey, HasTheLengthThatItsModeWants) {
                                              rtp::cipher::kAes256Gcm}));
 }
 
+const std::string kHead = "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\n";
+
+struct description {
+  explicit description(const std::string& text)
+      : streams(rtp::parse_description(text, left_out, error)) {}
+
+  std::vector<core_service::missing_medium> left_out;
+  std::string error;
+  std::vector<rtp::stream_description> streams;
+};
+
 TEST(SessionDescription, TellsWhatCanBeReceived) {
-  const std::string head = "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\n";
   const struct {
     std::string text;
     size_t streams;
     const char* says;  // in the error or a warning
   } rows[] = {
-      {head + "m=audio 5006 RTP/AVP 0\n", 1, ""},
-      {head + "m=audio 5006 RTP/AVP 97\na=rtpmap:97 opus/48000/2\nm=video 5004 RTP/AVP 96\n"
-              "a=rtpmap:96 VP8/90000\n",
+      {kHead + "m=audio 5006 RTP/AVP 0\n", 1, ""},
+      {kHead + "m=audio 5006 RTP/AVP 97\na=rtpmap:97 opus/48000/2\nm=video 5004 RTP/AVP 96\n"
+               "a=rtpmap:96 VP8/90000\n",
        2, ""},
-      {head + "m=video 0 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, "; : m=video 0 is turned off"},
-      {head + "m=video 70000 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, ""},
-      {head + "m=video 5004 RTP/AVP 96\na=rtpmap:96 H263/90000\n", 0,
+      {kHead + "m=video 0 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, "; : m=video 0 is turned off"},
+      {kHead + "m=video 70000 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, ""},
+      {kHead + "m=video 5004 RTP/AVP 96\na=rtpmap:96 H263/90000\n", 0,
        "; video: m=video 5004 has no codec that can be"},
-      {head + "m=audio 5006 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, "no codec that can be"},
-      {head + "m=audio 5006 TCP 0\nm=audio 5008 RTP/AVP 8\n", 1, "is no RTP"},
+      {kHead + "m=audio 5006 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, "no codec that can be"},
+      {kHead + "m=audio 5006 TCP 0\nm=audio 5008 RTP/AVP 8\n", 1, "is no RTP"},
       {"nothing of the kind", 0, "no s"},
-      {head + "a=\xff:1\nm=audio 5006 RTP/AVP 0\n", 0, "UTF-8"},
-      {head + std::string(1, '\0') + "m=audio 5006 RTP/AVP 0\n", 0, "UTF-8"},
-      {head + "a=" + std::string(70'000, 'x') + "\nm=audio 5006 RTP/AVP 0\n", 0, "64 KiB"},
+      {kHead + "a=\xff:1\nm=audio 5006 RTP/AVP 0\n", 0, "UTF-8"},
+      {kHead + std::string(1, '\0') + "m=audio 5006 RTP/AVP 0\n", 0, "UTF-8"},
+      {kHead + "a=" + std::string(70'000, 'x') + "\nm=audio 5006 RTP/AVP 0\n", 0, "64 KiB"},
       {"", 0, ""},
   };
   for (const auto& row : rows) {
-    std::vector<core_service::missing_medium> left_out;
-    std::string error;
-    const auto streams = rtp::parse_description(row.text, left_out, error);
-    EXPECT_EQ(streams.size(), row.streams) << row.text;
-    EXPECT_EQ(error.empty(), row.streams > 0) << row.text;
-    for (const auto& one : left_out) error += "; " + one.medium + ": " + one.reason;
-    EXPECT_NE(error.find(row.says), std::string::npos) << error;
+    const description got(row.text);
+    EXPECT_EQ(got.streams.size(), row.streams) << row.text;
+    EXPECT_EQ(got.error.empty(), row.streams > 0) << row.text;
+    std::string said = got.error;
+    for (const auto& one : got.left_out) said += "; " + one.medium + ": " + one.reason;
+    EXPECT_NE(said.find(row.says), std::string::npos) << said;
   }
   EXPECT_EQ(rtp::answer_with_ports(
                 "m=audio 9 RTP/AVP 0\nm=video 5 RTP/AVP 1\nm=video 9 RTP/AVP 2\n", {100, 102}),
@@ -294,7 +302,6 @@ TEST(SessionDescription, SaysWhereAndHow) {
     }
     return text;
   };
-  const std::string head = "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\n";
   const std::pair<std::string, std::string> rows[] = {
       {"m=audio 5006 RTP/AVP 0 97\na=rtpmap:97 opus/48000/2\n",
        "127.0.0.1:5006 5007 0=pcmu/8000 97=opus/48000"},
@@ -306,11 +313,9 @@ TEST(SessionDescription, SaysWhereAndHow) {
       {"m=audio 5004 RTP/SAVP 8\na=rtcp:70000\n", "127.0.0.1:5004 5005 srtp 8=pcma/8000"},
   };
   for (const auto& [text, said] : rows) {
-    std::vector<core_service::missing_medium> left_out;
-    std::string error;
-    const auto streams = rtp::parse_description(head + text, left_out, error);
-    ASSERT_EQ(streams.size(), 1U) << error;
-    EXPECT_EQ(text_of(streams[0]), said);
+    const description got(kHead + text);
+    ASSERT_EQ(got.streams.size(), 1U) << got.error;
+    EXPECT_EQ(text_of(got.streams[0]), said);
   }
 }
 
@@ -359,13 +364,11 @@ TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
   ASSERT_EQ(writer.flush(10s), 0);
   journal second(path, "1@2 0 room", writer);
   ASSERT_TRUE(second.load(error)) << error;
-  EXPECT_EQ(second.state.layout, first.state.layout);
-  EXPECT_EQ(second.state.user_backgrounds, first.state.user_backgrounds);
-  EXPECT_EQ(second.state.log_level, 6U);
-  EXPECT_EQ(second.state.log_modules, 4294967295);
-  EXPECT_TRUE(second.state.serving);
-  EXPECT_EQ(second.state.left_out, first.state.left_out);
-  EXPECT_EQ(second.state.unexplained_crashes, 3U);
+  const auto all_of = [](const journal_state& of) {
+    return std::tie(of.layout, of.user_backgrounds, of.log_level, of.log_modules, of.serving,
+                    of.left_out, of.unexplained_crashes);
+  };
+  EXPECT_TRUE(all_of(second.state) == all_of(first.state));
   second.remove();
   second.save();
   ASSERT_EQ(writer.flush(10s), 0);
@@ -461,68 +464,104 @@ std::string text_of(const recording_plan& plan) {
   return text.str();
 }
 
+// Reads a line of words, of which '' is an empty one.
+parsed_options parse(option_parser& with, const std::string& line) {
+  std::istringstream stream(line);
+  const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+  std::vector<const char*> argv;
+  for (const std::string& word : words) argv.push_back(word == "''" ? "" : word.c_str());
+  return with.parse(static_cast<int>(argv.size()), argv.data());
+}
+
+TEST(RecorderOptions, TakeTheEnginesCommandLine) {
+  option_parser parser;
+  const auto parsed = parse(
+      parser,
+      "ZeltaCoreService --app_id a --channel_key -k --channel_id room --uid 4294967295 --mix 1 "
+      "--enabledModules -1 --proxy_server '' --vocs_port -1 --recording_file_dir /x/ --read 3 "
+      "--write 4 --recoveryid 2 --recoverytime 123456789012 --novelty 1");
+  ASSERT_TRUE(parsed.values) << parsed.message;
+  EXPECT_EQ(parsed.values->channel_key, "-k");
+  EXPECT_EQ(parsed.values->uid, 4294967295U);
+  EXPECT_EQ(parsed.values->enabled_modules, -1);
+  EXPECT_EQ(parsed.values->recovery_id, 2);
+  EXPECT_EQ(parsed.values->recovery_time, 123456789012);
+  EXPECT_EQ(parsed.values->write_fd, 4);
+  EXPECT_EQ(parsed.values->unknown, (std::vector<std::string>{"--novelty", "1"}));
+}
+
+TEST(RecorderOptions, LastOfTwoCommandLinesWinsAndBadValuesAreNamed) {
+  option_parser parser;
+  const auto twice = parse(parser, "p --channel_id a p --channel_id b --recording_file_dir x");
+  EXPECT_EQ(twice.values->channel_id, "b");
+  EXPECT_EQ(twice.values->recording_file_dir, "x/");
+  const auto refused = parse(parser, "p --channel_id a --uid 7 --idle soon");
+  EXPECT_FALSE(refused.values);
+  EXPECT_NE(refused.message.find("soon"), std::string::npos);
+  // Nothing of an earlier command line is left for the next.
+  const auto last = parse(parser, "p --channel_id c");
+  ASSERT_TRUE(last.values) << last.message;
+  EXPECT_EQ(last.exit_status, 0);
+  EXPECT_EQ(last.values->uid, 0U);
+  EXPECT_EQ(last.values->log_level, 4);
+  EXPECT_EQ(last.values->recording_file_dir, "./");
+  EXPECT_TRUE(last.values->unknown.empty());
+}
+
 TEST(RecordingPlan, IsWhatTheCommandLineAsksFor) {
   const std::string plain = " mix --a- 640,360,15,500 1x48000 0s 0ms 2";
   const std::string mixed = "sv-- 00 --5s mix SV";
-  const struct {
-    std::vector<const char*> arguments;
-    std::string plan;
-  } rows[] = {
-      {{}, "svSV 00 --5s" + plain},
-      {{"--audio_only", "1", "--chunk_time_span", "60", "--capture_interval", "0"},
+  const std::pair<const char*, std::string> rows[] = {
+      {"", "svSV 00 --5s" + plain},
+      {"--audio_only 1 --chunk_time_span 60 --capture_interval 0",
        "s-S- 00 --1s mix --a- 640,360,15,500 1x48000 60s 0ms 2"},
-      {{"--video_only", "1", "--avSyncType", "1", "--chunk_time_span", "-1"},
+      {"--video_only 1 --avSyncType 1 --chunk_time_span -1",
        "-v-V 00 --5s mix --a- 640,360,15,500 1x48000 0s 1000ms 1"},
-      {{"--decode_audio", "1", "--decode_video", "1"}, "sv-- 11 --5s" + plain},
-      {{"--decode_audio", "2", "--decode_video", "2"}, "sv-- 22 --5s" + plain},
-      {{"--decode_audio", "3", "--decode_video", "3"},
+      {"--decode_audio 1 --decode_video 1", "sv-- 11 --5s" + plain},
+      {"--decode_audio 2 --decode_video 2", "sv-- 22 --5s" + plain},
+      {"--decode_audio 3 --decode_video 3",
        "sv-- 30 j-5s mix S-a- 640,360,15,500 1x48000 0s 0ms 2"},
-      {{"--decode_video", "4", "--capture_interval", "9"}, "svS- 00 -J9s" + plain},
-      {{"--decode_video", "5"}, "svSV 00 -J5s" + plain},
-      {{"--mix", "1"}, mixed + "a- 640,360,15,500 1x48000 0s 0ms 2"},
-      {{"--mix", "1", "--decode_audio", "2", "--mixedVideoAudio", "1", "--audioProfile", "1"},
+      {"--decode_video 4 --capture_interval 9", "svS- 00 -J9s" + plain},
+      {"--decode_video 5", "svSV 00 -J5s" + plain},
+      {"--mix 1", mixed + "a- 640,360,15,500 1x48000 0s 0ms 2"},
+      {"--mix 1 --decode_audio 2 --mixedVideoAudio 1 --audioProfile 1",
        "sv-- 20 --5s mix -V-- 640,360,15,500 1x128000 0s 0ms 2"},
-      {{"--mix", "1", "--mixedVideoAudio", "2", "--audioProfile", "2", "--mix_resolution",
-        "4096,16,60,100000"},
+      {"--mix 1 --mixedVideoAudio 2 --audioProfile 2 --mix_resolution 4096,16,60,100000",
        mixed + "-h 4096,16,60,100000 2x192000 0s 0ms 2"},
-      {{"--mix", "1", "--mix_resolution", "17,4096,1,1"},
-       mixed + "a- 16,4096,1,1 1x48000 0s 0ms 2"},
+      {"--mix 1 --mix_resolution 17,4096,1,1", mixed + "a- 16,4096,1,1 1x48000 0s 0ms 2"},
   };
-  for (const auto& row : rows) {
-    std::vector<const char*> argv{"p", "--channel_id", "c"};
-    argv.insert(argv.end(), row.arguments.begin(), row.arguments.end());
-    const auto parsed = option_parser().parse(static_cast<int>(argv.size()), argv.data());
+  option_parser parser;
+  for (const auto& [given, plan] : rows) {
+    const auto parsed = parse(parser, std::string("p --channel_id c ") + given);
     ASSERT_TRUE(parsed.values) << parsed.message;
-    EXPECT_EQ(parsed.exit_status, 0);
-    EXPECT_EQ(parsed.values->log_level, 4);
-    EXPECT_EQ(parsed.values->recording_file_dir, "./");
-    argv.insert(argv.end(), {"--recording_file_dir", "x"});
-    EXPECT_EQ(option_parser()
-                  .parse(static_cast<int>(argv.size()), argv.data())
-                  .values->recording_file_dir,
-              "x/");
     std::vector<std::string> warnings;
-    EXPECT_EQ(text_of(plan_of(*parsed.values, warnings)), row.plan);
-    EXPECT_TRUE(warnings.empty()) << row.plan;
+    EXPECT_EQ(text_of(plan_of(*parsed.values, warnings)), plan) << given;
+    EXPECT_TRUE(warnings.empty()) << given;
   }
 }
 
 TEST(RecordingPlan, TakesNoNumberBeyondItsRange) {
-  const std::pair<const char*, int> highest[] = {
+  const std::pair<std::string, int> highest[] = {
       {"--mixedVideoAudio", 2}, {"--decode_audio", 3}, {"--decode_video", 5}, {"--streamType", 1},
       {"--serviceMode", 2},     {"--triggerMode", 1},  {"--lang", 1},         {"--audioProfile", 2},
       {"--avSyncType", 2}};
-  for (const auto& [name, most] : highest) {
-    for (const int value : {-1, 0, most, most + 1}) {
-      const std::string text = std::to_string(value);
-      const char* const argv[] = {"p", "--channel_id", "c", name, text.c_str()};
-      std::vector<std::string> warnings;
-      plan_of(*option_parser().parse(std::size(argv), argv).values, warnings);
-      ASSERT_EQ(warnings.size(), value < 0 || value > most ? 1U : 0U) << name << text;
-      if (warnings.empty()) continue;
-      EXPECT_EQ(warnings[0], name + (" " + text) + " should be 0 to " + std::to_string(most) +
-                                 "; it is taken as 0");
+  option_parser parser;
+  for (const size_t which : {0, 1, 2, 3}) {
+    std::string line = "p --channel_id c --mix_resolution 1280,720,25";
+    std::vector<std::string> expected;
+    for (const auto& [name, most] : highest) {
+      const std::string given =
+          name + " " + std::to_string(std::array{-1, 0, most, most + 1}[which]);
+      line += " " + given;
+      if (which == 1 || which == 2) continue;
+      expected.push_back(given + " should be 0 to " + std::to_string(most) + "; it is taken as 0");
     }
+    expected.emplace_back(
+        "--mix_resolution \"1280,720,25\" should be width,height,fps,kbps such as "
+        "1280,720,25,1500; the mix is 640,360,15,500");
+    std::vector<std::string> warnings;
+    plan_of(*parse(parser, line).values, warnings);
+    EXPECT_EQ(warnings, expected);
   }
   for (const char* const bad : {"15,16,1,1", "16,15,1,1", "4097,16,1,1", "16,4097,1,1", "16,16,0,1",
                                 "16,16,61,1", "16,16,1,0", "16,16,1,100001", "16,16,1,1,"}) {
@@ -532,22 +571,6 @@ TEST(RecordingPlan, TakesNoNumberBeyondItsRange) {
     EXPECT_EQ(plan_of(given, warnings).mix_width, 640);
     EXPECT_EQ(warnings.size(), 1U) << bad;
   }
-}
-
-TEST(RecordingPlan, NamesWhatItCannotUse) {
-  options given;
-  given.mix = true;
-  given.mix_resolution = "1280,720,25";
-  given.audio_profile = 3;
-  given.av_sync_type = 3;
-  std::vector<std::string> warnings;
-  const recording_plan plan = plan_of(given, warnings);
-  ASSERT_EQ(warnings.size(), 3U);
-  EXPECT_NE(warnings[0].find("--audioProfile 3 should be 0 to 2"), std::string::npos);
-  EXPECT_NE(warnings[1].find("--avSyncType 3 should be 0 to 2"), std::string::npos);
-  EXPECT_NE(warnings[2].find("\"1280,720,25\" should be width,height,fps,kbps"), std::string::npos);
-  EXPECT_EQ(plan.mix_width, 640);
-  EXPECT_FALSE(plan.record_video) << "nobody has a file of their own";
 }
 
 // Of a process of its own, whose limits nobody shares.
@@ -570,25 +593,41 @@ TEST(Descriptors, AsManyAsAllowedAreTakenAndEachUserHasTheirs) {
   EXPECT_EQ(status, 0);
 }
 
+// Where a stream says nothing of decoding or of how long, it is as shown, and unknown.
 TEST(TakeSample, PlacesTheBufferAndSaysWhetherItIsAKey) {
   gst_init(nullptr, nullptr);
   const media::element_ptr pipeline(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr))));
+  gst_element_set_base_time(pipeline.get(), 5 * GST_SECOND);
   GstSegment segment;
   gst_segment_init(&segment, GST_FORMAT_TIME);
   const media::caps_ptr caps(gst_caps_new_empty_simple("video/x-h264"));
-  for (const bool key : {false, true}) {
-    GstBuffer* const buffer = gst_buffer_new_allocate(nullptr, 1, nullptr);
-    GST_BUFFER_PTS(buffer) = 7;
-    if (key) GST_BUFFER_DURATION(buffer) = 5;
-    if (!key) GST_BUFFER_FLAG_SET(buffer, GST_BUFFER_FLAG_DELTA_UNIT);
-    const media::sample_ptr from(gst_sample_new(buffer, caps.get(), &segment, nullptr));
-    gst_buffer_unref(buffer);
-    media::media_sample sample;
-    ASSERT_TRUE(media::take_sample(from.get(), pipeline.get(), sample));
-    EXPECT_EQ(sample.key, key);
-    EXPECT_EQ(sample.duration.count(), key ? 5 : 0);
-    EXPECT_EQ(sample.decode_time, sample.time);
+  const auto taken = [&](const media::buffer_ptr& buffer, media::media_sample& sample) {
+    const media::sample_ptr from(gst_sample_new(buffer.get(), caps.get(), &segment, nullptr));
+    return media::take_sample(from.get(), pipeline.get(), sample);
+  };
+  const struct {
+    media::buffer_times given;
+    bool key;
+    media::media_time time;
+    media::media_time decode;
+    media::media_time duration;
+  } rows[] = {
+      {{GST_SECOND, GST_CLOCK_TIME_NONE, GST_CLOCK_TIME_NONE}, true, 6s, 6s, 0s},
+      {{GST_CLOCK_TIME_NONE, GST_SECOND, GST_MSECOND}, false, 6s, 6s, 1ms},
+      {{2 * GST_SECOND, GST_SECOND, 7}, false, 7s, 6s, 7ns},
+  };
+  media::media_sample sample;
+  for (const auto& row : rows) {
+    const media::buffer_ptr buffer(gst_buffer_new());
+    set_times(buffer.get(), row.given);
+    media::set_key(buffer.get(), row.key);
+    EXPECT_EQ(GST_BUFFER_FLAG_IS_SET(buffer.get(), GST_BUFFER_FLAG_DELTA_UNIT), !row.key);
+    ASSERT_TRUE(taken(buffer, sample));
+    EXPECT_EQ(std::tuple(sample.time, sample.decode_time, sample.duration, sample.key),
+              std::tuple(row.time, row.decode, row.duration, row.key))
+        << row.time.count();
   }
+  EXPECT_FALSE(taken(media::buffer_ptr(gst_buffer_new()), sample)) << "it has no time";
 }
 
 TEST(Secrets, AreWipedFromTheArguments) {

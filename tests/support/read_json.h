@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #pragma once
 
+#include <initializer_list>
 #include <sstream>
 #include <string>
 
@@ -16,6 +17,13 @@ inline Json::Value read_json(const std::string& path) {
   const std::string text = read_file(path);
   if (!text.empty()) std::istringstream(text) >> root;
   return root;
+}
+
+// The values of these members, with a space between.
+inline std::string fields(const Json::Value& of, std::initializer_list<const char*> names) {
+  std::string all;
+  for (const char* const name : names) all += (all.empty() ? "" : " ") + of[name].asString();
+  return all;
 }
 
 }  // namespace zelta::test
