@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // Users who send RTP: real senders on loopback, with what can go wrong on the way.
-#include <csignal>
 #include <filesystem>
+#include <map>
+#include <numeric>
 #include <optional>
 #include <stdexcept>
+#include <tuple>
 #include <vector>
 
 #include <arpa/inet.h>
@@ -13,10 +15,11 @@
 #include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
-#include <sys/wait.h>
 
 #include "base/unique_fd.h"
 #include "core_service/media/gst.h"
+#include "support/hex.h"
+#include "support/program.h"
 #include "support/recording_test.h"
 
 namespace zelta::test {
@@ -25,28 +28,9 @@ namespace {
 using namespace std::chrono_literals;
 
 // A command that runs until the end of the test.
-class Process {
- public:
-  explicit Process(const std::string& command) : pid_(fork()) {
-    if (pid_ != 0) return;
-    execl("/bin/sh", "sh", "-c", ("exec " + command + " >/dev/null 2>&1").c_str(), nullptr);
-    _exit(127);
-  }
-  Process(const Process&) = delete;
-  Process& operator=(const Process&) = delete;
-  ~Process() { end(); }
-  void end() {
-    if (pid_ <= 0) return;
-    kill(pid_, SIGKILL);
-    wait();
-  }
-  void wait() {
-    waitpid(pid_, nullptr, 0);
-    pid_ = -1;
-  }
-
- private:
-  pid_t pid_;
+struct Process : Program {
+  explicit Process(const std::string& command)
+      : Program({"/bin/sh", "-c", "exec " + command + " >/dev/null 2>&1"}) {}
 };
 
 // A sender in this process. Its reports go out and feedback comes in by one socket, as SFUs do it.
@@ -68,8 +52,6 @@ class Sender {
     }
     gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
   }
-  Sender(const Sender&) = delete;
-  Sender& operator=(const Sender&) = delete;
   ~Sender() { end(); }
   void end() { gst_element_set_state(pipeline_.get(), GST_STATE_NULL); }
 
@@ -119,32 +101,34 @@ int six_free_ports() {
   }
 }
 
+constexpr const char* kOpenPort = "m=audio 9 RTP/AVP 0\n";
+
 class RtpTest : public RecordingTest {
  protected:
-  RtpTest() : port(six_free_ports()) {
-    std::filesystem::create_directories(dir.path() + "channels/room");
-  }
+  RtpTest() : port(six_free_ports()) {}
 
-  void join_channel() {
-    join("dir:" + dir.path() + "channels");
-    ASSERT_TRUE(handler.wait_for("joined"));
+  void join_channel() { join_folder({{"joined"}}); }
+  void put_user(const std::string& name, const std::string& media) const {
+    std::filesystem::rename(
+        dir.file(name, "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\n" + media),
+        room() + name);
   }
   // User 1, of whom the recorder listens to H.264 (96), VP8 (98), Opus (97) and PCMU (0) from then
   // on.
   void describe(const std::string& profile = "RTP/AVPF") {
-    const std::string host = "IP4 127.0.0.1";
-    const std::string made =
-        dir.file("1.sdp", "v=0\no=- 0 0 IN " + host + "\ns=x\nc=IN " + host + "\nt=0 0\nm=video " +
-                              std::to_string(port) + " " + profile +
-                              " 96 98\na=rtpmap:96 H264/90000\na=rtpmap:98 VP8/90000\nm=audio " +
-                              std::to_string(port + 2) + " " + profile +
-                              " 97 0\na=rtpmap:97 opus/48000/2\n");
-    std::filesystem::rename(made, dir.path() + "channels/room/1.sdp");
+    put_user("1.sdp", "m=video " + std::to_string(port) + " " + profile +
+                          " 96 98\na=rtpmap:96 H264/90000\na=rtpmap:98 VP8/90000\nm=audio " +
+                          std::to_string(port + 2) + " " + profile +
+                          " 97 0\na=rtpmap:97 opus/48000/2\n");
     ASSERT_TRUE(handler.wait_for("user in 1"));
   }
   void user_leaves() {
-    std::filesystem::remove(dir.path() + "channels/room/1.sdp");
+    std::filesystem::remove(room() + "1.sdp");
     ASSERT_TRUE(handler.wait_for("user out 1"));
+  }
+  void end_recording() {
+    user_leaves();
+    release();
   }
   // Video from a real RTP session that takes feedback: a key frame each 1000 pictures, unless one
   // is asked for.
@@ -174,37 +158,33 @@ class RtpTest : public RecordingTest {
     return "gst-launch-1.0 audiotestsrc is-live=true samplesperbuffer=960 wave=ticks num-buffers=" +
            std::to_string(buffers) +
            " ! audio/x-raw,rate=48000,channels=1 ! opusenc ! rtpopuspay pt=97 ssrc=" + ssrc +
-           " ! udpsink sync=false "
-           "host=127.0.0.1 port=" +
-           std::to_string(port + 2);
+           to_sound_port();
+  }
+  std::string to_sound_port() const {
+    return " ! udpsink sync=false host=127.0.0.1 port=" + std::to_string(port + 2);
   }
 
   const int port;
 };
 
 TEST_F(RtpTest, FfmpegsStreamsArriveWholeAndInSync) {
-  const struct {
-    std::string host;
-    std::string coding;
-    const char* sound;  // by the recorder's settings
-    std::string codecs;
-    const char* ending;
-  } rows[] = {
+  // The third is what the recorder's settings say of sound.
+  const std::tuple<std::string, std::string, const char*, std::string, const char*> rows[] = {
       {"127.0.0.1", "libx264 -bf 0 -g 20", "as it comes", "h264 opus", ".mp4"},
       {"[::1]", "libvpx -deadline realtime -g 20", "as it comes", "vp8 opus", ".webm"},
       {"127.0.0.1", "libx264 -bf 0 -g 20", "aac", "h264 aac", ".mp4"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [host, coding, sound, codecs, ending] : rows) {
+    SCOPED_TRACE(codecs);
     const std::string source = dir.path() + "source.mkv";
-    ASSERT_EQ(output_of("ffmpeg -v error -y -f lavfi -i testsrc=size=160x120:rate=20:duration=4 "
-                        "-f lavfi -i sine=duration=4 -c:a libopus -c:v " +
-                        row.coding + " " + source),
-              "");
+    make_media(
+        "testsrc=size=160x120:rate=20:duration=4 -f lavfi -i sine=duration=4 -c:a libopus -c:v " +
+            coding,
+        source);
     const std::string chosen =
-        dir.file("settings.json", std::string(R"({"sound": ")") + row.sound + "\"}");
+        dir.file("settings.json", std::string(R"({"sound": ")") + sound + "\"}");
     setenv("ZELTA_RECORDER_SETTINGS", chosen.c_str(), 1);
-    handler.clear();
-    const std::string streams = host_streams(source, row.host);
+    const std::string streams = host_streams(source, host);
     const auto send = [&streams](const char* how) {
       return std::string("ffmpeg -v error -re ").append(how).append(streams);
     };
@@ -213,24 +193,19 @@ TEST_F(RtpTest, FfmpegsStreamsArriveWholeAndInSync) {
     output_of(send("-t 0.1") + " -sdp_file " + made);
     join_channel();
     unsetenv("ZELTA_RECORDER_SETTINGS");
-    std::filesystem::rename(made, dir.path() + "channels/room/1.sdp");
+    std::filesystem::rename(made, room() + "1.sdp");
     ASSERT_TRUE(handler.wait_for("user in 1"));
     Process sender(send(""));
-    sender.wait();
-    user_leaves();
-    release();
-    ASSERT_EQ(files().size(), 1U) << row.codecs;
-    const std::string path = folder + files()[0]["name"].asString();
-    EXPECT_EQ(codecs_of(path), row.codecs);
-    EXPECT_EQ(files()[0]["video_codec"].asString() + " " + files()[0]["audio_codec"].asString(),
-              row.codecs);
-    EXPECT_EQ(std::filesystem::path(path).extension(), row.ending);
-    EXPECT_EQ(decode_errors_of(path), "");
-    EXPECT_EQ(files()[0]["width"].asInt(), 160);
+    sender.end();
+    end_recording();
+    expect_whole_files(1);
+    const std::string path = path_of(0);
+    EXPECT_EQ(codecs_of(path), codecs);
+    EXPECT_EQ(fields(files()[0], {"video_codec", "audio_codec", "width"}), codecs + " 160");
+    EXPECT_EQ(std::filesystem::path(path).extension(), ending);
     // The file's own times: ffmpeg would round them to 1/20 s, and two neighbours to the same.
-    const std::vector<std::string> times = lines_of(output_of(
-        "ffprobe -v error -select_streams v -show_entries frame=pts -of default=nk=1:nw=1 " +
-        path));
+    const auto times =
+        lines_of(probed(path, "-select_streams v -show_entries frame=pts -of default=nk=1:nw=1"));
     EXPECT_EQ(times.size(), 80U);
     int64_t before = -1;
     for (const std::string& time : times) {
@@ -256,64 +231,40 @@ TEST_F(RtpTest, LateJoinerAsksForAKeyFrameAndANewSsrcOrSizeGoesOn) {
   first.end();
   Sender second(video_sender("2222", "320x180"));
   ASSERT_TRUE(wait_recorded(1000, 2));
-  user_leaves();
-  release();
-  ASSERT_EQ(files().size(), 2U);
-  EXPECT_EQ(files()[0]["width"].asInt(), 160);
-  EXPECT_EQ(files()[0]["closed"].asString(), "picture changed");
-  EXPECT_EQ(files()[1]["width"].asInt(), 320);
-  for (const Json::Value& entry : files()) {
-    EXPECT_EQ(decode_errors_of(folder + entry["name"].asString()), "");
-  }
+  end_recording();
+  expect_whole_files(2);
+  EXPECT_EQ(fields(files()[0], {"width", "closed"}), "160 picture changed");
+  EXPECT_EQ(files()[1]["width"], 320);
 }
 
-TEST_F(RtpTest, SoundThatStopsAndComesBackLeavesSilenceOfTheSameLength) {
+TEST_F(RtpTest, SoundThatStopsLeavesSilenceAndAnotherCodecGoesOnInAnotherFile) {
   join_channel();
   describe();
   Process first(sound_sender(75));
-  first.wait();
+  first.end();
   // Goodbye, which is one source's alone.
   Socket().send(port + 3, {0x81, 203, 0, 1, 0, 0, 0, 7});
   ASSERT_TRUE(wait_recorded(6000)) << "silence goes on being recorded";
   Process second(sound_sender(75, "8"));
-  second.wait();
-  EXPECT_EQ(handler.count("user out"), 0);
-  user_leaves();
-  release();
-  ASSERT_EQ(files().size(), 1U);
-  EXPECT_EQ(files()[0]["kind"].asString(), "audio");
-  const std::string path = folder + files()[0]["name"].asString();
-  EXPECT_NEAR(seconds_of(path) * 1000, files()[0]["duration_ms"].asDouble(), 100);
-  EXPECT_GT(seconds_of(path), 7.0);
-  const std::string loudness =
-      output_of("ffmpeg -v info -ss 6 -i " + path + " -af volumedetect -f null -");
-  EXPECT_EQ(loudness.find("max_volume: -91"), std::string::npos) << "the second is heard";
-}
-
-TEST_F(RtpTest, SoundOfAnotherCodecGoesOnInAnotherFile) {
-  join_channel();
-  describe();
-  Process opus(sound_sender(75));
-  opus.wait();
+  second.end();
   Process pcmu(
       "gst-launch-1.0 audiotestsrc is-live=true num-buffers=75 samplesperbuffer=160 ! "
-      "audio/x-raw,rate=8000,channels=1 ! mulawenc ! rtppcmupay pt=0 ssrc=8 ! udpsink sync=false "
-      "host=127.0.0.1 port=" +
-      std::to_string(port + 2));
-  pcmu.wait();
-  user_leaves();
-  release();
-  ASSERT_EQ(files().size(), 2U);
-  EXPECT_EQ(files()[0]["audio_codec"].asString(), "opus");
-  EXPECT_EQ(files()[0]["closed"].asString(), "sound changed");
-  EXPECT_EQ(files()[1]["audio_codec"].asString(), "aac");
-  // The second source counts once the first has been silent for a fifth of a second.
+      "audio/x-raw,rate=8000,channels=1 ! mulawenc ! rtppcmupay pt=0 ssrc=9" +
+      to_sound_port());
+  pcmu.end();
+  EXPECT_EQ(handler.count("user out"), 0);
+  end_recording();
+  expect_whole_files(2);
+  EXPECT_EQ(fields(files()[0], {"kind", "audio_codec", "closed"}), "audio opus sound changed");
+  expect_told_duration(files()[0]);
+  EXPECT_GT(seconds_of(path_of(0)), 7.0);
+  const std::string loudness =
+      output_of("ffmpeg -v info -ss 6 -i " + path_of(0) + " -af volumedetect -f null -");
+  EXPECT_EQ(loudness.find("max_volume: -91"), std::string::npos) << "the second is heard";
+  EXPECT_EQ(files()[1]["audio_codec"], "aac");
+  // A source counts once the one before has been silent for a fifth of a second.
   EXPECT_GT(files()[1]["duration_ms"].asInt(), 1250);
-  const auto gap = files()[1]["first_utc_ms"].asInt64() - files()[0]["last_utc_ms"].asInt64();
-  EXPECT_LE(std::abs(gap), 25) << "no sound is lost between the two";
-  for (const Json::Value& entry : files()) {
-    EXPECT_EQ(decode_errors_of(folder + entry["name"].asString()), "");
-  }
+  expect_no_gaps(25);
 }
 
 TEST_F(RtpTest, PictureThatStopsGivesWayToSoundAndComesBack) {
@@ -327,17 +278,12 @@ TEST_F(RtpTest, PictureThatStopsGivesWayToSoundAndComesBack) {
   ASSERT_TRUE(wait_recorded(1000, 2)) << "sound alone, on the disk";
   const Sender video(video_sender("6666"));
   ASSERT_TRUE(wait_recorded(1000, 3));
-  user_leaves();
-  release();
-  ASSERT_EQ(files().size(), 3U);
-  const char* const kinds[] = {"audio_video", "audio", "audio_video"};
-  for (Json::ArrayIndex i = 0; i < 3; ++i) {
-    EXPECT_EQ(files()[i]["kind"].asString(), kinds[i]);
-    EXPECT_EQ(decode_errors_of(folder + files()[i]["name"].asString()), "");
-    if (i == 0) continue;
-    const auto gap = files()[i]["first_utc_ms"].asInt64() - files()[i - 1]["last_utc_ms"].asInt64();
-    EXPECT_LE(std::abs(gap), 45) << "no sound is lost between two files";
-  }
+  end_recording();
+  expect_whole_files(3);
+  std::string kinds;
+  for (const Json::Value& file : files()) kinds += file["kind"].asString() + " ";
+  EXPECT_EQ(kinds, "audio_video audio audio_video ");
+  expect_no_gaps(45);
 }
 
 TEST_F(RtpTest, HostilePacketsCostNothing) {
@@ -357,11 +303,10 @@ TEST_F(RtpTest, HostilePacketsCostNothing) {
     hostile.send(port + i % 4, bytes);
   }
   ASSERT_TRUE(wait_recorded(2500)) << "the recording goes on";
-  user_leaves();
-  release();
+  end_recording();
   EXPECT_EQ(handler.count("error"), 0);
   EXPECT_EQ(handler.count("warning"), 0) << "no recovery";
-  EXPECT_EQ(decode_errors_of(folder + files()[0]["name"].asString()), "");
+  expect_whole_files(1);
 }
 
 // A recorder that can't keep up says so, and by how much.
@@ -370,20 +315,18 @@ TEST_F(RtpTest, PacketsWithoutRoomAreCountedAndTold) {
   describe();
   const Sender video(video_sender("3333"));
   ASSERT_TRUE(wait_recorded(500));
-  const std::string recorder = " -P " + std::to_string(getpid()) + " ZeltaCoreServic";
-  output_of("pkill -STOP" + recorder);
+  signal_recorder("STOP");
   Socket flood;
   const std::vector<uint8_t> packet(1200, 0x80);
   for (int i = 0; i < 20'000; ++i) flood.send(port, packet);
-  output_of("pkill -CONT" + recorder);
+  signal_recorder("CONT");
   ASSERT_TRUE(handler.wait_for("error 2 1"));
-  user_leaves();
-  release();
-  const Json::Value written = read_json(folder + "recording.json");
+  end_recording();
+  const Json::Value written = manifest();
   EXPECT_GT(written["lost_packets"]["1"].asUInt(), 1000U);
   ASSERT_EQ(written["missing"].size(), 1U);
-  EXPECT_EQ(written["missing"][0]["medium"].asString(), "packets");
-  for (const Json::Value& entry : files()) EXPECT_NE(entry["closed"].asString(), "");
+  EXPECT_EQ(written["missing"][0]["medium"], "packets");
+  for (const Json::Value& entry : files()) EXPECT_NE(entry["closed"], "");
 }
 
 // As on a machine that has no time for it: of each second and a half the recorder gets the last
@@ -395,11 +338,7 @@ TEST_F(RtpTest, WhoHasNoRoomIsToldAndTakenUpWhenThereIsSome) {
   unsetenv("ZELTA_RECORDER_SETTINGS");
   describe();
   const Process sound(sound_sender(100'000));
-  const std::string text =
-      "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\nm=audio 9 RTP/AVP 0\n";
-  for (const char* const user : {"2.sdp", "3.sdp"}) {
-    std::filesystem::rename(dir.file(user, text), dir.path() + "channels/room/" + user);
-  }
+  for (const char* const user : {"2.sdp", "3.sdp"}) put_user(user, kOpenPort);
   ASSERT_TRUE(handler.wait_for("user in 2"));
   ASSERT_TRUE(handler.wait_for("error 2 1")) << "of user 3";
   ASSERT_TRUE(wait_recorded(500));
@@ -413,30 +352,25 @@ TEST_F(RtpTest, WhoHasNoRoomIsToldAndTakenUpWhenThereIsSome) {
   ASSERT_TRUE(handler.wait_for("user in 2", 2));
   release();
   std::map<int, std::string> told;
-  const Json::Value missing = read_json(folder + "recording.json")["missing"];
+  const Json::Value missing = manifest()["missing"];
   for (const Json::Value& one : missing) {
-    EXPECT_EQ(one["medium"].asString(), "all");
+    EXPECT_EQ(one["medium"], "all");
     EXPECT_GE(one["until_utc_ms"].asInt64(), one["utc_ms"].asInt64()) << one["uid"];
     told[one["uid"].asInt()] += one["reason"].asString() + ";";
   }
   ASSERT_EQ(told.size(), 2U);
   EXPECT_EQ(told[3].find("2 users at a time is the most"), 0U) << told[3];
   EXPECT_EQ(told[2].find("let go, because the machine is too busy for all;"), 0U) << told[2];
-  ASSERT_EQ(files().size(), 1U) << "of the first user, who was recorded throughout";
-  EXPECT_EQ(decode_errors_of(folder + files()[0]["name"].asString()), "");
+  expect_whole_files(1);  // of the first user, who was recorded throughout
 }
 
 TEST_F(RtpTest, RightKeyIsRecordedAndAWrongOneIsAnErrorWithoutAFile) {
   config.decryptionMode = const_cast<char*>("aes-256-gcm");
   config.secret = const_cast<char*>("AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8gISIjJCUmJygpKis=");
-  std::string key;
-  for (int i = 0; i < 44; ++i) {
-    char hex[3];
-    std::snprintf(hex, sizeof hex, "%02x", i);
-    key += hex;
-  }
+  byte_list numbers(44);
+  std::iota(numbers.begin(), numbers.end(), uint8_t{0});
+  std::string key = to_hex(numbers.data(), numbers.size());
   for (const bool right : {true, false}) {
-    handler.clear();
     join_channel();
     describe("RTP/SAVPF");
     if (!right) key[0] = '1';
@@ -449,8 +383,7 @@ TEST_F(RtpTest, RightKeyIsRecordedAndAWrongOneIsAnErrorWithoutAFile) {
     } else {
       EXPECT_TRUE(handler.wait_for("error 2 1"));
     }
-    user_leaves();
-    release();
+    end_recording();
     EXPECT_EQ(files().size(), right ? 1U : 0U);
     EXPECT_EQ(log().find("can be decrypted") == std::string::npos, right);
   }
@@ -460,17 +393,15 @@ TEST_F(RtpTest, OpenPortIsChosenInItsBoundsAndAnswered) {
   config.lowUdpPort = port;
   config.highUdpPort = port + 5;
   join_channel();
-  const std::string text =
-      "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\nm=audio 9 RTP/AVP 0\n";
-  std::filesystem::rename(dir.file("4.sdp", text), dir.path() + "channels/room/4.sdp");
+  put_user("4.sdp", kOpenPort);
   ASSERT_TRUE(handler.wait_for("user in 4"));
-  const std::string answer = read_file(dir.path() + "channels/room/4.sdp.answer");
+  const std::string answer = read_file(room() + "4.sdp.answer");
   const int chosen = std::atoi(answer.substr(answer.find("m=audio ") + 8).c_str());
   EXPECT_GE(chosen, port);
   EXPECT_LT(chosen, port + 5);
   EXPECT_FALSE(Socket(chosen).bound()) << "the recorder listens there";
-  std::filesystem::rename(dir.file("5.sdp", text), dir.path() + "channels/room/5.sdp");
-  std::filesystem::rename(dir.file("6.sdp", "v=0\n"), dir.path() + "channels/room/6.sdp");
+  put_user("5.sdp", kOpenPort);
+  std::filesystem::rename(dir.file("6.sdp", "v=0\n"), room() + "6.sdp");
   ASSERT_TRUE(handler.wait_for("user in 5"));
   release();
   EXPECT_NE(log().find("user 6: not recorded (all): 6.sdp: it describes no stream"),

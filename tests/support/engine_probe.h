@@ -41,14 +41,6 @@ class EngineProbe : public RecordingEngineImpl {
   using E::stopped_, E::thread_started_;
 };
 
-// The words of a text, of which '' is the empty one.
-inline Lines words_of(const std::string& text) {
-  std::istringstream stream(text);
-  Lines words;
-  for (std::string word; stream >> word;) words.push_back(word == "''" ? "" : word);
-  return words;
-}
-
 // Every line of the engine's in a log has its process, source, line and level: error for all but
 // these, and for the command lines behind two of them.
 inline void expect_levels(const std::string& log) {

@@ -20,10 +20,6 @@ namespace zelta::test {
 
 using Clock = std::chrono::steady_clock;
 
-struct Releaser {
-  void operator()(IRecordingEngine* engine) const { engine->release(); }
-};
-
 class LinkTest : public ::testing::Test {
  protected:
   LinkTest() {

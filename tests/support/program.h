@@ -44,8 +44,6 @@ class Program {
     const base::unique_fd write_end(pipe_ends[1]);
     [[maybe_unused]] const ssize_t all = write(write_end.get(), input->data(), input->size());
   }
-  Program(const Program&) = delete;
-  Program& operator=(const Program&) = delete;
   ~Program() {
     if (pid_ <= 0) return;
     kill(pid_, SIGKILL);

@@ -19,6 +19,10 @@ namespace zelta::test {
 
 using namespace recording;
 
+struct Releaser {
+  void operator()(IRecordingEngine* engine) const { engine->release(); }
+};
+
 class RecordingHandler : public IRecordingEngineEventHandler {
  public:
   void onError(int error, STAT_CODE_TYPE stat) override { say("error", error, int{stat}); }

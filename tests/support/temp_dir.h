@@ -52,6 +52,14 @@ inline std::vector<std::string> lines_of(const std::string& text) {
   return lines;
 }
 
+// The words of a text, of which '' is the empty one.
+inline std::vector<std::string> words_of(const std::string& text) {
+  std::istringstream stream(text);
+  std::vector<std::string> words;
+  for (std::string word; stream >> word;) words.push_back(word == "''" ? "" : word);
+  return words;
+}
+
 // The messages of the log in `dir`: what stands behind "time level module (pid) path:line: ".
 inline std::vector<std::string> logged(const std::string& dir) {
   std::vector<std::string> messages;
