@@ -1,18 +1,17 @@
 // SPDX-License-Identifier: Apache-2.0
 // The MP4 muxer: the same media whatever moment its file was left in.
-#include <algorithm>
 #include <array>
 #include <chrono>
-#include <fstream>
-#include <optional>
+#include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "core_service/media/mp4/av1_config.h"
 #include "core_service/media/mp4/muxer.h"
-#include "support/recording_test.h"
+#include "support/muxer_test.h"
 
 namespace zelta::test {
 namespace {
@@ -20,51 +19,31 @@ namespace {
 using namespace std::chrono_literals;
 using namespace core_service::media;
 
-constexpr media_time kZero = 100h;  // the clock has been running for a while
+constexpr const char* kH264 =
+    "video/"
+    "x-h264,width=320,height=180,codec_data=(buffer)0142c00dffe100096742c00dda0505b09001000468"
+    "ce3c80,pixel-aspect-ratio=4/3";
+constexpr const char* kAac = "audio/mpeg,rate=48000,channels=1,codec_data=(buffer)1188";
 
-caps_ptr caps_for(media_kind kind) {
-  const std::string text = kind == media_kind::kVideo
-                               ? "video/x-h264,width=320,height=180,codec_data=(buffer)0142c00dffe1"
-                                 "00096742c00dda0505b09001000468ce3c80,pixel-aspect-ratio=4/3"
-                               : "audio/mpeg,rate=48000,channels=1,codec_data=(buffer)1188";
-  return caps_ptr(gst_caps_from_string(text.c_str()));
-}
-
-media_sample sample_of(media_kind kind, media_time time, media_time decode, media_time duration,
-                       size_t bytes, bool key) {
-  media_sample made;
-  made.buffer.reset(gst_buffer_new_allocate(nullptr, bytes, nullptr));
-  gst_buffer_memset(made.buffer.get(), 0, 0, bytes);
-  // A NAL unit with its length before it.
-  const std::array<uint8_t, 5> unit{0, 0, 0, static_cast<uint8_t>(bytes - 4),
-                                    static_cast<uint8_t>(key ? 0x65 : 0x41)};
-  if (kind == media_kind::kVideo) gst_buffer_fill(made.buffer.get(), 0, unit.data(), unit.size());
-  made.caps = caps_for(kind);
-  made.time = kZero + time;
-  made.decode_time = kZero + decode;
-  made.duration = duration;
-  made.key = key;
-  return made;
-}
-
-// A muxer and the bytes of its file.
-class Mp4Test : public testing::Test {
+class Mp4Test : public MuxerTest {
  protected:
-  static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
+  Mp4Test() : MuxerTest(std::make_unique<mp4::muxer>("isom", true, true, 1'700'000'000), ".mp4") {}
 
-  void append(const std::vector<buffer_ptr>& more) {
-    for (const buffer_ptr& one : more) {
-      std::string bytes(gst_buffer_get_size(one.get()), '\0');
-      gst_buffer_extract(one.get(), 0, bytes.data(), bytes.size());
-      file += bytes;
-    }
+  void add_picture(media_time time, media_time decode, size_t bytes, bool key,
+                   const char* caps = kH264) {
+    media_sample made = sample_of(caps, time, 40ms, bytes, key, 0);
+    made.decode_time = kZero + decode;
+    // A NAL unit with its length before it.
+    const std::array<uint8_t, 5> unit{0, 0, 0, static_cast<uint8_t>(bytes - 4),
+                                      static_cast<uint8_t>(key ? 0x65 : 0x41)};
+    gst_buffer_fill(made.buffer.get(), 0, unit.data(), unit.size());
+    add(media_kind::kVideo, made);
   }
   void add_sound(media_time from, int count) {
     constexpr media_time kSecond = 1s;
     for (int i = 0; i < count; ++i) {
       const media_time at = from + kSecond * 1024 * i / 48'000;
-      append(mux->add(media_kind::kAudio,
-                      sample_of(media_kind::kAudio, at, at, kSecond * 1024 / 48'000, 50, true)));
+      add(media_kind::kAudio, sample_of(kAac, at, kSecond * 1024 / 48'000, 50, true, 0));
     }
   }
   // Shown as I B B P: decoded as I P B B, at 25 a second.
@@ -72,18 +51,10 @@ class Mp4Test : public testing::Test {
     constexpr int kShown[] = {0, 3, 1, 2};
     for (int i = 0; i < 4 * groups; ++i) {
       const size_t before = file.size();
-      const media_time decode = 40ms * i;
-      append(mux->add(media_kind::kVideo,
-                      sample_of(media_kind::kVideo, 40ms * (i / 4 * 4 + kShown[i % 4] + 1), decode,
-                                40ms, static_cast<size_t>(100 + i % 50), i % 4 == 0)));
+      add_picture(40ms * (i / 4 * 4 + kShown[i % 4] + 1), 40ms * i,
+                  static_cast<size_t>(100 + i % 50), i % 4 == 0);
       if (file.size() != before) fragments.emplace_back(file.size(), i);
     }
-  }
-  void complete() {
-    append(mux->finish());
-    const muxer::patch last = mux->completion();
-    std::copy(last.bytes.begin(), last.bytes.end(),
-              file.begin() + static_cast<std::ptrdiff_t>(last.at));
   }
   // A line a box, its name and bytes in hexadecimal; of those at the top, where they begin and how
   // large they are; nothing of those that hold boxes.
@@ -99,29 +70,7 @@ class Mp4Test : public testing::Test {
       from = end;
     }
   }
-  std::string hex(size_t from, size_t to) const {
-    std::string text;
-    for (; from < to; ++from) {
-      constexpr const char* kDigits = "0123456789abcdef";
-      const auto value = static_cast<uint8_t>(file[from]);
-      text += kDigits[value / 16];
-      text += kDigits[value % 16];
-    }
-    return text;
-  }
-  // A line a packet of the stream, "time,size,key", of the file's first `bytes`.
-  std::vector<std::string> packets(const char* stream, const std::string& of) const {
-    const std::string path = dir.path() + "/a.mp4";
-    std::ofstream(path, std::ios::binary) << of;
-    return lines_of(output_of(
-        std::string("ffprobe -v quiet -of csv=p=0 -show_entries packet=pts_time,size,flags "
-                    "-select_streams ") +
-        stream + " " + path));
-  }
 
-  const TempDir dir;
-  std::optional<mp4::muxer> mux{std::in_place, "isom", true, true, 1'700'000'000};
-  std::string file;
   // Bytes up to the end of each fragment, and how many pictures they hold.
   std::vector<std::pair<size_t, size_t>> fragments;
 };
@@ -129,8 +78,7 @@ class Mp4Test : public testing::Test {
 TEST_F(Mp4Test, HoldsTheSameMediaInFragmentsAndCompleted) {
   add_pictures(10);
   add_sound(300ms, 60);
-  append(
-      mux->add(media_kind::kVideo, sample_of(media_kind::kVideo, 1640ms, 1600ms, 40ms, 99, true)));
+  add_picture(1640ms, 1600ms, 99, true);
   const std::string uncompleted = file;
   complete();
   const auto pictures = packets("v", file);
@@ -231,7 +179,7 @@ co64 000000000000000100000000000009f2
 TEST_F(Mp4Test, ItsBoxesSayWhatIsInIt) {
   add_pictures(2);
   add_sound(300ms, 4);
-  append(mux->add(media_kind::kVideo, sample_of(media_kind::kVideo, 320ms, 320ms, 40ms, 99, true)));
+  add_picture(320ms, 320ms, 99, true);
   append(mux->finish());
   std::string lines = "\n";
   boxes_of(0, file.size(), true, lines);
@@ -243,32 +191,27 @@ TEST_F(Mp4Test, ItsBoxesSayWhatIsInIt) {
 // So that no "moof" lies across a page: what is left of it is filled, and a box has eight bytes.
 TEST_F(Mp4Test, FillsThePageBeforeWhatWouldLieAcross) {
   constexpr size_t kSize = 104;  // of the "moof" of one sample
-  const struct {
-    size_t left;
-    size_t filled;
-  } rows[] = {{0, 0}, {kSize, 0}, {kSize - 1, kSize - 1}, {8, 8}, {7, 4103}, {1, 4097}};
-  size_t bytes = 1000;
-  for (const auto& row : rows) {
-    for (const bool aimed : {false, true}) {
-      mux.emplace("isom", true, false, 0);
-      file.clear();
-      for (const auto& [at, size] :
-           {std::pair{0ms, bytes}, {200ms, size_t{20}}, {400ms, size_t{20}}}) {
-        append(
-            mux->add(media_kind::kVideo, sample_of(media_kind::kVideo, at, at, 40ms, size, true)));
-      }
-      const size_t media = file.find("mdat", file.find("moof")) + 4 + bytes;
-      if (!aimed) bytes += size_t{8192} - (media + row.left) % 4096;
-      if (!aimed) continue;
-      std::string lines;
-      boxes_of(media, file.size(), true, lines);
-      std::string expected =
-          row.filled > 0 ? std::to_string(media) + " free " + std::to_string(row.filled) + "\n"
-                         : "";
-      expected += std::to_string(media + row.filled) + " moof " + std::to_string(kSize) + "\n";
-      EXPECT_EQ(lines.substr(0, expected.size()), expected) << row.left;
-      EXPECT_EQ((media + row.left) % 4096, 0U);
+  const std::pair<size_t, size_t> rows[] = {{0, 0}, {kSize, 0}, {kSize - 1, kSize - 1},
+                                            {8, 8}, {7, 4103},  {1, 4097}};
+  // Three fragments, of which the first has so much media; says where that ends.
+  const auto write = [&](size_t bytes) {
+    mux = std::make_unique<mp4::muxer>("isom", true, false, 0);
+    file.clear();
+    for (const auto& [at, size] :
+         {std::pair{0ms, bytes}, {200ms, size_t{20}}, {400ms, size_t{20}}}) {
+      add_picture(at, at, size, true);
     }
+    return file.find("mdat", file.find("moof")) + 4 + bytes;
+  };
+  for (const auto& [left, filled] : rows) {
+    const size_t media = write(1000 + 8192 - (write(1000) + left) % 4096);
+    std::string lines;
+    boxes_of(media, file.size(), true, lines);
+    std::string expected =
+        filled > 0 ? std::to_string(media) + " free " + std::to_string(filled) + "\n" : "";
+    expected += std::to_string(media + filled) + " moof " + std::to_string(kSize) + "\n";
+    EXPECT_EQ(lines.substr(0, expected.size()), expected) << left;
+    EXPECT_EQ((media + left) % 4096, 0U);
   }
 }
 
@@ -296,7 +239,7 @@ TEST_F(Mp4Test, PlaysWhereverItWasCutOff) {
 
 TEST_F(Mp4Test, SoundStaysOnItsClock) {
   constexpr int kFrames = 112'500;  // 40 minutes
-  mux.emplace("M4A ", false, true, 0);
+  mux = std::make_unique<mp4::muxer>("M4A ", false, true, 0);
   add_sound(0ms, kFrames);
   complete();
   // One run of equal durations; 4 bytes a frame, and 8 and at most 12 a fragment.
@@ -317,13 +260,13 @@ TEST_F(Mp4Test, LeavesOutATrackThatNeverCame) {
 
 // Two seconds of silence: all of it is there, from its beginning, by whatever decoder.
 TEST_F(Mp4Test, HoldsOpusAsItCame) {
-  mux.emplace("M4A ", false, true, 0);
+  mux = std::make_unique<mp4::muxer>("M4A ", false, true, 0);
   for (int i = 0; i < 100; ++i) {
-    media_sample sample = sample_of(media_kind::kAudio, 20ms * i, 20ms * i, 20ms, 3, true);
+    const media_sample sample =
+        sample_of("audio/x-opus,rate=16000,channels=2", 20ms * i, 20ms, 3, true, 0xff);
     const std::array<uint8_t, 3> packet{0xfc, 0xff, 0xfe};
     gst_buffer_fill(sample.buffer.get(), 0, packet.data(), packet.size());
-    sample.caps.reset(gst_caps_from_string("audio/x-opus,rate=16000,channels=2"));
-    append(mux->add(media_kind::kAudio, sample));
+    add(media_kind::kAudio, sample);
   }
   complete();
   const std::string config("dOps\0\2\0\0\0\0\x3e\x80\0\0\0", 15);
@@ -332,7 +275,6 @@ TEST_F(Mp4Test, HoldsOpusAsItCame) {
   ASSERT_EQ(sound.size(), 100U);
   EXPECT_EQ(sound[0], "0.000000,3,K_");
   EXPECT_EQ(sound[99], "1.980000,3,K_");
-  const std::string path = dir.path() + "/a.mp4";
   for (const char* const decoder : {"opus", "libopus"}) {
     const std::string decoded = output_of(std::string("ffmpeg -v error -c:a ") + decoder + " -i " +
                                           path + " -f s16le - | wc -c");
@@ -342,11 +284,9 @@ TEST_F(Mp4Test, HoldsOpusAsItCame) {
 
 // What Matroska and Matroska alone keeps of AV1: the sequence header is not in the stream.
 TEST_F(Mp4Test, TakesTheSequenceHeaderOfAv1FromBesideTheStream) {
-  mux.emplace("isom", true, false, 0);
-  media_sample sample = sample_of(media_kind::kVideo, 0ms, 0ms, 40ms, 20, true);
-  sample.caps.reset(gst_caps_from_string(
-      "video/x-av1,width=1,height=1,codec_data=(buffer)810500000a061928000000d0"));
-  append(mux->add(media_kind::kVideo, sample));
+  mux = std::make_unique<mp4::muxer>("isom", true, false, 0);
+  add_picture(0ms, 0ms, 20, true,
+              "video/x-av1,width=1,height=1,codec_data=(buffer)810500000a061928000000d0");
   complete();
   const size_t box = file.find("av1C");
   ASSERT_NE(box, std::string::npos);
@@ -376,10 +316,7 @@ TEST(Av1Config, IsFoundBehindEveryOptionalField) {
   const std::string plain = "0000 0000 0 0";       // a picture of one pixel
   const std::string tools = "000 0000 0 1 1 000";  // no order, screen content as it comes
   const std::string point = "0 0 00000 000000000000 00101 ";  // neither timing nor delays, level 5
-  const struct {
-    std::string bits;
-    std::vector<uint8_t> config;
-  } rows[] = {
+  const std::pair<std::string, std::vector<uint8_t>> rows[] = {
       {"000 1 1 00101" + plain + "000 000 0 0 0 0 01", {0x81, 0x05, 0x0d}},
       {"000 1 1 00101" + plain + "000 000 0 1 0 0", {0x81, 0x05, 0x1c}},
       {"001 1 1 00101" + plain + "000 000 0 1 00000001 00001101 00000000", {0x81, 0x25, 0x00}},
@@ -399,15 +336,15 @@ TEST(Av1Config, IsFoundBehindEveryOptionalField) {
            "0001 0000 11 0 0 000 0000 0 1 1 000 1 1 0 1 00001001 00010000 00001001 1 1 1 10",
        {0x81, 0x48, 0xee}},
   };
-  for (const auto& row : rows) {
+  for (const auto& [bits, config] : rows) {
     for (const char* const header : {"\x0a", "\x0e\x28"}) {
-      const std::vector<uint8_t> obu = obu_of(header, row.bits);
-      std::vector<uint8_t> expected = row.config;
+      const std::vector<uint8_t> obu = obu_of(header, bits);
+      std::vector<uint8_t> expected = config;
       expected.push_back(0);
       expected.insert(expected.end(), obu.begin(), obu.end());
       std::vector<uint8_t> unit{0x12, 0};  // a temporal delimiter
       unit.insert(unit.end(), obu.begin(), obu.end());
-      EXPECT_EQ(mp4::av1_config_of(unit), expected) << row.bits;
+      EXPECT_EQ(mp4::av1_config_of(unit), expected) << bits;
       unit.pop_back();
       EXPECT_TRUE(mp4::av1_config_of(unit).empty()) << "cut short";
     }

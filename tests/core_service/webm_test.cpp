@@ -1,15 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The WebM muxer: the same media whatever moment its file was left in.
 #include <chrono>
-#include <fstream>
-#include <optional>
+#include <memory>
+#include <sstream>
 #include <string>
-#include <vector>
 
 #include <gtest/gtest.h>
 
 #include "core_service/media/webm/muxer.h"
-#include "support/recording_test.h"
+#include "support/muxer_test.h"
 
 namespace zelta::test {
 namespace {
@@ -17,76 +16,33 @@ namespace {
 using namespace std::chrono_literals;
 using namespace core_service::media;
 
-constexpr media_time kZero = 100h;  // the clock has been running for a while
 constexpr const char* kVp8 = "video/x-vp8,width=320,height=180";
 constexpr const char* kOpus = "audio/x-opus,rate=16000,channels=2";
 // With 312 samples that a decoder is to leave out.
 constexpr const char* kEncodedOpus =
-    "audio/x-opus,rate=48000,channels=1,streamheader=(buffer)<4f70757348656164010138010080bb000000"
-    "0000>";
+    "audio/"
+    "x-opus,rate=48000,channels=1,streamheader=(buffer)<4f707573486561640101380180bb0000000000"
+    ">";
 
-class WebmTest : public testing::Test {
+class WebmTest : public MuxerTest {
  protected:
-  static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
+  WebmTest() : MuxerTest(std::make_unique<webm::muxer>(true, true), ".webm") {}
 
-  void add(media_kind kind, media_time time, media_time duration, size_t bytes, bool key,
-           const char* caps) {
-    media_sample made;
-    made.buffer.reset(gst_buffer_new_allocate(nullptr, bytes, nullptr));
-    gst_buffer_memset(made.buffer.get(), 0, key ? 0x10 : 0x11, bytes);
-    made.caps.reset(gst_caps_from_string(caps));
-    made.time = made.decode_time = kZero + time;
-    made.duration = duration;
-    made.key = key;
-    append(mux->add(kind, made));
+  void add_picture(media_time time, size_t bytes, bool key, const char* caps = kVp8) {
+    add(media_kind::kVideo, sample_of(caps, time, 0ms, bytes, key, key ? 0x10 : 0x11));
   }
-  void append(const std::vector<buffer_ptr>& more) {
-    for (const buffer_ptr& one : more) {
-      std::string bytes(gst_buffer_get_size(one.get()), '\0');
-      gst_buffer_extract(one.get(), 0, bytes.data(), bytes.size());
-      file += bytes;
-    }
-    if (!more.empty()) ++writes;
+  void add_sound(media_time time, size_t bytes = 60, const char* caps = kOpus) {
+    add(media_kind::kAudio, sample_of(caps, time, 20ms, bytes, true, 0x10));
   }
   // A picture each 40 ms, a key frame each second, and sound of 20 ms, from 300 ms on.
   void add_seconds(int seconds) {
     for (int i = 0; i < 25 * seconds; ++i) {
-      add(media_kind::kVideo, 40ms * i, 0ms, static_cast<size_t>(100 + i % 50), i % 25 == 0, kVp8);
-      for (int half = 0; half < 2; ++half) {
-        const media_time at = 40ms * i + 20ms * half;
-        if (at >= 300ms) add(media_kind::kAudio, at, 20ms, 60, true, kOpus);
+      add_picture(40ms * i, static_cast<size_t>(100 + i % 50), i % 25 == 0);
+      for (const media_time at : {40ms * i, 40ms * i + 20ms}) {
+        if (at >= 300ms) add_sound(at);
       }
     }
   }
-  void complete() {
-    append(mux->finish());
-    const muxer::patch last = mux->completion();
-    file.replace(last.at, last.bytes.size(), std::string(last.bytes.begin(), last.bytes.end()));
-  }
-  std::string probe(const std::string& of, const std::string& what) const {
-    const std::string path = dir.path() + "/a.webm";
-    std::ofstream(path, std::ios::binary) << of;
-    return output_of("ffprobe -v quiet -of csv=p=0 " + what + " " + path);
-  }
-  // "time,size,key" of each packet of the stream.
-  std::vector<std::string> packets(const std::string& stream, const std::string& of) const {
-    return lines_of(
-        probe(of, "-show_entries packet=pts_time,size,flags -select_streams " + stream));
-  }
-  std::string hex(size_t from, size_t count) const {
-    std::string text;
-    for (size_t i = from; i < from + count; ++i) {
-      constexpr const char* kDigits = "0123456789abcdef";
-      const auto value = static_cast<uint8_t>(file[i]);
-      text += {kDigits[value / 16], kDigits[value % 16]};
-    }
-    return text;
-  }
-
-  const TempDir dir;
-  std::optional<webm::muxer> mux{std::in_place, true, true};
-  std::string file;
-  int writes = 0;
 };
 
 TEST_F(WebmTest, HoldsTheSameMediaWhileItGrowsAndCompleted) {
@@ -134,25 +90,24 @@ TEST_F(WebmTest, WaitsForNobodyForLong) {
   add_seconds(2);
   const int before = writes;
   // The picture stops; sound goes out a second later at most.
-  for (int i = 0; i < 100; ++i) add(media_kind::kAudio, 2s + 20ms * i, 20ms, 60, true, kOpus);
+  for (int i = 0; i < 100; ++i) add_sound(2s + 20ms * i);
   EXPECT_GE(writes - before, 4);
-  add(media_kind::kVideo, 5s, 0ms, 100, true, kVp8);
+  add_picture(5s, 100, true);
+  // A long silence of both leaves each in its place.
+  add_picture(70s, 100, true);
+  add_sound(70s);
   complete();
-  EXPECT_EQ(packets("a", file).size(), 85U + 100U);
-  EXPECT_EQ(packets("v", file).back(), "5.000000,100,K_");
-}
-
-TEST_F(WebmTest, LongSilenceOfBothLeavesEachInItsPlace) {
-  add_seconds(1);
-  add(media_kind::kVideo, 70s, 0ms, 100, true, kVp8);
-  add(media_kind::kAudio, 70s, 20ms, 60, true, kOpus);
-  complete();
-  EXPECT_EQ(packets("v", file).back(), "70.000000,100,K_");
-  EXPECT_EQ(packets("a", file).back(), "70.000000,60,K_");
+  const auto pictures = packets("v", file);
+  ASSERT_EQ(pictures.size(), 50U + 2U);
+  EXPECT_EQ(pictures[50], "5.000000,100,K_");
+  EXPECT_EQ(pictures[51], "70.000000,100,K_");
+  const auto sound = packets("a", file);
+  EXPECT_EQ(sound.size(), 85U + 100U + 1U);
+  EXPECT_EQ(sound.back(), "70.000000,60,K_");
 }
 
 TEST_F(WebmTest, LeavesOutATrackThatNeverCame) {
-  for (int i = 0; i < 200; ++i) add(media_kind::kAudio, 20ms * i, 20ms, 60, true, kEncodedOpus);
+  for (int i = 0; i < 200; ++i) add_sound(20ms * i, 60, kEncodedOpus);
   EXPECT_TRUE(file.empty()) << "the head has to describe both tracks";
   complete();
   const auto sound = packets("a", file);
@@ -162,65 +117,54 @@ TEST_F(WebmTest, LeavesOutATrackThatNeverCame) {
   EXPECT_TRUE(packets("v", file).empty());
 }
 
-// RFC 8794 and 9559: what stands at the front and at the end of the head at any time.
-constexpr const char* kHeader =
-    "1a45dfa3010000000000007a42860100000000000008000000000000000142f7010000000000000800000000"
-    "0000000142f20100000000000008000000000000000442f30100000000000008000000000000000842820100"
-    "0000000000047765626d42870100000000000008000000000000000442850100000000000008000000000000"
-    "00021853806701";
-constexpr const char* kTracks =
-    "00000000001654ae6b0100000000000174ae01000000000000a2860100000000000005565f565039e0010000"
-    "0000000046b001000000000000080000000000000140ba010000000000000800000000000000b454b0010000"
-    "000000000800000000000001aa54ba010000000000000800000000000000b4d7010000000000000800000000"
-    "0000000173c50100000000000008000000000000000183010000000000000800000000000000019c01000000"
-    "000000080000000000000000ae01000000000000c0860100000000000006415f4f50555363a2010000000000"
-    "00134f7075734865616401020000803e000000000056aa0100000000000008000000000000000056bb010000"
-    "00000000080000000004c4b400e10100000000000022b5010000000000000840e77000000000009f01000000"
-    "000000080000000000000002d70100000000000008000000000000000273c501000000000000080000000000"
-    "00000283010000000000000800000000000000029c01000000000000080000000000000000";
+// RFC 8794 and 9559, in hexadecimal: an element is its identifier and ":" with the size of what
+// follows or "=" with a number, both of eight bytes; "_" are so many zeros, all else are bytes.
+std::string ebml(const std::string& text) {
+  std::string hex;
+  std::istringstream words(text);
+  for (std::string word; words >> word;) {
+    const size_t at = word.find_first_of(":=_");
+    hex += word.substr(0, at);
+    if (at == std::string::npos) continue;
+    const std::string value = word.substr(at + 1);
+    if (word[at] == '_') hex += std::string(2 * std::stoul(value, nullptr, 16), '0');
+    if (word[at] == ':') hex += "01" + std::string(14 - value.size(), '0') + value;
+    if (word[at] == '=') hex += "0100000000000008" + std::string(16 - value.size(), '0') + value;
+  }
+  return hex;
+}
+
+const std::string kHeader =
+    "1a45dfa3:7a 4286=1 42f7=1 42f2=4 42f3=8 4282:4 7765626d 4287=4 4285=2 18538067";
+const std::string kTracks =
+    " 1654ae6b:174 ae:a2 86:5 565f565039 e0:46 b0=140 ba=b4 54b0=1aa 54ba=b4 d7=1 73c5=1 83=1 9c=0 "
+    "ae:c0 86:6 415f4f505553 63a2:13 4f7075734865616401020000803e0000000000 56aa=0 56bb=4c4b400 "
+    "e1:22 b5:8 40e7700000000000 9f=2 d7=2 73c5=2 83=2 9c=0";
 
 // Every byte of it, while the file grows and in the end.
 TEST_F(WebmTest, ItsHeadSaysWhatIsInIt) {
-  add(media_kind::kVideo, 0ms, 0ms, 10, true,
-      "video/x-vp9,width=320,height=180,pixel-aspect-ratio=4/3");
-  add(media_kind::kAudio, 0ms, 20ms, 3, true, kOpus);
-  add(media_kind::kVideo, 200ms, 0ms, 10, false, kVp8);
-  add(media_kind::kAudio, 200ms, 20ms, 3, true, kOpus);
+  add_picture(0ms, 10, true, "video/x-vp9,width=320,height=180,pixel-aspect-ratio=4/3");
+  add_sound(0ms, 3);
+  add_picture(200ms, 10, false);
+  add_sound(200ms, 3);
   const size_t cluster = file.find("\x1f\x43\xb6\x75");
-  EXPECT_EQ(hex(0, cluster), std::string(kHeader) +
-                                 "ffffffffffffffec0100000000000081000000000000000000000"
-                                 "00000000000000000000000000000000000"
-                                 "00000000000000000000000000000000000000000000000000000"
-                                 "00000000000000000000000000000000000"
-                                 "00000000000000000000000000000000000000000000000000000"
-                                 "00000000000000000000000000000000000"
-                                 "000000000000000000000000001549a96601000000000000432ad"
-                                 "7b1010000000000000800000000000f4240"
-                                 "4d8001000000000000057a656c7461574101000000000000057a6"
-                                 "56c7461ec010000000000000900000000" +
-                                 kTracks);
-  EXPECT_EQ(hex(cluster, file.size() - cluster),
-            "1f43b6750100000000000038e701000000000000080000000000000000a3010000000000000e8100008010"
-            "101010101010101010a3010000000000000782000080101010");
+  EXPECT_EQ(hex(0, cluster), ebml(kHeader +
+                                  " 01ffffffffffffff ec:81 _81 1549a966:43 2ad7b1=f4240 "
+                                  "4d80:5 7a656c7461 5741:5 7a656c7461 ec:9 _9" +
+                                  kTracks));
+  EXPECT_EQ(hex(cluster, file.size()),
+            ebml("1f43b675:38 e7=0 a3:e 8100008010101010101010101010 a3:7 82000080101010"));
   const size_t grown = file.size();
   complete();
-  EXPECT_EQ(hex(0, cluster), std::string(kHeader) +
-                                 "00000000000332114d9b74010000000000007e4dbb01000000000"
-                                 "0002053ab01000000000000041549a96653"
-                                 "ac0100000000000008000000000000008a4dbb010000000000002"
-                                 "053ab01000000000000041654ae6b53ac01"
-                                 "0000000000000800000000000000d94dbb010000000000002053a"
-                                 "b01000000000000041c53bb6b53ac010000"
-                                 "000000000800000000000002e11549a96601000000000000432ad"
-                                 "7b1010000000000000800000000000f4240"
-                                 "4d8001000000000000057a656c7461574101000000000000057a6"
-                                 "56c746144890100000000000008406b80" +
-                                 kTracks);
-  EXPECT_EQ(hex(grown, file.size() - grown),
-            "1f43b6750100000000000038e7010000000000000800000000000000c8a3010000000000000e8100000011"
-            "111111111111111111a30100000000000007820000801010101c53bb6b0100000000000045bb0100000000"
-            "00003cb301000000000000080000000000000000b70100000000000022f701000000000000080000000000"
-            "000001f101000000000000080000000000000259");
+  EXPECT_EQ(hex(0, cluster),
+            ebml(kHeader +
+                 ":332 114d9b74:7e 4dbb:20 53ab:4 1549a966 53ac=8a 4dbb:20 53ab:4 1654ae6b 53ac=d9 "
+                 "4dbb:20 53ab:4 1c53bb6b 53ac=2e1 1549a966:43 2ad7b1=f4240 4d80:5 7a656c7461 "
+                 "5741:5 7a656c7461 4489:8 406b800000000000" +
+                 kTracks));
+  EXPECT_EQ(hex(grown, file.size()),
+            ebml("1f43b675:38 e7=c8 a3:e 8100000011111111111111111111 a3:7 82000080101010 "
+                 "1c53bb6b:45 bb:3c b3=0 b7:22 f7=1 f1=259"));
 }
 
 }  // namespace
