@@ -32,17 +32,17 @@ class FileWriterTest : public ::testing::Test {
     loop.run(false);
     loop.remove_timer(limit);
   }
-  std::function<void(int)> failed() {
-    return [this](int error) {
-      told.push_back(error);
-      loop.stop();
-    };
+  void tell(int error) {
+    told.push_back(error);
+    loop.stop();
+  }
+  // An output to a file of this name, or path.
+  auto open(const std::string& path) {
+    return writer.open(path[0] == '/' ? path : dir.path() + path,
+                       [this](int error) { tell(error); });
   }
   std::function<void()> done() {
-    return [this] {
-      told.push_back(0);
-      loop.stop();
-    };
+    return [this] { tell(0); };
   }
 
   TempDir dir;
@@ -52,8 +52,8 @@ class FileWriterTest : public ::testing::Test {
 };
 
 TEST_F(FileWriterTest, EverythingIsInPlaceWhenItSaysSo) {
-  const auto one = writer.open(dir.path() + "one", failed());
-  const auto other = writer.open(dir.path() + "other", failed());
+  const auto one = open("one");
+  const auto other = open("other");
   std::string letters;
   std::string expected;
   // More parts than a system call takes, among them one that the kernel takes in several.
@@ -79,32 +79,29 @@ TEST_F(FileWriterTest, EverythingIsInPlaceWhenItSaysSo) {
 }
 
 TEST_F(FileWriterTest, WhatFailsIsToldOnceAndNothingFollowsIt) {
-  const struct {
-    std::string path;
-    int error;
-  } rows[] = {{dir.path() + "no/folder", ENOENT}, {dir.path(), EISDIR}, {"/dev/full", ENOSPC}};
-  for (const auto& row : rows) {
+  for (const auto& [path, error] :
+       {std::pair(dir.path() + "no/folder", ENOENT), {dir.path(), EISDIR}, {"/dev/full", ENOSPC}}) {
     told.clear();
-    const auto to = writer.open(row.path, failed());
+    const auto to = open(path);
     to->append(buffers("a", 10));
     to->overwrite(0, {'b'});
     to->close(done());
     run();
     to->append(buffers("c", 10));
     // Behind whatever that could cause.
-    const auto after = writer.open(dir.path() + "after", failed());
+    const auto after = open("after");
     after->close(done());
     run();
-    EXPECT_EQ(told, (std::vector<int>{row.error, 0})) << row.path;
+    EXPECT_EQ(told, (std::vector<int>{error, 0})) << path;
   }
 }
 
 TEST_F(FileWriterTest, OneThatIsGoneSaysNothingAndHoldsUpNobody) {
-  auto gone = writer.open(dir.path() + "gone", failed());
+  auto gone = open("gone");
   gone->append(buffers("a", 10));
   gone->close(done());
   gone.reset();
-  const auto kept = writer.open(dir.path() + "kept", failed());
+  const auto kept = open("kept");
   kept->close(done());
   run();
   EXPECT_EQ(told, std::vector<int>{0});

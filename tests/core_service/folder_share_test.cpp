@@ -8,6 +8,7 @@
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -72,11 +73,8 @@ TEST_F(FolderShareTest, EverySessionHasItsOwnUntilItEnds) {
 TEST_F(FolderShareTest, RelaunchFindsItsOwnAgainWhateverElseIsFree) {
   journal(1, other);
   {
-    const std::vector<folder_share> shares = [this] {
-      std::vector<folder_share> all;
-      for (int i = 0; i < 3; ++i) all.push_back(fresh());
-      return all;
-    }();
+    std::vector<folder_share> shares;
+    for (int i = 0; i < 3; ++i) shares.push_back(fresh());
     EXPECT_EQ(shares[2].journal_name(), "journal_4.json");
   }
   journal(4, me);
@@ -88,11 +86,7 @@ TEST_F(FolderShareTest, RelaunchFindsItsOwnAgainWhateverElseIsFree) {
 }
 
 TEST_F(FolderShareTest, ShareOfASessionThatWaitsForItsRelaunchIsLeftToIt) {
-  const struct {
-    const char* what;
-    std::string session;
-    const char* taken;
-  } rows[] = {
+  const std::tuple<const char*, std::string, const char*> rows[] = {
       {"its engine lives", other, "recording_2.json"},
       {"the same session", me, "recording.json"},
       {"no such process", "4194305@1 0 hall", "recording.json"},
@@ -101,9 +95,9 @@ TEST_F(FolderShareTest, ShareOfASessionThatWaitsForItsRelaunchIsLeftToIt) {
       {"an older journal", "", "recording.json"},
       {"no session", "-1 x", "recording.json"},
   };
-  for (const auto& row : rows) {
-    journal(1, row.session);
-    EXPECT_EQ(fresh().manifest_name(), row.taken) << row.what;
+  for (const auto& [what, session, taken] : rows) {
+    journal(1, session);
+    EXPECT_EQ(fresh().manifest_name(), taken) << what;
   }
 }
 

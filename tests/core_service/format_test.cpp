@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 // What is learnt from encoded units, against what ffmpeg says of the same streams.
 #include <algorithm>
-#include <cstdio>
+#include <map>
+#include <sstream>
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -11,6 +14,7 @@
 #include "core_service/media/format_caps.h"
 #include "core_service/media/format_tracker.h"
 #include "support/counted_new.h"
+#include "support/hex.h"
 #include "support/recording_test.h"
 
 namespace zelta::test {
@@ -20,11 +24,8 @@ using namespace std::chrono_literals;
 using namespace core_service::media;
 
 std::string bytes_of(const std::string& hex) {
-  std::string bytes;
-  for (size_t at = 0; at + 1 < hex.size(); at += 2) {
-    bytes += static_cast<char>(std::stoi(hex.substr(at, 2), nullptr, 16));
-  }
-  return bytes;
+  const byte_list bytes = from_hex(hex);
+  return {bytes.begin(), bytes.end()};
 }
 
 std::string with_length(const std::string& nal) {
@@ -49,9 +50,10 @@ std::string size_of(const format_ptr& format) {
   return std::to_string(format->width) + "x" + std::to_string(format->height);
 }
 
-std::string said(const stream_format& of) {
-  return size_of(std::make_shared<stream_format>(of)) + " " + std::to_string(of.aspect_across) +
-         ":" + std::to_string(of.aspect_down) + " " + std::to_string(of.reordered);
+std::string said(const format_ptr& of) {
+  if (of == nullptr) return "unknown";
+  return size_of(of) + " " + std::to_string(of->aspect_across) + ":" +
+         std::to_string(of->aspect_down) + " " + std::to_string(of->reordered);
 }
 
 // ---- Streams of real encoders --------------------------------------------------------------
@@ -104,38 +106,32 @@ std::string box_of(const std::string& file, const std::string& name) {
   return file.substr(at + 4, size - 8);
 }
 
+// The box of MP4 with a codec's configuration.
+const std::map<std::string, const char*> kBoxes = {
+    {"h264", "avcC"}, {"hevc", "hvcC"}, {"av1", "av1C"}};
+
 struct stream_row {
-  const char* codec;
+  std::string codec;
   const char* encoder;
   const char* filter;  // size, aspect
-  const char* suffix;
-  const char* delimited;
-  const char* box;
   const char* expected;
+
+  bool has_nals() const { return codec == "h264" || codec == "hevc"; }
 };
-constexpr const char* kAud264 = "-bsf:v h264_metadata=aud=insert";
-constexpr const char* kAud265 = "-bsf:v hevc_metadata=aud=insert -tag:v hvc1";
 const stream_row kStreams[] = {
-    {"h264", "libx264 -profile:v baseline", "scale=176x144,setsar=1", "h264", kAud264, "avcC",
-     "176x144 1:1 0"},
-    {"h264", "libx264 -profile:v main -bf 2", "scale=322x182,setsar=4/3", "h264", kAud264, "avcC",
-     "322x182 4:3 2"},
+    {"h264", "libx264 -profile:v baseline", "scale=176x144,setsar=1", "176x144 1:1 0"},
+    {"h264", "libx264 -profile:v main -bf 2", "scale=322x182,setsar=4/3", "322x182 4:3 2"},
     {"h264", "libx264 -profile:v high -bf 1 -flags +ildct+ilme", "scale=324x188,setsar=10/11",
-     "h264", kAud264, "avcC", "324x188 10:11 1"},
-    {"h264", "libx264 -pix_fmt yuv422p10 -bf 0", "scale=322x181,setsar=1", "h264", kAud264, "avcC",
-     "322x181 1:1 0"},
-    {"h264", "libx264 -pix_fmt yuv444p -bf 0", "scale=323x181,setsar=1", "h264", kAud264, "avcC",
-     "323x181 1:1 0"},
-    {"hevc", "libx265 -x265-params log-level=none:bframes=0", "scale=322x182,setsar=4/3", "hevc",
-     kAud265, "hvcC", "322x182 4:3 0"},
+     "324x188 10:11 1"},
+    {"h264", "libx264 -pix_fmt yuv422p10 -bf 0", "scale=322x181,setsar=1", "322x181 1:1 0"},
+    {"h264", "libx264 -pix_fmt yuv444p -bf 0", "scale=323x181,setsar=1", "323x181 1:1 0"},
+    {"hevc", "libx265 -x265-params log-level=none:bframes=0", "scale=322x182,setsar=4/3",
+     "322x182 4:3 0"},
     {"hevc", "libx265 -pix_fmt yuv420p10 -x265-params log-level=none:bframes=3",
-     "scale=176x144,setsar=1", "hevc", kAud265, "hvcC", "176x144 1:1 2"},
-    {"av1", "libaom-av1 -cpu-used 8 -usage realtime", "scale=322x182", "ivf", "", "av1C",
-     "322x182 1:1 0"},
-    {"vp8", "libvpx -cpu-used 8 -deadline realtime", "scale=322x182", "ivf", "", nullptr,
-     "322x182 1:1 0"},
-    {"vp9", "libvpx-vp9 -cpu-used 8 -deadline realtime", "scale=322x182", "ivf", "", nullptr,
-     "322x182 1:1 0"},
+     "scale=176x144,setsar=1", "176x144 1:1 2"},
+    {"av1", "libaom-av1 -cpu-used 8 -usage realtime", "scale=322x182", "322x182 1:1 0"},
+    {"vp8", "libvpx -cpu-used 8 -deadline realtime", "scale=322x182", "322x182 1:1 0"},
+    {"vp9", "libvpx-vp9 -cpu-used 8 -deadline realtime", "scale=322x182", "322x182 1:1 0"},
 };
 
 class FormatTest : public testing::Test {
@@ -143,19 +139,19 @@ class FormatTest : public testing::Test {
   static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
 
   std::string make(const stream_row& row) const {
-    std::string file = dir.path() + "a." + row.suffix;
-    EXPECT_EQ(output_of(std::string("ffmpeg -v error -y -f lavfi -i "
-                                    "testsrc2=size=320x180:rate=25:duration=0.6 -vf ") +
-                        row.filter + " -threads 1 -g 6 -c:v " + row.encoder + " " + row.delimited +
-                        " " + file),
-              "");
+    // NAL units are written without a container, each access unit behind a delimiter.
+    const std::string file = dir.path() + "a." + (row.has_nals() ? row.codec : "ivf");
+    make_media(std::string("testsrc2=size=320x180:rate=25:duration=0.6 -vf ") + row.filter +
+                   " -threads 1 -g 6 -c:v " + row.encoder +
+                   (row.has_nals() ? " -bsf:v " + row.codec + "_metadata=aud=insert" : ""),
+               file);
     return file;
   }
   std::string box_by_ffmpeg(const stream_row& row, const std::string& file) const {
     const std::string mp4 = dir.path() + "a.mp4";
-    const std::string tag = std::string(row.codec) == "hevc" ? " -tag:v hvc1 " : " ";
+    const std::string tag = row.codec == "hevc" ? " -tag:v hvc1 " : " ";
     EXPECT_EQ(output_of("ffmpeg -v fatal -y -i " + file + " -c copy" + tag + mp4), "");
-    return box_of(read_file(mp4), row.box);
+    return box_of(read_file(mp4), kBoxes.at(row.codec));
   }
 
   const TempDir dir;
@@ -164,8 +160,8 @@ class FormatTest : public testing::Test {
 TEST_F(FormatTest, SaysOfRealStreamsWhatFfmpegSays) {
   for (const stream_row& row : kStreams) {
     SCOPED_TRACE(row.encoder);
-    const bool nal = std::string(row.suffix) != "ivf";
-    const bool hevc = std::string(row.codec) == "hevc";
+    const bool hevc = row.codec == "hevc";
+    const bool nal = row.has_nals();
     const std::string file = make(row);
     const std::string stream = read_file(file);
     const auto units = nal ? nal_units(stream, hevc, true) : ivf_units(stream);
@@ -173,16 +169,16 @@ TEST_F(FormatTest, SaysOfRealStreamsWhatFfmpegSays) {
     format_tracker tracker(*find_codec(row.codec));
     const format_ptr format = look(tracker, units[0], true);
     ASSERT_NE(format, nullptr);
-    EXPECT_EQ(said(*format), row.expected);
-    const auto probed = lines_of(output_of(
+    EXPECT_EQ(said(format), row.expected);
+    const auto values = lines_of(output_of(
         "ffprobe -v error -show_entries stream=width,height,sample_aspect_ratio,has_b_frames "
         "-of default=nk=1:nw=1 " +
         file));
-    ASSERT_EQ(probed.size(), 4U);
-    const std::string aspect = nal ? probed[3] : "1:1";
-    EXPECT_EQ(said(*format), probed[0] + "x" + probed[1] + " " + aspect + " " + probed[2]);
+    ASSERT_EQ(values.size(), 4U);
+    const std::string aspect = nal ? values[3] : "1:1";
+    EXPECT_EQ(said(format), values[0] + "x" + values[1] + " " + aspect + " " + values[2]);
     const std::string config(format->config.begin(), format->config.end());
-    EXPECT_EQ(config, row.box != nullptr ? box_by_ffmpeg(row, file) : "");
+    EXPECT_EQ(config, kBoxes.count(row.codec) > 0 ? box_by_ffmpeg(row, file) : "");
     // Each of the key units repeats all.
     std::vector<bool> keys;
     for (const std::string& unit : units) {
@@ -205,7 +201,7 @@ TEST_F(FormatTest, KnowsFromTheDescriptionWhatTheStreamDoesNotRepeat) {
   for (const size_t index : {1U, 6U}) {
     const stream_row& row = kStreams[index];
     SCOPED_TRACE(row.encoder);
-    const bool hevc = index == 6;
+    const bool hevc = row.codec == "hevc";
     const std::string stream = read_file(make(row));
     described_format described;
     for (const std::string& nal : nals_of(stream)) {
@@ -293,10 +289,7 @@ TEST_F(FormatTest, PutsEverySetIntoTheBox) {
 }
 
 TEST_F(FormatTest, TakesNoSequenceThatIsNone) {
-  const struct {
-    const char* sps;
-    const char* said;
-  } rows[] = {
+  const std::pair<const char*, const char*> rows[] = {
       {"67420028d9400400e4", "16384x16 1:1 0"},
       {"67420028d9400401e4", "unknown"},                                      // 16400 across
       {"67420028d94000000301000003001e40", "unknown"},                        // 2^32 + 16 across
@@ -314,22 +307,18 @@ TEST_F(FormatTest, TakesNoSequenceThatIsNone) {
       {"67420028d9", "unknown"},
       {"67", "unknown"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [sps, expected] : rows) {
     format_tracker tracker(*find_codec("h264"));
-    std::string units = row.sps;
+    std::string units = sps;
     units.append(" ").append(kPps).append(kKey);
     const format_ptr format = look(tracker, unit_of(units), true);
-    EXPECT_EQ(format != nullptr ? said(*format) : "unknown", row.said) << row.sps;
+    EXPECT_EQ(said(format), expected) << sps;
   }
 }
 
 TEST_F(FormatTest, ReadsNothingPastTheUnit) {
   const std::string whole = unit_of(kSmall + kPps + kKey);
-  const struct {
-    const char* codec;
-    std::string unit;
-    const char* size;
-  } rows[] = {
+  const std::tuple<const char*, std::string, const char*> rows[] = {
       {"h264", "", "unknown"},
       {"h264", std::string(3, '\0'), "unknown"},
       {"h264", std::string(64, '\0'), "unknown"},
@@ -352,23 +341,18 @@ TEST_F(FormatTest, ReadsNothingPastTheUnit) {
       {"av1", bytes_of("12000800"), "unknown"},
       {"aac", "aac", "unknown"},
   };
-  for (const auto& row : rows) {
-    format_tracker tracker(*find_codec(row.codec));
+  for (const auto& [codec, unit, size] : rows) {
+    format_tracker tracker(*find_codec(codec));
     // In memory of its own size, for the address sanitizer.
-    const std::vector<char> exact(row.unit.begin(), row.unit.end());
-    const format_ptr format =
-        tracker.look(reinterpret_cast<const uint8_t*>(exact.data()), exact.size(), true);
-    EXPECT_EQ(size_of(format), row.size) << row.codec << " " << &row - rows;
+    const byte_list exact(unit.begin(), unit.end());
+    EXPECT_EQ(size_of(tracker.look(exact.data(), exact.size(), true)), size)
+        << codec << " " << to_hex(exact.data(), exact.size());
   }
 }
 
 TEST_F(FormatTest, HasSoundsFromTheDescription) {
-  const struct {
-    const char* codec;
-    int rate;
-    int channels;
-    const char* caps;
-  } rows[] = {
+  // With rate and channels that are described, 0: they aren't.
+  const std::tuple<const char*, int, int, const char*> rows[] = {
       {"opus", 0, 0,
        "audio/x-opus, channel-mapping-family=(int)0, rate=(int)48000, channels=(int)2"},
       {"opus", 16'000, 1,
@@ -376,24 +360,21 @@ TEST_F(FormatTest, HasSoundsFromTheDescription) {
       {"pcmu", 0, 0, "audio/x-mulaw, rate=(int)8000, channels=(int)1"},
       {"pcma", 16'000, 2, "audio/x-alaw, rate=(int)16000, channels=(int)2"},
   };
-  for (const auto& row : rows) {
-    format_tracker tracker(*find_codec(row.codec), {{}, row.rate, row.channels});
+  for (const auto& [codec, rate, channels, expected] : rows) {
+    format_tracker tracker(*find_codec(codec), {{}, rate, channels});
     const format_ptr format = look(tracker, "", true);
     ASSERT_NE(format, nullptr);
     const caps_ptr caps = caps_of(*format);
     gchar* const text = gst_caps_to_string(caps.get());
-    EXPECT_STREQ(text, row.caps);
+    EXPECT_STREQ(text, expected);
     g_free(text);
     EXPECT_TRUE(*format_of(caps.get()) == *format);
   }
 }
 
 TEST_F(FormatTest, TakesFromCapsWhatFilesNeed) {
-  const struct {
-    const char* caps;
-    const char* said;
-    size_t config;
-  } rows[] = {
+  // With the size of its configuration.
+  const std::tuple<const char*, const char*, size_t> rows[] = {
       {"audio/mpeg,mpegversion=4,rate=48000,channels=2,codec_data=(buffer)1190", "0x0 1:1 0", 2},
       {"video/x-vp8,width=320,height=180,pixel-aspect-ratio=0/1", "320x180 1:1 0", 0},
       {"video/x-vp8,width=16385,height=180", "unknown", 0},
@@ -407,11 +388,11 @@ TEST_F(FormatTest, TakesFromCapsWhatFilesNeed) {
       {"video/x-unheard-of,width=320,height=176", "unknown", 0},
       {"video/x-vp8,width=[1,320],height=176", "unknown", 0},
   };
-  for (const auto& row : rows) {
-    const caps_ptr caps(gst_caps_from_string(row.caps));
+  for (const auto& [given, expected, config] : rows) {
+    const caps_ptr caps(gst_caps_from_string(given));
     const format_ptr format = format_of(caps.get());
-    EXPECT_EQ(format != nullptr ? said(*format) : "unknown", row.said) << row.caps;
-    EXPECT_EQ(format != nullptr ? format->config.size() : 0, row.config) << row.caps;
+    EXPECT_EQ(said(format), expected) << given;
+    EXPECT_EQ(format != nullptr ? format->config.size() : 0, config) << given;
   }
 }
 

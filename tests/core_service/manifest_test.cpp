@@ -54,16 +54,8 @@ TEST_F(ManifestTest, SuccessorClosesWhatItsPredecessorWrote) {
   const core_service::missing_medium lost{"video", "dirac", "why"};
   {
     manifest first = of("room");
-    manifest_file file = named("1_x.mp4");
-    file.uid = 1;
-    file.first_utc_ms = 1000;
-    file.last_utc_ms = 3500;
-    file.width = 1920;
-    file.height = 1080;
-    file.kind = "video";
-    file.video_codec = "h264";
-    file.audio_codec = "opus";
-    first.add(file);
+    // Of user 1, 1920x1080, from 1000 to 3500 ms.
+    first.add({"1_x.mp4", "", 1, "video", "h264", "opus", 1920, 1080, 1000, 3500, ""});
     first.at(first.add(manifest_file())).closed = "user left";
     EXPECT_TRUE(first.note_missing(1, lost));
     EXPECT_FALSE(first.note_missing(1, lost)) << "each reason once";

@@ -33,14 +33,8 @@ shared_bytes shared(const bytes& from) {
 }
 
 TEST(OpusPacketTest, TellsConfigChannelsAndDuration) {
-  const struct {
-    bytes packet;
-    opus_mode mode;
-    opus_bandwidth band;
-    bool stereo;
-    int frames;
-    int samples;
-  } rows[] = {
+  // With its frames and their samples.
+  const std::tuple<bytes, opus_mode, opus_bandwidth, bool, int, int> rows[] = {
       {{0x00}, opus_mode::kSilk, opus_bandwidth::kNarrow, false, 1, 480},
       {{0x3c, 1}, opus_mode::kSilk, opus_bandwidth::kMedium, true, 1, 2880},
       {{0x58, 1}, opus_mode::kSilk, opus_bandwidth::kWide, false, 1, 2880},
@@ -51,21 +45,17 @@ TEST(OpusPacketTest, TellsConfigChannelsAndDuration) {
       {{0xd2, 1, 7, 7}, opus_mode::kCelt, opus_bandwidth::kSuperWide, false, 2, 960},
       {{0xff, 0x06, 1, 2, 3, 4, 5, 6}, opus_mode::kCelt, opus_bandwidth::kFull, true, 6, 5760},
   };
-  for (const auto& row : rows) {
-    const auto read = read_opus_packet(row.packet.data(), row.packet.size());
-    ASSERT_TRUE(read) << int{row.packet[0]};
+  for (const auto& [packet, mode, band, stereo, frames, samples] : rows) {
+    const auto read = read_opus_packet(packet.data(), packet.size());
+    ASSERT_TRUE(read) << int{packet[0]};
     EXPECT_EQ(std::tuple(read->mode, read->bandwidth, read->stereo, read->frames, read->samples()),
-              std::tuple(row.mode, row.band, row.stereo, row.frames, row.samples))
-        << int{row.packet[0]};
+              std::tuple(mode, band, stereo, frames, samples))
+        << int{packet[0]};
   }
 }
 
 TEST(OpusPacketTest, KeepsToTheRulesOfValidity) {
-  const struct {
-    const char* rule;
-    bytes packet;
-    bool valid;
-  } rows[] = {
+  const std::tuple<const char*, bytes, bool> rows[] = {
       {"R1", {}, false},
       {"R2, code 0", joined({0xf8}, 1275), true},
       {"R2, code 0, one more", joined({0xf8}, 1276), false},
@@ -97,21 +87,16 @@ TEST(OpusPacketTest, KeepsToTheRulesOfValidity) {
       {"R7 and padding", {0xfb, 0xc2, 1, 1, 9, 0}, true},
       {"R7, length in the padding", {0xfb, 0xc2, 2, 1, 9, 0}, false},
   };
-  for (const auto& row : rows) {
+  for (const auto& [rule, sent, valid] : rows) {
     // Memory of exactly its size, for the sanitizer to see a byte too many.
-    const shared_bytes packet = shared(row.packet);
-    EXPECT_EQ(read_opus_packet(packet.data(), packet.size()).has_value(), row.valid) << row.rule;
+    const shared_bytes packet = shared(sent);
+    EXPECT_EQ(read_opus_packet(packet.data(), packet.size()).has_value(), valid) << rule;
   }
 }
 
 TEST(OpusPacketTest, MakesSilenceLikeThePacketBefore) {
-  const struct {
-    opus_bandwidth band;
-    bool stereo;
-    int64_t steps;
-    uint8_t toc;
-    media_time duration;
-  } rows[] = {
+  // Like what, how many steps are missing, and the packet's first byte and duration.
+  const std::tuple<opus_bandwidth, bool, int64_t, uint8_t, media_time> rows[] = {
       {opus_bandwidth::kFull, false, 8, 0xf8, 20ms},
       {opus_bandwidth::kFull, true, 1000, 0xfc, 20ms},
       {opus_bandwidth::kFull, false, 7, 0xf0, 10ms},
@@ -120,16 +105,16 @@ TEST(OpusPacketTest, MakesSilenceLikeThePacketBefore) {
       {opus_bandwidth::kMedium, false, 8, 0xb8, 20ms},
       {opus_bandwidth::kNarrow, true, 8, 0x9c, 20ms},
   };
-  for (const auto& row : rows) {
+  for (const auto& [band, stereo, steps, toc, duration] : rows) {
     opus_packet like;
-    like.bandwidth = row.band;
-    like.stereo = row.stereo;
-    const opus_silence made = silence_like(like, row.steps);
+    like.bandwidth = band;
+    like.stereo = stereo;
+    const opus_silence made = silence_like(like, steps);
     EXPECT_EQ(bytes(made.bytes.data(), made.bytes.data() + made.bytes.size()),
-              (bytes{row.toc, 0xff, 0xfe}));
-    EXPECT_EQ(made.duration, row.duration);
+              (bytes{toc, 0xff, 0xfe}));
+    EXPECT_EQ(made.duration, duration);
     const auto read = read_opus_packet(made.bytes.data(), made.bytes.size());
-    EXPECT_EQ(read->duration(), row.duration);
+    EXPECT_EQ(read->duration(), duration);
   }
 }
 
@@ -179,11 +164,7 @@ class OpusLineTest : public testing::Test {
 
 // All packets have 20 ms and the line begins at 0.
 TEST_F(OpusLineTest, PlacesPacketsByTheirTimes) {
-  const struct {
-    const char* what;
-    std::vector<media_time> times;
-    const char* heard;
-  } rows[] = {
+  const std::tuple<const char*, std::vector<media_time>, const char*> rows[] = {
       {"in time", {0ms, 20ms, 40ms}, "abc"},
       {"first one late", {18ms, 40ms}, "(100)(50)(25)ab"},
       {"first one mostly before", {-11ms, 9ms}, "(100)b"},
@@ -197,66 +178,59 @@ TEST_F(OpusLineTest, PlacesPacketsByTheirTimes) {
       {"twice the same", {0ms, 20ms, 20ms, 40ms}, "abd"},
       {"a leap and back", {0ms, 80ms, 20ms, 100ms}, "a(200)(200)(200)bd"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [what, times, heard] : rows) {
     renew();
     const auto to = start(0ms);
     char name = 'a';
-    for (const media_time time : row.times) push(time, name++);
-    EXPECT_EQ(to->heard, row.heard) << row.what;
-    EXPECT_EQ(to->begin, kZero) << row.what;
-    EXPECT_EQ(to->end, line->position()) << row.what;
+    for (const media_time time : times) push(time, name++);
+    EXPECT_EQ(to->heard, heard) << what;
+    EXPECT_EQ(to->begin, kZero) << what;
+    EXPECT_EQ(to->end, line->position()) << what;
   }
 }
 
 TEST_F(OpusLineTest, TakesBackAsLittleOfADriftAsIsEnough) {
   // 300 ppm of ten minutes are 180 ms, of which 20 stay, or 30.
-  const struct {
-    double clock;
-    int64_t inserted;
-    media_time inserted_time;
-    int64_t dropped;
-  } rows[] = {{1.0003, 64, 160ms, 0}, {0.9997, 0, 0ms, 8}};
-  for (const auto& row : rows) {
+  // The sender's clock, what is inserted, its time, and what is dropped.
+  const std::tuple<double, int64_t, media_time, int64_t> rows[] = {{1.0003, 64, 160ms, 0},
+                                                                   {0.9997, 0, 0ms, 8}};
+  for (const auto& [clock, inserted, inserted_time, dropped] : rows) {
     renew();
     start(0ms);
     for (int i = 0; i < 30'000; ++i) {
-      push(media_time(static_cast<int64_t>(i * 20e6 * row.clock)), 'a');
+      push(media_time(static_cast<int64_t>(i * 20e6 * clock)), 'a');
     }
     const opus_line::counters& counted = line->counted();
-    EXPECT_EQ(counted.inserted, row.inserted);
-    EXPECT_EQ(counted.inserted_time, row.inserted_time);
-    EXPECT_EQ(counted.dropped, row.dropped);
-    EXPECT_EQ(counted.packets, 30'000 - row.dropped);
+    EXPECT_EQ(counted.inserted, inserted);
+    EXPECT_EQ(counted.inserted_time, inserted_time);
+    EXPECT_EQ(counted.dropped, dropped);
+    EXPECT_EQ(counted.packets, 30'000 - dropped);
     EXPECT_EQ(counted.filled, 0ms);
     EXPECT_EQ(counted.late + counted.invalid, 0);
   }
 }
 
 TEST_F(OpusLineTest, CutsWhereTheLargerPartOfAPacketIs) {
-  const struct {
-    media_time at;
-    const char* before;
-    const char* after;
-  } rows[] = {
+  const std::tuple<media_time, const char*, const char*> rows[] = {
       {1ms, "", "abc(200)(200)d"},       {10ms, "", "abc(200)(200)d"},
       {11ms, "a", "bc(200)(200)d"},      {50ms, "ab", "c(200)(200)d"},
       {71ms, "abc(100)", "(200)(100)d"},  // in silence: to the step
       {99ms, "abc(200)(200)", "d"},      {110ms, "abc(200)(200)", "d"},
       {111ms, "abc(200)(200)d", ""},
   };
-  for (const auto& row : rows) {
+  for (const auto& [at, before, after] : rows) {
     for (const bool goes_on : {true, false}) {
       renew();
       const auto first = start(0ms);
       const auto second = std::make_shared<Sink>();
-      line->cut(kZero + row.at, goes_on ? second : nullptr);
-      EXPECT_EQ(first->ended, row.at == 1ms) << "no packet can belong before it";
+      line->cut(kZero + at, goes_on ? second : nullptr);
+      EXPECT_EQ(first->ended, at == 1ms) << "no packet can belong before it";
       for (const auto& [time, name] :
            {std::pair{0ms, 'a'}, {20ms, 'b'}, {40ms, 'c'}, {100ms, 'd'}}) {
         push(time, name);
       }
-      EXPECT_EQ(first->heard, row.before) << row.at.count();
-      EXPECT_EQ(second->heard, goes_on ? row.after : "") << row.at.count();
+      EXPECT_EQ(first->heard, before) << at.count();
+      EXPECT_EQ(second->heard, goes_on ? after : "") << at.count();
       EXPECT_TRUE(!first->end || !second->begin || *first->end == *second->begin);
       line->fill_to(kZero + 200ms);
       EXPECT_TRUE(first->ended);

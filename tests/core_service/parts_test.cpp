@@ -4,7 +4,6 @@
 #include <array>
 #include <chrono>
 #include <csignal>
-#include <iterator>
 #include <limits>
 #include <memory>
 #include <sstream>
@@ -13,7 +12,6 @@
 #include <utility>
 #include <vector>
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
@@ -73,19 +71,12 @@ class Heard : public media::sound_sink {
   bool ended = false;
 };
 
-struct Push {
-  media::media_time at;
-  int16_t value;
-  size_t frames;
-};
+// When, which samples, and how many.
+using Push = std::tuple<media::media_time, int16_t, size_t>;
 
 TEST(SoundLine, PutsSoundWhereItsTimeSays) {
-  const struct {
-    const char* name;
-    std::vector<Push> pushes;
-    media::media_time end;
-    const char* heard;
-  } rows[] = {
+  // What is pushed, where the line is cut, and what is heard.
+  const std::tuple<const char*, std::vector<Push>, media::media_time, const char*> rows[] = {
       {"contiguous", {{100s, 1, 4800}, {100s + 100ms, 2, 4800}}, 100s + 200ms, "1*4800 2*4800"},
       {"late start", {{100s + 500ms, 1, 480}}, 100s + 510ms, "0*24000 1*480"},
       {"gap", {{100s, 1, 480}, {101s, 2, 480}}, 101s + 10ms, "1*480 0*47520 2*480"},
@@ -95,20 +86,19 @@ TEST(SoundLine, PutsSoundWhereItsTimeSays) {
       {"before the start", {{99s, 1, 480}, {100s, 2, 480}}, 100s + 10ms, "2*480"},
       {"after the end", {{100s, 1, 9600}}, 100s + 100ms, "1*4800"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [name, pushes, end, expected] : rows) {
     media::sound_line line(1, 0s, media::kFrameBlock);
     const auto heard = std::make_shared<Heard>();
     line.start(100s, heard);
-    line.cut(row.end, nullptr);
-    for (const Push& push : row.pushes) {
-      const std::vector<int16_t> samples(push.frames, push.value);
-      line.push(push.at, samples.data(), samples.size());
+    line.cut(end, nullptr);
+    for (const auto& [at, value, frames] : pushes) {
+      line.push(at, std::vector<int16_t>(frames, value).data(), frames);
     }
-    line.fill_to(row.end);
-    EXPECT_EQ(heard->text(), row.heard) << row.name;
-    EXPECT_TRUE(heard->ended) << row.name;
-    EXPECT_TRUE(heard->jumps.empty()) << row.name;
-    EXPECT_EQ(heard->first, media::media_time(100s)) << row.name;
+    line.fill_to(end);
+    EXPECT_EQ(heard->text(), expected) << name;
+    EXPECT_TRUE(heard->ended) << name;
+    EXPECT_TRUE(heard->jumps.empty()) << name;
+    EXPECT_EQ(heard->first, media::media_time(100s)) << name;
   }
 }
 
@@ -217,11 +207,8 @@ TEST(SrtpKey, HasTheLengthThatItsModeWants) {
   const std::string bytes28 = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGw==";
   const std::string bytes30 = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwd";
   const std::string bytes44 = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8gISIjJCUmJygpKis=";
-  const struct {
-    const char* mode;
-    std::string secret;
-    const char* error;  // empty: it is taken
-  } rows[] = {
+  // Where there is no error, the secret is taken.
+  const std::tuple<const char*, std::string, const char*> rows[] = {
       {"aes-128-cm-sha1-80", bytes30, ""},
       {"aes-128-gcm", bytes28, ""},
       {"aes-256-gcm", bytes44, ""},
@@ -231,11 +218,11 @@ TEST(SrtpKey, HasTheLengthThatItsModeWants) {
       {"xor", bytes28, "--encrypt_mode \"xor\" should be aes-128-cm-sha1-80, aes-128-gcm"},
   };
   std::vector<rtp::cipher> modes;
-  for (const auto& row : rows) {
+  for (const auto& [mode, secret, says] : rows) {
     std::string error;
-    const auto key = rtp::parse_key(row.mode, row.secret, error);
-    EXPECT_EQ(key.has_value(), row.error[0] == '\0') << row.mode << " " << row.secret;
-    EXPECT_NE(error.find(row.error), std::string::npos) << error;
+    const auto key = rtp::parse_key(mode, secret, error);
+    EXPECT_EQ(key.has_value(), says[0] == '\0') << mode << " " << secret;
+    EXPECT_NE(error.find(says), std::string::npos) << error;
     EXPECT_EQ(error.find(bytes28), std::string::npos) << "a secret stands in no message";
     if (key) modes.push_back(key->mode);
   }
@@ -255,11 +242,8 @@ struct description {
 };
 
 TEST(SessionDescription, TellsWhatCanBeReceived) {
-  const struct {
-    std::string text;
-    size_t streams;
-    const char* says;  // in the error or a warning
-  } rows[] = {
+  // How many streams, and what is said in the error or a warning.
+  const std::tuple<std::string, size_t, const char*> rows[] = {
       {kHead + "m=audio 5006 RTP/AVP 0\n", 1, ""},
       {kHead + "m=audio 5006 RTP/AVP 97\na=rtpmap:97 opus/48000/2\nm=video 5004 RTP/AVP 96\n"
                "a=rtpmap:96 VP8/90000\n",
@@ -276,13 +260,13 @@ TEST(SessionDescription, TellsWhatCanBeReceived) {
       {kHead + "a=" + std::string(70'000, 'x') + "\nm=audio 5006 RTP/AVP 0\n", 0, "64 KiB"},
       {"", 0, ""},
   };
-  for (const auto& row : rows) {
-    const description got(row.text);
-    EXPECT_EQ(got.streams.size(), row.streams) << row.text;
-    EXPECT_EQ(got.error.empty(), row.streams > 0) << row.text;
+  for (const auto& [text, streams, says] : rows) {
+    const description got(text);
+    EXPECT_EQ(got.streams.size(), streams) << text;
+    EXPECT_EQ(got.error.empty(), streams > 0) << text;
     std::string said = got.error;
     for (const auto& one : got.left_out) said += "; " + one.medium + ": " + one.reason;
-    EXPECT_NE(said.find(row.says), std::string::npos) << said;
+    EXPECT_NE(said.find(says), std::string::npos) << said;
   }
   EXPECT_EQ(rtp::answer_with_ports(
                 "m=audio 9 RTP/AVP 0\nm=video 5 RTP/AVP 1\nm=video 9 RTP/AVP 2\n", {100, 102}),
@@ -322,11 +306,8 @@ TEST(SessionDescription, SaysWhereAndHow) {
 // ---- What the application says -------------------------------------------------------------
 
 TEST(Parameters, AreTakenOrNamedInAWarning) {
-  const struct {
-    const char* text;
-    int capture;  // -1: not set
-    const char* warning;
-  } rows[] = {
+  // What capture_interval becomes, -1: not set, and a warning.
+  const std::tuple<const char*, int, const char*> rows[] = {
       {R"({"capture_interval": 7})", 7, ""},
       {R"({"capture_interval": 0})", -1, "parameter capture_interval should be a whole number"},
       {R"({"capture_interval": "7"})", -1, "should be a whole number from 1"},
@@ -335,13 +316,13 @@ TEST(Parameters, AreTakenOrNamedInAWarning) {
       {"", -1, "should be a JSON object"},
       {"{", -1, "should be a JSON object"},
   };
-  for (const auto& row : rows) {
+  for (const auto& [text, capture, told] : rows) {
     std::vector<std::string> warnings;
-    const parameters got = parse_parameters(row.text, warnings);
-    EXPECT_EQ(got.capture_interval.value_or(-1), row.capture) << row.text;
+    const parameters got = parse_parameters(text, warnings);
+    EXPECT_EQ(got.capture_interval.value_or(-1), capture) << text;
     const std::string warning = warnings.empty() ? "" : warnings[0];
-    EXPECT_NE(warning.find(row.warning), std::string::npos) << warning;
-    EXPECT_EQ(warning.empty(), row.warning[0] == '\0') << row.text;
+    EXPECT_NE(warning.find(told), std::string::npos) << warning;
+    EXPECT_EQ(warning.empty(), told[0] == '\0') << text;
   }
 }
 
@@ -414,26 +395,22 @@ TEST(Journal, EachCrashLeavesOutMoreUntilNothingIsLeftThatCouldCrash) {
 TEST(CrashNote, NamesTheThreadsUserAndTheSignalEndsTheProcess) {
   const TempDir dir;
   const std::string path = dir.path() + "note";
-  const struct {
-    uint32_t marked;
-    int signal;
-    const char* note;
-  } rows[] = {
-      {4294967295U, SIGSEGV, "4294967295 2\n"}, {7, SIGABRT, "7 2\n"}, {0, SIGFPE, "9 0\n"}};
-  for (const auto& row : rows) {
+  for (const auto& [marked, signal, note] : {std::tuple(4294967295U, SIGSEGV, "4294967295 2\n"),
+                                             {7U, SIGABRT, "7 2\n"},
+                                             {0U, SIGFPE, "9 0\n"}}) {
     EXPECT_EXIT(
         {
           watch_crashes(path);
           mark_thread(9, crash_stage::kDecoding);
-          row.marked != 0 ? mark_thread(row.marked, crash_stage::kDecoding) : unmark_thread();
-          std::raise(row.signal);
+          marked != 0 ? mark_thread(marked, crash_stage::kDecoding) : unmark_thread();
+          std::raise(signal);
         },
-        [&row](int status) {
-          return WIFSIGNALED(status) ? WTERMSIG(status) == row.signal : WEXITSTATUS(status) != 0;
+        [raised = signal](int status) {
+          return WIFSIGNALED(status) ? WTERMSIG(status) == raised : WEXITSTATUS(status) != 0;
         },
         "");
-    EXPECT_EQ(read_file(path), row.note);
-    EXPECT_EQ(take_crash_note(path)->uid, row.marked != 0 ? row.marked : 9);
+    EXPECT_EQ(read_file(path), note);
+    EXPECT_EQ(take_crash_note(path)->uid, marked != 0 ? marked : 9);
     EXPECT_FALSE(take_crash_note(path)) << "it is removed";
   }
   for (const char* broken : {"", "x 2", "-1 2", "4294967296 2", "7", "7 3", "7 -1"}) {
@@ -441,35 +418,24 @@ TEST(CrashNote, NamesTheThreadsUserAndTheSignalEndsTheProcess) {
   }
 }
 
-std::string text_of(const recording_plan& plan) {
+std::string text_of(const recording_plan& of) {
+  const auto flag = [](bool set, char name) { return set ? name : '-'; };
   std::ostringstream text;
-  const auto flags = [&text](std::initializer_list<std::pair<bool, const char*>> names) {
-    for (const auto& [set, name] : names) text << (set ? name : "-");
-  };
-  flags({{plan.take_sound, "s"},
-         {plan.take_video, "v"},
-         {plan.record_sound, "S"},
-         {plan.record_video, "V"}});
-  text << " " << static_cast<int>(plan.sound_out) << static_cast<int>(plan.video_out) << " ";
-  flags({{plan.jpg_packets, "j"}, {plan.jpg_files, "J"}});
-  text << plan.jpg_interval.count() / 1'000'000'000 << "s mix ";
-  flags({{plan.mix_sound, "S"},
-         {plan.mix_video, "V"},
-         {plan.mix_apart, "a"},
-         {plan.mix_high_profile, "h"}});
-  text << " " << plan.mix_width << "," << plan.mix_height << "," << plan.mix_fps << ","
-       << plan.mix_kbps << " " << plan.channels << "x" << plan.sound_bits_per_second << " "
-       << plan.chunk.count() / 1'000'000'000 << "s " << plan.longest_gap.count() / 1'000'000
-       << "ms " << plan.avsync_type;
+  text << flag(of.take_sound, 's') << flag(of.take_video, 'v') << flag(of.record_sound, 'S')
+       << flag(of.record_video, 'V') << " " << static_cast<int>(of.sound_out)
+       << static_cast<int>(of.video_out) << " " << flag(of.jpg_packets, 'j')
+       << flag(of.jpg_files, 'J') << of.jpg_interval / 1s << "s mix " << flag(of.mix_sound, 'S')
+       << flag(of.mix_video, 'V') << flag(of.mix_apart, 'a') << flag(of.mix_high_profile, 'h')
+       << " " << of.mix_width << "," << of.mix_height << "," << of.mix_fps << "," << of.mix_kbps
+       << " " << of.channels << "x" << of.sound_bits_per_second << " " << of.chunk / 1s << "s "
+       << of.longest_gap / 1ms << "ms " << of.avsync_type;
   return text.str();
 }
 
-// Reads a line of words, of which '' is an empty one.
 parsed_options parse(option_parser& with, const std::string& line) {
-  std::istringstream stream(line);
-  const std::vector<std::string> words{std::istream_iterator<std::string>(stream), {}};
+  const std::vector<std::string> words = words_of(line);
   std::vector<const char*> argv;
-  for (const std::string& word : words) argv.push_back(word == "''" ? "" : word.c_str());
+  for (const std::string& word : words) argv.push_back(word.c_str());
   return with.parse(static_cast<int>(argv.size()), argv.data());
 }
 
@@ -605,27 +571,24 @@ TEST(TakeSample, PlacesTheBufferAndSaysWhetherItIsAKey) {
     const media::sample_ptr from(gst_sample_new(buffer.get(), caps.get(), &segment, nullptr));
     return media::take_sample(from.get(), pipeline.get(), sample);
   };
-  const struct {
-    media::buffer_times given;
-    bool key;
-    media::media_time time;
-    media::media_time decode;
-    media::media_time duration;
-  } rows[] = {
-      {{GST_SECOND, GST_CLOCK_TIME_NONE, GST_CLOCK_TIME_NONE}, true, 6s, 6s, 0s},
-      {{GST_CLOCK_TIME_NONE, GST_SECOND, GST_MSECOND}, false, 6s, 6s, 1ms},
-      {{2 * GST_SECOND, GST_SECOND, 7}, false, 7s, 6s, 7ns},
-  };
+  // Time, decoding time and duration of the sample.
+  const std::tuple<media::buffer_times, bool, media::media_time, media::media_time,
+                   media::media_time>
+      rows[] = {
+          {{GST_SECOND, GST_CLOCK_TIME_NONE, GST_CLOCK_TIME_NONE}, true, 6s, 6s, 0s},
+          {{GST_CLOCK_TIME_NONE, GST_SECOND, GST_MSECOND}, false, 6s, 6s, 1ms},
+          {{2 * GST_SECOND, GST_SECOND, 7}, false, 7s, 6s, 7ns},
+      };
   media::media_sample sample;
-  for (const auto& row : rows) {
+  for (const auto& [given, key, time, decode, duration] : rows) {
     const media::buffer_ptr buffer(gst_buffer_new());
-    set_times(buffer.get(), row.given);
-    media::set_key(buffer.get(), row.key);
-    EXPECT_EQ(GST_BUFFER_FLAG_IS_SET(buffer.get(), GST_BUFFER_FLAG_DELTA_UNIT), !row.key);
+    set_times(buffer.get(), given);
+    media::set_key(buffer.get(), key);
+    EXPECT_EQ(GST_BUFFER_FLAG_IS_SET(buffer.get(), GST_BUFFER_FLAG_DELTA_UNIT), !key);
     ASSERT_TRUE(taken(buffer, sample));
     EXPECT_EQ(std::tuple(sample.time, sample.decode_time, sample.duration, sample.key),
-              std::tuple(row.time, row.decode, row.duration, row.key))
-        << row.time.count();
+              std::tuple(time, decode, duration, key))
+        << time.count();
   }
   EXPECT_FALSE(taken(media::buffer_ptr(gst_buffer_new()), sample)) << "it has no time";
 }

@@ -3,9 +3,9 @@
 // every decoder takes.
 #include <atomic>
 #include <cstring>
-#include <mutex>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -121,23 +121,20 @@ struct picture_counter : consumer {
 };
 
 TEST_F(PictureMemoryTest, EveryDecoderMakesItsPicturesThere) {
-  const struct {
-    const char* format;
-    const char* encoder;
-  } rows[] = {
+  const std::pair<const char*, const char*> rows[] = {
       {"I420", "x264enc tune=zerolatency speed-preset=ultrafast"},
       // The pictures are then the converter's.
       {"Y42B", "x264enc tune=zerolatency speed-preset=ultrafast"},
       {"I420", "vp8enc deadline=1"},
       {"I420", "vp9enc deadline=1 cpu-used=8"},
   };
-  for (const auto& row : rows) {
-    const std::string what = std::string(row.format) + " " + row.encoder;
+  for (const auto& [format, encoder] : rows) {
+    const std::string what = std::string(format) + " " + encoder;
     std::string error;
     user_media from;
     from.source = make_bin(
         std::string("videotestsrc num-buffers=8 ! video/x-raw,width=640,height=360,format=") +
-            row.format + " ! " + row.encoder,
+            format + " ! " + encoder,
         error);
     ASSERT_TRUE(from.source) << error;
     from.complete = true;

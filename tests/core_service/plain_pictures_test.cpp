@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // Whatever a decoder puts out, what is composed and delivered of it is plain.
+#include <tuple>
+
 #include <gst/video/video.h>
 #include <gtest/gtest.h>
 
@@ -12,11 +14,7 @@ namespace {
 // Beside a canvas, as in a mix.
 TEST(PlainPictures, AreProgressiveSquareAndComposable) {
   gst_init(nullptr, nullptr);
-  const struct {
-    const char* sent;
-    int width;
-    int height;
-  } rows[] = {
+  const std::tuple<const char*, int, int> rows[] = {
       {"format=I420,width=64,height=48", 64, 48},
       {"format=I420,width=64,height=48,interlace-mode=interleaved,field-order=top-field-first", 64,
        48},
@@ -30,11 +28,11 @@ TEST(PlainPictures, AreProgressiveSquareAndComposable) {
       {"format=I420,width=16,height=16000", 8, 8192},
       {"format=I420,width=4096,height=16,pixel-aspect-ratio=100/1", 4096, 1},
   };
-  for (const auto& row : rows) {
-    SCOPED_TRACE(row.sent);
+  for (const auto& [sent, width, height] : rows) {
+    SCOPED_TRACE(sent);
     std::string error;
     const element_ptr pipeline = make_pipeline(
-        std::string("videotestsrc num-buffers=3 ! video/x-raw,framerate=25/1,") + row.sent + " ! " +
+        std::string("videotestsrc num-buffers=3 ! video/x-raw,framerate=25/1,") + sent + " ! " +
             plain_pictures() +
             " ! tee name=t ! queue ! appsink name=out sync=false t. ! queue ! aspectratiocrop "
             "aspect-ratio=16/9 ! c.sink_1 videotestsrc num-buffers=3 ! "
@@ -53,8 +51,8 @@ TEST(PlainPictures, AreProgressiveSquareAndComposable) {
       EXPECT_EQ(info.finfo->format, GST_VIDEO_FORMAT_I420);
       EXPECT_EQ(info.interlace_mode, GST_VIDEO_INTERLACE_MODE_PROGRESSIVE);
       EXPECT_EQ(info.par_n, info.par_d);
-      EXPECT_EQ(info.width, row.width);
-      EXPECT_EQ(info.height, row.height);
+      EXPECT_EQ(info.width, width);
+      EXPECT_EQ(info.height, height);
     }
     gst_element_set_state(pipeline.get(), GST_STATE_NULL);
   }

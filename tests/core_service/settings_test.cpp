@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 // The settings of a machine's recorders: what is told of a file that can't be used, and whether the
 // schema that is given to people describes what is taken.
-#include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -18,13 +18,14 @@ namespace {
 using namespace core_service;
 using lines = std::vector<std::string>;
 
-constexpr const char* kExample = "; it should hold a JSON object such as {\"most_users\": 50}";
+void expect_errors(const std::string& text, lines errors) {
+  for (std::string& error : errors) error.insert(0, "a/s.json: ");
+  EXPECT_EQ(parse_settings("a/s.json", text).errors, errors) << text.substr(0, 99);
+}
 
 TEST(Settings, AreTakenAsTheyAreWritten) {
-  const struct {
-    const char* text;
-    std::vector<int> values;  // most_users, ports.from, ports.to
-  } rows[] = {
+  // With most_users, ports.from, ports.to.
+  const std::pair<const char*, std::vector<int>> rows[] = {
       {"{}", {0, 0, 0}},
       {R"({"ports": {}})", {0, 0, 0}},
       {R"({"most_users": 1})", {1, 0, 0}},
@@ -34,23 +35,19 @@ TEST(Settings, AreTakenAsTheyAreWritten) {
       {R"({"ports": {"to": 1025.0}})", {0, 0, 1025}},
       {R"({"ports": {"to": 50003, "from": 50001}})", {0, 50001, 50003}},
   };
-  for (const auto& row : rows) {
-    const loaded_settings read = parse_settings("s", row.text);
-    EXPECT_EQ(read.errors, lines()) << row.text;
+  for (const auto& [text, values] : rows) {
+    const loaded_settings read = parse_settings("s", text);
+    EXPECT_EQ(read.errors, lines()) << text;
     const recorder_settings& is = read.values;
-    EXPECT_EQ((std::vector<int>{is.most_users, is.first_port, is.last_port}), row.values)
-        << row.text;
+    EXPECT_EQ((std::vector<int>{is.most_users, is.first_port, is.last_port}), values) << text;
   }
 }
 
 TEST(Settings, AreRefusedWithEveryErrorInWords) {
   const std::string users = " should be a whole number of 1 to 100000";
   const std::string from = " should be a whole number of 1024 to 65534";
-  const std::string one_object = R"({"most_users": )";
-  const struct {
-    std::string text;
-    lines errors;
-  } rows[] = {
+  const std::string unknown = ": no such setting; most_users, ports, sound are";
+  const std::pair<std::string, lines> rows[] = {
       {R"({"ports": {"from": 80}})", {"ports.from: 80" + from}},
       {R"({"ports": {"from": 65535}})", {"ports.from: 65535" + from}},
       {R"({"ports": {"to": 1024}})", {"ports.to: 1024 should be a whole number of 1025 to 65535"}},
@@ -62,56 +59,44 @@ TEST(Settings, AreRefusedWithEveryErrorInWords) {
         "50001, on and the one above it"}},
       {R"({"ports": [1, {"a": null}]})",
        {"ports: [1,{\"a\":null}] should be an object with from, to"}},
-      {R"({"soud": "aac"})", {"soud: no such setting; most_users, ports, sound are"}},
+      {R"({"soud": "aac"})", {"soud" + unknown}},
       {R"({"ports": {"form": 1}})", {"ports.form: no such setting; from, to are"}},
-      {R"({"ports.from": 2000})",
-       {R"("ports.from": no such setting; most_users, ports, sound are)"}},
-      {R"({"": 1, "most_users\u0000": 1})",
-       {R"("": no such setting; most_users, ports, sound are)",
-        R"("most_users\u0000": no such setting; most_users, ports, sound are)"}},
-      {"{\"\xff\x1b[2J\xc3\xbc\": 1}",
-       {R"("\ufffd\u001b[2J\u00fc": no such setting; most_users, ports, sound are)"}},
+      {R"({"ports.from": 2000})", {"\"ports.from\"" + unknown}},
+      {R"({"": 1, "most_users\u0000": 1})", {"\"\"" + unknown, R"("most_users\u0000")" + unknown}},
+      {"{\"\xff\x1b[2J\xc3\xbc\": 1}", {R"("\ufffd\u001b[2J\u00fc")" + unknown}},
       {R"({"x": 1, "most_users": true, "ports": {"to": "9", "from": 1.5}})",
        {"most_users: true" + users, "ports.from: 1.5" + from,
-        "ports.to: \"9\" should be a whole number of 1025 to 65535",
-        "x: no such setting; most_users, ports, sound are"}},
-      {one_object + "0}", {"most_users: 0" + users}},
-      {one_object + "100001}", {"most_users: 100001" + users}},
-      {one_object + "-1}", {"most_users: -1" + users}},
-      {one_object + "null}", {"most_users: null" + users}},
-      {one_object + "4294967297}", {"most_users: 4294967297" + users}},
-      {one_object + "1e300}", {"most_users: 1e300" + users}},
-      {one_object + std::string(90, '9') + "}",
+        "ports.to: \"9\" should be a whole number of 1025 to 65535", "x" + unknown}},
+      {R"({"most_users": )" + std::string(90, '9') + "}",
        {"most_users: " + std::string(80, '9') + "..." + users}},
-      {one_object + "01}", {"most_users: 01 is no number of JSON; it" + users}},
-      {one_object + "+1}", {"most_users: +1 is no number of JSON; it" + users}},
-      {one_object + "1.}", {"most_users: 1. is no number of JSON; it" + users}},
-      {one_object + "-}", {"most_users: - is no number of JSON; it" + users}},
-      {one_object + "1, \"most_users\": 2}",
-       {std::string("Line 1, Column 19: Duplicate key: 'most_users'") + kExample}},
-      {one_object + "1,}",
-       {std::string("Line 1, Column 18: Missing '}' or object member name") + kExample}},
-      {"\n{} // 1",
-       {std::string("Line 2, Column 4: Extra non-whitespace after JSON value.") + kExample}},
-      {"",
-       {std::string("Line 1, Column 1: Syntax error: value, object or array expected.") +
-        kExample}},
-      {"\xef\xbb\xbf{}",
-       {std::string("Line 1, Column 1: Syntax error: value, object or array expected.") +
-        kExample}},
-      {"[1]", {std::string("[1] is no object") + kExample}},
-      // Of 16 levels what is in them is looked at, of 17 nothing is.
-      {std::string(16, '[') + std::string(16, ']'),
-       {std::string(16, '[') + std::string(16, ']') + " is no object" + kExample}},
-      {std::string(17, '[') + std::string(17, ']'),
-       {std::string("can't be read: Exceeded stackLimit in readValue().") + kExample}},
-      {std::string(100'000, '['),
-       {std::string("can't be read: Exceeded stackLimit in readValue().") + kExample}},
   };
-  for (const auto& row : rows) {
-    lines errors;
-    for (const std::string& error : row.errors) errors.push_back("a/s.json: " + error);
-    EXPECT_EQ(parse_settings("a/s.json", row.text).errors, errors) << row.text.substr(0, 99);
+  for (const auto& [text, errors] : rows) expect_errors(text, errors);
+  for (const std::string number : {"0", "100001", "-1", "null", "4294967297", "1e300"}) {
+    expect_errors("{\"most_users\": " + number + "}", {"most_users: " + number + users});
+  }
+  for (const std::string none : {"01", "+1", "1.", "-"}) {
+    expect_errors("{\"most_users\": " + none + "}",
+                  {"most_users: " + none + " is no number of JSON; it" + users});
+  }
+}
+
+TEST(Settings, AreRefusedWithAnExampleWhereTheyAreNoObject) {
+  // Of 16 levels what is in them is looked at, of 17 nothing is.
+  const std::string deep = std::string(16, '[') + std::string(16, ']');
+  const std::string too_deep = "can't be read: Exceeded stackLimit in readValue().";
+  const std::pair<std::string, std::string> rows[] = {
+      {R"({"most_users": 1, "most_users": 2})", "Line 1, Column 19: Duplicate key: 'most_users'"},
+      {R"({"most_users": 1,})", "Line 1, Column 18: Missing '}' or object member name"},
+      {"\n{} // 1", "Line 2, Column 4: Extra non-whitespace after JSON value."},
+      {"", "Line 1, Column 1: Syntax error: value, object or array expected."},
+      {"\xef\xbb\xbf{}", "Line 1, Column 1: Syntax error: value, object or array expected."},
+      {"[1]", "[1] is no object"},
+      {deep, deep + " is no object"},
+      {"[" + deep + "]", too_deep},
+      {std::string(100'000, '['), too_deep},
+  };
+  for (const auto& [text, error] : rows) {
+    expect_errors(text, {error + "; it should hold a JSON object such as {\"most_users\": 50}"});
   }
 }
 
@@ -139,10 +124,7 @@ TEST(Settings, ComeFromAPlainFileOfBoundedLength) {
   const std::string fifo = dir.path() + "fifo";
   ASSERT_EQ(mkfifo(fifo.c_str(), 0600), 0);
   const std::string mebibyte = "{}" + std::string((1 << 20) - 2, ' ');
-  const struct {
-    std::string path;
-    const char* error;
-  } rows[] = {
+  const std::pair<std::string, const char*> rows[] = {
       {dir.file("full", mebibyte), ""},
       {dir.file("long", mebibyte + " "), "should have 1 MiB at most"},
       {dir.path() + "none", "can't be read: No such file or directory"},
@@ -152,10 +134,10 @@ TEST(Settings, ComeFromAPlainFileOfBoundedLength) {
       {"/dev/zero", "should be a plain file"},
       {"/proc/self/mem", "can't be read: Input/output error"},
   };
-  for (const auto& row : rows) {
-    const lines expected = *row.error == '\0' ? lines() : lines{row.path + ": " + row.error};
-    EXPECT_EQ(load_settings(row.path).errors, expected);
-    setenv("ZELTA_RECORDER_SETTINGS", row.path.c_str(), 1);
+  for (const auto& [path, error] : rows) {
+    const lines expected = *error == '\0' ? lines() : lines{path + ": " + error};
+    EXPECT_EQ(load_settings(path).errors, expected);
+    setenv("ZELTA_RECORDER_SETTINGS", path.c_str(), 1);
     EXPECT_EQ(load_settings_of_environment().errors, expected);
   }
   setenv("ZELTA_RECORDER_SETTINGS", "", 1);
@@ -166,26 +148,21 @@ TEST(Settings, ComeFromAPlainFileOfBoundedLength) {
 
 // ---- The schema ----------------------------------------------------------------------------
 
-class SettingsSchema : public ::testing::Test {
- protected:
-  // The keys of all settings, in the form of the table's.
-  void expect_object(const Json::Value& schema, const std::string& prefix) {
-    EXPECT_EQ(schema["additionalProperties"], Json::Value(false)) << prefix;
-    EXPECT_FALSE(schema.isMember("required")) << prefix;
-    for (const std::string& name : schema["properties"].getMemberNames()) {
-      const Json::Value& inner = schema["properties"][name];
-      EXPECT_FALSE(inner["description"].asString().empty()) << prefix << name;
-      if (inner["type"] == "object") {
-        expect_object(inner, prefix + name + ".");
-      } else {
-        described_[prefix + name] = inner;
-        described_[prefix + name].removeMember("description");
-      }
+// Adds the keys of all settings, in the form of the table's.
+void describe(const Json::Value& schema, const std::string& prefix, Json::Value& described) {
+  EXPECT_EQ(schema["additionalProperties"], Json::Value(false)) << prefix;
+  EXPECT_FALSE(schema.isMember("required")) << prefix;
+  for (const std::string& name : schema["properties"].getMemberNames()) {
+    const Json::Value& inner = schema["properties"][name];
+    EXPECT_FALSE(inner["description"].asString().empty()) << prefix << name;
+    if (inner["type"] == "object") {
+      describe(inner, prefix + name + ".", described);
+    } else {
+      described[prefix + name] = inner;
+      described[prefix + name].removeMember("description");
     }
   }
-
-  Json::Value described_;
-};
+}
 
 Json::Value schema_of(const setting& row) {
   Json::Value schema;
@@ -205,7 +182,7 @@ Json::Value schema_of(const setting& row) {
   return schema;
 }
 
-TEST_F(SettingsSchema, DescribesWhatIsTaken) {
+TEST(SettingsSchema, DescribesWhatIsTaken) {
   const std::string path = SCHEMA_FILE;
   Json::Value schema;
   std::string error;
@@ -214,10 +191,11 @@ TEST_F(SettingsSchema, DescribesWhatIsTaken) {
       << path << error;
   EXPECT_EQ(schema["$schema"], "https://json-schema.org/draft/2020-12/schema");
   EXPECT_EQ(schema["type"], "object");
-  expect_object(schema, "");
+  Json::Value described;
+  describe(schema, "", described);
   Json::Value taken;
   for (const setting& row : known_settings()) taken[row.key] = schema_of(row);
-  EXPECT_EQ(described_, taken);
+  EXPECT_EQ(described, taken);
 }
 
 }  // namespace

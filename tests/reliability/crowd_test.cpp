@@ -1,10 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a crowd sends, byte by byte, and what is counted of it: the judgement of recordings rests on
 // it.
-#include <algorithm>
-#include <ios>
-#include <ostream>
+#include <array>
+#include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,58 +12,51 @@
 #include "crowd/channel.h"
 #include "crowd/media.h"
 #include "crowd/stream.h"
+#include "support/hex.h"
 
 namespace zelta::crowd {
 namespace {
 
-// Units as text: a key frame's begins with "K", payloads are hexadecimal with a space before each.
-std::vector<std::string> written(const std::vector<media_unit>& units) {
-  constexpr char kDigits[] = "0123456789abcdef";
-  std::vector<std::string> texts;
+using test::from_hex;
+using test::to_hex;
+using test::without_spaces;
+
+// Units as text: a key frame's begins with "K", payloads are hexadecimal with a space before each,
+// "|" ends a unit.
+std::string written(const std::vector<media_unit>& units) {
+  std::string text;
   for (const media_unit& unit : units) {
-    std::string text = unit.key ? "K" : "";
-    for (const bytes& payload : unit.payloads) {
-      text += ' ';
-      for (const uint8_t byte : payload) {
-        text += kDigits[byte >> 4];
-        text += kDigits[byte & 15];
-      }
-    }
-    texts.push_back(text);
+    text += unit.key ? "K" : "";
+    for (const bytes& payload : unit.payloads) text += " " + to_hex(payload.data(), payload.size());
+    text += "|";
   }
-  return texts;
+  return text;
 }
 
-using texts = std::vector<std::string>;
+struct row {
+  const char* what;
+  const char* stream;  // in hexadecimal
+  const char* units;
+};
 
 TEST(CrowdMedia, H264IsCutIntoPicturesAndFragmentsWithoutDelimiters) {
-  struct row {
-    const char* what;
-    bytes stream;
-    texts units;
-  };
   const row rows[] = {
-      {"nothing", {}, {}},
-      {"no start code", {0x65, 1, 2}, {}},
-      {"a start code alone", {0, 0, 1}, {}},
-      {"parameter set and key frame of one packet each",
-       {0, 0, 0, 1, 9, 0x10, 0, 0, 0, 1, 0x67, 7, 0, 0, 1, 0x65, 8},
-       {"K 6707 6508"}},
-      {"as long as a packet may be",
-       {0, 0, 1, 9, 0xf0, 0, 0, 1, 0x41, 1, 2, 3, 4},
-       {" 4101020304"}},
-      {"a byte more: first and last fragment",
-       {0, 0, 1, 9, 0xf0, 0, 0, 1, 0x41, 1, 2, 3, 4, 5},
-       {" 5c81010203 5c410405"}},
-      {"a fragment between them, reference bits kept",
-       {0, 0, 1, 9, 0xf0, 0, 0, 1, 0x65, 1, 2, 3, 4, 5, 6, 7},
-       {"K 7c85010203 7c05040506 7c4507"}},
+      {"nothing", "", ""},
+      {"no start code", "65 01 02", ""},
+      {"a start code alone", "000001", ""},
+      {"parameter set and key frame of one packet each", "00000001 0910 00000001 6707 000001 6508",
+       "K 6707 6508|"},
+      {"as long as a packet may be", "000001 09f0 000001 4101020304", " 4101020304|"},
+      {"a byte more: first and last fragment", "000001 09f0 000001 410102030405",
+       " 5c81010203 5c410405|"},
+      {"a fragment between them, reference bits kept", "000001 09f0 000001 6501020304050607",
+       "K 7c85010203 7c05040506 7c4507|"},
       {"two pictures, two slices in the second",
-       {0, 0, 1,    9, 0x10, 0, 0,    1, 0x65, 8, 0, 0,    0,
-        1, 9, 0x30, 0, 0,    1, 0x41, 1, 0,    0, 1, 0x41, 2},
-       {"K 6508", " 4101 4102"}},
+       "000001 0910 000001 6508 00000001 0930 000001 4101 000001 4102", "K 6508| 4101 4102|"},
   };
-  for (const row& one : rows) EXPECT_EQ(written(h264_units(one.stream, 5)), one.units) << one.what;
+  for (const row& one : rows) {
+    EXPECT_EQ(written(h264_units(from_hex(one.stream), 5)), one.units) << one.what;
+  }
 }
 
 bytes with(bytes head, const bytes& rest) {
@@ -71,24 +64,17 @@ bytes with(bytes head, const bytes& rest) {
   return head;
 }
 
+// Behind the file's head a size, a time and the frame each.
 TEST(CrowdMedia, Vp8IsCutIntoPacketsOfWhichTheFirstSaysSo) {
-  struct row {
-    const char* what;
-    bytes frames;
-    texts units;
-  };
-  const bytes time(8);
   const row rows[] = {
-      {"no frame", {}, {}},
-      {"key frame", with(with({2, 0, 0, 0}, time), {0x10, 7}), {"K 101007"}},
-      {"other frame in two packets",
-       with(with({5, 0, 0, 0}, time), {0x11, 1, 2, 3, 4}),
-       {" 1011010203 0004"}},
-      {"cut off", with(with({3, 0, 0, 0}, time), {0x10, 7}), {}},
-      {"a size beyond all", with(with({255, 255, 255, 255}, time), {0x10, 7}), {}},
+      {"no frame", "", ""},
+      {"key frame", "02000000 0000000000000000 1007", "K 101007|"},
+      {"other frame in two packets", "05000000 0000000000000000 1101020304", " 1011010203 0004|"},
+      {"cut off", "03000000 0000000000000000 1007", ""},
+      {"a size beyond all", "ffffffff 0000000000000000 1007", ""},
   };
   for (const row& one : rows) {
-    EXPECT_EQ(written(vp8_units(with(bytes(32), one.frames), 5)), one.units) << one.what;
+    EXPECT_EQ(written(vp8_units(with(bytes(32), from_hex(one.stream)), 5)), one.units) << one.what;
   }
 }
 
@@ -104,9 +90,9 @@ bytes page(const bytes& lacing) {
 }
 
 TEST(CrowdMedia, OpusPacketsAreTakenOffPagesBehindTheHeaders) {
-  EXPECT_EQ(written(opus_units(with(page({1}), page({2})))), texts{});
+  EXPECT_EQ(written(opus_units(with(page({1}), page({2})))), "");
   const bytes headers = page({1, 2});
-  EXPECT_EQ(written(opus_units(with(headers, page({1, 2})))), (texts{"K 00", "K 0101"}));
+  EXPECT_EQ(written(opus_units(with(headers, page({1, 2})))), "K 00|K 0101|");
   // Over two segments, and over two pages.
   const auto long_one = opus_units(with(headers, page({255, 1})));
   ASSERT_EQ(long_one.size(), 1U);
@@ -114,22 +100,21 @@ TEST(CrowdMedia, OpusPacketsAreTakenOffPagesBehindTheHeaders) {
   const auto parted = opus_units(with(headers, with(page({255}), page({0, 3}))));
   ASSERT_EQ(parted.size(), 2U);
   EXPECT_EQ(parted[0].payloads[0].size(), 255U);
-  EXPECT_EQ(written({parted[1]}), texts{"K 010101"});
+  EXPECT_EQ(written({parted[1]}), "K 010101|");
   bytes cut = with(headers, page({1, 9}));
   cut.pop_back();
-  EXPECT_EQ(written(opus_units(cut)), texts{"K 00"});
+  EXPECT_EQ(written(opus_units(cut)), "K 00|");
 }
 
 TEST(CrowdStream, HeaderAndReportHaveTheirBytes) {
-  EXPECT_EQ(make_header(96, true, 0x1234, 0x56789abc, 0xdef01122),
-            (rtp_header{0x80, 0xe0, 0x12, 0x34, 0x56, 0x78, 0x9a, 0xbc, 0xde, 0xf0, 0x11, 0x22}));
+  const rtp_header header = make_header(96, true, 0x1234, 0x56789abc, 0xdef01122);
+  EXPECT_EQ(to_hex(header.data(), header.size()), "80e0123456789abcdef01122");
   std::array<uint8_t, kReportBytes> out{};
   // Half a second into 1970.
   const size_t size = write_report({0x01020304, 500'000, 0x0a0b0c0d, 5, 600, "user7"}, out);
-  EXPECT_EQ(bytes(out.begin(), out.begin() + static_cast<std::ptrdiff_t>(size)),
-            (bytes{0x80, 200, 0,  6,  1,  2, 3, 4, 0x83, 0xaa, 0x7e, 0x80, 0x80, 0,    0,
-                   0,    10,  11, 12, 13, 0, 0, 0, 5,    0,    0,    2,    0x58, 0x81, 202,
-                   0,    3,   1,  2,  3,  4, 1, 5, 'u',  's',  'e',  'r',  '7',  0}));
+  EXPECT_EQ(to_hex(out.data(), size),
+            without_spaces("80c80006 01020304 83aa7e80 80000000 0a0b0c0d 00000005 00000258 "
+                           "81ca0003 01020304 01057573 65723700"));
 }
 
 TEST(CrowdStream, LossBreaksPicturesUpToTheNextKeyFrameAndOvertakingNone) {
@@ -142,18 +127,18 @@ TEST(CrowdStream, LossBreaksPicturesUpToTheNextKeyFrameAndOvertakingNone) {
   stream sender;
   sender.media = &media;
   sender.sequence = 65534;
-  texts order;
+  std::string order;
   const auto send = [&](const stream::packet& packet) {
     const rtp_header& h = packet.header;
-    order.push_back(std::to_string(h[2] << 8 | h[3]) + ":" + std::to_string((*packet.payload)[0]) +
-                    ((h[1] & 0x80) != 0 ? "m" : ""));
+    order += std::to_string(h[2] << 8 | h[3]) + ":" + std::to_string((*packet.payload)[0]) +
+             ((h[1] & 0x80) != 0 ? "m " : " ");
   };
   sender.send_unit({0, 0}, chance, send);
   sender.send_unit({1, 0}, chance, send);  // lost
   sender.send_unit({0, 0}, chance, send);  // refers to it
   EXPECT_EQ(sender.whole_units, 1U);
   sender.send_unit({0, 1}, chance, send);  // each is overtaken by the next
-  EXPECT_EQ(order, (texts{"65534:1", "65535:2m", "1:4m", "3:2m", "2:1"}));
+  EXPECT_EQ(order, "65534:1 65535:2m 1:4m 3:2m 2:1 ");
   EXPECT_EQ(sender.sent_units, 4U);
   EXPECT_EQ(sender.whole_units, 2U);
   EXPECT_EQ(sender.due_us(), 4 * 1'000'000 / 15);
@@ -161,11 +146,7 @@ TEST(CrowdStream, LossBreaksPicturesUpToTheNextKeyFrameAndOvertakingNone) {
 }
 
 TEST(CrowdChannel, OnlyAnswersWithAllPortsCount) {
-  struct row {
-    const char* answer;
-    std::vector<uint16_t> ports;
-  };
-  const row rows[] = {
+  const std::pair<const char*, std::vector<uint16_t>> rows[] = {
       {"v=0\nm=video 5004 RTP/AVP 96\na=x\nm=audio 5006 RTP/AVP 97\n", {5004, 5006}},
       {"v=0\nm=video 5004 RTP/AVP 96\n", {}},
       {"m=video 9 RTP/AVP 96\nm=audio 5006 RTP/AVP 97\n", {}},
@@ -173,14 +154,14 @@ TEST(CrowdChannel, OnlyAnswersWithAllPortsCount) {
       {"m=video\nm=audio 5006", {}},
       {"", {}},
   };
-  for (const row& one : rows) EXPECT_EQ(answered_ports(one.answer, 2), one.ports) << one.answer;
+  for (const auto& [answer, ports] : rows) EXPECT_EQ(answered_ports(answer, 2), ports) << answer;
 }
 
 TEST(CrowdSrtp, KeysAreThirtyBytesOfBase64) {
   const std::string good = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwd";
   const auto key = srtp_key(good);
-  ASSERT_EQ(key.size(), 30U);
-  for (uint8_t i = 0; i < 30; ++i) EXPECT_EQ(key[i], i);
+  EXPECT_EQ(to_hex(key.data(), key.size()),
+            "000102030405060708090a0b0c0d0e0f101112131415161718191a1b1c1d");
   for (const std::string& bad :
        {std::string(), good.substr(1), good + "AAAA", "*" + good.substr(1)}) {
     EXPECT_TRUE(srtp_key(bad).empty()) << bad;

@@ -1,71 +1,71 @@
 // SPDX-License-Identifier: Apache-2.0
 // The command line: what is taken, and what a user is told of what isn't.
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "options.h"
+#include "support/temp_dir.h"
 
 namespace zelta::test {
 namespace {
 
-record::parse_result parse(std::vector<const char*> arguments, record::options& into) {
-  arguments.insert(arguments.begin(), "zelta-record");
-  return record::parse_options(static_cast<int>(arguments.size()), arguments.data(), into);
+record::parse_result parse(const std::string& line, record::options& into) {
+  const std::vector<std::string> words = words_of("zelta-record " + line);
+  std::vector<const char*> argv;
+  for (const std::string& word : words) argv.push_back(word.c_str());
+  return record::parse_options(static_cast<int>(argv.size()), argv.data(), into);
 }
 
 TEST(Options, NameWhatCannotBeUsedAndWhatCould) {
-  const struct {
-    std::vector<const char*> arguments;
-    std::vector<const char*> says;
-  } rows[] = {
-      {{}, {"name the channel", "--demo"}},
-      {{"room", "--uid", "-1"}, {"--uid", "-1", "0", "4294967295"}},
-      {{"room", "--uid", "4294967296"}, {"--uid", "4294967296"}},
-      {{"room", "--decode-video", "6"}, {"--decode-video", "6", "0", "5"}},
-      {{"room", "--decode-audio", "mp3"}, {"--decode-audio", "mp3", "file (0)", "mixed-pcm (3)"}},
-      {{"room", "--mixed-video-audio", "3"}, {"--mixed-video-audio", "3", "high (2)"}},
-      {{"room", "--audio-profile", "3"}, {"--audio-profile", "3", "2"}},
-      {{"room", "--channel-profile", "2"}, {"--channel-profile", "2", "1"}},
-      {{"room", "--stream-type", "2"}, {"--stream-type", "2", "1"}},
-      {{"room", "--trigger-mode", "2"}, {"--trigger-mode", "2", "1"}},
-      {{"room", "--lang", "2"}, {"--lang", "2", "1"}},
-      {{"room", "--log-level", "7"}, {"--log-level", "7", "6"}},
-      {{"room", "--duration", "-1"}, {"--duration", "-1"}},
-      {{"room", "--idle-limit-sec", "2"}, {"--idle-limit-sec", "2", "3"}},
-      {{"room", "--chunk", "9", "--channel-profile", "live"}, {"--chunk", "9", "10"}},
-      {{"room", "--chunk", "20"}, {"--chunk", "--channel-profile live"}},
-      {{"room", "--chunk", "20", "--channel-profile", "live", "--is-mixing-enabled"}, {"--chunk"}},
-      {{"a/b"}, {"a/b", "\"/\""}},
-      {{"room", "--low-udp-port", "5000", "--high-udp-port", "5002"}, {"--high-udp-port", "3"}},
-      {{"room", "--is-audio-only", "--is-video-only"}, {"--is-audio-only", "--is-video-only"}},
-      {{"room", "--is-audio-only", "--decode-video", "yuv"}, {"--is-audio-only", "--decode-video"}},
-      {{"room", "--is-video-only", "--decode-audio", "pcm"}, {"--decode-audio", "--is-video-only"}},
-      {{"room", "--decode-video", "jpg", "--decode-audio", "pcm"}, {"--decode-audio", "jpg"}},
-      {{"room", "--is-mixing-enabled", "--decode-video", "yuv"}, {"--is-mixing-enabled", "frames"}},
-      {{"room", "--frames", "f"}, {"--frames", "--decode-video"}},
-      {{"room", "--frames", "f", "--decode-video", "jpg-file"}, {"--frames"}},
-      {{"room", "--capture-interval", "3"}, {"--capture-interval", "jpg"}},
-      {{"room", "--audio-profile", "stereo"}, {"--audio-profile", "--is-mixing-enabled"}},
-      {{"room", "--mix-resolution", "1,2,3,4"}, {"--mix-resolution", "--is-mixing-enabled"}},
-      {{"room", "--is-mixing-enabled", "--mix-resolution", "640x360"},
-       {"640x360", "640,360,15,500"}},
-      {{"room", "--mixed-video-audio", "high"}, {"--mixed-video-audio", "--is-mixing-enabled"}},
-      {{"room", "--is-mixing-enabled", "--is-audio-only", "--layout", "l"}, {"--layout"}},
-      {{"room", "--decryption-mode", "aes-128-gcm"}, {"--secret-file", "ZELTA_SECRET"}},
-      {{"room", "--secret", "s"}, {"--decryption-mode"}},
-      {{"room", "--channel-key", "k", "--log-level", "debug"}, {"--log-level", "notice"}},
-      {{"room", "--secret-file", "/nonexistent"}, {"--secret-file /nonexistent", "No such"}},
-      {{"room", "--pigeon"}, {"--pigeon"}},
-      {{"room", "other"}, {"other"}},
+  const std::pair<const char*, std::vector<const char*>> rows[] = {
+      {"", {"name the channel", "--demo"}},
+      {"room --uid -1", {"--uid", "-1", "0", "4294967295"}},
+      {"room --uid 4294967296", {"--uid", "4294967296"}},
+      {"room --decode-video 6", {"--decode-video", "6", "0", "5"}},
+      {"room --decode-audio mp3", {"--decode-audio", "mp3", "file (0)", "mixed-pcm (3)"}},
+      {"room --mixed-video-audio 3", {"--mixed-video-audio", "3", "high (2)"}},
+      {"room --audio-profile 3", {"--audio-profile", "3", "2"}},
+      {"room --channel-profile 2", {"--channel-profile", "2", "1"}},
+      {"room --stream-type 2", {"--stream-type", "2", "1"}},
+      {"room --trigger-mode 2", {"--trigger-mode", "2", "1"}},
+      {"room --lang 2", {"--lang", "2", "1"}},
+      {"room --log-level 7", {"--log-level", "7", "6"}},
+      {"room --duration -1", {"--duration", "-1"}},
+      {"room --idle-limit-sec 2", {"--idle-limit-sec", "2", "3"}},
+      {"room --chunk 9 --channel-profile live", {"--chunk", "9", "10"}},
+      {"room --chunk 20", {"--chunk", "--channel-profile live"}},
+      {"room --chunk 20 --channel-profile live --is-mixing-enabled", {"--chunk"}},
+      {"a/b", {"a/b", "\"/\""}},
+      {"room --low-udp-port 5000 --high-udp-port 5002", {"--high-udp-port", "3"}},
+      {"room --is-audio-only --is-video-only", {"--is-audio-only", "--is-video-only"}},
+      {"room --is-audio-only --decode-video yuv", {"--is-audio-only", "--decode-video"}},
+      {"room --is-video-only --decode-audio pcm", {"--decode-audio", "--is-video-only"}},
+      {"room --decode-video jpg --decode-audio pcm", {"--decode-audio", "jpg"}},
+      {"room --is-mixing-enabled --decode-video yuv", {"--is-mixing-enabled", "frames"}},
+      {"room --frames f", {"--frames", "--decode-video"}},
+      {"room --frames f --decode-video jpg-file", {"--frames"}},
+      {"room --capture-interval 3", {"--capture-interval", "jpg"}},
+      {"room --audio-profile stereo", {"--audio-profile", "--is-mixing-enabled"}},
+      {"room --mix-resolution 1,2,3,4", {"--mix-resolution", "--is-mixing-enabled"}},
+      {"room --is-mixing-enabled --mix-resolution 640x360", {"640x360", "640,360,15,500"}},
+      {"room --mixed-video-audio high", {"--mixed-video-audio", "--is-mixing-enabled"}},
+      {"room --is-mixing-enabled --is-audio-only --layout l", {"--layout"}},
+      {"room --decryption-mode aes-128-gcm", {"--secret-file", "ZELTA_SECRET"}},
+      {"room --secret s", {"--decryption-mode"}},
+      {"room --channel-key k --log-level debug", {"--log-level", "notice"}},
+      {"room --secret-file /nonexistent", {"--secret-file /nonexistent", "No such"}},
+      {"room --pigeon", {"--pigeon"}},
+      {"room other", {"other"}},
   };
-  for (const auto& row : rows) {
+  for (const auto& [arguments, says] : rows) {
     record::options given;
-    const auto result = parse(row.arguments, given);
-    EXPECT_FALSE(result.ok);
+    const auto result = parse(arguments, given);
+    EXPECT_FALSE(result.ok) << arguments;
     EXPECT_EQ(result.exit_status, 2) << result.message;
-    for (const char* part : row.says) {
+    for (const char* part : says) {
       EXPECT_NE(result.message.find(part), std::string::npos) << part << " in " << result.message;
     }
   }
@@ -73,10 +73,10 @@ TEST(Options, NameWhatCannotBeUsedAndWhatCould) {
 
 TEST(Options, ReachTheConfiguration) {
   record::options given;
-  const auto result =
-      parse({"room", "--server", "dir:/x", "--uid", "4294967295", "--decode-video", "yuv",
-             "--decode-audio", "3", "--low-udp-port", "40000", "--idle-limit-sec", "9"},
-            given);
+  const auto result = parse(
+      "room --server dir:/x --uid 4294967295 --decode-video yuv --decode-audio 3 --low-udp-port "
+      "40000 --idle-limit-sec 9",
+      given);
   ASSERT_TRUE(result.ok) << result.message;
   EXPECT_EQ(given.channel_id, "room");
   EXPECT_EQ(given.uid, 4294967295U);
@@ -89,26 +89,22 @@ TEST(Options, ReachTheConfiguration) {
 
   EXPECT_EQ(given.config.mixedVideoAudio, recording::MIXED_AV_DEFAULT);
 
-  const struct {
-    std::vector<const char*> arguments;
-    recording::MIXED_AV_CODEC_TYPE mixed;
-  } mixes[] = {
-      {{"room", "--server", "test:", "--is-mixing-enabled"}, recording::MIXED_AV_CODEC_V2},
-      {{"room", "--server", "test:", "--is-mixing-enabled", "--mixed-video-audio", "0"},
+  const std::pair<const char*, recording::MIXED_AV_CODEC_TYPE> mixes[] = {
+      {"room --server test: --is-mixing-enabled", recording::MIXED_AV_CODEC_V2},
+      {"room --server test: --is-mixing-enabled --mixed-video-audio 0",
        recording::MIXED_AV_DEFAULT},
-      {{"room", "--server", "test:", "--is-mixing-enabled", "--mixed-video-audio", "baseline"},
+      {"room --server test: --is-mixing-enabled --mixed-video-audio baseline",
        recording::MIXED_AV_CODEC_V1},
-      {{"room", "--server", "test:", "--is-mixing-enabled", "--is-audio-only"},
-       recording::MIXED_AV_DEFAULT},
+      {"room --server test: --is-mixing-enabled --is-audio-only", recording::MIXED_AV_DEFAULT},
   };
-  for (const auto& mix : mixes) {
+  for (const auto& [arguments, how] : mixes) {
     record::options mixed;
-    EXPECT_TRUE(parse(mix.arguments, mixed).ok);
-    EXPECT_EQ(mixed.config.mixedVideoAudio, mix.mixed) << mix.arguments.back();
+    EXPECT_TRUE(parse(arguments, mixed).ok);
+    EXPECT_EQ(mixed.config.mixedVideoAudio, how) << arguments;
   }
 
   record::options demo;
-  ASSERT_TRUE(parse({"--demo"}, demo).ok);
+  ASSERT_TRUE(parse("--demo", demo).ok);
   EXPECT_FALSE(demo.channel_id.empty() || demo.server.empty() || demo.duration_s <= 0);
 }
 

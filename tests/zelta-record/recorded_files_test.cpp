@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What a recording is said to have left in a folder that others record into.
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -12,21 +13,17 @@ namespace zelta::test {
 namespace {
 
 TEST(RecordedFiles, AreFaultyWhenTheyCannotBePlayed) {
-  const struct {
-    uint64_t bytes;
-    int64_t duration_ms;
-    const char* closed;
-    const char* says;
-  } rows[] = {{9, 9, "user left", ""},
-              {0, 9, "user left", "empty"},
-              {9, 0, "user left", "no media"},
-              {9, 9, "", "killed"},
-              {9, 9, "recorder died", "died"}};
-  for (const auto& row : rows) {
-    const auto fault =
-        record::fault_of({"1.mp4", 1, "h264", 1, row.duration_ms, row.bytes, row.closed});
-    EXPECT_NE(fault.find(row.says), std::string::npos) << fault;
-    EXPECT_EQ(fault.empty(), *row.says == '\0');
+  // Bytes, milliseconds, why it was closed, and its fault.
+  const std::tuple<uint64_t, int64_t, const char*, const char*> rows[] = {
+      {9, 9, "user left", ""},
+      {0, 9, "user left", "empty"},
+      {9, 0, "user left", "no media"},
+      {9, 9, "", "killed"},
+      {9, 9, "recorder died", "died"}};
+  for (const auto& [bytes, duration_ms, closed, says] : rows) {
+    const auto fault = record::fault_of({"1.mp4", 1, "h264", 1, duration_ms, bytes, closed});
+    EXPECT_NE(fault.find(says), std::string::npos) << fault;
+    EXPECT_EQ(fault.empty(), *says == '\0');
   }
 }
 

@@ -41,11 +41,7 @@ std::optional<packet> parsed(const std::string& text) {
 const std::string kFixed("\xe0\x12\x34\x01\x02\x03\x04\x0a\x0b\x0c\x0d", 11);  // all but a byte
 
 TEST(PacketTest, FieldsAreReadAndLengthsThatLeadPastTheEndRefused) {
-  const struct {
-    const char* what;
-    std::string bytes;
-    std::optional<std::string> payload;
-  } rows[] = {
+  const std::tuple<const char*, std::string, std::optional<std::string>> rows[] = {
       {"nothing", "", {}},
       {"eleven bytes", "\x80" + kFixed.substr(0, 10), {}},
       {"a header", "\x80" + kFixed, ""},
@@ -61,15 +57,14 @@ TEST(PacketTest, FieldsAreReadAndLengthsThatLeadPastTheEndRefused) {
       {"extension past the end", "\x90" + kFixed + std::string("\xbe\xde\0\2EXTNabc", 11), {}},
       {"half an extension's header", "\x90" + kFixed + "\xbe\xde", {}},
   };
-  for (const auto& one : rows) {
-    const auto got = parsed(one.bytes);
-    ASSERT_EQ(got.has_value(), one.payload.has_value()) << one.what;
+  for (const auto& [what, bytes, payload] : rows) {
+    const auto got = parsed(bytes);
+    ASSERT_EQ(got.has_value(), payload.has_value()) << what;
     if (!got) continue;
-    EXPECT_EQ(std::string(got->payload, got->payload + got->payload_bytes), *one.payload)
-        << one.what;
+    EXPECT_EQ(std::string(got->payload, got->payload + got->payload_bytes), *payload) << what;
     EXPECT_EQ(std::tuple(got->marker, got->payload_type, got->sequence, got->timestamp, got->ssrc),
               std::tuple(true, 0x60, 0x1234, 0x01020304U, 0x0a0b0c0dU));
-    if (one.what != std::string("extension")) continue;
+    if (what != std::string("extension")) continue;
     EXPECT_EQ(got->extension_profile, 0xbede);
     EXPECT_EQ(std::string(got->extension, got->extension + got->extension_bytes), "EXTN");
   }

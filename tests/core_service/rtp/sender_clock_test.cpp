@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cmath>
 #include <random>
+#include <tuple>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -173,12 +174,8 @@ TEST(SenderClockTest, ReportsThatCantBeRightAreRefusedUntilTheyAre) {
 }
 
 TEST(SenderClockTest, TimestampsThatJumpBeginAnewWhereTheyArrive) {
-  struct step {
-    uint32_t timestamp;
-    media_time arrival;
-    media_time expected;
-    bool anew;
-  };
+  // A timestamp, its arrival, where it is placed, and whether anew.
+  using step = std::tuple<uint32_t, media_time, media_time, bool>;
   const std::vector<step> rows[] = {
       {{0xffffff00, 0s, 0s, true}, {0xffffff00 + 90000, 1s, 1s, false}},
       {{1000, 0s, 0s, true}, {1000 + 3 * 90000, 1s, 3s, false}},
@@ -201,10 +198,11 @@ TEST(SenderClockTest, TimestampsThatJumpBeginAnewWhereTheyArrive) {
     sender_clocks sender;
     sender_clock clock(90000, sender);
     for (size_t i = 0; i < row.size(); ++i) {
-      const auto got = clock.place(row[i].timestamp, kStart + row[i].arrival);
-      EXPECT_NEAR(ms_of(got.time - kStart), ms_of(row[i].expected), 1)
+      const auto& [timestamp, arrival, expected, anew] = row[i];
+      const auto got = clock.place(timestamp, kStart + arrival);
+      EXPECT_NEAR(ms_of(got.time - kStart), ms_of(expected), 1)
           << "row " << &row - rows << ", step " << i;
-      EXPECT_EQ(got.anew, row[i].anew) << "row " << &row - rows << ", step " << i;
+      EXPECT_EQ(got.anew, anew) << "row " << &row - rows << ", step " << i;
     }
   }
 }
