@@ -140,7 +140,7 @@ class FormatTest : public testing::Test {
 
   std::string make(const stream_row& row) const {
     // NAL units are written without a container, each access unit behind a delimiter.
-    const std::string file = dir.path() + "a." + (row.has_nals() ? row.codec : "ivf");
+    std::string file = dir.path() + "a." + (row.has_nals() ? row.codec : "ivf");
     make_media(std::string("testsrc2=size=320x180:rate=25:duration=0.6 -vf ") + row.filter +
                    " -threads 1 -g 6 -c:v " + row.encoder +
                    (row.has_nals() ? " -bsf:v " + row.codec + "_metadata=aud=insert" : ""),

@@ -512,7 +512,7 @@ TEST(RecordingPlan, TakesNoNumberBeyondItsRange) {
       {"--serviceMode", 2},     {"--triggerMode", 1},  {"--lang", 1},         {"--audioProfile", 2},
       {"--avSyncType", 2}};
   option_parser parser;
-  for (const size_t which : {0, 1, 2, 3}) {
+  for (const size_t which : {0U, 1U, 2U, 3U}) {
     std::string line = "p --channel_id c --mix_resolution 1280,720,25";
     std::vector<std::string> expected;
     for (const auto& [name, most] : highest) {

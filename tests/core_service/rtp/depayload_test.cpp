@@ -260,7 +260,7 @@ TEST(Depayload, DropsWhatGrowsWithoutEnd) {
   constexpr size_t kMost = size_t{32} << 20;
   constexpr size_t kStep = size_t{1} << 20;
   for (const fragmented& of : kFragmented) {
-    for (const size_t excess : {0, 1}) {
+    for (const size_t excess : {0U, 1U}) {
       SCOPED_TRACE(std::string(of.codec) + (excess > 0 ? " too large" : " just fits"));
       media::byte_pool pool;
       std::vector<std::pair<size_t, bool>> units;
