@@ -1,5 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // A timer of a loop that ends with whoever wants it.
+//
+// On the loop's thread, or while the loop doesn't run: on another one, what is due may be running.
 #pragma once
 
 #include <functional>
@@ -23,7 +25,8 @@ class scoped_timer {
         interval_ms,
         [](int, void* context) {
           // Held, because the work may destroy the timer, and the work with it.
-          if (const auto held = static_cast<task*>(context)->self.lock()) held->work();
+          const auto held = static_cast<task*>(context)->self.lock();
+          held->work();
         },
         work_.get());
   }

@@ -1,5 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
-// A descriptor that a loop watches for as long as somebody wants it.
+// A descriptor that a loop watches for as long as somebody wants it. A watch of a descriptor has to
+// stop before another one of the same begins.
+//
+// On the loop's thread, or while the loop doesn't run: on another one, a call may be running.
 #pragma once
 
 #include <functional>

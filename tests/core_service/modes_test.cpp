@@ -23,7 +23,8 @@ class ModesTest : public RecordingTest {
  protected:
   // The files whose name has `part` in it.
   std::vector<std::string> named(const std::string& part) const {
-    return lines_of(output_of("find " + folder + " -maxdepth 1 -name '*" + part + "*' | sort"));
+    return lines_of(
+        output_of("find " + folder + " -mindepth 1 -maxdepth 1 -name '*" + part + "*' | sort"));
   }
   // The colour of a picture of `file` at `seconds` from its end, as "rrggbb" with a digit of 0 to f
   // for each, so that an encoder's errors don't show.

@@ -88,6 +88,8 @@ void engine_link::listen(engine_listener& listener) {
   write_watch_ = {loop_, write_fd_.get(), {nullptr, [this] { on_writable(); }, gone}};
   if (gather_timer_.valid())
     gather_watch_ = {loop_, gather_timer_.get(), {[this] { on_gathered(); }}};
+  // What was sent before.
+  loop_.want_write(write_fd_.get(), true);
 }
 
 engine_link::~engine_link() {

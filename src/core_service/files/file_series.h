@@ -84,7 +84,6 @@ class file_series final : private series_plan::executor {
   void stop(const recording_end& why, media::media_time at, media::media_time patience);
   // The disk has failed: files are left as they are from here on.
   void abandon();
-  bool recording() const { return plan_.recording(); }
   // Of the service that runs, or ran last: when it began, and whether it has recorded a picture.
   media::media_time started() const { return plan_.started(); }
   bool has_pictures() const { return plan_.has_pictures(); }

@@ -40,11 +40,11 @@ class files_consumer final : public media::consumer {
   // On the loop's thread, as all that follows. Before sound of another format comes, from `from`
   // on, as units or out of a decoder.
   void expect_sound(const media::format_ptr& format, media::media_time from);
-  // Whether sound of this kind goes in as it came.
-  bool keeps(const media::codec& kind) const;
   file_series& series() { return series_; }
 
  private:
+  bool keeps(const media::codec& kind) const;
+
   const series_settings settings_;
   const bool keeps_opus_;
   std::atomic<bool> keeps_sound_{false};

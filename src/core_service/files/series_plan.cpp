@@ -207,7 +207,8 @@ void series_plan::expect_sound(bool as_it_comes, media_time from) {
   }
   as_it_comes_ = as_it_comes;
   does_.change_sound();
-  if (!goes_on) return;
+  // Sound that comes out meanwhile may have ended the file.
+  if (!goes_on || current_ == nullptr) return;
   const bool has_picture = current_->holds.video;
   cut(from, end_reason::kSoundChanged);
   open(from, kSoundAlone, kNoFormat);
@@ -277,7 +278,8 @@ void series_plan::tick_silence(media_time now) {
   const media_time at = now - rules_.lateness;
   const auto position = does_.sound_position();
   if (position && current_ == nullptr) {
-    // The file that it went into has failed.
+    // The file that it went into has failed. A picture that comes takes it along; the sound until
+    // then has nowhere to go.
     const bool may_come = video_expected_ && at - last_video_end_ <= kPicturePatience;
     if (!may_come) open(*position, kSoundAlone, kNoFormat);
   } else if (rules_.sound && current_ == nullptr) {

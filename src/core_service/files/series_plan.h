@@ -10,8 +10,11 @@
 //           start()                  stop()             stopped
 //     idle ─────────▶ recording ─────────────▶ ending ─────────▶ idle
 //       ▲              │     ▲                   │
-//       │ files fail   │     │      start()      │
+//       │ abandon(),   │     │      start()      │
+//       │ files fail   │     │                   │
 //       └──────────────┘     └───────────────────┘
+//
+// Files fail for good with the third one, or when one can't be opened.
 //
 // There are no clock, media and files here: what happens comes in with its time, and what is to be
 // done about it goes to an executor, which does it before the call returns.

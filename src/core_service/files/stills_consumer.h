@@ -31,9 +31,10 @@ class stills_consumer final : public media::consumer {
   bool wants(media::form what) const override { return takes(what) && !left_out_; }
   void on_still(const media::media_sample& sample, int rotation) override;
 
-  // On the loop's thread.
-  void serve(bool serves) { serves_ = serves; }
-  void leave_out(bool left_out) { left_out_ = left_out; }
+  void serve(bool serves) override { serves_ = serves; }
+  void leave_out(media::form what, bool left_out) override {
+    if (what == media::form::kStills) left_out_ = left_out;
+  }
 
  private:
   const uint32_t uid_;

@@ -41,9 +41,9 @@ bool frames_consumer::wants(form what) const {
   return takes(what);
 }
 
-void frames_consumer::leave_out(bool stills, bool pictures) {
-  no_stills_ = stills;
-  no_pictures_ = pictures;
+void frames_consumer::leave_out(form what, bool left_out) {
+  if (what == form::kStills) no_stills_ = left_out;
+  if (what == form::kPictures) no_pictures_ = left_out;
 }
 
 void frames_consumer::on_access_unit(const media::media_sample& sample, int rotation) {

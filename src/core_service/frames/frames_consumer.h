@@ -28,11 +28,9 @@ class frames_consumer final : public media::consumer {
   void on_still(const media::media_sample& sample, int rotation) override;
   void on_sound(media::media_time time, const int16_t* samples, size_t frames) override;
 
-  // On the loop's thread.
-  void serve(bool serves) { serves_ = serves; }
-  void leave_out(bool stills, bool pictures);
-  // Sound that is missing up to here won't come any more.
-  void fill_sound(media::media_time until);
+  void serve(bool serves) override { serves_ = serves; }
+  void leave_out(media::form what, bool left_out) override;
+  void fill_sound(media::media_time until) override;
 
  private:
   void start_sound(media::media_time time);

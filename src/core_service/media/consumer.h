@@ -6,7 +6,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <set>
 #include <utility>
 #include <vector>
 
@@ -28,8 +27,8 @@ enum class form {
   kSound,            // decoded: 48 kHz, 16 bits
 };
 
-// `rotation` is in degrees clockwise. Coded forms come on the loop's thread, the others on
-// GStreamer's, one thread at a time a form.
+// `rotation` is in degrees clockwise. kCodedPictures and kCodedSound come on the loop's thread, the
+// others on GStreamer's, one thread at a time a form.
 class consumer {
  public:
   virtual ~consumer() = default;
@@ -45,27 +44,39 @@ class consumer {
   virtual void on_upright_picture(GstSample* /*picture*/, media_time /*time*/) {}
   virtual void on_still(const media_sample& /*sample*/, int /*rotation*/) {}
   virtual void on_sound(media_time /*time*/, const int16_t* /*samples*/, size_t /*frames*/) {}
+
+  // All on the loop's thread. Whether the service runs: what comes while it doesn't is to go
+  // nowhere.
+  virtual void serve(bool /*serves*/) {}
+  // A form that may be left out while the machine is too busy.
+  virtual void leave_out(form /*what*/, bool /*left_out*/) {}
+  // Sound that is missing up to here won't come any more.
+  virtual void fill_sound(media_time /*until*/) {}
 };
 
 // All who take the media of one user, as one.
 class consumers {
  public:
   consumers() = default;
-  explicit consumers(std::vector<std::shared_ptr<consumer>> all) : all_(std::move(all)) {}
+  explicit consumers(std::vector<std::shared_ptr<consumer>> all) : all_(std::move(all)) {
+    for (const auto& one : all_) {
+      for (int i = 0; i <= static_cast<int>(form::kSound); ++i) {
+        const auto what = static_cast<form>(i);
+        if (one->takes(what)) taken_ |= bit(what);
+      }
+    }
+  }
 
-  // The same without what comes in these forms: they get it elsewhere.
-  consumers without(std::set<form> forms) const {
+  // The same without what comes in this form: they get it elsewhere, or not at all.
+  consumers without(form what) const {
     consumers made = *this;
-    made.left_out_ = std::move(forms);
+    made.taken_ &= ~bit(what);
     return made;
   }
 
-  bool takes(form what) const {
-    return left_out_.count(what) == 0 &&
-           std::any_of(all_.begin(), all_.end(), [&](const auto& one) { return one->takes(what); });
-  }
+  bool takes(form what) const { return (taken_ & bit(what)) != 0; }
   bool wants(form what) const {
-    return left_out_.count(what) == 0 &&
+    return takes(what) &&
            std::any_of(all_.begin(), all_.end(), [&](const auto& one) { return one->wants(what); });
   }
   bool take_decoded_pictures() const {
@@ -75,14 +86,21 @@ class consumers {
   // `give` hands the media in this form to each who wants it: give(consumer).
   template <class Give>
   void each(form what, Give give) const {
+    if (!takes(what)) return;
     for (const auto& one : all_) {
       if (one->wants(what)) give(*one);
     }
   }
+  template <class Work>
+  void each(Work work) const {
+    for (const auto& one : all_) work(*one);
+  }
 
  private:
+  static constexpr unsigned bit(form what) { return 1U << static_cast<unsigned>(what); }
+
   std::vector<std::shared_ptr<consumer>> all_;
-  std::set<form> left_out_;
+  unsigned taken_ = 0;
 };
 
 }  // namespace zelta::core_service::media

@@ -12,8 +12,8 @@
 // that starts again with a new SSRC included, gets a branch of its own. Every user has a pipeline
 // of their own, so that an error of one user's media costs nobody else anything.
 //
-// Thread rule: all functions on the recorder's loop thread. What comes out comes on GStreamer's
-// threads, except where it says so.
+// Thread rule: all functions on the recorder's loop thread. What comes out comes on the threads
+// that a consumer's form says.
 #pragma once
 
 #include <atomic>

@@ -100,12 +100,12 @@ class mix_graph::input : public media::consumer {
 
   uint32_t uid() const { return uid_; }
 
-  // Media of a user who has left the mix is ignored.
   bool takes(media::form what) const override {
     return (what == media::form::kUprightPictures && pictures_) ||
            (what == media::form::kSound && sounds_);
   }
 
+  // Media of a user who has left the mix is ignored.
   void on_upright_picture(GstSample* picture, media_time time) override {
     const std::lock_guard<std::mutex> guard(mutex_);
     latest_ = time;

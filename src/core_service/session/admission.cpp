@@ -102,8 +102,10 @@ void admission::turn_away(uint32_t uid, const std::string& why, int64_t tell_ms)
   waiting_.add({uid, why, tell_ms, at_once});
 }
 
-void admission::gone(uint32_t uid) {
-  if (waiting_.remove(uid)) missing_.over(uid, "all");
+bool admission::gone(uint32_t uid) {
+  if (!waiting_.remove(uid)) return false;
+  missing_.over(uid, "all");
+  return true;
 }
 
 void admission::call_in() {

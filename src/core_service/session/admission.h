@@ -42,8 +42,8 @@ class admission {
   void open();
   // A user is in the channel; `media` opens what they send.
   void offered(uint32_t uid, const std::function<media::user_media()>& media);
-  // Is in the channel no more.
-  void gone(uint32_t uid);
+  // Is in the channel no more. Whether they waited.
+  bool gone(uint32_t uid);
   bool anybody_waits() const { return !waiting_.empty(); }
   // Before all else of a tick: coming and going of many at once leaves room for other work.
   void begin_tick(int64_t now_ms) { work_until_ms_ = now_ms + kUserWorkMs; }

@@ -34,13 +34,12 @@ void commands::recover() {
 }
 
 void commands::on_leave_command() {
-  ending_.on_engine_done();
+  ending_.on_leave_command();
 }
 
 // An engine that died can't be told anything, but its recording is worth completing.
 void commands::on_engine_gone() {
-  if (!ending_.has_begun()) log_.notice("the engine has hung up");
-  ending_.on_engine_done();
+  ending_.on_engine_gone();
 }
 
 void commands::on_log_level(uint32_t level) {

@@ -36,9 +36,15 @@ void ending::refuse(int status) {
   linger();
 }
 
-void ending::on_engine_done() {
+void ending::on_leave_command() {
   if (phase_ == phase::kLingering) return done();
   leave(LEAVE_CODE_CLIENT_LEAVE, kExitDone);
+}
+
+void ending::on_engine_gone() {
+  // Which is what lingering waits for.
+  if (phase_ != phase::kLingering) log_.notice("the engine has hung up");
+  on_leave_command();
 }
 
 void ending::on_signal() {

@@ -52,8 +52,10 @@ class ending {
   void leave(uint32_t reason, int status);
   // Without the steps of an end: there is nothing that could be completed.
   void refuse(int status);
-  // The engine asks for the end, or has hung up.
-  void on_engine_done();
+  // The engine asks for the end.
+  void on_leave_command();
+  // It has hung up.
+  void on_engine_gone();
   // One that comes during the end doesn't wait for anything.
   void on_signal();
   // Goes on when everything is complete.

@@ -91,6 +91,8 @@ session::session(options given, const recorder_settings& settings, std::string s
       missing_(manifest_, engine_, log_),
       roster_({[this](uint32_t uid, const files::recording_end& why) {
                  log_.notice("user " + std::to_string(uid) + " out: " + files::text_of(why));
+                 // From here on, and not from the next tick, which a standstill may hold up.
+                 alone_since_ms_ = base::tick_ms();
                  engine_.user_out(uid);
                  report_receiving();
                },
@@ -288,7 +290,7 @@ user::events session::events_of(uint32_t uid) {
 }
 
 void session::on_user_out(uint32_t uid) {
-  admission_.gone(uid);
+  if (admission_.gone(uid)) alone_since_ms_ = base::tick_ms();
   roster_.end(uid, files::end_reason::kUserLeft);
 }
 

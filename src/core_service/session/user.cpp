@@ -41,9 +41,8 @@ user::user(uint32_t uid, media::user_media from, const recording_plan& plan,
       events_(std::move(told)),
       poster_(destination_.loop),
       lateness_(from.lateness),
-      feed_(std::move(from.feed)),
-      frames_(std::make_shared<frames_consumer>(uid, plan, engine, destination_.log)) {
-  make_consumers(from, may_decode_pictures, std::move(mix));
+      feed_(std::move(from.feed)) {
+  make_consumers(from, may_decode_pictures, engine, std::move(mix));
   if (!feed_) make_graph(std::move(from));
   const media::format_ptr sound = feed_ ? feed_->likely_sound() : nullptr;
   if (sound && files_) files_->expect_sound(sound, media::now());
@@ -56,19 +55,19 @@ user::~user() {
 }
 
 void user::make_consumers(const media::user_media& from, bool may_decode_pictures,
-                          std::shared_ptr<media::consumer> mix) {
-  std::vector<std::shared_ptr<media::consumer>> all{frames_};
+                          engine_link& engine, std::shared_ptr<media::consumer> mix) {
+  std::vector<std::shared_ptr<media::consumer>> all{
+      std::make_shared<frames_consumer>(uid_, plan_, engine, destination_.log)};
   if (plan_.record_sound || plan_.record_video) {
     files_ = make_files();
     files_->series().expect(from.may_have_video, from.may_have_sound);
     all.push_back(files_);
   }
   if (plan_.take_video && plan_.jpg_files) {
-    stills_ = std::make_shared<files::stills_consumer>(
+    all.push_back(std::make_shared<files::stills_consumer>(
         uid_, destination_.folder, destination_.files, destination_.loop,
         files::stills_consumer::events{
-            [this](const std::string& why) { events_.failed(why, true); }, events_.missing});
-    all.push_back(stills_);
+            [this](const std::string& why) { events_.failed(why, true); }, events_.missing}));
   }
   if (plan_.take_sound) {
     volume_ = std::make_shared<media::volume_meter>(plan_.channels);
@@ -77,7 +76,9 @@ void user::make_consumers(const media::user_media& from, bool may_decode_picture
   if (mix) all.push_back(std::move(mix));
   consumers_ = media::consumers(std::move(all));
   if (may_decode_pictures) return;
-  consumers_ = consumers_.without({form::kPictures, form::kUprightPictures, form::kStills});
+  for (const form what : {form::kPictures, form::kUprightPictures, form::kStills}) {
+    consumers_ = consumers_.without(what);
+  }
 }
 
 std::shared_ptr<files::files_consumer> user::make_files() {
@@ -111,7 +112,7 @@ void user::make_graph(media::user_media from) {
     // The units say so themselves, and go into the files without it.
     told.first_video = [](int, int) {};
     told.first_sound = [] {};
-    to = to.without({form::kCodedPictures});
+    to = to.without(form::kCodedPictures);
   }
   graph_ =
       std::make_unique<media::user_graph>(uid_, std::move(from), std::move(to), plan_.channels,
@@ -137,13 +138,15 @@ void user::on_unit(int track, const media::encoded_unit& unit) {
   const bool counts = choice.counts(track, unit.time, !video || unit.key);
   // Before its samples can come out of the decoder.
   if (counts && !video && files_) files_->expect_sound(unit.format, unit.time);
+  // What it says of itself may make decoding superfluous.
+  if (counts) hand_on(unit);
   if (wants_decoded(kind)) {
-    decode(track, unit);
+    // Sound that doesn't count needs no decoder of its own.
+    if (video || counts) decode(track, unit);
   } else if (video) {
     wants_key_ = true;
   }
-  if (counts) return hand_on(unit);
-  if (video && choice.is_free(unit.time)) request_key_frame();
+  if (!counts && video && choice.is_free(unit.time)) request_key_frame();
 }
 
 void user::on_first(const media::encoded_unit& unit) {
@@ -241,15 +244,13 @@ void user::start() {
 void user::start_service() {
   if (std::exchange(serving_, true)) return;
   if (files_) files_->series().start();
-  frames_->serve(true);
-  if (stills_) stills_->serve(true);
+  consumers_.each([](media::consumer& one) { one.serve(true); });
   if (consumers_.takes(form::kAccessUnits)) request_key_frame();
 }
 
 void user::stop_service(const files::recording_end& why) {
   if (!std::exchange(serving_, false)) return;
-  frames_->serve(false);
-  if (stills_) stills_->serve(false);
+  consumers_.each([](media::consumer& one) { one.serve(false); });
   if (files_) files_->series().stop(why, media::now(), lateness_ + kStopPatience);
 }
 
@@ -271,8 +272,10 @@ void user::set_still_interval(int seconds) {
 }
 
 void user::leave_out(bool stills, bool application_pictures) {
-  frames_->leave_out(stills, application_pictures);
-  if (stills_) stills_->leave_out(stills);
+  consumers_.each([&](media::consumer& one) {
+    one.leave_out(form::kStills, stills);
+    one.leave_out(form::kPictures, application_pictures);
+  });
 }
 
 void user::finish(const files::recording_end& why, std::function<void()> finished) {
@@ -332,7 +335,8 @@ void user::tick() {
   // Between the end of the sender and the end of what it sent nothing is missing.
   const bool draining = finish_reason_ && !media_ended_;
   if (files_ && !draining) files_->series().tick();
-  frames_->fill_sound(media::now() - lateness_ - kSoundPatience);
+  const media_time until = media::now() - lateness_ - kSoundPatience;
+  consumers_.each([until](media::consumer& one) { one.fill_sound(until); });
 }
 
 void user::update_manifest() {

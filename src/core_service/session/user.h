@@ -46,7 +46,6 @@ class user {
   // Stops at once.
   ~user();
 
-  uint32_t uid() const { return uid_; }
   bool has(media::media_kind kind) const;
   uint32_t read_volume();
   // Whether volumes will be asked for.
@@ -69,7 +68,7 @@ class user {
   void update_manifest();
 
  private:
-  void make_consumers(const media::user_media& from, bool may_decode_pictures,
+  void make_consumers(const media::user_media& from, bool may_decode_pictures, engine_link& engine,
                       std::shared_ptr<media::consumer> mix);
   std::shared_ptr<files::files_consumer> make_files();
   void make_graph(media::user_media from);
@@ -108,12 +107,10 @@ class user {
   media::media_time still_interval_ = std::chrono::seconds(1);
   uint64_t lost_packets_ = 0;
 
-  const std::shared_ptr<frames_consumer> frames_;
-  // Each null where nobody asked for it.
-  std::shared_ptr<files::files_consumer> files_;
-  std::shared_ptr<files::stills_consumer> stills_;
-  std::shared_ptr<media::volume_meter> volume_;
   media::consumers consumers_;
+  // Of them, those that are asked for more; null where nobody wants them.
+  std::shared_ptr<files::files_consumer> files_;
+  std::shared_ptr<media::volume_meter> volume_;
   std::unique_ptr<media::user_graph> graph_;
   std::optional<files::recording_end> finish_reason_;
   std::function<void()> finished_;
