@@ -156,6 +156,55 @@ TEST(VolumeMeter, GoesFromSilenceToFullScale) {
   EXPECT_EQ(meter.read(), 0U) << "only what came since";
 }
 
+TEST(VolumeMeter, TakesTheSendersWordInPlaceOfSamples) {
+  using media::form;
+  media::volume_meter meter;
+  const auto wants = [&] {
+    return std::string(meter.wants(form::kCodedSound) ? "coded " : "") +
+           (meter.wants(form::kSound) ? "samples" : "");
+  };
+  EXPECT_EQ(wants(), "");
+  meter.ask(true);
+  EXPECT_EQ(wants(), "coded samples");
+  media::encoded_unit unit;
+  // So many dB below the loudest, and the volume: a square wave, a sine, half of it, and silence.
+  const std::pair<uint8_t, unsigned> rows[] = {{0, 255}, {3, 255}, {9, 128}, {127, 0}};
+  for (const auto& [level, volume] : rows) {
+    unit.level = level;
+    meter.on_coded_sound(unit);
+    EXPECT_EQ(meter.read(), volume) << int{level};
+  }
+  unit.level = 9;
+  unit.duration = 20ms;
+  meter.on_coded_sound(unit);
+  unit.level = 127;
+  unit.duration = 60ms;
+  meter.on_coded_sound(unit);
+  EXPECT_EQ(meter.read(), 64U) << "silence for three quarters of the time";
+  EXPECT_EQ(wants(), "coded ");
+  unit.level.reset();
+  meter.on_coded_sound(unit);
+  EXPECT_EQ(wants(), "coded samples");
+}
+
+TEST(Consumers, TakeWhatIsNotLeftOutForThem) {
+  using media::form;
+  const auto meter = std::make_shared<media::volume_meter>();
+  const media::consumers all({meter});
+  const auto said = [](const media::consumers& of) {
+    return std::string(of.takes(form::kSound) ? "takes " : "") +
+           (of.wants(form::kSound) ? "wants " : "") + (of.takes(form::kStills) ? "stills" : "");
+  };
+  EXPECT_EQ(said(all), "takes ");
+  meter->ask(true);
+  EXPECT_EQ(said(all), "takes wants ");
+  const media::consumers none = all.without(form::kSound).without(form::kCodedPictures);
+  EXPECT_EQ(said(none), "");
+  int given = 0;
+  for (const auto& of : {all, none}) of.each(form::kSound, [&](media::consumer&) { ++given; });
+  EXPECT_EQ(given, 1);
+}
+
 // ---- Tiles ---------------------------------------------------------------------------------
 
 std::string text_of(const std::vector<mix::tile>& tiles) {
@@ -254,6 +303,7 @@ TEST(SessionDescription, TellsWhatCanBeReceived) {
        "; video: m=video 5004 has no codec that can be"},
       {kHead + "m=audio 5006 RTP/AVP 96\na=rtpmap:96 VP8/90000\n", 0, "no codec that can be"},
       {kHead + "m=audio 5006 TCP 0\nm=audio 5008 RTP/AVP 8\n", 1, "is no RTP"},
+      {kHead + "m=video 5004 RTP/AVP 45\na=rtpmap:45 AV1/90000\n", 1, ""},
       {"nothing of the kind", 0, "no s"},
       {kHead + "a=\xff:1\nm=audio 5006 RTP/AVP 0\n", 0, "UTF-8"},
       {kHead + std::string(1, '\0') + "m=audio 5006 RTP/AVP 0\n", 0, "UTF-8"},
@@ -275,9 +325,10 @@ TEST(SessionDescription, TellsWhatCanBeReceived) {
 
 TEST(SessionDescription, SaysWhereAndHow) {
   const auto text_of = [](const rtp::stream_description& one) {
-    std::string text = one.address + ":" + std::to_string(one.port) + " " +
-                       std::to_string(one.rtcp_port) + (one.rtcp_mux ? " mux" : "") +
-                       (one.srtp ? " srtp" : "");
+    std::string text =
+        one.address + ":" + std::to_string(one.port) + " " + std::to_string(one.rtcp_port) +
+        (one.rtcp_mux ? " mux" : "") + (one.srtp ? " srtp" : "") +
+        (one.level_extension > 0 ? " level " + std::to_string(one.level_extension) : "");
     for (const auto& [number, caps] : one.caps) {
       const auto payload = rtp::payload_of(caps.get());
       text += " " + std::to_string(number) + "=" + payload.kind->name + "/" +
@@ -292,6 +343,9 @@ TEST(SessionDescription, SaysWhereAndHow) {
       {"m=video 9 RTP/SAVPF 96\nc=IN IP4 10.0.0.1\na=rtcp-mux\na=rtpmap:96 H264/90000\n"
        "a=fmtp:96 sprop-parameter-sets=AB,CD\n",
        "10.0.0.1:0 1 mux srtp 96=h264/90000,AB,CD"},
+      {"m=audio 5006 RTP/AVP 0\na=extmap:1 urn:ietf:params:rtp-hdrext:sdes:mid\na=extmap:0 x\n"
+       "a=extmap:7/sendonly urn:ietf:params:rtp-hdrext:ssrc-audio-level vad=on\n",
+       "127.0.0.1:5006 5007 level 7 0=pcmu/8000"},
       {"m=video 5004 RTP/AVPF 96\na=rtcp:6000\na=rtpmap:96 VP8/90000\n",
        "127.0.0.1:5004 6000 96=vp8/90000"},
       {"m=audio 5004 RTP/SAVP 8\na=rtcp:70000\n", "127.0.0.1:5004 5005 srtp 8=pcma/8000"},
@@ -424,11 +478,11 @@ std::string text_of(const recording_plan& of) {
   text << flag(of.take_sound, 's') << flag(of.take_video, 'v') << flag(of.record_sound, 'S')
        << flag(of.record_video, 'V') << " " << static_cast<int>(of.sound_out)
        << static_cast<int>(of.video_out) << " " << flag(of.jpg_packets, 'j')
-       << flag(of.jpg_files, 'J') << of.jpg_interval / 1s << "s mix " << flag(of.mix_sound, 'S')
-       << flag(of.mix_video, 'V') << flag(of.mix_apart, 'a') << flag(of.mix_high_profile, 'h')
-       << " " << of.mix_width << "," << of.mix_height << "," << of.mix_fps << "," << of.mix_kbps
-       << " " << of.channels << "x" << of.sound_bits_per_second << " " << of.chunk / 1s << "s "
-       << of.longest_gap / 1ms << "ms " << of.avsync_type;
+       << flag(of.jpg_files, 'J') << " mix " << flag(of.mix_sound, 'S') << flag(of.mix_video, 'V')
+       << flag(of.mix_apart, 'a') << flag(of.mix_high_profile, 'h') << " " << of.mix_width << ","
+       << of.mix_height << "," << of.mix_fps << "," << of.mix_kbps << " " << of.channels << "x"
+       << of.sound_bits_per_second << " " << of.chunk / 1s << "s " << of.longest_gap / 1ms << "ms "
+       << of.avsync_type;
   return text.str();
 }
 
@@ -476,22 +530,21 @@ TEST(RecorderOptions, LastOfTwoCommandLinesWinsAndBadValuesAreNamed) {
 
 TEST(RecordingPlan, IsWhatTheCommandLineAsksFor) {
   const std::string plain = " mix --a- 640,360,15,500 1x48000 0s 0ms 2";
-  const std::string mixed = "sv-- 00 --5s mix SV";
+  const std::string mixed = "sv-- 00 -- mix SV";
   const std::pair<const char*, std::string> rows[] = {
-      {"", "svSV 00 --5s" + plain},
+      {"", "svSV 00 --" + plain},
       {"--audio_only 1 --chunk_time_span 60 --capture_interval 0",
-       "s-S- 00 --1s mix --a- 640,360,15,500 1x48000 60s 0ms 2"},
+       "s-S- 00 -- mix --a- 640,360,15,500 1x48000 60s 0ms 2"},
       {"--video_only 1 --avSyncType 1 --chunk_time_span -1",
-       "-v-V 00 --5s mix --a- 640,360,15,500 1x48000 0s 1000ms 1"},
-      {"--decode_audio 1 --decode_video 1", "sv-- 11 --5s" + plain},
-      {"--decode_audio 2 --decode_video 2", "sv-- 22 --5s" + plain},
-      {"--decode_audio 3 --decode_video 3",
-       "sv-- 30 j-5s mix S-a- 640,360,15,500 1x48000 0s 0ms 2"},
-      {"--decode_video 4 --capture_interval 9", "svS- 00 -J9s" + plain},
-      {"--decode_video 5", "svSV 00 -J5s" + plain},
+       "-v-V 00 -- mix --a- 640,360,15,500 1x48000 0s 1000ms 1"},
+      {"--decode_audio 1 --decode_video 1", "sv-- 11 --" + plain},
+      {"--decode_audio 2 --decode_video 2", "sv-- 22 --" + plain},
+      {"--decode_audio 3 --decode_video 3", "sv-- 30 j- mix S-a- 640,360,15,500 1x48000 0s 0ms 2"},
+      {"--decode_video 4 --capture_interval 9", "svS- 00 -J" + plain},
+      {"--decode_video 5", "svSV 00 -J" + plain},
       {"--mix 1", mixed + "a- 640,360,15,500 1x48000 0s 0ms 2"},
       {"--mix 1 --decode_audio 2 --mixedVideoAudio 1 --audioProfile 1",
-       "sv-- 20 --5s mix -V-- 640,360,15,500 1x128000 0s 0ms 2"},
+       "sv-- 20 -- mix -V-- 640,360,15,500 1x128000 0s 0ms 2"},
       {"--mix 1 --mixedVideoAudio 2 --audioProfile 2 --mix_resolution 4096,16,60,100000",
        mixed + "-h 4096,16,60,100000 2x192000 0s 0ms 2"},
       {"--mix 1 --mix_resolution 17,4096,1,1", mixed + "a- 16,4096,1,1 1x48000 0s 0ms 2"},

@@ -16,6 +16,8 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include "base/event_loop.h"
+#include "base/scoped_timer.h"
 #include "base/unique_fd.h"
 #include "core_service/media/gst.h"
 #include "support/hex.h"
@@ -387,6 +389,85 @@ TEST_F(RtpTest, RightKeyIsRecordedAndAWrongOneIsAnErrorWithoutAFile) {
     EXPECT_EQ(files().size(), right ? 1U : 0U);
     EXPECT_EQ(log().find("can be decrypted") == std::string::npos, right);
   }
+}
+
+// The units of a raw stream of AV1, each as packets of 1,000 bytes at most: an OBU or a part of one
+// a packet, without its size, behind the byte that says whether it continues and is continued.
+std::vector<std::vector<std::string>> av1_packets(const std::string& stream) {
+  std::vector<std::vector<std::string>> units;
+  for (size_t at = 0; at < stream.size();) {
+    const auto header = static_cast<uint8_t>(stream[at]);
+    size_t bytes = 0;
+    size_t content = at + 1;
+    for (int shift = 0;; shift += 7) {
+      const auto part = static_cast<uint8_t>(stream.at(content++));
+      bytes |= size_t{part & 0x7fU} << shift;
+      if (part < 0x80) break;
+    }
+    at = content + bytes;
+    if (header >> 3U == 2) {
+      units.emplace_back();  // begins with the delimiter, which isn't sent
+      continue;
+    }
+    const std::string obu = static_cast<char>(header & ~2U) + stream.substr(content, bytes);
+    for (size_t from = 0; from < obu.size(); from += 1000) {
+      const bool continued = from + 1000 < obu.size();
+      const int aggregation = 0x10 | (from > 0 ? 0x80 : 0) | (continued ? 0x40 : 0);
+      units.back().push_back(static_cast<char>(aggregation) + obu.substr(from, 1000));
+    }
+  }
+  return units;
+}
+
+TEST_F(RtpTest, Av1AndLevelsOfSoundNeedNoDecoder) {
+  make_media(
+      "testsrc2=size=320x180:rate=25:duration=2 -c:v libaom-av1 -usage realtime -cpu-used 8 "
+      "-b:v 1M -g 25 -f obu",
+      dir.path() + "pictures.obu");
+  const auto units = av1_packets(read_file(dir.path() + "pictures.obu"));
+  ASSERT_EQ(units.size(), 50U);
+  config.audioIndicationInterval = 200;
+  join_channel();
+  put_user("1.sdp", "m=video " + std::to_string(port) +
+                        " RTP/AVP 45\na=rtpmap:45 AV1/90000\nm=audio " + std::to_string(port + 2) +
+                        " RTP/AVP 97\na=rtpmap:97 opus/48000/2\n"
+                        "a=extmap:3 urn:ietf:params:rtp-hdrext:ssrc-audio-level\n");
+  ASSERT_TRUE(handler.wait_for("user in 1"));
+  const Process sound(
+      "gst-launch-1.0 audiotestsrc is-live=true samplesperbuffer=960 volume=0.5 ! "
+      "audio/x-raw,rate=48000,channels=1 ! level audio-level-meta=true ! opusenc ! "
+      "rtpopuspay pt=97 ! 'application/x-rtp,extmap-3=(string)<\"\","
+      "urn:ietf:params:rtp-hdrext:ssrc-audio-level,\"vad=on\">'" +
+      to_sound_port());
+  Socket pictures;
+  base::event_loop loop;
+  uint16_t sequence = 1;
+  size_t next = 0;
+  const base::scoped_timer clock(loop, 40, [&] {
+    if (next == units.size()) return loop.stop();
+    const auto at = static_cast<uint32_t>(next) * 3600;
+    for (size_t i = 0; i < units[next].size(); ++i) {
+      const bool last = i + 1 == units[next].size();
+      std::vector<uint8_t> packet{0x80, static_cast<uint8_t>(45 | (last ? 0x80 : 0))};
+      const uint64_t rest = uint64_t{sequence++} << 48U | uint64_t{at} << 16U;
+      for (int shift = 56; shift >= 16; shift -= 8) {
+        packet.push_back(static_cast<uint8_t>(rest >> static_cast<unsigned>(shift)));
+      }
+      packet.insert(packet.end(), {0, 0, 0, 9});
+      packet.insert(packet.end(), units[next][i].begin(), units[next][i].end());
+      pictures.send(port, packet);
+    }
+    ++next;
+  });
+  loop.run(false);
+  ASSERT_TRUE(handler.wait_for("volumes 1=1", 3));
+  EXPECT_EQ(output_of("cat /proc/" + lines_of(recorder_pid())[0] + "/task/*/comm | grep -c :src"),
+            "0\n")
+      << "a pipeline decodes";
+  end_recording();
+  expect_whole_files(static_cast<unsigned>(files().size()));
+  EXPECT_EQ(codecs_of(path_of(0)), "av1 opus");
+  EXPECT_EQ(stream_of(path_of(0), "v", "nb_frames"), "50");
 }
 
 TEST_F(RtpTest, OpenPortIsChosenInItsBoundsAndAnswered) {

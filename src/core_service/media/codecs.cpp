@@ -30,7 +30,7 @@ constexpr int kHighestRate = 120;
 constexpr codec kCodecs[] = {
     {media_kind::kVideo, "h264", "video/x-h264", kAvc, kDecodeH264, storage::kMp4, "H264"},
     {media_kind::kVideo, "hevc", "video/x-h265", kHvc, "avdec_h265", storage::kMp4, "H265"},
-    {media_kind::kVideo, "av1", "video/x-av1", kObu, "av1dec", storage::kMp4, nullptr},
+    {media_kind::kVideo, "av1", "video/x-av1", kObu, "av1dec", storage::kMp4, "AV1"},
     {media_kind::kVideo, "vp8", "video/x-vp8", "identity", "vp8dec", storage::kWebm, "VP8"},
     {media_kind::kVideo, "vp9", "video/x-vp9", "vp9parse", "vp9dec", storage::kWebm, "VP9"},
     {media_kind::kVideo, "mpeg4", "video/mpeg,mpegversion=(int)4,systemstream=false",

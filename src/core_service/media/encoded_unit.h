@@ -4,6 +4,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "core_service/media/codecs.h"
@@ -47,6 +48,8 @@ struct encoded_unit {
   media_time decode_time{};  // never goes back
   media_time duration{};     // 0: unknown
   bool key = false;          // needs no other picture
+  // Of sound, by its sender: so many dB below the loudest that there can be.
+  std::optional<uint8_t> level;
 
   media_time end() const { return time + duration; }
 };

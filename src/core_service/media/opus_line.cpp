@@ -2,6 +2,7 @@
 #include "core_service/media/opus_line.h"
 
 #include <algorithm>
+#include <optional>
 #include <utility>
 
 namespace zelta::core_service::media {
@@ -138,7 +139,7 @@ void opus_line::silence(int64_t steps, media_time& counted) {
 }
 
 void opus_line::emit(const shared_bytes& bytes, media_time duration) {
-  sink_->on_sound({bytes, format_, position_, position_, duration, true});
+  sink_->on_sound({bytes, format_, position_, position_, duration, true, std::nullopt});
   position_ += duration;
   // The shortest there is: when not even that belongs before a cut, nothing does.
   switch_before(kOpusStep);

@@ -13,6 +13,12 @@ constexpr uint8_t kPadded = 0x20;
 constexpr uint8_t kExtended = 0x10;
 constexpr uint8_t kContributors = 0x0f;
 
+// RFC 8285, sections 4.2 and 4.3.
+constexpr unsigned kOneByteProfile = 0xbede;
+constexpr unsigned kTwoByteProfile = 0x1000;  // and any four bits more
+constexpr uint8_t kPadding = 0;
+constexpr int kReserved = 15;
+
 }  // namespace
 
 std::optional<packet> parse_packet(const uint8_t* bytes, size_t size) {
@@ -42,6 +48,28 @@ std::optional<packet> parse_packet(const uint8_t* bytes, size_t size) {
   one.payload = bytes + at;
   one.payload_bytes = size - at - padding;
   return one;
+}
+
+std::optional<uint8_t> audio_level_of(const packet& one, int number) {
+  const bool one_byte = one.extension_profile == kOneByteProfile;
+  if (!one_byte && (one.extension_profile & 0xfff0U) != kTwoByteProfile) return std::nullopt;
+  const size_t header_bytes = one_byte ? 1 : 2;
+  for (size_t at = 0; at < one.extension_bytes;) {
+    const uint8_t* const element = one.extension + at;
+    if (*element == kPadding) {
+      ++at;
+      continue;
+    }
+    if (at + header_bytes > one.extension_bytes) return std::nullopt;
+    const int id = one_byte ? *element >> 4U : *element;
+    const size_t bytes = one_byte ? (*element & 0x0fU) + size_t{1} : element[1];
+    at += header_bytes + bytes;
+    if (at > one.extension_bytes || (one_byte && id == kReserved)) return std::nullopt;
+    // Its highest bit tells whether there is speech in it.
+    if (id == number)
+      return bytes > 0 ? std::optional<uint8_t>(element[header_bytes] & 0x7fU) : std::nullopt;
+  }
+  return std::nullopt;
 }
 
 }  // namespace zelta::core_service::rtp

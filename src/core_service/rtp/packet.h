@@ -27,6 +27,11 @@ struct packet {
 // None when `bytes` are no RTP packet: another version, or lengths that lead past the end.
 std::optional<packet> parse_packet(const uint8_t* bytes, size_t size);
 
+// What the packet's header says under this number of how loud its sound is: so many dB below the
+// loudest that there can be, 0 to 127 (RFC 6464, section 3). None: nothing, or lengths that lead
+// past the end.
+std::optional<uint8_t> audio_level_of(const packet& one, int number);
+
 // What comes on a port for both (RFC 5761, section 4).
 inline bool is_rtcp(const uint8_t* bytes, size_t size) {
   return size >= 2 && bytes[1] >= 192 && bytes[1] <= 223;

@@ -13,6 +13,7 @@ struct payload {
   const media::codec* kind = nullptr;
   uint32_t clock_rate = 90'000;  // of its timestamps, Hz
   media::described_format described;
+  int level_extension = 0;  // as in stream_description
 };
 
 // Of the caps that a description's line has become.

@@ -134,7 +134,10 @@ bool open_lines(const std::vector<stream_description>& streams, const settings& 
       chosen.push_back(line.sockets.port);
       likely_free = line.sockets.port + 2;
     }
-    for (const auto& [number, caps] : stream.caps) line.payloads[number] = payload_of(caps.get());
+    for (const auto& [number, caps] : stream.caps) {
+      payload& of = line.payloads[number] = payload_of(caps.get());
+      of.level_extension = stream.level_extension;
+    }
     lines.push_back(std::move(line));
   }
   return true;

@@ -71,6 +71,20 @@ void take_payloads(const GstSDPMedia* media, stream_description& stream) {
   }
 }
 
+// The number under which a sender tells how loud its sound is (RFC 6464, section 4; RFC 8285,
+// section 5); 0: it doesn't. "extmap:NUMBER[/DIRECTION] URI"
+int level_extension_of(const GstSDPMedia* media) {
+  for (guint i = 0;; ++i) {
+    const char* const map = gst_sdp_media_get_attribute_val_n(media, "extmap", i);
+    if (map == nullptr) return 0;
+    const char* const uri = std::strchr(map, ' ');
+    const std::string named = uri != nullptr ? uri + 1 : "";
+    const int number = std::atoi(map);
+    const bool is_level = named.rfind("urn:ietf:params:rtp-hdrext:ssrc-audio-level", 0) == 0;
+    if (is_level && number > 0 && number < 256) return number;
+  }
+}
+
 std::string address_of(const GstSDPMessage* message, const GstSDPMedia* media) {
   const GstSDPConnection* connection = gst_sdp_message_get_connection(message);
   if (gst_sdp_media_connections_len(media) > 0) connection = gst_sdp_media_get_connection(media, 0);
@@ -104,9 +118,10 @@ std::optional<stream_description> describe(const GstSDPMessage* message, const G
     if (given > 0 && given <= static_cast<int>(kLastPort)) stream.rtcp_port = given;
   }
   stream.srtp = std::strncmp(proto, "RTP/SAVP", 8) == 0;
+  if (audio) stream.level_extension = level_extension_of(media);
   take_payloads(media, stream);
   if (!stream.caps.empty()) return stream;
-  why = line + " has no codec that can be received: H264, H265, VP8, VP9, OPUS, PCMU, PCMA";
+  why = line + " has no codec that can be received: H264, H265, VP8, VP9, AV1, OPUS, PCMU, PCMA";
   const char* const named = gst_sdp_media_get_attribute_val(media, "rtpmap");
   if (named != nullptr) lost.codec = named;
   return std::nullopt;

@@ -20,6 +20,8 @@ struct stream_description {
   int rtcp_port = 0;
   bool rtcp_mux = false;
   bool srtp = false;  // it says that it is encrypted
+  // Number of the header extension that says how loud its sound is; 0: none does.
+  int level_extension = 0;
   // By payload type, those that can be received.
   std::map<int, media::caps_ptr> caps;
 };

@@ -89,6 +89,7 @@ void stream::on_ordered(const reorder_buffer::ordered& one) {
     clock_.place(parsed->timestamp, one.arrival);
   }
   if (one.lost) events_.damaged();
+  if (payload_.level_extension != 0) level_ = audio_level_of(*parsed, payload_.level_extension);
   depayloader_->push(*parsed, one.lost);
 }
 
@@ -105,6 +106,7 @@ void stream::on_depayloaded(depayloaded&& one) {
   unit.bytes = std::move(one.bytes);
   unit.key = one.key;
   unit.time = unit.decode_time = at->time;
+  unit.level = level_;
   if (payload_.kind->kind == media::media_kind::kVideo) {
     if (!decoding_) decoding_.emplace(unit.format->reordered);
     const auto [presentation, decode] = decoding_->next(at->time);

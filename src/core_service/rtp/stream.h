@@ -89,6 +89,8 @@ class stream {
     media::media_time time;
   };
   std::vector<placed> placed_;
+  // Of the packet that is being depayloaded: one of sound is a unit.
+  std::optional<uint8_t> level_;
   std::unique_ptr<depayloader> depayloader_;
 };
 

@@ -29,7 +29,6 @@ void plan_delivery(const options& o, recording_plan& plan) {
   plan.jpg_packets = o.decode_video == VIDEO_FORMAT_JPG_FRAME_TYPE;
   plan.jpg_files = o.decode_video == VIDEO_FORMAT_JPG_FILE_TYPE ||
                    o.decode_video == VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE;
-  plan.jpg_interval = std::chrono::seconds(o.capture_interval > 0 ? o.capture_interval : 1);
   const bool only_pictures =
       o.decode_video == VIDEO_FORMAT_JPG_FRAME_TYPE || o.decode_video == VIDEO_FORMAT_JPG_FILE_TYPE;
   plan.record_sound = plan.take_sound && plan.sound_out == sound_frames::kNone;
@@ -62,7 +61,8 @@ void plan_mix_size(const options& o, recording_plan& plan, std::vector<std::stri
 }
 
 void plan_mix(const options& o, recording_plan& plan, std::vector<std::string>& warnings) {
-  plan.mix_sound = (o.mix && plan.record_sound) || plan.sound_out == sound_frames::kMixedPcm;
+  plan.mix_sound = (o.mix && plan.record_sound) ||
+                   (plan.take_sound && plan.sound_out == sound_frames::kMixedPcm);
   plan.mix_video = o.mix && plan.record_video;
   plan.mix_apart = o.mixed_video_audio == MIXED_AV_DEFAULT;
   plan.mix_high_profile = o.mixed_video_audio == MIXED_AV_CODEC_V2;

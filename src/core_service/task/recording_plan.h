@@ -23,7 +23,6 @@ struct recording_plan {
   video_frames video_out = video_frames::kNone;
   bool jpg_packets = false;
   bool jpg_files = false;
-  media::media_time jpg_interval{};
 
   bool mix_sound = false;  // into a file or for the application
   bool mix_video = false;

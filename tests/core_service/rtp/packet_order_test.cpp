@@ -70,6 +70,32 @@ TEST(PacketTest, FieldsAreReadAndLengthsThatLeadPastTheEndRefused) {
   }
 }
 
+TEST(PacketTest, LevelsOfSoundAreFoundAmongTheExtensions) {
+  constexpr int kNone = -1;
+  // The profile, the elements, and the level under number 3.
+  const std::tuple<const char*, std::string, int> rows[] = {
+      {"\xbe\xde", std::string("\x30\xaa\0\0", 4), 0x2a},
+      {"\xbe\xde", std::string("\0\x22xxx\x30\x7f\0", 8), 0x7f},
+      {"\xbe\xde", std::string("\x20\xaa\0\0", 4), kNone},
+      {"\xbe\xde", std::string("\xf0\xaa\x30\x2a", 4), kNone},
+      {"\xbe\xde", std::string("\x23xx\x30", 4), kNone},
+      {"\xbe\xde", std::string("\0\0\0\x30", 4), kNone},
+      {"\x10\x05", std::string("\3\1\xaa\0", 4), 0x2a},
+      {"\x10\0", std::string("\2\0\3\1\x2a\0\0\0", 8), 0x2a},
+      {"\x10\0", std::string("\3\0\0\0", 4), kNone},
+      {"\x10\0", std::string("\2\1x\3", 4), kNone},
+      {"\x20\0", std::string("\x30\x2a\0\0", 4), kNone},
+  };
+  for (const auto& [profile, elements, level] : rows) {
+    const auto words = static_cast<char>(elements.size() / 4);
+    const std::string bytes = "\x90" + kFixed + std::string(profile, 2) + '\0' + words + elements;
+    const auto got = parsed(bytes);
+    ASSERT_TRUE(got) << elements;
+    const auto found = audio_level_of(*got, 3);
+    EXPECT_EQ(found ? int{*found} : kNone, level) << elements;
+  }
+}
+
 // A packet's number, what is made of it, and its number in the stream.
 TEST(SourceValidatorTest, StreamsAreToldFromStrayPackets) {
   const std::string marks = "?=x!";  // probation, valid, drop, restarted
