@@ -88,7 +88,8 @@ TEST(PacketTest, LevelsOfSoundAreFoundAmongTheExtensions) {
   };
   for (const auto& [profile, elements, level] : rows) {
     const auto words = static_cast<char>(elements.size() / 4);
-    const std::string bytes = "\x90" + kFixed + std::string(profile, 2) + '\0' + words + elements;
+    std::string bytes = "\x90" + kFixed;
+    bytes.append(profile, 2).append({'\0', words}).append(elements);
     const auto got = parsed(bytes);
     ASSERT_TRUE(got) << elements;
     const auto found = audio_level_of(*got, 3);
