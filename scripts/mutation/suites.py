@@ -49,7 +49,7 @@ COVERED_BY = [
     ("src/core_service/load/overload_rules.*", "recorder_unit_test"),
     ("src/core_service/session/speaker_policy.*", "recorder_unit_test"),
     ("src/core_service/rtp/session_description.*", "recorder_unit_test fuzz_session_description"),
-    ("src/core_service/rtp/srtp_key.*", "recorder_unit_test"),
+    ("src/core_service/rtp/srtp/srtp_key.*", "packets_to_units_test"),
     ("src/core_service/rtp/depayload/*", "packets_to_units_test fuzz_depayload"),
     ("src/core_service/rtp/packet.*", "packets_to_units_test fuzz_rtp_packets"),
     ("src/core_service/rtp/re*_*", "packets_to_units_test fuzz_rtp_packets"),

@@ -252,33 +252,6 @@ TEST(Tiles, ColoursAreReadOrRefused) {
   }
 }
 
-TEST(SrtpKey, HasTheLengthThatItsModeWants) {
-  const std::string bytes28 = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGw==";
-  const std::string bytes30 = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwd";
-  const std::string bytes44 = "AAECAwQFBgcICQoLDA0ODxAREhMUFRYXGBkaGxwdHh8gISIjJCUmJygpKis=";
-  // Where there is no error, the secret is taken.
-  const std::tuple<const char*, std::string, const char*> rows[] = {
-      {"aes-128-cm-sha1-80", bytes30, ""},
-      {"aes-128-gcm", bytes28, ""},
-      {"aes-256-gcm", bytes44, ""},
-      {"aes-256-gcm", bytes28, "32 bytes of key and 12 of salt for aes-256-gcm; it has 28"},
-      {"aes-128-gcm", "not base64!", "it is no base64"},
-      {"aes-128-gcm", "", "it is no base64"},
-      {"xor", bytes28, "--encrypt_mode \"xor\" should be aes-128-cm-sha1-80, aes-128-gcm"},
-  };
-  std::vector<rtp::cipher> modes;
-  for (const auto& [mode, secret, says] : rows) {
-    std::string error;
-    const auto key = rtp::parse_key(mode, secret, error);
-    EXPECT_EQ(key.has_value(), says[0] == '\0') << mode << " " << secret;
-    EXPECT_NE(error.find(says), std::string::npos) << error;
-    EXPECT_EQ(error.find(bytes28), std::string::npos) << "a secret stands in no message";
-    if (key) modes.push_back(key->mode);
-  }
-  EXPECT_EQ(modes, (std::vector<rtp::cipher>{rtp::cipher::kAes128CmSha1_80, rtp::cipher::kAes128Gcm,
-                                             rtp::cipher::kAes256Gcm}));
-}
-
 const std::string kHead = "v=0\no=- 0 0 IN IP4 127.0.0.1\ns=x\nc=IN IP4 127.0.0.1\nt=0 0\n";
 
 struct description {

@@ -17,7 +17,7 @@
 #include "core_service/rtp/payload.h"
 #include "core_service/rtp/settings.h"
 #include "core_service/rtp/sockets.h"
-#include "core_service/rtp/srtp_session.h"
+#include "core_service/rtp/srtp/srtp_session.h"
 #include "core_service/rtp/stream.h"
 
 namespace zelta::core_service::rtp {
