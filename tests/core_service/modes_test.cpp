@@ -343,9 +343,9 @@ TEST_F(ModesTest, ChunksLaidEndToEndAreTheWhole) {
     pictures += std::atoi(stream_of(path_of(file), "v", "nb_frames").c_str());
     sounds += std::atoi(stream_of(path_of(file), "a", "nb_frames").c_str());
   }
-  expect_no_gaps(25);  // an AAC frame is 21 ms
+  expect_no_gaps(25);  // a frame of Opus is 20 ms
   EXPECT_EQ(pictures, 240);
-  EXPECT_NEAR(sounds, 1125, 3) << "24 s of 1024 samples each";
+  EXPECT_NEAR(sounds, 1200, 3) << "24 s of 20 ms each";
   EXPECT_EQ(files()[0]["closed"], "chunk full");
 }
 

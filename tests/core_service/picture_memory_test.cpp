@@ -11,8 +11,9 @@
 #include <gtest/gtest.h>
 
 #include "base/event_loop.h"
+#include "core_service/media/bin_feed.h"
+#include "core_service/media/decode_graph.h"
 #include "core_service/media/picture_memory.h"
-#include "core_service/media/user_graph.h"
 
 namespace zelta::test {
 namespace {
@@ -131,22 +132,23 @@ TEST_F(PictureMemoryTest, EveryDecoderMakesItsPicturesThere) {
   for (const auto& [format, encoder] : rows) {
     const std::string what = std::string(format) + " " + encoder;
     std::string error;
-    user_media from;
-    from.source = make_bin(
+    element_ptr bin = make_bin(
         std::string("videotestsrc num-buffers=8 ! video/x-raw,width=640,height=360,format=") +
             format + " ! " + encoder,
         error);
-    ASSERT_TRUE(from.source) << error;
-    from.complete = true;
+    ASSERT_TRUE(bin) << error;
     base::event_loop loop;
     const auto seen = std::make_shared<picture_counter>();
-    user_graph graph(
-        1, std::move(from), consumers({seen}), 1, loop,
-        {[](int, int) {}, [] {}, [](bool, bool) {},
-         [](const core_service::missing_medium& lost) { ADD_FAILURE() << lost.reason; },
-         [&](const std::string&) { loop.stop(); }},
-        {});
-    graph.start();
+    const auto on_missing = [](const core_service::missing_medium& lost) {
+      ADD_FAILURE() << lost.reason;
+    };
+    decode_graph graph(1, consumers({seen}), 1, now(), loop,
+                       {[] {}, on_missing, [&loop] { loop.stop(); }});
+    bin_feed feed(1, std::move(bin), true, loop, {});
+    feed.start({true, false},
+               {[](kinds) {}, nullptr,
+                [&graph](int track, const encoded_unit& unit) { graph.push(track, unit); },
+                [](int) {}, on_missing, [&graph](const std::string&) { graph.finish(); }});
     loop.run(false);
     EXPECT_GT(seen->pictures, 0) << what;
     EXPECT_EQ(seen->elsewhere, 0) << what;

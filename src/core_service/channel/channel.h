@@ -21,10 +21,10 @@ class channel_listener {
  public:
   virtual void on_channel_joined() = 0;
   virtual void on_channel_failed(const std::string& why) = 0;
-  // `media` opens what the user sends, once and from inside the call: whoever is turned away costs
+  // `open` opens what the user sends, once and from inside the call: whoever is turned away costs
   // nothing. It may find out only now that there is nothing to receive, says so by on_missing(),
-  // and gives neither source nor feed; the user is then none.
-  virtual void on_user_in(uint32_t uid, const std::function<media::user_media()>& media) = 0;
+  // and gives none; the user is then none.
+  virtual void on_user_in(uint32_t uid, const media::open_media& open) = 0;
   virtual void on_user_out(uint32_t uid) = 0;
   // What can't be recorded of somebody, who may not be in the channel; uid 0: of something that is
   // nobody's.

@@ -26,6 +26,7 @@
 #include "base/unique_fd.h"
 #include "core_service/channel/backends.h"
 #include "core_service/folder/atomic_file.h"
+#include "core_service/media/bin_feed.h"
 #include "core_service/media/codecs.h"
 #include "core_service/rtp/rtp_source.h"
 
@@ -104,7 +105,7 @@ void on_all_tracks(GstElement* /*parser*/, gpointer bin) {
   gst_element_no_more_pads(GST_ELEMENT(bin));
 }
 
-media::user_media make_file_user(const std::string& path) {
+media::element_ptr make_file_bin(const std::string& path) {
   media::element_ptr bin(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
   GstElement* const file = gst_element_factory_make("filesrc", nullptr);
   // Stops at encoded media; it tells when all tracks are known, which parsebin doesn't.
@@ -116,9 +117,7 @@ media::user_media make_file_user(const std::string& path) {
   gst_element_link(file, parser);
   g_signal_connect(parser, "pad-added", G_CALLBACK(on_track), bin.get());
   g_signal_connect(parser, "no-more-pads", G_CALLBACK(on_all_tracks), bin.get());
-  media::user_media made;
-  made.source = std::move(bin);
-  return made;
+  return bin;
 }
 
 std::string read_description(const std::string& path) {
@@ -232,17 +231,21 @@ class dir_channel : public channel {
   }
 
   void offer(uint32_t uid, const std::string& name) {
-    listener_.on_user_in(uid, [this, uid, name] {
-      if (!parse_name(name)->description) return make_file_user(folder_ + name);
-      media::user_media from = make_sender(name, uid);
+    listener_.on_user_in(uid, [this, uid, name]() -> std::shared_ptr<media::media_feed> {
+      if (!parse_name(name)->description) {
+        return std::make_shared<media::bin_feed>(uid, make_file_bin(folder_ + name), false,
+                                                 poster_.loop(),
+                                                 log_.with("user " + std::to_string(uid)));
+      }
+      auto from = make_sender(name, uid);
       // It may be written again.
-      if (!from.feed) present_.erase(uid);
+      if (!from) present_.erase(uid);
       return from;
     });
   }
 
-  // Empty when the description can't be used.
-  media::user_media make_sender(const std::string& name, uint32_t uid) {
+  // Null when the description can't be used.
+  std::shared_ptr<media::media_feed> make_sender(const std::string& name, uint32_t uid) {
     std::vector<missing_medium> left_out;
     std::string error;
     if (!plane_ || !plane_->thread.runs())
@@ -250,7 +253,7 @@ class dir_channel : public channel {
     if (!plane_->thread.runs()) {
       listener_.on_missing(uid,
                            {"all", "", name + ": no thread or descriptor is left to receive it"});
-      return {};
+      return nullptr;
     }
     auto made =
         rtp::make_rtp_source(uid, read_description(folder_ + name), rtp_, plane_, left_out, error);
@@ -263,18 +266,13 @@ class dir_channel : public channel {
     }
     if (!made) {
       listener_.on_missing(uid, {"all", "", name + ": " + error});
-      return {};
+      return nullptr;
     }
     if (!made->answer.empty() &&
         !replace_file(folder_ + name + ".answer", made->answer, sync::kNo)) {
       log_.warn(name + ".answer can't be written: " + std::strerror(errno));
     }
-    media::user_media from;
-    from.may_have_video = made->video;
-    from.may_have_sound = made->sound;
-    from.feed = std::move(made->feed);
-    from.lateness = rtp_.jitter_latency;
-    return from;
+    return std::move(made->feed);
   }
 
   void disappeared(const std::string& name) {

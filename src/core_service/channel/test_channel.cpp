@@ -17,6 +17,7 @@
 #include "base/poster.h"
 #include "base/scoped_timer.h"
 #include "core_service/channel/backends.h"
+#include "core_service/media/bin_feed.h"
 #include "core_service/media/codecs.h"
 
 namespace zelta::core_service {
@@ -146,8 +147,9 @@ std::string audio_description(const test_script& script, uint32_t uid) {
 
 class test_channel : public channel {
  public:
-  test_channel(test_script script, base::event_loop& loop, channel_listener& listener)
-      : script_(std::move(script)), poster_(loop), listener_(listener) {}
+  test_channel(test_script script, base::logger log, base::event_loop& loop,
+               channel_listener& listener)
+      : script_(std::move(script)), log_(std::move(log)), poster_(loop), listener_(listener) {}
   ~test_channel() override { leave(); }
 
   void join() override {
@@ -196,30 +198,32 @@ class test_channel : public channel {
     listener_.on_user_in(uid, [this, uid] { return make(uid); });
   }
 
-  media::user_media make(uint32_t uid) {
-    media::user_media made;
-    made.source.reset(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
-    made.complete = true;
-    made.may_have_video = script_.video != "none";
-    made.may_have_sound = script_.audio != "none";
+  std::shared_ptr<media::media_feed> make(uint32_t uid) {
+    media::element_ptr bin(GST_ELEMENT(gst_object_ref_sink(gst_bin_new(nullptr))));
     std::string error;
-    if (script_.video != "none") add_track(made, "video", video_description(script_, uid), error);
-    if (script_.audio != "none") add_track(made, "audio", audio_description(script_, uid), error);
-    if (error.empty()) return made;
+    if (script_.video != "none")
+      add_track(bin.get(), "video", video_description(script_, uid), error);
+    if (script_.audio != "none")
+      add_track(bin.get(), "audio", audio_description(script_, uid), error);
+    if (error.empty()) {
+      return std::make_shared<media::bin_feed>(uid, std::move(bin), true, poster_.loop(),
+                                               log_.with("user " + std::to_string(uid)));
+    }
     listener_.on_channel_failed("test channel: " + error);
-    return {};
+    return nullptr;
   }
 
-  static void add_track(media::user_media& to, const char* name, const std::string& description,
+  static void add_track(GstElement* to, const char* name, const std::string& description,
                         std::string& error) {
     media::element_ptr made = media::make_bin(description, error);
     if (!made) return;
-    GstElement* const track = media::add(to.source.get(), std::move(made));
+    GstElement* const track = media::add(to, std::move(made));
     const media::pad_ptr end(gst_element_get_static_pad(track, "src"));
-    gst_element_add_pad(to.source.get(), gst_ghost_pad_new(name, end.get()));
+    gst_element_add_pad(to, gst_ghost_pad_new(name, end.get()));
   }
 
   test_script script_;
+  const base::logger log_;
   base::poster poster_;
   channel_listener& listener_;
   // What users will do. A list, because each knows where it stands.
@@ -239,7 +243,7 @@ std::unique_ptr<channel> make_test_channel(const channel_place& place, base::eve
         "or gstreamer1.0-plugins-bad (openh264enc)";
     return nullptr;
   }
-  return std::make_unique<test_channel>(std::move(parsed), loop, listener);
+  return std::make_unique<test_channel>(std::move(parsed), place.log, loop, listener);
 }
 
 }  // namespace zelta::core_service

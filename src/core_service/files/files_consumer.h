@@ -43,7 +43,7 @@ class files_consumer final : public media::consumer {
   file_series& series() { return series_; }
 
  private:
-  bool keeps(const media::codec& kind) const;
+  bool keeps(const media::stream_format& format) const;
 
   const series_settings settings_;
   const bool keeps_opus_;

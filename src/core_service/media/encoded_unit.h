@@ -29,6 +29,8 @@ struct stream_format {
   int channels = 0;
   // Content of the box "avcC", "hvcC" or "av1C"; empty for codecs that have none.
   std::vector<uint8_t> config;
+  // What a decoder is told beyond that, where the source of the stream has said more.
+  std::shared_ptr<GstCaps> caps;
 
   bool operator==(const stream_format& other) const {
     return kind == other.kind && width == other.width && height == other.height &&
@@ -50,6 +52,8 @@ struct encoded_unit {
   bool key = false;          // needs no other picture
   // Of sound, by its sender: so many dB below the loudest that there can be.
   std::optional<uint8_t> level;
+  // Of pictures, for display: so many degrees clockwise.
+  int rotation = 0;
 
   media_time end() const { return time + duration; }
 };

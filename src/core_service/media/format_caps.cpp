@@ -11,6 +11,7 @@
 namespace zelta::core_service::media {
 namespace {
 
+constexpr int kOpusRate = 48'000;
 constexpr size_t kAv1FixedBytes = 4;  // of the box "av1C", up to the sequence header
 
 struct caps_row {
@@ -67,6 +68,7 @@ bool read_picture(const GstStructure* fields, stream_format& out) {
 }  // namespace
 
 caps_ptr caps_of(const stream_format& format) {
+  if (format.caps) return caps_ptr(gst_caps_copy(format.caps.get()));
   const caps_row* const row = format.kind != nullptr ? row_of(*format.kind) : nullptr;
   if (row == nullptr) return nullptr;
   caps_ptr caps(gst_caps_from_string(row->caps));
@@ -94,9 +96,12 @@ format_ptr format_of(const GstCaps* caps) {
   auto made = std::make_shared<stream_format>();
   made->kind = kind;
   made->config = codec_data_of(fields);
+  made->caps = {gst_caps_copy(caps), caps_unref()};
   if (kind->kind == media_kind::kAudio) {
     made->sample_rate = int_of(fields, "rate");
     made->channels = int_of(fields, "channels");
+    // Its clock has one rate (RFC 7587, section 4.1), whatever was recorded once.
+    if (std::strcmp(kind->name, "opus") == 0) made->sample_rate = kOpusRate;
     return made;
   }
   if (!read_picture(fields, *made)) return nullptr;

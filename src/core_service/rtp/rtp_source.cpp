@@ -31,10 +31,12 @@ media::format_ptr likely_sound_of(const std::vector<media_line>& lines) {
 // Its sender is the packet thread's.
 class rtp_feed final : public media::media_feed {
  public:
-  rtp_feed(uint32_t uid, std::vector<media_line> lines, const settings& how,
+  rtp_feed(uint32_t uid, media::kinds may_come, std::vector<media_line> lines, const settings& how,
            std::unique_ptr<srtp_session> ciphers, std::shared_ptr<packet_plane> plane)
       : plane_(std::move(plane)),
         reader_(plane_->mail.new_reader()),
+        may_come_(may_come),
+        lateness_(how.jitter_latency),
         likely_sound_(likely_sound_of(lines)),
         sender_(std::make_shared<sender>(
             uid, std::move(lines), how, std::move(ciphers), plane_->thread, plane_->pool,
@@ -52,9 +54,11 @@ class rtp_feed final : public media::media_feed {
     if (sender_) end_sender();
   }
 
-  media::format_ptr likely_sound() const override { return likely_sound_; }
+  media::media_time lateness() const override { return lateness_; }
 
-  void start(events told) override {
+  void start(media::kinds /*taken*/, events told) override {
+    told.kinds_known(may_come_);
+    if (likely_sound_) told.sound_expected(likely_sound_);
     plane_->mail.enter(reader_, {std::move(told.unit), std::move(told.ended),
                                  [this](uint64_t lost_packets, bool unread) {
                                    lost_packets_ = lost_packets;
@@ -107,6 +111,8 @@ class rtp_feed final : public media::media_feed {
 
   const std::shared_ptr<packet_plane> plane_;
   const uint64_t reader_;
+  const media::kinds may_come_;
+  const media::media_time lateness_;
   const media::format_ptr likely_sound_;
   // From stop() on.
   uint64_t lost_packets_ = 0;
@@ -174,12 +180,13 @@ std::optional<rtp_source> make_rtp_source(uint32_t uid, const std::string& text,
     return std::nullopt;
   }
   rtp_source made;
+  media::kinds may_come{false, false};
   for (const stream_description& stream : streams) {
-    (stream.kind == media::media_kind::kVideo ? made.video : made.sound) = true;
+    (stream.kind == media::media_kind::kVideo ? may_come.video : may_come.sound) = true;
   }
   if (!chosen.empty()) made.answer = answer_with_ports(text, chosen);
-  made.feed =
-      std::make_shared<rtp_feed>(uid, std::move(lines), how, std::move(ciphers), std::move(plane));
+  made.feed = std::make_shared<rtp_feed>(uid, may_come, std::move(lines), how, std::move(ciphers),
+                                         std::move(plane));
   return made;
 }
 

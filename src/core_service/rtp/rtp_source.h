@@ -35,8 +35,6 @@ struct packet_plane {
 
 struct rtp_source {
   std::shared_ptr<media::media_feed> feed;
-  bool video = false;
-  bool sound = false;
   // The description with the ports that were chosen here; empty: it names them all.
   std::string answer;
 };

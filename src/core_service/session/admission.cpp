@@ -77,17 +77,17 @@ std::string admission::shortage() const {
   return shortage_beyond(users_.size_with_leaving());
 }
 
-void admission::offered(uint32_t uid, const std::function<media::user_media()>& media) {
+void admission::offered(uint32_t uid, const media::open_media& open) {
   const int64_t now = base::tick_ms();
   const std::string want = shortage();
   if (!want.empty()) return turn_away(uid, want, now);
   if (rules_.room() == 0 || now > work_until_ms_) {
     return turn_away(uid, kTooBusy, now + kTellBusyMs);
   }
-  media::user_media from = media();
-  if (!from.source && !from.feed) return;
-  // A feed that is decoded sees to it itself, once it is.
-  const std::string threads = from.feed ? "" : load::shortage_of_threads(load::kGraphThreads);
+  std::shared_ptr<media::media_feed> from = open();
+  if (!from) return;
+  const size_t wanted = from->threads();
+  const std::string threads = wanted > 0 ? load::shortage_of_threads(wanted) : "";
   if (!threads.empty()) return turn_away(uid, threads, now);
   waiting_.remove(uid);
   // What was told of them by a recorder before this one is over, too.

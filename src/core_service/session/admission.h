@@ -24,7 +24,7 @@ namespace zelta::core_service {
 class admission {
  public:
   struct actions {
-    std::function<void(uint32_t uid, media::user_media from)> let_in;
+    std::function<void(uint32_t uid, std::shared_ptr<media::media_feed> from)> let_in;
     // What the channel says of a user: offered() comes from inside while they are there, else
     // false.
     std::function<bool(uint32_t uid)> offer_again;
@@ -41,7 +41,7 @@ class admission {
   // Users may come.
   void open();
   // A user is in the channel; `media` opens what they send.
-  void offered(uint32_t uid, const std::function<media::user_media()>& media);
+  void offered(uint32_t uid, const media::open_media& open);
   // Is in the channel no more. Whether they waited.
   bool gone(uint32_t uid);
   bool anybody_waits() const { return !waiting_.empty(); }

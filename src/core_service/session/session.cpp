@@ -102,7 +102,7 @@ session::session(options given, const recorder_settings& settings, std::string s
       commands_(plan_, options_.trigger_mode == MANUALLY_MODE, live_, roster_, journal_, ending_,
                 log_, {[this] { apply_volume_interval(); }}),
       admission_(settings_.most_users, plan_, roster_, missing_, log_,
-                 {[this](uint32_t uid, media::user_media from) { let_in(uid, std::move(from)); },
+                 {[this](uint32_t uid, auto from) { let_in(uid, std::move(from)); },
                   [this](uint32_t uid) { return channel_->offer_again(uid); },
                   [this] { return read_load(); }}) {}
 
@@ -242,15 +242,15 @@ void session::on_channel_failed(const std::string& why) {
   ending_.leave(LEAVE_CODE_INIT, kExitNotJoined);
 }
 
-void session::on_user_in(uint32_t uid, const std::function<media::user_media()>& media) {
+void session::on_user_in(uint32_t uid, const media::open_media& open) {
   if (!ending_.records() || roster_.has(uid)) return;
   if (journal_.state.left_out_of(uid) == crash_stage::kReceiving) {
     return missing_.tell(uid, {"all", "", kCrashed});
   }
-  admission_.offered(uid, media);
+  admission_.offered(uid, open);
 }
 
-void session::let_in(uint32_t uid, media::user_media from) {
+void session::let_in(uint32_t uid, std::shared_ptr<media::media_feed> from) {
   log_.notice("user " + std::to_string(uid) + " joined");
   auto made = std::make_unique<user>(
       uid, std::move(from), plan_, may_decode_pictures_of(uid),

@@ -61,7 +61,7 @@ class session final : private channel_listener {
  private:
   void on_channel_joined() override;
   void on_channel_failed(const std::string& why) override;
-  void on_user_in(uint32_t uid, const std::function<media::user_media()>& media) override;
+  void on_user_in(uint32_t uid, const media::open_media& open) override;
   void on_user_out(uint32_t uid) override;
   void on_missing(uint32_t uid, const missing_medium& what) override;
   void on_channel_interrupted() override;
@@ -76,7 +76,7 @@ class session final : private channel_listener {
   void recover();
   void learn_from_crash(const crash_suspect& crash);
 
-  void let_in(uint32_t uid, media::user_media from);
+  void let_in(uint32_t uid, std::shared_ptr<media::media_feed> from);
   bool may_decode_pictures_of(uint32_t uid);
   user::events events_of(uint32_t uid);
   void on_files_failed(uint32_t uid, const std::string& why, bool fatal);

@@ -24,7 +24,7 @@ constexpr media_time kThreadsPatience = 5s;
 constexpr const char* kUnread =
     "the last ones were not read in time, because the machine was too busy";
 
-// A graph says in words how its media ended by itself.
+// A feed says in words how its media ended by itself.
 files::recording_end end_of_media(const std::string& why) {
   if (why == files::name_of(files::end_reason::kEndOfMedia)) return files::end_reason::kEndOfMedia;
   return why;
@@ -32,7 +32,7 @@ files::recording_end end_of_media(const std::string& why) {
 
 }  // namespace
 
-user::user(uint32_t uid, media::user_media from, const recording_plan& plan,
+user::user(uint32_t uid, std::shared_ptr<media::media_feed> from, const recording_plan& plan,
            bool may_decode_pictures, files::destination to, engine_link& engine,
            std::shared_ptr<media::consumer> mix, events told)
     : uid_(uid),
@@ -40,12 +40,9 @@ user::user(uint32_t uid, media::user_media from, const recording_plan& plan,
       destination_(std::move(to)),
       events_(std::move(told)),
       poster_(destination_.loop),
-      lateness_(from.lateness),
-      feed_(std::move(from.feed)) {
-  make_consumers(from, may_decode_pictures, engine, std::move(mix));
-  if (!feed_) make_graph(std::move(from));
-  const media::format_ptr sound = feed_ ? feed_->likely_sound() : nullptr;
-  if (sound && files_) files_->expect_sound(sound, media::now());
+      feed_(std::move(from)),
+      lateness_(feed_->lateness()) {
+  make_consumers(may_decode_pictures, engine, std::move(mix));
 }
 
 user::~user() {
@@ -54,13 +51,12 @@ user::~user() {
   graph_.reset();
 }
 
-void user::make_consumers(const media::user_media& from, bool may_decode_pictures,
-                          engine_link& engine, std::shared_ptr<media::consumer> mix) {
+void user::make_consumers(bool may_decode_pictures, engine_link& engine,
+                          std::shared_ptr<media::consumer> mix) {
   std::vector<std::shared_ptr<media::consumer>> all{
       std::make_shared<frames_consumer>(uid_, plan_, engine, destination_.log)};
   if (plan_.record_sound || plan_.record_video) {
     files_ = make_files();
-    files_->series().expect(from.may_have_video, from.may_have_sound);
     all.push_back(files_);
   }
   if (plan_.take_video && plan_.jpg_files) {
@@ -100,30 +96,30 @@ std::shared_ptr<files::files_consumer> user::make_files() {
                                  }});
 }
 
-void user::make_graph(media::user_media from) {
-  media::user_graph::events told{events_.first_video, events_.first_sound,
-                                 [this](bool sound, bool video) {
-                                   if (files_) files_->series().expect(video, sound);
-                                 },
-                                 events_.missing,
-                                 [this](const std::string& why) { on_graph_finished(why); }};
-  media::consumers to = consumers_;
-  if (feed_) {
-    // The units say so themselves, and go into the files without it.
-    told.first_video = [](int, int) {};
-    told.first_sound = [] {};
-    to = to.without(form::kCodedPictures);
+// False: the machine has no threads for it.
+bool user::make_graph(media_time first) {
+  const bool failed_before = graph_failed_ > media_time::zero();
+  if (failed_before && first - graph_failed_ < kThreadsPatience) return false;
+  const std::string shortage = load::shortage_of_threads(load::kGraphThreads);
+  if (!shortage.empty()) {
+    graph_failed_ = first;
+    wants_key_ = true;
+    events_.missing({"what is decoded", "", shortage});
+    return false;
   }
-  graph_ =
-      std::make_unique<media::user_graph>(uid_, std::move(from), std::move(to), plan_.channels,
-                                          destination_.loop, std::move(told), destination_.log);
+  graph_ = std::make_unique<media::decode_graph>(
+      uid_, consumers_, plan_.channels, first - kOldest, destination_.loop,
+      media::decode_graph::events{[from = std::weak_ptr<media::media_feed>(feed_)] {
+                                    if (const auto alive = from.lock()) alive->request_key_frame();
+                                  },
+                                  events_.missing, [this] { on_graph_finished(); }});
   graph_->set_still_interval(still_interval_);
+  return true;
 }
 
 // ---- Media in units ------------------------------------------------------------------------
 
 bool user::has(media::media_kind kind) const {
-  if (!feed_ && graph_) return graph_->has(kind);
   return kind == media::media_kind::kVideo ? first_video_.has_value() : has_sound_;
 }
 
@@ -182,25 +178,7 @@ void user::decode(int track, const media::encoded_unit& unit) {
     if (wants_key_ && !unit.key) return request_key_frame();
     wants_key_ = false;
   }
-  if (!graph_) {
-    const bool failed_before = graph_failed_ > media_time::zero();
-    if (failed_before && unit.time - graph_failed_ < kThreadsPatience) return;
-    const std::string shortage = load::shortage_of_threads(load::kGraphThreads);
-    if (!shortage.empty()) {
-      graph_failed_ = unit.time;
-      wants_key_ = true;
-      return events_.missing({"what is decoded", "", shortage});
-    }
-    source_ =
-        std::make_unique<media::unit_source>([from = std::weak_ptr<media::media_feed>(feed_)] {
-          if (const auto alive = from.lock()) alive->request_key_frame();
-        });
-    media::user_media decoded;
-    decoded.source = source_->bin();
-    make_graph(std::move(decoded));
-    graph_->start(unit.time - kOldest);
-  }
-  source_->push(track, unit);
+  if (graph_ || make_graph(unit.time)) graph_->push(track, unit);
 }
 
 // Whoever left soon may not have sent one.
@@ -213,7 +191,6 @@ void user::tell_undecodable() {
 }
 
 void user::count_losses() {
-  if (!feed_) return;
   const uint64_t lost = feed_->lost_packets();
   if (lost == lost_packets_) return;
   destination_.files.count_lost_packets(uid_, lost - lost_packets_);
@@ -224,21 +201,28 @@ void user::count_losses() {
 }
 
 void user::request_key_frame() {
-  if (feed_) return feed_->request_key_frame();
-  if (graph_) graph_->request_key_frame();
+  feed_->request_key_frame();
 }
 
 // ---- The service ---------------------------------------------------------------------------
 
 void user::start() {
-  if (!feed_) return graph_->start();
-  feed_->start(media::media_feed::events{
-      [this](int track, const media::encoded_unit& unit) { on_unit(track, unit); },
-      [this](int track) {
-        video_choice_.ended(track);
-        sound_choice_.ended(track);
-        if (source_) source_->end_track(track);
-      }});
+  media::media_feed::events told;
+  told.kinds_known = [this](media::kinds may_come) {
+    if (files_) files_->series().expect(may_come.video, may_come.sound);
+  };
+  told.sound_expected = [this](const media::format_ptr& sound) {
+    if (files_) files_->expect_sound(sound, media::now());
+  };
+  told.unit = [this](int track, const media::encoded_unit& unit) { on_unit(track, unit); };
+  told.ended = [this](int track) {
+    video_choice_.ended(track);
+    sound_choice_.ended(track);
+    if (graph_) graph_->end_track(track);
+  };
+  told.missing = events_.missing;
+  told.over = [this](const std::string& why) { events_.ended(end_of_media(why)); };
+  feed_->start({plan_.take_video, plan_.take_sound}, std::move(told));
 }
 
 void user::start_service() {
@@ -282,7 +266,6 @@ void user::finish(const files::recording_end& why, std::function<void()> finishe
   finish_reason_ = why;
   finished_ = std::move(finished);
   finish_time_ = media::now();
-  if (!feed_) return drain();
   feed_->stop([this] {
     count_losses();
     if (feed_->left_unread()) events_.missing({"packets", "", kUnread});
@@ -294,20 +277,14 @@ void user::finish(const files::recording_end& why, std::function<void()> finishe
 // Nothing more comes in.
 void user::drain() {
   drained_ = true;
-  if (source_) source_->end();
-  const bool decodes = graph_ && !graph_ended_ && !media_ended_;
-  if (decodes) return graph_->finish(files::text_of(*finish_reason_), source_ != nullptr);
+  if (graph_ && !graph_ended_) return graph_->finish();
   on_media_end();
 }
 
-void user::on_graph_finished(const std::string& why) {
+// What a decoder can't go on with is recorded all the same.
+void user::on_graph_finished() {
   graph_ended_ = true;
-  const bool by_itself = !finish_reason_;
-  // What a decoder can't go on with is recorded all the same.
-  if (feed_ && (by_itself || !drained_)) return;
-  if (!by_itself) return on_media_end();
-  media_ended_ = true;
-  events_.ended(end_of_media(why));
+  if (drained_) on_media_end();
 }
 
 void user::on_media_end() {
@@ -329,7 +306,7 @@ void user::tell_finished() const {
 }
 
 void user::tick() {
-  const std::string fault = feed_ && !media_ended_ ? feed_->fault() : "";
+  const std::string fault = !media_ended_ ? feed_->fault() : "";
   if (!fault.empty()) events_.missing({"all", "", fault});
   count_losses();
   // Between the end of the sender and the end of what it sent nothing is missing.

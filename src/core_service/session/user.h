@@ -15,10 +15,9 @@
 #include "core_service/files/stills_consumer.h"
 #include "core_service/frames/frames_consumer.h"
 #include "core_service/media/consumer.h"
+#include "core_service/media/decode_graph.h"
 #include "core_service/media/media_feed.h"
 #include "core_service/media/track_choice.h"
-#include "core_service/media/unit_source.h"
-#include "core_service/media/user_graph.h"
 #include "core_service/media/volume_meter.h"
 #include "core_service/task/recording_plan.h"
 
@@ -38,9 +37,9 @@ class user {
   };
 
   // `may_decode_pictures` false: nothing that needs them decoded is made. `mix` may be null.
-  user(uint32_t uid, media::user_media from, const recording_plan& plan, bool may_decode_pictures,
-       files::destination to, engine_link& engine, std::shared_ptr<media::consumer> mix,
-       events told);
+  user(uint32_t uid, std::shared_ptr<media::media_feed> from, const recording_plan& plan,
+       bool may_decode_pictures, files::destination to, engine_link& engine,
+       std::shared_ptr<media::consumer> mix, events told);
   user(const user&) = delete;
   user& operator=(const user&) = delete;
   // Stops at once.
@@ -68,10 +67,10 @@ class user {
   void update_manifest();
 
  private:
-  void make_consumers(const media::user_media& from, bool may_decode_pictures, engine_link& engine,
+  void make_consumers(bool may_decode_pictures, engine_link& engine,
                       std::shared_ptr<media::consumer> mix);
   std::shared_ptr<files::files_consumer> make_files();
-  void make_graph(media::user_media from);
+  bool make_graph(media::media_time first);
   void on_unit(int track, const media::encoded_unit& unit);
   void on_first(const media::encoded_unit& unit);
   void hand_on(const media::encoded_unit& unit);
@@ -79,7 +78,7 @@ class user {
   void decode(int track, const media::encoded_unit& unit);
   void tell_undecodable();
   void request_key_frame();
-  void on_graph_finished(const std::string& why);
+  void on_graph_finished();
   void drain();
   void on_media_end();
   void tell_finished() const;
@@ -89,11 +88,8 @@ class user {
   const files::destination destination_;
   const events events_;
   const base::poster poster_;
-  const media::media_time lateness_;
-  // Of media that comes in units: a graph only decodes what somebody wants decoded, and is there
-  // once it is needed.
   std::shared_ptr<media::media_feed> feed_;
-  std::unique_ptr<media::unit_source> source_;
+  const media::media_time lateness_;
   media::track_choice video_choice_;
   media::track_choice sound_choice_;
   media::unit_samples video_samples_;
@@ -111,7 +107,8 @@ class user {
   // Of them, those that are asked for more; null where nobody wants them.
   std::shared_ptr<files::files_consumer> files_;
   std::shared_ptr<media::volume_meter> volume_;
-  std::unique_ptr<media::user_graph> graph_;
+  // Decodes what somebody wants decoded, and is there once it is needed.
+  std::unique_ptr<media::decode_graph> graph_;
   std::optional<files::recording_end> finish_reason_;
   std::function<void()> finished_;
   media::media_time finish_time_{};
