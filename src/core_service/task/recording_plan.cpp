@@ -29,8 +29,7 @@ void plan_delivery(const options& o, recording_plan& plan) {
   plan.jpg_packets = o.decode_video == VIDEO_FORMAT_JPG_FRAME_TYPE;
   plan.jpg_files = o.decode_video == VIDEO_FORMAT_JPG_FILE_TYPE ||
                    o.decode_video == VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE;
-  const bool only_pictures =
-      o.decode_video == VIDEO_FORMAT_JPG_FRAME_TYPE || o.decode_video == VIDEO_FORMAT_JPG_FILE_TYPE;
+  const bool only_pictures = plan.jpg_packets || o.decode_video == VIDEO_FORMAT_JPG_FILE_TYPE;
   plan.record_sound = plan.take_sound && plan.sound_out == sound_frames::kNone;
   plan.record_video = plan.take_video && plan.video_out == video_frames::kNone && !only_pictures;
 }
