@@ -36,6 +36,7 @@ COVERED_BY = [
     ("src/protocol/mixing_layout.*", "base_test fuzz_mixing_layout engine_test"),
     ("src/rec_engine/config_file.*", "engine_test fuzz_config_file"),
     ("src/rec_engine/*", "engine_test base_test allocation_test leave_test link_test hostile_test"),
+    ("src/core_service/task/field.*", "recorder_unit_test fuzz_command_line fuzz_control_packets"),
     ("src/core_service/task/options.*", "recorder_unit_test fuzz_command_line"),
     ("src/core_service/task/parameters.*", "recorder_unit_test fuzz_control_packets"),
     ("src/core_service/task/settings.*", "recorder_unit_test"),

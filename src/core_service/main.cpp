@@ -84,7 +84,7 @@ int record(core_service::options given, const core_service::loaded_settings& set
 
 int main(int argc, char** argv) {
   core_service::parsed_options parsed = core_service::option_parser().parse(argc, argv);
-  core_service::wipe_arguments(argc, argv, {"--channel_key", "--encrypt_secret"});
+  core_service::wipe_arguments(argc, argv, core_service::secret_options());
   core_service::renounce_privileges();
   core_service::raise_descriptor_limit();
   if (!parsed.values) {

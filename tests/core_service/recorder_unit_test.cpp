@@ -619,6 +619,12 @@ TEST(TakeSample, PlacesTheBufferAndSaysWhetherItIsAKey) {
   EXPECT_FALSE(taken(media::buffer_ptr(gst_buffer_new()), sample)) << "it has no time";
 }
 
+TEST(Secrets, AreTheKeysOnTheCommandLine) {
+  const auto names = secret_options();
+  EXPECT_EQ(std::vector<std::string>(names.begin(), names.end()),
+            (std::vector<std::string>{"--channel_key", "--encrypt_secret"}));
+}
+
 TEST(Secrets, AreWipedFromTheArguments) {
   std::string texts[] = {
       "p",    "--channel_key",    "key-1",           "--channel_id", "room", "--encrypt_secret",

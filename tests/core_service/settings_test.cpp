@@ -196,7 +196,7 @@ TEST(SettingsSchema, DescribesWhatIsTaken) {
   Json::Value described;
   describe(schema, "", described);
   Json::Value taken;
-  for (const setting& row : known_settings()) taken[row.key] = schema_of(row);
+  for (const setting& row : known_settings()) taken[row.name] = schema_of(row);
   EXPECT_EQ(described, taken);
 }
 

@@ -7,6 +7,63 @@
 
 namespace zelta::core_service {
 
+const std::vector<option>& known_options() {
+  using o = options;
+  static const std::vector<option> kKnown = {
+      {{"--app_id", &o::app_id}, "application id"},
+      {{"--channel_key", &o::channel_key}, "key for the channel", option::kSecret},
+      {{"--channel_id", &o::channel_id}, "name of the channel", option::kRequired},
+      {{"--uid", &o::uid}, "the recorder's own user id; 0: chosen here"},
+      {{"--audio_only", &o::audio_only}, "1: record audio only"},
+      {{"--video_only", &o::video_only}, "1: record video only"},
+      {{"--mix", &o::mix}, "1: mix all users"},
+      {{"--mixedVideoAudio", &o::mixed_video_audio, 0, 2}, "mixed sound and picture in one file"},
+      {{"--live", &o::live}, "1: live broadcasting"},
+      {{"--encrypt_mode", &o::encrypt_mode}, "how the channel is encrypted"},
+      {{"--encrypt_secret", &o::encrypt_secret}, "its secret", option::kSecret},
+      {{"--chunk_time_span", &o::chunk_time_span}, "seconds a file; 0: one file"},
+      {{"--idle", &o::idle}, "seconds without users after which to leave"},
+      {{"--decode_audio", &o::decode_audio, 0, 3}, "0 file, 1 AAC frames, 2 PCM frames, 3 mixed"},
+      {{"--decode_video", &o::decode_video, 0, 5}, "0 file, 1 H.264 frames, 2 YUV frames, 3-5 JPG"},
+      {{"--capture_interval", &o::capture_interval}, "seconds between pictures"},
+      {{"--audio_indication_interval", &o::audio_indication_interval},
+       "milliseconds between volume reports"},
+      {{"--syslog_fclt", &o::syslog_fclt}, "syslog facility"},
+      {{"--streamType", &o::stream_type, 0, 1}, "0 high, 1 low stream"},
+      {{"--serviceMode", &o::service_mode, 0, 2}, "mode of the service"},
+      {{"--recording_file_dir", &o::recording_file_dir}, "folder of the recording"},
+      {{"--vocs", &o::vocs}, "channel server"},
+      {{"--vocs_port", &o::vocs_port}, "its port"},
+      {{"--vos", &o::vos}, "media server"},
+      {{"--vos_port", &o::vos_port}, "its port"},
+      {{"--mix_resolution", &o::mix_resolution}, "width,height,fps,kbps of the mix"},
+      {{"--min_port", &o::min_port}, "lowest UDP port"},
+      {{"--max_port", &o::max_port}, "highest UDP port"},
+      {{"--triggerMode", &o::trigger_mode, 0, 1}, "1: wait for a start command"},
+      {{"--lang", &o::lang, 0, 1}, "language of the application"},
+      {{"--proxy_server", &o::proxy_server}, "proxy"},
+      {{"--audioProfile", &o::audio_profile, 0, 2}, "quality of the mixed sound"},
+      {{"--defaultVideoBg", &o::default_video_bg}, "image behind the mix"},
+      {{"--defaultUserBg", &o::default_user_bg}, "image of a user without video"},
+      {{"--logLevel", &o::log_level}, "1 fatal to 6 debug"},
+      {{"--enabledModules", &o::enabled_modules}, "mask of log modules"},
+      {{"--avSyncType", &o::av_sync_type, 0, 2}, "way of lip sync"},
+      {{"--recoveryid", &o::recovery_id}, "number of this relaunch"},
+      {{"--recoverytime", &o::recovery_time}, "when it happened, milliseconds"},
+      {{"--read", &o::read_fd}, "descriptor with the engine's commands"},
+      {{"--write", &o::write_fd}, "descriptor for events and frames"},
+  };
+  return kKnown;
+}
+
+std::vector<const char*> secret_options() {
+  std::vector<const char*> names;
+  for (const option& one : known_options()) {
+    if (one.kind == option::kSecret) names.push_back(one.name);
+  }
+  return names;
+}
+
 option_parser::option_parser()
     : app_(std::make_unique<CLI::App>(
           "Records one channel. The engine starts it; run by hand it records until SIGINT.",
@@ -14,51 +71,10 @@ option_parser::option_parser()
   app_->allow_extras();
   // A session that was joined twice passes both command lines, one behind the other.
   app_->option_defaults()->multi_option_policy(CLI::MultiOptionPolicy::TakeLast);
-  app_->add_option("--app_id", values_.app_id, "application id");
-  app_->add_option("--channel_key", values_.channel_key, "key for the channel");
-  app_->add_option("--channel_id", values_.channel_id, "name of the channel")->required();
-  app_->add_option("--uid", values_.uid, "the recorder's own user id; 0: chosen here");
-  app_->add_option("--audio_only", values_.audio_only, "1: record audio only");
-  app_->add_option("--video_only", values_.video_only, "1: record video only");
-  app_->add_option("--mix", values_.mix, "1: mix all users");
-  app_->add_option("--mixedVideoAudio", values_.mixed_video_audio,
-                   "mixed sound and picture in one file");
-  app_->add_option("--live", values_.live, "1: live broadcasting");
-  app_->add_option("--encrypt_mode", values_.encrypt_mode, "how the channel is encrypted");
-  app_->add_option("--encrypt_secret", values_.encrypt_secret, "its secret");
-  app_->add_option("--chunk_time_span", values_.chunk_time_span, "seconds a file; 0: one file");
-  app_->add_option("--idle", values_.idle, "seconds without users after which to leave");
-  app_->add_option("--decode_audio", values_.decode_audio,
-                   "0 file, 1 AAC frames, 2 PCM frames, 3 mixed");
-  app_->add_option("--decode_video", values_.decode_video,
-                   "0 file, 1 H.264 frames, 2 YUV frames, 3-5 JPG");
-  app_->add_option("--capture_interval", values_.capture_interval, "seconds between pictures");
-  app_->add_option("--audio_indication_interval", values_.audio_indication_interval,
-                   "milliseconds between volume reports");
-  app_->add_option("--syslog_fclt", values_.syslog_fclt, "syslog facility");
-  app_->add_option("--streamType", values_.stream_type, "0 high, 1 low stream");
-  app_->add_option("--serviceMode", values_.service_mode, "mode of the service");
-  app_->add_option("--recording_file_dir", values_.recording_file_dir, "folder of the recording");
-  app_->add_option("--vocs", values_.vocs, "channel server");
-  app_->add_option("--vocs_port", values_.vocs_port, "its port");
-  app_->add_option("--vos", values_.vos, "media server");
-  app_->add_option("--vos_port", values_.vos_port, "its port");
-  app_->add_option("--mix_resolution", values_.mix_resolution, "width,height,fps,kbps of the mix");
-  app_->add_option("--min_port", values_.min_port, "lowest UDP port");
-  app_->add_option("--max_port", values_.max_port, "highest UDP port");
-  app_->add_option("--triggerMode", values_.trigger_mode, "1: wait for a start command");
-  app_->add_option("--lang", values_.lang, "language of the application");
-  app_->add_option("--proxy_server", values_.proxy_server, "proxy");
-  app_->add_option("--audioProfile", values_.audio_profile, "quality of the mixed sound");
-  app_->add_option("--defaultVideoBg", values_.default_video_bg, "image behind the mix");
-  app_->add_option("--defaultUserBg", values_.default_user_bg, "image of a user without video");
-  app_->add_option("--logLevel", values_.log_level, "1 fatal to 6 debug");
-  app_->add_option("--enabledModules", values_.enabled_modules, "mask of log modules");
-  app_->add_option("--avSyncType", values_.av_sync_type, "way of lip sync");
-  app_->add_option("--recoveryid", values_.recovery_id, "number of this relaunch");
-  app_->add_option("--recoverytime", values_.recovery_time, "when it happened, milliseconds");
-  app_->add_option("--read", values_.read_fd, "descriptor with the engine's commands");
-  app_->add_option("--write", values_.write_fd, "descriptor for events and frames");
+  for (const option& one : known_options()) {
+    const auto add = [&](auto to) { return app_->add_option(one.name, values_.*to, one.help); };
+    std::visit(add, one.value)->required(one.kind == option::kRequired);
+  }
 }
 
 option_parser::~option_parser() = default;
@@ -72,11 +88,10 @@ parsed_options option_parser::parse(int argc, const char* const* argv) {
     const int status = app_->exit(e, text, text);
     return {std::nullopt, text.str(), status};
   }
-  options o = values_;
-  o.unknown = app_->remaining();
-  if (o.recording_file_dir.empty()) o.recording_file_dir = ".";
-  if (o.recording_file_dir.back() != '/') o.recording_file_dir += '/';
-  return {o, "", 0};
+  values_.unknown = app_->remaining();
+  if (values_.recording_file_dir.empty()) values_.recording_file_dir = ".";
+  if (values_.recording_file_dir.back() != '/') values_.recording_file_dir += '/';
+  return {values_, "", 0};
 }
 
 }  // namespace zelta::core_service

@@ -5,7 +5,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <variant>
 #include <vector>
+
+#include "core_service/task/field.h"
 
 namespace CLI {
 class App;
@@ -61,6 +64,15 @@ struct options {
   std::vector<std::string> unknown;
 };
 
+struct option : field<std::variant<std::string options::*, int options::*, unsigned options::*,
+                                   long long options::*, bool options::*>> {
+  const char* help;
+  enum { kOptional, kRequired, kSecret } kind = kOptional;
+};
+
+const std::vector<option>& known_options();  // in the order of the help
+std::vector<const char*> secret_options();   // whose values nobody else may see
+
 struct parsed_options {
   std::optional<options> values;
   // When there are no values: what to print and the exit status (0 after --help).
@@ -74,8 +86,6 @@ class option_parser {
  public:
   option_parser();
   ~option_parser();
-  option_parser(const option_parser&) = delete;
-  option_parser& operator=(const option_parser&) = delete;
 
   parsed_options parse(int argc, const char* const* argv);
 

@@ -6,15 +6,13 @@
 
 #include <json/json.h>
 
+#include "core_service/task/field.h"
+
 namespace zelta::core_service {
 namespace {
 
-struct known_key {
-  const char* name;
-  std::optional<int> parameters::*value;
-  int lowest;
-};
-constexpr known_key kKeys[] = {
+using parameter = field<std::optional<int> parameters::*>;
+constexpr parameter kKnown[] = {
     {"audio_indication_interval", &parameters::audio_indication_interval, 0},
     {"capture_interval", &parameters::capture_interval, 1},
     {"idle", &parameters::idle, 1},
@@ -22,19 +20,17 @@ constexpr known_key kKeys[] = {
 
 void take(const std::string& name, const Json::Value& value, parameters& out,
           std::vector<std::string>& warnings) {
-  for (const known_key& key : kKeys) {
-    if (name != key.name) continue;
-    if (value.isInt() && value.asInt() >= key.lowest) {
-      out.*key.value = value.asInt();
+  for (const parameter& known : kKnown) {
+    if (name != known.name) continue;
+    if (value.isInt() && known.fits(value.asInt())) {
+      out.*known.value = value.asInt();
     } else {
       warnings.push_back("parameter " + name + " should be a whole number from " +
-                         std::to_string(key.lowest));
+                         std::to_string(known.lowest));
     }
     return;
   }
-  std::string names;
-  for (const known_key& key : kKeys) names += std::string(names.empty() ? "" : ", ") + key.name;
-  warnings.push_back("unknown parameter \"" + name + "\"; there are " + names);
+  warnings.push_back("unknown parameter \"" + name + "\"; there are " + names_in(kKnown, ""));
 }
 
 }  // namespace
@@ -43,14 +39,12 @@ parameters parse_parameters(const std::string& text, std::vector<std::string>& w
   parameters out;
   try {
     Json::Value root;
-    std::string errors;
     const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-    if (!reader->parse(text.data(), text.data() + text.size(), &root, &errors) ||
-        !root.isObject()) {
+    if (reader->parse(text.data(), text.data() + text.size(), &root, nullptr) && root.isObject()) {
+      for (const std::string& name : root.getMemberNames()) take(name, root[name], out, warnings);
+    } else {
       warnings.emplace_back("parameters should be a JSON object such as {\"capture_interval\": 5}");
-      return out;
     }
-    for (const std::string& name : root.getMemberNames()) take(name, root[name], out, warnings);
   } catch (const std::exception& e) {
     warnings.push_back(std::string("parameters can't be read: ") + e.what());
   }

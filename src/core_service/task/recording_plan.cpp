@@ -29,8 +29,7 @@ void plan_delivery(const options& o, recording_plan& plan) {
   plan.jpg_packets = o.decode_video == VIDEO_FORMAT_JPG_FRAME_TYPE;
   plan.jpg_files = o.decode_video == VIDEO_FORMAT_JPG_FILE_TYPE ||
                    o.decode_video == VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE;
-  const bool only_pictures =
-      o.decode_video == VIDEO_FORMAT_JPG_FRAME_TYPE || o.decode_video == VIDEO_FORMAT_JPG_FILE_TYPE;
+  const bool only_pictures = plan.jpg_packets || o.decode_video == VIDEO_FORMAT_JPG_FILE_TYPE;
   plan.record_sound = plan.take_sound && plan.sound_out == sound_frames::kNone;
   plan.record_video = plan.take_video && plan.video_out == video_frames::kNone && !only_pictures;
 }
@@ -73,31 +72,15 @@ void plan_mix(const options& o, recording_plan& plan, std::vector<std::string>& 
   plan.record_video = false;
 }
 
-void check_range(const char* name, int value, int highest, std::vector<std::string>& warnings) {
-  if (value >= 0 && value <= highest) return;
-  warnings.push_back(std::string(name) + " " + std::to_string(value) + " should be 0 to " +
-                     std::to_string(highest) + "; it is taken as 0");
-}
-
 }  // namespace
 
 recording_plan plan_of(const options& o, std::vector<std::string>& warnings) {
-  const struct {
-    const char* name;
-    int value;
-    int highest;
-  } ranges[] = {
-      {"--mixedVideoAudio", o.mixed_video_audio, 2},
-      {"--decode_audio", o.decode_audio, 3},
-      {"--decode_video", o.decode_video, 5},
-      {"--streamType", o.stream_type, 1},
-      {"--serviceMode", o.service_mode, 2},
-      {"--triggerMode", o.trigger_mode, 1},
-      {"--lang", o.lang, 1},
-      {"--audioProfile", o.audio_profile, 2},
-      {"--avSyncType", o.av_sync_type, 2},
-  };
-  for (const auto& row : ranges) check_range(row.name, row.value, row.highest, warnings);
+  for (const option& known : known_options()) {
+    const auto* const number = std::get_if<int options::*>(&known.value);
+    if (number == nullptr || known.fits(o.**number)) continue;
+    warnings.push_back(std::string(known.name) + " " + std::to_string(o.**number) + " should be " +
+                       known.range() + "; it is taken as 0");
+  }
   recording_plan plan;
   plan.take_sound = !o.video_only;
   plan.take_video = !o.audio_only;

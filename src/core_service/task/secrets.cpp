@@ -3,33 +3,20 @@
 
 #include <algorithm>
 #include <cstring>
+#include <string_view>
 
 #include <sys/prctl.h>
 
 namespace zelta::core_service {
-namespace {
 
-bool is_among(std::initializer_list<const char*> options, const char* text, size_t length) {
-  return std::any_of(options.begin(), options.end(), [=](const char* name) {
-    return std::strlen(name) == length && std::strncmp(name, text, length) == 0;
-  });
-}
-
-// The compiler must not think that nobody reads it.
-void wipe(char* text) {
-  explicit_bzero(text, std::strlen(text));
-}
-
-}  // namespace
-
-void wipe_arguments(int argc, char** argv, std::initializer_list<const char*> options) {
+void wipe_arguments(int argc, char** argv, const std::vector<const char*>& options) {
   for (int i = 1; i < argc; ++i) {
-    char* const equals = std::strchr(argv[i], '=');
-    if (equals != nullptr && is_among(options, argv[i], static_cast<size_t>(equals - argv[i]))) {
-      wipe(equals + 1);
-    } else if (i + 1 < argc && is_among(options, argv[i], std::strlen(argv[i]))) {
-      wipe(argv[++i]);
-    }
+    const std::string_view name(argv[i], std::strcspn(argv[i], "="));
+    if (std::find(options.begin(), options.end(), name) == options.end()) continue;
+    char* const end = argv[i] + name.size();
+    char* const secret = *end == '=' ? end + 1 : i + 1 < argc ? argv[++i] : end;
+    // The compiler must not think that nobody reads it.
+    explicit_bzero(secret, std::strlen(secret));
   }
 }
 

@@ -2,13 +2,13 @@
 // Keeps keys where they belong.
 #pragma once
 
-#include <initializer_list>
+#include <vector>
 
 namespace zelta::core_service {
 
 // Overwrites the values of these options in the process's own arguments, which everybody on the
 // machine may read. Before any thread.
-void wipe_arguments(int argc, char** argv, std::initializer_list<const char*> options);
+void wipe_arguments(int argc, char** argv, const std::vector<const char*>& options);
 
 // No privilege is gained from here on, and no core dump of this process is written: it holds keys.
 void renounce_privileges();

@@ -81,12 +81,6 @@ bool is_number(const std::string& text) {
   return *at == '\0';
 }
 
-std::string listed(const std::vector<std::string>& names) {
-  std::string all;
-  for (const std::string& name : names) all += (all.empty() ? "" : ", ") + name;
-  return all;
-}
-
 // Of the parser's report, "* Line 1, Column 2\n  Fault\n" for each; the others follow from it.
 std::string first_fault(const std::string& report) {
   const std::string first = report.substr(0, report.find("\n*"));
@@ -113,7 +107,6 @@ class settings_reader {
   void read_object(const Json::Value& object, const std::string& prefix);
   void read_value(const Json::Value& value, const setting& what);
   void check_ports();
-  std::vector<std::string> names_in(const std::string& prefix) const;
   std::string fault_of_number(const Json::Value& value, const setting& what) const;
   std::string fault_of_word(const Json::Value& value, const setting& what);
   void add_error(const std::string& what);
@@ -154,18 +147,16 @@ void settings_reader::read_object(const Json::Value& object, const std::string& 
     const Json::Value& value = object[name];
     const std::string key = prefix + key_text(name);
     const auto row = std::find_if(known_.begin(), known_.end(),
-                                  [&key](const setting& one) { return key == one.key; });
+                                  [&key](const setting& one) { return key == one.name; });
+    const std::string inner = names_in(known_, key + ".");
     if (row != known_.end()) {
       read_value(value, *row);
-      continue;
-    }
-    const std::vector<std::string> inner = names_in(key + ".");
-    if (inner.empty()) {
-      add_error(key + ": no such setting; " + listed(names_in(prefix)) + " are");
+    } else if (inner.empty()) {
+      add_error(key + ": no such setting; " + names_in(known_, prefix) + " are");
     } else if (value.isObject()) {
       read_object(value, key + ".");
     } else {
-      add_error(key + ": " + json_text(value) + " should be an object with " + listed(inner));
+      add_error((key + ": " + json_text(value) + " should be an object with ").append(inner));
     }
   }
 }
@@ -173,20 +164,18 @@ void settings_reader::read_object(const Json::Value& object, const std::string& 
 void settings_reader::read_value(const Json::Value& value, const setting& what) {
   const bool is_word = what.words[0] != nullptr;
   const std::string fault = is_word ? fault_of_word(value, what) : fault_of_number(value, what);
-  if (!fault.empty()) return add_error(std::string(what.key) + ": " + fault);
+  if (!fault.empty()) return add_error(std::string(what.name) + ": " + fault);
   if (!is_word) read_.values.*what.value = value.asInt();
 }
 
 std::string settings_reader::fault_of_number(const Json::Value& value, const setting& what) const {
-  const std::string right = " should be a whole number of " + std::to_string(what.lowest) + " to " +
-                            std::to_string(what.highest);
+  const std::string right = " should be a whole number of " + what.range();
   if (!value.isNumeric()) return json_text(value) + right;
   const auto start = static_cast<size_t>(value.getOffsetStart());
   const std::string written =
       text_.substr(start, static_cast<size_t>(value.getOffsetLimit()) - start);
   if (!is_number(written)) return shortened(written) + " is no number of JSON; it" + right;
-  const bool fits = value.isInt() && value.asInt() >= what.lowest && value.asInt() <= what.highest;
-  return fits ? "" : shortened(written) + right;
+  return value.isInt() && what.fits(value.asInt()) ? "" : shortened(written) + right;
 }
 
 std::string settings_reader::fault_of_word(const Json::Value& value, const setting& what) {
@@ -210,18 +199,6 @@ void settings_reader::check_ports() {
   add_error("ports.to: " + std::to_string(last) + " should be at least " + std::to_string(needed) +
             ", so that there is an even port from ports.from, " + std::to_string(first) +
             ", on and the one above it");
-}
-
-std::vector<std::string> settings_reader::names_in(const std::string& prefix) const {
-  std::vector<std::string> names;
-  for (const setting& one : known_) {
-    const std::string key = one.key;
-    if (key.compare(0, prefix.size(), prefix) != 0) continue;
-    std::string name = key.substr(prefix.size());
-    name.resize(std::min(name.size(), name.find('.')));
-    if (names.empty() || names.back() != name) names.push_back(std::move(name));
-  }
-  return names;
 }
 
 void settings_reader::add_error(const std::string& what) {

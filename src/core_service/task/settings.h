@@ -6,9 +6,10 @@
 // Any thread. Needs no media: the command line tool checks its file with this, too.
 #pragma once
 
-#include <array>
 #include <string>
 #include <vector>
+
+#include "core_service/task/field.h"
 
 namespace zelta::core_service {
 
@@ -21,14 +22,8 @@ struct recorder_settings {
   int sound = 0;  // of RTP: 0, as it comes, where a file takes it; 1, AAC in MP4, encoded anew
 };
 
-// A whole number of a range, or one of a few words, of which it is the place that is kept.
-struct setting {
-  const char* key;  // "ports.from": `from` in the object `ports`
-  int recorder_settings::*value;
-  int lowest = 0;
-  int highest = 0;
-  std::array<const char*, 4> words{};  // none: a number; unused places are null
-};
+// "ports.from" is `from` in the object `ports`.
+using setting = field<int recorder_settings::*>;
 
 // All that there are.
 const std::vector<setting>& known_settings();
