@@ -106,7 +106,7 @@ std::shared_ptr<decode_graph::track> decode_graph::add_track(int number,
     events_.missing({name_of(kind.kind), kind.name, error});
     return nullptr;
   }
-  const auto t = std::make_shared<track>();
+  auto t = std::make_shared<track>();
   t->kind = &kind;
   t->number = number;
   t->since = first.time;

@@ -61,7 +61,7 @@ void guard(GstElement* decoder, const codec& from, std::function<void()> refused
 
 }  // namespace
 
-void guard_decoders(GstElement* branch, const codec& from, std::function<void()> refused) {
+void guard_decoders(GstElement* branch, const codec& from, const std::function<void()>& refused) {
   for (GstElement* const decoder : decoders_in(branch)) {
     for (const char* const name : {"max-threads", "threads"}) {
       if (g_object_class_find_property(G_OBJECT_GET_CLASS(decoder), name) == nullptr) continue;

@@ -11,6 +11,6 @@ namespace zelta::core_service::media {
 // Prepares the decoders in `branch`, which takes pictures of the codec `from`: they start no
 // threads of their own, which would serve a user without a mark, and see nothing of pictures that
 // are too large to be decoded. `refused` comes on a streaming thread whenever such begin.
-void guard_decoders(GstElement* branch, const codec& from, std::function<void()> refused);
+void guard_decoders(GstElement* branch, const codec& from, const std::function<void()>& refused);
 
 }  // namespace zelta::core_service::media
