@@ -396,6 +396,31 @@ TEST_F(FormatTest, TakesFromCapsWhatFilesNeed) {
   }
 }
 
+// What a decoder has to see to isn't for a file that takes packets as they come.
+TEST(FormatCapsTest, OpusIsPlainWherePacketsSayItAll) {
+  const std::pair<const char*, bool> rows[] = {
+      {"audio/x-opus,rate=44100,channels=1", true},
+      {"audio/x-opus,channels=2,channel-mapping-family=0", true},
+      {"audio/x-opus,channels=2,channel-mapping-family=1", false},
+      {"audio/x-opus,channels=6,channel-mapping-family=1", false},
+      {"audio/x-opus", false},
+      {"audio/x-opus,channels=1,streamheader=(buffer)<4f707573486561640101380180bb0000000000>",
+       true},
+      {"audio/x-opus,channels=1,streamheader=(buffer)<4f707573486561640101380180bb0000010000>",
+       false},
+      {"audio/x-opus,channels=1,streamheader=(buffer)<4f707573486561640101380180bb000000ec00>",
+       false},
+      {"audio/x-opus,channels=1,streamheader=(buffer)<4f7075734865616401>", true},
+  };
+  for (const auto& [given, plain] : rows) {
+    const caps_ptr caps(gst_caps_from_string(given));
+    const format_ptr format = format_of(caps.get());
+    ASSERT_NE(format, nullptr) << given;
+    EXPECT_EQ(format->caps == nullptr, plain) << given;
+    EXPECT_EQ(format->sample_rate, 48000) << given;
+  }
+}
+
 // ---- Decoding times ------------------------------------------------------------------------
 
 TEST(DecodeTimesTest, NeverGoBackAndAreNeverLaterThanPresentation) {

@@ -266,6 +266,23 @@ TEST_F(ModesTest, PicturesSayHowTheyAreToBeTurned) {
   }
 }
 
+TEST_F(ModesTest, PicturesThatCannotBeDecodedCostNoSound) {
+  make_media(
+      "testsrc=rate=10:duration=2:size=160x120 -f lavfi -i sine=duration=6 -c:v libvpx -bsf:v "
+      "noise=amount=2 -c:a aac",
+      room() + "8.mkv");
+  config.decodeVideo = VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE;
+  join_folder({{"user in 8"}});
+  ASSERT_TRUE(handler.wait_for("user out 8"));
+  release();
+  EXPECT_EQ(fields(manifest()["missing"][0], {"uid", "medium"}), "8 decoded video");
+  ASSERT_EQ(files().size(), 2U);
+  const std::string loudness =
+      output_of("ffmpeg -hide_banner -nostats -sseof -1 -i " + path_of(1) +
+                " -af volumedetect -f null - 2>&1 | grep -c 'mean_volume: -2'");
+  EXPECT_EQ(loudness, "1\n") << "silence is at -91 dB";
+}
+
 TEST_F(ModesTest, SlowApplicationLosesFramesAndNoRecording) {
   config.decodeVideo = VIDEO_FORMAT_YUV_FRAME_TYPE;
   // Holds up the engine's thread, and with it the pipe, while five seconds of pictures come.

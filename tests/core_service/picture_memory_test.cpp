@@ -143,12 +143,13 @@ TEST_F(PictureMemoryTest, EveryDecoderMakesItsPicturesThere) {
       ADD_FAILURE() << lost.reason;
     };
     decode_graph graph(1, consumers({seen}), 1, now(), loop,
-                       {[] {}, on_missing, [&loop] { loop.stop(); }});
+                       {[] {}, on_missing, [&loop] { loop.stop(); },
+                        [](const std::string& why) { ADD_FAILURE() << why; }});
     bin_feed feed(1, std::move(bin), true, loop, {});
     feed.start({true, false},
                {[](kinds) {}, nullptr,
                 [&graph](int track, const encoded_unit& unit) { graph.push(track, unit); },
-                [](int) {}, on_missing, [&graph](const std::string&) { graph.finish(); }});
+                [](int) {}, on_missing, [&graph](const std::string&) { graph.finish({}); }});
     loop.run(false);
     EXPECT_GT(seen->pictures, 0) << what;
     EXPECT_EQ(seen->elsewhere, 0) << what;

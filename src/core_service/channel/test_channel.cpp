@@ -133,7 +133,8 @@ std::string video_description(const test_script& script, uint32_t uid) {
 
 std::string audio_description(const test_script& script, uint32_t uid) {
   const std::map<std::string, std::string> encoders{
-      {"opus", "opusenc ! opusparse"},
+      // With the channels, so that they are known before the first packet.
+      {"opus", "opusenc ! opusparse ! capsfilter caps=audio/x-opus,channels=1"},
       {"aac", "avenc_aac ! aacparse"},
       {"pcmu", "audioresample ! audio/x-raw,rate=8000 ! mulawenc"},
       {"pcma", "audioresample ! audio/x-raw,rate=8000 ! alawenc"}};

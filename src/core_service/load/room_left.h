@@ -13,7 +13,7 @@ namespace zelta::core_service::load {
 // Of the machine, or below the control group's limit, whichever is less; UINT64_MAX: unknown.
 uint64_t free_bytes();
 
-// A pipeline of a user's media, with a decoder of several threads.
+// More than a pipeline of a user's media takes.
 constexpr size_t kGraphThreads = 16;
 
 // Empty when `count` more threads can be had, by trying: limits of the user, of the control group

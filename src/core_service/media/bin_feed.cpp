@@ -9,6 +9,7 @@
 
 #include "core_service/media/decoder_guard.h"
 #include "core_service/media/format_caps.h"
+#include "core_service/media/picture_size.h"
 #include "core_service/media/thread_marks.h"
 
 namespace zelta::core_service::media {
@@ -20,8 +21,10 @@ constexpr int kStopLimitMs = 3000;
 constexpr media_time kKeyFrameInterval = 1s;
 // Whoever leaves sooner may not have sent one yet.
 constexpr media_time kFirstUnitPatience = 5s;
-// What a file's demuxers and its two tracks take, or two generated ones.
-constexpr size_t kThreads = 8;
+// A file's demuxers, its tracks, and an encoder of several threads.
+constexpr size_t kThreads = 16;
+// Of some ten seconds: a loop that stands still for longer is not waited for.
+constexpr int kMostWaiting = 1000;
 
 GstPadProbeReturn drop(GstPad* /*pad*/, GstPadProbeInfo* /*info*/, gpointer /*unused*/) {
   return GST_PAD_PROBE_DROP;
@@ -35,12 +38,14 @@ caps_ptr caps_of(GstPad* pad) {
   return caps;
 }
 
-// The sender's word for how to turn its pictures, in degrees clockwise.
-int rotation_of(const GstTagList* tags, int present) {
+// The sender's word: "rotate-90", "flip-rotate-180".
+picture_turn turn_of(const GstTagList* tags, picture_turn present) {
   char* text = nullptr;
   if (gst_tag_list_get_string(tags, GST_TAG_IMAGE_ORIENTATION, &text) == FALSE) return present;
   const std::unique_ptr<char, void (*)(void*)> owner(text, g_free);
-  return std::strncmp(text, "rotate-", 7) == 0 ? std::atoi(text + 7) : 0;
+  const bool flipped = std::strncmp(text, "flip-", 5) == 0;
+  const char* const rest = text + (flipped ? 5 : 0);
+  return {std::strncmp(rest, "rotate-", 7) == 0 ? std::atoi(rest + 7) : 0, flipped};
 }
 
 // The buffer's own memory, held as long as anybody holds the bytes.
@@ -93,11 +98,11 @@ void bin_feed::start(kinds taken, events told) {
   events_ = std::move(told);
   watch_.emplace(
       pipeline_.get(), poster_.loop(),
-      bus_watch::events{[this] { end("end of media"); },
+      bus_watch::events{[this] { end("end of media", false); },
                         [this](const std::string& why, const std::string& /*from*/, bool /*disk*/) {
                           // What comes behind the end is its consequence.
                           if (!over_) leave_out({"all", "", why});
-                          end("error: " + why);
+                          end("error: " + why, true);
                         },
                         [this](const GstCaps* caps) { leave_out_unknown(caps); }});
   if (complete_) {
@@ -181,7 +186,6 @@ void bin_feed::attach(GstPad* pad) {
   const auto t = std::make_shared<track>();
   t->kind = kind;
   t->since = now();
-  t->source.reset(GST_PAD(gst_object_ref(pad)));
   GstElement* const led_to = add(pipeline_.get(), std::move(made));
   if (anew) {
     guard_decoders(led_to, *c, [this, t, c] {
@@ -189,7 +193,7 @@ void bin_feed::attach(GstPad* pad) {
       leave_out({name_of(c->kind), c->name, "its pictures are too large to decode"});
     });
   }
-  receive(t, led_to);
+  receive(t, pad, led_to);
   {
     const std::lock_guard<std::mutex> guard(lock_);
     tracks_.push_back(t);
@@ -200,10 +204,11 @@ void bin_feed::attach(GstPad* pad) {
 }
 
 // All tracks of a bin are found before any of them plays, so this is known before the first unit.
+// Of several the first is the likely one.
 void bin_feed::expect(const codec& kind, const GstCaps* caps) {
   if (kind.kind != media_kind::kAudio) return;
   const format_ptr format = format_of(caps);
-  if (!format) return;
+  if (!format || format->channels == 0 || std::exchange(sound_expected_, true)) return;
   poster_.post([this, format] { events_.sound_expected(format); });
 }
 
@@ -245,23 +250,25 @@ void bin_feed::leave_out_unknown(const GstCaps* caps) {
 
 // ---- Units ---------------------------------------------------------------------------------
 
-void bin_feed::receive(const std::shared_ptr<track>& t, GstElement* branch) {
-  add_probe(t->source.get(), GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [t](GstPadProbeInfo* info) {
+void bin_feed::receive(const std::shared_ptr<track>& t, GstPad* pad, GstElement* branch) {
+  GstElement* const sink = child(branch, "units");
+  t->out.reset(gst_element_get_static_pad(sink, "sink"));
+  add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [t](GstPadProbeInfo* info) {
     GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
     if (type_of(event) == GST_EVENT_TAG) {
       GstTagList* tags = nullptr;
       gst_event_parse_tag(event, &tags);
-      t->rotation = rotation_of(tags, t->rotation);
+      t->turn = turn_of(tags, t->turn);
     }
     return GST_PAD_PROBE_OK;
   });
   ++open_sinks_;
   on_samples(
-      child(branch, "units"), [this, t](GstSample* from) { on_sample(t, from); },
+      sink, [this, t](GstSample* from) { on_sample(t, from); },
       [this, t] {
         const bool last = --open_sinks_ == 0;
         poster_.post([this, t, last] {
-          events_.ended(t->number);
+          events_.track_ended(t->number);
           // A bin has sinks of its own, which this end doesn't reach.
           if (last && stopped_) done();
         });
@@ -273,12 +280,7 @@ void bin_feed::on_sample(const std::shared_ptr<track>& t, GstSample* from) {
   if (!take_sample(from, pipeline_.get(), sample)) return;
   if (sample.caps.get() != t->caps.get()) {
     t->caps.reset(gst_caps_ref(sample.caps.get()));
-    const format_ptr found = format_of(sample.caps.get());
-    // The same object while nothing changes that a file says once.
-    if (!found || !t->format || !(*found == *t->format)) t->format = found;
-    if (!found && !t->refused.exchange(true)) {
-      leave_out({name_of(t->kind->kind), t->kind->name, "it doesn't say its format"});
-    }
+    follow_format(*t, sample.caps.get());
   }
   if (!t->format) return;
   t->seen = true;
@@ -290,8 +292,30 @@ void bin_feed::on_sample(const std::shared_ptr<track>& t, GstSample* from) {
   unit.decode_time = sample.decode_time;
   unit.duration = sample.duration;
   unit.key = sample.key;
-  unit.rotation = t->rotation;
-  poster_.post([this, number = t->number, unit = std::move(unit)] { events_.unit(number, unit); });
+  unit.turn = t->turn;
+  if (waiting_ >= kMostWaiting) {
+    ++lost_;
+    return;
+  }
+  ++waiting_;
+  poster_.post([this, number = t->number, unit = std::move(unit)] {
+    --waiting_;
+    events_.unit(number, unit);
+  });
+}
+
+// The same object while nothing changes that a file, or a decoder of sound, is told once.
+void bin_feed::follow_format(track& t, const GstCaps* caps) {
+  const format_ptr found = format_of(caps);
+  if (!found && !t.refused.exchange(true)) {
+    leave_out({name_of(t.kind->kind), t.kind->name,
+               "it doesn't say its format, or has pictures of more than " +
+                   std::to_string(kMostPixelsAcross) + " pixels a side"});
+  }
+  const bool same = found && t.format && *found == *t.format &&
+                    (t.kind->kind == media_kind::kVideo || !found->caps || !t.format->caps ||
+                     gst_caps_is_equal(found->caps.get(), t.format->caps.get()) != FALSE);
+  if (!same) t.format = found;
 }
 
 void bin_feed::request_key_frame() {
@@ -304,7 +328,8 @@ void bin_feed::request_key_frame() {
   }
   for (const auto& t : tracks) {
     if (t->kind->kind != media_kind::kVideo) continue;
-    gst_pad_send_event(t->source.get(),
+    // From behind the encoder, if it is ours.
+    gst_pad_push_event(t->out.get(),
                        gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
   }
 }
@@ -355,11 +380,15 @@ void bin_feed::tell_what_never_came(media_time patience) {
   });
 }
 
-// By itself.
-void bin_feed::end(const std::string& why) {
+// By itself. Why nothing came of what failed is told.
+void bin_feed::end(const std::string& why, bool failed) {
   if (stopped_) return done();
   if (std::exchange(over_, true)) return;
-  tell_what_never_came(0s);
+  if (failed) {
+    gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+  } else {
+    tell_what_never_came(0s);
+  }
   // Behind the units that are still on their way through the loop.
   poster_.post([this, why] {
     if (!stopped_) events_.over(why);

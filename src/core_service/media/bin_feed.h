@@ -3,6 +3,8 @@
 //
 //     bin ─▶ parse ─▶ units                        what is kept as it came
 //     bin ─▶ decode ─▶ encode ─▶ parse ─▶ units    pictures that no file takes
+//
+// Thread rule: as media_feed says.
 #pragma once
 
 #include <atomic>
@@ -38,18 +40,19 @@ class bin_feed final : public media_feed {
   void start(kinds taken, events told) override;
   void stop(std::function<void()> stopped) override;
   void request_key_frame() override;
+  uint64_t lost_packets() const override { return lost_; }
 
  private:
   // A pad of the bin that units come of.
   struct track {
     const codec* kind = nullptr;  // of the units
     int number = 0;
-    pad_ptr source;
+    pad_ptr out;  // where its units come out
     media_time since{};
     // It is told already that nothing of it comes out.
     std::atomic<bool> refused{false};
     std::atomic<bool> seen{false};
-    std::atomic<int> rotation{0};
+    std::atomic<picture_turn> turn{picture_turn{}};
     // On the streaming thread.
     caps_ptr caps;
     format_ptr format;
@@ -67,13 +70,14 @@ class bin_feed final : public media_feed {
   void discard(GstPad* pad);
   bool is_taken(media_kind kind) const;
   void expect(const codec& kind, const GstCaps* caps);
-  void receive(const std::shared_ptr<track>& t, GstElement* branch);
+  void receive(const std::shared_ptr<track>& t, GstPad* pad, GstElement* branch);
+  void follow_format(track& t, const GstCaps* caps);
   void on_sample(const std::shared_ptr<track>& t, GstSample* from);
   void note_kinds();
   void leave_out(missing_medium what);
   void leave_out_unknown(const GstCaps* caps);
   void tell_what_never_came(media_time patience);
-  void end(const std::string& why);
+  void end(const std::string& why, bool failed);
   void done();
 
   const uint32_t uid_;
@@ -91,11 +95,15 @@ class bin_feed final : public media_feed {
   std::vector<std::shared_ptr<track>> tracks_;
   std::vector<link> links_;
   media_time key_asked_{};
+  bool sound_expected_ = false;
 
   // Ends that have not seen the end of their stream.
   std::atomic<int> open_sinks_{0};
   // Whether the bin had anything that is recorded, not asked for, or told as missing.
   std::atomic<bool> offered_{false};
+  // Units that are on their way to the loop.
+  std::atomic<int> waiting_{0};
+  std::atomic<uint64_t> lost_{0};
   bool over_ = false;
   std::function<void()> stopped_;
   base::scoped_timer give_up_timer_;

@@ -55,14 +55,10 @@ decode_graph::decode_graph(uint32_t uid, consumers to, int channels, media_time 
   const clock_ptr clock(gst_system_clock_obtain());
   gst_pipeline_use_clock(GST_PIPELINE(pipeline_.get()), clock.get());
   mark_threads(pipeline_.get(), uid_, stage_of);
-  watch_.emplace(
-      pipeline_.get(), loop,
-      bus_watch::events{[this] { done(); },
-                        [this](const std::string& why, const std::string& /*from*/, bool /*disk*/) {
-                          events_.missing({"what is decoded", "", why});
-                          finishing_ = true;
-                          done();
-                        }});
+  watch_.emplace(pipeline_.get(), loop,
+                 bus_watch::events{[this] { done(); },
+                                   [this](const std::string& why, const std::string& /*from*/,
+                                          bool /*disk*/) { fail(why); }});
   gst_element_set_start_time(pipeline_.get(), GST_CLOCK_TIME_NONE);
   gst_element_set_base_time(pipeline_.get(), static_cast<GstClockTime>(zero_.count()));
   gst_element_set_state(pipeline_.get(), GST_STATE_PLAYING);
@@ -76,13 +72,13 @@ decode_graph::~decode_graph() {
 // ---- Tracks --------------------------------------------------------------------------------
 
 void decode_graph::push(int number, const encoded_unit& unit) {
-  if (finishing_) return;
+  if (finishing_ || finished_) return;
   remove_ended();
   const auto [at, is_new] = tracks_.try_emplace(number);
   if (is_new) at->second = add_track(number, unit);
   if (!at->second) return;
   track& to = *at->second;
-  if (unit.rotation != to.rotation) turn(to, unit.rotation);
+  if (!(unit.turn == to.turn.load())) turn(to, unit.turn);
   const media_sample made = to.samples.of(unit);
   const auto since_zero = [this](media_time time) {
     return static_cast<GstClockTime>(std::max(time - zero_, media_time::zero()).count());
@@ -150,6 +146,7 @@ void decode_graph::end_track(int number) {
 void decode_graph::remove_ended() {
   for (; !ended_.empty() && now() - ended_.front().since > kLastUnits; ended_.pop_front()) {
     const track& gone = *ended_.front().was;
+    tell_if_silent(gone, ended_.front().since - kFirstOutputPatience);
     gst_element_set_state(gone.branch, GST_STATE_NULL);
     gst_bin_remove(GST_BIN(pipeline_.get()), gone.branch);
     const std::lock_guard<std::mutex> guard(choice_lock_);
@@ -159,10 +156,11 @@ void decode_graph::remove_ended() {
 }
 
 // Those who turn pictures themselves are told in the stream.
-void decode_graph::turn(track& t, int rotation) {
-  t.rotation = rotation;
-  GstTagList* const tags = gst_tag_list_new(
-      GST_TAG_IMAGE_ORIENTATION, ("rotate-" + std::to_string(rotation)).c_str(), nullptr);
+void decode_graph::turn(track& t, picture_turn by) {
+  t.turn = by;
+  const std::string told =
+      std::string(by.flipped ? "flip-" : "") + "rotate-" + std::to_string(by.degrees);
+  GstTagList* const tags = gst_tag_list_new(GST_TAG_IMAGE_ORIENTATION, told.c_str(), nullptr);
   gst_element_send_event(t.source, gst_event_new_tag(tags));
 }
 
@@ -208,7 +206,7 @@ std::string decode_graph::video_branch(const codec& c) const {
 // time.
 void decode_graph::receive(const std::shared_ptr<track>& t, const char* name,
                            std::function<void(GstSample*, const media_sample&)> take) {
-  ++open_sinks_;
+  ++t->open_sinks;
   on_samples(
       child(t->branch, name),
       [this, t, take = std::move(take)](GstSample* from) {
@@ -217,10 +215,23 @@ void decode_graph::receive(const std::shared_ptr<track>& t, const char* name,
         t->seen = true;
         if (is_current(*t, sample.time)) take(from, sample);
       },
-      [this] {
-        if (--open_sinks_ > 0) return;
-        poster_.post([this] { done(); });
-      });
+      [this, t] { on_end(*t); });
+}
+
+// On the sink's thread.
+void decode_graph::on_end(track& t) {
+  if (--t.open_sinks > 0) return;
+  poster_.post([this] {
+    if (!has_open_sinks()) done();
+  });
+}
+
+bool decode_graph::has_open_sinks() const {
+  const bool of_ended = std::any_of(ended_.begin(), ended_.end(),
+                                    [](const ended_track& one) { return one.was->open_sinks > 0; });
+  return of_ended || std::any_of(tracks_.begin(), tracks_.end(), [](const auto& one) {
+           return one.second && one.second->open_sinks > 0;
+         });
 }
 
 void decode_graph::connect_sound(const std::shared_ptr<track>& t) {
@@ -238,7 +249,8 @@ void decode_graph::connect_sound(const std::shared_ptr<track>& t) {
 void decode_graph::connect_video(const std::shared_ptr<track>& t) {
   if (child(t->branch, "h264") != nullptr) {
     receive(t, "h264", [this, t](GstSample* /*from*/, const media_sample& sample) {
-      to_.each(form::kAccessUnits, [&](consumer& one) { one.on_access_unit(sample, t->rotation); });
+      to_.each(form::kAccessUnits,
+               [&](consumer& one) { one.on_access_unit(sample, t->rotation()); });
     });
   }
   if (to_.takes(form::kUprightPictures)) {
@@ -254,13 +266,13 @@ void decode_graph::connect_video(const std::shared_ptr<track>& t) {
     offer_picture_memory(in.get());
     receive(t, "pictures", [this, t](GstSample* from, const media_sample& sample) {
       to_.each(form::kPictures,
-               [&](consumer& one) { one.on_picture(from, sample.time, t->rotation); });
+               [&](consumer& one) { one.on_picture(from, sample.time, t->rotation()); });
     });
   }
   if (!to_.takes(form::kStills)) return;
   pick_stills(t);
   receive(t, "stills", [this, t](GstSample* /*from*/, const media_sample& sample) {
-    to_.each(form::kStills, [&](consumer& one) { one.on_still(sample, t->rotation); });
+    to_.each(form::kStills, [&](consumer& one) { one.on_still(sample, t->rotation()); });
   });
 }
 
@@ -293,32 +305,41 @@ void decode_graph::leave_out(track& t, missing_medium what) {
 
 // ---- The end -------------------------------------------------------------------------------
 
-void decode_graph::finish() {
-  if (std::exchange(finishing_, true)) return;
+void decode_graph::finish(media_time patience) {
+  if (std::exchange(finishing_, true) || finished_) return;
   for (const auto& [number, one] : tracks_) {
     if (one) gst_app_src_end_of_stream(GST_APP_SRC(one->source));
   }
-  poster_.post([this, at = now()] { tell_what_never_came(at); });
+  silent_since_ = now() - patience;
   // Nothing was to be decoded, or all tracks have ended before.
-  if (open_sinks_ == 0) return poster_.post([this] { done(); });
+  if (!has_open_sinks()) return poster_.post([this] { done(); });
   give_up_timer_ = {poster_.loop(), kFinishLimitMs, [this] { done(); }};
 }
 
-void decode_graph::tell_what_never_came(media_time at) {
-  for (const auto& [number, one] : tracks_) {
-    if (!one || one->seen || one->refused || at - one->since < kFirstOutputPatience) continue;
-    const bool video = one->kind->kind == media_kind::kVideo;
-    events_.missing({video ? "decoded video" : "audio", one->kind->name,
-                     "nothing of it could be parsed or decoded"});
-  }
+void decode_graph::tell_if_silent(const track& t, media_time since) const {
+  if (t.seen || t.refused || t.since > since) return;
+  const bool video = t.kind->kind == media_kind::kVideo;
+  events_.missing({video ? "decoded video" : "audio", t.kind->name,
+                   "nothing of it could be parsed or decoded"});
 }
 
 void decode_graph::done() {
   if (!finishing_ || std::exchange(finished_, true)) return;
+  for (const auto& [number, one] : tracks_) {
+    if (one) tell_if_silent(*one, silent_since_);
+  }
+  for (const ended_track& one : ended_) tell_if_silent(*one.was, silent_since_);
   give_up_timer_.stop();
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
   // Behind the samples that are still on their way through the loop.
-  poster_.post([this] { events_.finished(); });
+  poster_.post([finished = events_.finished] { finished(); });
+}
+
+void decode_graph::fail(const std::string& why) {
+  if (std::exchange(finished_, true)) return;
+  give_up_timer_.stop();
+  gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
+  poster_.post([failed = events_.failed, why] { failed(why); });
 }
 
 }  // namespace zelta::core_service::media

@@ -8,8 +8,8 @@
 //     units ─▶ decode ─▶ sound                                    48 kHz, 16 bits
 //
 // Only the branches that are taken are built. Every track, that of a sender who starts again with a
-// new SSRC included, gets a branch of its own. Every user has a pipeline of their own, so that an
-// error of one user's media costs nobody else anything.
+// new SSRC included, gets a branch of its own. Every user has a pipeline of their own for sound,
+// and one for pictures, so that an error of one costs nobody else anything, nor the other.
 //
 // Thread rule: all functions on the recorder's loop thread. What comes out comes on the threads
 // that a consumer's form says.
@@ -44,11 +44,13 @@ class decode_graph {
   struct events {
     // Any thread: a decoder needs a picture that can be decoded by itself.
     std::function<void()> need_key_frame;
-    // Something can't be decoded; what else there is, is. On the loop's thread, as the next.
+    // Something can't be decoded. On the loop's thread, as all that follows.
     std::function<void(const missing_medium& what)> missing;
-    // Nothing more comes out: after finish(), or for an error. The graph may be destroyed from
-    // inside the call.
+    // After finish(): all has come out. The graph may be destroyed from inside the call, as from
+    // that of the next.
     std::function<void()> finished;
+    // Nothing comes out any more; with finish() or without.
+    std::function<void(const std::string& why)> failed;
   };
 
   // `channels` of sound. `zero`: no unit is of a time before it.
@@ -61,8 +63,9 @@ class decode_graph {
   void push(int track, const encoded_unit& unit);
   // Nothing more comes of it: what it has comes out.
   void end_track(int track);
-  // What was pushed comes out, within a bound; events::finished follows.
-  void finish();
+  // What was pushed comes out, within a bound; events::finished follows. That nothing came out is
+  // told of tracks that have sent for `patience`.
+  void finish(media_time patience);
   // Between two stills; a second at first.
   void set_still_interval(media_time interval) { still_interval_ = interval.count(); }
 
@@ -77,8 +80,13 @@ class decode_graph {
     // It is told already that nothing of it comes out.
     std::atomic<bool> refused{false};
     std::atomic<bool> seen{false};
-    std::atomic<int> rotation{0};
+    std::atomic<picture_turn> turn{picture_turn{}};
+    // Ends that have not seen the end of the stream.
+    std::atomic<int> open_sinks{0};
     int64_t next_still = 0;
+
+    // What pictures that are not turned yet are to be turned by, clockwise.
+    int rotation() const { return turn.load().flipped ? 0 : turn.load().degrees; }
   };
   struct ended_track {
     media_time since;
@@ -87,7 +95,7 @@ class decode_graph {
 
   std::shared_ptr<track> add_track(int number, const encoded_unit& first);
   void remove_ended();
-  void turn(track& t, int rotation);
+  static void turn(track& t, picture_turn by);
   std::string decode_queue() const;
   std::string video_branch(const codec& c) const;
   std::string sound_branch(const codec& c) const;
@@ -98,8 +106,11 @@ class decode_graph {
   void pick_stills(const std::shared_ptr<track>& t);
   bool is_current(const track& t, media_time time);
   void leave_out(track& t, missing_medium what);
-  void tell_what_never_came(media_time at);
+  void tell_if_silent(const track& t, media_time since) const;
+  bool has_open_sinks() const;
+  void on_end(track& t);
   void done();
+  void fail(const std::string& why);
 
   const uint32_t uid_;
   const consumers to_;
@@ -119,8 +130,8 @@ class decode_graph {
   track_choice current_video_;
   track_choice current_sound_;
 
-  // Ends that have not seen the end of their stream.
-  std::atomic<int> open_sinks_{0};
+  // Of a track that has sent since then something should have come out.
+  media_time silent_since_{};
   bool finishing_ = false;
   bool finished_ = false;
   base::scoped_timer give_up_timer_;

@@ -29,7 +29,7 @@ struct stream_format {
   int channels = 0;
   // Content of the box "avcC", "hvcC" or "av1C"; empty for codecs that have none.
   std::vector<uint8_t> config;
-  // What a decoder is told beyond that, where the source of the stream has said more.
+  // What a decoder is told in place of that, where the source of the stream has said more.
   std::shared_ptr<GstCaps> caps;
 
   bool operator==(const stream_format& other) const {
@@ -38,11 +38,21 @@ struct stream_format {
            sample_rate == other.sample_rate && channels == other.channels && config == other.config;
   }
 };
+// How pictures are turned by whoever shows them.
+struct picture_turn {
+  int degrees = 0;       // clockwise
+  bool flipped = false;  // and before that mirrored, left for right
+
+  bool operator==(const picture_turn& other) const {
+    return degrees == other.degrees && flipped == other.flipped;
+  }
+};
+
 using format_ptr = std::shared_ptr<const stream_format>;
 
-// One access unit, placed on the timeline. H.264 and HEVC in NAL units, each behind its length in
-// four bytes (ISO/IEC 14496-15); AV1 in OBUs with their sizes, without temporal delimiters; all
-// others as their RTP payload has them.
+// One access unit, placed on the timeline. H.264 and HEVC in NAL units, each behind its length
+// (ISO/IEC 14496-15), which is four bytes where it came by RTP; AV1 in OBUs with their sizes; all
+// others as a container has them.
 struct encoded_unit {
   shared_bytes bytes;
   format_ptr format;
@@ -52,8 +62,7 @@ struct encoded_unit {
   bool key = false;          // needs no other picture
   // Of sound, by its sender: so many dB below the loudest that there can be.
   std::optional<uint8_t> level;
-  // Of pictures, for display: so many degrees clockwise.
-  int rotation = 0;
+  picture_turn turn = {};  // of pictures, for display
 
   media_time end() const { return time + duration; }
 };

@@ -12,6 +12,7 @@ namespace zelta::core_service::media {
 namespace {
 
 constexpr int kOpusRate = 48'000;
+constexpr size_t kOpusGain = 16;  // place of the output gain in an OpusHead (RFC 7845, section 5.1)
 constexpr size_t kAv1FixedBytes = 4;  // of the box "av1C", up to the sequence header
 
 struct caps_row {
@@ -65,6 +66,26 @@ bool read_picture(const GstStructure* fields, stream_format& out) {
   return is_picture_size(out.width, out.height);
 }
 
+// Where packets are all that counts, nothing is left of what their encoder's own file said: how
+// much of its beginning to skip is another matter in ours.
+void read_opus(const GstStructure* fields, stream_format& out) {
+  // Its clock has one rate (RFC 7587, section 4.1), whatever was recorded once.
+  out.sample_rate = kOpusRate;
+  const GValue* const headers = gst_structure_get_value(fields, "streamheader");
+  const GValue* const first =
+      headers != nullptr && GST_VALUE_HOLDS_ARRAY(headers) && gst_value_array_get_size(headers) > 0
+          ? gst_value_array_get_value(headers, 0)
+          : nullptr;
+  const std::vector<uint8_t> head = first != nullptr && GST_VALUE_HOLDS_BUFFER(first)
+                                        ? bytes_of(gst_value_get_buffer(first))
+                                        : std::vector<uint8_t>();
+  const bool has_gain =
+      head.size() >= kOpusGain + 2 && (head[kOpusGain] | head[kOpusGain + 1]) != 0;
+  const bool plain = (out.channels == 1 || out.channels == 2) && !has_gain &&
+                     int_of(fields, "channel-mapping-family") == 0;
+  if (plain) out.caps.reset();
+}
+
 }  // namespace
 
 caps_ptr caps_of(const stream_format& format) {
@@ -100,8 +121,7 @@ format_ptr format_of(const GstCaps* caps) {
   if (kind->kind == media_kind::kAudio) {
     made->sample_rate = int_of(fields, "rate");
     made->channels = int_of(fields, "channels");
-    // Its clock has one rate (RFC 7587, section 4.1), whatever was recorded once.
-    if (std::strcmp(kind->name, "opus") == 0) made->sample_rate = kOpusRate;
+    if (std::strcmp(kind->name, "opus") == 0) read_opus(fields, *made);
     return made;
   }
   if (!read_picture(fields, *made)) return nullptr;

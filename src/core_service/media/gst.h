@@ -38,9 +38,6 @@ struct sample_unref {
 struct buffer_unref {
   void operator()(GstBuffer* buffer) const { gst_buffer_unref(buffer); }
 };
-struct event_unref {
-  void operator()(GstEvent* event) const { gst_event_unref(event); }
-};
 
 using element_ptr = std::unique_ptr<GstElement, object_unref>;
 using pad_ptr = std::unique_ptr<GstPad, object_unref>;
@@ -50,7 +47,6 @@ using caps_ptr = std::unique_ptr<GstCaps, caps_unref>;
 using message_ptr = std::unique_ptr<GstMessage, message_unref>;
 using sample_ptr = std::unique_ptr<GstSample, sample_unref>;
 using buffer_ptr = std::unique_ptr<GstBuffer, buffer_unref>;
-using event_ptr = std::unique_ptr<GstEvent, event_unref>;
 
 // A bin of the elements that `description` names in gst-launch syntax, its open ends as pads "sink"
 // and "src". Null, with `error`, when an element is missing.

@@ -20,7 +20,7 @@ struct kinds {
   bool sound = true;
 };
 
-// All of it on the loop's thread, but where it says so.
+// All of it on the loop's thread, its destruction too, but where it says so.
 class media_feed {
  public:
   struct events {
@@ -32,7 +32,7 @@ class media_feed {
     // A track is known by its number, which is never used twice. Its first unit begins it.
     std::function<void(int track, const encoded_unit& unit)> unit;
     // Nothing more comes of the track.
-    std::function<void(int track)> ended;
+    std::function<void(int track)> track_ended;
     // Something can't be recorded; what else there is, is.
     std::function<void(const missing_medium& what)> missing;
     // Nothing more comes, because the media has ended by itself; stop() is to follow.
@@ -51,7 +51,7 @@ class media_feed {
   virtual void stop(std::function<void()> stopped) = 0;
   // Any thread: asks for a picture that needs no other.
   virtual void request_key_frame() = 0;
-  // Packets that have come and found no room here, because the machine was too busy.
+  // Packets, or units, that have come and found no room here, because the machine was too busy.
   virtual uint64_t lost_packets() const { return 0; }
   // After stop(): some were not even read, because there were so many.
   virtual bool left_unread() const { return false; }

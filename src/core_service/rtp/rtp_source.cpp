@@ -59,7 +59,7 @@ class rtp_feed final : public media::media_feed {
   void start(media::kinds /*taken*/, events told) override {
     told.kinds_known(may_come_);
     if (likely_sound_) told.sound_expected(likely_sound_);
-    plane_->mail.enter(reader_, {std::move(told.unit), std::move(told.ended),
+    plane_->mail.enter(reader_, {std::move(told.unit), std::move(told.track_ended),
                                  [this](uint64_t lost_packets, bool unread) {
                                    lost_packets_ = lost_packets;
                                    left_unread_ = unread;

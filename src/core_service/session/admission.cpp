@@ -77,14 +77,14 @@ std::string admission::shortage() const {
   return shortage_beyond(users_.size_with_leaving());
 }
 
-void admission::offered(uint32_t uid, const media::open_media& open) {
+void admission::offered(uint32_t uid, const media::open_media& media) {
   const int64_t now = base::tick_ms();
   const std::string want = shortage();
   if (!want.empty()) return turn_away(uid, want, now);
   if (rules_.room() == 0 || now > work_until_ms_) {
     return turn_away(uid, kTooBusy, now + kTellBusyMs);
   }
-  std::shared_ptr<media::media_feed> from = open();
+  std::shared_ptr<media::media_feed> from = media();
   if (!from) return;
   const size_t wanted = from->threads();
   const std::string threads = wanted > 0 ? load::shortage_of_threads(wanted) : "";

@@ -41,7 +41,7 @@ class admission {
   // Users may come.
   void open();
   // A user is in the channel; `media` opens what they send.
-  void offered(uint32_t uid, const media::open_media& open);
+  void offered(uint32_t uid, const media::open_media& media);
   // Is in the channel no more. Whether they waited.
   bool gone(uint32_t uid);
   bool anybody_waits() const { return !waiting_.empty(); }

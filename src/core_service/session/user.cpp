@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "core_service/load/room_left.h"
-
 namespace zelta::core_service {
 namespace {
 
@@ -17,10 +15,7 @@ constexpr int kFileBitsPerSecond = 64'000;
 // What was captured before a stop may take so long to arrive.
 constexpr media_time kStopPatience = 300ms;
 constexpr media_time kSoundPatience = 1s;
-// Of what is decoded: no unit is older than the first by so much.
-constexpr media_time kOldest = 10s;
 constexpr media_time kFirstKeyFramePatience = 5s;
-constexpr media_time kThreadsPatience = 5s;
 constexpr const char* kUnread =
     "the last ones were not read in time, because the machine was too busy";
 
@@ -43,12 +38,14 @@ user::user(uint32_t uid, std::shared_ptr<media::media_feed> from, const recordin
       feed_(std::move(from)),
       lateness_(feed_->lateness()) {
   make_consumers(may_decode_pictures, engine, std::move(mix));
+  decoders_ =
+      std::make_unique<decoders>(uid_, consumers_, plan_.channels, feed_, destination_.loop,
+                                 decoders::events{events_.missing, [this] { on_media_end(); }});
 }
 
 user::~user() {
-  // Each feeds what goes behind it.
-  feed_.reset();
-  graph_.reset();
+  // Its threads ask the feed for key frames, and must not be the last to hold it.
+  decoders_.reset();
 }
 
 void user::make_consumers(bool may_decode_pictures, engine_link& engine,
@@ -92,29 +89,8 @@ std::shared_ptr<files::files_consumer> user::make_files() {
       std::move(files), plan_.keep_opus, destination_,
       files::file_series::events{[this] { request_key_frame(); }, events_.failed,
                                  [this] {
-                                   if (media_ended_ && finished_) tell_finished();
+                                   if (files_stopped_ && finished_) tell_finished();
                                  }});
-}
-
-// False: the machine has no threads for it.
-bool user::make_graph(media_time first) {
-  const bool failed_before = graph_failed_ > media_time::zero();
-  if (failed_before && first - graph_failed_ < kThreadsPatience) return false;
-  const std::string shortage = load::shortage_of_threads(load::kGraphThreads);
-  if (!shortage.empty()) {
-    graph_failed_ = first;
-    wants_key_ = true;
-    events_.missing({"what is decoded", "", shortage});
-    return false;
-  }
-  graph_ = std::make_unique<media::decode_graph>(
-      uid_, consumers_, plan_.channels, first - kOldest, destination_.loop,
-      media::decode_graph::events{[from = std::weak_ptr<media::media_feed>(feed_)] {
-                                    if (const auto alive = from.lock()) alive->request_key_frame();
-                                  },
-                                  events_.missing, [this] { on_graph_finished(); }});
-  graph_->set_still_interval(still_interval_);
-  return true;
 }
 
 // ---- Media in units ------------------------------------------------------------------------
@@ -126,7 +102,7 @@ bool user::has(media::media_kind kind) const {
 void user::on_unit(int track, const media::encoded_unit& unit) {
   const media::codec& kind = *unit.format->kind;
   const bool video = kind.kind == media::media_kind::kVideo;
-  const bool taken = video ? consumers_.takes(form::kCodedPictures) || wants_decoded(kind)
+  const bool taken = video ? consumers_.takes(form::kCodedPictures) || decoders_->wanted(kind.kind)
                            : consumers_.takes(form::kSound);
   if (!taken) return;
   on_first(unit);
@@ -136,11 +112,11 @@ void user::on_unit(int track, const media::encoded_unit& unit) {
   if (counts && !video && files_) files_->expect_sound(unit.format, unit.time);
   // What it says of itself may make decoding superfluous.
   if (counts) hand_on(unit);
-  if (wants_decoded(kind)) {
+  if (decoders_->wanted(kind.kind)) {
     // Sound that doesn't count needs no decoder of its own.
-    if (video || counts) decode(track, unit);
+    if (video || counts) decoders_->push(track, unit);
   } else if (video) {
-    wants_key_ = true;
+    decoders_->skipped_picture();
   }
   if (!counts && video && choice.is_free(unit.time)) request_key_frame();
 }
@@ -164,21 +140,6 @@ void user::hand_on(const media::encoded_unit& unit) {
   const media::media_sample sample = video_samples_.of(unit);
   consumers_.each(form::kCodedPictures,
                   [&](media::consumer& one) { one.on_coded_picture(sample, kind); });
-}
-
-bool user::wants_decoded(const media::codec& kind) const {
-  if (kind.kind == media::media_kind::kAudio) return consumers_.wants(form::kSound);
-  return consumers_.wants(form::kAccessUnits) || consumers_.wants(form::kPictures) ||
-         consumers_.wants(form::kUprightPictures) || consumers_.wants(form::kStills);
-}
-
-void user::decode(int track, const media::encoded_unit& unit) {
-  if (graph_ended_) return;
-  if (unit.format->kind->kind == media::media_kind::kVideo) {
-    if (wants_key_ && !unit.key) return request_key_frame();
-    wants_key_ = false;
-  }
-  if (graph_ || make_graph(unit.time)) graph_->push(track, unit);
 }
 
 // Whoever left soon may not have sent one.
@@ -215,10 +176,10 @@ void user::start() {
     if (files_) files_->expect_sound(sound, media::now());
   };
   told.unit = [this](int track, const media::encoded_unit& unit) { on_unit(track, unit); };
-  told.ended = [this](int track) {
+  told.track_ended = [this](int track) {
     video_choice_.ended(track);
     sound_choice_.ended(track);
-    if (graph_) graph_->end_track(track);
+    decoders_->end_track(track);
   };
   told.missing = events_.missing;
   told.over = [this](const std::string& why) { events_.ended(end_of_media(why)); };
@@ -251,8 +212,7 @@ void user::measure_volume(bool wanted) {
 }
 
 void user::set_still_interval(int seconds) {
-  still_interval_ = std::chrono::seconds(seconds);
-  if (graph_) graph_->set_still_interval(still_interval_);
+  decoders_->set_still_interval(std::chrono::seconds(seconds));
 }
 
 void user::leave_out(bool stills, bool application_pictures) {
@@ -270,25 +230,13 @@ void user::finish(const files::recording_end& why, std::function<void()> finishe
     count_losses();
     if (feed_->left_unread()) events_.missing({"packets", "", kUnread});
     tell_undecodable();
-    drain();
+    const bool by_itself = *finish_reason_ == files::recording_end(files::end_reason::kEndOfMedia);
+    decoders_->finish(by_itself ? media_time::zero() : kFirstKeyFramePatience);
   });
 }
 
-// Nothing more comes in.
-void user::drain() {
-  drained_ = true;
-  if (graph_ && !graph_ended_) return graph_->finish();
-  on_media_end();
-}
-
-// What a decoder can't go on with is recorded all the same.
-void user::on_graph_finished() {
-  graph_ended_ = true;
-  if (drained_) on_media_end();
-}
-
 void user::on_media_end() {
-  media_ended_ = true;
+  files_stopped_ = true;
   if (!files_) return poster_.post([this] { tell_finished(); });
   files::file_series& series = files_->series();
   // Media that ended by itself ends where its last sound or picture does.
@@ -306,11 +254,11 @@ void user::tell_finished() const {
 }
 
 void user::tick() {
-  const std::string fault = !media_ended_ ? feed_->fault() : "";
+  const std::string fault = !files_stopped_ ? feed_->fault() : "";
   if (!fault.empty()) events_.missing({"all", "", fault});
   count_losses();
   // Between the end of the sender and the end of what it sent nothing is missing.
-  const bool draining = finish_reason_ && !media_ended_;
+  const bool draining = finish_reason_ && !files_stopped_;
   if (files_ && !draining) files_->series().tick();
   const media_time until = media::now() - lateness_ - kSoundPatience;
   consumers_.each([until](media::consumer& one) { one.fill_sound(until); });

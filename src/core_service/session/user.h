@@ -15,10 +15,10 @@
 #include "core_service/files/stills_consumer.h"
 #include "core_service/frames/frames_consumer.h"
 #include "core_service/media/consumer.h"
-#include "core_service/media/decode_graph.h"
 #include "core_service/media/media_feed.h"
 #include "core_service/media/track_choice.h"
 #include "core_service/media/volume_meter.h"
+#include "core_service/session/decoders.h"
 #include "core_service/task/recording_plan.h"
 
 namespace zelta::core_service {
@@ -70,16 +70,11 @@ class user {
   void make_consumers(bool may_decode_pictures, engine_link& engine,
                       std::shared_ptr<media::consumer> mix);
   std::shared_ptr<files::files_consumer> make_files();
-  bool make_graph(media::media_time first);
   void on_unit(int track, const media::encoded_unit& unit);
   void on_first(const media::encoded_unit& unit);
   void hand_on(const media::encoded_unit& unit);
-  bool wants_decoded(const media::codec& kind) const;
-  void decode(int track, const media::encoded_unit& unit);
   void tell_undecodable();
   void request_key_frame();
-  void on_graph_finished();
-  void drain();
   void on_media_end();
   void tell_finished() const;
 
@@ -96,24 +91,18 @@ class user {
   std::optional<media::media_time> first_video_;
   bool has_sound_ = false;
   bool serving_ = false;
-  bool graph_ended_ = false;
-  // Pictures were not decoded: they are again from a key frame on.
-  bool wants_key_ = false;
-  media::media_time graph_failed_{};
-  media::media_time still_interval_ = std::chrono::seconds(1);
   uint64_t lost_packets_ = 0;
 
   media::consumers consumers_;
   // Of them, those that are asked for more; null where nobody wants them.
   std::shared_ptr<files::files_consumer> files_;
   std::shared_ptr<media::volume_meter> volume_;
-  // Decodes what somebody wants decoded, and is there once it is needed.
-  std::unique_ptr<media::decode_graph> graph_;
+  std::unique_ptr<decoders> decoders_;
   std::optional<files::recording_end> finish_reason_;
   std::function<void()> finished_;
   media::media_time finish_time_{};
-  bool media_ended_ = false;
-  bool drained_ = false;  // nothing more comes in
+  // All that came has been handed on.
+  bool files_stopped_ = false;
 };
 
 }  // namespace zelta::core_service

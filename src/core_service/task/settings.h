@@ -19,7 +19,7 @@ struct recorder_settings {
   int most_users = 0;  // 0: as many as the machine takes
   int first_port = 0;  // 0: no bound on that side
   int last_port = 0;
-  int sound = 0;  // of RTP: 0, as it comes, where a file takes it; 1, AAC in MP4, encoded anew
+  int sound = 0;  // 0: as it comes, where a file takes it; 1, AAC in MP4, encoded anew
 };
 
 // "ports.from" is `from` in the object `ports`.

@@ -4,6 +4,7 @@
 #include <memory>
 #include <string>
 
+#include <openssl/crypto.h>
 #include <openssl/evp.h>
 #include <srtp2/cipher.h>
 
@@ -21,6 +22,11 @@ struct free_context {
 };
 
 struct aes : srtp_cipher_t {
+  aes() = default;
+  aes(const aes&) = delete;
+  aes& operator=(const aes&) = delete;
+  ~aes() { OPENSSL_cleanse(offset.data(), offset.size()); }
+
   std::unique_ptr<EVP_CIPHER_CTX, free_context> context;
   const EVP_CIPHER* algorithm_used = nullptr;
   // Of counter mode: the salt, and two bytes in which the blocks are counted.
