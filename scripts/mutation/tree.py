@@ -56,12 +56,14 @@ class Tree:
 
     def run(self, suite):
         """None when it passes, else what failed first."""
-        said = self._run(suite, suite.filter, suite.shards)
-        case = re.search(r"\[  FAILED  \] ([\w./]+)", said or "")
-        if case is None or "/" in case[1]:
-            return said and (case[1] if case else said[-80:])
-        # Once more: a machine that had no time to spare is no proof.
-        return case[1] if self._run(suite, case[1], 1) else None
+        for said in self._run(suite, suite.filter, suite.shards):
+            case = re.search(r"\[  FAILED  \] ([\w./]+)", said)
+            if case is None or "/" in case[1]:
+                return case[1] if case else said[-80:]
+            # Once more: a machine that had no time to spare is no proof. What another shard has seen may be one.
+            if self._run(suite, case[1], 1):
+                return case[1]
+        return None
 
     def _run(self, suite, cases, shards):
         def limits():
@@ -77,9 +79,9 @@ class Tree:
         running = [subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, preexec_fn=limits,
                                     env={**self.environment, "GTEST_TOTAL_SHARDS": str(shards),
                                          "GTEST_SHARD_INDEX": str(index)}) for index in range(shards)]
-        failure = None
+        failures = []
         for process in running:
             said = process.communicate()[0].decode(errors="replace")
-            if process.returncode != 0 and failure is None:
-                failure = said + ("(timeout)" if process.returncode in (124, 137) else f"(status {process.returncode})")
-        return failure
+            if process.returncode != 0:
+                failures.append(said + ("(timeout)" if process.returncode in (124, 137) else f"(status {process.returncode})"))
+        return failures

@@ -78,12 +78,12 @@ packet_reader::result packet_reader::read_some(size_t bound_bytes) {
 packet_reader::step packet_reader::read_once(size_t& total) {
   iovec parts[2];
   int count = 0;
-  const size_t payload_left = in_large_frame_ ? payload_->size() - payload_filled_ : 0;
+  const size_t payload_left = in_large_frame_ ? payload_.size() - payload_filled_ : 0;
   size_t wanted = std::min(capacity_ - end_, window_);
   if (payload_left > kReadBytes) {
-    parts[count++] = {payload_->data() + payload_filled_, wanted = kReadBytes};
+    parts[count++] = {payload_.data() + payload_filled_, wanted = kReadBytes};
   } else {
-    if (payload_left > 0) parts[count++] = {payload_->data() + payload_filled_, payload_left};
+    if (payload_left > 0) parts[count++] = {payload_.data() + payload_filled_, payload_left};
     parts[count++] = {buffer_.get() + end_, wanted};
     wanted += payload_left;
   }
@@ -108,7 +108,7 @@ packet_reader::step packet_reader::read_once(size_t& total) {
 bool packet_reader::deliver_buffered() {
   for (;;) {
     if (in_large_frame_) {
-      if (payload_filled_ < payload_->size() || buffered() < fields_bytes_) return true;
+      if (payload_filled_ < payload_.size() || buffered() < fields_bytes_) return true;
       deliver_large_frame();
       continue;
     }
@@ -156,11 +156,10 @@ bool packet_reader::start_large_frame(size_t total_bytes) {
   window_ = kHeadBytes;
   payload_position_ = *position;
   fields_bytes_ = body_bytes - payload_bytes;
-  choose_payload(payload_bytes);
-  payload_->resize(payload_bytes);
+  payload_.resize(payload_bytes);
   const size_t after_head = buffered() - kLengthPrefixBytes - *position;
   payload_filled_ = std::min(after_head, payload_bytes);
-  std::memcpy(payload_->data(), body + *position, payload_filled_);
+  std::memcpy(payload_.data(), body + *position, payload_filled_);
   const size_t tail = after_head - payload_filled_;
   std::memmove(buffer_.get(), body, *position);
   std::memmove(buffer_.get() + *position, body + *position + payload_filled_, tail);
@@ -169,19 +168,9 @@ bool packet_reader::start_large_frame(size_t total_bytes) {
   return true;
 }
 
-// The smallest that is large enough, else the one that has to grow the least.
-void packet_reader::choose_payload(size_t bytes) {
-  const auto better = [bytes](const std::string& one, const std::string& other) {
-    const bool fits = one.size() >= bytes;
-    if (fits != (other.size() >= bytes)) return fits;
-    return fits ? one.size() < other.size() : one.size() > other.size();
-  };
-  payload_ = std::min_element(payloads_.begin(), payloads_.end(), better);
-}
-
 void packet_reader::deliver_large_frame() {
   in_large_frame_ = false;
-  unpacker u(begin(), fields_bytes_, *payload_, payload_position_);
+  unpacker u(begin(), fields_bytes_, payload_, payload_position_);
   const auto uri = load<uint16_t>(begin());
   begin_ += fields_bytes_;
   receiver_.on_packet(u, uri);

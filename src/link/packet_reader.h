@@ -2,7 +2,6 @@
 // The receiving end of a link: turns a stream of bytes into packets.
 #pragma once
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -53,7 +52,6 @@ class packet_reader {
   bool deliver_buffered();
   bool start_large_frame(size_t total_bytes);
   void deliver_large_frame();
-  void choose_payload(size_t bytes);
   void make_room(size_t bytes);
 
   char* begin() { return buffer_.get() + begin_; }
@@ -84,10 +82,7 @@ class packet_reader {
   int large_frames_lately_ = 0;
 
   bool in_large_frame_ = false;
-  // Storage for payloads. Several, because a string that grows is filled with zeros first: pictures
-  // of two sizes in turn find one of their own size.
-  std::array<std::string, 4> payloads_;
-  std::string* payload_ = payloads_.data();
+  std::string payload_;
   size_t payload_filled_ = 0;
   size_t payload_position_ = 0;
   // Length of the body without its payload.

@@ -85,7 +85,7 @@ packet_writer::result packet_writer::send_frame(const packet& p, payload data, b
   }
   entry added;
   const auto add = [&added](const char* from, size_t size) {
-    if (size > 0) added.spans[added.count++] = {from, size};
+    added.spans[added.count++] = {from, size};
   };
   // Both ends of the packet stand in one block, or the first could be let go of too early.
   char* const ends = room_locked(packer_.length());

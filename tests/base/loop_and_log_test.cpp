@@ -12,13 +12,17 @@
 #include <gtest/gtest.h>
 #include <sys/eventfd.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <syslog.h>
 
 #include "base/clocks.h"
 #include "base/event_loop.h"
 #include "base/log_file.h"
+#include "base/logger.h"
+#include "base/poster.h"
 #include "base/safe_log.h"
+#include "base/scoped_timer.h"
 #include "support/pipe.h"
 #include "support/temp_dir.h"
 
@@ -172,6 +176,27 @@ TEST(EventLoop, WritingIsWatchedOnlyWhileWanted) {
   EXPECT_EQ(context.seen.size(), 1U);
 }
 
+TEST(EventLoop, WhatAnOwnerWantedEndsWithIt) {
+  event_loop loop;
+  std::string done;
+  poster owner(loop);
+  scoped_timer stopped(loop, 1, [&] { done += "stopped "; });
+  scoped_timer timer;
+  timer = {loop, 20, [&] {
+             done += "timer";
+             timer = {};
+             loop.stop();
+           }};
+  owner.post([&] {
+    done += "posted ";
+    stopped.stop();
+    owner.post([&] { done += "too late "; });
+    owner.forget();
+  });
+  loop.run(false);
+  EXPECT_EQ(done, "posted timer");
+}
+
 // ---- The log -------------------------------------------------------------------------------
 
 class LogTest : public ::testing::Test {
@@ -201,13 +226,15 @@ TEST_F(LogTest, LineHasTimeLevelModuleAndMessage) {
       << "100%s " << 4294967295U;
   safe_log(folder, "f", 1, WARN_LOG, ZELTA_LOG_MODULE_ANY).stream();
   std::locale::global(before);
+  logger(folder, ZELTA_LOG_MODULE_IPC).with("a").with("b").notice("c");
   const auto lines = lines_of(text());
-  ASSERT_EQ(lines.size(), 3U);
+  ASSERT_EQ(lines.size(), 4U);
   EXPECT_EQ(lines[0].substr(23), "Z error ipc two lines");
   EXPECT_EQ(lines[0][10], 'T');
   const std::string pid = "(" + std::to_string(getpid()) + ") ";
   EXPECT_EQ(lines[1].substr(25), "warn recording_engine " + pid + "src/x.cpp:7: 100%s 4294967295");
   EXPECT_EQ(lines[2].substr(25), "warn any " + pid + "f:1: ");
+  EXPECT_EQ(lines[3].substr(25), "notice ipc a: b: c");
 }
 
 TEST_F(LogTest, LevelAndModuleFilter) {
@@ -251,6 +278,22 @@ TEST_F(LogTest, ErrorThatItsFolderCannotTakeIsSeenOnStandardError) {
   EXPECT_NE(seen.find("no folder yet"), std::string::npos);
   EXPECT_NE(seen.find("error ipc (" + std::to_string(getpid()) + ") x.cpp:7: nowhere"),
             std::string::npos);
+}
+
+// A loop that watches more than its process may have fails as one does for which there is no
+// memory.
+TEST_F(LogTest, PollThatFailsIsAnErrorAndTriedAgain) {
+  event_loop loop;
+  rlimit usual{};
+  ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &usual), 0);
+  const rlimit none{0, usual.rlim_max};
+  ::testing::internal::CaptureStderr();
+  setrlimit(RLIMIT_NOFILE, &none);
+  loop.post([&loop] { loop.post([&loop] { loop.stop(); }); });
+  loop.run(false);
+  setrlimit(RLIMIT_NOFILE, &usual);
+  EXPECT_EQ(::testing::internal::GetCapturedStderr().substr(24, 50),
+            " error common poll: Invalid argument; trying again");
 }
 
 TEST_F(LogTest, RotatesKeepingFour) {

@@ -290,6 +290,17 @@ TEST(PacketWriter, RefusesPastItsLimitAndKeepsTheOrder) {
   EXPECT_EQ(stream.seen, stream.sent);
 }
 
+TEST(PacketWriter, KeepsBackNothingButSmallFrames) {
+  WrittenStream stream(1 << 20);
+  for (int round = 0; round < 20; ++round, stream.exchange()) {
+    stream.send(1);
+    stream.writer->send(leave_packet(), room::kLimited);
+    EXPECT_EQ(stream.writer->queued_bytes(), 0U) << "a command takes along what was gathered";
+    stream.send(1);
+    EXPECT_EQ(stream.send(300'000), result::kQueued) << "more than is gathered";
+  }
+}
+
 TEST(PacketWriter, IsBrokenForGoodOnceNobodyReads) {
   std::signal(SIGPIPE, SIG_IGN);
   WrittenStream stream(1 << 20);
@@ -301,8 +312,9 @@ TEST(PacketWriter, IsBrokenForGoodOnceNobodyReads) {
   EXPECT_EQ(stream.writer->send(leave_packet(), room::kAlways), result::kBroken);
   EXPECT_EQ(stream.pool.held(), 0U) << "nobody can see what becomes of it";
   WrittenStream half(1 << 20);
-  EXPECT_EQ(half.send(300'000), result::kQueued);
+  EXPECT_EQ(half.send(300'000, true), result::kQueued);
   half.writer->close();
+  EXPECT_EQ(half.writer->queued_bytes() + half.writer->replaceable_bytes(), 0U);
   EXPECT_EQ(half.pool.held(), 1U) << "a part of it can still be read";
 }
 
@@ -351,6 +363,14 @@ TEST(RecorderProcess, IsWaitedForOnceAndNeverSignalledAgain) {
   auto gone = std::move(*child);
   EXPECT_TRUE(gone.wait(std::chrono::milliseconds(0)));
   EXPECT_EQ(gone.how_ended(), "exit status 5");
+  // Where the application ignores its children's ends, the kernel keeps none.
+  std::signal(SIGCHLD, SIG_IGN);
+  auto unkept = link::recorder_process::start({"/bin/sleep", "60"}, {}, pipe.read.get(),
+                                              pipe.write.get(), error);
+  const bool ended = unkept && *unkept->end(std::chrono::seconds(0), std::chrono::seconds(10));
+  std::signal(SIGCHLD, SIG_DFL);
+  ASSERT_TRUE(ended) << error;
+  EXPECT_EQ(unkept->how_ended(), "status unknown");
 }
 
 }  // namespace

@@ -83,6 +83,9 @@ TEST_F(FolderShareTest, RelaunchFindsItsOwnAgainWhateverElseIsFree) {
   EXPECT_EQ(after_a_relaunch(), "journal_4.json");
   std::filesystem::remove(dir.path() + "journal_4.json");
   EXPECT_EQ(after_a_relaunch(), "journal_2.json") << "without a journal it is as any other";
+  journal(1, me);
+  journal(2, me);
+  EXPECT_EQ(after_a_relaunch(), "journal.json") << "an earlier one's of the same name comes second";
 }
 
 TEST_F(FolderShareTest, ShareOfASessionThatWaitsForItsRelaunchIsLeftToIt) {

@@ -84,7 +84,8 @@ TEST_F(ManifestTest, SuccessorClosesWhatItsPredecessorWrote) {
   EXPECT_EQ(fields(files[0], {"closed", "duration_ms", "width", "height", "kind", "video_codec",
                               "audio_codec"}),
             "recorder died 2500 1920 1080 video h264 opus");
-  EXPECT_EQ(fields(files[1], {"closed", "channel_id"}), "user left room");
+  EXPECT_EQ(fields(files[1], {"closed", "channel_id", "first_utc_ms", "duration_ms"}),
+            "user left room 0 0");
   EXPECT_EQ(fields(files[2], {"name", "channel_id"}), "new hall");
 }
 

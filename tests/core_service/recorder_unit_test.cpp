@@ -301,7 +301,7 @@ TEST(SessionDescription, SaysWhereAndHow) {
     std::string text =
         one.address + ":" + std::to_string(one.port) + " " + std::to_string(one.rtcp_port) +
         (one.rtcp_mux ? " mux" : "") + (one.srtp ? " srtp" : "") +
-        (one.level_extension > 0 ? " level " + std::to_string(one.level_extension) : "");
+        (one.level_extension != 0 ? " level " + std::to_string(one.level_extension) : "");
     for (const auto& [number, caps] : one.caps) {
       const auto payload = rtp::payload_of(caps.get());
       text += " " + std::to_string(number) + "=" + payload.kind->name + "/" +
@@ -388,7 +388,8 @@ TEST(Journal, SuccessorReadsWhatItsPredecessorWrote) {
   EXPECT_NE(error.find("another session, \"1@2 0 room\""), std::string::npos) << error;
   for (const char* broken :
        {"", "[]", "{\"version\":2}", "{\"version\":1,\"layout\":\"0\"}",
-        "{\"version\":1,\"layout\":\"zz\"}", "{\"version\":1,\"left_out\":{\"7\":3}}",
+        "{\"version\":1,\"layout\":\"zz\"}", "{\"version\":1,\"layout\":\"1g\"}",
+        "{\"version\":1,\"left_out\":{\"7\":3}}",
         "{\"version\":1,\"user_backgrounds\":{\"x\":\"y\"}}"}) {
     dir.file("journal.json", broken);
     EXPECT_FALSE(second.load(error)) << broken;
@@ -498,7 +499,25 @@ TEST(RecorderOptions, LastOfTwoCommandLinesWinsAndBadValuesAreNamed) {
   EXPECT_EQ(last.values->uid, 0U);
   EXPECT_EQ(last.values->log_level, 4);
   EXPECT_EQ(last.values->recording_file_dir, "./");
+  EXPECT_EQ(last.values->read_fd, -1) << "no engine";
+  EXPECT_EQ(last.values->write_fd, -1);
   EXPECT_TRUE(last.values->unknown.empty());
+}
+
+TEST(RecorderOptions, AreAllInTheHelpInTheirOrder) {
+  option_parser parser;
+  std::istringstream help(parse(parser, "p --help").message);
+  std::string names;
+  for (std::string word; help >> word;) {
+    if (word.rfind("--", 0) == 0) names += word.substr(2) + " ";
+  }
+  EXPECT_EQ(names,
+            "app_id channel_key channel_id uid audio_only video_only mix mixedVideoAudio live "
+            "encrypt_mode encrypt_secret chunk_time_span idle decode_audio decode_video "
+            "capture_interval audio_indication_interval syslog_fclt streamType serviceMode "
+            "recording_file_dir vocs vocs_port vos vos_port mix_resolution min_port max_port "
+            "triggerMode lang proxy_server audioProfile defaultVideoBg defaultUserBg logLevel "
+            "enabledModules avSyncType recoveryid recoverytime read write ");
 }
 
 TEST(RecordingPlan, IsWhatTheCommandLineAsksFor) {

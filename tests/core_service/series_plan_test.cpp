@@ -281,6 +281,13 @@ TEST(SeriesPlan, SoundGoesOnWhereAFileHasFailed) {
       1000 failed 1          >
       3040 tick              > fill 2040
       3041 tick              > open 2 m4a a 2040 aac, fill 2041)");
+  PlayedSeries again(kAll);
+  again.begins_anew = true;
+  again.play(R"(
+      1000 start             > key
+      1000 stop 1000 0       > end 1000, fill 1000
+      1000 done 0            > stopped, key
+      1000 state             > recording)");
   // Whose end was planned already, and whose wasn't.
   play(kAll, R"(
       1000 start             > key

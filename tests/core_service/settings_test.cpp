@@ -59,7 +59,7 @@ TEST(Settings, AreRefusedWithEveryErrorInWords) {
         "50001, on and the one above it"}},
       {R"({"ports": [1, {"a": null}]})",
        {"ports: [1,{\"a\":null}] should be an object with from, to"}},
-      {R"({"soud": "aac"})", {"soud" + unknown}},
+      {R"({"soud": "aac", "azAZ09_": 1})", {"azAZ09_" + unknown, "soud" + unknown}},
       {R"({"ports": {"form": 1}})", {"ports.form: no such setting; from, to are"}},
       {R"({"ports.from": 2000})", {"\"ports.from\"" + unknown}},
       {R"({"": 1, "most_users\u0000": 1})", {"\"\"" + unknown, R"("most_users\u0000")" + unknown}},
@@ -88,6 +88,8 @@ TEST(Settings, AreRefusedWithAnExampleWhereTheyAreNoObject) {
   const std::string too_deep = "can't be read: Exceeded stackLimit in readValue().";
   const std::pair<std::string, std::string> rows[] = {
       {R"({"most_users": 1, "most_users": 2})", "Line 1, Column 19: Duplicate key: 'most_users'"},
+      {"{\"\x1b \x7f \xff\": 1, \"\x1b \x7f \xff\": 2}",
+       "Line 1, Column 14: Duplicate key: '? ? ?'"},
       {R"({"most_users": 1,})", "Line 1, Column 18: Missing '}' or object member name"},
       {"\n{} // 1", "Line 2, Column 4: Extra non-whitespace after JSON value."},
       {"", "Line 1, Column 1: Syntax error: value, object or array expected."},

@@ -53,6 +53,7 @@ class PlayedSeries : private core_service::files::series_plan::executor {
 
   recording_end why = core_service::files::end_reason::kUserLeft;
   bool opens = true;
+  bool begins_anew = false;  // where it has stopped
 
  private:
   using moment = series_plan::media_time;
@@ -173,7 +174,10 @@ class PlayedSeries : private core_service::files::series_plan::executor {
     if (position >= end) position.reset();
   }
   void change_sound() override { note("change"); }
-  void stopped() override { note("stopped"); }
+  void stopped() override {
+    note("stopped");
+    if (begins_anew) plan.start(now);
+  }
   std::optional<moment> first_kept() const override { return kept; }
   std::optional<moment> last_heard() const override { return latest; }
   std::optional<moment> sound_position() const override { return position; }

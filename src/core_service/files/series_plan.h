@@ -19,8 +19,8 @@
 // There are no clock, media and files here: what happens comes in with its time, and what is to be
 // done about it goes to an executor, which does it before the call returns.
 //
-// Thread rule: one thread. From inside the executor's calls only on_sound() and place() may be
-// called.
+// Thread rule: one thread. From inside the executor's calls, other than stopped(), only on_sound()
+// and place() may be called.
 #pragma once
 
 #include <list>
@@ -97,7 +97,7 @@ class series_plan {
     virtual void end_sound(media_time at) = 0;
     // Sound is taken from now on in the form that is being told of.
     virtual void change_sound() = 0;
-    // After stop(): all files are complete. May destroy the plan.
+    // After stop(): all files are complete. May destroy the plan, or start it.
     virtual void stopped() = 0;
 
     // Time of the first sound that is kept for a stretch to come.

@@ -141,7 +141,6 @@ void track::put_fragment(box_writer& to, size_t count, uint32_t data_offset) con
 }
 
 uint64_t track::take(size_t count, uint64_t offset, std::vector<buffer_ptr>& payload) {
-  if (count == 0) return 0;
   const uint64_t bytes = payload_bytes(count);
   chunks_.emplace_back(offset, static_cast<uint32_t>(count));
   for (size_t i = 0; i < count; ++i) {

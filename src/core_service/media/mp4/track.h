@@ -41,8 +41,8 @@ class track {
   }
   // The box "traf" of these samples, whose payload begins at `data_offset` from the box "moof".
   void put_fragment(box_writer& to, size_t count, uint32_t data_offset) const;
-  // Moves the samples out of the way and into the tables; their payload begins at `offset` in the
-  // file and goes to `payload`. Returns its size in bytes.
+  // Moves the samples, of which there is one at least, out of the way and into the tables; their
+  // payload begins at `offset` in the file and goes to `payload`. Returns its size in bytes.
   uint64_t take(size_t count, uint64_t offset, std::vector<buffer_ptr>& payload);
   uint64_t payload_bytes(size_t count) const;
 
