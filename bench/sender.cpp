@@ -54,7 +54,7 @@ class source {
     picture_.reset(gst_sample_new(sample_.buffer.get(), sample_.caps.get(), nullptr, nullptr));
   }
 
-  void send(frame_kind kind, media::frame_sender& to) {
+  void send(frame_kind kind, core_service::frame_sender& to) {
     switch (kind) {
       case frame_kind::kYuv:
         return to.send_yuv(picture_.get(), media::media_time(0), 0);
@@ -85,8 +85,8 @@ class stand_in final : private core_service::engine_listener {
                           : link::packet_writer::large::kWrite) {
     link_.listen(*this);
     for (int user = 0; user < what.users; ++user) {
-      senders_.push_back(std::make_unique<media::frame_sender>(
-          media::frame_labels{static_cast<uint32_t>(user + 1), 2}, link_));
+      senders_.push_back(std::make_unique<core_service::frame_sender>(
+          core_service::frame_labels{static_cast<uint32_t>(user + 1), 2}, link_));
     }
   }
 
@@ -166,7 +166,7 @@ class stand_in final : private core_service::engine_listener {
   const load load_;
   base::event_loop loop_;
   core_service::engine_link link_;
-  std::vector<std::unique_ptr<media::frame_sender>> senders_;
+  std::vector<std::unique_ptr<core_service::frame_sender>> senders_;
   std::mutex end_lock_;
   std::condition_variable end_;
   bool ended_ = false;

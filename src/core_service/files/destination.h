@@ -15,7 +15,7 @@ namespace zelta::core_service::files {
 struct destination {
   std::string folder;  // with its slash
   base::event_loop& loop;
-  manifest& files;
+  core_service::manifest& manifest;
   file_writer& disk;
   base::logger log;
 };

@@ -114,15 +114,15 @@ void file_series::on_done(int file, const std::string& error, bool disk) {
   enter(of);
   if (of.file->empty()) {
     // A file without media only puzzles whoever finds it.
-    unlink((destination_.folder + destination_.files.at(of.entry).name).c_str());
-    destination_.files.remove(of.entry);
+    unlink((destination_.folder + destination_.manifest.at(of.entry).name).c_str());
+    destination_.manifest.remove(of.entry);
   } else {
     const std::string why = text_of(of.why);
-    destination_.files.at(of.entry).closed = error.empty() ? why : why + ": " + error;
+    destination_.manifest.at(of.entry).closed = error.empty() ? why : why + ": " + error;
   }
   files_.erase(file);
   plan_.on_file_end(file, !error.empty());
-  destination_.files.changed();
+  destination_.manifest.changed();
   if (!error.empty()) {
     destination_.log.error("a file ended: " + error);
     events_.failed(error, disk);
@@ -165,10 +165,10 @@ bool file_series::open(const series_plan::new_file& wanted) {
   // Until the first media has come back from the file's own thread, and for good when the recorder
   // dies before.
   entry.first_utc_ms = entry.last_utc_ms = utc_ms_of(wanted.begin);
-  of.entry = destination_.files.add(entry);
+  of.entry = destination_.manifest.add(entry);
   if (wanted.begins_stretch) begin_sound(wanted, std::move(encoder));
   update_manifest();
-  destination_.files.changed();
+  destination_.manifest.changed();
   return true;
 }
 
@@ -285,7 +285,7 @@ void file_series::update_manifest() {
 }
 
 void file_series::enter(const open_file& of) {
-  manifest_file& entry = destination_.files.at(of.entry);
+  manifest_file& entry = destination_.manifest.at(of.entry);
   entry.kind = !of.holds.video ? "audio" : of.holds.sound ? "audio_video" : "video";
   if (of.holds.sound) entry.audio_codec = of.sound;
   if (of.video != nullptr) {

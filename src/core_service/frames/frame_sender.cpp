@@ -6,8 +6,10 @@
 
 #include <gst/video/video.h>
 
-namespace zelta::core_service::media {
+namespace zelta::core_service {
 namespace {
+
+using namespace media;
 
 // A buffer that is mapped, and therefore as it is, for as long as the payload is held.
 class mapped_buffer {
@@ -131,4 +133,4 @@ void frame_sender::send_aac(const media_sample& sample) {
   link_.send_sound(aac_, payload_of(sample));
 }
 
-}  // namespace zelta::core_service::media
+}  // namespace zelta::core_service

@@ -12,7 +12,7 @@
 #include "core_service/media/timeline.h"
 #include "protocol/ipc_protocol.h"
 
-namespace zelta::core_service::media {
+namespace zelta::core_service {
 
 // What the frames' packets say besides the media.
 struct frame_labels {
@@ -26,13 +26,13 @@ class frame_sender {
  public:
   frame_sender(frame_labels labels, engine_link& link);
 
-  void send_h264(const media_sample& sample, int rotation);
+  void send_h264(const media::media_sample& sample, int rotation);
   // An I420 picture.
-  void send_yuv(GstSample* picture, media_time time, int rotation);
-  void send_jpg(const media_sample& sample, int rotation);
-  void send_pcm(media_time time, int channels, const int16_t* samples, size_t frames);
+  void send_yuv(GstSample* picture, media::media_time time, int rotation);
+  void send_jpg(const media::media_sample& sample, int rotation);
+  void send_pcm(media::media_time time, int channels, const int16_t* samples, size_t frames);
   // One ADTS frame.
-  void send_aac(const media_sample& sample);
+  void send_aac(const media::media_sample& sample);
 
  private:
   engine_link& link_;
@@ -47,11 +47,11 @@ class frame_sender {
 constexpr int kAacFrameBitsPerSecond = 64'000;
 
 // A stretch of a sound line that goes to the application as PCM, in blocks of 20 ms.
-class pcm_sink : public sound_sink {
+class pcm_sink : public media::sound_sink {
  public:
   pcm_sink(std::shared_ptr<frame_sender> to, int channels)
       : to_(std::move(to)), channels_(channels) {}
-  void on_sound(media_time time, const int16_t* samples, size_t frames) override {
+  void on_sound(media::media_time time, const int16_t* samples, size_t frames) override {
     to_->send_pcm(time, channels_, samples, frames);
   }
   void on_sound_end() override {}
@@ -61,4 +61,4 @@ class pcm_sink : public sound_sink {
   const int channels_;
 };
 
-}  // namespace zelta::core_service::media
+}  // namespace zelta::core_service

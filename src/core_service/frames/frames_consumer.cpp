@@ -14,7 +14,7 @@ frames_consumer::frames_consumer(uint32_t uid, const recording_plan& plan, engin
                                  base::logger log)
     : plan_(plan),
       log_(std::move(log)),
-      to_(std::make_shared<media::frame_sender>(media::frame_labels{uid, plan.avsync_type}, link)) {
+      to_(std::make_shared<frame_sender>(frame_labels{uid, plan.avsync_type}, link)) {
   if (!takes(form::kSound)) return;
   line_.emplace(static_cast<size_t>(plan_.channels), plan_.longest_gap, media::kFrameBlock);
 }
@@ -66,11 +66,11 @@ void frames_consumer::on_sound(media::media_time time, const int16_t* samples, s
 
 void frames_consumer::start_sound(media::media_time time) {
   if (plan_.sound_out == sound_frames::kPcm) {
-    return line_->start(time, std::make_shared<media::pcm_sink>(to_, plan_.channels));
+    return line_->start(time, std::make_shared<pcm_sink>(to_, plan_.channels));
   }
   std::string error;
   auto encoder = media::sound_encoder::make(
-      {media::sound_codec::kAdts, plan_.channels, media::kAacFrameBitsPerSecond},
+      {media::sound_codec::kAdts, plan_.channels, kAacFrameBitsPerSecond},
       {[to = to_](const media::media_sample& sample) { to->send_aac(sample); }, nullptr}, error);
   if (encoder) return line_->start(time, std::move(encoder));
   log_.error("no AAC frames: " + error);

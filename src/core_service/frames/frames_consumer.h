@@ -37,7 +37,7 @@ class frames_consumer final : public media::consumer {
 
   const recording_plan& plan_;
   const base::logger log_;
-  const std::shared_ptr<media::frame_sender> to_;
+  const std::shared_ptr<frame_sender> to_;
   std::optional<media::sound_line> line_;
   std::atomic<bool> serves_{false};
   std::atomic<bool> no_stills_{false};

@@ -54,8 +54,7 @@ bool mix::build(const backgrounds& images, std::string& error) {
   if (plan_.sound_out == sound_frames::kMixedPcm) {
     frame_line_.emplace(static_cast<size_t>(plan_.channels), media_time::zero(),
                         media::kFrameBlock);
-    frames_ =
-        std::make_shared<media::frame_sender>(media::frame_labels{0, plan_.avsync_type}, link_);
+    frames_ = std::make_shared<frame_sender>(frame_labels{0, plan_.avsync_type}, link_);
   }
   mix_graph::outputs to;
   to.video = [this](media::media_sample sample) {
@@ -108,7 +107,7 @@ void mix::on_sound(media_time time, const int16_t* samples, size_t frames) {
   if (sound_files_ != nullptr) sound_files_->sound()->push(time, samples, frames);
   if (!frame_line_ || !serving_) return;
   if (!frame_line_->position()) {
-    frame_line_->start(time, std::make_shared<media::pcm_sink>(frames_, plan_.channels));
+    frame_line_->start(time, std::make_shared<pcm_sink>(frames_, plan_.channels));
   }
   frame_line_->push(time, samples, frames);
 }

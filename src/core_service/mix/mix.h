@@ -93,7 +93,7 @@ class mix {
   std::vector<member> users_;  // in the order of coming
 
   std::atomic<bool> serving_{false};
-  std::shared_ptr<media::frame_sender> frames_;
+  std::shared_ptr<frame_sender> frames_;
   std::optional<media::sound_line> frame_line_;
   std::vector<std::unique_ptr<files::file_series>> series_;
   files::file_series* sound_files_ = nullptr;

@@ -58,7 +58,7 @@ void user::make_consumers(bool may_decode_pictures, engine_link& engine,
   }
   if (plan_.take_video && plan_.jpg_files) {
     all.push_back(std::make_shared<files::stills_consumer>(
-        uid_, destination_.folder, destination_.files, destination_.loop,
+        uid_, destination_.folder, destination_.manifest, destination_.loop,
         files::stills_consumer::events{
             [this](const std::string& why) { events_.failed(why, true); }, events_.missing}));
   }
@@ -154,7 +154,7 @@ void user::tell_undecodable() {
 void user::count_losses() {
   const uint64_t lost = feed_->lost_packets();
   if (lost == lost_packets_) return;
-  destination_.files.count_lost_packets(uid_, lost - lost_packets_);
+  destination_.manifest.count_lost_packets(uid_, lost - lost_packets_);
   if (std::exchange(lost_packets_, lost) > 0) return;
   events_.missing({"packets", "",
                    "they found no room here, because the machine was too busy, or gives "
