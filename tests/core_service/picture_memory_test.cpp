@@ -143,7 +143,7 @@ TEST_F(PictureMemoryTest, EveryDecoderMakesItsPicturesThere) {
       ADD_FAILURE() << lost.reason;
     };
     decode_graph graph(1, consumers({seen}), 1, now(), loop,
-                       {[] {}, on_missing, [&loop] { loop.stop(); },
+                       {[] {}, on_missing, [] {}, [&loop] { loop.stop(); },
                         [](const std::string& why) { ADD_FAILURE() << why; }});
     bin_feed feed(1, std::move(bin), true, loop, {});
     feed.start({true, false},

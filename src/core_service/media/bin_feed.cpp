@@ -164,7 +164,8 @@ void bin_feed::attach(GstPad* pad) {
   if (c == nullptr || !is_taken(c->kind)) return discard(pad);
   const bool anew = c->kept == storage::kAsH264;
   const codec* const kind = anew ? find_codec("h264") : c;
-  std::string branch = std::string(kind->parse) + " ! appsink sync=false async=false name=units";
+  std::string branch = std::string("identity name=asked ! ") + kind->parse +
+                       " ! appsink sync=false async=false name=units";
   if (anew) {
     const std::string again = as_h264(*c, caps.get());
     if (again.empty()) {
@@ -187,18 +188,20 @@ void bin_feed::attach(GstPad* pad) {
   t->kind = kind;
   t->since = now();
   GstElement* const led_to = add(pipeline_.get(), std::move(made));
+  t->asked.reset(gst_element_get_static_pad(child(led_to, "asked"), "sink"));
   if (anew) {
     guard_decoders(led_to, *c, [this, t, c] {
       t->refused = true;
       leave_out({name_of(c->kind), c->name, "its pictures are too large to decode"});
     });
   }
-  receive(t, pad, led_to);
   {
+    // Before it may play, and as it is when it does.
     const std::lock_guard<std::mutex> guard(lock_);
     tracks_.push_back(t);
     t->number = static_cast<int>(tracks_.size());
   }
+  receive(t, pad, led_to);
   expect(*kind, caps.get());
   lead(pad, led_to);
 }
@@ -251,8 +254,6 @@ void bin_feed::leave_out_unknown(const GstCaps* caps) {
 // ---- Units ---------------------------------------------------------------------------------
 
 void bin_feed::receive(const std::shared_ptr<track>& t, GstPad* pad, GstElement* branch) {
-  GstElement* const sink = child(branch, "units");
-  t->out.reset(gst_element_get_static_pad(sink, "sink"));
   add_probe(pad, GST_PAD_PROBE_TYPE_EVENT_DOWNSTREAM, [t](GstPadProbeInfo* info) {
     GstEvent* const event = GST_PAD_PROBE_INFO_EVENT(info);
     if (type_of(event) == GST_EVENT_TAG) {
@@ -264,7 +265,7 @@ void bin_feed::receive(const std::shared_ptr<track>& t, GstPad* pad, GstElement*
   });
   ++open_sinks_;
   on_samples(
-      sink, [this, t](GstSample* from) { on_sample(t, from); },
+      child(branch, "units"), [this, t](GstSample* from) { on_sample(t, from); },
       [this, t] {
         const bool last = --open_sinks_ == 0;
         poster_.post([this, t, last] {
@@ -293,9 +294,11 @@ void bin_feed::on_sample(const std::shared_ptr<track>& t, GstSample* from) {
   unit.duration = sample.duration;
   unit.key = sample.key;
   unit.turn = t->turn;
-  if (waiting_ >= kMostWaiting) {
+  // Without one picture those behind it are of no use before the next key frame.
+  t->broken = waiting_ >= kMostWaiting || (t->broken && !unit.key);
+  if (t->broken) {
     ++lost_;
-    return;
+    return request_key_frame();
   }
   ++waiting_;
   poster_.post([this, number = t->number, unit = std::move(unit)] {
@@ -313,8 +316,9 @@ void bin_feed::follow_format(track& t, const GstCaps* caps) {
                    std::to_string(kMostPixelsAcross) + " pixels a side"});
   }
   const bool same = found && t.format && *found == *t.format &&
-                    (t.kind->kind == media_kind::kVideo || !found->caps || !t.format->caps ||
-                     gst_caps_is_equal(found->caps.get(), t.format->caps.get()) != FALSE);
+                    (t.kind->kind == media_kind::kVideo || found->caps == t.format->caps ||
+                     (found->caps && t.format->caps &&
+                      gst_caps_is_equal(found->caps.get(), t.format->caps.get()) != FALSE));
   if (!same) t.format = found;
 }
 
@@ -328,8 +332,7 @@ void bin_feed::request_key_frame() {
   }
   for (const auto& t : tracks) {
     if (t->kind->kind != media_kind::kVideo) continue;
-    // From behind the encoder, if it is ours.
-    gst_pad_push_event(t->out.get(),
+    gst_pad_push_event(t->asked.get(),
                        gst_video_event_new_upstream_force_key_unit(GST_CLOCK_TIME_NONE, TRUE, 0));
   }
 }

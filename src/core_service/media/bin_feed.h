@@ -41,13 +41,18 @@ class bin_feed final : public media_feed {
   void stop(std::function<void()> stopped) override;
   void request_key_frame() override;
   uint64_t lost_packets() const override { return lost_; }
+  std::string why_lost() const override {
+    return "the recorder was too busy to take what came of them";
+  }
 
  private:
   // A pad of the bin that units come of.
   struct track {
     const codec* kind = nullptr;  // of the units
     int number = 0;
-    pad_ptr out;  // where its units come out
+    // From where key frames are asked for: behind the encoder that is ours, but before the parser,
+    // which would put parameter sets into the picture.
+    pad_ptr asked;
     media_time since{};
     // It is told already that nothing of it comes out.
     std::atomic<bool> refused{false};
@@ -56,6 +61,7 @@ class bin_feed final : public media_feed {
     // On the streaming thread.
     caps_ptr caps;
     format_ptr format;
+    bool broken = false;  // a unit of it found no room
   };
   // What a pad of the bin is linked to.
   struct link {

@@ -213,6 +213,7 @@ void decode_graph::receive(const std::shared_ptr<track>& t, const char* name,
         media_sample sample;
         if (!take_sample(from, pipeline_.get(), sample)) return;
         t->seen = true;
+        if (!works_.exchange(true)) poster_.post([this] { events_.works(); });
         if (is_current(*t, sample.time)) take(from, sample);
       },
       [this, t] { on_end(*t); });
@@ -335,8 +336,9 @@ void decode_graph::done() {
   poster_.post([finished = events_.finished] { finished(); });
 }
 
+// One that has nothing left to do is judged by what came out.
 void decode_graph::fail(const std::string& why) {
-  if (std::exchange(finished_, true)) return;
+  if (finishing_ || std::exchange(finished_, true)) return;
   give_up_timer_.stop();
   gst_element_set_state(pipeline_.get(), GST_STATE_NULL);
   poster_.post([failed = events_.failed, why] { failed(why); });

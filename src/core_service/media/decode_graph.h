@@ -46,6 +46,8 @@ class decode_graph {
     std::function<void()> need_key_frame;
     // Something can't be decoded. On the loop's thread, as all that follows.
     std::function<void(const missing_medium& what)> missing;
+    // Something has come out, for the first time.
+    std::function<void()> works;
     // After finish(): all has come out. The graph may be destroyed from inside the call, as from
     // that of the next.
     std::function<void()> finished;
@@ -132,6 +134,7 @@ class decode_graph {
 
   // Of a track that has sent since then something should have come out.
   media_time silent_since_{};
+  std::atomic<bool> works_{false};
   bool finishing_ = false;
   bool finished_ = false;
   base::scoped_timer give_up_timer_;

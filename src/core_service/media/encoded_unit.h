@@ -13,8 +13,8 @@
 
 namespace zelta::core_service::media {
 
-// What must be known of a stream before its first unit. Never changed: what differs in anything is
-// another one, and a file holds units of one.
+// What must be known of a stream before its first unit. Never changed: what differs in anything
+// that is compared is another one, and a file holds units of one.
 struct stream_format {
   const codec* kind = nullptr;
   // Of pictures, in pixels, and how many of them high a pixel is wide.

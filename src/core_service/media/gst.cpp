@@ -181,7 +181,11 @@ void bus_watch::on_message(GstMessage* message) {
   std::string why = error->message;
   // The first line is a place in a plugin's source; what comes behind it says more, if it is there.
   const char* const more = details != nullptr ? std::strchr(details, '\n') : nullptr;
-  why += std::string(" (") + GST_OBJECT_NAME(GST_MESSAGE_SRC(message)) +
+  // By its kind: the number in its name would make each time another reason.
+  const auto* const from = GST_MESSAGE_SRC(message);
+  GstElementFactory* const made_by =
+      GST_IS_ELEMENT(from) != FALSE ? gst_element_get_factory(GST_ELEMENT(from)) : nullptr;
+  why += std::string(" (") + (made_by != nullptr ? GST_OBJECT_NAME(made_by) : "pipeline") +
          (more != nullptr ? std::string(": ") + (more + 1) : "") + ")";
   const bool disk = g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_NO_SPACE_LEFT) ||
                     g_error_matches(error, GST_RESOURCE_ERROR, GST_RESOURCE_ERROR_WRITE) ||

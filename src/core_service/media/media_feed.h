@@ -53,6 +53,8 @@ class media_feed {
   virtual void request_key_frame() = 0;
   // Packets, or units, that have come and found no room here, because the machine was too busy.
   virtual uint64_t lost_packets() const { return 0; }
+  // And how that comes.
+  virtual std::string why_lost() const { return ""; }
   // After stop(): some were not even read, because there were so many.
   virtual bool left_unread() const { return false; }
   // What is wrong with what comes, once; else empty.

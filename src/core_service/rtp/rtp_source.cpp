@@ -82,6 +82,10 @@ class rtp_feed final : public media::media_feed {
     });
   }
 
+  std::string why_lost() const override {
+    return "they found no room here, because the machine was too busy, or gives sockets too little "
+           "memory (net.core.rmem_max)";
+  }
   bool left_unread() const override { return left_unread_; }
   uint64_t lost_packets() const override { return sender_ ? sender_->dropped() : lost_packets_; }
 

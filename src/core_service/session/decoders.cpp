@@ -28,7 +28,7 @@ decoders::decoders(uint32_t uid, media::consumers to, int channels,
       feed_(std::move(feed)),
       events_(std::move(told)),
       poster_(loop),
-      parts_{{{media_kind::kVideo, nullptr, {}}, {media_kind::kAudio, nullptr, {}}}} {}
+      parts_{{{media_kind::kVideo, nullptr, {}, ""}, {media_kind::kAudio, nullptr, {}, ""}}} {}
 
 bool decoders::wanted(media_kind kind) const {
   if (kind == media_kind::kAudio) return to_.wants(form::kSound);
@@ -43,22 +43,27 @@ decoders::part& decoders::of(media_kind kind) {
 void decoders::push(int track, const media::encoded_unit& unit) {
   if (finishing_) return;
   const media_kind kind = unit.format->kind->kind;
+  part& by = of(kind);
   if (kind == media_kind::kVideo) {
+    // Where none is of use, none is asked for.
+    if (waits(by, unit.time)) return skipped_picture();
     if (wants_key_ && !unit.key) return request_key_frame();
     wants_key_ = false;
   }
-  part& by = of(kind);
   if (by.graph || make(by, unit.time)) return by.graph->push(track, unit);
   if (kind == media_kind::kVideo) skipped_picture();
 }
 
+bool decoders::waits(const part& one, media_time now) {
+  return !one.graph && one.failed > media_time::zero() && now - one.failed < kRetryPatience;
+}
+
 bool decoders::make(part& wanted, media_time first) {
-  const bool failed_before = wanted.failed > media_time::zero();
-  if (failed_before && first - wanted.failed < kRetryPatience) return false;
+  if (waits(wanted, first)) return false;
   const std::string shortage = load::shortage_of_threads(load::kGraphThreads);
   if (!shortage.empty()) {
     wanted.failed = first;
-    events_.missing({"what is decoded", "", shortage});
+    tell(wanted, "what is decoded", shortage);
     return false;
   }
   wanted.graph = std::make_unique<media::decode_graph>(
@@ -67,14 +72,24 @@ bool decoders::make(part& wanted, media_time first) {
           [from = feed_] {
             if (const auto alive = from.lock()) alive->request_key_frame();
           },
-          events_.missing, [this, &wanted] { on_finished(wanted); },
+          events_.missing, [this, &wanted] { on_works(wanted); },
+          [this, &wanted] { on_finished(wanted); },
           [this, &wanted](const std::string& why) { on_failed(wanted, why); }});
   wanted.graph->set_still_interval(still_interval_);
   return true;
 }
 
+void decoders::tell(part& of, const char* medium, const std::string& why) {
+  of.missing = medium;
+  events_.missing({medium, "", why});
+}
+
+void decoders::on_works(part& again) {
+  if (!again.missing.empty()) events_.over(std::exchange(again.missing, ""));
+}
+
 void decoders::on_failed(part& gone, const std::string& why) {
-  events_.missing({gone.kind == media_kind::kVideo ? "decoded video" : "audio", "", why});
+  tell(gone, gone.kind == media_kind::kVideo ? "decoded video" : "audio", why);
   gone.failed = media::now();
   if (gone.kind == media_kind::kVideo) skipped_picture();
   on_finished(gone);
@@ -84,7 +99,10 @@ void decoders::on_finished(part& done) {
   done.graph.reset();
   const bool all = std::none_of(parts_.begin(), parts_.end(),
                                 [](const part& one) { return one.graph != nullptr; });
-  if (finishing_ && all) events_.finished();
+  if (!finishing_ || !all) return;
+  // A copy, because what is called may destroy this.
+  const auto finished = events_.finished;
+  finished();
 }
 
 void decoders::end_track(int track) {
@@ -100,7 +118,7 @@ void decoders::finish(media_time patience) {
     any = any || one.graph;
     if (one.graph) one.graph->finish(patience);
   }
-  if (!any) poster_.post([this] { events_.finished(); });
+  if (!any) poster_.post([finished = events_.finished] { finished(); });
 }
 
 void decoders::set_still_interval(media_time interval) {

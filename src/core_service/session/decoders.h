@@ -10,6 +10,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <string>
 
 #include "base/event_loop.h"
 #include "core_service/folder/missing_medium.h"
@@ -23,6 +24,8 @@ class decoders {
  public:
   struct events {
     std::function<void(const missing_medium& what)> missing;
+    // What was missing is made again.
+    std::function<void(const std::string& medium)> over;
     // After finish(): all has come out. They may be destroyed from inside the call.
     std::function<void()> finished;
   };
@@ -49,10 +52,15 @@ class decoders {
     std::unique_ptr<media::decode_graph> graph;
     // When it couldn't be made, or failed, last; 0: never.
     media::media_time failed{};
+    // What was told as missing since it worked; empty: nothing.
+    std::string missing;
   };
 
   part& of(media::media_kind kind);
+  static bool waits(const part& one, media::media_time now);
   bool make(part& wanted, media::media_time first);
+  void tell(part& of, const char* medium, const std::string& why);
+  void on_works(part& again);
   void on_failed(part& gone, const std::string& why);
   void on_finished(part& done);
   void request_key_frame() const;

@@ -285,6 +285,7 @@ user::events session::events_of(uint32_t uid) {
   };
   told.failed = [this, uid](const std::string& why, bool disk) { on_files_failed(uid, why, disk); };
   told.missing = [this, uid](const missing_medium& what) { missing_.tell(uid, what); };
+  told.over = [this, uid](const std::string& medium) { missing_.over(uid, medium); };
   told.ended = [this, uid](const files::recording_end& why) { roster_.end(uid, why); };
   return told;
 }

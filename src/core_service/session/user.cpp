@@ -38,9 +38,9 @@ user::user(uint32_t uid, std::shared_ptr<media::media_feed> from, const recordin
       feed_(std::move(from)),
       lateness_(feed_->lateness()) {
   make_consumers(may_decode_pictures, engine, std::move(mix));
-  decoders_ =
-      std::make_unique<decoders>(uid_, consumers_, plan_.channels, feed_, destination_.loop,
-                                 decoders::events{events_.missing, [this] { on_media_end(); }});
+  decoders_ = std::make_unique<decoders>(
+      uid_, consumers_, plan_.channels, feed_, destination_.loop,
+      decoders::events{events_.missing, events_.over, [this] { on_media_end(); }});
 }
 
 user::~user() {
@@ -89,7 +89,7 @@ std::shared_ptr<files::files_consumer> user::make_files() {
       std::move(files), plan_.keep_opus, destination_,
       files::file_series::events{[this] { request_key_frame(); }, events_.failed,
                                  [this] {
-                                   if (files_stopped_ && finished_) tell_finished();
+                                   if (media_ended_ && finished_) tell_finished();
                                  }});
 }
 
@@ -156,9 +156,7 @@ void user::count_losses() {
   if (lost == lost_packets_) return;
   destination_.manifest.count_lost_packets(uid_, lost - lost_packets_);
   if (std::exchange(lost_packets_, lost) > 0) return;
-  events_.missing({"packets", "",
-                   "they found no room here, because the machine was too busy, or gives "
-                   "sockets too little memory (net.core.rmem_max)"});
+  events_.missing({"packets", "", feed_->why_lost()});
 }
 
 void user::request_key_frame() {
@@ -236,7 +234,7 @@ void user::finish(const files::recording_end& why, std::function<void()> finishe
 }
 
 void user::on_media_end() {
-  files_stopped_ = true;
+  media_ended_ = true;
   if (!files_) return poster_.post([this] { tell_finished(); });
   files::file_series& series = files_->series();
   // Media that ended by itself ends where its last sound or picture does.
@@ -254,11 +252,11 @@ void user::tell_finished() const {
 }
 
 void user::tick() {
-  const std::string fault = !files_stopped_ ? feed_->fault() : "";
+  const std::string fault = !media_ended_ ? feed_->fault() : "";
   if (!fault.empty()) events_.missing({"all", "", fault});
   count_losses();
   // Between the end of the sender and the end of what it sent nothing is missing.
-  const bool draining = finish_reason_ && !files_stopped_;
+  const bool draining = finish_reason_ && !media_ended_;
   if (files_ && !draining) files_->series().tick();
   const media_time until = media::now() - lateness_ - kSoundPatience;
   consumers_.each([until](media::consumer& one) { one.fill_sound(until); });

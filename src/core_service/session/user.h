@@ -32,6 +32,8 @@ class user {
     std::function<void(const std::string& why, bool disk)> failed;
     // Something of the user can't be recorded; what else there is, is.
     std::function<void(const missing_medium& what)> missing;
+    // What was missing of them is made again.
+    std::function<void(const std::string& medium)> over;
     // The media ended by itself; finish() is to be called.
     std::function<void(const files::recording_end& why)> ended;
   };
@@ -102,7 +104,7 @@ class user {
   std::function<void()> finished_;
   media::media_time finish_time_{};
   // All that came has been handed on.
-  bool files_stopped_ = false;
+  bool media_ended_ = false;
 };
 
 }  // namespace zelta::core_service
