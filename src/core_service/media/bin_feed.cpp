@@ -77,9 +77,7 @@ bin_feed::bin_feed(uint32_t uid, element_ptr bin, bool complete, base::event_loo
       pipeline_(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr)))),
       bin_(bin.get()),
       complete_(complete) {
-  // The system's clock for all users, so that their media stands on one timeline.
-  const clock_ptr clock(gst_system_clock_obtain());
-  gst_pipeline_use_clock(GST_PIPELINE(pipeline_.get()), clock.get());
+  use_system_clock(pipeline_.get());
   add(pipeline_.get(), std::move(bin));
   mark_threads(pipeline_.get(), uid_, nullptr);
 }

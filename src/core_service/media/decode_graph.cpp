@@ -51,9 +51,7 @@ decode_graph::decode_graph(uint32_t uid, consumers to, int channels, media_time 
       events_(std::move(told)),
       poster_(loop),
       pipeline_(GST_ELEMENT(gst_object_ref_sink(gst_pipeline_new(nullptr)))) {
-  // The system's clock for all users, so that their media stands on one timeline.
-  const clock_ptr clock(gst_system_clock_obtain());
-  gst_pipeline_use_clock(GST_PIPELINE(pipeline_.get()), clock.get());
+  use_system_clock(pipeline_.get());
   mark_threads(pipeline_.get(), uid_, stage_of);
   watch_.emplace(pipeline_.get(), loop,
                  bus_watch::events{[this] { done(); },

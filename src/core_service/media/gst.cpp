@@ -75,6 +75,11 @@ void on_samples(GstElement* appsink, std::function<void(GstSample*)> take,
   });
 }
 
+void use_system_clock(GstElement* pipeline) {
+  const clock_ptr clock(gst_system_clock_obtain());
+  gst_pipeline_use_clock(GST_PIPELINE(pipeline), clock.get());
+}
+
 int int_of(const GstStructure* fields, const char* name) {
   int value = 0;
   gst_structure_get_int(fields, name, &value);

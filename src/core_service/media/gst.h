@@ -58,6 +58,9 @@ bool have_element(const char* name);
 // A pipeline of the elements that `description` names. Null, with `error`, when one is missing.
 element_ptr make_pipeline(const std::string& description, std::string& error);
 
+// The clock of all pipelines, so that their media stands on one timeline.
+void use_system_clock(GstElement* pipeline);
+
 // The element called `name` inside `bin`, which keeps it alive.
 GstElement* child(GstElement* bin, const char* name);
 

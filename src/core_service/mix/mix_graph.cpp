@@ -241,8 +241,7 @@ std::unique_ptr<mix_graph> mix_graph::make(const settings& wanted, base::event_l
 mix_graph::mix_graph(media::element_ptr pipeline, const settings& wanted, base::event_loop& loop,
                      outputs to)
     : settings_(wanted), pipeline_(std::move(pipeline)) {
-  const media::clock_ptr clock(gst_system_clock_obtain());
-  gst_pipeline_use_clock(GST_PIPELINE(pipeline_.get()), clock.get());
+  media::use_system_clock(pipeline_.get());
   // Known before it plays, because users may come at once.
   gst_element_set_start_time(pipeline_.get(), GST_CLOCK_TIME_NONE);
   gst_element_set_base_time(pipeline_.get(), static_cast<GstClockTime>(media::now().count()));

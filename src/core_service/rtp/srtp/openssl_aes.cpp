@@ -2,7 +2,6 @@
 #include <array>
 #include <cstring>
 #include <memory>
-#include <string>
 
 #include <openssl/crypto.h>
 #include <openssl/evp.h>
@@ -42,15 +41,12 @@ srtp_err_status_t told(bool done) {
   return done ? srtp_err_status_ok : srtp_err_status_cipher_fail;
 }
 
-// Fetched once, which costs more than to encrypt a packet.
-const EVP_CIPHER* find(const char* name) {
-  return EVP_CIPHER_fetch(nullptr, name, nullptr);
-}
-
-srtp_err_status_t make(const srtp_cipher_type_t& type, const EVP_CIPHER* algorithm, int key_size,
-                       int salt_size, int tag_size, srtp_cipher_t** cipher) {
-  // libsrtp counts the salt to the key.
-  if (algorithm == nullptr || key_size != EVP_CIPHER_get_key_length(algorithm) + salt_size)
+// libsrtp counts the salt to the key. The algorithm, which `type` names as OpenSSL does, is fetched
+// once: that costs more than to encrypt a packet.
+template <const srtp_cipher_type_t& type, int salt_bytes>
+srtp_err_status_t make(srtp_cipher_t** cipher, int key_size, int tag_size) {
+  static const EVP_CIPHER* const algorithm = EVP_CIPHER_fetch(nullptr, type.description, nullptr);
+  if (algorithm == nullptr || key_size != EVP_CIPHER_get_key_length(algorithm) + salt_bytes)
     return srtp_err_status_bad_param;
   auto made = std::make_unique<aes>();
   made->context.reset(EVP_CIPHER_CTX_new());
@@ -70,11 +66,22 @@ srtp_err_status_t release(srtp_cipher_t* cipher) {
   return srtp_err_status_ok;
 }
 
+srtp_err_status_t set_key(void* state, const uint8_t* key) {
+  const aes& cipher = of(state);
+  return told(EVP_CipherInit_ex2(cipher.context.get(), cipher.algorithm_used, key, nullptr, 1,
+                                 nullptr) == 1);
+}
+
 srtp_err_status_t crypt(void* state, uint8_t* bytes, unsigned* size) {
   int written = 0;
   return told(EVP_CipherUpdate(of(state).context.get(), bytes, &written, bytes,
                                static_cast<int>(*size)) == 1);
 }
+
+// For libsrtp, whose type for what it only reads isn't const.
+constexpr uint8_t kZeros[2 * kBlockBytes] = {};
+uint8_t no_index[kBlockBytes] = {};
+uint8_t gcm_iv[] = {0xca, 0xfe, 0xba, 0xbe, 0xfa, 0xce, 0xdb, 0xad, 0xde, 0xca, 0xf8, 0x88};
 
 // Counter mode.
 
@@ -82,8 +89,7 @@ srtp_err_status_t set_counter_key(void* state, const uint8_t* key) {
   aes& cipher = of(state);
   const int key_bytes = EVP_CIPHER_get_key_length(cipher.algorithm_used);
   std::memcpy(cipher.offset.data(), key + key_bytes, kCounterSaltBytes);
-  return told(EVP_CipherInit_ex2(cipher.context.get(), cipher.algorithm_used, key, nullptr, 1,
-                                 nullptr) == 1);
+  return set_key(state, key);
 }
 
 // Decrypting is encrypting in this mode, whichever `direction` is.
@@ -95,11 +101,11 @@ srtp_err_status_t set_counter(void* state, uint8_t* iv, srtp_cipher_direction_t 
       EVP_CipherInit_ex2(cipher.context.get(), nullptr, nullptr, counter.data(), 1, nullptr) == 1);
 }
 
-srtp_err_status_t make_counter_128(srtp_cipher_t** cipher, int key_size, int tag_size);
-srtp_err_status_t make_counter_256(srtp_cipher_t** cipher, int key_size, int tag_size);
-
-constexpr uint8_t kZeros[2 * kBlockBytes] = {};
-uint8_t no_index[kBlockBytes] = {};  // libsrtp's type for it isn't const, it only reads
+template <size_t kKey, size_t kStream>
+constexpr srtp_cipher_test_case_t counter_case(const uint8_t (&key)[kKey],
+                                               const uint8_t (&stream)[kStream]) {
+  return {kKey, key, no_index, sizeof kZeros, kZeros, kStream, stream, 0, nullptr, 0, nullptr};
+}
 
 // RFC 3711, appendix B.2.
 constexpr uint8_t kCounter128Key[] = {0x2b, 0x7e, 0x15, 0x16, 0x28, 0xae, 0xd2, 0xa6, 0xab, 0xf7,
@@ -108,17 +114,7 @@ constexpr uint8_t kCounter128Key[] = {0x2b, 0x7e, 0x15, 0x16, 0x28, 0xae, 0xd2, 
 constexpr uint8_t kCounter128Stream[] = {
     0xe0, 0x3e, 0xad, 0x09, 0x35, 0xc9, 0x5e, 0x80, 0xe1, 0x66, 0xb1, 0x6d, 0xd9, 0x2b, 0x4e, 0xb4,
     0xd2, 0x35, 0x13, 0x16, 0x2b, 0x02, 0xd0, 0xf7, 0x2a, 0x43, 0xa2, 0xfe, 0x4a, 0x5f, 0x97, 0xab};
-const srtp_cipher_test_case_t kCounter128Known = {sizeof kCounter128Key,
-                                                  kCounter128Key,
-                                                  no_index,
-                                                  sizeof kZeros,
-                                                  kZeros,
-                                                  sizeof kCounter128Stream,
-                                                  kCounter128Stream,
-                                                  0,
-                                                  nullptr,
-                                                  0,
-                                                  nullptr};
+const srtp_cipher_test_case_t kCounter128Known = counter_case(kCounter128Key, kCounter128Stream);
 
 // RFC 6188, section 7.1.
 constexpr uint8_t kCounter256Key[] = {
@@ -128,46 +124,34 @@ constexpr uint8_t kCounter256Key[] = {
 constexpr uint8_t kCounter256Stream[] = {
     0x92, 0xbd, 0xd2, 0x8a, 0x93, 0xc3, 0xf5, 0x25, 0x11, 0xc6, 0x77, 0xd0, 0x8b, 0x55, 0x15, 0xa4,
     0x9d, 0xa7, 0x1b, 0x23, 0x78, 0xa8, 0x54, 0xf6, 0x70, 0x50, 0x75, 0x6d, 0xed, 0x16, 0x5b, 0xac};
-const srtp_cipher_test_case_t kCounter256Known = {sizeof kCounter256Key,
-                                                  kCounter256Key,
-                                                  no_index,
-                                                  sizeof kZeros,
-                                                  kZeros,
-                                                  sizeof kCounter256Stream,
-                                                  kCounter256Stream,
-                                                  0,
-                                                  nullptr,
-                                                  0,
-                                                  nullptr};
+const srtp_cipher_test_case_t kCounter256Known = counter_case(kCounter256Key, kCounter256Stream);
 
-const srtp_cipher_type_t kCounter128 = {
-    make_counter_128,  release,         set_counter_key,
-    nullptr,           crypt,           crypt,
-    set_counter,       nullptr,         "OpenSSL's AES-128 in counter mode",
-    &kCounter128Known, SRTP_AES_ICM_128};
-const srtp_cipher_type_t kCounter256 = {
-    make_counter_256,  release,         set_counter_key,
-    nullptr,           crypt,           crypt,
-    set_counter,       nullptr,         "OpenSSL's AES-256 in counter mode",
-    &kCounter256Known, SRTP_AES_ICM_256};
-
-srtp_err_status_t make_counter_128(srtp_cipher_t** cipher, int key_size, int tag_size) {
-  static const EVP_CIPHER* const algorithm = find("AES-128-CTR");
-  return make(kCounter128, algorithm, key_size, kCounterSaltBytes, tag_size, cipher);
-}
-
-srtp_err_status_t make_counter_256(srtp_cipher_t** cipher, int key_size, int tag_size) {
-  static const EVP_CIPHER* const algorithm = find("AES-256-CTR");
-  return make(kCounter256, algorithm, key_size, kCounterSaltBytes, tag_size, cipher);
-}
+extern const srtp_cipher_type_t kCounter128;
+extern const srtp_cipher_type_t kCounter256;
+const srtp_cipher_type_t kCounter128 = {make<kCounter128, kCounterSaltBytes>,
+                                        release,
+                                        set_counter_key,
+                                        nullptr,
+                                        crypt,
+                                        crypt,
+                                        set_counter,
+                                        nullptr,
+                                        "AES-128-CTR",
+                                        &kCounter128Known,
+                                        SRTP_AES_ICM_128};
+const srtp_cipher_type_t kCounter256 = {make<kCounter256, kCounterSaltBytes>,
+                                        release,
+                                        set_counter_key,
+                                        nullptr,
+                                        crypt,
+                                        crypt,
+                                        set_counter,
+                                        nullptr,
+                                        "AES-256-CTR",
+                                        &kCounter256Known,
+                                        SRTP_AES_ICM_256};
 
 // Galois/Counter Mode.
-
-srtp_err_status_t set_gcm_key(void* state, const uint8_t* key) {
-  const aes& cipher = of(state);
-  return told(EVP_CipherInit_ex2(cipher.context.get(), cipher.algorithm_used, key, nullptr, 1,
-                                 nullptr) == 1);
-}
 
 srtp_err_status_t set_gcm_iv(void* state, uint8_t* iv, srtp_cipher_direction_t direction) {
   return told(EVP_CipherInit_ex2(of(state).context.get(), nullptr, nullptr, iv,
@@ -204,9 +188,6 @@ srtp_err_status_t decrypt_gcm(void* state, uint8_t* bytes, unsigned* size) {
   return genuine ? srtp_err_status_ok : srtp_err_status_auth_fail;
 }
 
-srtp_err_status_t make_gcm_128(srtp_cipher_t** cipher, int key_size, int tag_size);
-srtp_err_status_t make_gcm_256(srtp_cipher_t** cipher, int key_size, int tag_size);
-
 // Cases 4 and 16 of the paper that proposed the mode (McGrew and Viega, 2005), with the salt that
 // libsrtp counts to the key.
 constexpr uint8_t kGcmClear[] = {
@@ -214,9 +195,17 @@ constexpr uint8_t kGcmClear[] = {
     0x9a, 0x86, 0xa7, 0xa9, 0x53, 0x15, 0x34, 0xf7, 0xda, 0x2e, 0x4c, 0x30, 0x3d, 0x8a, 0x31,
     0x8a, 0x72, 0x1c, 0x3c, 0x0c, 0x95, 0x95, 0x68, 0x09, 0x53, 0x2f, 0xcf, 0x0e, 0x24, 0x49,
     0xa6, 0xb5, 0x25, 0xb1, 0x6a, 0xed, 0xf5, 0xaa, 0x0d, 0xe6, 0x57, 0xba, 0x63, 0x7b, 0x39};
-uint8_t gcm_iv[] = {0xca, 0xfe, 0xba, 0xbe, 0xfa, 0xce, 0xdb, 0xad, 0xde, 0xca, 0xf8, 0x88};
 constexpr uint8_t kGcmAdded[] = {0xfe, 0xed, 0xfa, 0xce, 0xde, 0xad, 0xbe, 0xef, 0xfe, 0xed,
                                  0xfa, 0xce, 0xde, 0xad, 0xbe, 0xef, 0xab, 0xad, 0xda, 0xd2};
+
+template <size_t kKey, size_t kResult>
+constexpr srtp_cipher_test_case_t gcm_case(const uint8_t (&key)[kKey],
+                                           const uint8_t (&result)[kResult]) {
+  return {kKey,      key,         gcm_iv, sizeof kGcmClear,
+          kGcmClear, kResult,     result, sizeof kGcmAdded,
+          kGcmAdded, kBlockBytes, nullptr};
+}
+
 constexpr uint8_t kGcm128Key[] = {0xfe, 0xff, 0xe9, 0x92, 0x86, 0x65, 0x73, 0x1c, 0x6d, 0x6a,
                                   0x8f, 0x94, 0x67, 0x30, 0x83, 0x08, 0x00, 0x00, 0x00, 0x00,
                                   0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
@@ -226,10 +215,8 @@ constexpr uint8_t kGcm128Result[] = {
     0x21, 0xd5, 0x14, 0xb2, 0x54, 0x66, 0x93, 0x1c, 0x7d, 0x8f, 0x6a, 0x5a, 0xac, 0x84, 0xaa, 0x05,
     0x1b, 0xa3, 0x0b, 0x39, 0x6a, 0x0a, 0xac, 0x97, 0x3d, 0x58, 0xe0, 0x91, 0x5b, 0xc9, 0x4f, 0xbc,
     0x32, 0x21, 0xa5, 0xdb, 0x94, 0xfa, 0xe9, 0x5a, 0xe7, 0x12, 0x1a, 0x47};
-const srtp_cipher_test_case_t kGcm128Known = {
-    sizeof kGcm128Key, kGcm128Key,           gcm_iv,        sizeof kGcmClear,
-    kGcmClear,         sizeof kGcm128Result, kGcm128Result, sizeof kGcmAdded,
-    kGcmAdded,         kBlockBytes,          nullptr};
+const srtp_cipher_test_case_t kGcm128Known = gcm_case(kGcm128Key, kGcm128Result);
+
 constexpr uint8_t kGcm256Key[] = {0xfe, 0xff, 0xe9, 0x92, 0x86, 0x65, 0x73, 0x1c, 0x6d, 0x6a, 0x8f,
                                   0x94, 0x67, 0x30, 0x83, 0x08, 0xfe, 0xff, 0xe9, 0x92, 0x86, 0x65,
                                   0x73, 0x1c, 0x6d, 0x6a, 0x8f, 0x94, 0x67, 0x30, 0x83, 0x08, 0x00,
@@ -240,30 +227,32 @@ constexpr uint8_t kGcm256Result[] = {
     0x8c, 0xb0, 0x8e, 0x48, 0x59, 0x0d, 0xbb, 0x3d, 0xa7, 0xb0, 0x8b, 0x10, 0x56, 0x82, 0x88, 0x38,
     0xc5, 0xf6, 0x1e, 0x63, 0x93, 0xba, 0x7a, 0x0a, 0xbc, 0xc9, 0xf6, 0x62, 0x76, 0xfc, 0x6e, 0xce,
     0x0f, 0x4e, 0x17, 0x68, 0xcd, 0xdf, 0x88, 0x53, 0xbb, 0x2d, 0x55, 0x1b};
-const srtp_cipher_test_case_t kGcm256Known = {
-    sizeof kGcm256Key, kGcm256Key,           gcm_iv,        sizeof kGcmClear,
-    kGcmClear,         sizeof kGcm256Result, kGcm256Result, sizeof kGcmAdded,
-    kGcmAdded,         kBlockBytes,          nullptr};
+const srtp_cipher_test_case_t kGcm256Known = gcm_case(kGcm256Key, kGcm256Result);
 
-const srtp_cipher_type_t kGcm128 = {make_gcm_128,    release,         set_gcm_key,
-                                    add_clear_bytes, crypt,           decrypt_gcm,
-                                    set_gcm_iv,      get_tag,         "OpenSSL's AES-128-GCM",
-                                    &kGcm128Known,   SRTP_AES_GCM_128};
-
-const srtp_cipher_type_t kGcm256 = {make_gcm_256,    release,         set_gcm_key,
-                                    add_clear_bytes, crypt,           decrypt_gcm,
-                                    set_gcm_iv,      get_tag,         "OpenSSL's AES-256-GCM",
-                                    &kGcm256Known,   SRTP_AES_GCM_256};
-
-srtp_err_status_t make_gcm_128(srtp_cipher_t** cipher, int key_size, int tag_size) {
-  static const EVP_CIPHER* const algorithm = find("AES-128-GCM");
-  return make(kGcm128, algorithm, key_size, kGcmSaltBytes, tag_size, cipher);
-}
-
-srtp_err_status_t make_gcm_256(srtp_cipher_t** cipher, int key_size, int tag_size) {
-  static const EVP_CIPHER* const algorithm = find("AES-256-GCM");
-  return make(kGcm256, algorithm, key_size, kGcmSaltBytes, tag_size, cipher);
-}
+extern const srtp_cipher_type_t kGcm128;
+extern const srtp_cipher_type_t kGcm256;
+const srtp_cipher_type_t kGcm128 = {make<kGcm128, kGcmSaltBytes>,
+                                    release,
+                                    set_key,
+                                    add_clear_bytes,
+                                    crypt,
+                                    decrypt_gcm,
+                                    set_gcm_iv,
+                                    get_tag,
+                                    "AES-128-GCM",
+                                    &kGcm128Known,
+                                    SRTP_AES_GCM_128};
+const srtp_cipher_type_t kGcm256 = {make<kGcm256, kGcmSaltBytes>,
+                                    release,
+                                    set_key,
+                                    add_clear_bytes,
+                                    crypt,
+                                    decrypt_gcm,
+                                    set_gcm_iv,
+                                    get_tag,
+                                    "AES-256-GCM",
+                                    &kGcm256Known,
+                                    SRTP_AES_GCM_256};
 
 bool use(const srtp_cipher_type_t& type) {
   return srtp_replace_cipher_type(&type, type.id) == srtp_err_status_ok;
