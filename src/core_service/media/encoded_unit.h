@@ -2,6 +2,7 @@
 // Encoded media as it goes from tracks to files, decoders and the application.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -38,8 +39,9 @@ struct stream_format {
            sample_rate == other.sample_rate && channels == other.channels && config == other.config;
   }
 };
-// How pictures are turned by whoever shows them.
-struct picture_turn {
+// How pictures are turned by whoever shows them. Aligned as a word of its size, without which
+// compilers don't take it for one that is read and written at once.
+struct alignas(8) picture_turn {
   int degrees = 0;       // clockwise
   bool flipped = false;  // and before that mirrored, left for right
 
@@ -47,6 +49,7 @@ struct picture_turn {
     return degrees == other.degrees && flipped == other.flipped;
   }
 };
+static_assert(std::atomic<picture_turn>::is_always_lock_free);
 
 using format_ptr = std::shared_ptr<const stream_format>;
 
