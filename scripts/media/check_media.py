@@ -3,6 +3,7 @@
 """Records marked media of real senders in every mode and measures the files. See check-media.sh."""
 import argparse
 import base64
+import datetime
 import glob
 import json
 import os
@@ -106,13 +107,20 @@ class Recording:
             ["pgrep", "-P", str(self.process.pid), "ZeltaCoreServic"], text=True))
 
     def end(self):
-        self.ended_ms = time.time() * 1000
         self.process.send_signal(signal.SIGTERM)
         rest, _ = self.process.communicate(timeout=60)
         self.events = [json.loads(line) for line in rest.splitlines()]
         with open(f"{self.folder}/recording.json", encoding="utf-8") as manifest:
             self.manifest = json.load(manifest)
+        self.ended_ms = self.told_to_end_ms()
         return self.manifest["files"]
+
+    def told_to_end_ms(self):
+        """When the recorder heard of the end: the engine tells it at its next tick."""
+        with open(f"{self.folder}/recording_engine.log", encoding="utf-8") as log:
+            line, = [line for line in log if "core_service recording ends, reason" in line]
+        at = datetime.datetime.strptime(line.split()[0], "%Y-%m-%dT%H:%M:%S.%fZ")
+        return at.replace(tzinfo=datetime.timezone.utc).timestamp() * 1000
 
 
 def mode_table(seconds, loss_seconds):
@@ -162,6 +170,8 @@ def laid_together(files, folder, first_ms):
         if entry["audio_codec"]:
             beep += [at + offset for at in marks.beeps(path)]
         errors += marks.decode_errors(path)
+    # One in whose midst a file was cut is found in both.
+    flash = [at for i, at in enumerate(flash) if i == 0 or at - flash[i - 1] > 0.5]
     return flash, beep, count, errors
 
 
@@ -201,6 +211,8 @@ def measure(name, work, seconds, row):
         faults.append("duration")
     sent = marks.frames(source) if has_video else 0
     lost = sent - count if has_video and not expect.get("mix") else 0
+    if lost < 0:
+        faults.append("pictures doubled")
     if errors and not expect.get("lossy"):
         faults.append("decode errors")
     if expect.get("chunks") and len(files) < 3:

@@ -23,6 +23,8 @@ ending::ending(base::event_loop& loop, engine_link& link, event_port& engine, ba
 
 void ending::leave(uint32_t reason, int status) {
   if (has_begun()) return;
+  // Files end at this moment.
+  log_.notice("recording ends, reason " + std::to_string(reason));
   phase_ = phase::kFinishing;
   reason_ = reason;
   status_ = status;
