@@ -32,6 +32,15 @@ void watch_crashes(const std::string& path);
 void mark_thread(uint32_t uid, crash_stage stage);
 void unmark_thread();
 
+// While it lives, what goes wrong on this thread is this user's.
+class blamed_thread {
+ public:
+  blamed_thread(uint32_t uid, crash_stage stage) { mark_thread(uid, stage); }
+  blamed_thread(const blamed_thread&) = delete;
+  blamed_thread& operator=(const blamed_thread&) = delete;
+  ~blamed_thread() { unmark_thread(); }
+};
+
 // None for what no handler wrote.
 std::optional<crash_suspect> parse_crash_note(const std::string& text);
 // What the predecessor left at `path`, which is removed.
