@@ -23,6 +23,7 @@ SUITES = {suite.name: suite for suite in [
     Suite("fuzz_control_packets"), Suite("fuzz_session_description"), Suite("fuzz_recorder_files"),
     Suite("fuzz_command_line"), Suite("fuzz_rtp_packets"), Suite("fuzz_depayload"), Suite("fuzz_format"),
     Suite("packets_to_units_test", 3, 60, 150),
+    Suite("webrtc_test", 3, 40, 120),
 ]}
 
 COVERED_BY = [
@@ -55,6 +56,7 @@ COVERED_BY = [
     ("src/core_service/rtp/packet.*", "packets_to_units_test fuzz_rtp_packets"),
     ("src/core_service/rtp/re*_*", "packets_to_units_test fuzz_rtp_packets"),
     ("src/core_service/rtp/rtcp.*", "packets_to_units_test fuzz_rtp_packets"),
+    ("src/core_service/channel/whip/*", "webrtc_test"),
     ("src/core_service/media/mp4/*", "mp4_test"),
     ("src/core_service/media/timeline.*", "recorder_unit_test"),
     ("src/core_service/media/sound_line.*", "recorder_unit_test"),

@@ -3,6 +3,7 @@
 // schema that is given to people describes what is taken.
 #include <string>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -16,6 +17,7 @@ namespace zelta::test {
 namespace {
 
 using namespace core_service;
+using namespace std::string_literals;
 using lines = std::vector<std::string>;
 
 void expect_errors(const std::string& text, lines errors) {
@@ -46,7 +48,7 @@ TEST(Settings, AreTakenAsTheyAreWritten) {
 TEST(Settings, AreRefusedWithEveryErrorInWords) {
   const std::string users = " should be a whole number of 1 to 100000";
   const std::string from = " should be a whole number of 1024 to 65534";
-  const std::string unknown = ": no such setting; most_users, ports, sound are";
+  const std::string unknown = ": no such setting; most_users, ports, sound, whip are";
   const std::pair<std::string, lines> rows[] = {
       {R"({"ports": {"from": 80}})", {"ports.from: 80" + from}},
       {R"({"ports": {"from": 65535}})", {"ports.from: 65535" + from}},
@@ -82,6 +84,47 @@ TEST(Settings, AreRefusedWithEveryErrorInWords) {
   }
 }
 
+TEST(Settings, MayBeTexts) {
+  const loaded_settings read =
+      parse_settings("s", R"({"whip": {"token": "!a~", "certificate": "a b/\u00fc.pem", "key": "k",
+               "address": "192.0.2.7,2001:db8::7"}})");
+  EXPECT_EQ(read.errors, lines());
+  const recorder_settings& is = read.values;
+  EXPECT_EQ((lines{is.whip_token, is.whip_certificate, is.whip_key, is.whip_address}),
+            (lines{"!a~", "a b/\xc3\xbc.pem", "k", "192.0.2.7,2001:db8::7"}));
+  const auto of_whip = [](const std::string& key, const std::string& value) {
+    return R"({"whip": {")" + key + "\": " + value + "}}";
+  };
+  EXPECT_EQ(parse_settings("s", of_whip("token", "\"" + std::string(1024, 'x') + "\"")).errors,
+            lines());
+  const std::string token =
+      "whip.token: its value should be a text of 1 to 1024 printable ASCII characters without "
+      "spaces";
+  for (const std::string& wrong :
+       {R"("")"s, R"("se cret")"s, R"("secret\n")"s, R"("secret\u00fc")"s, "4711"s, "[\"secret\"]"s,
+        "\"" + std::string(1025, 'x') + "\""}) {
+    expect_errors(of_whip("token", wrong), {token});
+  }
+  const std::string path = " should be a text of 1 to 4096 bytes, no control characters";
+  expect_errors(R"({"whip": {"certificate": "", "key": "a\tb"}})",
+                {"whip.certificate: \"\"" + path, R"(whip.key: "a\tb")" + path});
+  expect_errors(
+      of_whip("certificate", R"("c.pem")"),
+      {R"(whip.key: should be given too, as whip.certificate is, "c.pem", or neither of them)"});
+  expect_errors(
+      of_whip("key", R"("k.pem")"),
+      {R"(whip.certificate: should be given too, as whip.key is, "k.pem", or neither of them)"});
+  const std::string address =
+      " should be the IP address of a host, such as 192.0.2.7 or 2001:db8::7; several are split by "
+      "commas without spaces";
+  for (const std::string wrong :
+       {"host", "0.0.0.0", "::", "224.0.0.1", "ff02::1", " 192.0.2.7", "192.0.2.7:80", "[::1]"}) {
+    expect_errors(of_whip("address", "\"::1," + wrong + ",127.0.0.1\""),
+                  {"whip.address: \"" + wrong + "\"" + address});
+  }
+  expect_errors(of_whip("address", R"("127.0.0.1,")"), {R"(whip.address: "")" + address});
+}
+
 TEST(Settings, AreRefusedWithAnExampleWhereTheyAreNoObject) {
   // Of 16 levels what is in them is looked at, of 17 nothing is.
   const std::string deep = std::string(16, '[') + std::string(16, ']');
@@ -115,7 +158,7 @@ TEST(Settings, TellSoManyErrorsThatTheyCanBeRead) {
 
 TEST(Settings, MayBeWords) {
   const std::vector<setting> known = {
-      {"sort", &recorder_settings::most_users, 0, 0, {"plain", "fancy"}}};
+      {{"sort", &recorder_settings::most_users, 0, 0, {"plain", "fancy"}}}};
   EXPECT_EQ(parse_settings("s", R"({"sort": "fancy"})", known).values.most_users, 1);
   for (const char* const wrong : {"\"fanc\"", "1", "\"\"", "[\"fancy\"]"}) {
     EXPECT_EQ(parse_settings("s", std::string("{\"sort\": ") + wrong + "}", known).errors,
@@ -170,7 +213,14 @@ void describe(const Json::Value& schema, const std::string& prefix, Json::Value&
 
 Json::Value schema_of(const setting& row) {
   Json::Value schema;
-  const int by_itself = recorder_settings().*row.value;
+  if (std::holds_alternative<std::string recorder_settings::*>(row.value)) {
+    schema["type"] = "string";
+    schema["minLength"] = row.lowest;
+    schema["maxLength"] = row.highest;
+    if (row.kind == setting::kSecret) schema["pattern"] = "^[!-~]+$";
+    return schema;
+  }
+  const int by_itself = recorder_settings().*std::get<int recorder_settings::*>(row.value);
   if (row.words[0] == nullptr) {
     schema["type"] = "integer";
     schema["minimum"] = row.lowest;

@@ -50,6 +50,16 @@ class channel {
   virtual media::media_time take_behind() { return {}; }
 };
 
+// What the machine's settings say of users who come by WHIP; empty where they say nothing.
+struct whip_settings {
+  std::string token;  // asked for as a bearer token (RFC 6750)
+  // Paths of PEM files: both, or neither.
+  std::string certificate;
+  std::string key;
+  // IP addresses that users reach the machine under, split by commas.
+  std::string address;
+};
+
 // Which channel, by what right, and how its media is to be received.
 struct channel_request {
   std::string server;  // "test:…", "dir:…"
@@ -63,6 +73,7 @@ struct channel_request {
   int max_port = 0;
   // Take times from the senders' clocks, or from arrival alone.
   bool use_sender_clocks = true;
+  whip_settings whip;
   base::logger log;
 };
 

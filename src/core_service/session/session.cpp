@@ -179,11 +179,18 @@ bool session::prepare_channel(media::media_time patience) {
   // One bound of each would make a range that nobody has asked for.
   const bool bounded = options_.min_port > 0 || options_.max_port > 0;
   std::string error;
-  channel_ = make_channel(
-      {server_, options_.channel_id, options_.encrypt_mode, options_.encrypt_secret, patience,
-       bounded ? options_.min_port : settings_.first_port,
-       bounded ? options_.max_port : settings_.last_port, options_.av_sync_type != 0, log_},
-      loop_, *this, error);
+  channel_ = make_channel({server_,
+                           options_.channel_id,
+                           options_.encrypt_mode,
+                           options_.encrypt_secret,
+                           patience,
+                           bounded ? options_.min_port : settings_.first_port,
+                           bounded ? options_.max_port : settings_.last_port,
+                           options_.av_sync_type != 0,
+                           {settings_.whip_token, settings_.whip_certificate, settings_.whip_key,
+                            settings_.whip_address},
+                           log_},
+                          loop_, *this, error);
   if (!channel_) on_channel_failed(error);
   return channel_ != nullptr;
 }

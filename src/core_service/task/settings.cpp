@@ -9,9 +9,12 @@
 #include <memory>
 #include <optional>
 #include <utility>
+#include <variant>
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <json/json.h>
+#include <netinet/in.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -25,6 +28,9 @@ constexpr int kDeepest = 16;
 // A file of another kind may be wrong in each of its thousand keys.
 constexpr size_t kMostErrors = 20;
 constexpr size_t kLongestShown = 80;
+
+// Of a text that is one of a machine's own: a path, a list of addresses.
+constexpr int kLongestText = 4096;
 
 constexpr const char* kExample = "it should hold a JSON object such as {\"most_users\": 50}";
 
@@ -81,6 +87,17 @@ bool is_number(const std::string& text) {
   return *at == '\0';
 }
 
+// Whether packets may be sent to it.
+bool is_host_address(const std::string& text) {
+  in_addr four{};
+  if (inet_pton(AF_INET, text.c_str(), &four) == 1) {
+    return four.s_addr != INADDR_ANY && !IN_MULTICAST(ntohl(four.s_addr));
+  }
+  in6_addr six{};
+  return inet_pton(AF_INET6, text.c_str(), &six) == 1 && !IN6_IS_ADDR_UNSPECIFIED(&six) &&
+         !IN6_IS_ADDR_MULTICAST(&six);
+}
+
 // Of the parser's report, "* Line 1, Column 2\n  Fault\n" for each; the others follow from it.
 std::string first_fault(const std::string& report) {
   const std::string first = report.substr(0, report.find("\n*"));
@@ -107,8 +124,10 @@ class settings_reader {
   void read_object(const Json::Value& object, const std::string& prefix);
   void read_value(const Json::Value& value, const setting& what);
   void check_ports();
-  std::string fault_of_number(const Json::Value& value, const setting& what) const;
+  void check_whip();
+  std::string fault_of_number(const Json::Value& value, const setting& what);
   std::string fault_of_word(const Json::Value& value, const setting& what);
+  std::string fault_of_text(const Json::Value& value, const setting& what);
   void add_error(const std::string& what);
 
   const std::string& path_;
@@ -123,6 +142,7 @@ loaded_settings settings_reader::read() {
   if (!parse(root)) return std::move(read_);
   read_object(root, "");
   check_ports();
+  check_whip();
   if (untold_ > 0) read_.errors.push_back(path_ + ": and " + std::to_string(untold_) + " more");
   return std::move(read_);
 }
@@ -162,32 +182,51 @@ void settings_reader::read_object(const Json::Value& object, const std::string& 
 }
 
 void settings_reader::read_value(const Json::Value& value, const setting& what) {
+  const bool is_text = std::holds_alternative<std::string recorder_settings::*>(what.value);
   const bool is_word = what.words[0] != nullptr;
-  const std::string fault = is_word ? fault_of_word(value, what) : fault_of_number(value, what);
-  if (!fault.empty()) return add_error(std::string(what.name) + ": " + fault);
-  if (!is_word) read_.values.*what.value = value.asInt();
+  const std::string fault = is_text   ? fault_of_text(value, what)
+                            : is_word ? fault_of_word(value, what)
+                                      : fault_of_number(value, what);
+  if (!fault.empty()) add_error(std::string(what.name) + ": " + fault);
 }
 
-std::string settings_reader::fault_of_number(const Json::Value& value, const setting& what) const {
+std::string settings_reader::fault_of_number(const Json::Value& value, const setting& what) {
   const std::string right = " should be a whole number of " + what.range();
   if (!value.isNumeric()) return json_text(value) + right;
   const auto start = static_cast<size_t>(value.getOffsetStart());
   const std::string written =
       text_.substr(start, static_cast<size_t>(value.getOffsetLimit()) - start);
   if (!is_number(written)) return shortened(written) + " is no number of JSON; it" + right;
-  return value.isInt() && what.fits(value.asInt()) ? "" : shortened(written) + right;
+  if (!value.isInt() || !what.fits(value.asInt())) return shortened(written) + right;
+  read_.values.*std::get<int recorder_settings::*>(what.value) = value.asInt();
+  return "";
 }
 
 std::string settings_reader::fault_of_word(const Json::Value& value, const setting& what) {
   std::string choices;
   for (size_t place = 0; place < what.words.size() && what.words[place] != nullptr; ++place) {
     if (value.isString() && value.asString() == what.words[place]) {
-      read_.values.*what.value = static_cast<int>(place);
+      read_.values.*std::get<int recorder_settings::*>(what.value) = static_cast<int>(place);
       return "";
     }
     choices += std::string(place == 0 ? "" : " or ") + "\"" + what.words[place] + "\"";
   }
   return json_text(value) + " should be " + choices;
+}
+
+std::string settings_reader::fault_of_text(const Json::Value& value, const setting& what) {
+  const bool secret = what.kind == setting::kSecret;
+  const std::string text = value.isString() ? value.asString() : "";
+  const bool fits = what.fits(static_cast<int>(text.size()));
+  const bool taken = std::all_of(text.begin(), text.end(), [secret](char c) {
+    return secret ? c > ' ' && c <= '~' : static_cast<unsigned char>(c) >= ' ' && c != '\x7f';
+  });
+  if (value.isString() && fits && taken) {
+    read_.values.*std::get<std::string recorder_settings::*>(what.value) = text;
+    return "";
+  }
+  return (secret ? "its value" : json_text(value)) + " should be a text of " + what.range() +
+         (secret ? " printable ASCII characters without spaces" : " bytes, no control characters");
 }
 
 // RFC 3550, section 11: an even port, and the one above it for RTCP.
@@ -199,6 +238,29 @@ void settings_reader::check_ports() {
   add_error("ports.to: " + std::to_string(last) + " should be at least " + std::to_string(needed) +
             ", so that there is an even port from ports.from, " + std::to_string(first) +
             ", on and the one above it");
+}
+
+void settings_reader::check_whip() {
+  const recorder_settings& is = read_.values;
+  if (is.whip_certificate.empty() != is.whip_key.empty()) {
+    const bool has_key = is.whip_certificate.empty();
+    const std::string given = has_key ? "whip.key" : "whip.certificate";
+    const std::string& path = has_key ? is.whip_key : is.whip_certificate;
+    add_error((has_key ? "whip.certificate" : "whip.key") + (": should be given too, as " + given) +
+              " is, " + json_text(Json::Value(path)) + ", or neither of them");
+  }
+  const std::string& all = is.whip_address;
+  for (size_t at = 0; !all.empty() && at <= all.size();) {
+    const size_t end = std::min(all.find(',', at), all.size());
+    const std::string one = all.substr(at, end - at);
+    if (!is_host_address(one)) {
+      add_error(
+          "whip.address: " + json_text(Json::Value(one)) +
+          " should be the IP address of a host, such as 192.0.2.7 or 2001:db8::7; several are "
+          "split by commas without spaces");
+    }
+    at = end + 1;
+  }
 }
 
 void settings_reader::add_error(const std::string& what) {
@@ -253,10 +315,14 @@ loaded_settings without_throwing(const std::string& path, Read read) {
 const std::vector<setting>& known_settings() {
   // Settings of one object stand together.
   static const std::vector<setting> kKnown = {
-      {"most_users", &recorder_settings::most_users, 1, 100'000},
-      {"ports.from", &recorder_settings::first_port, 1024, 65534},
-      {"ports.to", &recorder_settings::last_port, 1025, 65535},
-      {"sound", &recorder_settings::sound, 0, 0, {"as it comes", "aac"}},
+      {{"most_users", &recorder_settings::most_users, 1, 100'000}},
+      {{"ports.from", &recorder_settings::first_port, 1024, 65534}},
+      {{"ports.to", &recorder_settings::last_port, 1025, 65535}},
+      {{"sound", &recorder_settings::sound, 0, 0, {"as it comes", "aac"}}},
+      {{"whip.token", &recorder_settings::whip_token, 1, 1024}, setting::kSecret},
+      {{"whip.certificate", &recorder_settings::whip_certificate, 1, kLongestText}},
+      {{"whip.key", &recorder_settings::whip_key, 1, kLongestText}},
+      {{"whip.address", &recorder_settings::whip_address, 1, kLongestText}},
   };
   return kKnown;
 }

@@ -7,6 +7,7 @@
 #pragma once
 
 #include <string>
+#include <variant>
 #include <vector>
 
 #include "core_service/task/field.h"
@@ -20,10 +21,21 @@ struct recorder_settings {
   int first_port = 0;  // 0: no bound on that side
   int last_port = 0;
   int sound = 0;  // 0: as it comes, where a file takes it; 1, AAC in MP4, encoded anew
+
+  // Of users who publish by WHIP. Empty: not given.
+  std::string whip_token;
+  std::string whip_certificate;  // with whip_key, or neither; paths of PEM files
+  std::string whip_key;
+  // IP addresses that users reach the machine under, split by commas without spaces.
+  std::string whip_address;
 };
 
-// "ports.from" is `from` in the object `ports`.
-using setting = field<int recorder_settings::*>;
+// "ports.from" is `from` in the object `ports`. Of a text, `lowest` and `highest` bound its bytes.
+struct setting : field<std::variant<int recorder_settings::*, std::string recorder_settings::*>> {
+  // kSecret: printable ASCII without spaces, as it has to pass through a header of HTTP; no error
+  // shows it.
+  enum { kPlain, kSecret } kind = kPlain;
+};
 
 // All that there are.
 const std::vector<setting>& known_settings();

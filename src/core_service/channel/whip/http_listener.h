@@ -1,0 +1,90 @@
+// SPDX-License-Identifier: Apache-2.0
+// Takes connections of TCP, or of TLS over it, and bounds what they cost: their number, and the
+// time that one has for its only request.
+//
+// Made and destroyed on any thread, everything else on the thread that iterates the context.
+#pragma once
+
+#include <cstddef>
+#include <functional>
+#include <list>
+#include <memory>
+#include <string>
+
+#include "core_service/channel/whip/glib.h"
+
+namespace zelta::core_service {
+
+class http_listener {
+ public:
+  struct limits {
+    // When so many are open and one more comes, the oldest is cut off: it is the one that has had
+    // the most time.
+    size_t most_connections = 1000;
+    // From the first packet to the last: handshake, request and answer.
+    unsigned connection_ms = 30'000;
+    // Of it until the handshake is done, which may take a thread of GLib's.
+    unsigned handshake_ms = 10'000;
+  };
+  // An HTTP end takes its own reference to what it keeps.
+  using take_connection =
+      std::function<void(GIOStream* stream, GSocketAddress* local, GSocketAddress* remote)>;
+
+  // Binds: `address` is an IP address of the machine, empty for all of them; with port 0 one is
+  // chosen. No certificate: plain TCP. Null, with `error` in words.
+  static std::unique_ptr<http_listener> make(const std::string& address, int port,
+                                             glib_ptr<GTlsCertificate> certificate,
+                                             const limits& bounds, std::string& error);
+  http_listener(const http_listener&) = delete;
+  http_listener& operator=(const http_listener&) = delete;
+  // Connections have to be gone, see count().
+  ~http_listener();
+
+  // Any thread.
+  int port() const { return port_; }
+  bool is_secure() const { return certificate_ != nullptr; }
+
+  // The context is borrowed; it is iterated by this thread, whose default it is.
+  void start(GMainContext* context, take_connection take);
+  // Takes no more.
+  void stop();
+  // Ends what goes on: whoever reads or writes sees the end, and lets go of the connection.
+  void cut_all();
+  // The one that was handed over with this address.
+  void cut(const GSocketAddress* remote);
+  // Those that somebody still holds.
+  size_t count() const { return open_.size(); }
+
+ private:
+  struct connection;
+  http_listener(glib_ptr<GSocket> socket, int port, glib_ptr<GTlsCertificate> certificate,
+                const limits& bounds);
+
+  void accept_later();
+  bool accept_one();
+  void take_in(glib_ptr<GSocket> socket);
+  void await_hello(connection& one, GIOStream* stream);
+  void hand_over(connection& one, GIOStream* stream);
+  void cut_oldest();
+  source_ptr after(unsigned ms, GSourceFunc work, void* context) const;
+  static void cut_off(connection& one);
+  static gboolean on_acceptable(GSocket* socket, GIOCondition condition, gpointer self);
+  static gboolean on_retry(gpointer self);
+  static gboolean on_hello(GSocket* socket, GIOCondition condition, gpointer one);
+  static gboolean on_time_over(gpointer one);
+  static void on_handshaken(GObject* stream, GAsyncResult* result, gpointer one);
+  static void on_gone(gpointer one, GObject* stream);
+
+  const glib_ptr<GSocket> socket_;
+  const int port_;
+  const glib_ptr<GTlsCertificate> certificate_;
+  const limits limits_;
+  GMainContext* context_ = nullptr;
+  take_connection take_;
+  bool stopped_ = false;
+  source_ptr accepting_;
+  source_ptr retry_;
+  std::list<connection> open_;  // in the order in which they came
+};
+
+}  // namespace zelta::core_service
