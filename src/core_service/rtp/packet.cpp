@@ -50,7 +50,8 @@ std::optional<packet> parse_packet(const uint8_t* bytes, size_t size) {
   return one;
 }
 
-std::optional<uint8_t> audio_level_of(const packet& one, int number) {
+std::optional<extension_element> find_extension(const packet& one, int number) {
+  if (number == 0) return std::nullopt;
   const bool one_byte = one.extension_profile == kOneByteProfile;
   if (!one_byte && (one.extension_profile & 0xfff0U) != kTwoByteProfile) return std::nullopt;
   const size_t header_bytes = one_byte ? 1 : 2;
@@ -65,11 +66,28 @@ std::optional<uint8_t> audio_level_of(const packet& one, int number) {
     const size_t bytes = one_byte ? (*element & 0x0fU) + size_t{1} : element[1];
     at += header_bytes + bytes;
     if (at > one.extension_bytes || (one_byte && id == kReserved)) return std::nullopt;
-    // Its highest bit tells whether there is speech in it.
-    if (id == number)
-      return bytes > 0 ? std::optional<uint8_t>(element[header_bytes] & 0x7fU) : std::nullopt;
+    if (id == number) return extension_element{element + header_bytes, bytes};
   }
   return std::nullopt;
+}
+
+std::optional<uint8_t> audio_level_of(const packet& one, int number) {
+  const auto found = find_extension(one, number);
+  if (!found || found->size == 0) return std::nullopt;
+  // Its highest bit tells whether there is speech in it.
+  return found->bytes[0] & 0x7fU;
+}
+
+std::optional<uint16_t> transport_number_of(const packet& one, int number) {
+  const auto found = find_extension(one, number);
+  if (!found || found->size != 2) return std::nullopt;
+  return read_16(found->bytes);
+}
+
+std::string_view text_extension_of(const packet& one, int number) {
+  const auto found = find_extension(one, number);
+  if (!found) return {};
+  return {reinterpret_cast<const char*>(found->bytes), found->size};
 }
 
 }  // namespace zelta::core_service::rtp

@@ -13,6 +13,7 @@ constexpr uint8_t kSenderReport = 200;
 constexpr uint8_t kReceiverReport = 201;
 constexpr uint8_t kSourceDescription = 202;
 constexpr uint8_t kGoodbye = 203;
+constexpr uint8_t kTransportFeedback = 205;
 constexpr uint8_t kPayloadFeedback = 206;
 // All types of RTCP, those to come among them (RFC 5761, section 4).
 constexpr uint8_t kFirstType = 192;
@@ -22,6 +23,9 @@ constexpr uint8_t kVersionBits = 0x80;
 constexpr uint8_t kPadded = 0x20;
 constexpr uint8_t kPictureLoss = 1;
 constexpr uint8_t kFullIntraRequest = 4;
+constexpr uint8_t kGenericNack = 1;
+constexpr uint8_t kTransportWide = 15;
+constexpr uint8_t kApplicationLayer = 15;
 constexpr uint8_t kCnameItem = 1;
 
 constexpr size_t kHeaderBytes = 4;
@@ -30,6 +34,15 @@ constexpr size_t kSenderInfoBytes = 20;
 constexpr size_t kBlockBytes = 24;
 constexpr size_t kMaxBlocks = 31;
 constexpr size_t kMaxNameBytes = 255;
+// Our source and the one that it is about.
+constexpr size_t kSourcesBytes = 2 * kSsrcBytes;
+constexpr size_t kNackEntryBytes = 4;
+// A name, and a word of the number of sources and the rate.
+constexpr uint32_t kRembName = 0x52454d42;
+constexpr size_t kRembBytes = 8;
+constexpr size_t kMaxRembSources = 255;
+constexpr uint64_t kMaxMantissa = 0x3ffff;
+constexpr unsigned kMantissaBits = 18;
 
 struct part {
   const uint8_t* bytes;
@@ -87,6 +100,24 @@ void write_block(uint8_t* to, const report_block& block) {
   write_32(to + 12, block.jitter);
   write_32(to + 16, block.last_report);
   write_32(to + 20, block.delay);
+}
+
+// The first number of an entry, and which of the sixteen behind it are asked for as well.
+struct nack_entry {
+  uint16_t first;
+  uint16_t others;
+};
+
+// Takes what has room in one entry from the front of `sequences`; returns how many.
+size_t take_entry(const uint16_t* sequences, size_t count, nack_entry& out) {
+  out = {sequences[0], 0};
+  size_t taken = 1;
+  for (; taken < count; ++taken) {
+    const auto behind = static_cast<uint16_t>(sequences[taken] - out.first);
+    if (behind > 16) break;
+    if (behind > 0) out.others = static_cast<uint16_t>(out.others | 1U << (behind - 1U));
+  }
+  return taken;
 }
 
 }  // namespace
@@ -155,6 +186,52 @@ bool rtcp_writer::full_intra_request(uint32_t ssrc, uint32_t of, uint8_t number)
   write_32(to + 4, 0);
   write_32(to + 8, of);
   write_32(to + 12, static_cast<uint32_t>(number) << 24U);
+  return true;
+}
+
+bool rtcp_writer::nack(uint32_t ssrc, uint32_t of, const uint16_t* sequences, size_t count) {
+  nack_entry entry{};
+  size_t entries = 0;
+  for (size_t at = 0; at < count; ++entries) at += take_entry(sequences + at, count - at, entry);
+  if (entries == 0) return false;
+  uint8_t* to = begin(kHeaderBytes + kSourcesBytes + entries * kNackEntryBytes, kGenericNack,
+                      kTransportFeedback);
+  if (to == nullptr) return false;
+  write_32(to, ssrc);
+  write_32(to + 4, of);
+  to += kSourcesBytes;
+  for (size_t at = 0; at < count; to += kNackEntryBytes) {
+    at += take_entry(sequences + at, count - at, entry);
+    write_16(to, entry.first);
+    write_16(to + 2, entry.others);
+  }
+  return true;
+}
+
+bool rtcp_writer::remb(uint32_t ssrc, const uint32_t* of, size_t count, uint64_t bits_per_second) {
+  if (count > kMaxRembSources) return false;
+  uint8_t* const to = begin(kHeaderBytes + kSourcesBytes + kRembBytes + count * kSsrcBytes,
+                            kApplicationLayer, kPayloadFeedback);
+  if (to == nullptr) return false;
+  unsigned exponent = 0;
+  while (bits_per_second >> exponent > kMaxMantissa) ++exponent;
+  const auto mantissa = static_cast<uint32_t>(bits_per_second >> exponent);
+  write_32(to, ssrc);
+  // The header's source is unused: those that it is about come last.
+  write_32(to + 4, 0);
+  write_32(to + 8, kRembName);
+  write_32(to + 12, static_cast<uint32_t>(count) << 24U | exponent << kMantissaBits | mantissa);
+  for (size_t i = 0; i < count; ++i) write_32(to + 16 + i * kSsrcBytes, of[i]);
+  return true;
+}
+
+bool rtcp_writer::transport_wide(uint32_t ssrc, uint32_t of, const uint8_t* content, size_t size) {
+  uint8_t* const to =
+      begin(kHeaderBytes + kSourcesBytes + size, kTransportWide, kTransportFeedback);
+  if (to == nullptr) return false;
+  write_32(to, ssrc);
+  write_32(to + 4, of);
+  std::memcpy(to + kSourcesBytes, content, size);
   return true;
 }
 

@@ -97,6 +97,32 @@ TEST(PacketTest, LevelsOfSoundAreFoundAmongTheExtensions) {
   }
 }
 
+TEST(PacketTest, NumbersAndNamesAreFoundAmongTheExtensions) {
+  constexpr int kNone = -1;
+  // The profile, the elements, and under number 3 the transport's number and the name.
+  const std::tuple<const char*, std::string, int, std::string> rows[] = {
+      {"\xbe\xde", std::string("\x31\x12\x34\0", 4), 0x1234, "\x12\x34"},
+      {"\xbe\xde", std::string("\x20x\x33high\0", 8), kNone, "high"},
+      {"\xbe\xde", std::string("\x30x\x31yz\0\0\0", 8), kNone, "x"},
+      {"\xbe\xde", std::string("\1xx\x31hi\0\0", 8), 0x6869, "hi"},
+      {"\xbe\xde", std::string("\x33hig", 4), kNone, ""},
+      {"\x10\0", std::string("\3\x13longer than sixteen\0\0\0", 24), kNone, "longer than sixteen"},
+      {"\x10\0", std::string("\3\0\3\2hi\0\0", 8), kNone, ""},
+      {"\x10\0", std::string("\3\3hi", 4), kNone, ""},
+  };
+  for (const auto& [profile, elements, transport, name] : rows) {
+    const auto words = static_cast<char>(elements.size() / 4);
+    std::string bytes = "\x90" + kFixed;
+    bytes.append(profile, 2).append({'\0', words}).append(elements);
+    const auto got = parsed(bytes);
+    ASSERT_TRUE(got) << elements;
+    const auto found = transport_number_of(*got, 3);
+    EXPECT_EQ(found ? int{*found} : kNone, transport) << elements;
+    EXPECT_EQ(text_extension_of(*got, 3), name) << elements;
+    EXPECT_FALSE(find_extension(*got, 0)) << "it is that of padding";
+  }
+}
+
 // A packet's number, what is made of it, and its number in the stream.
 TEST(SourceValidatorTest, StreamsAreToldFromStrayPackets) {
   const std::string marks = "?=x!";  // probation, valid, drop, restarted

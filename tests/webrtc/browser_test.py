@@ -1,0 +1,268 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""Browsers publish to the recorder by WHIP, and their files are looked at. Arguments: names of
+cases; none: all. Exit status 1 when one fails."""
+import glob
+import json
+import os
+import queue
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import threading
+import time
+import traceback
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+sys.path += [f"{ROOT}/scripts/webrtc", f"{ROOT}/scripts/media"]
+
+import browser as chromium  # noqa: E402
+import marks  # noqa: E402
+
+SYNC_LIMIT_MS = 40
+FIRST_PICTURE_MS = 1000
+BIN = os.environ.get("ZELTA_BIN", f"{ROOT}/build/release/bin")
+
+
+def free_port():
+    with socket.socket() as tried:
+        tried.bind(("127.0.0.1", 0))
+        return tried.getsockname()[1]
+
+
+def require(holds, what):
+    if not holds:
+        raise AssertionError(what)
+
+
+class Recording:
+    """One run of zelta-record, whose events come as they happen."""
+
+    def __init__(self, *arguments):
+        self.root = tempfile.mkdtemp(prefix="zelta-webrtc-")
+        self.port = free_port()
+        self.url = f"http://127.0.0.1:{self.port}/room"
+        self.process = subprocess.Popen(
+            [f"{BIN}/zelta-record", "room", "--json", "--server", f"whip:127.0.0.1:{self.port}",
+             "--record-file-root-dir", self.root, *arguments],
+            stdout=subprocess.PIPE, text=True)
+        self.events = queue.Queue()
+        self.reader = threading.Thread(target=self.read, daemon=True)
+        self.reader.start()
+        self.wait_for("joined")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.process.poll() is None:
+            self.process.kill()
+        self.process.wait()
+        self.reader.join()
+        self.process.stdout.close()
+        shutil.rmtree(self.root, ignore_errors=True)
+
+    def read(self):
+        for line in self.process.stdout:
+            self.events.put(json.loads(line))
+        self.events.put(None)
+
+    def wait_for(self, name, seconds=20, **values):
+        """The next event of this name with these values; others are passed over."""
+        until = time.monotonic() + seconds
+        while True:
+            try:
+                event = self.events.get(timeout=max(until - time.monotonic(), 0.001))
+            except queue.Empty:
+                raise AssertionError(f"no {name} {values} within {seconds} s") from None
+            require(event is not None, f"the recording ended before {name}")
+            if event["event"] == name and all(event.get(k) == v for k, v in values.items()):
+                return event
+
+    def recorder_pid(self):
+        return int(subprocess.check_output(
+            ["pgrep", "-P", str(self.process.pid), "ZeltaCoreServic"], text=True))
+
+    def end(self):
+        """The manifest, once all files are complete."""
+        self.process.send_signal(signal.SIGTERM)
+        self.status = self.process.wait(timeout=30)
+        path, = glob.glob(f"{self.root}/**/recording.json", recursive=True)
+        self.folder = os.path.dirname(path)
+        with open(path, encoding="utf-8") as text:
+            self.manifest = json.load(text)
+        return self.manifest
+
+    def files_of(self, uid):
+        return [f for f in self.manifest["files"] if f["uid"] == uid]
+
+    def path(self, file):
+        return f"{self.folder}/{file['name']}"
+
+
+def publish(page_of, recording, uid, codec="", extra=""):
+    codec = f"&codec={codec}" if codec else ""
+    page = page_of.open(f"{recording.url}?auto={uid}{codec}{extra}")
+    page.wait_for("document.body.dataset.state === 'recording'")
+    return page
+
+
+def judge(recording, file, least_marks, sync=SYNC_LIMIT_MS):
+    path = recording.path(file)
+    flash, beep = marks.flashes(path), marks.beeps(path)
+    require(len(flash) >= least_marks, f"{len(flash)} flashes, not {least_marks}")
+    require(len(beep) >= least_marks, f"{len(beep)} beeps, not {least_marks}")
+    worst, mean = marks.sync_ms(flash, beep, True)
+    require(abs(worst) <= sync, f"sync {worst} ms")
+    errors = marks.decode_errors(path)
+    require(not errors, f"{errors} decode errors")
+    first_ms = marks.first_picture_ms(path)
+    return {"worst_ms": worst, "mean_ms": mean, "first_ms": first_ms, "flashes": len(flash),
+            "beeps": len(beep), "seconds": marks.duration(path), "frames": marks.frames(path)}
+
+
+def one_user(codec, video_codec):
+    with Recording() as recording, chromium.Browser() as browser:
+        page = publish(browser, recording, 7, codec)
+        joined = recording.wait_for("user_joined", uid=7)
+        time.sleep(6)
+        page.evaluate("document.getElementById('leave').click()")
+        page.wait_for("document.body.dataset.state === 'left'")
+        recording.wait_for("user_left", uid=7)
+        recording.end()
+        file, = recording.files_of(7)
+        require(file["video_codec"] == video_codec, f"the picture is {file['video_codec']}")
+        require(file["audio_codec"] == "opus", f"the sound is {file['audio_codec']}")
+        found = judge(recording, file, 4)
+        require(5.5 < found["seconds"] < 8, f"{found['seconds']} s long")
+        require(found["first_ms"] < FIRST_PICTURE_MS, f"first picture after {found['first_ms']} ms")
+        require(recording.status == 0, f"exit status {recording.status}")
+        return {**found, "joined": joined.get("uid")}
+
+
+def users_come_and_go():
+    with Recording() as recording, chromium.Browser() as first, chromium.Browser() as second:
+        stays = publish(first, recording, 1)
+        leaves = publish(first, recording, 2)
+        dies = publish(second, recording, 3)
+        time.sleep(2)
+        leaves.close()
+        recording.wait_for("user_left", uid=2, seconds=5)
+        second.kill()
+        begun = time.monotonic()
+        recording.wait_for("user_left", uid=3, seconds=12)
+        noticed = time.monotonic() - begun
+        again = publish(first, recording, 2)
+        time.sleep(3)
+        again.close()
+        recording.wait_for("user_left", uid=2, seconds=5)
+        stays.close()
+        recording.wait_for("user_left", uid=1, seconds=5)
+        recording.end()
+        require(len(recording.files_of(1)) == 1, "user 1 has other than one file")
+        require(len(recording.files_of(2)) == 2, "user 2 has other than two files")
+        require(len(recording.files_of(3)) == 1, "user 3 has other than one file")
+        for file in recording.manifest["files"]:
+            require(not marks.decode_errors(recording.path(file)), f"{file['name']} is broken")
+        judge(recording, recording.files_of(1)[0], 6)
+        del dies
+        return {"killed_noticed_s": round(noticed, 1)}
+
+
+def muted_and_dark():
+    with Recording() as recording, chromium.Browser() as browser:
+        page = publish(browser, recording, 7)
+        time.sleep(3)
+        page.evaluate("document.getElementById('sound').click()")
+        time.sleep(3)
+        page.evaluate("document.getElementById('sound').click()")
+        page.evaluate("document.getElementById('camera').click()")
+        time.sleep(3)
+        page.evaluate("document.getElementById('camera').click()")
+        time.sleep(3)
+        page.close()
+        recording.wait_for("user_left", uid=7)
+        recording.end()
+        files = recording.files_of(7)
+        heard = [at + f["first_utc_ms"] / 1000 for f in files for at in marks.beeps(recording.path(f))]
+        seconds = max(heard) - min(heard)
+        require(9 < seconds < 13, f"beeps over {seconds} s")
+        # Three are silent in the middle.
+        require(len(heard) <= round(seconds) + 1 - 2, f"{len(heard)} beeps: nothing was muted")
+        return {"files": len(files), "beeps": len(heard)}
+
+
+def lossy():
+    """Of all packets to and from the recorder one in fifty is dropped. In a namespace of ours."""
+    with Recording("--cfg-file-path", "") as recording, chromium.Browser() as browser:
+        subprocess.run(["nft", "-f", "-"], check=True, text=True, input="""
+            table inet loss { chain in { type filter hook input priority 0;
+              meta l4proto udp numgen random mod 1000 < 20 drop; } }""")
+        page = publish(browser, recording, 7, "h264")
+        time.sleep(12)
+        page.close()
+        recording.wait_for("user_left", uid=7)
+        recording.end()
+        file, = recording.files_of(7)
+        return judge(recording, file, 9)
+
+
+def recorder_is_killed():
+    with Recording() as recording, chromium.Browser() as browser:
+        page = publish(browser, recording, 7)
+        time.sleep(3)
+        os.kill(recording.recorder_pid(), signal.SIGKILL)
+        recording.wait_for("user_joined", uid=7, seconds=15)
+        page.wait_for("document.body.dataset.state === 'recording'")
+        time.sleep(3)
+        page.close()
+        recording.wait_for("user_left", uid=7)
+        recording.end()
+        files = recording.files_of(7)
+        require(len(files) == 2, f"{len(files)} files")
+        gap = files[1]["first_utc_ms"] - files[0]["last_utc_ms"]
+        for file in files:
+            require(not marks.decode_errors(recording.path(file)), f"{file['name']} is broken")
+        require(gap < 6000, f"{gap} ms are missing")
+        return {"gap_ms": gap}
+
+
+CASES = {
+    "vp8": lambda: one_user("vp8", "vp8"),
+    "h264": lambda: one_user("h264", "h264"),
+    "users_come_and_go": users_come_and_go,
+    "muted_and_dark": muted_and_dark,
+    "lossy": lossy,
+    "recorder_is_killed": recorder_is_killed,
+}
+
+
+def enter_namespace():
+    """A network of our own, in which packets can be dropped and nothing leaves the machine."""
+    if os.environ.get("ZELTA_NAMESPACE"):
+        subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
+        return
+    rights = ["-n"] if os.geteuid() == 0 else ["-rn"]
+    os.environ["ZELTA_NAMESPACE"] = "1"
+    os.execvp("unshare", ["unshare", *rights, sys.executable, *sys.argv])
+
+
+def main():
+    enter_namespace()
+    failed = 0
+    for name in sys.argv[1:] or CASES:
+        begun = time.monotonic()
+        try:
+            found = CASES[name]()
+            print(f"ok {name} ({time.monotonic() - begun:.1f} s): {json.dumps(found)}", flush=True)
+        except Exception:  # one case must not hide the others
+            failed += 1
+            print(f"FAILED {name}:\n{traceback.format_exc()}", flush=True)
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
