@@ -58,7 +58,7 @@ std::optional<rtp_source> make_rtp_source(uint32_t uid, const std::string& text,
     }
   }
   std::unique_ptr<srtp_session> ciphers;
-  if (how.key) ciphers = srtp_session::make(*how.key);
+  if (how.key) ciphers = srtp_session::make(*how.key, *how.key);
   if (how.key && !ciphers) {
     error = "libsrtp2 doesn't have the cipher of --encrypt_mode";
     return std::nullopt;

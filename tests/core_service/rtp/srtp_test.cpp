@@ -17,8 +17,8 @@ using namespace core_service;
 
 // libsrtp takes none that doesn't give its known answers.
 TEST(SrtpCiphers, AreOpenSsls) {
-  ASSERT_TRUE(rtp::srtp_session::make({rtp::cipher::kAes128Gcm, std::vector<uint8_t>(28, 7)}))
-      << "with it libsrtp begins";
+  const rtp::srtp_key key{rtp::cipher::kAes128Gcm, std::vector<uint8_t>(28, 7)};
+  ASSERT_TRUE(rtp::srtp_session::make(key, key)) << "with it libsrtp begins";
   EXPECT_TRUE(rtp::use_openssl_counter_mode());
   EXPECT_TRUE(rtp::use_openssl_gcm());
   EXPECT_TRUE(rtp::use_openssl_hmac());
@@ -30,8 +30,10 @@ TEST(SrtpSession, TakesNothingThatWasChangedOnItsWayOrCameBefore) {
         std::pair{rtp::cipher::kAes256Gcm, 44}}) {
     SCOPED_TRACE(key_bytes);
     const rtp::srtp_key key{mode, std::vector<uint8_t>(static_cast<size_t>(key_bytes), 7)};
-    const auto sends = rtp::srtp_session::make(key);
-    const auto receives = rtp::srtp_session::make(key);
+    // The way back has a key of its own.
+    const rtp::srtp_key other{mode, std::vector<uint8_t>(static_cast<size_t>(key_bytes), 9)};
+    const auto sends = rtp::srtp_session::make(other, key);
+    const auto receives = rtp::srtp_session::make(key, other);
     ASSERT_TRUE(sends && receives);
     // A receiver report without blocks (RFC 3550, section 6.4.2).
     const std::vector<uint8_t> report{0x80, 201, 0, 1, 1, 2, 3, 4};

@@ -57,10 +57,10 @@ std::optional<size_t> apply(Function function, srtp_t session, uint8_t* bytes, s
 
 }  // namespace
 
-std::unique_ptr<srtp_session> srtp_session::make(const srtp_key& key) {
+std::unique_ptr<srtp_session> srtp_session::make(const srtp_key& in_key, const srtp_key& out_key) {
   if (!is_ready()) return nullptr;
-  srtp_t const in = create(key, ssrc_any_inbound);
-  srtp_t const out = create(key, ssrc_any_outbound);
+  srtp_t const in = create(in_key, ssrc_any_inbound);
+  srtp_t const out = create(out_key, ssrc_any_outbound);
   std::unique_ptr<srtp_session> made(new srtp_session(in, out));
   return in != nullptr && out != nullptr ? std::move(made) : nullptr;
 }

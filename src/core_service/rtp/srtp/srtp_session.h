@@ -18,8 +18,9 @@ class srtp_session {
   // What a packet may grow by when it is encrypted.
   static constexpr size_t kMostAdded = 148;
 
-  // Null when the library doesn't have the cipher.
-  static std::unique_ptr<srtp_session> make(const srtp_key& key);
+  // `in`: what the sender encrypts with, `out`: what we do; each as long as its mode wants. Null
+  // when the library doesn't have the cipher.
+  static std::unique_ptr<srtp_session> make(const srtp_key& in, const srtp_key& out);
   ~srtp_session();
   srtp_session(const srtp_session&) = delete;
   srtp_session& operator=(const srtp_session&) = delete;
