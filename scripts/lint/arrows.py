@@ -24,8 +24,9 @@ ROOMS = {
     "core_service/load": "base core_service/media",
     "core_service/task": "include base core_service/media",
     "core_service/rtp": "base core_service/folder core_service/load core_service/media",
-    "core_service/webrtc": "core_service/media core_service/rtp",
-    "core_service/channel": "base core_service/folder core_service/media core_service/rtp",
+    "core_service/webrtc": "base core_service/folder core_service/media core_service/rtp",
+    "core_service/channel": "base core_service/folder core_service/media core_service/rtp "
+                            "core_service/webrtc",
     "core_service/files": "base core_service/folder core_service/load core_service/media",
     "core_service/frames": "base packets core_service/engine core_service/media core_service/task",
     "core_service/mix": "base protocol core_service/engine core_service/files core_service/frames "

@@ -22,6 +22,7 @@ SUITES = {suite.name: suite for suite in [
     Suite("fuzz_engine_packets"), Suite("fuzz_mixing_layout"), Suite("fuzz_config_file"),
     Suite("fuzz_control_packets"), Suite("fuzz_session_description"), Suite("fuzz_recorder_files"),
     Suite("fuzz_command_line"), Suite("fuzz_rtp_packets"), Suite("fuzz_depayload"), Suite("fuzz_format"),
+    Suite("fuzz_webrtc_offer"),
     Suite("packets_to_units_test", 3, 60, 150),
     Suite("webrtc_test", 3, 40, 120),
 ]}
@@ -51,6 +52,9 @@ COVERED_BY = [
     ("src/core_service/load/overload_rules.*", "recorder_unit_test"),
     ("src/core_service/session/speaker_policy.*", "recorder_unit_test"),
     ("src/core_service/rtp/session_description.*", "recorder_unit_test fuzz_session_description"),
+    ("src/core_service/rtp/sdp_media.*",
+     "recorder_unit_test webrtc_test fuzz_session_description fuzz_webrtc_offer"),
+    ("src/core_service/webrtc/*", "webrtc_test fuzz_webrtc_offer"),
     ("src/core_service/rtp/srtp/srtp_key.*", "packets_to_units_test"),
     ("src/core_service/rtp/depayload/*", "packets_to_units_test fuzz_depayload"),
     ("src/core_service/rtp/packet.*", "packets_to_units_test fuzz_rtp_packets"),
