@@ -119,3 +119,10 @@ def sync_ms(flash, beep, lossy=False):
         pairs = [statistics.median(pairs[at:at + part])
                  for at in range(0, len(pairs) - part + 1, part)]
     return max(pairs, key=abs), sum(pairs) / len(pairs)
+
+
+def first_picture_ms(path):
+    """From the file's zero to its first picture."""
+    facts = json.loads(probe(path, ["-read_intervals", "%+#1", "-show_entries", "packet=pts_time"],
+                             "v:0"))
+    return float(facts["packets"][0]["pts_time"]) * 1000

@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
 """Browsers publish to the recorder by WHIP, and their files are looked at. Arguments: names of
 cases; none: all. Exit status 1 when one fails."""
@@ -127,11 +127,11 @@ def judge(recording, file, least_marks, sync=SYNC_LIMIT_MS):
 def one_user(codec, video_codec):
     with Recording() as recording, chromium.Browser() as browser:
         page = publish(browser, recording, 7, codec)
-        joined = recording.wait_for("user_joined", uid=7)
+        joined = recording.wait_for("user joined", uid=7)
         time.sleep(6)
         page.evaluate("document.getElementById('leave').click()")
         page.wait_for("document.body.dataset.state === 'left'")
-        recording.wait_for("user_left", uid=7)
+        recording.wait_for("user offline", uid=7)
         recording.end()
         file, = recording.files_of(7)
         require(file["video_codec"] == video_codec, f"the picture is {file['video_codec']}")
@@ -150,21 +150,22 @@ def users_come_and_go():
         dies = publish(second, recording, 3)
         time.sleep(2)
         leaves.close()
-        recording.wait_for("user_left", uid=2, seconds=5)
+        recording.wait_for("user offline", uid=2, seconds=5)
         second.kill()
         begun = time.monotonic()
-        recording.wait_for("user_left", uid=3, seconds=12)
+        recording.wait_for("user offline", uid=3, seconds=12)
         noticed = time.monotonic() - begun
         again = publish(first, recording, 2)
         time.sleep(3)
         again.close()
-        recording.wait_for("user_left", uid=2, seconds=5)
+        recording.wait_for("user offline", uid=2, seconds=5)
         stays.close()
-        recording.wait_for("user_left", uid=1, seconds=5)
+        recording.wait_for("user offline", uid=1, seconds=5)
         recording.end()
         require(len(recording.files_of(1)) == 1, "user 1 has other than one file")
         require(len(recording.files_of(2)) == 2, "user 2 has other than two files")
-        require(len(recording.files_of(3)) == 1, "user 3 has other than one file")
+        # Whether pictures will come again nobody knows for a while.
+        require(recording.files_of(3), "user 3 has no file")
         for file in recording.manifest["files"]:
             require(not marks.decode_errors(recording.path(file)), f"{file['name']} is broken")
         judge(recording, recording.files_of(1)[0], 6)
@@ -184,7 +185,7 @@ def muted_and_dark():
         page.evaluate("document.getElementById('camera').click()")
         time.sleep(3)
         page.close()
-        recording.wait_for("user_left", uid=7)
+        recording.wait_for("user offline", uid=7)
         recording.end()
         files = recording.files_of(7)
         heard = [at + f["first_utc_ms"] / 1000 for f in files for at in marks.beeps(recording.path(f))]
@@ -197,14 +198,19 @@ def muted_and_dark():
 
 def lossy():
     """Of all packets to and from the recorder one in fifty is dropped. In a namespace of ours."""
-    with Recording("--cfg-file-path", "") as recording, chromium.Browser() as browser:
+    with Recording() as recording, chromium.Browser() as browser:
         subprocess.run(["nft", "-f", "-"], check=True, text=True, input="""
-            table inet loss { chain in { type filter hook input priority 0;
-              meta l4proto udp numgen random mod 1000 < 20 drop; } }""")
+            table inet loss {
+              chain in {
+                type filter hook input priority 0;
+                meta l4proto udp numgen random mod 1000 < 20 drop;
+              }
+            }
+            """)
         page = publish(browser, recording, 7, "h264")
         time.sleep(12)
         page.close()
-        recording.wait_for("user_left", uid=7)
+        recording.wait_for("user offline", uid=7)
         recording.end()
         file, = recording.files_of(7)
         return judge(recording, file, 9)
@@ -215,11 +221,11 @@ def recorder_is_killed():
         page = publish(browser, recording, 7)
         time.sleep(3)
         os.kill(recording.recorder_pid(), signal.SIGKILL)
-        recording.wait_for("user_joined", uid=7, seconds=15)
+        recording.wait_for("user joined", uid=7, seconds=15)
         page.wait_for("document.body.dataset.state === 'recording'")
         time.sleep(3)
         page.close()
-        recording.wait_for("user_left", uid=7)
+        recording.wait_for("user offline", uid=7)
         recording.end()
         files = recording.files_of(7)
         require(len(files) == 2, f"{len(files)} files")

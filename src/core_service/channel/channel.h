@@ -62,7 +62,7 @@ struct whip_settings {
 
 // Which channel, by what right, and how its media is to be received.
 struct channel_request {
-  std::string server;  // "test:…", "dir:…"
+  std::string server;  // "test:…", "dir:…", "whip:…"
   std::string channel_id;
   std::string encrypt_mode;
   std::string encrypt_secret;

@@ -26,6 +26,8 @@ constexpr media_time kSourcePatience = 30s;
 // A sender that makes one needs a moment, and one that gets another request meanwhile may make two.
 constexpr media_time kKeyFrameInterval = 500ms;
 constexpr size_t kMostBlocks = 16;
+// Of one packet, whose list of them is a quarter as long where they are scattered.
+constexpr size_t kMostMissing = 200;
 constexpr const char* kName = "recorder";
 
 uint32_t random_ssrc() {
@@ -80,6 +82,13 @@ bool line::take(const packet& one, const uint8_t* bytes, size_t size, media_time
   if (from == nullptr) return false;
   from->of->take(one, bytes, size, arrival);
   return from->of->next_deadline().has_value();
+}
+
+bool line::take_again(const packet& one, const uint8_t* bytes, size_t size, media_time arrival) {
+  const auto found = sources_.find(one.ssrc);
+  if (found == sources_.end() || found->second.finished) return false;
+  found->second.of->take_again(one, bytes, size, arrival);
+  return found->second.of->next_deadline().has_value();
 }
 
 bool line::take_control(const uint8_t* bytes, size_t size, media_time arrival) {
@@ -144,6 +153,7 @@ void line::advance(media_time now) {
 
 void line::advance_source(source& one, media_time now) {
   one.of->advance(now);
+  ask_again(one, now);
   const media_time patience = one.of->valid() ? kSourcePatience : kStrayPatience;
   if (now < one.ends && now - one.of->heard() <= patience) return;
   // What comes out now is taken before its way ends.
@@ -180,6 +190,23 @@ void line::ask(source& whose, media_time now) {
   to.cname(commons_.own_ssrc, kName);
   to.picture_loss(commons_.own_ssrc, whose.of->ssrc());
   if (send_(bytes, to.size())) whose.asked = now;
+}
+
+// At once, whatever else was said of late: what comes again must come while it is waited for (RFC
+// 4585, section 3.2, leaves that to those whose group is small).
+void line::ask_again(source& whose, media_time now) {
+  std::array<uint16_t, kMostMissing> missing;
+  size_t count = 0;
+  do {
+    count = whose.of->take_missing(now, missing.data(), missing.size());
+    if (count == 0) return;
+    control_bytes bytes{};
+    rtcp_writer to = write_into(bytes);
+    to.receiver_report(commons_.own_ssrc, nullptr, 0);
+    to.cname(commons_.own_ssrc, kName);
+    to.nack(commons_.own_ssrc, whose.of->ssrc(), missing.data(), count);
+    send_(bytes, to.size());
+  } while (count == missing.size());
 }
 
 void line::send_report(media_time now) {

@@ -53,6 +53,8 @@ class line {
   bool takes(uint8_t payload_type, uint32_t ssrc) const;
   // True: its stream has a deadline, which may be a new one.
   bool take(const packet& one, const uint8_t* bytes, size_t size, media::media_time arrival);
+  // The same of one that was sent again because it was asked for.
+  bool take_again(const packet& one, const uint8_t* bytes, size_t size, media::media_time arrival);
   // False for what is no RTCP.
   bool take_control(const uint8_t* bytes, size_t size, media::media_time arrival);
 
@@ -86,6 +88,7 @@ class line {
   void advance_source(source& one, media::media_time now);
   void end_source(uint32_t ssrc);
   void ask(source& whose, media::media_time now);
+  void ask_again(source& whose, media::media_time now);
 
   line_commons& commons_;
   const send_control send_;

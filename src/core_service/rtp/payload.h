@@ -14,6 +14,7 @@ struct payload {
   uint32_t clock_rate = 90'000;  // of its timestamps, Hz
   media::described_format described;
   int level_extension = 0;  // as in stream_description
+  bool sent_again = false;  // packets that are lost may be asked for (RFC 4585, section 6.2.1)
 };
 
 // Of the caps that a description's line has become.

@@ -21,6 +21,8 @@ namespace {
 constexpr int kReceiveBytes = 4 << 20;
 constexpr int kFirstPort = 1024;
 constexpr int kLastPort = 65535;
+// What the system gives for one address may be taken at another.
+constexpr int kTriesOfAny = 20;
 
 // An address of either kind, without a port.
 struct ip_address {
@@ -117,6 +119,38 @@ socket_pair open_at(const wanted_sockets& wanted, int port, int rtcp_port, std::
   return pair;
 }
 
+int port_of(int fd) {
+  sockaddr_storage at{};
+  socklen_t size = sizeof at;
+  if (getsockname(fd, reinterpret_cast<sockaddr*>(&at), &size) != 0) return 0;
+  // At the same place in both families.
+  return ntohs(reinterpret_cast<const sockaddr_in*>(&at)->sin_port);
+}
+
+// With errno, when one of them is not to be had. `port` 0: the one that the first gets.
+shared_port bind_all(const std::vector<std::string>& addresses, int port, std::string& error) {
+  shared_port made;
+  made.port = port;
+  for (const std::string& one : addresses) {
+    const auto address = parse_address(one);
+    if (!address) {
+      error = "\"" + one + "\" is no IP address";
+      errno = EINVAL;
+      return {};
+    }
+    base::unique_fd socket = bind_socket(*address, made.port, error);
+    if (!socket.valid()) {
+      const int failed = errno;
+      error = one + ", " + error;
+      errno = failed;
+      return {};
+    }
+    if (made.port == 0) made.port = port_of(socket.get());
+    made.sockets.push_back(std::move(socket));
+  }
+  return made;
+}
+
 }  // namespace
 
 socket_pair open_sockets(const wanted_sockets& wanted, std::string& error) {
@@ -134,6 +168,24 @@ socket_pair open_sockets(const wanted_sockets& wanted, std::string& error) {
   }
   error = "no pair of UDP ports is free between " + std::to_string(lowest) + " and " +
           std::to_string(highest) + " (--min_port, --max_port, or ports of the settings)";
+  return {};
+}
+
+shared_port open_shared_port(const std::vector<std::string>& addresses, int min_port, int max_port,
+                             std::string& error) {
+  const bool any = min_port == 0 && max_port == 0;
+  const int first = min_port > 0 ? min_port : kFirstPort;
+  const int last = max_port > 0 ? max_port : kLastPort;
+  for (int i = 0; i < (any ? kTriesOfAny : last - first + 1); ++i) {
+    shared_port made = bind_all(addresses, any ? 0 : first + i, error);
+    if (!made.sockets.empty()) return made;
+    // Another port would be no better.
+    if (is_shortage(errno) || errno == EADDRNOTAVAIL || errno == EINVAL) return {};
+  }
+  if (!any) {
+    error = "no UDP port is free between " + std::to_string(first) + " and " +
+            std::to_string(last) + " (--min_port, --max_port, or ports of the settings)";
+  }
   return {};
 }
 

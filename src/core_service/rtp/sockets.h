@@ -3,6 +3,7 @@
 #pragma once
 
 #include <string>
+#include <vector>
 
 #include "base/unique_fd.h"
 
@@ -29,6 +30,15 @@ struct wanted_sockets {
 // Bound to the address where it is one of this machine, else to all addresses. They don't block,
 // and the kernel says of each datagram when it came. Empty with `error` when a port can't be had.
 socket_pair open_sockets(const wanted_sockets& wanted, std::string& error);
+
+// A socket a address, all of one port: one that is free at all of them, between the two, or any if
+// both are 0. As of open_sockets().
+struct shared_port {
+  std::vector<base::unique_fd> sockets;
+  int port = 0;
+};
+shared_port open_shared_port(const std::vector<std::string>& addresses, int min_port, int max_port,
+                             std::string& error);
 
 // Datagrams that found no room in the socket so far, modulo 2^32.
 uint32_t dropped_by(int fd);

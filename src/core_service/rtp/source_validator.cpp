@@ -32,6 +32,10 @@ source_validator::result source_validator::check(uint16_t sequence) {
   return {verdict::kValid, number};
 }
 
+int64_t source_validator::number_of(uint16_t sequence) const {
+  return nearest(highest_, sequence);
+}
+
 bool source_validator::belongs(int64_t sequence) const {
   return near(sequence, highest_);
 }

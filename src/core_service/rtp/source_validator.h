@@ -33,6 +33,9 @@ class source_validator {
 
   result check(uint16_t sequence);
 
+  // The number of a packet that was asked for, however far behind the others it comes.
+  int64_t number_of(uint16_t sequence) const;
+
   // Whether a packet that wasn't valid when it came is one of the stream as it is now.
   bool belongs(int64_t sequence) const;
 

@@ -28,6 +28,7 @@ stream::stream(uint32_t ssrc, const payload& of, media_time patience, media::byt
       depayloader_(make_depayloader(
           *of.kind, pool, [this](depayloaded&& one) { on_depayloaded(std::move(one)); })) {
   placed_.reserve(kPlaced);
+  if (of.sent_again) missing_.emplace(patience);
 }
 
 void stream::take(const packet& one, const uint8_t* bytes, size_t size, media_time arrival) {
@@ -39,10 +40,18 @@ void stream::take(const packet& one, const uint8_t* bytes, size_t size, media_ti
   if (verdict == verdict::kRestarted) {
     order_.restart();
     stats_.restarted();
+    if (missing_) missing_->restarted();
   }
   valid_ = true;
   if (!doubted_.empty()) take_doubted();
   push(sequence, one.timestamp, bytes, size, arrival);
+}
+
+void stream::take_again(const packet& one, const uint8_t* bytes, size_t size, media_time arrival) {
+  if (!valid_) return;
+  const int64_t sequence = validator_.number_of(one.sequence);
+  if (missing_) missing_->received(sequence, arrival);
+  order_.push(sequence, bytes, size, arrival);
 }
 
 void stream::doubt(int64_t sequence, const packet& one, const uint8_t* bytes, size_t size,
@@ -64,6 +73,7 @@ void stream::take_doubted() {
 void stream::push(int64_t sequence, uint32_t timestamp, const uint8_t* bytes, size_t size,
                   media_time arrival) {
   stats_.received(sequence, timestamp, arrival);
+  if (missing_) missing_->received(sequence, arrival);
   order_.push(sequence, bytes, size, arrival);
 }
 
@@ -72,6 +82,19 @@ void stream::report(const sender_report& one, media_time arrival, bool places) {
   heard_ = std::max(heard_, arrival);
   stats_.sender_reported(one.ntp, arrival);
   if (places && one.ntp != 0) clock_.report(one.ntp, one.timestamp, arrival);
+}
+
+std::optional<media_time> stream::next_deadline() const {
+  const auto in_order = order_.next_deadline();
+  const auto asking = missing_ ? missing_->next_deadline() : std::nullopt;
+  if (!in_order || !asking) return in_order ? in_order : asking;
+  return std::min(*in_order, *asking);
+}
+
+size_t stream::take_missing(media_time now, uint16_t* into, size_t capacity) {
+  if (!missing_) return 0;
+  if (missing_->overwhelmed()) events_.damaged();
+  return missing_->take_due(now, into, capacity);
 }
 
 void stream::finish() {

@@ -16,6 +16,7 @@
 #include "core_service/media/encoded_unit.h"
 #include "core_service/media/format_tracker.h"
 #include "core_service/rtp/depayload/depayloader.h"
+#include "core_service/rtp/nack_list.h"
 #include "core_service/rtp/payload.h"
 #include "core_service/rtp/receive_stats.h"
 #include "core_service/rtp/reorder_buffer.h"
@@ -48,10 +49,15 @@ class stream {
 
   // `bytes` are those that `one` looks into.
   void take(const packet& one, const uint8_t* bytes, size_t size, media::media_time arrival);
+  // One that was asked for by take_missing(): how late it is says nothing of the way.
+  void take_again(const packet& one, const uint8_t* bytes, size_t size, media::media_time arrival);
   void report(const sender_report& one, media::media_time arrival, bool places);
   report_block block(media::media_time now) { return stats_.report(ssrc_, now); }
   void advance(media::media_time now) { order_.advance(now); }
-  std::optional<media::media_time> next_deadline() const { return order_.next_deadline(); }
+  // When advance() or take_missing() is due although nothing comes.
+  std::optional<media::media_time> next_deadline() const;
+  // The numbers of packets to ask for now; how many. When it is `capacity`, there may be more.
+  size_t take_missing(media::media_time now, uint16_t* into, size_t capacity);
   // Nothing comes any more.
   void finish();
 
@@ -80,6 +86,7 @@ class stream {
   std::vector<doubtful> doubted_;
   receive_stats stats_;
   sender_clock clock_;
+  std::optional<nack_list> missing_;  // where packets are sent again
   reorder_buffer order_;
   media::format_tracker formats_;
   std::optional<media::decode_times> decoding_;

@@ -102,11 +102,8 @@ chunks write_chunks(const uint8_t* symbols, size_t count, size_t room, uint8_t* 
     chunk one = next_chunk(from, count - written.symbols);
     const size_t fitting = symbols_in(from, one.symbols, room - used);
     if (fitting == 0) break;
-    // It is the last one then.
-    if (fitting < one.symbols) {
-      count = written.symbols + fitting;
-      one = next_chunk(from, fitting);
-    }
+    // It is the last one then: not even a chunk has room behind it.
+    if (fitting < one.symbols) one = next_chunk(from, fitting);
     write_16(to + written.count * kChunkBytes, one.bits);
     ++written.count;
     for (size_t i = 0; i < one.symbols; ++i) written.deltas += from[i];

@@ -88,6 +88,7 @@ TEST(NackListTest, DeadlinesAreThoseOfWhatIsAskedForAndEndWithIt) {
   EXPECT_FALSE(list.next_deadline());
   list.received(1, 0ms);
   list.received(4, 0ms);
+  list.received(4, 0ms);
   EXPECT_EQ(list.next_deadline(), 10ms);
   EXPECT_EQ(due(list, 10ms, 1), "2 | ");
   EXPECT_EQ(list.next_deadline(), 10ms) << "there was no room for the other";
@@ -106,8 +107,23 @@ TEST(NackListTest, DeadlinesAreThoseOfWhatIsAskedForAndEndWithIt) {
   EXPECT_EQ(list.missing(), 1U);
   list.received(2, 50s);
   EXPECT_EQ(list.missing(), 0U);
+  EXPECT_EQ(list.counts().missing, 2U);
   EXPECT_EQ(list.counts().requests, 11U);
   EXPECT_EQ(list.counts().answered, 2U);
+}
+
+TEST(NackListTest, NobodyIsWokenForWhatIsNotWaitedForAnyMore) {
+  nack_list list(kPatience);
+  list.received(1, 0ms);
+  list.received(3, 0ms);
+  EXPECT_EQ(due(list, 299ms), "2 | ");
+  EXPECT_EQ(list.next_deadline(), 399ms);
+  list.received(2, 298ms);
+  EXPECT_EQ(list.round_trip(), 0ms) << "it was stamped before it was asked for";
+  list.set_round_trip(80ms);
+  list.received(5, 300ms);
+  EXPECT_EQ(due(list, 600ms), "4 | ");
+  EXPECT_FALSE(list.next_deadline()) << "100 ms later it is given up";
 }
 
 TEST(NackListTest, TooManyAreGivenUpAtOnceAndToldOnce) {
@@ -299,6 +315,16 @@ TEST(TransportFeedbackTest, ArrivalsAreWrittenToTheByte) {
   EXPECT_EQ(written_hex(feedback),
             without_spaces("8fcd000a" + head + "000c 0074 00000102 a000 0057 200f") +
                 std::string(32, '0') + "0000");
+  // As much as one byte says, a tick more, and one back.
+  feedback.received(128, 64ms);
+  feedback.received(129, 64ms + 255 * 250us);
+  feedback.received(130, 64ms + 511 * 250us);
+  feedback.received(131, 64ms + 510 * 250us);
+  EXPECT_EQ(written_hex(feedback),
+            without_spaces("8fcd0006" + head + "0080 0004 00000103 d680 00 ff 0100 ffff"));
+  transport_feedback fresh;
+  fresh.received(5, 0ms);
+  EXPECT_EQ(read_feedback(written(fresh).at(0)).ticks.at(0), 1U) << "at the clock's very beginning";
 }
 
 TEST(TransportFeedbackTest, AWriterWithoutRoomChangesNothing) {
@@ -344,11 +370,14 @@ TEST(TransportFeedbackTest, LongPausesManyPacketsAndNewBeginningsAreKeptApart) {
   EXPECT_FALSE(feedback.waiting());
   feedback.received(static_cast<uint16_t>(last - most + 1), 21s);
   EXPECT_EQ(read_feedback(written(feedback).at(0)).ticks.size(), size_t{most});
-  feedback.received(3, 22s);
+  // It lies where the last one did.
+  const auto far = static_cast<uint16_t>(last - 2 * transport_feedback::kRing);
+  feedback.received(far, 22s);
   all = written(feedback);
   ASSERT_EQ(all.size(), 1U);
-  EXPECT_EQ(read_feedback(all[0]).base, 3);
-  EXPECT_EQ(read_feedback(all[0]).ticks.size(), 1U);
+  EXPECT_EQ(read_feedback(all[0]).base, far);
+  ASSERT_EQ(read_feedback(all[0]).ticks.size(), 1U);
+  EXPECT_EQ(read_feedback(all[0]).ticks[0], 22U * 4000U);
 }
 
 // A transport with losses alone and in bursts, jitter, duplicates and pauses.
