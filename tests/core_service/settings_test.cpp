@@ -120,7 +120,7 @@ TEST(Settings, MayBeTexts) {
   for (const std::string wrong :
        {"host", "0.0.0.0", "::", "224.0.0.1", "ff02::1", " 192.0.2.7", "192.0.2.7:80", "[::1]"}) {
     expect_errors(of_whip("address", "\"::1," + wrong + ",127.0.0.1\""),
-                  {"whip.address: \"" + wrong + "\"" + address});
+                  {std::string("whip.address: \"").append(wrong).append("\"").append(address)});
   }
   expect_errors(of_whip("address", R"("127.0.0.1,")"), {R"(whip.address: "")" + address});
 }
