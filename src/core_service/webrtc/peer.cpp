@@ -52,9 +52,10 @@ peer::peer(terms agreed, const rtp::settings& how, std::shared_ptr<transport> by
       commons_(how, pool, std::move(told)),
       bundle_(terms_.lines) {
   for (const offered_line& one : terms_.lines) {
-    lines_.emplace_back(one.payloads, commons_, [this](rtp::control_bytes& bytes, size_t size) {
-      return send_control(bytes, size);
-    });
+    lines_.emplace_back(
+        one.payloads, commons_,
+        [this](rtp::control_bytes& bytes, size_t size) { return send_control(bytes, size); },
+        one.rids.size() > 1);
     if (one.transport_cc) transport_extension_ = one.transport_cc_extension;
   }
   names_.push_back({terms_.own, terms_.their_ufrag});
