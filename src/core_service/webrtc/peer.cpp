@@ -196,6 +196,7 @@ void peer::on_rtp(const rtp::datagram& one) {
   if (transport_extension_ != 0) {
     if (const auto number = rtp::transport_number_of(*parsed, transport_extension_)) {
       arrivals_.received(*number, one.arrival);
+      source_ = place->ssrc;
       if (!std::exchange(arrived_, true)) plan_wake(one.arrival);
     }
   }
@@ -234,7 +235,7 @@ void peer::send_transport_feedback(media_time now) {
     rtp::control_bytes bytes;
     rtp::rtcp_writer to(bytes.data(), bytes.size() - rtp::srtp_session::kMostAdded);
     to.receiver_report(commons_.own_ssrc, nullptr, 0);
-    if (!arrivals_.write(to, commons_.own_ssrc, 0) || !send_control(bytes, to.size())) return;
+    if (!arrivals_.write(to, commons_.own_ssrc, source_) || !send_control(bytes, to.size())) return;
   }
 }
 
