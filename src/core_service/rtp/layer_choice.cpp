@@ -6,6 +6,7 @@
 namespace zelta::core_service::rtp {
 namespace {
 
+// No container tells less apart.
 constexpr media::media_time kStep = std::chrono::milliseconds(1);
 
 }  // namespace
@@ -16,14 +17,17 @@ layer_choice::verdict layer_choice::look(int layer, media::encoded_unit& unit) {
     const bool stopped = current_ && unit.time - latest_ > kPatience;
     if (current_ && !stopped && !is_better(layer)) return verdict::kLeft;
     if (!unit.key) return verdict::kWantsKey;
-    // The same picture of another layer may have come out already.
-    const media::media_time least = current_ ? latest_ + kStep : unit.time;
-    const media::media_time moved = std::max(least - unit.time, media::media_time::zero());
-    unit.time += moved;
-    unit.decode_time += moved;
     current_ = layer;
   }
-  latest_ = std::max(latest_, unit.time);
+  // Pictures of the layer before may be of later than the first of this one.
+  if (begun_) {
+    const media::media_time moved =
+        std::max(latest_ + kStep - unit.time, media::media_time::zero());
+    unit.time += moved;
+    unit.decode_time += moved;
+  }
+  begun_ = true;
+  latest_ = unit.time;
   return verdict::kTaken;
 }
 

@@ -32,6 +32,7 @@ class layer_choice {
   const bool smallest_;
   std::map<int, int> sizes_;  // pictures' areas, by layer
   std::optional<int> current_;
+  bool begun_ = false;
   media::media_time latest_{};
 };
 

@@ -3,6 +3,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -84,13 +85,18 @@ TEST(LayerChoiceTest, BestThatComesIsRecordedFromAKeyFrameOn) {
 
 TEST(LayerChoiceTest, TimesDoNotGoBackWhereTheLayerChanges) {
   layer_choice choice(false);
-  encoded_unit small = unit_of({1, 320, 100ms, true, ""});
-  encoded_unit large = unit_of({2, 640, 98ms, true, ""});
-  large.decode_time = 97ms;
-  ASSERT_EQ(choice.look(1, small), layer_choice::verdict::kTaken);
-  ASSERT_EQ(choice.look(2, large), layer_choice::verdict::kTaken);
-  EXPECT_EQ(large.time, 101ms);
-  EXPECT_EQ(large.decode_time, 100ms);
+  const std::pair<step, media_time> rows[] = {{{1, 320, 100ms, true, ""}, 100ms},
+                                              {{1, 320, 140ms, false, ""}, 140ms},
+                                              {{2, 640, 98ms, true, ""}, 141ms},
+                                              {{2, 640, 138ms, false, ""}, 142ms},
+                                              {{2, 640, 178ms, false, ""}, 178ms}};
+  for (const auto& [next, time] : rows) {
+    encoded_unit unit = unit_of(next);
+    unit.decode_time -= 2ms;
+    ASSERT_EQ(choice.look(next.layer, unit), layer_choice::verdict::kTaken);
+    EXPECT_EQ(unit.time, time);
+    EXPECT_EQ(unit.decode_time, time - 2ms);
+  }
 }
 
 TEST(LayerChoiceTest, LayerThatHasEndedLeavesItsPlace) {
