@@ -265,14 +265,22 @@ CASES = {
 }
 
 
+NEED_NAMESPACE = {"lossy"}
+
+
 def enter_namespace():
     """A network of our own, in which packets can be dropped and nothing leaves the machine."""
     if os.environ.get("ZELTA_NAMESPACE"):
         subprocess.run(["ip", "link", "set", "lo", "up"], check=True)
         return
-    rights = ["-n"] if os.geteuid() == 0 else ["-rn"]
+    alone = ["unshare", "-n"] if os.geteuid() == 0 else ["unshare", "-rn"]
+    if subprocess.run([*alone, "true"], check=False).returncode != 0:
+        print("no network namespace can be had: what needs one is left out", flush=True)
+        for name in NEED_NAMESPACE:
+            CASES.pop(name, None)
+        return
     os.environ["ZELTA_NAMESPACE"] = "1"
-    os.execvp("unshare", ["unshare", *rights, sys.executable, *sys.argv])
+    os.execvp("unshare", [*alone, sys.executable, *sys.argv])
 
 
 def main():
