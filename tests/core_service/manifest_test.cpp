@@ -97,7 +97,7 @@ TEST_F(ManifestTest, ChangedRowsAreSavedOnceAndWhatIsOverSaysWhen) {
   ASSERT_TRUE(first.note_missing(7, lost));
   EXPECT_FALSE(first.note_missing(7, lost)) << "known";
   first.count_lost_packets(7, 3);
-  first.changed();
+  first.set_name(7, "Zoë");
   first.save_changes();
   Json::Value saved = written();
   EXPECT_FALSE(saved["missing"][0].isMember("until_utc_ms"));
@@ -114,6 +114,8 @@ TEST_F(ManifestTest, ChangedRowsAreSavedOnceAndWhatIsOverSaysWhen) {
   ASSERT_EQ(saved["missing"].size(), 2U);
   EXPECT_GE(saved["missing"][0]["until_utc_ms"].asInt64(), saved["missing"][0]["utc_ms"].asInt64());
   EXPECT_FALSE(saved["missing"][1].isMember("until_utc_ms"));
+  of("room").save();
+  EXPECT_EQ(written()["names"]["7"], "Zoë") << "the next session keeps it";
 }
 
 TEST_F(ManifestTest, UnreadableOneIsKeptAside) {

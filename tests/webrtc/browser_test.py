@@ -156,6 +156,8 @@ def users_come_and_go():
         recording.wait_for("user offline", uid=3, seconds=12)
         noticed = time.monotonic() - begun
         again = publish(first, recording, 2)
+        named = publish(first, recording, "Zo%C3%AB")
+        named.close()
         time.sleep(3)
         again.close()
         recording.wait_for("user offline", uid=2, seconds=5)
@@ -166,6 +168,7 @@ def users_come_and_go():
         require(len(recording.files_of(2)) == 2, "user 2 has other than two files")
         # Whether pictures will come again nobody knows for a while.
         require(recording.files_of(3), "user 3 has no file")
+        require(list(recording.manifest["names"].values()) == ["Zoë"], "nobody is called Zoë")
         for file in recording.manifest["files"]:
             require(not marks.decode_errors(recording.path(file)), f"{file['name']} is broken")
         judge(recording, recording.files_of(1)[0], 6)

@@ -25,6 +25,8 @@ class channel_listener {
   // nothing. It may find out only now that there is nothing to receive, says so by on_missing(),
   // and gives none; the user is then none.
   virtual void on_user_in(uint32_t uid, const media::open_media& open) = 0;
+  // What a user who is in calls themselves, where that isn't their number: UTF-8.
+  virtual void on_user_name(uint32_t uid, const std::string& name) = 0;
   virtual void on_user_out(uint32_t uid) = 0;
   // What can't be recorded of somebody, who may not be in the channel; uid 0: of something that is
   // nobody's.

@@ -24,20 +24,22 @@ constexpr int kManifestVersion = 1;
 constexpr const char* kDied = "recorder died";
 // A session's. Strangers' names and words are among them: from here on the log alone has them.
 constexpr size_t kMostMissing = 1000;
-// What is new beyond these may be told twice.
+// What is new beyond these may be told twice, and is called nothing.
 constexpr size_t kMostRemembered = 10'000;
 constexpr size_t kLongestReason = 1000;
 
-Json::Value to_json(const std::map<uint32_t, uint64_t>& by_user) {
+template <class T>
+Json::Value to_json(const std::map<uint32_t, T>& by_user) {
   Json::Value v(Json::objectValue);
-  for (const auto& [uid, count] : by_user) v[std::to_string(uid)] = Json::UInt64{count};
+  for (const auto& [uid, value] : by_user) v[std::to_string(uid)] = Json::Value(value);
   return v;
 }
 
-std::map<uint32_t, uint64_t> by_user_from_json(const Json::Value& v) {
-  std::map<uint32_t, uint64_t> by_user;
+template <class T>
+std::map<uint32_t, T> by_user_from_json(const Json::Value& v) {
+  std::map<uint32_t, T> by_user;
   for (const std::string& uid : v.getMemberNames()) {
-    by_user[static_cast<uint32_t>(std::stoul(uid))] = v[uid].asUInt64();
+    by_user[static_cast<uint32_t>(std::stoul(uid))] = v[uid].as<T>();
   }
   return by_user;
 }
@@ -132,14 +134,16 @@ void manifest::load() {
     for (const Json::Value& entry : root["missing"]) missing_.push_back(gap_from_json(entry));
     missing_before_ = missing_.size();
     missing_before_of_last_ = root.get("missing_before", 0U).asUInt();
-    pictures_ = by_user_from_json(root["pictures"]);
-    lost_packets_ = by_user_from_json(root["lost_packets"]);
+    names_ = by_user_from_json<std::string>(root["names"]);
+    pictures_ = by_user_from_json<uint64_t>(root["pictures"]);
+    lost_packets_ = by_user_from_json<uint64_t>(root["lost_packets"]);
     const Json::Value& dropped = root["dropped_frames"];
     dropped_before_ = {dropped.get("pictures", 0).asUInt64(), dropped.get("coded", 0).asUInt64(),
                        dropped.get("sound", 0).asUInt64()};
     dropped_ = dropped_before_;
   } catch (const std::exception& e) {
     files_.clear();
+    names_.clear();
     pictures_.clear();
     lost_packets_.clear();
     missing_.clear();
@@ -219,6 +223,12 @@ void manifest::end_missing(uint32_t uid, const std::string& medium) {
   }
 }
 
+void manifest::set_name(uint32_t uid, const std::string& name) {
+  if (names_.size() >= kMostRemembered && names_.count(uid) == 0) return;
+  names_[uid] = name;
+  changed();
+}
+
 void manifest::set_dropped(const dropped_counts& now) {
   dropped_ = {dropped_before_.pictures + now.pictures, dropped_before_.coded + now.coded,
               dropped_before_.sound + now.sound};
@@ -242,6 +252,7 @@ void manifest::save() {
   for (const manifest_gap& gap : missing_) missing.append(to_json(gap));
   root["missing"] = std::move(missing);
   root["missing_before"] = Json::UInt64{missing_before_};
+  root["names"] = to_json(names_);
   root["pictures"] = to_json(pictures_);
   root["lost_packets"] = to_json(lost_packets_);
   Json::Value dropped(Json::objectValue);

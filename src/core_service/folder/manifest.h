@@ -66,6 +66,8 @@ class manifest {
   bool note_missing(uint32_t uid, const missing_medium& what);
   // All that was told of the user's medium is over; if it comes again, it is new.
   void end_missing(uint32_t uid, const std::string& medium);
+  // What a user calls themselves.
+  void set_name(uint32_t uid, const std::string& name);
   // One more captured picture of the user in a file.
   void count_picture(uint32_t uid) { ++pictures_[uid]; }
   // More of the user's packets found no room here.
@@ -102,6 +104,7 @@ class manifest {
   // In the order in which they were opened.
   std::map<size_t, manifest_file> files_;
   size_t next_number_ = 0;
+  std::map<uint32_t, std::string> names_;
   std::map<uint32_t, uint64_t> pictures_;
   std::map<uint32_t, uint64_t> lost_packets_;
   uint64_t all_lost_packets_ = 0;

@@ -298,6 +298,11 @@ user::events session::events_of(uint32_t uid) {
   return told;
 }
 
+void session::on_user_name(uint32_t uid, const std::string& name) {
+  log_.notice("user " + std::to_string(uid) + " is called \"" + name + "\"");
+  manifest_.set_name(uid, name);
+}
+
 void session::on_user_out(uint32_t uid) {
   if (admission_.gone(uid)) alone_since_ms_ = base::tick_ms();
   roster_.end(uid, files::end_reason::kUserLeft);

@@ -62,6 +62,7 @@ class session final : private channel_listener {
   void on_channel_joined() override;
   void on_channel_failed(const std::string& why) override;
   void on_user_in(uint32_t uid, const media::open_media& open) override;
+  void on_user_name(uint32_t uid, const std::string& name) override;
   void on_user_out(uint32_t uid) override;
   void on_missing(uint32_t uid, const missing_medium& what) override;
   void on_channel_interrupted() override;

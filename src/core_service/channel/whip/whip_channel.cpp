@@ -156,7 +156,6 @@ class whip_channel : public channel, private publishers {
     if (!secret || !agreed) return refusal{503, kNoRandom, kRetryAfterS};
     const std::string id = session_name(*secret);
     sessions_[id] = {uid, std::move(*offer), std::move(*agreed), {}};
-    log_.notice("user " + std::to_string(uid) + " publishes as \"" + user + "\"");
     listener_.on_user_in(uid, [&]() -> std::shared_ptr<media::media_feed> {
       auto made = make_user(id, error);
       if (!made) return nullptr;
@@ -166,6 +165,7 @@ class whip_channel : public channel, private publishers {
     const auto taken = sessions_.find(id);
     if (taken == sessions_.end() || taken->second.sender.expired())
       return turn_away(id, uid, error);
+    if (user != std::to_string(uid)) listener_.on_user_name(uid, user);
     for (const missing_medium& one : left_out) tell(uid, one);
     const session& opened_now = taken->second;
     return opened{id, webrtc::make_answer(opened_now.offer, opened_now.agreed), opened_now.etag()};
