@@ -471,6 +471,21 @@ TEST_F(WhipServer, SaysWhyItCantStart) {
   }
 }
 
+TEST_F(WhipServer, WarnsWhenBrowsersElsewhereGetNoCamera) {
+  for (const auto& [address, warned] :
+       {std::pair("127.0.0.1", false), {"127.1.2.3", false}, {"0.0.0.0", true}}) {
+    const TempDir dir;
+    const base::logger log(dir.path(), base::ZELTA_LOG_MODULE_COMMON);
+    EXPECT_NE(whip_server::start({address, 0, "room", "", "", ""}, loop_, publishers_, log, error_),
+              nullptr)
+        << error_;
+    const std::string text = read_file(dir.path() + "recording_engine.log");
+    EXPECT_NE(text.find("the page for it is /room"), std::string::npos) << text;
+    EXPECT_EQ(text.find(" warn ") != std::string::npos, warned) << text;
+    EXPECT_EQ(text.find("at localhost") != std::string::npos, warned) << text;
+  }
+}
+
 // ---- HTTPS ---------------------------------------------------------------------------------
 
 void make_certificate(const TempDir& dir, const std::string& name) {
