@@ -82,4 +82,8 @@ std::unique_ptr<whip_server> whip_server::start(const whip_terms& terms, base::e
   return server;
 }
 
+void whip_server::session_ended(const std::string& session) {
+  http_->session_ended(session);
+}
+
 }  // namespace zelta::core_service
