@@ -48,7 +48,6 @@ class Recording:
     def __init__(self, *arguments):
         self.root = tempfile.mkdtemp(prefix="zelta-webrtc-")
         self.port = free_port()
-        self.url = f"http://127.0.0.1:{self.port}/room"
         self.process = subprocess.Popen(
             [f"{BIN}/zelta-record", "room", "--json", "--server", f"whip:127.0.0.1:{self.port}",
              "--record-file-root-dir", self.root, *arguments],
@@ -57,7 +56,7 @@ class Recording:
         self.seen = []  # the names of all events
         self.reader = threading.Thread(target=self.read, daemon=True)
         self.reader.start()
-        self.wait_for("joined")
+        self.url = self.wait_for("page")["url"]
 
     def __enter__(self):
         return self
