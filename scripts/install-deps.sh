@@ -1,6 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Installs what is missing on a Debian 12: to build and record; with "test" what the tests need too;
+# with "browser" what a browser that publishes needs, and its tests;
 # with "bench" what the benchmarks compare with and draw by; with "fuzz" what the fuzzers are built
 # with; with "mutate" what scripts/mutate.sh builds with; with "lint" what CI's checks need too; with
 # "crowd" what scripts/check-crowd.sh encrypts with.
@@ -16,12 +17,13 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(libgtest-dev chromium-headless-shell python3-websocket nftables iproute2) ;;
+    test) packages+=(libgtest-dev) ;;
+    browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2) ;;
     bench) packages+=(libzmq3-dev gnuplot-nox) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
-    *) echo "install-deps.sh: unknown set \"$want\": it should be test, bench, fuzz, mutate or lint" >&2; exit 2 ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, bench, fuzz, mutate or lint" >&2; exit 2 ;;
   esac
 done
 

@@ -7,7 +7,7 @@ cd "$(dirname "$0")/.."
 preset=${1:-release}
 
 echo "== setting up"
-scripts/install-deps.sh test
+scripts/install-deps.sh test browser
 echo "== building $preset"
 cmake --preset "$preset" -DZELTA_BUILD_TESTS=ON >/dev/null
 cmake --build --preset "$preset" -- --quiet

@@ -1,13 +1,13 @@
 # SPDX-License-Identifier: Apache-2.0
 """A headless Chromium with a camera that flashes and a microphone that beeps, driven by its
 DevTools protocol."""
+import base64
 import json
 import os
 import shutil
 import signal
 import subprocess
 import tempfile
-import time
 import urllib.request
 
 import websocket
@@ -71,7 +71,7 @@ def find_chromium():
         path = shutil.which(name)
         if path:
             return path
-    raise SystemExit("no Chromium: scripts/install-deps.sh test installs chromium-headless-shell")
+    raise SystemExit("no Chromium: scripts/install-deps.sh browser installs chromium-headless-shell")
 
 
 class Browser:
@@ -151,6 +151,16 @@ class Page:
         if not self.evaluate(asked):
             state = self.evaluate("document.body.dataset.state + ': ' + document.body.innerText")
             raise AssertionError(f"never came true: {expression}; the page says: {state}")
+
+    def screenshot(self, path, width, height, dark=False):
+        """A PNG of the page in a window of this size."""
+        self.call("Emulation.setDeviceMetricsOverride", width=width, height=height,
+                  deviceScaleFactor=1, mobile=width < 600)
+        self.call("Emulation.setEmulatedMedia", features=[
+            {"name": "prefers-color-scheme", "value": "dark" if dark else "light"}])
+        picture = self.call("Page.captureScreenshot", format="png")["data"]
+        with open(path, "wb") as file:
+            file.write(base64.b64decode(picture))
 
     def close(self):
         """As a user closes it: what the page does when it is hidden is done."""

@@ -24,6 +24,10 @@ import marks  # noqa: E402
 
 SYNC_LIMIT_MS = 40
 FIRST_PICTURE_MS = 1000
+# From the last media of a recorder that was killed to the first in the next one's file.
+AGAIN_MS = 2000
+# Shorter than the recorder's patience with a silent user.
+CUT_S = 6
 BIN = os.environ.get("ZELTA_BIN", f"{ROOT}/build/release/bin")
 
 
@@ -44,15 +48,15 @@ class Recording:
     def __init__(self, *arguments):
         self.root = tempfile.mkdtemp(prefix="zelta-webrtc-")
         self.port = free_port()
-        self.url = f"http://127.0.0.1:{self.port}/room"
         self.process = subprocess.Popen(
             [f"{BIN}/zelta-record", "room", "--json", "--server", f"whip:127.0.0.1:{self.port}",
              "--record-file-root-dir", self.root, *arguments],
             stdout=subprocess.PIPE, text=True)
         self.events = queue.Queue()
+        self.seen = []  # the names of all events
         self.reader = threading.Thread(target=self.read, daemon=True)
         self.reader.start()
-        self.wait_for("joined")
+        self.url = self.wait_for("page")["url"]
 
     def __enter__(self):
         return self
@@ -67,7 +71,9 @@ class Recording:
 
     def read(self):
         for line in self.process.stdout:
-            self.events.put(json.loads(line))
+            event = json.loads(line)
+            self.seen.append(event["event"])
+            self.events.put(event)
         self.events.put(None)
 
     def wait_for(self, name, seconds=20, **values):
@@ -241,6 +247,7 @@ def recorder_is_killed():
         page = publish(browser, recording, 7)
         time.sleep(3)
         os.kill(recording.recorder_pid(), signal.SIGKILL)
+        killed = time.time() * 1000
         recording.wait_for("user joined", uid=7, seconds=15)
         page.wait_for("document.body.dataset.state === 'recording'")
         time.sleep(3)
@@ -252,8 +259,111 @@ def recorder_is_killed():
         gap = files[1]["first_utc_ms"] - files[0]["last_utc_ms"]
         for file in files:
             require(not marks.decode_errors(recording.path(file)), f"{file['name']} is broken")
-        require(gap < 6000, f"{gap} ms are missing")
-        return {"gap_ms": gap}
+        require(gap <= AGAIN_MS, f"{gap} ms are missing")
+        return {"gap_ms": gap, "from_kill_ms": round(files[1]["first_utc_ms"] - killed)}
+
+
+class Cut:
+    """The way of one user's media, cut and mended in a namespace of ours."""
+
+    def __init__(self, port):
+        self.rule(f"""
+            table inet cut {{
+              chain in {{
+                type filter hook input priority 0;
+                udp dport {port} drop;
+                udp sport {port} drop;
+              }}
+            }}
+            """)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.rule("delete table inet cut")
+
+    @staticmethod
+    def rule(text):
+        subprocess.run(["nft", "-f", "-"], check=True, text=True, input=text)
+
+
+def media_port(page):
+    candidate = page.evaluate("/a=candidate:.*/.exec(call.peer.remoteDescription.sdp)[0]")
+    return int(candidate.split()[5])
+
+
+UFRAG = "/a=ice-ufrag:.*/.exec(call.peer.remoteDescription.sdp)[0]"
+STATE = "document.body.dataset.state"
+
+
+def network_changes():
+    with Recording() as recording, chromium.Browser() as browser:
+        page = publish(browser, recording, 7, "h264")
+        time.sleep(3)
+        before = page.evaluate(UFRAG)
+        page.evaluate("dispatchEvent(new Event('online'))")
+        page.wait_for(f"{UFRAG} !== '{before}'")
+        page.wait_for("call.peer.iceConnectionState === 'connected'")
+        time.sleep(2)
+        before = page.evaluate(UFRAG)
+        with Cut(media_port(page)):
+            time.sleep(CUT_S)
+            mended = time.time()
+        page.wait_for(f"{STATE} === 'recording'")
+        require(page.evaluate(UFRAG) != before, "ICE wasn't restarted when media stopped")
+        time.sleep(4)
+        page.close()
+        recording.wait_for("user offline", uid=7)
+        recording.end()
+        came = [name for name in recording.seen if name in ("user joined", "user offline")]
+        require(came == ["user joined", "user offline"], f"they came and went: {came}")
+        # Without pictures sound goes on in a file of its own; nothing is between the files.
+        files = recording.files_of(7)
+        for one, after in zip(files, files[1:]):
+            apart = after["first_utc_ms"] - one["last_utc_ms"]
+            require(abs(apart) <= 40, f"{one['name']} and {after['name']} are {apart} ms apart")
+        require(all(not marks.decode_errors(recording.path(f)) for f in files), "a file is broken")
+        heard = sorted(f["first_utc_ms"] / 1000 + at for f in files
+                       for at in marks.beeps(recording.path(f)))
+        missing = max(after - one for one, after in zip(heard, heard[1:]))
+        require(CUT_S - 1 < missing < CUT_S + 2, f"{missing} s without sound")
+        again = min(f["first_utc_ms"] for f in files
+                    if f["video_codec"] and f["last_utc_ms"] > mended * 1000) / 1000 - mended
+        require(again < 1.5, f"pictures came again after {again} s")
+        return {"files": len(files), "silent_s": round(missing, 2), "pictures_s": round(again, 2)}
+
+
+def page_says_that_it_records():
+    """When media may be recorded, and not before; and to those who can't see it, too."""
+    said = ("(() => { const it = document.getElementById('recorded'); const told = it.parentElement;"
+            "return told.ariaLive === 'assertive' && getComputedStyle(told).display !== 'none'"
+            " ? it.checkVisibility() && it.innerText : 'nobody is told'; })()")
+    with Recording() as recording, chromium.Browser() as browser:
+        page = browser.open(recording.url)
+        page.wait_for("document.getElementById('publish')")
+        require(page.evaluate(said) is False, "it is said before anybody publishes")
+        page.call("Page.addScriptToEvaluateOnNewDocument", source="""
+            const Real = RTCPeerConnection;
+            RTCPeerConnection = class extends Real {
+              setRemoteDescription(answer) {
+                return new Promise((go) => { globalThis.letGo = go; })
+                  .then(() => super.setRemoteDescription(answer));
+              }
+            };
+            """)
+        page.call("Page.navigate", url=f"{recording.url}?auto=7")
+        page.wait_for("globalThis.letGo")
+        require(page.evaluate(STATE) == "connecting", "it doesn't connect")
+        require(page.evaluate(said) is False, "it is said before there is a connection")
+        page.evaluate("letGo()")
+        page.wait_for(f"{said} === '\u25cf This call is recorded.'")
+        require(page.evaluate("call.peer.connectionState") == "connected", "it isn't connected")
+        page.evaluate("document.getElementById('leave').click()")
+        page.wait_for(f"{STATE} === 'left'")
+        require(page.evaluate(said) is False, "it is still said")
+        recording.end()
+        return {}
 
 
 CASES = {
@@ -265,6 +375,8 @@ CASES = {
     "muted_and_dark": muted_and_dark,
     "lossy": lossy,
     "recorder_is_killed": recorder_is_killed,
+    "network_changes": network_changes,
+    "page_says_that_it_records": page_says_that_it_records,
 }
 
 

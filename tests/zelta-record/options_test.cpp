@@ -1,12 +1,14 @@
 // SPDX-License-Identifier: Apache-2.0
 // The command line: what is taken, and what a user is told of what isn't.
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
 
 #include "options.h"
+#include "page_address.h"
 #include "support/temp_dir.h"
 
 namespace zelta::test {
@@ -17,6 +19,26 @@ record::parse_result parse(const std::string& line, record::options& into) {
   std::vector<const char*> argv;
   for (const std::string& word : words) argv.push_back(word.c_str());
   return record::parse_options(static_cast<int>(argv.size()), argv.data(), into);
+}
+
+TEST(PageAddress, IsOneThatABrowserOfThisMachineOpens) {
+  const std::tuple<const char*, const char*, bool, const char*> rows[] = {
+      {"whip:127.0.0.1:8080", "meeting", false, "http://127.0.0.1:8080/meeting"},
+      {"whip:192.0.2.1:8443", "meeting", true, "https://192.0.2.1:8443/meeting"},
+      {"whip:[::1]:8080", "a-B.c_9~", false, "http://[::1]:8080/a-B.c_9~"},
+      {"whip:0.0.0.0:8080", "a b%\xc3\xb6?#", false, "http://localhost:8080/a%20b%25%C3%B6%3F%23"},
+      {"whip:[::]:8080", "room", true, "https://localhost:8080/room"},
+      {"whip::8080", "room", false, "http://localhost:8080/room"},
+      // Which port it is the recorder chooses.
+      {"whip:127.0.0.1:0", "room", false, ""},
+      {"whip:127.0.0.1", "room", false, ""},
+      {"dir:whip:1:2", "room", false, ""},
+      {"test:", "room", false, ""},
+      {"", "room", false, ""},
+  };
+  for (const auto& [server, channel, secure, url] : rows) {
+    EXPECT_EQ(record::page_address(server, channel, secure), url) << server;
+  }
 }
 
 TEST(Options, NameWhatCannotBeUsedAndWhatCould) {

@@ -12,7 +12,10 @@
 #include <vector>
 
 #include <gtest/gtest.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
 
+#include "base/unique_fd.h"
 #include "support/folder_watch.h"
 #include "support/program.h"
 #include "support/recording_test.h"
@@ -162,6 +165,30 @@ TEST_F(Tool, KeepsFramesThatCanBeOpenedHoweverItDies) {
   const auto [told_in_order, there_in_order] = told_of("/0.wav");
   EXPECT_GT(told_in_order, 1000U);
   EXPECT_EQ(told_in_order, there_in_order);
+}
+
+TEST_F(Tool, SaysWhichPageToOpen) {
+  // Taken by nobody else while it isn't listened at.
+  const base::unique_fd held(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+  const int reuse = 1;
+  sockaddr_in place{};
+  socklen_t size = sizeof place;
+  place.sin_family = AF_INET;
+  place.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  setsockopt(held.get(), SOL_SOCKET, SO_REUSEADDR, &reuse, sizeof reuse);
+  ASSERT_EQ(bind(held.get(), reinterpret_cast<sockaddr*>(&place), sizeof place), 0);
+  getsockname(held.get(), reinterpret_cast<sockaddr*>(&place), &size);
+  const std::string at = "127.0.0.1:" + std::to_string(ntohs(place.sin_port));
+  dir.file("whip", R"({"Channel_Server": "whip:)" + at + R"("})");
+  for (const char* const named : {"--cfg-file-path ROOT/whip", "--server whip:"}) {
+    const std::string server = std::string(named) + (has(named, "whip:") ? at : "");
+    Program tool(command("a&b --json --duration 0.2 " + server));
+    EXPECT_EQ(tool.end(), 0) << tool.text();
+    EXPECT_TRUE(has(tool.text(), "\"url\":\"http://" + at + "/a%26b\"")) << tool.text();
+  }
+  Program other(command("room --json --duration 0.2 --server test:users=0"));
+  EXPECT_EQ(other.end(), 0) << other.text();
+  EXPECT_FALSE(has(other.text(), "\"page\"")) << other.text();
 }
 
 TEST_F(Tool, EndsWithAStatusOfItsOwnWhenSomethingIsMissing) {

@@ -155,6 +155,9 @@ std::string fault_of_configuration(options& o) {
     return "--server and Channel_Server of --cfg-file-path both name the channel server: leave one "
            "of them out";
   }
+  if (root["Channel_Server"].isString()) {
+    o.configured_server = root["Channel_Server"].asString();
+  }
   if (!root["Recording_Dir"].isString() || root["Recording_Dir"].asString().empty()) return "";
   const std::string folder = root["Recording_Dir"].asString();
   o.fixed_folder = folder + (folder.back() == '/' ? "" : "/");
@@ -220,8 +223,9 @@ std::string obstacle(options& o) {
   if (fault.empty() && o.server.empty() && o.cfg_file_path.empty() &&
       (server == nullptr || *server == '\0')) {
     fault =
-        "no channel server is named: give --server dir:PATH, or --server test: for generated "
-        "users, or set the environment variable ZELTA_CHANNEL_SERVER";
+        "no channel server is named: give --server dir:PATH, --server whip:ADDRESS:PORT for "
+        "browsers, or --server test: for generated users, or set the environment variable "
+        "ZELTA_CHANNEL_SERVER";
   }
   if (fault.empty() && !o.frames_dir.empty()) {
     if (mkdir(o.frames_dir.c_str(), 0777) != 0 && errno != EEXIST) {

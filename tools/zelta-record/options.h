@@ -26,7 +26,8 @@ struct options {
   std::string layout_path;
   std::string settings_path;
   bool commands = false;
-  std::string fixed_folder;  // that the configuration file names, with a slash; else empty
+  std::string configured_server;  // that the configuration file names; else empty
+  std::string fixed_folder;       // that the configuration file names, with a slash; else empty
 
   // Whether they were given as options.
   bool given_secret = false;

@@ -19,6 +19,7 @@
 #include "layout_file.h"
 #include "log_reason.h"
 #include "outcome.h"
+#include "page_address.h"
 #include "printer.h"
 #include "progress.h"
 #include "reporter.h"
@@ -60,6 +61,7 @@ class recording_run {
   exit_status join();
   exit_status refused(int code, const std::string& why);
   void record_until_end();
+  void tell_page();
   void take_signal();
   void take_commands();
   void show_progress();
@@ -171,6 +173,7 @@ void recording_run::record_until_end() {
     if (fds[2].revents != 0) take_commands();
     const auto state = report_.now().state;
     if (state == reporter::state::kOver) return;
+    if (state != before) tell_page();
     if (state != before && o_.duration_s > 0) {
       end = clock::now() + milliseconds(static_cast<int64_t>(o_.duration_s * 1000));
     }
@@ -179,6 +182,17 @@ void recording_run::record_until_end() {
     show_progress();
     next_line = clock::now() + kProgress;
   }
+}
+
+// Its own server, which may stand in the configuration file, comes before the process's.
+void recording_run::tell_page() {
+  const char* const named = std::getenv("ZELTA_CHANNEL_SERVER");
+  const std::string server = !o_.configured_server.empty() ? o_.configured_server
+                             : named != nullptr            ? named
+                                                           : "";
+  const auto settings = core_service::load_settings_of_environment().values;
+  const std::string url = page_address(server, o_.channel_id, !settings.whip_certificate.empty());
+  if (!url.empty()) out_.event("page", {{"url", url}});
 }
 
 void recording_run::take_signal() {

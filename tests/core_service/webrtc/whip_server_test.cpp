@@ -78,15 +78,15 @@ class Client {
   }
   // Up to the end of the connection.
   Response hear() {
-    std::string all;
-    char part[4096];
-    for (pollfd input{socket_.get(), POLLIN, 0}; poll(&input, 1, kLimitMs) == 1;) {
-      const ssize_t got = read(socket_.get(), part, sizeof part);
-      if (got <= 0) return parsed(all);
-      all.append(part, static_cast<size_t>(got));
+    while (hear_more()) {
     }
-    ADD_FAILURE() << "the connection isn't ended; it said " << all;
-    return {};
+    return parsed(heard_);
+  }
+  // What there is of it once the headers have come.
+  Response hear_head() {
+    while (heard_.find("\r\n\r\n") == std::string::npos && hear_more()) {
+    }
+    return parsed(heard_);
   }
   // Nothing more is said.
   Client& say_all() {
@@ -96,6 +96,18 @@ class Client {
   void go_away() { socket_.reset(); }
 
  private:
+  bool hear_more() {
+    char part[4096];
+    pollfd input{socket_.get(), POLLIN, 0};
+    if (poll(&input, 1, kLimitMs) != 1) {
+      ADD_FAILURE() << "the connection isn't ended; it said " << heard_;
+      heard_.clear();
+      return false;
+    }
+    const ssize_t got = read(socket_.get(), part, sizeof part);
+    if (got > 0) heard_.append(part, static_cast<size_t>(got));
+    return got > 0;
+  }
   static Response parsed(const std::string& all) {
     const size_t end = all.find("\r\n\r\n");
     if (end == std::string::npos || all.compare(0, 9, "HTTP/1.1 ") != 0) return {};
@@ -103,6 +115,7 @@ class Client {
   }
 
   base::unique_fd socket_;
+  std::string heard_;
 };
 
 const std::string kSdp = "Content-Type: application/sdp\r\n";
@@ -126,6 +139,7 @@ struct Publishers : publishers {
     asked.push_back("end " + session);
     return session == "s1";
   }
+  bool has(const std::string& session) const override { return session == "s1"; }
 
   std::vector<std::string> asked;
   std::variant<opened, refusal> to_publish = opened{"s1", "v=0 answer", "\"tag\""};
@@ -198,6 +212,7 @@ TEST_F(WhipServer, AnswersWhatTheRequestDeserves) {
         {"ETag", "\"tag\""},
         {"Content-Type", "application/sdp"},
         {"Accept-Patch", "application/trickle-ice-sdpfrag"},
+        {"Link", "<" + room + "/al%20ice/s1/events>; rel=\"monitor\""},
         {"Access-Control-Allow-Origin", "*"},
         {"Connection", "close"}},
        "v=0 answer"},
@@ -259,6 +274,17 @@ TEST_F(WhipServer, AnswersWhatTheRequestDeserves) {
        ""},
       {"DELETE", room + "/7/s1", "", "", 200, {}, ""},
       {"DELETE", room + "/7/s%202", "", "", 404, {}, "no such session"},
+      {"GET", room + "/7/s1", "", "", 405, {{"Allow", "PATCH, DELETE, OPTIONS"}}, ""},
+      {"GET", room + "/7/s2/events", "", "", 404, {}, "no such session"},
+      {"DELETE", room + "/7/s1/events", "", "", 405, {{"Allow", "GET, OPTIONS"}}, "events"},
+      {"GET", room + "/7//events", "", "", 404, {}, "/CHANNEL/USER"},
+      {"OPTIONS",
+       room + "/7/s1/events",
+       "",
+       "",
+       204,
+       {{"Access-Control-Allow-Methods", "GET, OPTIONS"}},
+       ""},
   };
   for (const Row& row : rows) {
     SCOPED_TRACE(std::string(row.method) + " " + row.path + " " + row.headers);
@@ -312,7 +338,8 @@ TEST_F(WhipServer, AsksForItsTokenWhereverSomethingIsDone) {
   for (const auto& [header, challenge] : none) {
     for (const Row& row : {Row{"POST", "/room/7", kSdp, "offer", 0, {}, ""},
                            Row{"PATCH", "/room/7/s1", kFragment, "frag", 0, {}, ""},
-                           Row{"DELETE", "/room/7/s1", "", "", 0, {}, ""}}) {
+                           Row{"DELETE", "/room/7/s1", "", "", 0, {}, ""},
+                           Row{"GET", "/room/7/s1/events", "", "", 0, {}, ""}}) {
       const Response got = ask(row.method, row.path, header + row.headers, row.body);
       EXPECT_EQ(got.status, 401) << row.method << header;
       EXPECT_EQ(got.header("WWW-Authenticate"), challenge) << row.method << header;
@@ -471,6 +498,46 @@ TEST_F(WhipServer, SaysWhyItCantStart) {
   }
 }
 
+TEST_F(WhipServer, WarnsWhenBrowsersElsewhereGetNoCamera) {
+  for (const auto& [address, warned] :
+       {std::pair("127.0.0.1", false), {"127.1.2.3", false}, {"0.0.0.0", true}}) {
+    const TempDir dir;
+    const base::logger log(dir.path(), base::ZELTA_LOG_MODULE_COMMON);
+    EXPECT_NE(whip_server::start({address, 0, "room", "", "", ""}, loop_, publishers_, log, error_),
+              nullptr)
+        << error_;
+    const std::string text = read_file(dir.path() + "recording_engine.log");
+    EXPECT_NE(text.find("the page for it is /room"), std::string::npos) << text;
+    EXPECT_EQ(text.find(" warn ") != std::string::npos, warned) << text;
+    EXPECT_EQ(text.find("at localhost") != std::string::npos, warned) << text;
+  }
+}
+
+const std::string kLastChunk = "0\r\n\r\n";
+
+TEST_F(WhipServer, LetsAClientWaitForTheEndOfItsSession) {
+  start();
+  const auto watch = [this] {
+    auto client = std::make_unique<Client>(port_);
+    const Response head = client->ask("GET", "/room/7/s1/events").hear_head();
+    EXPECT_EQ(head.status, 200);
+    EXPECT_EQ(head.header("Content-Type"), "text/event-stream");
+    EXPECT_EQ(head.header("Access-Control-Allow-Origin"), "*");
+    EXPECT_EQ(head.body, "");
+    return client;
+  };
+  const auto first = watch();
+  const auto second = watch();
+  EXPECT_EQ(first->hear().body, kLastChunk) << "another took its place";
+  on_loop([this] { server_->session_ended("s2"); });
+  on_loop([this] { server_->session_ended("s1"); });
+  EXPECT_EQ(second->hear().body, kLastChunk);
+  watch()->go_away();
+  const auto last = watch();
+  end();
+  EXPECT_EQ(last->hear().body, kLastChunk) << "the recording has ended";
+}
+
 // ---- HTTPS ---------------------------------------------------------------------------------
 
 void make_certificate(const TempDir& dir, const std::string& name) {
@@ -552,6 +619,39 @@ TEST(HttpThread, CutsOffTheOldestWhenThereAreTooMany) {
   EXPECT_EQ(Client(port).ask("GET", "/room").hear().status, 200);
   for (int i = 0; i < 4; ++i) EXPECT_EQ(idle[static_cast<size_t>(i)].hear().status, 0) << i;
   EXPECT_EQ(idle.back().ask("GET", "/room").hear().status, 200) << "it stayed";
+}
+
+TEST(HttpThread, LetsHalfOfItsConnectionsLastAndNoMore) {
+  std::string error;
+  auto listener = http_listener::make("127.0.0.1", 0, nullptr, {4, 300, 300}, error);
+  ASSERT_NE(listener, nullptr) << error;
+  const int port = listener->port();
+  std::promise<http_thread*> made;
+  const auto serves = std::make_unique<http_thread>(
+      std::move(listener), whip_rules("room", ""),
+      [it = made.get_future().share()](uint64_t id, const whip_question& asked) {
+        it.get()->answer(id, {200, kEventsType, "", {}, asked.session});
+        if (asked.session == "brief") it.get()->session_ended(asked.session);
+      });
+  made.set_value(serves.get());
+  const auto path = [](const std::string& session) { return "/room/7/" + session + "/events"; };
+  EXPECT_EQ(Client(port).ask("GET", path("brief")).hear().body, kLastChunk);
+  Client one(port);
+  Client two(port);
+  EXPECT_EQ(one.ask("GET", path("s1")).hear_head().status, 200);
+  EXPECT_EQ(two.ask("GET", path("s2")).hear_head().status, 200);
+  const Response third = Client(port).ask("GET", path("s3")).hear();
+  EXPECT_EQ(std::pair(third.status, third.header("Retry-After")),
+            std::pair(503, std::string("30")));
+  std::vector<Client> idle;
+  for (int i = 0; i < 5; ++i) idle.emplace_back(port);
+  // Longer than any other may be open.
+  for (Client& other : idle) EXPECT_EQ(other.hear().status, 0);
+  Client again(port);
+  EXPECT_EQ(again.ask("GET", path("s2")).hear_head().status, 200);
+  EXPECT_EQ(two.hear().body, kLastChunk) << "one who comes again needs no more room";
+  serves->session_ended("s1");
+  EXPECT_EQ(one.hear().body, kLastChunk) << "it was neither cut off nor ended before";
 }
 
 // ---- Names ---------------------------------------------------------------------------------

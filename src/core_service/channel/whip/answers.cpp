@@ -24,7 +24,10 @@ http_answer refused(const publishers::refusal& why) {
 http_answer answer_of_opened(const publishers::opened& session, const std::string& path) {
   http_answer answer{201, kOfferType, session.answer, {}};
   const text_ptr last(g_uri_escape_string(session.session.c_str(), nullptr, FALSE));
-  add_header(answer, "Location", path + "/" + last.get());
+  const std::string place = path + "/" + last.get();
+  add_header(answer, "Location", place);
+  // RFC 5989, section 4.
+  add_header(answer, "Link", "<" + place + "/" + kEventsPart + ">; rel=\"monitor\"");
   add_header(answer, "ETag", session.etag);
   add_header(answer, "Accept-Patch", kFragmentType);
   return answer;
@@ -54,6 +57,10 @@ http_answer answer_of(publishers& asked, const whip_question& question) {
     const auto result = asked.patch(question.session, question.body, question.if_match);
     if (const auto* const why = std::get_if<publishers::refusal>(&result)) return refused(*why);
     return answer_of_patched(*std::get_if<publishers::patched>(&result));
+  }
+  if (question.what == whip_question::kWatch) {
+    if (!asked.has(question.session)) return in_words(404, kNoSession);
+    return {200, kEventsType, "", {{"Cache-Control", "no-store"}}, question.session};
   }
   return asked.end(question.session) ? http_answer{200, "", "", {}} : in_words(404, kNoSession);
 }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/channel/whip/http_listener.h"
 
+#include <algorithm>
 #include <utility>
 
 #include <netinet/in.h>
@@ -58,6 +59,7 @@ struct http_listener::connection {
   source_ptr time_over;
   source_ptr hello;
   bool is_cut = false;
+  bool is_held = false;
 };
 
 std::unique_ptr<http_listener> http_listener::make(const std::string& address, int port,
@@ -116,9 +118,31 @@ void http_listener::cut_all() {
 }
 
 void http_listener::cut(const GSocketAddress* remote) {
-  for (connection& one : open_) {
-    if (one.remote.get() == remote) cut_off(one);
-  }
+  connection* const found = find(remote);
+  if (found != nullptr) cut_off(*found);
+}
+
+bool http_listener::hold(const GSocketAddress* remote) {
+  const auto held =
+      std::count_if(open_.begin(), open_.end(), [](const connection& one) { return one.is_held; });
+  connection* const found = find(remote);
+  if (found == nullptr || static_cast<size_t>(held) >= limits_.most_connections / 2) return false;
+  found->is_held = true;
+  found->time_over.reset();
+  return true;
+}
+
+void http_listener::let_go(const GSocketAddress* remote) {
+  connection* const found = find(remote);
+  if (found == nullptr || !std::exchange(found->is_held, false) || found->is_cut) return;
+  found->time_over = after(limits_.connection_ms, on_time_over, found);
+}
+
+http_listener::connection* http_listener::find(const GSocketAddress* remote) {
+  const auto found = std::find_if(open_.begin(), open_.end(), [remote](const connection& one) {
+    return one.remote.get() == remote;
+  });
+  return found != open_.end() ? &*found : nullptr;
 }
 
 // Not closed, which is for whoever reads from it: they see its end.
@@ -130,7 +154,7 @@ void http_listener::cut_off(connection& one) {
 
 void http_listener::cut_oldest() {
   for (connection& one : open_) {
-    if (!one.is_cut) return cut_off(one);
+    if (!one.is_cut && !one.is_held) return cut_off(one);
   }
 }
 

@@ -18,8 +18,8 @@ namespace zelta::core_service {
 class http_listener {
  public:
   struct limits {
-    // When so many are open and one more comes, the oldest is cut off: it is the one that has had
-    // the most time.
+    // When so many are open and one more comes, the oldest that isn't held is cut off: it is the
+    // one that has had the most time.
     size_t most_connections = 1000;
     // From the first packet to the last: handshake, request and answer.
     unsigned connection_ms = 30'000;
@@ -52,6 +52,10 @@ class http_listener {
   void cut_all();
   // The one that was handed over with this address.
   void cut(const GSocketAddress* remote);
+  // It may last until it is let go of, which gives it its time anew. False: half of all that may be
+  // open are held already, the others are for requests.
+  bool hold(const GSocketAddress* remote);
+  void let_go(const GSocketAddress* remote);
   // Those that somebody still holds.
   size_t count() const { return open_.size(); }
 
@@ -65,6 +69,7 @@ class http_listener {
   void take_in(glib_ptr<GSocket> socket);
   void await_hello(connection& one, GIOStream* stream);
   void hand_over(connection& one, GIOStream* stream);
+  connection* find(const GSocketAddress* remote);
   void cut_oldest();
   source_ptr after(unsigned ms, GSourceFunc work, void* context) const;
   static void cut_off(connection& one);

@@ -18,6 +18,12 @@ constexpr unsigned kLetGoMs = 50;
 
 constexpr const char* kEnds = "the recording ends here: try again later, or elsewhere";
 
+http_answer too_many_watch() {
+  http_answer answer = in_words(503, "too many wait for the end of a session: try again later");
+  answer.headers.emplace_back("Retry-After", "30");
+  return answer;
+}
+
 const char* or_empty(const char* text) {
   return text != nullptr ? text : "";
 }
@@ -99,7 +105,8 @@ http_thread::http_thread(std::unique_ptr<http_listener> listener, whip_rules rul
     : listener_(std::move(listener)),
       rules_(std::move(rules)),
       ask_(std::move(ask)),
-      context_(g_main_context_new()) {
+      context_(g_main_context_new()),
+      streams_(*listener_) {
   thread_ = std::thread([this] { run(); });
 }
 
@@ -113,9 +120,17 @@ http_thread::~http_thread() {
 }
 
 void http_thread::answer(uint64_t id, http_answer what) {
+  post([this, id, what = std::move(what)]() mutable { give(id, std::move(what)); });
+}
+
+void http_thread::session_ended(const std::string& session) {
+  post([this, session] { streams_.end(session); });
+}
+
+void http_thread::post(std::function<void()> work) {
   {
     const std::lock_guard<std::mutex> hold(lock_);
-    answers_.emplace_back(id, std::move(what));
+    work_.push_back(std::move(work));
   }
   g_main_context_wakeup(context_.get());
 }
@@ -147,9 +162,10 @@ void http_thread::serve() {
                    [&server](GIOStream* stream, GSocketAddress* local, GSocketAddress* remote) {
                      soup_server_accept_iostream(server.get(), stream, local, remote, nullptr);
                    });
+  streams_.start(context_.get());
   while (!is_ending()) {
     g_main_context_iteration(context_.get(), TRUE);
-    give_answers();
+    do_work();
   }
   finish();
   soup_server_disconnect(server.get());
@@ -162,6 +178,7 @@ void http_thread::finish() {
     reply(message.get(), in_words(503, kEnds));
     soup_server_message_unpause(message.get());
   }
+  streams_.stop();
   iterate_until([this] { return exchanges_ == 0; }, kLastAnswersMs);
   listener_->cut_all();
   iterate_until([this] { return listener_->count() == 0; }, kLetGoMs);
@@ -181,20 +198,24 @@ bool http_thread::is_ending() {
   return ending_;
 }
 
-void http_thread::give_answers() {
-  std::vector<std::pair<uint64_t, http_answer>> given;
+void http_thread::do_work() {
+  std::vector<std::function<void()>> due;
   {
     const std::lock_guard<std::mutex> hold(lock_);
-    given.swap(answers_);
+    due.swap(work_);
   }
-  for (const auto& [id, what] : given) {
-    const auto found = waiting_.find(id);
-    if (found == waiting_.end()) continue;
-    const message_ptr message = std::move(found->second);
-    waiting_.erase(found);
-    reply(message.get(), what);
-    soup_server_message_unpause(message.get());
-  }
+  for (const auto& work : due) work();
+}
+
+void http_thread::give(uint64_t id, http_answer what) {
+  const auto found = waiting_.find(id);
+  if (found == waiting_.end()) return;
+  const message_ptr message = std::move(found->second);
+  waiting_.erase(found);
+  const bool lasts = !what.lasts_with.empty();
+  if (lasts && !streams_.open(message.get(), what.lasts_with)) what = too_many_watch();
+  reply(message.get(), what);
+  soup_server_message_unpause(message.get());
 }
 
 // ---- A request -----------------------------------------------------------------------------
@@ -235,7 +256,9 @@ void http_thread::on_request(SoupServerMessage* message) {
   gsize size = 0;
   const auto* const bytes = static_cast<const char*>(g_bytes_get_data(body.get(), &size));
   if (size > 0) question.body.assign(bytes, size);
-  if (question.what != whip_question::kEnd && size == 0) {
+  const bool has_body =
+      question.what == whip_question::kPublish || question.what == whip_question::kPatch;
+  if (has_body && size == 0) {
     return reply(message, in_words(400,
                                    "the body is empty: it should be the SDP of an offer, or a "
                                    "fragment of one"));

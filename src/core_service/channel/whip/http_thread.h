@@ -6,7 +6,7 @@
 //     client ◀─ answer ── on this thread ◀──────── answer(id, …) ─────┘
 //
 // A connection has one request. One that goes away before it is answered is let go of when the
-// answer comes.
+// answer comes. An answer that lasts with a session goes on until session_ended().
 #pragma once
 
 #include <cstdint>
@@ -19,6 +19,7 @@
 #include <vector>
 
 #include "core_service/channel/whip/answers.h"
+#include "core_service/channel/whip/event_streams.h"
 #include "core_service/channel/whip/glib.h"
 #include "core_service/channel/whip/http_listener.h"
 #include "core_service/channel/whip/whip_rules.h"
@@ -42,6 +43,8 @@ class http_thread {
 
   // Any thread. Nothing happens when nobody waits for it any more.
   void answer(uint64_t id, http_answer what);
+  // Any thread. Ends the answers that last with it, also one that was given just before.
+  void session_ended(const std::string& session);
 
  private:
   struct exchange;
@@ -51,7 +54,9 @@ class http_thread {
   void serve();
   void finish();
   bool is_ending();
-  void give_answers();
+  void post(std::function<void()> work);
+  void do_work();
+  void give(uint64_t id, http_answer what);
   template <class Done>
   void iterate_until(Done done, unsigned limit_ms);
   void on_headers(SoupServerMessage* message);
@@ -63,14 +68,15 @@ class http_thread {
   const ask_question ask_;
   const context_ptr context_;
 
-  std::mutex lock_;  // of the two below
-  std::vector<std::pair<uint64_t, http_answer>> answers_;
+  std::mutex lock_;                          // of the two below
+  std::vector<std::function<void()>> work_;  // for the thread
   bool ending_ = false;
 
   // Of the thread.
   bool refusing_ = false;
   uint64_t last_id_ = 0;
   std::map<uint64_t, message_ptr> waiting_;
+  event_streams streams_;
   size_t exchanges_ = 0;  // begun, and not finished
 
   std::thread thread_;

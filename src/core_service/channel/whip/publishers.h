@@ -37,6 +37,8 @@ class publishers {
                                                const std::string& if_match) = 0;
   // False: there is no such session.
   virtual bool end(const std::string& session) = 0;
+  // Whether there is such a session. Its end has to be told to the whip_server from now on.
+  virtual bool has(const std::string& session) const = 0;
 
  protected:
   ~publishers() = default;

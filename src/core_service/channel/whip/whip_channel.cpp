@@ -172,7 +172,7 @@ class whip_channel : public channel, private publishers {
   }
 
   refusal turn_away(const std::string& id, uint32_t uid, const std::string& error) {
-    sessions_.erase(id);
+    forget(id);
     // Whoever doesn't wait isn't in the channel.
     listener_.on_user_out(uid);
     if (!error.empty()) return {400, error};
@@ -218,6 +218,14 @@ class whip_channel : public channel, private publishers {
     return true;
   }
 
+  bool has(const std::string& id) const override { return sessions_.count(id) != 0; }
+
+  void forget(const std::string& id) {
+    sessions_.erase(id);
+    // None when the channel is left from inside its listener.
+    if (server_) server_->session_ended(id);
+  }
+
   // False: somebody of that number is there.
   bool make_way(uint32_t uid) {
     const auto found = std::find_if(sessions_.begin(), sessions_.end(),
@@ -256,7 +264,7 @@ class whip_channel : public channel, private publishers {
     if (found == sessions_.end()) return;
     const uint32_t uid = found->second.uid;
     log_.notice("user " + std::to_string(uid) + " " + why);
-    sessions_.erase(found);
+    forget(id);
     listener_.on_user_out(uid);
   }
 

@@ -26,6 +26,7 @@ struct resource {
 constexpr resource kPage{"the page", "GET, HEAD, OPTIONS", nullptr, nullptr};
 constexpr resource kPublishing{"a user", "POST, OPTIONS", "Accept-Post", kOfferType};
 constexpr resource kSession{"a session", "PATCH, DELETE, OPTIONS", "Accept-Patch", kFragmentType};
+constexpr resource kEvents{"a session's events", "GET, OPTIONS", nullptr, nullptr};
 
 bool may(const resource& there, const std::string& method) {
   const std::string all = std::string(", ") + there.methods + ",";
@@ -53,7 +54,9 @@ const resource* resource_of(const std::vector<std::string>& parts) {
   const size_t depth = parts.size() - (parts.size() == 2 && parts[1].empty() ? 1 : 0);
   if (depth == 1) return &kPage;
   if (depth == 2) return &kPublishing;
-  return depth == 3 && !parts[2].empty() ? &kSession : nullptr;
+  if (depth < 3 || parts[2].empty()) return nullptr;
+  if (depth == 3) return &kSession;
+  return depth == 4 && parts[3] == kEventsPart ? &kEvents : nullptr;
 }
 
 // RFC 9725, section 4.1, and what a page of another origin needs to be let in by its browser.
@@ -173,18 +176,19 @@ std::variant<whip_question, http_answer> whip_rules::judge(const request_head& h
                     "the user's name should be 1 to 128 bytes of UTF-8 without control "
                     "characters");
   }
-  const bool ends = head.method == "DELETE";
-  if (!ends && strcasecmp(head.content_type.c_str(), there->type) != 0) {
+  if (there->type != nullptr && head.method != "DELETE" &&
+      strcasecmp(head.content_type.c_str(), there->type) != 0) {
     return wrong_type(*there, head.content_type);
   }
   if (head.body_bytes > kMostBodyBytes) return too_long();
   whip_question asked{
       whip_question::kPublish, parts[1], channel_path_ + "/" + escaped(parts[1]), "",
       head.if_match,           ""};
-  if (there == &kSession) {
-    asked.what = ends ? whip_question::kEnd : whip_question::kPatch;
-    asked.session = parts[2];
-  }
+  if (there == &kPublishing) return asked;
+  asked.session = parts[2];
+  asked.what = there == &kEvents         ? whip_question::kWatch
+               : head.method == "DELETE" ? whip_question::kEnd
+                                         : whip_question::kPatch;
   return asked;
 }
 

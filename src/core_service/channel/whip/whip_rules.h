@@ -1,9 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // What may be asked of the WHIP end (RFC 9725), and what is answered to everything else.
 //
-//     /CHANNEL               the page: GET
-//     /CHANNEL/USER          publishing: POST
-//     /CHANNEL/USER/SESSION  a session: PATCH, DELETE
+//     /CHANNEL                      the page: GET
+//     /CHANNEL/USER                 publishing: POST
+//     /CHANNEL/USER/SESSION         a session: PATCH, DELETE
+//     /CHANNEL/USER/SESSION/events  an answer that lasts as long as the session: GET
+//
+// The last is no part of WHIP, which keeps GET of a session itself for later versions; clients
+// learn of it by a Link of the relation "monitor" (RFC 8288) in the answer to their offer.
 //
 // Any thread; an object is only read once it is made.
 #pragma once

@@ -27,6 +27,12 @@ http_listener::limits limits_here() {
   return bounds;
 }
 
+// Whom nobody reaches but by the machine's own browsers, which trust it without a certificate.
+bool is_loopback(const std::string& address) {
+  const glib_ptr<GInetAddress> parsed(g_inet_address_new_from_string(address.c_str()));
+  return parsed && g_inet_address_get_is_loopback(parsed.get()) != FALSE;
+}
+
 }  // namespace
 
 whip_server::whip_server(base::event_loop& loop, publishers& asked, int port)
@@ -68,12 +74,16 @@ std::unique_ptr<whip_server> whip_server::start(const whip_terms& terms, base::e
   }
   log.notice(std::string("users publish by ") + (secure ? "HTTPS" : "HTTP") + " at port " +
              std::to_string(server->port_) + ", " + path + "/NAME; the page for it is " + path);
-  if (!secure) {
-    log.notice(
+  if (!secure && !is_loopback(terms.address)) {
+    log.warn(
         "without whip.certificate and whip.key browsers give the page a camera on this "
         "machine alone, at localhost");
   }
   return server;
+}
+
+void whip_server::session_ended(const std::string& session) {
+  http_->session_ended(session);
 }
 
 }  // namespace zelta::core_service

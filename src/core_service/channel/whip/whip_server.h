@@ -43,6 +43,9 @@ class whip_server {
   ~whip_server();
 
   int port() const { return port_; }
+  // Has to be called for every session that was there and isn't any more: who waits for its end is
+  // told.
+  void session_ended(const std::string& session);
 
  private:
   whip_server(base::event_loop& loop, publishers& asked, int port);
