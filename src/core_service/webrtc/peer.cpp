@@ -90,7 +90,10 @@ void peer::request_key_frames() {
 void peer::restart_ice(ice_credentials own, std::string their_ufrag) {
   if (!running_) return;
   // One that was asked for and never came into use is forgotten.
-  if (names_.size() > 1) names_.pop_back();
+  if (names_.size() > 1) {
+    transport_->forget(names_.back().own.ufrag);
+    names_.pop_back();
+  }
   transport_->add(own.ufrag, *this);
   names_.push_back({std::move(own), std::move(their_ufrag)});
 }
@@ -137,7 +140,10 @@ bool peer::on_check(const stun_message& check, const rtp::datagram& one) {
   }
   answer_check(check, from, 0, "", password);
   // The restart is complete.
-  if (whose != names_.begin()) names_.erase(names_.begin(), whose);
+  if (whose != names_.begin()) {
+    transport_->forget(names_.front().own.ufrag);
+    names_.pop_front();
+  }
   if (check.use_candidate || path_.size == 0) path_ = from;
   return true;
 }

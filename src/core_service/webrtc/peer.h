@@ -101,8 +101,8 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
   bundle bundle_;
   rtp::transport_feedback arrivals_;
   int transport_extension_ = 0;
-  // The name of the present checks, and the one of before a restart.
-  std::vector<name> names_;
+  // The name of the present checks, and the one that a restart has brought.
+  std::deque<name> names_;
   path path_;
   std::unique_ptr<dtls_session> dtls_;
   std::unique_ptr<rtp::srtp_session> ciphers_;
