@@ -10,22 +10,21 @@
 #include <sys/socket.h>
 
 #include "base/unique_fd.h"
-#include "crowd/stream.h"
+#include "crowd/outlet.h"
 
 namespace zelta::crowd {
 
-class batch {
+class batch final : public outlet {
  public:
   explicit batch(base::unique_fd socket);
 
-  // The payload is borrowed until the next flush.
-  void add(stream& from, const stream::packet& packet);
-  void add_report(stream& from, const report& of);
-  void flush();
+  void add(stream& from, const stream::packet& packet) override;
+  void add_report(stream& from, const report& of) override;
+  void flush() override;
 
-  uint64_t packets() const { return packets_; }
-  uint64_t bytes_sent() const { return bytes_; }
-  uint64_t errors() const { return errors_; }
+  uint64_t packets() const override { return packets_; }
+  uint64_t bytes_sent() const override { return bytes_; }
+  uint64_t errors() const override { return errors_; }
 
  private:
   static constexpr size_t kMessages = 256;

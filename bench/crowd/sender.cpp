@@ -1,15 +1,19 @@
 // SPDX-License-Identifier: Apache-2.0
-// Plays many users of a channel by RTP from one process, one thread and one socket.
+// Plays many users of a channel by RTP from one process and one thread, out of one socket; or by
+// WHIP and WebRTC, out of a socket each.
 //
 //     crowd_sender --users N --seconds S --folder CHANNEL_FOLDER [--video h264|vp8|none] …
+//     crowd_sender --users N --seconds S --whip http://ADDRESS:PORT/CHANNEL …
 //
 // Every user sends the same media, begun at moments spread over a second, with reports on one
-// clock; all end together. Users join by descriptions with open ports in CHANNEL_FOLDER, and only
-// those who are answered send. Requests for key frames aren't heard: there is one every two
-// seconds. Prints one JSON object when all is sent.
+// clock; all end together. Users join by descriptions with open ports in CHANNEL_FOLDER, or by
+// offers, and only those who are answered send. Requests for key frames aren't heard: there is one
+// every two seconds. What is asked for again is sent again by those of WebRTC. Prints one JSON
+// object when all is sent.
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <queue>
 #include <random>
 #include <string>
@@ -28,6 +32,7 @@
 #include "crowd/channel.h"
 #include "crowd/media.h"
 #include "crowd/stream.h"
+#include "crowd/whip.h"
 
 namespace {
 
@@ -44,6 +49,7 @@ struct options {
   int seconds = 10;
   int wait_s = 60;
   std::string folder;
+  std::string whip;
   std::string video = "h264";
   std::string audio = "opus";
   std::string key;
@@ -101,11 +107,11 @@ std::vector<stream> make_streams(const std::vector<track>& tracks,
 
 class crowd_run {
  public:
-  crowd_run(const options& asked, std::vector<stream> streams, base::unique_fd socket,
-            std::mt19937& chance)
+  // The outlet is borrowed.
+  crowd_run(const options& asked, std::vector<stream> streams, outlet& out, std::mt19937& chance)
       : streams_(std::move(streams)),
         way_{asked.loss_percent / 100, asked.reorder_percent / 100},
-        out_(std::move(socket)),
+        out_(out),
         chance_(chance) {
     begin_us_ = now_us() + kTickUs;
     end_us_ = begin_us_ + asked.seconds * kUsPerS;
@@ -164,7 +170,7 @@ class crowd_run {
 
   std::vector<stream> streams_;
   const impairment way_;
-  batch out_;
+  outlet& out_;
   std::mt19937& chance_;
   std::priority_queue<event> events_;
   int64_t begin_us_ = 0;
@@ -185,11 +191,12 @@ double cpu_seconds() {
 void crowd_run::print(const options& asked) const {
   std::printf(
       "{\"packets\": %llu, \"bytes\": %llu, \"seconds\": %d, \"cpu_seconds\": %.3f, "
-      "\"send_errors\": %llu, \"late_ms\": %.1f, \"end_utc_ms\": %lld, \"users\": [",
+      "\"send_errors\": %llu, \"late_ms\": %.1f, \"end_utc_ms\": %lld, ",
       static_cast<unsigned long long>(out_.packets()),
       static_cast<unsigned long long>(out_.bytes_sent()), asked.seconds, cpu_seconds(),
       static_cast<unsigned long long>(out_.errors()), static_cast<double>(late_us_) / 1000,
       static_cast<long long>((end_us_ + utc_offset_us_) / 1000));
+  std::printf("%s\"users\": [", out_.more().c_str());
   for (size_t i = 0; i < streams_.size();) {
     const stream& first = streams_[i];
     std::printf("%s\n{\"uid\": %u, \"begin_utc_ms\": %lld", i == 0 ? "" : ",", first.uid,
@@ -208,13 +215,20 @@ bool read_options(int argc, char** argv, options& asked, int& status) {
   CLI::App app("Plays many users of a channel by RTP.");
   app.add_option("--users", asked.users)->check(CLI::Range(1, 10000));
   app.add_option("--seconds", asked.seconds)->check(CLI::Range(2, 86400));
-  app.add_option("--folder", asked.folder, "the channel's")->required();
+  CLI::Option_group* const place = app.add_option_group("place");
+  place->add_option("--folder", asked.folder, "the channel's");
+  CLI::Option* const whip = place->add_option("--whip", asked.whip, "http://ADDRESS:PORT/CHANNEL");
+  place->require_option(1);
   app.add_option("--video", asked.video)->check(CLI::IsMember({"h264", "vp8", "none"}));
   app.add_option("--audio", asked.audio)->check(CLI::IsMember({"opus", "none"}));
-  app.add_option("--loss", asked.loss_percent, "percent of packets")->check(CLI::Range(0.0, 100.0));
+  // Those of WebRTC would send again what was lost, and have keys of their own.
+  app.add_option("--loss", asked.loss_percent, "percent of packets")
+      ->check(CLI::Range(0.0, 100.0))
+      ->excludes(whip);
   app.add_option("--reorder", asked.reorder_percent, "percent of packets")
       ->check(CLI::Range(0.0, 100.0));
-  app.add_option("--srtp", asked.key, "base64 of key and salt, AES_CM_128_HMAC_SHA1_80");
+  app.add_option("--srtp", asked.key, "base64 of key and salt, AES_CM_128_HMAC_SHA1_80")
+      ->excludes(whip);
   app.add_option("--wait", asked.wait_s, "seconds for the ports")->check(CLI::Range(1, 3600));
   app.add_flag("--leave", asked.leaves, "remove the descriptions at the end");
   try {
@@ -231,6 +245,35 @@ int fail(const char* what) {
   return 1;
 }
 
+int play_to_folder(const options& asked, const std::vector<track>& tracks,
+                   const std::vector<uint8_t>& key, std::mt19937& chance) {
+  base::unique_fd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
+  if (!socket.valid()) return fail("socket can't be had");
+  const auto ports =
+      join(asked.folder, asked.users, tracks, !key.empty(), std::chrono::seconds(asked.wait_s));
+  batch out(std::move(socket));
+  crowd_run run(asked, make_streams(tracks, ports, key, chance), out, chance);
+  run.run();
+  if (asked.leaves) leave(asked.folder, asked.users);
+  run.print(asked);
+  return 0;
+}
+
+int play_to_whip(const options& asked, const std::vector<track>& tracks, std::mt19937& chance) {
+  const auto at = parse_whip_url(asked.whip);
+  if (!at) return fail("--whip should be as http://127.0.0.1:8080/CHANNEL");
+  // All go to the port that the answers name.
+  const std::vector<std::vector<uint16_t>> ports(asked.users, std::vector<uint16_t>(tracks.size()));
+  std::vector<stream> streams = make_streams(tracks, ports, {}, chance);
+  const auto out = whip_outlet::join(*at, streams, std::chrono::seconds(asked.wait_s));
+  if (!out) return 1;
+  crowd_run run(asked, std::move(streams), *out, chance);
+  run.run();
+  if (asked.leaves) out->leave();
+  run.print(asked);
+  return 0;
+}
+
 int play(const options& asked) {
   std::vector<track> tracks;
   for (const std::string& codec : {asked.video, asked.audio}) {
@@ -243,18 +286,11 @@ int play(const options& asked) {
   const std::vector<uint8_t> key = srtp_key(asked.key);
   if (!asked.key.empty() && key.empty()) return fail("--srtp should be base64 of 30 bytes");
   if (!key.empty() && !srtp_sender::make(key)) return fail("this was built without libsrtp2");
-  base::unique_fd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
-  if (!socket.valid()) return fail("socket can't be had");
 
   // The same losses in every run.
   std::mt19937 chance(1);
-  const auto ports =
-      join(asked.folder, asked.users, tracks, !key.empty(), std::chrono::seconds(asked.wait_s));
-  crowd_run run(asked, make_streams(tracks, ports, key, chance), std::move(socket), chance);
-  run.run();
-  if (asked.leaves) leave(asked.folder, asked.users);
-  run.print(asked);
-  return 0;
+  return asked.whip.empty() ? play_to_folder(asked, tracks, key, chance)
+                            : play_to_whip(asked, tracks, chance);
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""Crowds of users by RTP: what is recorded of them, and what a packet costs. See check-crowd.sh."""
+"""Crowds of users by RTP or WebRTC: what is recorded of them, and what a packet costs. See check-crowd.sh."""
 import argparse
 import base64
 import json
@@ -127,11 +127,12 @@ class Run:
         self.channel.mkdir(parents=True)
         self.out.mkdir()
 
-    def begin_sender(self):
+    def begin_sender(self, whip=None):
+        """Into the folder, or to the URL that is given."""
         asked = self.asked
+        place = ["--folder", self.channel] if whip is None else ["--whip", whip]
         command = [asked.bin / "crowd_sender", "--users", self.users, "--seconds", asked.seconds,
-                   "--folder", self.channel, "--video", "vp8" if asked.vp8 else "h264",
-                   "--wait", PORTS_LIMIT_S]
+                   *place, "--video", "vp8" if asked.vp8 else "h264", "--wait", PORTS_LIMIT_S]
         if asked.srtp:
             command += ["--srtp", KEY]
         if asked.loss:
@@ -238,13 +239,24 @@ def run_ffmpeg(work, asked, users):
     return 1e6 * used / max(1, report["packets"] - lost)
 
 
+def free_tcp_port():
+    with socket.socket(socket.AF_INET, socket.SOCK_STREAM) as one:
+        one.bind(("127.0.0.1", 0))
+        return one.getsockname()[1]
+
+
 class Recorder:
     """zelta-record and its recorder, and what both need while they run."""
 
     def __init__(self, run):
         self.events = run.folder / "events"
-        command = [run.asked.bin / "zelta-record", "room", "--json", "--server",
-                   f"dir:{run.channel.parent}", "--record-file-root-dir", run.out]
+        self.whip = None
+        server = f"dir:{run.channel.parent}"
+        if run.asked.whip:
+            place = f"127.0.0.1:{free_tcp_port()}"
+            server, self.whip = f"whip:{place}", f"http://{place}/room"
+        command = [run.asked.bin / "zelta-record", "room", "--json", "--server", server,
+                   "--record-file-root-dir", run.out]
         if run.asked.srtp:
             command += ["--decryption-mode", "aes-128-cm-sha1-80", "--secret", KEY]
         with open(self.events, "wb") as out:
@@ -289,8 +301,9 @@ class Recorder:
 def run_recorder(work, asked, users):
     run = Run(work, asked, users)
     recorder = Recorder(run)
-    report = run.finish_sender(run.begin_sender())
-    lost = sum(udp_drops(answered_ports(run.channel)).values())
+    report = run.finish_sender(run.begin_sender(recorder.whip))
+    ports = {report["port"]} if asked.whip else answered_ports(run.channel)
+    lost = sum(udp_drops(ports).values())
     end_ms = time.time() * 1000
     used, took = recorder.end()
     # The recording ends somewhere in between.
@@ -332,7 +345,7 @@ def missed_bounds(users, row, times_bare):
 def measure(work, asked, users):
     bare = run_bare(work, asked, users)
     ffmpeg = None
-    if users == FFMPEG_USERS and not asked.srtp:
+    if users == FFMPEG_USERS and not asked.srtp and not asked.whip:
         ffmpeg = run_ffmpeg(work, asked, users)
     row = run_recorder(work, asked, users)
     times_bare = row["us_a_packet"] / max(bare["us_a_packet"], 1e-9)
@@ -350,12 +363,16 @@ def main():
     options.add_argument("users", nargs="*", type=int, help="how many; none: 20 100 500")
     options.add_argument("--vp8", action="store_true", help="instead of H.264")
     options.add_argument("--srtp", action="store_true", help="encrypted")
+    options.add_argument("--whip", action="store_true",
+                         help="by WHIP and WebRTC, beside a bare receiver of plain RTP")
     options.add_argument("--loss", type=float, default=0, metavar="PERCENT",
                          help=f"of the packets are lost, and {REORDERED_PERCENT} overtaken")
     options.add_argument("--seconds", type=int, default=30, help="length of each recording")
     options.add_argument("--bin", type=pathlib.Path, default=ROOT / "build/release/bin")
     options.add_argument("--work", default=tempfile.gettempdir() + "/zelta-check")
     asked = options.parse_args()
+    if asked.whip and (asked.srtp or asked.loss):
+        options.error("--whip has keys of its own and sends again what is lost: neither --srtp nor --loss goes with it")
     # A background job's SIGINT is ignored, and so would be that of the programs that it starts.
     signal.signal(signal.SIGINT, signal.default_int_handler)
     signal.signal(signal.SIGTERM, lambda *_: sys.exit("ended by SIGTERM"))

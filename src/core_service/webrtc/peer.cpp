@@ -144,7 +144,7 @@ bool peer::on_check(const stun_message& check, const rtp::datagram& one) {
   // The restart is complete.
   if (whose != names_.begin()) {
     transport_->forget(names_.front().own.ufrag);
-    names_.erase(names_.begin());
+    names_.pop_front();
   }
   if (check.use_candidate || path_.size == 0) path_ = from;
   return true;

@@ -104,8 +104,8 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
   // One that the sender knows: senders pass over feedback that names none of theirs, although it is
   // about all of them.
   uint32_t source_ = 0;
-  // The name of the present checks, and the one of before a restart.
-  std::vector<name> names_;
+  // The name of the present checks, and the one that a restart has brought.
+  std::deque<name> names_;
   path path_;
   std::unique_ptr<dtls_session> dtls_;
   std::unique_ptr<rtp::srtp_session> ciphers_;

@@ -77,6 +77,10 @@ void transport::add(const std::string& name, transport_user& who) {
   by_name_[name] = &who;
 }
 
+void transport::forget(const std::string& name) {
+  by_name_.erase(name);
+}
+
 void transport::remove(transport_user& who) {
   const auto forget = [&who](auto& users) {
     for (auto at = users.begin(); at != users.end();) {

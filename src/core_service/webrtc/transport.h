@@ -62,7 +62,8 @@ class transport : public rtp::packet_receiver {
 
   // `name`: the user's ICE user name fragment; it may have several.
   void add(const std::string& name, transport_user& who);
-  void forget(const std::string& name) { by_name_.erase(name); }
+  // One of several; its addresses stay.
+  void forget(const std::string& name);
   // With its addresses.
   void remove(transport_user& who);
   void send(const path& by, const uint8_t* bytes, size_t size);

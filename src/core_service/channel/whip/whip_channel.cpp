@@ -226,13 +226,18 @@ class whip_channel : public channel, private publishers {
     if (server_) server_->session_ended(id);
   }
 
+  // The peer isn't held any longer than that: its end is the packet thread's.
+  static bool is_heard(const std::weak_ptr<webrtc::peer>& sender) {
+    const auto there = sender.lock();
+    return there && there->heard_within(kAlive);
+  }
+
   // False: somebody of that number is there.
   bool make_way(uint32_t uid) {
     const auto found = std::find_if(sessions_.begin(), sessions_.end(),
                                     [uid](const auto& known) { return known.second.uid == uid; });
     if (found == sessions_.end()) return true;
-    const auto there = found->second.sender.lock();
-    if (there && there->heard_within(kAlive)) return false;
+    if (is_heard(found->second.sender)) return false;
     ended(std::string(found->first), "comes again");
     return true;
   }
