@@ -13,13 +13,10 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <thread>
-#include <utility>
-#include <vector>
 
+#include "core_service/channel/glib.h"
+#include "core_service/channel/glib_thread.h"
 #include "core_service/channel/whip/answers.h"
-#include "core_service/channel/whip/glib.h"
 #include "core_service/channel/whip/http_listener.h"
 #include "core_service/channel/whip/whip_rules.h"
 
@@ -47,13 +44,9 @@ class http_thread {
   struct exchange;
   using message_ptr = glib_ptr<SoupServerMessage>;
 
-  void run();
   void serve();
   void finish();
-  bool is_ending();
-  void give_answers();
-  template <class Done>
-  void iterate_until(Done done, unsigned limit_ms);
+  void give(uint64_t id, const http_answer& what);
   void on_headers(SoupServerMessage* message);
   void on_body_part(SoupServerMessage* message, size_t bytes);
   void on_request(SoupServerMessage* message);
@@ -61,19 +54,15 @@ class http_thread {
   const std::unique_ptr<http_listener> listener_;
   const whip_rules rules_;
   const ask_question ask_;
-  const context_ptr context_;
-
-  std::mutex lock_;  // of the two below
-  std::vector<std::pair<uint64_t, http_answer>> answers_;
-  bool ending_ = false;
 
   // Of the thread.
+  glib_ptr<SoupServer> server_;
   bool refusing_ = false;
   uint64_t last_id_ = 0;
   std::map<uint64_t, message_ptr> waiting_;
   size_t exchanges_ = 0;  // begun, and not finished
 
-  std::thread thread_;
+  glib_thread thread_;
 };
 
 }  // namespace zelta::core_service
