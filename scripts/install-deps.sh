@@ -16,7 +16,7 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(libgtest-dev) ;;
+    test) packages+=(libgtest-dev janus chromium-headless-shell python3-websocket nftables iproute2) ;;
     bench) packages+=(libzmq3-dev gnuplot-nox) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;

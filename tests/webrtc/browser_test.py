@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Browsers publish to the recorder by WHIP, and their files are looked at. Arguments: names of
+"""Browsers publish to the recorder by WHIP, or to a Janus gateway that it records from, and their files are looked at. Arguments: names of
 cases; none: all. Exit status 1 when one fails."""
 import glob
 import json
@@ -20,6 +20,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 sys.path += [f"{ROOT}/scripts/webrtc", f"{ROOT}/scripts/media"]
 
 import browser as chromium  # noqa: E402
+import janus_cases  # noqa: E402
 import marks  # noqa: E402
 
 SYNC_LIMIT_MS = 40
@@ -41,13 +42,14 @@ def require(holds, what):
 class Recording:
     """One run of zelta-record, whose events come as they happen."""
 
-    def __init__(self, *arguments):
+    def __init__(self, *arguments, server=None, channel="room"):
         self.root = tempfile.mkdtemp(prefix="zelta-webrtc-")
         self.port = free_port()
         self.url = f"http://127.0.0.1:{self.port}/room"
         self.process = subprocess.Popen(
-            [f"{BIN}/zelta-record", "room", "--json", "--server", f"whip:127.0.0.1:{self.port}",
-             "--record-file-root-dir", self.root, *arguments],
+            [f"{BIN}/zelta-record", channel, "--json", "--server",
+             server or f"whip:127.0.0.1:{self.port}", "--record-file-root-dir", self.root,
+             *arguments],
             stdout=subprocess.PIPE, text=True)
         self.events = queue.Queue()
         self.reader = threading.Thread(target=self.read, daemon=True)
@@ -243,6 +245,7 @@ CASES = {
     "muted_and_dark": muted_and_dark,
     "lossy": lossy,
     "recorder_is_killed": recorder_is_killed,
+    **janus_cases.cases(sys.modules[__name__]),
 }
 
 
