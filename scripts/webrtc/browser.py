@@ -19,7 +19,7 @@ FLAGS = [
     "--disable-component-update", "--disable-sync", "--no-first-run", "--disable-gpu",
     "--autoplay-policy=no-user-gesture-required", "--disable-background-timer-throttling",
     "--disable-renderer-backgrounding", "--disable-backgrounding-occluded-windows",
-    "--remote-debugging-port=0", "--remote-allow-origins=*",
+    "--disable-dev-shm-usage", "--remote-debugging-port=0", "--remote-allow-origins=*",
 ]
 
 # In place of the camera and the microphone: each second, on the wall clock, a white picture and a

@@ -33,6 +33,7 @@ std::unique_ptr<channel> make_channel(const channel_request& request, base::even
   how.min_port = request.min_port;
   how.max_port = request.max_port;
   how.use_sender_reports = request.use_sender_clocks;
+  how.smallest_layer = request.smallest_layer;
   if (!request.encrypt_mode.empty() || !request.encrypt_secret.empty()) {
     how.key = rtp::parse_key(request.encrypt_mode, request.encrypt_secret, error);
     if (!how.key) return nullptr;

@@ -74,6 +74,8 @@ struct channel_request {
   int max_port = 0;
   // Take times from the senders' clocks, or from arrival alone.
   bool use_sender_clocks = true;
+  // Of a picture that comes at several sizes, take the smallest, not the largest.
+  bool smallest_layer = false;
   whip_settings whip;
   base::logger log;
 };

@@ -69,8 +69,12 @@ class line::control_reader : public rtcp_visitor {
   const media_time arrival_;
 };
 
-line::line(std::map<int, payload> payloads, line_commons& commons, send_control send)
-    : commons_(commons), send_(std::move(send)), payloads_(std::move(payloads)) {}
+line::line(std::map<int, payload> payloads, line_commons& commons, send_control send, bool layered)
+    : commons_(commons), send_(std::move(send)), payloads_(std::move(payloads)) {
+  if (!layered) return;
+  layers_.emplace(commons.how.smallest_layer);
+  layers_number_ = commons.next_number++;
+}
 
 bool line::takes(uint8_t payload_type, uint32_t ssrc) const {
   if (payloads_.count(payload_type) == 0) return false;
@@ -126,19 +130,33 @@ line::source* line::make_source(uint32_t ssrc, const payload& of) {
   made->number = commons_.next_number++;
   made->of = std::make_unique<stream>(
       ssrc, of, commons_.how.jitter_latency, commons_.pool, commons_.clocks,
-      stream::events{[this, made](media::encoded_unit&& unit) {
-                       made->begun = true;
-                       commons_.events.unit(made->number, made->of->of(), std::move(unit));
-                     },
+      stream::events{[this, made](media::encoded_unit&& unit) { on_unit(*made, std::move(unit)); },
                      [this, made] { ask(*made, media::now()); }});
   return made;
+}
+
+void line::on_unit(source& from, media::encoded_unit&& unit) {
+  int number = from.number;
+  if (layers_) {
+    const layer_choice::verdict found = layers_->look(number, unit);
+    if (found == layer_choice::verdict::kWantsKey) ask(from, media::now());
+    if (found != layer_choice::verdict::kTaken) return;
+    number = layers_number_;
+  }
+  from.begun = true;
+  commons_.events.unit(number, from.of->of(), std::move(unit));
 }
 
 void line::end_source(uint32_t ssrc) {
   const auto found = sources_.find(ssrc);
   if (found == sources_.end()) return;
   if (!found->second.finished) found->second.of->finish();
-  if (found->second.begun) commons_.events.gone(found->second.number);
+  // Layers come and go; what they share ends with the line.
+  if (layers_) {
+    layers_->ended(found->second.number);
+  } else if (found->second.begun) {
+    commons_.events.gone(found->second.number);
+  }
   sources_.erase(found);
 }
 

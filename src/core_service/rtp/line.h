@@ -10,9 +10,11 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <vector>
 
 #include "core_service/media/shared_bytes.h"
+#include "core_service/rtp/layer_choice.h"
 #include "core_service/rtp/packet.h"
 #include "core_service/rtp/payload.h"
 #include "core_service/rtp/rtcp.h"
@@ -43,8 +45,10 @@ class line {
   // knows where to, yet.
   using send_control = std::function<bool(control_bytes& bytes, size_t size)>;
 
-  // `payloads`: by payload type, what may come. The commons are borrowed.
-  line(std::map<int, payload> payloads, line_commons& commons, send_control send);
+  // `payloads`: by payload type, what may come. The commons are borrowed. `layered`: its sources
+  // are one picture at several sizes, of which one is recorded.
+  line(std::map<int, payload> payloads, line_commons& commons, send_control send,
+       bool layered = false);
   line(const line&) = delete;
   line& operator=(const line&) = delete;
 
@@ -83,6 +87,7 @@ class line {
   };
   class control_reader;
 
+  void on_unit(source& from, media::encoded_unit&& unit);
   source* find_or_make(const packet& one, media::media_time arrival);
   source* make_source(uint32_t ssrc, const payload& of);
   void advance_source(source& one, media::media_time now);
@@ -94,6 +99,9 @@ class line {
   line_commons& commons_;
   const send_control send_;
   const std::map<int, payload> payloads_;
+  // Of a line whose sources are layers; they share a number.
+  std::optional<layer_choice> layers_;
+  int layers_number_ = 0;
   // By SSRC; and what was reported of those that no packet has come of yet.
   std::map<uint32_t, source> sources_;
   std::map<uint32_t, early_report> early_;

@@ -137,12 +137,12 @@ void packet_thread::call(const std::function<void()>& work) {
   changed.wait(guard, [&done] { return done; });
 }
 
-void packet_thread::add(int fd, packet_receiver& to) {
+void packet_thread::add(int fd, packet_receiver& to, bool answers) {
   receivers_[fd] = &to;
   int room = 0;
   socklen_t size = sizeof room;
   static_cast<void>(getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &room, &size));
-  if (room < kAmpleBytes) gather_ms_ = kShortGatherMs;
+  if (answers || room < kAmpleBytes) gather_ms_ = kShortGatherMs;
   epoll_event event{};
   event.events = EPOLLIN;
   event.data.fd = fd;

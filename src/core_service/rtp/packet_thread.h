@@ -4,7 +4,7 @@
 //     sockets ─▶ epoll ─▶ recvmmsg, up to 32 datagrams a call ─▶ packet_receiver
 //
 // Packets wait in their sockets for others to come with: 40 ms, or 10 ms where the system gives the
-// sockets little room (net.core.rmem_max).
+// sockets little room (net.core.rmem_max), or senders are answered.
 //
 // Nothing that a receiver does may wait for anything: what stands still here stands still for all,
 // and what doesn't fit into the sockets' buffers meanwhile is lost.
@@ -69,7 +69,8 @@ class packet_thread {
   media::media_time take_behind();
 
   // The rest is for the packet thread. The descriptor stays the caller's, who ends with remove().
-  void add(int fd, packet_receiver& to);
+  // `answers`: whoever sends there measures how long an answer takes.
+  void add(int fd, packet_receiver& to, bool answers = false);
   void remove(int fd);
   // What waits in the socket goes to its receiver, up to a moment; false: there may be more. Not
   // from inside a receiver.

@@ -26,6 +26,8 @@ struct settings {
   // Take times from the senders' reports, or from arrival alone.
   bool use_sender_reports = true;
   std::optional<srtp_key> key;
+  // Of a picture that comes at several sizes, the smallest is taken, not the largest.
+  bool smallest_layer = false;
 };
 
 // The key that "--encrypt_mode" and "--encrypt_secret" give. Empty with `error` when they don't.

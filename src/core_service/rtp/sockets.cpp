@@ -141,7 +141,7 @@ shared_port bind_all(const std::vector<std::string>& addresses, int port, std::s
     base::unique_fd socket = bind_socket(*address, made.port, error);
     if (!socket.valid()) {
       const int failed = errno;
-      error = one + ", " + error;
+      error.insert(0, one + ", ");
       errno = failed;
       return {};
     }

@@ -188,6 +188,7 @@ bool session::prepare_channel(media::media_time patience) {
                            bounded ? options_.min_port : settings_.first_port,
                            bounded ? options_.max_port : settings_.last_port,
                            options_.av_sync_type != 0,
+                           options_.stream_type != 0,
                            {settings_.whip_token, settings_.whip_certificate, settings_.whip_key,
                             settings_.whip_address},
                            log_},

@@ -58,6 +58,8 @@ class endpoint {
                    answer_terms& agreed);
 
   media::media_time take_behind() { return plane_->take_behind(); }
+  // Packets for which there was no room here, of all users together. Senders are asked for them.
+  uint64_t dropped() const { return transport_->dropped(); }
 
  private:
   endpoint(const rtp::settings& how, std::shared_ptr<const certificate> self,

@@ -39,6 +39,20 @@ std::string first_of(const std::vector<const char*>& values) {
   return values.empty() ? "" : values.front();
 }
 
+// A recording keeps one sound and one picture of a user at a time.
+void turn_down_second(const std::vector<offered_line>& others, offered_line& line,
+                      std::vector<missing_medium>& left_out) {
+  const bool is_second =
+      line.accepted && std::any_of(others.begin(), others.end(), [&line](const offered_line& one) {
+        return one.accepted && one.kind == line.kind;
+      });
+  if (!is_second) return;
+  line.accepted = false;
+  left_out.push_back({line.media, "",
+                      name_of(line) + " is a second one of its kind: a screen beside a camera, or "
+                                      "another sound, should be published as another user"});
+}
+
 bool take_lines(const GstSDPMessage* message, offer& made, std::vector<missing_medium>& left_out,
                 std::string& error) {
   const guint count = gst_sdp_message_medias_len(message);
@@ -56,6 +70,7 @@ bool take_lines(const GstSDPMessage* message, offer& made, std::vector<missing_m
               " stands on two media lines: each should have one of its own";
       return false;
     }
+    turn_down_second(made.lines, *line, left_out);
     made.lines.push_back(std::move(*line));
   }
   const bool any = std::any_of(made.lines.begin(), made.lines.end(),

@@ -52,9 +52,10 @@ peer::peer(terms agreed, const rtp::settings& how, std::shared_ptr<transport> by
       commons_(how, pool, std::move(told)),
       bundle_(terms_.lines) {
   for (const offered_line& one : terms_.lines) {
-    lines_.emplace_back(one.payloads, commons_, [this](rtp::control_bytes& bytes, size_t size) {
-      return send_control(bytes, size);
-    });
+    lines_.emplace_back(
+        one.payloads, commons_,
+        [this](rtp::control_bytes& bytes, size_t size) { return send_control(bytes, size); },
+        one.rids.size() > 1);
     if (one.transport_cc) transport_extension_ = one.transport_cc_extension;
   }
   names_.push_back({terms_.own, terms_.their_ufrag});
@@ -65,6 +66,7 @@ peer::~peer() = default;
 void peer::start() {
   running_ = true;
   begun_ = reported_ = media::now();
+  heard(begun_);
   for (const name& one : names_) transport_->add(one.own.ufrag, *this);
   transport_->thread().wake_at(*this, begun_ + kReportInterval);
 }
@@ -90,7 +92,10 @@ void peer::request_key_frames() {
 void peer::restart_ice(ice_credentials own, std::string their_ufrag) {
   if (!running_) return;
   // One that was asked for and never came into use is forgotten.
-  if (names_.size() > 1) names_.pop_back();
+  if (names_.size() > 1) {
+    transport_->forget(names_.back().own.ufrag);
+    names_.pop_back();
+  }
   transport_->add(own.ufrag, *this);
   names_.push_back({std::move(own), std::move(their_ufrag)});
 }
@@ -137,7 +142,10 @@ bool peer::on_check(const stun_message& check, const rtp::datagram& one) {
   }
   answer_check(check, from, 0, "", password);
   // The restart is complete.
-  if (whose != names_.begin()) names_.erase(names_.begin(), whose);
+  if (whose != names_.begin()) {
+    transport_->forget(names_.front().own.ufrag);
+    names_.erase(names_.begin());
+  }
   if (check.use_candidate || path_.size == 0) path_ = from;
   return true;
 }
@@ -195,6 +203,7 @@ void peer::on_rtp(const rtp::datagram& one) {
   if (transport_extension_ != 0) {
     if (const auto number = rtp::transport_number_of(*parsed, transport_extension_)) {
       arrivals_.received(*number, one.arrival);
+      source_ = place->ssrc;
       if (!std::exchange(arrived_, true)) plan_wake(one.arrival);
     }
   }
@@ -233,7 +242,7 @@ void peer::send_transport_feedback(media_time now) {
     rtp::control_bytes bytes;
     rtp::rtcp_writer to(bytes.data(), bytes.size() - rtp::srtp_session::kMostAdded);
     to.receiver_report(commons_.own_ssrc, nullptr, 0);
-    if (!arrivals_.write(to, commons_.own_ssrc, 0) || !send_control(bytes, to.size())) return;
+    if (!arrivals_.write(to, commons_.own_ssrc, source_) || !send_control(bytes, to.size())) return;
   }
 }
 

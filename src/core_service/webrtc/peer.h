@@ -103,6 +103,9 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
   bundle bundle_;
   rtp::transport_feedback arrivals_;
   int transport_extension_ = 0;
+  // One that the sender knows: senders pass over feedback that names none of theirs, although it is
+  // about all of them.
+  uint32_t source_ = 0;
   // The name of the present checks, and the one of before a restart.
   std::vector<name> names_;
   path path_;

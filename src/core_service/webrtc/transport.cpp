@@ -64,7 +64,7 @@ transport::~transport() {
 
 void transport::start() {
   started_ = true;
-  for (const base::unique_fd& one : sockets_) by_.add(one.get(), *this);
+  for (const base::unique_fd& one : sockets_) by_.add(one.get(), *this, true);
 }
 
 bool transport::read_rest(media::media_time until) {

@@ -62,10 +62,11 @@ class transport : public rtp::packet_receiver {
 
   // `name`: the user's ICE user name fragment; it may have several.
   void add(const std::string& name, transport_user& who);
+  void forget(const std::string& name) { by_name_.erase(name); }
   // With its addresses.
   void remove(transport_user& who);
   void send(const path& by, const uint8_t* bytes, size_t size);
-  // Datagrams that found no room in the sockets.
+  // Any thread: datagrams that found no room in the sockets.
   uint64_t dropped() const;
 
   void on_datagram(const rtp::datagram& one) override;

@@ -205,6 +205,10 @@ TEST(OfferTest, LinesThatAreNotReceivedAreTold) {
     EXPECT_EQ(alone.error, "it offers no stream that can be received");
     EXPECT_EQ(alone.left_out.size(), 1U);
   }
+  const parsed two(kHead + "a=group:BUNDLE 0 7\n" + kTransport + kAudio +
+                   "m=audio 9 UDP/TLS/RTP/SAVPF 8\na=mid:7\na=rtcp-mux\n");
+  EXPECT_EQ(two.told().rfind("; audio: m=audio (mid 7) is a second one of its kind", 0), 0U)
+      << two.told();
   // What is said for the whole session is a line's that says nothing.
   EXPECT_EQ(parsed(kHead + "a=recvonly\n" + kTransport + kAudio + kVideo + "a=sendonly\n").told(),
             "; : m=audio (mid 0) is a=recvonly: it should be sendonly or sendrecv");

@@ -100,7 +100,11 @@ class whip_channel : public channel, private publishers {
   // Whoever was turned away has been told, and comes again by themselves.
   bool offer_again(uint32_t /*uid*/) override { return false; }
 
-  media_time take_behind() override { return endpoint_ ? endpoint_->take_behind() : media_time{}; }
+  media_time take_behind() override {
+    if (!endpoint_) return {};
+    tell_dropped();
+    return endpoint_->take_behind();
+  }
 
  private:
   struct session {
@@ -124,6 +128,16 @@ class whip_channel : public channel, private publishers {
     }
     if (!server_) return listener_.on_channel_failed(error);
     listener_.on_channel_joined();
+  }
+
+  // Whose they were nobody knows; what stays missing of them, their streams tell.
+  void tell_dropped() {
+    const uint64_t dropped = endpoint_->dropped();
+    if (dropped == dropped_) return;
+    log_.warn(std::to_string(dropped - dropped_) +
+              " packets found no room here and are asked for again: the machine is too busy, or "
+              "gives sockets too little memory (net.core.rmem_max)");
+    dropped_ = dropped;
   }
 
   // ---- What users ask for ------------------------------------------------------------------
@@ -254,6 +268,7 @@ class whip_channel : public channel, private publishers {
   base::poster poster_;
   channel_listener& listener_;
   std::unique_ptr<webrtc::endpoint> endpoint_;
+  uint64_t dropped_ = 0;
   std::map<std::string, session> sessions_;
   std::unique_ptr<whip_server> server_;
 };
