@@ -18,7 +18,7 @@ packages=(
 for want in "$@"; do
   case "$want" in
     test) packages+=(libgtest-dev) ;;
-    browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2) ;;
+    browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     bench) packages+=(libzmq3-dev gnuplot-nox) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;

@@ -1,6 +1,6 @@
 #!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
-"""Browsers publish to the recorder by WHIP, and their files are looked at. Arguments: names of
+"""Browsers publish to the recorder by WHIP, or to a Janus gateway that it records from, and their files are looked at. Arguments: names of
 cases; none: all. Exit status 1 when one fails."""
 import glob
 import json
@@ -20,6 +20,7 @@ ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__)
 sys.path += [f"{ROOT}/scripts/webrtc", f"{ROOT}/scripts/media"]
 
 import browser as chromium  # noqa: E402
+import janus_cases  # noqa: E402
 import marks  # noqa: E402
 
 SYNC_LIMIT_MS = 40
@@ -45,12 +46,13 @@ def require(holds, what):
 class Recording:
     """One run of zelta-record, whose events come as they happen."""
 
-    def __init__(self, *arguments):
+    def __init__(self, *arguments, server=None, channel="room"):
         self.root = tempfile.mkdtemp(prefix="zelta-webrtc-")
         self.port = free_port()
         self.process = subprocess.Popen(
-            [f"{BIN}/zelta-record", "room", "--json", "--server", f"whip:127.0.0.1:{self.port}",
-             "--record-file-root-dir", self.root, *arguments],
+            [f"{BIN}/zelta-record", channel, "--json", "--server",
+             server or f"whip:127.0.0.1:{self.port}", "--record-file-root-dir", self.root,
+             *arguments],
             stdout=subprocess.PIPE, text=True)
         self.events = queue.Queue()
         self.seen = []  # the names of all events
@@ -377,10 +379,11 @@ CASES = {
     "recorder_is_killed": recorder_is_killed,
     "network_changes": network_changes,
     "page_says_that_it_records": page_says_that_it_records,
+    **janus_cases.cases(sys.modules[__name__]),
 }
 
 
-NEED_NAMESPACE = {"lossy"}
+NEED_NAMESPACE = {"lossy", "network_changes", *janus_cases.cases(None)}
 
 
 def enter_namespace():

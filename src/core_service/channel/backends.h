@@ -14,6 +14,7 @@ namespace zelta::core_service {
 struct channel_place {
   std::string rest;  // of the server's name, behind the scheme
   std::string channel_id;
+  std::string channel_key;
   rtp::settings rtp;
   whip_settings whip;
   base::logger log;
@@ -24,6 +25,8 @@ std::unique_ptr<channel> make_test_channel(const channel_place& place, base::eve
                                            channel_listener& listener, std::string& error);
 std::unique_ptr<channel> make_dir_channel(const channel_place& place, base::event_loop& loop,
                                           channel_listener& listener, std::string& error);
+std::unique_ptr<channel> make_janus_channel(const channel_place& place, base::event_loop& loop,
+                                            channel_listener& listener, std::string& error);
 std::unique_ptr<channel> make_whip_channel(const channel_place& place, base::event_loop& loop,
                                            channel_listener& listener, std::string& error);
 

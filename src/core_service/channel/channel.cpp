@@ -13,6 +13,7 @@ struct backend {
 };
 constexpr backend kBackends[] = {
     {"dir", "\"dir:PATH\"", make_dir_channel},
+    {"janus", "\"janus:http://HOST:PORT/janus\"", make_janus_channel},
     {"test", "\"test:\"", make_test_channel},
     {"whip", "\"whip:ADDRESS:PORT\"", make_whip_channel},
 };
@@ -42,13 +43,15 @@ std::unique_ptr<channel> make_channel(const channel_request& request, base::even
   for (const backend& one : kBackends) {
     if (scheme != one.scheme) continue;
     const std::string rest = colon == std::string::npos ? "" : request.server.substr(colon + 1);
-    return one.make({rest, request.channel_id, how, request.whip, request.log}, loop, listener,
-                    error);
+    return one.make({rest, request.channel_id, request.channel_key, how, request.whip, request.log},
+                    loop, listener, error);
   }
-  error = request.server.empty()
-              ? "no channel server: set the environment variable ZELTA_CHANNEL_SERVER to "
-                "\"dir:PATH\", to \"whip:ADDRESS:PORT\" or, for generated users, to \"test:\""
-              : "unknown channel server \"" + request.server + "\": it should be " + forms();
+  error =
+      request.server.empty()
+          ? "no channel server: set the environment variable ZELTA_CHANNEL_SERVER to "
+            "\"dir:PATH\", to \"whip:ADDRESS:PORT\", to \"janus:http://HOST:PORT/janus\" or, for "
+            "generated users, to \"test:\""
+          : "unknown channel server \"" + request.server + "\": it should be " + forms();
   return nullptr;
 }
 

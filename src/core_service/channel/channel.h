@@ -64,8 +64,9 @@ struct whip_settings {
 
 // Which channel, by what right, and how its media is to be received.
 struct channel_request {
-  std::string server;  // "test:…", "dir:…", "whip:…"
+  std::string server;  // "test:…", "dir:…", "whip:…", "janus:…"
   std::string channel_id;
+  std::string channel_key;  // may be empty
   std::string encrypt_mode;
   std::string encrypt_secret;
   // How long media that is missing is waited for.

@@ -199,13 +199,21 @@ void line::request_key_frames(media_time now) {
   for (auto& [ssrc, one] : sources_) ask(one, now);
 }
 
+// What reports a source first is known to be of its medium; some who pass on several (SFUs) look
+// at nothing else to find out.
+rtcp_writer line::write_about(source& whose, control_bytes& bytes, media_time now) {
+  const report_block block = whose.of->block(now);
+  rtcp_writer to = write_into(bytes);
+  to.receiver_report(commons_.own_ssrc, &block, 1);
+  to.cname(commons_.own_ssrc, kName);
+  return to;
+}
+
 void line::ask(source& whose, media_time now) {
   if (whose.of->of().kind->kind != media::media_kind::kVideo || !whose.of->valid()) return;
   if (now - whose.asked < kKeyFrameInterval) return;
   control_bytes bytes{};
-  rtcp_writer to = write_into(bytes);
-  to.receiver_report(commons_.own_ssrc, nullptr, 0);
-  to.cname(commons_.own_ssrc, kName);
+  rtcp_writer to = write_about(whose, bytes, now);
   to.picture_loss(commons_.own_ssrc, whose.of->ssrc());
   if (send_(bytes, to.size())) whose.asked = now;
 }
@@ -219,9 +227,7 @@ void line::ask_again(source& whose, media_time now) {
     count = whose.of->take_missing(now, missing.data(), missing.size());
     if (count == 0) return;
     control_bytes bytes{};
-    rtcp_writer to = write_into(bytes);
-    to.receiver_report(commons_.own_ssrc, nullptr, 0);
-    to.cname(commons_.own_ssrc, kName);
+    rtcp_writer to = write_about(whose, bytes, now);
     to.nack(commons_.own_ssrc, whose.of->ssrc(), missing.data(), count);
     send_(bytes, to.size());
   } while (count == missing.size());

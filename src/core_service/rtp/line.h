@@ -92,6 +92,7 @@ class line {
   source* make_source(uint32_t ssrc, const payload& of);
   void advance_source(source& one, media::media_time now);
   void end_source(uint32_t ssrc);
+  rtcp_writer write_about(source& whose, control_bytes& bytes, media::media_time now);
   void ask(source& whose, media::media_time now);
   void ask_again(source& whose, media::media_time now);
 

@@ -181,6 +181,7 @@ bool session::prepare_channel(media::media_time patience) {
   std::string error;
   channel_ = make_channel({server_,
                            options_.channel_id,
+                           options_.channel_key,
                            options_.encrypt_mode,
                            options_.encrypt_secret,
                            patience,

@@ -78,7 +78,7 @@ bool peer::stop(media_time read_until) {
   const blamed_thread whom(terms_.uid, crash_stage::kReceiving);
   for (rtp::line& one : lines_) one.finish();
   dtls_->close();
-  end("is let go");
+  end(kLetGo);
   transport_->thread().wake_at(*this, media_time::zero());
   transport_->remove(*this);
   return read;

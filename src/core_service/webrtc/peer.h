@@ -42,6 +42,8 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
     // Who has been silent for so long is gone.
     media::media_time patience{};
   };
+  // Why one has ended whose feed was stopped.
+  static constexpr const char* kLetGo = "is let go";
   // Both once at most.
   struct notices {
     std::function<void()> connected;

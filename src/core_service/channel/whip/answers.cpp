@@ -3,7 +3,7 @@
 
 #include <variant>
 
-#include "core_service/channel/whip/glib.h"
+#include "core_service/channel/glib.h"
 
 namespace zelta::core_service {
 namespace {

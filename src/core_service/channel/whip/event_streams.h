@@ -11,7 +11,7 @@
 #include <map>
 #include <string>
 
-#include "core_service/channel/whip/glib.h"
+#include "core_service/channel/glib.h"
 #include "core_service/channel/whip/http_listener.h"
 
 typedef struct _SoupServerMessage SoupServerMessage;

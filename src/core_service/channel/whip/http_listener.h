@@ -11,7 +11,7 @@
 #include <memory>
 #include <string>
 
-#include "core_service/channel/whip/glib.h"
+#include "core_service/channel/glib.h"
 
 namespace zelta::core_service {
 

@@ -75,11 +75,6 @@ void refuse(SoupServerMessage* message, const http_answer& what) {
   reply(message, what);
 }
 
-gboolean set_flag(gpointer flag) {
-  *static_cast<bool*>(flag) = true;
-  return G_SOURCE_REMOVE;
-}
-
 }  // namespace
 
 // A request from its headers on, as long as libsoup has the message.
@@ -105,70 +100,44 @@ http_thread::http_thread(std::unique_ptr<http_listener> listener, whip_rules rul
     : listener_(std::move(listener)),
       rules_(std::move(rules)),
       ask_(std::move(ask)),
-      context_(g_main_context_new()),
       streams_(*listener_) {
-  thread_ = std::thread([this] { run(); });
+  thread_.post([this] { serve(); });
 }
 
 http_thread::~http_thread() {
-  {
-    const std::lock_guard<std::mutex> hold(lock_);
-    ending_ = true;
-  }
-  g_main_context_wakeup(context_.get());
-  thread_.join();
+  thread_.end([this] { finish(); });
 }
 
 void http_thread::answer(uint64_t id, http_answer what) {
-  post([this, id, what = std::move(what)]() mutable { give(id, std::move(what)); });
+  thread_.post([this, id, what = std::move(what)] { give(id, what); });
 }
 
 void http_thread::session_ended(const std::string& session) {
-  post([this, session] { streams_.end(session); });
-}
-
-void http_thread::post(std::function<void()> work) {
-  {
-    const std::lock_guard<std::mutex> hold(lock_);
-    work_.push_back(std::move(work));
-  }
-  g_main_context_wakeup(context_.get());
+  thread_.post([this, session] { streams_.end(session); });
 }
 
 // ---- The thread ----------------------------------------------------------------------------
 
-void http_thread::run() {
-  g_main_context_push_thread_default(context_.get());
-  serve();
-  g_main_context_pop_thread_default(context_.get());
-}
-
 void http_thread::serve() {
   // Paths stay encoded: a name may have a slash in it.
-  const glib_ptr<SoupServer> server(soup_server_new("raw-paths", TRUE, nullptr));
+  server_.reset(soup_server_new("raw-paths", TRUE, nullptr));
   soup_server_add_early_handler(
-      server.get(), nullptr,
+      server_.get(), nullptr,
       [](SoupServer* /*server*/, SoupServerMessage* message, const char* /*path*/,
          GHashTable* /*query*/,
          gpointer self) { static_cast<http_thread*>(self)->on_headers(message); },
       this, nullptr);
   soup_server_add_handler(
-      server.get(), nullptr,
+      server_.get(), nullptr,
       [](SoupServer* /*server*/, SoupServerMessage* message, const char* /*path*/,
          GHashTable* /*query*/,
          gpointer self) { static_cast<http_thread*>(self)->on_request(message); },
       this, nullptr);
-  listener_->start(context_.get(),
-                   [&server](GIOStream* stream, GSocketAddress* local, GSocketAddress* remote) {
-                     soup_server_accept_iostream(server.get(), stream, local, remote, nullptr);
+  listener_->start(thread_.context(),
+                   [this](GIOStream* stream, GSocketAddress* local, GSocketAddress* remote) {
+                     soup_server_accept_iostream(server_.get(), stream, local, remote, nullptr);
                    });
-  streams_.start(context_.get());
-  while (!is_ending()) {
-    g_main_context_iteration(context_.get(), TRUE);
-    do_work();
-  }
-  finish();
-  soup_server_disconnect(server.get());
+  streams_.start(thread_.context());
 }
 
 void http_thread::finish() {
@@ -179,42 +148,21 @@ void http_thread::finish() {
     soup_server_message_unpause(message.get());
   }
   streams_.stop();
-  iterate_until([this] { return exchanges_ == 0; }, kLastAnswersMs);
+  thread_.iterate_until([this] { return exchanges_ == 0; }, kLastAnswersMs);
   listener_->cut_all();
-  iterate_until([this] { return listener_->count() == 0; }, kLetGoMs);
+  thread_.iterate_until([this] { return listener_->count() == 0; }, kLetGoMs);
+  soup_server_disconnect(server_.get());
+  server_.reset();
 }
 
-template <class Done>
-void http_thread::iterate_until(Done done, unsigned limit_ms) {
-  bool over = false;
-  const source_ptr limit(g_timeout_source_new(limit_ms));
-  g_source_set_callback(limit.get(), set_flag, &over, nullptr);
-  g_source_attach(limit.get(), context_.get());
-  while (!over && !done()) g_main_context_iteration(context_.get(), TRUE);
-}
-
-bool http_thread::is_ending() {
-  const std::lock_guard<std::mutex> hold(lock_);
-  return ending_;
-}
-
-void http_thread::do_work() {
-  std::vector<std::function<void()>> due;
-  {
-    const std::lock_guard<std::mutex> hold(lock_);
-    due.swap(work_);
-  }
-  for (const auto& work : due) work();
-}
-
-void http_thread::give(uint64_t id, http_answer what) {
+void http_thread::give(uint64_t id, const http_answer& what) {
   const auto found = waiting_.find(id);
   if (found == waiting_.end()) return;
   const message_ptr message = std::move(found->second);
   waiting_.erase(found);
   const bool lasts = !what.lasts_with.empty();
-  if (lasts && !streams_.open(message.get(), what.lasts_with)) what = too_many_watch();
-  reply(message.get(), what);
+  const bool refused = lasts && !streams_.open(message.get(), what.lasts_with);
+  reply(message.get(), refused ? too_many_watch() : what);
   soup_server_message_unpause(message.get());
 }
 

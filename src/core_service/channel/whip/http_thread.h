@@ -13,14 +13,11 @@
 #include <functional>
 #include <map>
 #include <memory>
-#include <mutex>
-#include <thread>
-#include <utility>
-#include <vector>
 
+#include "core_service/channel/glib.h"
+#include "core_service/channel/glib_thread.h"
 #include "core_service/channel/whip/answers.h"
 #include "core_service/channel/whip/event_streams.h"
-#include "core_service/channel/whip/glib.h"
 #include "core_service/channel/whip/http_listener.h"
 #include "core_service/channel/whip/whip_rules.h"
 
@@ -50,15 +47,9 @@ class http_thread {
   struct exchange;
   using message_ptr = glib_ptr<SoupServerMessage>;
 
-  void run();
   void serve();
   void finish();
-  bool is_ending();
-  void post(std::function<void()> work);
-  void do_work();
-  void give(uint64_t id, http_answer what);
-  template <class Done>
-  void iterate_until(Done done, unsigned limit_ms);
+  void give(uint64_t id, const http_answer& what);
   void on_headers(SoupServerMessage* message);
   void on_body_part(SoupServerMessage* message, size_t bytes);
   void on_request(SoupServerMessage* message);
@@ -66,20 +57,16 @@ class http_thread {
   const std::unique_ptr<http_listener> listener_;
   const whip_rules rules_;
   const ask_question ask_;
-  const context_ptr context_;
-
-  std::mutex lock_;                          // of the two below
-  std::vector<std::function<void()>> work_;  // for the thread
-  bool ending_ = false;
 
   // Of the thread.
+  glib_ptr<SoupServer> server_;
   bool refusing_ = false;
   uint64_t last_id_ = 0;
   std::map<uint64_t, message_ptr> waiting_;
   event_streams streams_;
   size_t exchanges_ = 0;  // begun, and not finished
 
-  std::thread thread_;
+  glib_thread thread_;
 };
 
 }  // namespace zelta::core_service

@@ -9,9 +9,9 @@
 #include <openssl/sha.h>
 #include <strings.h>
 
-#include "core_service/channel/whip/glib.h"
+#include "core_service/channel/glib.h"
 #include "core_service/channel/whip/page.h"
-#include "core_service/channel/whip/user_id.h"
+#include "core_service/channel/user_id.h"
 
 namespace zelta::core_service {
 namespace {

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "core_service/channel/whip/user_id.h"
+#include "core_service/channel/user_id.h"
 
 #include <charconv>
 
@@ -20,12 +20,17 @@ bool is_user_name(const std::string& name) {
   return true;
 }
 
-uint32_t uid_of(const std::string& name) {
+std::optional<uint32_t> user_number(const std::string& name) {
   const char* const end = name.data() + name.size();
   uint32_t number = 0;
   const auto [stopped, failed] = std::from_chars(name.data(), end, number);
   // With a zero before it the number would belong to two names.
-  if (failed == std::errc() && stopped == end && name.front() != '0') return number;
+  if (failed != std::errc() || stopped != end || name.front() == '0') return std::nullopt;
+  return number;
+}
+
+uint32_t uid_of(const std::string& name) {
+  if (const auto number = user_number(name)) return *number;
   uint32_t hash = 2166136261U;
   for (const char c : name) {
     hash ^= static_cast<unsigned char>(c);
