@@ -374,6 +374,7 @@ class JanusChannel : public ::testing::Test, private channel_listener {
     told.add((feed ? "in " : "none ") + std::to_string(uid));
     if (feed) feeds_[uid] = std::move(feed);
   }
+  void on_user_name(uint32_t /*uid*/, const std::string& /*name*/) override {}
   void on_user_out(uint32_t uid) override {
     feeds_.erase(uid);
     told.add("out " + std::to_string(uid));
