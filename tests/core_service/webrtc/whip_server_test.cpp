@@ -25,8 +25,8 @@
 #include "base/event_loop.h"
 #include "base/unique_fd.h"
 #include "core_service/channel/glib.h"
-#include "core_service/channel/whip/http_thread.h"
 #include "core_service/channel/user_id.h"
+#include "core_service/channel/whip/http_thread.h"
 #include "core_service/channel/whip/whip_server.h"
 #include "support/temp_dir.h"
 

@@ -13,8 +13,8 @@
 
 #include "base/poster.h"
 #include "core_service/channel/backends.h"
-#include "core_service/channel/whip/publishers.h"
 #include "core_service/channel/user_id.h"
+#include "core_service/channel/whip/publishers.h"
 #include "core_service/channel/whip/whip_server.h"
 #include "core_service/webrtc/answer.h"
 #include "core_service/webrtc/endpoint.h"

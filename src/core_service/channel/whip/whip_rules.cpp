@@ -10,8 +10,8 @@
 #include <strings.h>
 
 #include "core_service/channel/glib.h"
-#include "core_service/channel/whip/page.h"
 #include "core_service/channel/user_id.h"
+#include "core_service/channel/whip/page.h"
 
 namespace zelta::core_service {
 namespace {
