@@ -58,7 +58,8 @@ class Recording:
         self.seen = []  # the names of all events
         self.reader = threading.Thread(target=self.read, daemon=True)
         self.reader.start()
-        self.url = self.wait_for("page")["url"]
+        # After joining; of other servers than the recorder itself there is no page.
+        self.url = self.wait_for("page")["url"] if not server else self.wait_for("joined")["channel"]
 
     def __enter__(self):
         return self

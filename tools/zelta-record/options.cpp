@@ -100,7 +100,8 @@ void add_secret(CLI::App& app, const secret_source& source, std::string& to, std
 
 void add_tool_options(CLI::App& app, options& o, secret_files& files) {
   app.add_option("channel", o.channel_id, "name of the channel");
-  app.add_option("--server", o.server, "channel server: whip:ADDRESS:PORT, dir:PATH or test:…");
+  app.add_option("--server", o.server,
+                 "channel server: whip:ADDRESS:PORT, janus:URL, dir:PATH or test:…");
   app.set_version_flag("--version", "zelta-record " ZELTA_REVISION);
   app.add_flag("--demo", o.demo, "record 10 s of two generated users");
   app.add_flag("--json", o.json, "one JSON object a line and event");
