@@ -13,6 +13,8 @@ using media::media_time;
 
 // A unit is of the packet's timestamp that brought it out, or of the one before.
 constexpr size_t kPlaced = 4;
+// What every container can tell apart.
+constexpr media_time kLeastApart = std::chrono::milliseconds(1);
 
 }  // namespace
 
@@ -132,7 +134,8 @@ void stream::on_depayloaded(depayloaded&& one) {
   unit.level = level_;
   if (payload_.kind->kind == media::media_kind::kVideo) {
     if (!decoding_) decoding_.emplace(unit.format->reordered);
-    const auto [presentation, decode] = decoding_->next(at->time);
+    const auto [presentation, decode] =
+        decoding_->next(not_before_the_latest(one.timestamp, at->time));
     unit.time = presentation;
     unit.decode_time = decode;
   } else if (const auto sound = media::read_opus_packet(unit.bytes.data(), unit.bytes.size());
@@ -140,6 +143,16 @@ void stream::on_depayloaded(depayloaded&& one) {
     unit.duration = sound->duration();
   }
   events_.unit(std::move(unit));
+}
+
+// Reports may lay a stream earlier than arrival did. Its pictures stay in their order, and a moment
+// apart, until they have caught up.
+media_time stream::not_before_the_latest(uint32_t timestamp, media_time time) {
+  const bool is_later = !latest_ || static_cast<int32_t>(timestamp - latest_->timestamp) > 0;
+  if (!is_later) return time;
+  if (latest_) time = std::max(time, latest_->time + kLeastApart);
+  latest_ = placed{timestamp, time};
+  return time;
 }
 
 }  // namespace zelta::core_service::rtp

@@ -76,6 +76,7 @@ class stream {
             media::media_time arrival);
   void on_ordered(const reorder_buffer::ordered& one);
   void on_depayloaded(depayloaded&& one);
+  media::media_time not_before_the_latest(uint32_t timestamp, media::media_time time);
 
   const uint32_t ssrc_;
   const payload payload_;
@@ -96,6 +97,8 @@ class stream {
     media::media_time time;
   };
   std::vector<placed> placed_;
+  // The latest picture, by its timestamp.
+  std::optional<placed> latest_;
   // Of the packet that is being depayloaded: one of sound is a unit.
   std::optional<uint8_t> level_;
   std::unique_ptr<depayloader> depayloader_;
