@@ -216,7 +216,7 @@ void feeds::present(const std::string& key) {
 std::shared_ptr<media::media_feed> feeds::open(const feed& one, const webrtc::answer_terms& agreed,
                                                std::string& error) {
   // Notices come from the packet thread, maybe when nobody is here to hear them.
-  const auto later = [this, life = poster_.life(), &loop = poster_.loop()](auto work) {
+  const auto later = [life = poster_.life(), &loop = poster_.loop()](auto work) {
     loop.post([life, work] {
       if (!life.expired()) work();
     });
