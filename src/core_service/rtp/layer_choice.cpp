@@ -12,9 +12,9 @@ constexpr media::media_time kStep = std::chrono::milliseconds(1);
 }  // namespace
 
 layer_choice::verdict layer_choice::look(int layer, media::encoded_unit& unit) {
-  sizes_[layer] = unit.format->width * unit.format->height;
+  sizes_[layer] = int64_t{unit.format->width} * unit.format->height;
   if (current_ != layer) {
-    const bool stopped = current_ && unit.time - latest_ > kPatience;
+    const bool stopped = current_ && ++others_ > kOthers && unit.time - latest_ > patience_;
     if (current_ && !stopped && !is_better(layer)) return verdict::kLeft;
     if (!unit.key) return verdict::kWantsKey;
     current_ = layer;
@@ -28,6 +28,7 @@ layer_choice::verdict layer_choice::look(int layer, media::encoded_unit& unit) {
   }
   begun_ = true;
   latest_ = unit.time;
+  others_ = 0;
   return verdict::kTaken;
 }
 
@@ -39,7 +40,7 @@ void layer_choice::ended(int layer) {
 bool layer_choice::is_better(int layer) const {
   const auto known = sizes_.find(*current_);
   if (known == sizes_.end()) return true;
-  const int size = sizes_.at(layer);
+  const int64_t size = sizes_.at(layer);
   return smallest_ ? size < known->second : size > known->second;
 }
 

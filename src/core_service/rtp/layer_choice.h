@@ -13,10 +13,14 @@ namespace zelta::core_service::rtp {
 
 class layer_choice {
  public:
-  // A layer that sends nothing for so long has been turned off: its sender's way carries less.
+  // A layer that sends nothing for so long, and while so many units of others come, has been turned
+  // off: its sender's way carries less.
   static constexpr media::media_time kPatience = std::chrono::milliseconds(500);
+  static constexpr int kOthers = 10;
 
-  explicit layer_choice(bool smallest) : smallest_(smallest) {}
+  // `lateness`: how long one layer's units may be held back while others' come.
+  layer_choice(bool smallest, media::media_time lateness)
+      : smallest_(smallest), patience_(lateness + kPatience) {}
 
   enum class verdict {
     kTaken,    // its time may have been moved, so that times don't go back
@@ -30,10 +34,12 @@ class layer_choice {
   bool is_better(int layer) const;
 
   const bool smallest_;
-  std::map<int, int> sizes_;  // pictures' areas, by layer
+  const media::media_time patience_;
+  std::map<int, int64_t> sizes_;  // pictures' areas, by layer
   std::optional<int> current_;
   bool begun_ = false;
   media::media_time latest_{};
+  int others_ = 0;  // units of other layers since then
 };
 
 }  // namespace zelta::core_service::rtp

@@ -72,7 +72,7 @@ class line::control_reader : public rtcp_visitor {
 line::line(std::map<int, payload> payloads, line_commons& commons, send_control send, bool layered)
     : commons_(commons), send_(std::move(send)), payloads_(std::move(payloads)) {
   if (!layered) return;
-  layers_.emplace(commons.how.smallest_layer);
+  layers_.emplace(commons.how.smallest_layer, commons.how.jitter_latency);
   layers_number_ = commons.next_number++;
 }
 
@@ -137,8 +137,11 @@ line::source* line::make_source(uint32_t ssrc, const payload& of) {
 
 void line::on_unit(source& from, media::encoded_unit&& unit) {
   int number = from.number;
+  if (unit.key) from.wants_key = false;
   if (layers_) {
     const layer_choice::verdict found = layers_->look(number, unit);
+    // Nobody looks at what it lacks.
+    if (found == layer_choice::verdict::kLeft) from.wants_key = false;
     if (found == layer_choice::verdict::kWantsKey) ask(from, media::now());
     if (found != layer_choice::verdict::kTaken) return;
     number = layers_number_;
@@ -172,6 +175,7 @@ void line::advance(media_time now) {
 void line::advance_source(source& one, media_time now) {
   one.of->advance(now);
   ask_again(one, now);
+  if (one.wants_key) ask(one, now);
   const media_time patience = one.of->valid() ? kSourcePatience : kStrayPatience;
   if (now < one.ends && now - one.of->heard() <= patience) return;
   // What comes out now is taken before its way ends.
@@ -211,6 +215,9 @@ rtcp_writer line::write_about(source& whose, control_bytes& bytes, media_time no
 
 void line::ask(source& whose, media_time now) {
   if (whose.of->of().kind->kind != media::media_kind::kVideo || !whose.of->valid()) return;
+  // Told once, it is asked for until it comes: a request may be lost, or come too soon after
+  // another.
+  whose.wants_key = true;
   if (now - whose.asked < kKeyFrameInterval) return;
   control_bytes bytes{};
   rtcp_writer to = write_about(whose, bytes, now);

@@ -79,6 +79,7 @@ class line {
     int others = 0;         // packets of another codec, one after the other
     media::media_time ends{media::media_time::max()};
     media::media_time asked{};
+    bool wants_key = false;  // until one comes, whatever becomes of the requests
     std::unique_ptr<stream> of;
   };
   struct early_report {

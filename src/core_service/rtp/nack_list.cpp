@@ -44,6 +44,8 @@ size_t nack_list::take_due(media_time now, uint16_t* into, size_t capacity) {
 }
 
 std::optional<media_time> nack_list::next_deadline() const {
+  // A key frame is waited for.
+  if (overwhelmed_) return media_time::zero();
   media_time next = kNever;
   for (const gap& one : missing_) next = std::min(next, one.due);
   if (next == kNever) return std::nullopt;

@@ -46,7 +46,8 @@ class nack_list {
   // The numbers to ask for now, in ascending order modulo 2^16; they count as asked for. Returns
   // how many; when it is `capacity`, there may be more.
   size_t take_due(media::media_time now, uint16_t* into, size_t capacity);
-  // When take_due() has something to say. None: nothing is missing that would be asked for.
+  // When take_due() or overwhelmed() has something to say. None: nothing is missing that would be
+  // asked for.
   std::optional<media::media_time> next_deadline() const;
   // The source's sequence numbers begin anew. What an answer takes stays known.
   void restarted();

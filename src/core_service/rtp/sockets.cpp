@@ -142,12 +142,15 @@ shared_port bind_all(const std::vector<std::string>& addresses, int port, std::s
     if (!socket.valid()) {
       const int failed = errno;
       error.insert(0, one + ", ");
+      if (failed == EADDRNOTAVAIL && addresses.size() > 1) continue;
       errno = failed;
       return {};
     }
     if (made.port == 0) made.port = port_of(socket.get());
     made.sockets.push_back(std::move(socket));
+    made.addresses.push_back(one);
   }
+  if (made.sockets.empty()) errno = EADDRNOTAVAIL;
   return made;
 }
 

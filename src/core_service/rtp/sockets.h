@@ -31,10 +31,12 @@ struct wanted_sockets {
 // and the kernel says of each datagram when it came. Empty with `error` when a port can't be had.
 socket_pair open_sockets(const wanted_sockets& wanted, std::string& error);
 
-// A socket a address, all of one port: one that is free at all of them, between the two, or any if
-// both are 0. As of open_sockets().
+// A socket for each address, all of one port: one that is free at all of them, between the two, or
+// any if both are 0. As of open_sockets(). Of several, those that the machine doesn't have at the
+// moment are left out.
 struct shared_port {
   std::vector<base::unique_fd> sockets;
+  std::vector<std::string> addresses;  // that they are bound to
   int port = 0;
 };
 shared_port open_shared_port(const std::vector<std::string>& addresses, int min_port, int max_port,

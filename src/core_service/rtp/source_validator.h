@@ -35,6 +35,7 @@ class source_validator {
 
   // The number of a packet that was asked for, however far behind the others it comes.
   int64_t number_of(uint16_t sequence) const;
+  int64_t highest() const { return highest_; }
 
   // Whether a packet that wasn't valid when it came is one of the stream as it is now.
   bool belongs(int64_t sequence) const;

@@ -52,6 +52,8 @@ void stream::take(const packet& one, const uint8_t* bytes, size_t size, media_ti
 void stream::take_again(const packet& one, const uint8_t* bytes, size_t size, media_time arrival) {
   if (!valid_) return;
   const int64_t sequence = validator_.number_of(one.sequence);
+  // Nothing was asked for that hasn't been sent yet.
+  if (sequence > validator_.highest()) return;
   if (missing_) missing_->received(sequence, arrival);
   order_.push(sequence, bytes, size, arrival);
 }

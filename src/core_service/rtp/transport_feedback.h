@@ -4,9 +4,9 @@
 // clock and is told the time.
 //
 //   received 7, 8, 10   ──► write: from 7 on: came, came, didn't, came
-//   received 9, 11      ──► write: from 9 on: came, came, came: 9 wasn't lost, it was late, and
-//   what
-//                           lies behind it is said once more
+//   received 9, 11      ──► write: from 9 on: came, came, came
+//
+// 9 wasn't lost, it was late: what lies behind it is said once more.
 #pragma once
 
 #include <array>

@@ -58,10 +58,22 @@ TEST(LayerChoiceTest, BestThatComesIsRecordedFromAKeyFrameOn) {
       {"one that has stopped gives way, at a key frame",
        false,
        {{2, 640, 0ms, true, "t"},
+        {1, 320, 10ms, true, "l"},
+        {1, 320, 20ms, false, "l"},
+        {1, 320, 30ms, false, "l"},
+        {1, 320, 40ms, false, "l"},
+        {1, 320, 50ms, false, "l"},
+        {1, 320, 60ms, false, "l"},
+        {1, 320, 70ms, false, "l"},
+        {1, 320, 80ms, false, "l"},
+        {1, 320, 90ms, false, "l"},
         {1, 320, 500ms, true, "l"},
         {1, 320, 501ms, false, "k"},
         {1, 320, 534ms, true, "t"},
         {2, 640, 600ms, false, "k"}}},
+      {"one that sends few pictures hasn't stopped",
+       false,
+       {{2, 640, 0ms, true, "t"}, {1, 320, 1000ms, true, "l"}, {2, 640, 1001ms, false, "t"}}},
       {"nothing is recorded before a key frame",
        false,
        {{2, 640, 0ms, false, "k"}, {1, 320, 0ms, true, "t"}}},
@@ -71,7 +83,7 @@ TEST(LayerChoiceTest, BestThatComesIsRecordedFromAKeyFrameOn) {
   };
   for (const row& one : rows) {
     SCOPED_TRACE(one.name);
-    layer_choice choice(one.smallest);
+    layer_choice choice(one.smallest, 0ms);
     std::string got;
     std::string wanted;
     for (const step& next : one.steps) {
@@ -84,7 +96,7 @@ TEST(LayerChoiceTest, BestThatComesIsRecordedFromAKeyFrameOn) {
 }
 
 TEST(LayerChoiceTest, TimesDoNotGoBackWhereTheLayerChanges) {
-  layer_choice choice(false);
+  layer_choice choice(false, 0ms);
   const std::pair<step, media_time> rows[] = {{{1, 320, 100ms, true, ""}, 100ms},
                                               {{1, 320, 140ms, false, ""}, 140ms},
                                               {{2, 640, 98ms, true, ""}, 141ms},
@@ -100,7 +112,7 @@ TEST(LayerChoiceTest, TimesDoNotGoBackWhereTheLayerChanges) {
 }
 
 TEST(LayerChoiceTest, LayerThatHasEndedLeavesItsPlace) {
-  layer_choice choice(false);
+  layer_choice choice(false, 0ms);
   encoded_unit large = unit_of({2, 640, 0ms, true, ""});
   encoded_unit small = unit_of({1, 320, 10ms, true, ""});
   ASSERT_EQ(choice.look(2, large), layer_choice::verdict::kTaken);
