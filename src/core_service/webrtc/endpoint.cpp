@@ -25,7 +25,7 @@ std::unique_ptr<endpoint> endpoint::open(const std::string& address,
     return nullptr;
   }
   std::vector<answer_terms::place> candidates;
-  for (const std::string& one : reached_at.empty() ? own : reached_at) {
+  for (const std::string& one : reached_at.empty() ? port.addresses : reached_at) {
     candidates.push_back({one, port.port});
   }
   return std::unique_ptr<endpoint>(new endpoint(how, std::move(self), std::move(plane),
@@ -90,6 +90,11 @@ std::optional<endpoint::user> endpoint::make_user(uint32_t uid, const offer& fro
       });
   if (!sender) return std::nullopt;
   return user{std::move(feed), sender};
+}
+
+uint64_t endpoint::take_dropped() {
+  const uint64_t all = transport_->dropped();
+  return all - std::exchange(dropped_, all);
 }
 
 bool endpoint::restart_ice(const std::weak_ptr<peer>& whose, const std::string& their_ufrag,

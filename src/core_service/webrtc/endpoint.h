@@ -58,8 +58,9 @@ class endpoint {
                    answer_terms& agreed);
 
   media::media_time take_behind() { return plane_->take_behind(); }
-  // Packets for which there was no room here, of all users together. Senders are asked for them.
-  uint64_t dropped() const { return transport_->dropped(); }
+  // Packets for which there was no room here since the last call, of all users together. Senders
+  // are asked for them.
+  uint64_t take_dropped();
 
  private:
   endpoint(const rtp::settings& how, std::shared_ptr<const certificate> self,
@@ -72,6 +73,7 @@ class endpoint {
   std::shared_ptr<transport> transport_;
   const std::vector<answer_terms::place> candidates_;
   uint64_t sessions_ = 0;
+  uint64_t dropped_ = 0;
 };
 
 }  // namespace zelta::core_service::webrtc

@@ -18,6 +18,8 @@ using media::media_kind;
 using rtp::values_of;
 
 constexpr size_t kMostSources = 64;
+// A browser's lines have some 150. Each is compared with many others.
+constexpr guint kMostAttributes = 600;
 constexpr size_t kMostLayers = 16;
 constexpr uint32_t kLastPayloadType = 127;
 // RFC 3551, section 6: those that need no name.
@@ -310,6 +312,12 @@ std::optional<offered_line> parse_line(const GstSDPMessage* message, const GstSD
   }
   if (line.media.empty() || line.protocol.empty() || line.formats.empty()) {
     error = "m=" + shown(line.media) + " should be m=KIND PORT PROTOCOL FORMAT…";
+    return std::nullopt;
+  }
+  if (gst_sdp_media_attributes_len(media) > kMostAttributes) {
+    error = "m=" + shown(line.media) + " has " +
+            std::to_string(gst_sdp_media_attributes_len(media)) + " attributes: it should have " +
+            std::to_string(kMostAttributes) + " at most";
     return std::nullopt;
   }
   line.bundle_only = !values_of(media, "bundle-only").empty();

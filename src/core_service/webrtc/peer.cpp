@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "core_service/folder/crash_note.h"
+#include "core_service/rtp/network_order.h"
 #include "core_service/rtp/packet.h"
 #include "core_service/rtp/retransmission.h"
 
@@ -22,7 +23,10 @@ constexpr media_time kFeedbackInterval = 100ms;
 // behind it.
 constexpr media_time kSetupPatience = 20s;
 
-constexpr int kBadRequest = 400;
+// Whose address nobody else is given. ICE's checks come more often.
+constexpr media_time kThere = 5s;
+constexpr size_t kMostReporters = 64;
+
 constexpr int kUnauthorized = 401;
 constexpr int kUnknownAttribute = 420;
 constexpr int kRoleConflict = 487;
@@ -59,6 +63,7 @@ peer::peer(terms agreed, const rtp::settings& how, std::shared_ptr<transport> by
     if (one.transport_cc) transport_extension_ = one.transport_cc_extension;
   }
   names_.push_back({terms_.own, terms_.their_ufrag});
+  heard(media::now());
 }
 
 peer::~peer() = default;
@@ -66,7 +71,6 @@ peer::~peer() = default;
 void peer::start() {
   running_ = true;
   begun_ = reported_ = media::now();
-  heard(begun_);
   for (const name& one : names_) transport_->add(one.own.ufrag, *this);
   transport_->thread().wake_at(*this, begun_ + kReportInterval);
 }
@@ -115,16 +119,17 @@ void peer::end(const std::string& why) {
 
 // ---- ICE -----------------------------------------------------------------------------------
 
-bool peer::on_check(const stun_message& check, const rtp::datagram& one) {
+bool peer::is_there() const {
+  return heard_within(kThere);
+}
+
+bool peer::on_check(const stun_message& check, const rtp::datagram& one, bool taken) {
   const path from = path::of(one);
   const auto whose = std::find_if(names_.begin(), names_.end(), [&check](const name& known) {
     return check.username == known.own.ufrag + ":" + known.theirs;
   });
-  // Whoever doesn't know the password gets an answer that is no larger than what was asked.
-  if (!check.has_integrity) {
-    answer_check(check, from, kBadRequest, "Bad Request", "");
-    return false;
-  }
+  // Not answered: the answer would be longer than what was asked, and may go to anybody.
+  if (!check.has_integrity || taken) return false;
   if (whose == names_.end() || !has_integrity_of(one.bytes, check, whose->own.password)) {
     answer_check(check, from, kUnauthorized, "Unauthorized", "");
     return false;
@@ -220,8 +225,14 @@ void peer::on_rtp(const rtp::datagram& one) {
 }
 
 void peer::on_rtcp(const rtp::datagram& one) {
+  constexpr size_t kHeaderBytes = 8;
+  if (one.size < kHeaderBytes) return;
+  const uint32_t reporter = rtp::read_32(one.bytes + 4);
+  const bool is_new = reporters_.count(reporter) == 0;
+  if (is_new && reporters_.size() >= kMostReporters) return;
   const auto left = ciphers_->decrypt_rtcp(one.bytes, one.size);
   if (!left) return;
+  if (is_new) reporters_.insert(reporter);
   heard(one.arrival);
   for (rtp::line& at : lines_) at.take_control(one.bytes, *left, one.arrival);
 }

@@ -14,6 +14,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -68,7 +69,8 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
   // Any thread: whether the user was heard within this time.
   bool heard_within(media::media_time span) const;
 
-  bool on_check(const stun_message& check, const rtp::datagram& one) override;
+  bool on_check(const stun_message& check, const rtp::datagram& one, bool taken) override;
+  bool is_there() const override;
   void on_packet(const rtp::datagram& one) override;
   // Nothing comes here: the transport has the sockets.
   void on_datagram(const rtp::datagram& /*one*/) override {}
@@ -111,6 +113,7 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
   path path_;
   std::unique_ptr<dtls_session> dtls_;
   std::unique_ptr<rtp::srtp_session> ciphers_;
+  std::set<uint32_t> reporters_;   // of RTCP, each of which costs the ciphers a state
   std::atomic<int64_t> heard_{0};  // ns
   media::media_time begun_{};
   media::media_time reported_{};

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/webrtc/sdp_text.h"
 
+#include <algorithm>
 #include <limits>
 #include <sstream>
 
@@ -61,7 +62,11 @@ std::string parameter_of(const std::string& parameters, const std::string& name)
   return "";
 }
 
-std::string shown(const std::string& value) {
+std::string shown(const std::string& from) {
+  // As it may stand in a log or on a terminal.
+  std::string value = from;
+  std::replace_if(
+      value.begin(), value.end(), [](char c) { return (c >= 0 && c < ' ') || c == '\x7f'; }, '?');
   if (value.size() <= kShownBytes) return value;
   size_t end = kShownBytes;
   // Not in the middle of a character of UTF-8.

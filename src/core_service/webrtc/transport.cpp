@@ -112,13 +112,20 @@ void transport::on_datagram(const rtp::datagram& one) {
 
 void transport::on_stun(const rtp::datagram& one, const path& from) {
   const auto check = parse_stun(one.bytes, one.size);
-  if (!check || check->is != stun_class::kRequest) return;
+  // ICE's have a fingerprint, each (RFC 8445, section 7.1).
+  if (!check || check->is != stun_class::kRequest || check->method != kBindingMethod ||
+      !check->has_fingerprint) {
+    return;
+  }
   const auto known = by_name_.find(check->username.substr(0, check->username.find(':')));
   if (known == by_name_.end()) return;
   transport_user* const whose = known->second;
-  if (!whose->on_check(*check, one)) return;
-  const auto [at, is_new] = by_address_.try_emplace(from.key(), whose);
-  at->second = whose;
+  const auto holder = by_address_.find(from.key());
+  const bool is_new = holder == by_address_.end();
+  // Whoever forges a check may have the password of another user, not of this one.
+  const bool taken = !is_new && holder->second != whose && holder->second->is_there();
+  if (!whose->on_check(*check, one, taken)) return;
+  by_address_[from.key()] = whose;
   if (!is_new) return;
   // Who moves on and on doesn't fill our memory.
   const auto many = std::count_if(by_address_.begin(), by_address_.end(),

@@ -40,9 +40,11 @@ struct path {
 class transport_user {
  public:
   virtual ~transport_user() = default;
-  // A STUN message whose username begins with a name of this user's. True: it is the user's, so
-  // that what comes from its address is, too.
-  virtual bool on_check(const stun_message& check, const rtp::datagram& one) = 0;
+  // A STUN check whose username begins with a name of this user's. True: it is the user's, so that
+  // what comes from its address is, too. `taken`: the address is another user's who is there.
+  virtual bool on_check(const stun_message& check, const rtp::datagram& one, bool taken) = 0;
+  // Whether something of the user's came of late.
+  virtual bool is_there() const = 0;
   // Anything but STUN, from an address of the user's.
   virtual void on_packet(const rtp::datagram& one) = 0;
 };
