@@ -50,6 +50,9 @@ class channel {
   virtual bool offer_again(uint32_t uid) = 0;
   // How long what came has waited before it was taken in hand: the longest since the last call.
   virtual media::media_time take_behind() { return {}; }
+  // Packets for which there was no room here since the last call, of users who share a port. Where
+  // they have their own, their feeds tell.
+  virtual uint64_t take_dropped() { return 0; }
 };
 
 // What the machine's settings say of users who come by WHIP; empty where they say nothing.

@@ -168,7 +168,7 @@ void session::tell_plan() const {
   for (const std::string& name : options_.unknown) unknown += " " + name;
   if (!unknown.empty()) log_.warn("options that nobody knows:" + unknown);
   for (const std::string& text : media::missing_plugins()) log_.warn(text);
-  // The backends that there are send one stream a user, without a proxy.
+  // No backend that there is takes a proxy.
   log_.notice("stream type " + std::to_string(options_.stream_type) + ", language " +
               std::to_string(options_.lang) + ", proxy \"" + options_.proxy_server +
               "\", service mode " + std::to_string(options_.service_mode) + ", media server \"" +
@@ -410,6 +410,14 @@ load::reading session::read_load() {
   now.disk_behind = disk_.take_behind();
   const uint64_t lost = manifest_.all_lost_packets();
   now.lost = std::exchange(lost_packets_, lost) < lost;
+  // Whose they were nobody knows.
+  const uint64_t dropped = channel_ ? channel_->take_dropped() : 0;
+  if (dropped > 0) {
+    now.lost = true;
+    log_.warn(std::to_string(dropped) +
+              " packets found no room here, and are asked for again where senders have them: the "
+              "machine is too busy, or gives sockets too little memory (net.core.rmem_max)");
+  }
   now.free_bytes = load::free_bytes();
   return now;
 }

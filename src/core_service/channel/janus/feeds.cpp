@@ -5,6 +5,7 @@
 #include <set>
 #include <utility>
 
+#include "core_service/channel/user_id.h"
 #include "core_service/webrtc/answer.h"
 #include "core_service/webrtc/peer.h"
 
@@ -59,6 +60,8 @@ void feeds::enter(Json::Value join, const std::vector<publisher>& all, bool agai
 void feeds::pause() {
   joined_ = false;
   for (auto& [key, one] : feeds_) {
+    // What was asked for and hasn't come has to be asked for again.
+    one.stale = one.stale || one.next.of || one.retry.runs();
     one.retry.stop();
     one.next = {};
   }
@@ -207,7 +210,11 @@ void feeds::present(const std::string& key) {
   if (!opened.expired()) {
     one->in = true;
     log_.notice(one->text() + ": is subscribed to");
-    return one->now.of->answer(webrtc::make_answer(*offer, *agreed));
+    one->now.of->answer(webrtc::make_answer(*offer, *agreed));
+    if (is_user_name(one->who.name) && one->who.name != std::to_string(uid)) {
+      listener_.on_user_name(uid, one->who.name);
+    }
+    return;
   }
   one->now = {};
   listener_.on_missing(uid, {"all", "", error});

@@ -68,6 +68,7 @@ class janus_channel : public channel {
   media::media_time take_behind() override {
     return endpoint_ ? endpoint_->take_behind() : media::media_time{};
   }
+  uint64_t take_dropped() override { return endpoint_ ? endpoint_->take_dropped() : 0; }
 
  private:
   struct interruption {

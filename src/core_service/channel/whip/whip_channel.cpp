@@ -31,9 +31,11 @@ using media::media_time;
 // Browsers say every few seconds that they are still there (RFC 7675), and one whose network
 // changes needs some to notice.
 constexpr media_time kPatience = 8s;
-// One who was heard in this time is there, and nobody else takes their place.
-constexpr media_time kAlive = 3s;
+// One who was heard in this time is there, and nobody else takes their place: who sends nothing
+// is heard by the checks of their ICE.
+constexpr media_time kAlive = 5s;
 constexpr int kRetryAfterS = 5;
+constexpr const char* kOver = "the recording ends here";
 constexpr const char* kNoRandom = "the machine gives no random bytes";
 
 struct server_place {
@@ -100,11 +102,8 @@ class whip_channel : public channel, private publishers {
   // Whoever was turned away has been told, and comes again by themselves.
   bool offer_again(uint32_t /*uid*/) override { return false; }
 
-  media_time take_behind() override {
-    if (!endpoint_) return {};
-    tell_dropped();
-    return endpoint_->take_behind();
-  }
+  media_time take_behind() override { return endpoint_ ? endpoint_->take_behind() : media_time{}; }
+  uint64_t take_dropped() override { return endpoint_ ? endpoint_->take_dropped() : 0; }
 
  private:
   struct session {
@@ -130,16 +129,6 @@ class whip_channel : public channel, private publishers {
     listener_.on_channel_joined();
   }
 
-  // Whose they were nobody knows; what stays missing of them, their streams tell.
-  void tell_dropped() {
-    const uint64_t dropped = endpoint_->dropped();
-    if (dropped == dropped_) return;
-    log_.warn(std::to_string(dropped - dropped_) +
-              " packets found no room here and are asked for again: the machine is too busy, or "
-              "gives sockets too little memory (net.core.rmem_max)");
-    dropped_ = dropped;
-  }
-
   // ---- What users ask for ------------------------------------------------------------------
 
   std::variant<opened, refusal> publish(const std::string& user, const std::string& text) override {
@@ -148,27 +137,31 @@ class whip_channel : public channel, private publishers {
     std::vector<missing_medium> left_out;
     auto offer = webrtc::parse_offer(text, left_out, error);
     if (!offer) return refusal{400, error};
-    if (!make_way(uid)) {
+    const std::weak_ptr<int> alive = poster_.life();
+    const bool is_free = make_way(uid);
+    if (alive.expired()) return refusal{503, kOver};
+    if (!is_free) {
       return refusal{409, "\"" + user + "\" is in the channel already: take another name"};
     }
     const auto secret = webrtc::make_ice_credentials();
     auto agreed = endpoint_->new_terms();
     if (!secret || !agreed) return refusal{503, kNoRandom, kRetryAfterS};
     const std::string id = session_name(*secret);
-    sessions_[id] = {uid, std::move(*offer), std::move(*agreed), {}};
+    session& made = sessions_[id] = {uid, std::move(*offer), std::move(*agreed), {}};
+    const opened answer{id, webrtc::make_answer(made.offer, made.agreed), made.etag()};
+    std::weak_ptr<media::media_feed> taken;
     listener_.on_user_in(uid, [&]() -> std::shared_ptr<media::media_feed> {
-      auto made = make_user(id, error);
-      if (!made) return nullptr;
-      sessions_[id].sender = made->sender;
-      return made->feed;
+      auto user_made = make_user(id, error);
+      if (!user_made) return nullptr;
+      sessions_[id].sender = user_made->sender;
+      taken = user_made->feed;
+      return std::move(user_made->feed);
     });
-    const auto taken = sessions_.find(id);
-    if (taken == sessions_.end() || taken->second.sender.expired())
-      return turn_away(id, uid, error);
+    if (alive.expired()) return refusal{503, kOver};
+    if (taken.expired()) return turn_away(id, uid, error);
     if (user != std::to_string(uid)) listener_.on_user_name(uid, user);
     for (const missing_medium& one : left_out) tell(uid, one);
-    const session& opened_now = taken->second;
-    return opened{id, webrtc::make_answer(opened_now.offer, opened_now.agreed), opened_now.etag()};
+    return answer;
   }
 
   refusal turn_away(const std::string& id, uint32_t uid, const std::string& error) {
@@ -281,7 +274,6 @@ class whip_channel : public channel, private publishers {
   base::poster poster_;
   channel_listener& listener_;
   std::unique_ptr<webrtc::endpoint> endpoint_;
-  uint64_t dropped_ = 0;
   std::map<std::string, session> sessions_;
   std::unique_ptr<whip_server> server_;
 };
