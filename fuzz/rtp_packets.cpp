@@ -134,6 +134,7 @@ class receiver : public rtcp_visitor {
       require(count == 0 || parse_rtcp(buffer, writer.size(), *this), "a request that isn't valid");
     }
     require(asked <= nack_list::kMostMissing, "asked for twice at a time");
+    static_cast<void>(missing_.overwhelmed());
     require(missing_.next_deadline().value_or(media_time::max()) > now_, "due, and not asked for");
     for (size_t packets = 0; arrivals_.waiting(); ++packets) {
       rtcp_writer writer(buffer, sizeof buffer);

@@ -1,22 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/channel/glib_thread.h"
 
-#include <memory>
 #include <utility>
 
 namespace zelta::core_service {
 namespace {
-
-using task = std::function<void()>;
-
-gboolean run_task(gpointer work) {
-  (*static_cast<task*>(work))();
-  return G_SOURCE_REMOVE;
-}
-
-void delete_task(gpointer work) {
-  delete static_cast<task*>(work);
-}
 
 gboolean set_flag(gpointer flag) {
   *static_cast<bool*>(flag) = true;
@@ -37,17 +25,36 @@ glib_thread::~glib_thread() {
   if (thread_.joinable()) end([] {});
 }
 
-void glib_thread::post(task work) {
+void glib_thread::post(std::function<void()> work) {
+  {
+    const std::lock_guard<std::mutex> hold(lock_);
+    posted_.push_back(std::move(work));
+  }
   GSource* const source = g_idle_source_new();
   // As urgent as what comes from sockets.
   g_source_set_priority(source, G_PRIORITY_DEFAULT);
-  auto kept = std::make_unique<task>(std::move(work));
-  g_source_set_callback(source, run_task, kept.release(), delete_task);
+  g_source_set_callback(
+      source,
+      [](gpointer self) -> gboolean {
+        static_cast<glib_thread*>(self)->run_next();
+        return G_SOURCE_REMOVE;
+      },
+      this, nullptr);
   g_source_attach(source, context_.get());
   g_source_unref(source);
 }
 
-void glib_thread::end(task last) {
+void glib_thread::run_next() {
+  std::function<void()> work;
+  {
+    const std::lock_guard<std::mutex> hold(lock_);
+    work = std::move(posted_.front());
+    posted_.pop_front();
+  }
+  work();
+}
+
+void glib_thread::end(std::function<void()> last) {
   post([this, last = std::move(last)] {
     last();
     over_ = true;

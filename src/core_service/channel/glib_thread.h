@@ -3,7 +3,9 @@
 // one.
 #pragma once
 
+#include <deque>
 #include <functional>
+#include <mutex>
 #include <thread>
 
 #include "core_service/channel/glib.h"
@@ -30,7 +32,12 @@ class glib_thread {
   void iterate_until(const std::function<bool()>& done, unsigned limit_ms);
 
  private:
+  void run_next();
+
   const context_ptr context_;
+  // GLib's own locks aren't seen by those who look for races.
+  std::mutex lock_;
+  std::deque<std::function<void()>> posted_;
   bool over_ = false;  // of the thread
   std::thread thread_;
 };
