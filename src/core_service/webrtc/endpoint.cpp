@@ -7,11 +7,11 @@
 #include "core_service/rtp/sockets.h"
 #include "core_service/webrtc/ice_credentials.h"
 #include "core_service/webrtc/local_addresses.h"
+#include "core_service/webrtc/sdp_text.h"
 
 namespace zelta::core_service::webrtc {
 
-std::unique_ptr<endpoint> endpoint::open(const std::string& address,
-                                         const std::vector<std::string>& reached_at,
+std::unique_ptr<endpoint> endpoint::open(const std::string& address, const std::string& reached_at,
                                          const rtp::settings& how, base::event_loop& loop,
                                          std::string& error) {
   auto self = certificate::make(error);
@@ -25,7 +25,7 @@ std::unique_ptr<endpoint> endpoint::open(const std::string& address,
     return nullptr;
   }
   std::vector<answer_terms::place> candidates;
-  for (const std::string& one : reached_at.empty() ? port.addresses : reached_at) {
+  for (const std::string& one : reached_at.empty() ? port.addresses : parts_of(reached_at, ',')) {
     candidates.push_back({one, port.port});
   }
   return std::unique_ptr<endpoint>(new endpoint(how, std::move(self), std::move(plane),

@@ -27,10 +27,9 @@ namespace zelta::core_service::webrtc {
 class endpoint {
  public:
   // At `address` of the machine, "0.0.0.0" or "::" for all that others reach; users are told
-  // `reached_at`, or where it is empty what it is bound to. The loop is borrowed. Null, with
-  // `error`, when there is no port, thread or key.
-  static std::unique_ptr<endpoint> open(const std::string& address,
-                                        const std::vector<std::string>& reached_at,
+  // `reached_at`, addresses split by commas, or where it is empty what it is bound to. The loop is
+  // borrowed. Null, with `error`, when there is no port, thread or key.
+  static std::unique_ptr<endpoint> open(const std::string& address, const std::string& reached_at,
                                         const rtp::settings& how, base::event_loop& loop,
                                         std::string& error);
   endpoint(const endpoint&) = delete;

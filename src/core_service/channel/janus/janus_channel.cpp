@@ -3,7 +3,6 @@
 #include <chrono>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <utility>
 #include <vector>
 
@@ -26,19 +25,12 @@ using clock = std::chrono::steady_clock;
 // From the loss of the gateway on.
 constexpr auto kTryAgainFor = 60s;
 
-std::vector<std::string> split(const std::string& list) {
-  std::vector<std::string> parts;
-  std::istringstream from(list);
-  for (std::string part; std::getline(from, part, ',');) parts.push_back(part);
-  return parts;
-}
-
 class janus_channel : public channel {
  public:
   janus_channel(janus::gateway_place at, const channel_place& place, base::event_loop& loop,
                 channel_listener& listener)
       : terms_({place.channel_id, place.channel_key}),
-        reached_at_(split(place.whip.address)),
+        reached_at_(place.whip.address),
         rtp_(place.rtp),
         log_(place.log),
         poster_(loop),
@@ -132,7 +124,7 @@ class janus_channel : public channel {
   }
 
   const janus::room_terms terms_;
-  const std::vector<std::string> reached_at_;
+  const std::string reached_at_;
   const rtp::settings rtp_;
   const base::logger log_;
   base::poster poster_;

@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 #include <optional>
-#include <sstream>
 #include <utility>
 #include <variant>
 #include <vector>
@@ -60,13 +59,6 @@ std::optional<server_place> parse_place(const std::string& text) {
   return place;
 }
 
-std::vector<std::string> split(const std::string& list) {
-  std::vector<std::string> parts;
-  std::istringstream from(list);
-  for (std::string part; std::getline(from, part, ',');) parts.push_back(part);
-  return parts;
-}
-
 // As hard to guess as a password, and fit for a URL, in which ICE's characters would be encoded.
 std::string session_name(const webrtc::ice_credentials& secret) {
   std::string name = secret.ufrag + secret.password;
@@ -118,8 +110,7 @@ class whip_channel : public channel, private publishers {
 
   void open() {
     std::string error;
-    endpoint_ =
-        webrtc::endpoint::open(at_.address, split(whip_.address), rtp_, poster_.loop(), error);
+    endpoint_ = webrtc::endpoint::open(at_.address, whip_.address, rtp_, poster_.loop(), error);
     if (endpoint_) {
       server_ = whip_server::start(
           {at_.address, at_.port, channel_id_, whip_.token, whip_.certificate, whip_.key},
