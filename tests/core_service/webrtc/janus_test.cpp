@@ -332,7 +332,8 @@ std::string feed(const std::string& id, const std::string& display, const char* 
 class JanusChannel : public ::testing::Test, private channel_listener {
  protected:
   static void SetUpTestSuite() { gst_init(nullptr, nullptr); }
-  ~JanusChannel() override { end(); }
+  // Before the destructors: the loop's thread calls what they would take apart.
+  void TearDown() override { end(); }
 
   void join(const std::string& server, const std::string& name = "talk",
             const std::string& key = "") {
