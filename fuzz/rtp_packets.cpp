@@ -150,7 +150,7 @@ class receiver : public rtcp_visitor {
     uint8_t buffer[128];
     rtcp_writer writer(buffer, sizeof buffer);
     require(writer.receiver_report(2, &block, 1) && writer.cname(2, "zelta") &&
-                writer.picture_loss(2, 1) && writer.full_intra_request(2, 1, 0),
+                writer.picture_loss(2, 1),
             "a report that doesn't fit");
     const size_t before = heard_;
     require(parse_rtcp(buffer, writer.size(), *this), "what we write isn't valid");

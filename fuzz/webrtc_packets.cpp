@@ -174,7 +174,7 @@ class receiver {
       how(), pool_,
       rtp::sender::events{[this](int number, const rtp::payload& /*of*/,
                                  media::encoded_unit&& one) { unit(number, one); },
-                          [this](int number) { gone(number); }}};
+                          [this](int number) { gone(number); }, nullptr, nullptr}};
   std::deque<rtp::line> lines_;
   std::set<uint32_t> known_;
   std::set<int> tracks_;

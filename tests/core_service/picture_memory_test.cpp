@@ -146,10 +146,11 @@ TEST_F(PictureMemoryTest, EveryDecoderMakesItsPicturesThere) {
                        {[] {}, on_missing, [] {}, [&loop] { loop.stop(); },
                         [](const std::string& why) { ADD_FAILURE() << why; }});
     bin_feed feed(1, std::move(bin), true, loop, {});
-    feed.start({true, false},
-               {[](kinds) {}, nullptr,
-                [&graph](int track, const encoded_unit& unit) { graph.push(track, unit); },
-                [](int) {}, on_missing, [&graph](const std::string&) { graph.finish({}); }});
+    feed.start(
+        {true, false},
+        {[](kinds) {}, nullptr,
+         [&graph](int track, const encoded_unit& unit) { graph.push(track, unit); }, [](int) {},
+         nullptr, on_missing, [&graph](const std::string&) { graph.finish({}); }});
     loop.run(false);
     EXPECT_GT(seen->pictures, 0) << what;
     EXPECT_EQ(seen->elsewhere, 0) << what;

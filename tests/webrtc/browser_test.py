@@ -108,6 +108,11 @@ class Recording:
     def files_of(self, uid):
         return [f for f in self.manifest["files"] if f["uid"] == uid]
 
+    def lines(self):
+        """What users wrote."""
+        with open(f"{self.folder}/messages.jsonl", encoding="utf-8") as text:
+            return [json.loads(line) for line in text]
+
     def path(self, file):
         return f"{self.folder}/{file['name']}"
 
@@ -248,6 +253,7 @@ def lossy():
 def recorder_is_killed():
     with Recording() as recording, chromium.Browser() as browser:
         page = publish(browser, recording, 7)
+        recording.wait_for("user joined", uid=7)
         time.sleep(3)
         os.kill(recording.recorder_pid(), signal.SIGKILL)
         killed = time.time() * 1000
@@ -264,6 +270,43 @@ def recorder_is_killed():
             require(not marks.decode_errors(recording.path(file)), f"{file['name']} is broken")
         require(gap <= AGAIN_MS, f"{gap} ms are missing")
         return {"gap_ms": gap, "from_kill_ms": round(files[1]["first_utc_ms"] - killed)}
+
+
+def write(page, *lines):
+    for line in lines:
+        page.wait_for("!document.getElementById('keep').disabled")
+        page.evaluate(f"document.getElementById('line').value = {json.dumps(line)}")
+        page.evaluate("document.getElementById('note').requestSubmit()")
+
+
+def lines_are_kept():
+    """What users write stands in order beside their media, over the death of a recorder; what can't
+    be kept is told."""
+    with Recording() as recording, chromium.Browser() as browser:
+        page = publish(browser, recording, 7)
+        recording.wait_for("user joined", uid=7)
+        begun = time.time() * 1000
+        write(page, "first \u2713", "second")
+        page.evaluate("call.notes.send(new Uint8Array(3))")
+        time.sleep(1)
+        os.kill(recording.recorder_pid(), signal.SIGKILL)
+        recording.wait_for("user joined", uid=7, seconds=15)
+        page.wait_for(f"{STATE} === 'recording'")
+        write(page, "third")
+        # It takes a while until it is there, and the end doesn't wait for what is on its way.
+        page.wait_for("call.notes.bufferedAmount === 0")
+        time.sleep(0.5)
+        page.close()
+        recording.wait_for("user offline", uid=7)
+        recording.end()
+        lines = recording.lines()
+        require([line["text"] for line in lines] == ["first \u2713", "second", "third"], lines)
+        require(all(line["uid"] == 7 and line["label"] == "notes" for line in lines), lines)
+        require(all(0 < line["utc_ms"] - begun < 20_000 for line in lines), lines)
+        require(recording.manifest["messages"] == {"7": 3}, recording.manifest["messages"])
+        told = [one["reason"] for one in recording.manifest["missing"] if one["medium"] == "messages"]
+        require(told == ['data channel "notes": binary messages aren\'t kept, only text is'], told)
+        return {"later_ms": [round(line["utc_ms"] - begun) for line in lines]}
 
 
 class Cut:
@@ -379,6 +422,7 @@ CASES = {
     "lossy": lossy,
     "recorder_is_killed": recorder_is_killed,
     "network_changes": network_changes,
+    "lines_are_kept": lines_are_kept,
     "page_says_that_it_records": page_says_that_it_records,
     **janus_cases.cases(sys.modules[__name__]),
 }

@@ -37,9 +37,10 @@ socket.onmessage = message => {
   said.error || data && data.error ? bad(new Error(JSON.stringify(said))) : good(said);
 };
 const ask = (request, jsep) => say('message', {body: request, jsep});
-let peer, media;
+let peer, media, chat;
 async function publish(what) {
   peer = new RTCPeerConnection();
+  chat = peer.createDataChannel('chat');
   media = await navigator.mediaDevices.getUserMedia(what);
   for (const track of media.getTracks()) {
     const line = peer.addTransceiver(track, {direction: 'sendonly', streams: [media]});
@@ -51,7 +52,8 @@ async function publish(what) {
   peer.onicecandidate = e => say('trickle', {candidate: e.candidate || {completed: true}});
   peer.onconnectionstatechange = () => document.body.dataset.state = peer.connectionState;
   await peer.setLocalDescription();
-  const answer = await ask({request: 'configure', audio: !!what.audio, video: !!what.video},
+  const answer = await ask({request: 'configure', audio: !!what.audio, video: !!what.video,
+                            data: true},
                            peer.localDescription);
   await peer.setRemoteDescription(answer.jsep);
 }
@@ -239,7 +241,9 @@ def by(transport, kit, **gateway):
             recording.wait_for("user joined", uid=7)
             other = janus.publish(browser, "8")
             recording.wait_for("user joined", uid=8)
-            time.sleep(6)
+            time.sleep(3)
+            other.evaluate("chat.send('hello')")
+            time.sleep(3)
             page.evaluate("unpublish()")
             recording.wait_for("user offline", uid=7, seconds=3)
             page.evaluate("publish({audio: true, video: true})")
@@ -252,6 +256,8 @@ def by(transport, kit, **gateway):
             recording.end()
             kit.require(recording.status == 0, f"exit status {recording.status}")
             kit.require(not recording.manifest["missing"], str(recording.manifest["missing"]))
+            kit.require([(line["uid"], line["text"]) for line in recording.lines()] == [(8, "hello")],
+                        str(recording.lines()))
             first, second = recording.files_of(7)
             for file in [first, second]:
                 kit.require(file["video_codec"] == "vp8", f"the picture is {file['video_codec']}")

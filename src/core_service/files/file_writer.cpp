@@ -81,6 +81,7 @@ int overwrite_all(int fd, const piece& one) {
 
 struct output::state {
   std::string path;
+  placement where = placement::kOver;
   std::function<void(int)> failed;
   std::function<void()> done;
   // Gone with the output, on the loop's thread.
@@ -172,7 +173,8 @@ class file_writer::worker {
   }
 
   void open(output::state& of) {
-    of.fd.reset(::open(of.path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, kReadable));
+    const int how = of.where == placement::kBehind ? O_APPEND : 0;
+    of.fd.reset(::open(of.path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | how, kReadable));
     if (!of.fd.valid()) of.error = errno;
   }
 
@@ -234,9 +236,10 @@ file_writer::~file_writer() {
 }
 
 std::unique_ptr<output> file_writer::open(const std::string& path,
-                                          std::function<void(int error)> failed) {
+                                          std::function<void(int error)> failed, placement where) {
   auto of = std::make_shared<output::state>();
   of->path = path;
+  of->where = where;
   of->failed = std::move(failed);
   of->alive = of->life;
   return std::make_unique<output>(worker_, std::move(of));

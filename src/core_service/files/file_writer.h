@@ -20,6 +20,9 @@ namespace zelta::core_service::files {
 
 class output;
 
+// Where what is appended to a file goes: over what it holds, or behind that.
+enum class placement { kOver, kBehind };
+
 class file_writer {
  public:
   // The loop is borrowed.
@@ -31,7 +34,8 @@ class file_writer {
 
   // `failed` gets the errno of the first thing that could not be done, opening included; nothing is
   // written to the file any more from then on. The file is made where there is none.
-  std::unique_ptr<output> open(const std::string& path, std::function<void(int error)> failed);
+  std::unique_ptr<output> open(const std::string& path, std::function<void(int error)> failed,
+                               placement where = placement::kOver);
   // How long something waited to be written, the longest since the last call.
   media::media_time take_behind();
 

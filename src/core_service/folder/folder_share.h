@@ -30,6 +30,8 @@ class folder_share {
   const std::string& session() const { return session_; }
   std::string manifest_name() const;
   std::string journal_name() const;
+  // Of what users write.
+  std::string messages_name() const;
 
  private:
   std::string lock_path() const;

@@ -136,6 +136,7 @@ void manifest::load() {
     missing_before_of_last_ = root.get("missing_before", 0U).asUInt();
     names_ = by_user_from_json<std::string>(root["names"]);
     pictures_ = by_user_from_json<uint64_t>(root["pictures"]);
+    messages_ = by_user_from_json<uint64_t>(root["messages"]);
     lost_packets_ = by_user_from_json<uint64_t>(root["lost_packets"]);
     const Json::Value& dropped = root["dropped_frames"];
     dropped_before_ = {dropped.get("pictures", 0).asUInt64(), dropped.get("coded", 0).asUInt64(),
@@ -145,6 +146,7 @@ void manifest::load() {
     files_.clear();
     names_.clear();
     pictures_.clear();
+    messages_.clear();
     lost_packets_.clear();
     missing_.clear();
     missing_before_ = 0;
@@ -254,6 +256,7 @@ void manifest::save() {
   root["missing_before"] = Json::UInt64{missing_before_};
   root["names"] = to_json(names_);
   root["pictures"] = to_json(pictures_);
+  root["messages"] = to_json(messages_);
   root["lost_packets"] = to_json(lost_packets_);
   Json::Value dropped(Json::objectValue);
   dropped["pictures"] = Json::UInt64{dropped_.pictures};

@@ -70,6 +70,8 @@ class manifest {
   void set_name(uint32_t uid, const std::string& name);
   // One more captured picture of the user in a file.
   void count_picture(uint32_t uid) { ++pictures_[uid]; }
+  // One more line that the user wrote is kept.
+  void count_message(uint32_t uid) { ++messages_[uid]; }
   // More of the user's packets found no room here.
   void count_lost_packets(uint32_t uid, uint64_t more) {
     lost_packets_[uid] += more;
@@ -106,6 +108,7 @@ class manifest {
   size_t next_number_ = 0;
   std::map<uint32_t, std::string> names_;
   std::map<uint32_t, uint64_t> pictures_;
+  std::map<uint32_t, uint64_t> messages_;
   std::map<uint32_t, uint64_t> lost_packets_;
   uint64_t all_lost_packets_ = 0;
   std::vector<manifest_gap> missing_;

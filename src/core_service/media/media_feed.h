@@ -11,6 +11,7 @@
 #include "core_service/folder/missing_medium.h"
 #include "core_service/media/encoded_unit.h"
 #include "core_service/media/timeline.h"
+#include "core_service/media/user_text.h"
 
 namespace zelta::core_service::media {
 
@@ -33,6 +34,8 @@ class media_feed {
     std::function<void(int track, const encoded_unit& unit)> unit;
     // Nothing more comes of the track.
     std::function<void(int track)> track_ended;
+    // They have written something.
+    std::function<void(const user_text& what)> text;
     // Something can't be recorded; what else there is, is.
     std::function<void(const missing_medium& what)> missing;
     // Nothing more comes, because the media has ended by itself; stop() is to follow.

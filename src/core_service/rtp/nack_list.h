@@ -56,9 +56,7 @@ class nack_list {
   // is needed. True once each time.
   bool overwhelmed();
 
-  // How long an answer takes, where it is known from elsewhere, as from another stream of the same
-  // transport. What is learnt here goes on from there.
-  void set_round_trip(media::media_time round_trip) { round_trip_ = round_trip; }
+  // How long an answer takes; none: nothing has been answered yet.
   std::optional<media::media_time> round_trip() const { return round_trip_; }
 
   size_t missing() const { return missing_.size(); }

@@ -14,6 +14,18 @@ using media::encoded_unit;
 // All who stop at once may have waiting packets of seconds; the engine doesn't wait for ever.
 constexpr media::media_time kRestLimit = std::chrono::seconds(2);
 
+// What a sender tells, from the packet thread.
+sender::events letters_to(unit_mailbox& mail, uint64_t reader) {
+  sender::events told;
+  told.unit = [&mail, reader](int track, const payload&, encoded_unit&& unit) {
+    mail.put(reader, track, std::move(unit));
+  };
+  told.gone = [&mail, reader](int track) { mail.put_end(reader, track); };
+  told.text = [&mail, reader](media::user_text&& what) { mail.put_note(reader, std::move(what)); };
+  told.missing = [&mail, reader](missing_medium&& what) { mail.put_note(reader, std::move(what)); };
+  return told;
+}
+
 }  // namespace
 
 // Opus where it is offered, because who can send it does.
@@ -30,12 +42,7 @@ packet_feed::packet_feed(prospect known, std::shared_ptr<packet_plane> plane,
     : plane_(std::move(plane)),
       reader_(plane_->mail.new_reader()),
       known_(std::move(known)),
-      sender_(make(
-          {[&mail = plane_->mail, reader = reader_](int track, const payload&,
-                                                    encoded_unit&& unit) {
-             mail.put(reader, track, std::move(unit));
-           },
-           [&mail = plane_->mail, reader = reader_](int track) { mail.put_end(reader, track); }})),
+      sender_(make(letters_to(plane_->mail, reader_))),
       asked_(sender_) {}
 
 packet_feed::~packet_feed() {
@@ -46,7 +53,12 @@ packet_feed::~packet_feed() {
 void packet_feed::start(media::kinds /*taken*/, events told) {
   told.kinds_known(known_.may_come);
   if (known_.sound) told.sound_expected(known_.sound);
-  plane_->mail.enter(reader_, {std::move(told.unit), std::move(told.track_ended),
+  const auto noted = [text = std::move(told.text),
+                      missing = std::move(told.missing)](const unit_mailbox::note& what) {
+    if (const auto* const written = std::get_if<media::user_text>(&what)) return text(*written);
+    missing(std::get<missing_medium>(what));
+  };
+  plane_->mail.enter(reader_, {std::move(told.unit), std::move(told.track_ended), noted,
                                [this](uint64_t lost_packets, bool unread) {
                                  lost_packets_ = lost_packets;
                                  left_unread_ = unread;

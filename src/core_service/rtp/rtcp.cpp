@@ -178,17 +178,6 @@ bool rtcp_writer::picture_loss(uint32_t ssrc, uint32_t of) {
   return true;
 }
 
-bool rtcp_writer::full_intra_request(uint32_t ssrc, uint32_t of, uint8_t number) {
-  uint8_t* const to = begin(20, kFullIntraRequest, kPayloadFeedback);
-  if (to == nullptr) return false;
-  write_32(to, ssrc);
-  // The header's source is unused: each entry names its own.
-  write_32(to + 4, 0);
-  write_32(to + 8, of);
-  write_32(to + 12, static_cast<uint32_t>(number) << 24U);
-  return true;
-}
-
 bool rtcp_writer::nack(uint32_t ssrc, uint32_t of, const uint16_t* sequences, size_t count) {
   nack_entry entry{};
   size_t entries = 0;
@@ -205,23 +194,6 @@ bool rtcp_writer::nack(uint32_t ssrc, uint32_t of, const uint16_t* sequences, si
     write_16(to, entry.first);
     write_16(to + 2, entry.others);
   }
-  return true;
-}
-
-bool rtcp_writer::remb(uint32_t ssrc, const uint32_t* of, size_t count, uint64_t bits_per_second) {
-  if (count > kMaxRembSources) return false;
-  uint8_t* const to = begin(kHeaderBytes + kSourcesBytes + kRembBytes + count * kSsrcBytes,
-                            kApplicationLayer, kPayloadFeedback);
-  if (to == nullptr) return false;
-  unsigned exponent = 0;
-  while (bits_per_second >> exponent > kMaxMantissa) ++exponent;
-  const auto mantissa = static_cast<uint32_t>(bits_per_second >> exponent);
-  write_32(to, ssrc);
-  // The header's source is unused: those that it is about come last.
-  write_32(to + 4, 0);
-  write_32(to + 8, kRembName);
-  write_32(to + 12, static_cast<uint32_t>(count) << 24U | exponent << kMantissaBits | mantissa);
-  for (size_t i = 0; i < count; ++i) write_32(to + 16 + i * kSsrcBytes, of[i]);
   return true;
 }
 

@@ -49,17 +49,11 @@ class rtcp_writer {
   bool receiver_report(uint32_t ssrc, const report_block* blocks, size_t count);
   // `name`: at most 255 bytes.
   bool cname(uint32_t ssrc, std::string_view name);
-  // Asks for a picture that needs no other: PLI (RFC 4585, section 6.3.1) ...
+  // Asks for a picture that needs no other (PLI: RFC 4585, section 6.3.1).
   bool picture_loss(uint32_t ssrc, uint32_t of);
-  // ... or FIR (RFC 5104, section 4.3.1). `number`: one more with each new request, the same when
-  // one is repeated.
-  bool full_intra_request(uint32_t ssrc, uint32_t of, uint8_t number);
   // Asks for packets once more (RFC 4585, section 6.2.1). `sequences`: at least one, ascending
   // modulo 2^16.
   bool nack(uint32_t ssrc, uint32_t of, const uint16_t* sequences, size_t count);
-  // The most that all sources `of` are to send together (draft-alvestrand-rmcat-remb-03), at most
-  // 255 of them.
-  bool remb(uint32_t ssrc, const uint32_t* of, size_t count, uint64_t bits_per_second);
   // When packets arrived, as transport_feedback puts it; whole words.
   bool transport_wide(uint32_t ssrc, uint32_t of, const uint8_t* content, size_t size);
 

@@ -6,8 +6,10 @@
 #include <functional>
 #include <string>
 
+#include "core_service/folder/missing_medium.h"
 #include "core_service/media/encoded_unit.h"
 #include "core_service/media/timeline.h"
+#include "core_service/media/user_text.h"
 #include "core_service/rtp/payload.h"
 
 namespace zelta::core_service::rtp {
@@ -19,6 +21,9 @@ class sender {
     std::function<void(int number, const payload& of, media::encoded_unit&& unit)> unit;
     // It has said goodbye, or has been silent for long.
     std::function<void(int number)> gone;
+    // Besides media: what the user has written, and what of it can't be kept.
+    std::function<void(media::user_text&& what)> text;
+    std::function<void(missing_medium&& what)> missing;
   };
 
   virtual ~sender() = default;

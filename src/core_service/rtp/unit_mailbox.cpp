@@ -15,15 +15,38 @@ constexpr size_t kLook = 32;
 }  // namespace
 
 void unit_mailbox::put(uint64_t whom, int track, media::encoded_unit&& unit) {
-  put({kind::kUnit, whom, track, std::move(unit)});
+  letter one;
+  one.whom = whom;
+  one.track = track;
+  one.unit = std::move(unit);
+  put(std::move(one));
 }
 
 void unit_mailbox::put_end(uint64_t whom, int track) {
-  put({kind::kEnd, whom, track, {}});
+  letter one;
+  one.is = kind::kEnd;
+  one.whom = whom;
+  one.track = track;
+  put(std::move(one));
+}
+
+void unit_mailbox::put_note(uint64_t whom, note&& what) {
+  letter one;
+  one.is = kind::kNote;
+  one.whom = whom;
+  const auto* const text = std::get_if<media::user_text>(&what);
+  one.note_bytes = sizeof(note) + (text != nullptr ? text->text.size() : 0);
+  one.what = std::make_unique<const note>(std::move(what));
+  put(std::move(one));
 }
 
 void unit_mailbox::put_stopped(uint64_t whom, uint64_t lost_packets, bool unread) {
-  put({kind::kStopped, whom, 0, {}, lost_packets, unread});
+  letter one;
+  one.is = kind::kStopped;
+  one.whom = whom;
+  one.lost_packets = lost_packets;
+  one.unread = unread;
+  put(std::move(one));
 }
 
 void unit_mailbox::put(letter&& one) {
@@ -86,6 +109,8 @@ void unit_mailbox::deliver(const letter& one, const reader& to) {
       return to.unit(one.track, one.unit);
     case kind::kEnd:
       return to.ended(one.track);
+    case kind::kNote:
+      return to.noted(*one.what);
     case kind::kStopped:
       return to.stopped(one.lost_packets, one.unread);
   }

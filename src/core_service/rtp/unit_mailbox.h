@@ -11,19 +11,26 @@
 #include <memory>
 #include <mutex>
 #include <utility>
+#include <variant>
 #include <vector>
 
 #include "base/poster.h"
+#include "core_service/folder/missing_medium.h"
 #include "core_service/media/encoded_unit.h"
+#include "core_service/media/user_text.h"
 
 namespace zelta::core_service::rtp {
 
 class unit_mailbox {
  public:
+  // What isn't media.
+  using note = std::variant<media::user_text, missing_medium>;
+
   // All on the loop's thread, in the order of putting.
   struct reader {
     std::function<void(int track, const media::encoded_unit& unit)> unit;
     std::function<void(int track)> ended;
+    std::function<void(const note& what)> noted;
     std::function<void(uint64_t lost_packets, bool unread)> stopped;
   };
 
@@ -36,6 +43,7 @@ class unit_mailbox {
   // Any thread; `whom` is what new_reader() gave.
   void put(uint64_t whom, int track, media::encoded_unit&& unit);
   void put_end(uint64_t whom, int track);
+  void put_note(uint64_t whom, note&& what);
   void put_stopped(uint64_t whom, uint64_t lost_packets, bool unread);
   // Any thread: so much waits that nothing more should be put. It isn't refused.
   bool is_full() const { return waiting_bytes_ > kMostBytes; }
@@ -53,7 +61,7 @@ class unit_mailbox {
   // Some seconds of hundreds of users.
   static constexpr size_t kMostBytes = size_t{64} << 20;
 
-  enum class kind { kUnit, kEnd, kStopped };
+  enum class kind { kUnit, kEnd, kNote, kStopped };
   struct letter {
     kind is = kind::kUnit;
     uint64_t whom = 0;
@@ -61,7 +69,9 @@ class unit_mailbox {
     media::encoded_unit unit;
     uint64_t lost_packets = 0;
     bool unread = false;
-    size_t bytes() const { return sizeof(letter) + unit.bytes.size(); }
+    std::unique_ptr<const note> what;
+    size_t note_bytes = 0;
+    size_t bytes() const { return sizeof(letter) + unit.bytes.size() + note_bytes; }
   };
 
   void put(letter&& one);

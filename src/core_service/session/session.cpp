@@ -40,6 +40,7 @@ constexpr media::media_time kLiveJitter = 1s;
 
 // What follows is why, for whoever reads the log.
 constexpr const char* kCannotJoin = "can't join: ";
+constexpr const char* kMessages = "messages";
 constexpr const char* kCrashed =
     "a recorder crashed over it; to the end of the session it isn't tried again";
 
@@ -85,6 +86,8 @@ session::session(options given, const recorder_settings& settings, std::string s
       manifest_(share_.folder(), share_.manifest_name(), options_.channel_id, writer_),
       journal_(share_.folder() + share_.journal_name(), share_.session(), writer_),
       disk_(loop_),
+      messages_(share_.folder() + share_.messages_name(), options_.channel_id, loop_, disk_,
+                [this](int error) { on_messages_failed(error); }),
       link_(options_.read_fd, options_.write_fd, loop,
             base::logger(options_.recording_file_dir, base::ZELTA_LOG_MODULE_IPC)),
       engine_(link_),
@@ -96,9 +99,14 @@ session::session(options given, const recorder_settings& settings, std::string s
                  engine_.user_out(uid);
                  report_receiving();
                },
-               [this] { ending_.check(); }}),
-      ending_(loop, link_, engine_, log_,
-              {[this] { finish(); }, [this] { return roster_.is_complete(); }, [this] { seal(); }}),
+               [this] {
+                 close_messages();
+                 ending_.check();
+               }}),
+      ending_(
+          loop, link_, engine_, log_,
+          {[this] { finish(); }, [this] { return roster_.is_complete() && !messages_.is_open(); },
+           [this] { seal(); }}),
       commands_(plan_, options_.trigger_mode == MANUALLY_MODE, live_, roster_, journal_, ending_,
                 log_, {[this] { apply_volume_interval(); }}),
       admission_(settings_.most_users, plan_, roster_, missing_, log_,
@@ -293,10 +301,16 @@ user::events session::events_of(uint32_t uid) {
     report_receiving();
   };
   told.failed = [this, uid](const std::string& why, bool disk) { on_files_failed(uid, why, disk); };
+  told.text = [this, uid](const media::user_text& what) { keep(uid, what); };
   told.missing = [this, uid](const missing_medium& what) { missing_.tell(uid, what); };
   told.over = [this, uid](const std::string& medium) { missing_.over(uid, medium); };
   told.ended = [this, uid](const files::recording_end& why) { roster_.end(uid, why); };
   return told;
+}
+
+void session::keep(uint32_t uid, const media::user_text& what) {
+  if (messages_.add(uid, what)) return manifest_.count_message(uid);
+  missing_.tell(uid, {kMessages, "", "the disk is too slow for them"});
 }
 
 void session::on_user_name(uint32_t uid, const std::string& name) {
@@ -362,6 +376,18 @@ void session::on_files_failed(uint32_t uid, const std::string& why, bool fatal) 
     engine_.failed();
     ending_.leave(LEAVE_CODE_TIMER_CATCH, kExitDisk);
   });
+}
+
+void session::on_messages_failed(int error) {
+  const std::string why = share_.messages_name() + " can't be written: " + std::strerror(error);
+  if (!is_shortage(error)) return on_files_failed(0, why, true);
+  missing_.tell(0, {kMessages, "", why});
+}
+
+// Once nobody is here any more who could write.
+void session::close_messages() {
+  if (!ending_.has_begun() || !roster_.is_complete()) return;
+  messages_.close([this] { ending_.check(); });
 }
 
 // A folder that was removed takes no file any more, though those that are open don't notice.
@@ -442,6 +468,7 @@ void session::finish() {
   // The mix first: it still has to mix what its users have sent by now.
   roster_.finish_mix(files::end_reason::kRecordingEnded);
   roster_.end_all(files::end_reason::kRecordingEnded);
+  close_messages();
 }
 
 void session::seal() {

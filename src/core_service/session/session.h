@@ -22,6 +22,7 @@
 #include "core_service/engine/engine_link.h"
 #include "core_service/engine/event_port.h"
 #include "core_service/files/file_writer.h"
+#include "core_service/files/message_log.h"
 #include "core_service/folder/folder_share.h"
 #include "core_service/folder/journal.h"
 #include "core_service/folder/manifest.h"
@@ -80,7 +81,10 @@ class session final : private channel_listener {
   void let_in(uint32_t uid, std::shared_ptr<media::media_feed> from);
   bool may_decode_pictures_of(uint32_t uid);
   user::events events_of(uint32_t uid);
+  void keep(uint32_t uid, const media::user_text& what);
   void on_files_failed(uint32_t uid, const std::string& why, bool fatal);
+  void on_messages_failed(int error);
+  void close_messages();
   void report_receiving();
   void report_volumes();
   void apply_volume_interval();
@@ -107,6 +111,7 @@ class session final : private channel_listener {
   manifest manifest_;
   journal journal_;
   files::file_writer disk_;
+  files::message_log messages_;
 
   engine_link link_;
   event_port engine_;

@@ -179,6 +179,9 @@ void user::start() {
     sound_choice_.ended(track);
     decoders_->end_track(track);
   };
+  told.text = [this](const media::user_text& what) {
+    if (serving_) events_.text(what);
+  };
   told.missing = events_.missing;
   told.over = [this](const std::string& why) { events_.ended(end_of_media(why)); };
   feed_->start({plan_.take_video, plan_.take_sound}, std::move(told));

@@ -30,6 +30,8 @@ class user {
     std::function<void()> first_sound;
     // A file of the user could not be written: the disk, or this one alone.
     std::function<void(const std::string& why, bool disk)> failed;
+    // The user has written something to be kept.
+    std::function<void(const media::user_text& what)> text;
     // Something of the user can't be recorded; what else there is, is.
     std::function<void(const missing_medium& what)> missing;
     // What was missing of them is made again.

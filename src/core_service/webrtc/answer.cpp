@@ -3,6 +3,7 @@
 
 #include <algorithm>
 
+#include "core_service/webrtc/sctp_association.h"
 #include "core_service/webrtc/sdp_text.h"
 
 namespace zelta::core_service::webrtc {
@@ -75,16 +76,29 @@ std::string layer_text(const offered_line& line) {
   return text + line_of("a=simulcast:recv " + all);
 }
 
+std::string transport_text(const answer_terms& terms, bool first) {
+  return line_of("a=setup:passive") + line_of("a=ice-ufrag:" + terms.ufrag) +
+         line_of("a=ice-pwd:" + terms.password) +
+         line_of("a=fingerprint:sha-256 " + terms.fingerprint) +
+         (first ? candidate_lines(terms) : "");
+}
+
+// RFC 8841, section 12.2.
+std::string data_text(const offered_line& line, const answer_terms& terms, bool first) {
+  return line_of("m=" + line.media + " 9 " + line.protocol + " " + line.formats.front()) +
+         line_of("c=IN IP4 0.0.0.0") + line_of("a=mid:" + line.mid) + transport_text(terms, first) +
+         line_of("a=sctp-port:" + std::to_string(sctp_association::kOwnPort)) +
+         line_of("a=max-message-size:" + std::to_string(sctp_association::kMostMessageBytes));
+}
+
 std::string accepted_text(const offered_line& line, const answer_terms& terms, bool first) {
+  if (line.sctp_port) return data_text(line, terms, first);
   std::string text = "m=" + line.media + " 9 " + line.protocol;
   for (const int type : answered_types(line)) text += " " + std::to_string(type);
   text = line_of(text) + line_of("c=IN IP4 0.0.0.0") + line_of("a=mid:" + line.mid) +
          line_of("a=recvonly") + line_of("a=rtcp-mux");
   if (line.rtcp_rsize) text += line_of("a=rtcp-rsize");
-  text += line_of("a=setup:passive") + line_of("a=ice-ufrag:" + terms.ufrag) +
-          line_of("a=ice-pwd:" + terms.password) +
-          line_of("a=fingerprint:sha-256 " + terms.fingerprint);
-  if (first) text += candidate_lines(terms);
+  text += transport_text(terms, first);
   for (const std::string& map : line.extmaps) text += line_of("a=extmap:" + map);
   return text + codec_text(line) + layer_text(line);
 }

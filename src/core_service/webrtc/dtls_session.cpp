@@ -167,6 +167,14 @@ void dtls_session::advance(media::media_time now) {
   note_deadline(now);
 }
 
+bool dtls_session::send(const uint8_t* bytes, size_t size) {
+  if (state_ != state::kConnected) return false;
+  ERR_clear_error();
+  const bool sent = SSL_write(ssl_.get(), bytes, static_cast<int>(size)) > 0;
+  ERR_clear_error();
+  return sent;
+}
+
 void dtls_session::close() {
   if (state_ == state::kConnected) {
     ERR_clear_error();

@@ -81,9 +81,16 @@ class dtls_session {
   state is() const { return state_; }
   // In words, of a session that failed or that the peer closed.
   const std::string& why() const { return why_; }
-  // None before kConnected. SRTP_AEAD_AES_128_GCM when the peer offers it, else
-  // SRTP_AES128_CM_HMAC_SHA1_80.
+  // None before kConnected, nor once they are forgotten. SRTP_AEAD_AES_128_GCM when the peer offers
+  // it, else SRTP_AES128_CM_HMAC_SHA1_80.
   const std::optional<srtp_keys>& keys() const { return keys_; }
+
+  // Once they are where they are needed.
+  void forget_keys();
+
+  // One record of ours, kMostDatagramBytes at most with what is added; false before there is a
+  // connection, and when OpenSSL refuses.
+  bool send(const uint8_t* bytes, size_t size);
 
   // Tells the peer when there is a session to be ended. Nothing is sent afterwards.
   void close();
@@ -96,7 +103,6 @@ class dtls_session {
   void connected();
   void read();
   void fail(std::string why);
-  void forget_keys();
   std::string failure();
   void note_deadline(media::media_time now);
 

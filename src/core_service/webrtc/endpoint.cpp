@@ -62,20 +62,21 @@ std::optional<answer_terms> endpoint::new_terms() {
 }
 
 std::optional<endpoint::user> endpoint::make_user(uint32_t uid, const offer& from,
-                                                  const answer_terms& agreed,
-                                                  media::media_time patience, peer::notices noticed,
-                                                  std::string& error) {
+                                                  const answer_terms& agreed, const manner& how,
+                                                  peer::notices noticed, std::string& error) {
   peer::terms terms;
   terms.uid = uid;
   terms.own = {agreed.ufrag, agreed.password};
   terms.their_ufrag = from.ufrag;
   terms.fingerprint = {from.fingerprint_hash, from.fingerprint};
   terms.as = certificate_;
-  terms.patience = patience;
+  terms.patience = how.patience;
+  terms.opens_channel = how.opens_channel;
   rtp::packet_feed::prospect known;
   known.lateness = rtp_.jitter_latency;
   for (const offered_line& line : from.lines) {
-    if (!line.accepted) continue;
+    if (line.accepted && line.sctp_port) terms.sctp_port = line.sctp_port;
+    if (!line.is_media()) continue;
     terms.lines.push_back(line);
     for (auto& [number, of] : terms.lines.back().payloads) of.sent_again = line.nack;
     known.add(line.kind, line.payloads);

@@ -44,12 +44,14 @@ class endpoint {
     std::shared_ptr<media::media_feed> feed;
     std::weak_ptr<peer> sender;  // any thread may hold it, none but the packet thread use it
   };
+  struct manner {
+    media::media_time patience{};  // who is silent for so long is gone
+    bool opens_channel = false;    // as data_channels has it
+  };
   // The user of this offer, to whom `agreed` is answered. Notices come on the packet thread, and
-  // may come when the endpoint is gone. `patience`: who is silent for so long is gone. None, with
-  // `error`, when their certificate can't be known.
+  // may come when the endpoint is gone. None, with `error`, when their certificate can't be known.
   std::optional<user> make_user(uint32_t uid, const offer& from, const answer_terms& agreed,
-                                media::media_time patience, peer::notices noticed,
-                                std::string& error);
+                                const manner& how, peer::notices noticed, std::string& error);
 
   // New credentials for a user whose connection begins anew (RFC 8445, section 9): `agreed` gets
   // them. False when there are none.

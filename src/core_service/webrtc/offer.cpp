@@ -44,11 +44,11 @@ void turn_down_second(const std::vector<offered_line>& others, offered_line& lin
                       std::vector<missing_medium>& left_out) {
   const bool is_second =
       line.accepted && std::any_of(others.begin(), others.end(), [&line](const offered_line& one) {
-        return one.accepted && one.kind == line.kind;
+        return one.accepted && one.media == line.media;
       });
   if (!is_second) return;
   line.accepted = false;
-  left_out.push_back({line.media, "",
+  left_out.push_back({line.sctp_port ? "" : line.media, "",
                       name_of(line) + " is a second one of its kind: a screen beside a camera, or "
                                       "another sound, should be published as another user"});
 }
@@ -74,7 +74,7 @@ bool take_lines(const GstSDPMessage* message, offer& made, std::vector<missing_m
     made.lines.push_back(std::move(*line));
   }
   const bool any = std::any_of(made.lines.begin(), made.lines.end(),
-                               [](const offered_line& line) { return line.accepted; });
+                               [](const offered_line& line) { return line.is_media(); });
   if (!any) error = "it offers no stream that can be received";
   return any;
 }
@@ -177,7 +177,7 @@ bool take_transport(const GstSDPMessage* message, offer& made, std::string& erro
       line.rtcp_mux = line.rtcp_mux || made.lines[shared].rtcp_mux;
       line.rtcp_rsize = line.rtcp_rsize || made.lines[shared].rtcp_rsize;
     }
-    if (!line.accepted || line.rtcp_mux) continue;
+    if (!line.is_media() || line.rtcp_mux) continue;
     error = name_of(line) + " should have a=rtcp-mux: there is one port for RTP and RTCP";
     return false;
   }

@@ -20,7 +20,7 @@ struct offer {
   std::string fingerprint_hash;
   std::string fingerprint;
   std::vector<std::string> bundle;  // mids that share a transport with the first that is accepted
-  std::vector<offered_line> lines;  // at least one is accepted
+  std::vector<offered_line> lines;  // at least one is of media, and accepted
 };
 
 // None, with `error` in words, for what can't be answered: no ICE credentials, no certificate, one

@@ -37,11 +37,7 @@ struct feedback_row {
   const char* name;
   bool for_sound;
 };
-constexpr feedback_row kFeedback[] = {{"nack", false},
-                                      {"nack pli", false},
-                                      {"ccm fir", false},
-                                      {kTransportCc, true},
-                                      {"goog-remb", false}};
+constexpr feedback_row kFeedback[] = {{"nack", true}, {"nack pli", false}, {kTransportCc, true}};
 
 struct extension_row {
   const char* uri;
@@ -55,8 +51,6 @@ constexpr extension_row kExtensions[] = {
      &offered_line::repaired_rid_extension},
     {"http://www.ietf.org/id/draft-holmer-rmcat-transport-wide-cc-extensions-01",
      &offered_line::transport_cc_extension},
-    {"http://www.webrtc.org/experiments/rtp-hdrext/abs-send-time",
-     &offered_line::send_time_extension},
 };
 
 template <class Values, class Value>
@@ -100,16 +94,27 @@ bool is_secure_rtp(const std::string& protocol) {
   return false;
 }
 
+// RFC 8841, section 4. What was there before it said SCTP's port in place of what it carries.
+bool is_data(const offered_line& line) {
+  return (line.protocol == "UDP/DTLS/SCTP" || line.protocol == "TCP/DTLS/SCTP") &&
+         line.formats.front() == "webrtc-datachannel";
+}
+
 // Why nothing of the line is received whatever its codecs are; without a reason: it may be.
 missing_medium refused(const GstSDPMessage* message, const GstSDPMedia* media,
                        const offered_line& line) {
   const std::string name = name_of(line);
   const std::string direction = direction_of(message, media);
-  if (line.media != "audio" && line.media != "video") {
-    return {"", "", name + " is neither audio nor video"};
+  if (line.media != "audio" && line.media != "video" && line.media != "application") {
+    return {"", "", name + " is neither audio nor video, nor data channels"};
   }
   if (gst_sdp_media_get_port(media) == 0 && !line.bundle_only) {
     return {"", "", name + " is turned off"};
+  }
+  if (line.media == "application") {
+    return is_data(line)
+               ? missing_medium{}
+               : missing_medium{"", "", name + " should be UDP/DTLS/SCTP webrtc-datachannel"};
   }
   if (direction == "recvonly" || direction == "inactive") {
     return {"", "", name + " is a=" + direction + ": it should be sendonly or sendrecv"};
@@ -218,7 +223,6 @@ void take_feedback(const GstSDPMedia* media, offered_line& line) {
       agreed.push_back(name);
       line.nack = line.nack || name == "nack";
       line.transport_cc = line.transport_cc || name == kTransportCc;
-      line.remb = line.remb || name == "goog-remb";
     }
   }
 }
@@ -280,6 +284,18 @@ bool take_layers(const GstSDPMedia* media, offered_line& line, std::string& erro
   return false;
 }
 
+// "sctp-port:NUMBER"
+missing_medium take_data(const GstSDPMedia* media, offered_line& line) {
+  const std::vector<const char*> ports = values_of(media, "sctp-port");
+  const auto port = number_of(ports.empty() ? "" : ports.front());
+  constexpr uint32_t kLastPort = 65535;
+  if (!port || *port == 0 || *port > kLastPort) {
+    return {"", "", name_of(line) + " should have a=sctp-port with a number of 1 to 65535"};
+  }
+  line.sctp_port = static_cast<uint16_t>(*port);
+  return {};
+}
+
 // "mid:WORD". One that is turned off needs none.
 bool take_mid(const GstSDPMedia* media, offered_line& line, std::string& error) {
   const std::vector<const char*> mids = values_of(media, "mid");
@@ -327,7 +343,9 @@ std::optional<offered_line> parse_line(const GstSDPMessage* message, const GstSD
   if (!take_mid(media, line, error)) return std::nullopt;
 
   missing_medium lost = refused(message, media, line);
-  if (lost.reason.empty()) {
+  if (lost.reason.empty() && line.media == "application") {
+    lost = take_data(media, line);
+  } else if (lost.reason.empty()) {
     take_codecs(media, line);
     if (line.payloads.empty()) lost = rtp::without_codec(media, name_of(line));
   }
@@ -336,14 +354,10 @@ std::optional<offered_line> parse_line(const GstSDPMessage* message, const GstSD
     return line;
   }
   line.accepted = true;
+  if (line.sctp_port) return line;
   take_extensions(media, line);
   take_feedback(media, line);
   if (!take_sources(media, line, error) || !take_layers(media, line, error)) return std::nullopt;
-  // "-" stands for none.
-  for (const char* const value : values_of(media, "msid")) {
-    const std::vector<std::string> words = words_of(value);
-    if (line.stream.empty() && !words.empty() && words[0] != "-") line.stream = words[0];
-  }
   return line;
 }
 

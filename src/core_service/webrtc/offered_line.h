@@ -27,8 +27,8 @@ struct offered_line {
   std::string media;     // "audio", "video", "application"
   std::string protocol;  // as written, as are
   std::vector<std::string> formats;
-  // Is received: RTP/SAVPF over DTLS, sendrecv or sendonly, and of a codec of ours. Of one that
-  // isn't, nothing from here on counts.
+  // Is received: RTP/SAVPF over DTLS, sendrecv or sendonly, and of a codec of ours, or SCTP over
+  // DTLS. Of one that isn't, nothing from here on counts.
   bool accepted = false;
   media::media_kind kind = media::media_kind::kAudio;
 
@@ -51,20 +51,22 @@ struct offered_line {
   int rid_extension = 0;           // RFC 8852
   int repaired_rid_extension = 0;  // RFC 8852
   int transport_cc_extension = 0;
-  int send_time_extension = 0;
   std::vector<std::string> extmaps;  // as they are answered
 
-  // Which feedback is agreed upon for any payload type: for losses, for pictures alone; by packets'
-  // numbers, of the whole transport; by an estimate.
+  // Which feedback is agreed upon for any payload type: for losses; by packets' numbers, of the
+  // whole transport.
   bool nack = false;
   bool transport_cc = false;
-  bool remb = false;
+
+  // Of one that carries data channels in place of media: the sender's port of SCTP (RFC 8841).
+  std::optional<uint16_t> sctp_port;
 
   bool rtcp_mux = false;
   bool rtcp_rsize = false;  // RFC 5506
   // Has no transport of its own, and so counts without a port (RFC 9143, section 6).
   bool bundle_only = false;
-  std::string stream;  // that it is a track of, by msid (RFC 8830); "": of none
+
+  bool is_media() const { return accepted && !sctp_port; }
 };
 
 // The line in words, for errors.

@@ -38,13 +38,13 @@ std::shared_ptr<peer> peer::make(terms agreed, const rtp::settings& how,
                                  rtp::sender::events told, notices noticed, std::string& error) {
   std::shared_ptr<peer> made(
       new peer(std::move(agreed), how, std::move(by), pool, std::move(told), std::move(noticed)));
-  made->dtls_ = dtls_session::make(made->terms_.as, made->terms_.fingerprint,
-                                   {[to = made.get()](const uint8_t* bytes, size_t size) {
-                                      if (to->path_.size != 0)
-                                        to->transport_->send(to->path_, bytes, size);
-                                    },
-                                    nullptr},
-                                   error);
+  made->dtls_ = dtls_session::make(
+      made->terms_.as, made->terms_.fingerprint,
+      {[to = made.get()](const uint8_t* bytes, size_t size) {
+         if (to->path_.size != 0) to->transport_->send(to->path_, bytes, size);
+       },
+       [to = made.get()](const uint8_t* bytes, size_t size) { to->on_data(bytes, size); }},
+      error);
   return made->dtls_ ? made : nullptr;
 }
 
@@ -81,6 +81,7 @@ bool peer::stop(media_time read_until) {
   running_ = false;
   const blamed_thread whom(terms_.uid, crash_stage::kReceiving);
   for (rtp::line& one : lines_) one.finish();
+  channels_.reset();
   dtls_->close();
   end(kLetGo);
   transport_->thread().wake_at(*this, media_time::zero());
@@ -189,7 +190,26 @@ void peer::look_at_dtls() {
   const auto& keys = dtls_->keys();
   if (keys) ciphers_ = rtp::srtp_session::make(keys->in, keys->out);
   if (!ciphers_) return end("no cipher of theirs is one of ours");
+  dtls_->forget_keys();
+  open_channels();
   if (notices_.connected) notices_.connected();
+}
+
+// Some of it may come before anybody has seen that there is a connection.
+void peer::on_data(const uint8_t* bytes, size_t size) {
+  open_channels();
+  if (channels_) channels_->take(bytes, size);
+}
+
+void peer::open_channels() {
+  if (channels_ || !terms_.sctp_port) return;
+  channels_ = data_channels::make(
+      *terms_.sctp_port, terms_.opens_channel,
+      {[this](const uint8_t* bytes, size_t size) { dtls_->send(bytes, size); },
+       [this](const std::string& label, std::string&& text) {
+         commons_.events.text({media::now(), label, std::move(text)});
+       },
+       [this](missing_medium&& what) { commons_.events.missing(std::move(what)); }});
 }
 
 void peer::on_rtp(const rtp::datagram& one) {
@@ -263,6 +283,7 @@ void peer::on_wake(media_time now) {
     dtls_->advance(now);
     look_at_dtls();
   }
+  if (channels_) channels_->advance(now);
   const bool report_due = now - reported_ >= kReportInterval;
   if (report_due) reported_ = now;
   for (rtp::line& one : lines_) {
@@ -283,6 +304,7 @@ void peer::on_wake(media_time now) {
 void peer::plan_wake(media_time now) {
   media_time next = std::max(reported_, now - kReportInterval) + kReportInterval;
   if (arrived_) next = std::min(next, feedback_sent_ + kFeedbackInterval);
+  if (channels_) next = std::min(next, now + sctp_association::kTick);
   if (!ended_) next = std::min(next, dtls_->next_deadline().value_or(next));
   for (const rtp::line& one : lines_) next = one.next_deadline(next);
   transport_->thread().wake_at(*this, std::max(next, now + 1ms));

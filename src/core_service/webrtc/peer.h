@@ -3,6 +3,7 @@
 // then SRTP for all media lines together.
 //
 //     transport ─▶ STUN ─▶ answered            ─▶ DTLS ─▶ keys
+//                                                  ─▶ data channels ─▶ text
 //               ─▶ SRTP ─▶ whose line ─▶ line ─▶ units
 //
 // Made on any thread; everything else on the packet thread, its destruction too.
@@ -23,6 +24,7 @@
 #include "core_service/rtp/srtp/srtp_session.h"
 #include "core_service/rtp/transport_feedback.h"
 #include "core_service/webrtc/bundle.h"
+#include "core_service/webrtc/data_channels.h"
 #include "core_service/webrtc/dtls_session.h"
 #include "core_service/webrtc/ice_credentials.h"
 #include "core_service/webrtc/offer.h"
@@ -34,8 +36,10 @@ namespace zelta::core_service::webrtc {
 class peer : public rtp::sender, public rtp::packet_receiver, public transport_user {
  public:
   struct terms {
-    uint32_t uid = 0;                 // who is to blame if this is the end of the process
-    std::vector<offered_line> lines;  // those that are received
+    uint32_t uid = 0;                   // who is to blame if this is the end of the process
+    std::vector<offered_line> lines;    // those of media that are received
+    std::optional<uint16_t> sctp_port;  // of data channels; none: there won't be any
+    bool opens_channel = false;         // as data_channels has it
     ice_credentials own;
     std::string their_ufrag;
     dtls_session::fingerprint fingerprint;
@@ -89,6 +93,8 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
                     const std::string& password);
   void on_dtls(const rtp::datagram& one);
   void look_at_dtls();
+  void on_data(const uint8_t* bytes, size_t size);
+  void open_channels();
   void on_rtp(const rtp::datagram& one);
   void on_rtcp(const rtp::datagram& one);
   bool send_control(rtp::control_bytes& bytes, size_t size);
@@ -113,6 +119,7 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
   path path_;
   std::unique_ptr<dtls_session> dtls_;
   std::unique_ptr<rtp::srtp_session> ciphers_;
+  std::unique_ptr<data_channels> channels_;
   std::set<uint32_t> reporters_;   // of RTCP, each of which costs the ciphers a state
   std::atomic<int64_t> heard_{0};  // ns
   media::media_time begun_{};

@@ -94,16 +94,15 @@ TEST(NackListTest, DeadlinesAreThoseOfWhatIsAskedForAndEndWithIt) {
   EXPECT_EQ(list.next_deadline(), 10ms) << "there was no room for the other";
   EXPECT_EQ(due(list, 12ms, 2), "3 | ");
   EXPECT_EQ(list.next_deadline(), 110ms);
-  list.set_round_trip(200ms);
-  list.received(3, 20ms);
+  list.received(3, 212ms);
   std::vector<media_time> asked;
   while (list.next_deadline()) {
     asked.push_back(*list.next_deadline());
     ASSERT_EQ(due(list, asked.back()), "2 | ");
   }
   ASSERT_EQ(asked.size(), 9U) << "ten times together";
-  // Of 200 ms, and an answer of 8 ms: 176 ms, and a quarter.
-  EXPECT_EQ(asked.back(), 110ms + 8 * 220ms);
+  // An answer took 200 ms: that, and a quarter.
+  EXPECT_EQ(asked.back(), 110ms + 8 * 250ms);
   EXPECT_EQ(list.missing(), 1U);
   list.received(2, 50s);
   EXPECT_EQ(list.missing(), 0U);
@@ -120,10 +119,9 @@ TEST(NackListTest, NobodyIsWokenForWhatIsNotWaitedForAnyMore) {
   EXPECT_EQ(list.next_deadline(), 399ms);
   list.received(2, 298ms);
   EXPECT_EQ(list.round_trip(), 0ms) << "it was stamped before it was asked for";
-  list.set_round_trip(80ms);
   list.received(5, 300ms);
-  EXPECT_EQ(due(list, 600ms), "4 | ");
-  EXPECT_FALSE(list.next_deadline()) << "100 ms later it is given up";
+  EXPECT_EQ(due(list, 690ms), "4 | ");
+  EXPECT_FALSE(list.next_deadline()) << "later it is given up";
 }
 
 TEST(NackListTest, TooManyAreGivenUpAtOnceAndToldOnce) {
@@ -199,20 +197,6 @@ TEST(FeedbackTest, RequestsAndRatesAreWrittenToTheByte) {
     EXPECT_FALSE(small.nack(0xcafe, 0x01020304, numbers.data(), numbers.size()));
     EXPECT_FALSE(small.nack(0xcafe, 0x01020304, numbers.data(), 0)) << "there is no such packet";
     EXPECT_EQ(small.size(), 0U);
-  }
-  // The number of sources, six bits by which eighteen are shifted, and the sources.
-  const std::pair<uint64_t, const char*> rates[] = {
-      {0, "01000000"},         {0x3ffff, "0103ffff"},      {0x40000, "01060000"},
-      {1'000'000, "010bd090"}, {~uint64_t{0}, "01bbffff"},
-  };
-  const std::vector<uint32_t> sources(256, 0x01020304);
-  for (const auto& [rate, bytes] : rates) {
-    rtcp_writer writer(buffer, sizeof buffer);
-    EXPECT_TRUE(writer.remb(0xcafe, sources.data(), 1, rate));
-    EXPECT_EQ(to_hex(buffer, writer.size()),
-              without_spaces("8fce0005 0000cafe 00000000 52454d42") + bytes + "01020304");
-    EXPECT_FALSE(writer.remb(0xcafe, sources.data(), sources.size(), rate));
-    EXPECT_EQ(writer.room(), sizeof buffer - 24);
   }
 }
 

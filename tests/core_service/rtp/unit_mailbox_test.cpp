@@ -15,6 +15,7 @@ namespace {
 using namespace std::chrono_literals;
 using core_service::media::encoded_unit;
 using core_service::media::stream_format;
+using core_service::media::user_text;
 using core_service::rtp::unit_mailbox;
 
 encoded_unit unit_at(std::chrono::nanoseconds time) {
@@ -34,6 +35,10 @@ class MailboxTest : public testing::Test {
                        if (on_unit) std::exchange(on_unit, nullptr)();
                      },
                      [this, name](int track) { said += name + std::to_string(track) + "! "; },
+                     [this, name](const unit_mailbox::note& what) {
+                       const auto* const text = std::get_if<user_text>(&what);
+                       said += name + " " + (text != nullptr ? text->text : "misses") + " ";
+                     },
                      [this, name, who](uint64_t lost, bool unread) {
                        said += name + " lost " + std::to_string(lost) + (unread ? "+ " : " ");
                        mail.leave(who);
@@ -54,15 +59,17 @@ TEST_F(MailboxTest, EverybodyGetsTheirsInOrder) {
     mail.put(a, 1, unit_at(5ns));
     mail.put(b, 1, unit_at(6ns));
     mail.put_end(a, 1);
+    mail.put_note(b, user_text{9ns, "chat", "writes"});
+    mail.put_note(a, core_service::missing_medium{});
     mail.put(77, 1, unit_at(7ns));
     mail.put(a, 2, unit_at(8ns));
   }).join();
   EXPECT_EQ(said, "");
   loop.run(true);
-  EXPECT_EQ(said, "a1@5 b1@6 a1! a2@8 ");
+  EXPECT_EQ(said, "a1@5 b1@6 a1! b writes a misses a2@8 ");
   mail.put(b, 3, unit_at(9ns));
   loop.run(true);
-  EXPECT_EQ(said, "a1@5 b1@6 a1! a2@8 b3@9 ") << "woken once more";
+  EXPECT_EQ(said, "a1@5 b1@6 a1! b writes a misses a2@8 b3@9 ") << "woken once more";
 }
 
 TEST_F(MailboxTest, WhoStopsGetsAllThatHasComeAndNothingLater) {
@@ -87,7 +94,7 @@ TEST_F(MailboxTest, BatchOfManyLeavesTheLoopItsOtherWork) {
   int given = 0;
   int given_before_other = 0;
   const uint64_t a = hurried.new_reader();
-  hurried.enter(a, {[&](int, const encoded_unit&) { ++given; }, nullptr, nullptr});
+  hurried.enter(a, {[&](int, const encoded_unit&) { ++given; }, nullptr, nullptr, nullptr});
   for (int i = 0; i < 100; ++i) hurried.put(a, 1, unit_at(1ns));
   loop.post([&] { given_before_other = given; });
   while (given < 100) loop.run(true);

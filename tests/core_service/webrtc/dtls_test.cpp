@@ -10,26 +10,10 @@
 #include <openssl/x509.h>
 #include <srtp2/srtp.h>
 
-#include <sys/time.h>
-
 #include "core_service/rtp/srtp/srtp_session.h"
 #include "core_service/webrtc/dtls_client.h"
 #include "core_service/webrtc/dtls_session.h"
-
-namespace {
-
-// What OpenSSL takes for the wall clock.
-std::chrono::microseconds test_time = std::chrono::hours(1);
-
-}  // namespace
-
-// In place of the C library's, for all of this program: OpenSSL measures retransmissions by it.
-extern "C" __attribute__((visibility("default"))) int gettimeofday(timeval* to,
-                                                                   void* /*zone*/) noexcept {
-  to->tv_sec = std::chrono::duration_cast<std::chrono::seconds>(test_time).count();
-  to->tv_usec = (test_time % std::chrono::seconds(1)).count();
-  return 0;
-}
+#include "support/wall_clock.h"
 
 namespace zelta::test {
 namespace {
@@ -78,7 +62,7 @@ struct call {
   }
 
   void give_server(const byte_list& datagram) {
-    server->take(datagram.data(), datagram.size(), test_time);
+    server->take(datagram.data(), datagram.size(), wall_time);
   }
 
   // Carries all that is on its way, and what comes of it.
@@ -112,12 +96,12 @@ struct call {
     std::optional<media::media_time> next = server->next_deadline();
     if (DTLSv1_get_timeout(client.ssl(), &left) == 1) {
       const media::media_time of_client =
-          test_time + std::chrono::seconds(left.tv_sec) + std::chrono::microseconds(left.tv_usec);
+          wall_time + std::chrono::seconds(left.tv_sec) + std::chrono::microseconds(left.tv_usec);
       next = next ? std::min(*next, of_client) : of_client;
     }
     if (!next) return false;
-    test_time = std::chrono::duration_cast<std::chrono::microseconds>(*next);
-    server->advance(test_time);
+    wall_time = std::chrono::duration_cast<std::chrono::microseconds>(*next);
+    server->advance(wall_time);
     client.retransmit();
     return true;
   }
@@ -283,7 +267,7 @@ TEST(DtlsTest, APeerThatCantBeTrustedOrHeardFails) {
     EXPECT_EQ(both.server->is(), state::kFailed);
     EXPECT_NE(both.server->why().find(row.says), std::string::npos) << both.server->why();
     EXPECT_FALSE(both.server->keys().has_value());
-    both.server->advance(test_time + 1h);
+    both.server->advance(wall_time + 1h);
     EXPECT_TRUE(both.to_client.empty()) << "nothing is sent afterwards";
   }
 }
@@ -320,10 +304,10 @@ TEST(DtlsTest, LostFlightsAreSentAgainAtTheirDeadlines) {
     SCOPED_TRACE(lost);
     call both;
     both.is_lost = [&](size_t number) { return number == lost; };
-    const auto begun = test_time;
+    const auto begun = wall_time;
     both.connect();
     EXPECT_TRUE(both.is_connected()) << both.server->why();
-    EXPECT_LE(test_time - begun, 3s);
+    EXPECT_LE(wall_time - begun, 3s);
     EXPECT_EQ(both.server->keys()->in.key_and_salt.size(), 28U);
   }
   call every_other;
@@ -340,24 +324,24 @@ TEST(DtlsTest, TheServerAsksAgainSoonAndFailsAfterHalfAMinuteOfSilence) {
   for (const byte_list& one : both.client.written()) both.give_server(one);
   const size_t flight = both.to_client.size();
   ASSERT_GT(flight, 0U);
-  const auto begun = test_time;
-  both.server->advance(test_time);
+  const auto begun = wall_time;
+  both.server->advance(wall_time);
   EXPECT_EQ(both.to_client.size(), flight) << "too early";
   int waits = 0;
   for (; both.server->is() == state::kHandshaking && waits < 100; ++waits) {
     ASSERT_TRUE(both.server->next_deadline().has_value());
-    ASSERT_GT(*both.server->next_deadline(), media::media_time(test_time));
-    test_time =
+    ASSERT_GT(*both.server->next_deadline(), media::media_time(wall_time));
+    wall_time =
         std::chrono::duration_cast<std::chrono::microseconds>(*both.server->next_deadline());
     if (waits == 0) {
-      EXPECT_EQ(test_time - begun, 200ms);
+      EXPECT_EQ(wall_time - begun, 200ms);
     }
-    both.server->advance(test_time);
+    both.server->advance(wall_time);
   }
   EXPECT_EQ(both.server->is(), state::kFailed);
   EXPECT_GT(both.to_client.size(), flight * 10);
-  EXPECT_GT(test_time - begun, 20s);
-  EXPECT_LT(test_time - begun, 40s);
+  EXPECT_GT(wall_time - begun, 20s);
+  EXPECT_LT(wall_time - begun, 40s);
   EXPECT_FALSE(both.server->next_deadline().has_value());
 }
 

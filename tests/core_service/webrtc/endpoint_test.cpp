@@ -192,7 +192,7 @@ class Endpoint : public ::testing::Test {
     const auto offer = webrtc::parse_offer(made.client->offer(), left_out, error);
     if (!offer || !left_out.empty()) throw std::runtime_error("the offer isn't read: " + error);
     made.agreed = endpoint_->new_terms().value();
-    auto user = endpoint_->make_user(made.number, *offer, made.agreed, how.patience,
+    auto user = endpoint_->make_user(made.number, *offer, made.agreed, {how.patience},
                                      {[this, to = &made] { loop_.post([to] { ++to->connected; }); },
                                       [this, to = &made](const std::string& why) {
                                         loop_.post([to, why] { to->ended.push_back(why); });

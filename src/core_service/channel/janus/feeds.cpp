@@ -240,8 +240,8 @@ std::shared_ptr<media::media_feed> feeds::open(const feed& one, const webrtc::an
   noticed.ended = [this, later, key = one.who.key, number = one.now.number](const auto& why) {
     later([this, key, number, why] { on_over(key, number, why, why == webrtc::peer::kLetGo); });
   };
-  auto made =
-      endpoint_.make_user(one.who.uid, *one.offer, agreed, kPatience, std::move(noticed), error);
+  auto made = endpoint_.make_user(one.who.uid, *one.offer, agreed, {kPatience, true},
+                                  std::move(noticed), error);
   return made ? std::move(made->feed) : nullptr;
 }
 

@@ -236,7 +236,7 @@ class whip_channel : public channel, private publishers {
     };
     const uint32_t uid = whose.uid;
     return endpoint_->make_user(
-        uid, whose.offer, whose.agreed, kPatience,
+        uid, whose.offer, whose.agreed, {kPatience},
         {[later, uid] {
            later([uid](whip_channel& to) {
              to.log_.notice("user " + std::to_string(uid) + " is connected");
