@@ -5,6 +5,8 @@
 #include <optional>
 #include <utility>
 
+#include "core_service/media/opus_repair.h"
+
 namespace zelta::core_service::media {
 namespace {
 
@@ -89,6 +91,22 @@ std::optional<media_time> opus_line::position() const {
 }
 
 void opus_line::place(const piece& packet) {
+  repair_before(packet);
+  put(packet);
+}
+
+// Directly behind one that went out there is at least a frame's room.
+void opus_line::repair_before(const piece& packet) {
+  const media_time frame = packet.about.steps_a_frame * kOpusStep;
+  if (exact_ || packet.time - last_end_ < frame - kMostJitter / 2) return;
+  const auto made = repair_opus(last_bytes_, packet.bytes);
+  if (!made) return;
+  ++counted_.repaired;
+  put({packet.time - frame, made->bytes, made->about});
+  --counted_.packets;
+}
+
+void opus_line::put(const piece& packet) {
   if (is_left_out(packet)) return;
   fill_before(packet);
   switch_before(packet.about.duration());
@@ -97,6 +115,7 @@ void opus_line::place(const piece& packet) {
   exact_ = false;
   last_end_ = packet.time + packet.about.duration();
   last_ = packet.about;
+  last_bytes_ = packet.bytes;
   ++counted_.packets;
   emit(packet.bytes, packet.about.duration());
 }
@@ -118,8 +137,11 @@ bool opus_line::is_left_out(const piece& packet) {
 
 void opus_line::fill_before(const piece& packet) {
   const media_time ahead = packet.time - position_;
-  if (ahead <= (exact_ ? 0ns : kTolerance)) return;
-  const bool is_gap = packet.time - last_end_ >= kMostJitter;
+  // By the sender's own times. The room of a whole packet is made up for at once.
+  const media_time apart = packet.time - last_end_;
+  const bool is_gap = apart >= kMostJitter;
+  const bool is_lost = is_gap && apart >= last_.duration() - kOpusStep;
+  if (ahead <= (exact_ || is_lost ? 0ns : kTolerance)) return;
   if (exact_ || is_gap) return silence(nearest_steps(ahead), counted_.filled);
   // It was drift that came so far: as little as is enough, because every millisecond is heard.
   ++counted_.inserted;

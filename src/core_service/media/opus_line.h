@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
-// One user's sound as it came: packets of Opus without a gap or an overlap, none of them decoded.
+// One user's sound as it came: packets of Opus without a gap or an overlap, none of them decoded
+// unless one was lost.
 //
 // What comes in stands where its time says; what goes out is contiguous, each unit beginning where
 // the one before ended, as with a sound line. Coded sound can't be cut at a sample, so everything
 // is a whole packet, or silence in steps of 2.5 ms:
 //
-//     a gap       becomes silence. A lost packet is one: to conceal it, it would have to be decoded
+//     a gap       becomes silence, but for what the packet behind it says of its last frame
 //     an overlap  is left out, when it is the larger part of a packet
 //     drift       is taken back once the sender is 20 ms away: by one step of silence, or by a
 //                 packet that is left out
@@ -44,7 +45,8 @@ class opus_line {
     int64_t dropped = 0;   // left out for the sender's clock, which is fast
     int64_t inserted = 0;  // times that silence was put in for one that is slow
     media_time inserted_time{};
-    media_time filled{};  // silence for everything else
+    int64_t repaired = 0;  // that were lost and are made of what the next ones say of them
+    media_time filled{};   // silence for everything else
   };
 
   // `format` is what all units have.
@@ -83,6 +85,8 @@ class opus_line {
 
   void keep(const piece& packet);
   void place(const piece& packet);
+  void repair_before(const piece& packet);
+  void put(const piece& packet);
   bool is_left_out(const piece& packet);
   void fill_before(const piece& packet);
   void silence(int64_t steps, media_time& counted);
@@ -100,6 +104,7 @@ class opus_line {
   // Of the last packet that went out: its end by its own time, and what silence is to be like.
   media_time last_end_{};
   opus_packet last_;
+  shared_bytes last_bytes_;
   counters counted_;
 };
 

@@ -5,8 +5,8 @@
 #include <array>
 #include <cerrno>
 #include <cstring>
-#include <map>
 #include <mutex>
+#include <set>
 #include <utility>
 
 #include <usrsctp.h>
@@ -34,22 +34,20 @@ class library {
     return one;
   }
 
-  uintptr_t add(sctp_association* whose) {
+  void add(sctp_association* one) {
     const std::lock_guard<std::mutex> hold(lock_);
-    const uintptr_t id = ++last_id_;
-    by_id_[id] = whose;
-    usrsctp_register_address(as_address(id));
-    return id;
+    alive_.insert(one);
+    usrsctp_register_address(one);
   }
-  void remove(uintptr_t id) {
-    usrsctp_deregister_address(as_address(id));
+  void remove(sctp_association* one) {
+    usrsctp_deregister_address(one);
     const std::lock_guard<std::mutex> hold(lock_);
-    by_id_.erase(id);
+    alive_.erase(one);
   }
-  sctp_association* find(const void* address) {
+  // What the library has kept of one that is gone is sent to nobody.
+  bool has(sctp_association* one) {
     const std::lock_guard<std::mutex> hold(lock_);
-    const auto found = by_id_.find(reinterpret_cast<uintptr_t>(address));
-    return found != by_id_.end() ? found->second : nullptr;
+    return alive_.count(one) != 0;
   }
   // Whoever asks, for all.
   void advance(media_time now) {
@@ -66,8 +64,6 @@ class library {
     usrsctp_handle_timers(static_cast<uint32_t>(since / std::chrono::milliseconds(1)));
   }
 
-  static void* as_address(uintptr_t id) { return reinterpret_cast<void*>(id); }
-
  private:
   explicit library(output to) : advanced_(media::now()) {
     usrsctp_init_nothreads(0, to, nullptr);
@@ -81,16 +77,15 @@ class library {
   }
 
   std::mutex lock_;
-  std::map<uintptr_t, sctp_association*> by_id_;
-  uintptr_t last_id_ = 0;
+  std::set<sctp_association*> alive_;
   media_time advanced_{};
 };
 
-sockaddr_conn place(uintptr_t id, uint16_t port) {
+sockaddr_conn place(sctp_association* whose, uint16_t port) {
   sockaddr_conn made{};
   made.sconn_family = AF_CONN;
   made.sconn_port = htons(port);
-  made.sconn_addr = library::as_address(id);
+  made.sconn_addr = whose;
   return made;
 }
 
@@ -136,21 +131,20 @@ std::unique_ptr<sctp_association> sctp_association::make(uint16_t their_port, se
 }
 
 sctp_association::sctp_association(send_packet send, events told)
-    : send_(std::move(send)),
-      events_(std::move(told)),
-      id_(library::of_process(on_output).add(this)),
-      buffer_(kReadBytes) {}
+    : send_(std::move(send)), events_(std::move(told)), buffer_(kReadBytes) {
+  library::of_process(on_output).add(this);
+}
 
 sctp_association::~sctp_association() {
   if (socket_ != nullptr) usrsctp_close(socket_);
-  library::of_process(on_output).remove(id_);
+  library::of_process(on_output).remove(this);
 }
 
 bool sctp_association::open(uint16_t their_port) {
   socket_ = usrsctp_socket(AF_CONN, SOCK_STREAM, IPPROTO_SCTP, nullptr, nullptr, 0, nullptr);
   if (socket_ == nullptr || !set_up(socket_)) return false;
-  sockaddr_conn own = place(id_, sctp_association::kOwnPort);
-  sockaddr_conn theirs = place(id_, their_port);
+  sockaddr_conn own = place(this, sctp_association::kOwnPort);
+  sockaddr_conn theirs = place(this, their_port);
   if (usrsctp_bind(socket_, reinterpret_cast<sockaddr*>(&own), sizeof own) != 0) return false;
   if (usrsctp_connect(socket_, reinterpret_cast<sockaddr*>(&theirs), sizeof theirs) != 0 &&
       errno != EINPROGRESS) {
@@ -166,13 +160,14 @@ bool sctp_association::open(uint16_t their_port) {
 
 int sctp_association::on_output(void* address, void* bytes, size_t size, uint8_t /*tos*/,
                                 uint8_t /*no_fragments*/) {
-  sctp_association* const whose = library::of_process(on_output).find(address);
-  if (whose != nullptr) whose->send_(static_cast<const uint8_t*>(bytes), size);
+  auto* const whose = static_cast<sctp_association*>(address);
+  if (library::of_process(on_output).has(whose))
+    whose->send_(static_cast<const uint8_t*>(bytes), size);
   return 0;
 }
 
 void sctp_association::take(const uint8_t* bytes, size_t size) {
-  usrsctp_conninput(library::as_address(id_), bytes, size, 0);
+  usrsctp_conninput(this, bytes, size, 0);
   read();
 }
 

@@ -76,8 +76,6 @@ class sctp_association {
 
   const send_packet send_;
   const events events_;
-  // What the library knows it by: never an address, which another may have later.
-  const uintptr_t id_;
   struct socket* socket_ = nullptr;
   std::set<uint16_t> ending_;  // by us, and the peer hasn't answered
   message partial_;
