@@ -47,7 +47,8 @@ std::vector<shared_bytes> encoded(int channels, int frame, bool with_repair) {
   for (int at = 0; at + frame <= kSeconds * kOpusRate; at += frame) {
     const auto bytes = std::make_shared<std::vector<uint8_t>>(1500);
     const opus_int32 size =
-        opus_encode(by.get(), from.data() + at * channels, frame, bytes->data(), 1500);
+        opus_encode(by.get(), &from[static_cast<size_t>(at) * static_cast<size_t>(channels)], frame,
+                    bytes->data(), 1500);
     packets.emplace_back(bytes, bytes->data(), static_cast<size_t>(size));
   }
   return packets;
@@ -62,7 +63,7 @@ std::vector<opus_int16> decoded(const std::vector<shared_bytes>& packets, int ch
   for (const shared_bytes& one : packets) {
     const int count = opus_decode(by.get(), one.data(), static_cast<opus_int32>(one.size()),
                                   some.data(), 5760, 0);
-    samples.insert(samples.end(), some.begin(), some.begin() + count * channels);
+    samples.insert(samples.end(), some.begin(), some.begin() + std::ptrdiff_t{count} * channels);
   }
   return samples;
 }

@@ -2,6 +2,7 @@
 """A Janus gateway of the test's own, to which browsers publish, and what the recorder makes of its
 room. Cases for browser_test.py."""
 import http.server
+import json
 import shutil
 import socket
 import subprocess
@@ -25,6 +26,7 @@ const say = (janus, more = {}) => new Promise((good, bad) => {
   const transaction = String(++count);
   replies.set(transaction, {good, bad});
   const about = session ? {session_id: session} : {};
+  if (asked.get('secret')) about.apisecret = asked.get('secret');
   if (handle) about.handle_id = handle;
   socket.send(JSON.stringify({janus, transaction, ...about, ...more}));
 });
@@ -77,7 +79,8 @@ socket.onopen = async () => {
 CONFIG = {
     "janus.jcfg": """
 general: {{ configs_folder = "{folder}", debug_level = 4, session_timeout = 60,
-            reclaim_session_timeout = {reclaim}, interface = "{address}" }}
+            reclaim_session_timeout = {reclaim}, interface = "{address}",
+            {secret_line} }}
 media: {{ ipv6 = false }}
 nat: {{ }}
 plugins: {{ }}
@@ -113,18 +116,22 @@ def add_network():
 class Gateway:
     """Janus with one room, and a server for the page that publishes there."""
 
-    def __init__(self, room="talk", pin="", string_ids=True, reclaim=0):
+    def __init__(self, room="talk", pin="", string_ids=True, reclaim=0, secret=""):
         add_network()
         self.folder = tempfile.mkdtemp(prefix="zelta-janus-")
-        self.room, self.pin, self.string_ids = room, pin, string_ids
+        self.room, self.pin, self.string_ids, self.secret = room, pin, string_ids, secret
         self.ws, self.http = free_ports(2)
         values = {"folder": self.folder, "address": ADDRESS, "room": room,
+                  "secret_line": f'api_secret = "{secret}"' if secret else "",
                   "pin_line": f'pin = "{pin}",' if pin else "",
                   "string_ids": str(string_ids).lower(), "ws": self.ws, "http": self.http,
                   "reclaim": reclaim}
         for name, text in CONFIG.items():
             with open(f"{self.folder}/{name}", "w", encoding="utf-8") as out:
                 out.write(text.format(**values))
+        self.settings = f"{self.folder}/settings.json"
+        with open(self.settings, "w", encoding="utf-8") as out:
+            json.dump({"janus": {"api_secret": secret}} if secret else {}, out)
         self.start()
         self.pages = http.server.ThreadingHTTPServer(("127.0.0.1", 0), PageHandler)
         threading.Thread(target=self.pages.serve_forever, daemon=True).start()
@@ -167,7 +174,7 @@ class Gateway:
         numbers = "" if self.string_ids else "&numbers=1"
         page = browser.open(
             f"http://127.0.0.1:{self.pages.server_port}/?gateway=ws://127.0.0.1:{self.ws}/janus"
-            f"&room={self.room}&pin={self.pin}&display={display}{numbers}")
+            f"&room={self.room}&pin={self.pin}&display={display}&secret={self.secret}{numbers}")
         page.wait_for("document.body.dataset.state === 'connected'")
         return page
 
@@ -236,6 +243,7 @@ def by(transport, kit, **gateway):
     """One publisher, who publishes twice, and one who stays; by this transport."""
     with Gateway(**gateway) as janus, chromium.Browser() as browser:
         key = ["--channel-key", janus.pin] if janus.pin else []
+        key += ["--settings", janus.settings]
         with kit.Recording(*key, server=janus.server(transport), channel=janus.room) as recording:
             page = janus.publish(browser, "7")
             recording.wait_for("user joined", uid=7)
@@ -322,7 +330,7 @@ def gateway_is_killed(kit):
 def cases(kit):
     """`kit`: the module that runs them."""
     return {
-        "janus": lambda: by("ws", kit, pin="se~cret"),
+        "janus": lambda: by("ws", kit, pin="se~cret", secret="s3cret"),
         "janus_http": lambda: by("http", kit, room="1234", string_ids=False),
         "janus_connection_is_lost": lambda: connection_is_lost(kit),
         "janus_is_killed": lambda: gateway_is_killed(kit),

@@ -17,6 +17,7 @@ struct channel_place {
   std::string channel_key;
   rtp::settings rtp;
   whip_settings whip;
+  janus_settings janus;
   base::logger log;
 };
 

@@ -43,7 +43,8 @@ std::unique_ptr<channel> make_channel(const channel_request& request, base::even
   for (const backend& one : kBackends) {
     if (scheme != one.scheme) continue;
     const std::string rest = colon == std::string::npos ? "" : request.server.substr(colon + 1);
-    return one.make({rest, request.channel_id, request.channel_key, how, request.whip, request.log},
+    return one.make({rest, request.channel_id, request.channel_key, how, request.whip,
+                     request.janus, request.log},
                     loop, listener, error);
   }
   error =

@@ -65,6 +65,11 @@ struct whip_settings {
   std::string address;
 };
 
+// The same of gateways.
+struct janus_settings {
+  std::string api_secret;
+};
+
 // Which channel, by what right, and how its media is to be received.
 struct channel_request {
   std::string server;  // "test:…", "dir:…", "whip:…", "janus:…"
@@ -82,6 +87,7 @@ struct channel_request {
   // Of a picture that comes at several sizes, take the smallest, not the largest.
   bool smallest_layer = false;
   whip_settings whip;
+  janus_settings janus;
   base::logger log;
 };
 

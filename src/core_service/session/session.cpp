@@ -199,6 +199,7 @@ bool session::prepare_channel(media::media_time patience) {
                            options_.stream_type != 0,
                            {settings_.whip_token, settings_.whip_certificate, settings_.whip_key,
                             settings_.whip_address},
+                           {settings_.janus_api_secret},
                            log_},
                           loop_, *this, error);
   if (!channel_) on_channel_failed(error);

@@ -323,6 +323,7 @@ const std::vector<setting>& known_settings() {
       {{"whip.certificate", &recorder_settings::whip_certificate, 1, kLongestText}},
       {{"whip.key", &recorder_settings::whip_key, 1, kLongestText}},
       {{"whip.address", &recorder_settings::whip_address, 1, kLongestText}},
+      {{"janus.api_secret", &recorder_settings::janus_api_secret, 1, 1024}, setting::kSecret},
   };
   return kKnown;
 }

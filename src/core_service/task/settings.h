@@ -28,6 +28,7 @@ struct recorder_settings {
   std::string whip_key;
   // IP addresses that users reach the machine under, split by commas without spaces.
   std::string whip_address;
+  std::string janus_api_secret;  // empty: gateways don't ask for any
 };
 
 // "ports.from" is `from` in the object `ports`. Of a text, `lowest` and `highest` bound its bytes.

@@ -90,7 +90,7 @@ std::optional<endpoint::user> endpoint::make_user(uint32_t uid, const offer& fro
         return sender;
       });
   if (!sender) return std::nullopt;
-  return user{std::move(feed), sender};
+  return user{std::move(feed), sender, sender->heard()};
 }
 
 uint64_t endpoint::take_dropped() {

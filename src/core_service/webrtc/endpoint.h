@@ -42,7 +42,8 @@ class endpoint {
 
   struct user {
     std::shared_ptr<media::media_feed> feed;
-    std::weak_ptr<peer> sender;  // any thread may hold it, none but the packet thread use it
+    std::weak_ptr<peer> sender;  // for the packet thread alone: whoever locks it may end it
+    std::shared_ptr<const last_heard> heard;
   };
   struct manner {
     media::media_time patience{};  // who is silent for so long is gone

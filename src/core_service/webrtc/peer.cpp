@@ -63,10 +63,12 @@ peer::peer(terms agreed, const rtp::settings& how, std::shared_ptr<transport> by
     if (one.transport_cc) transport_extension_ = one.transport_cc_extension;
   }
   names_.push_back({terms_.own, terms_.their_ufrag});
-  heard(media::now());
+  heard_->note(media::now());
 }
 
-peer::~peer() = default;
+peer::~peer() {
+  heard_->note({});
+}
 
 void peer::start() {
   running_ = true;
@@ -105,14 +107,6 @@ void peer::restart_ice(ice_credentials own, std::string their_ufrag) {
   names_.push_back({std::move(own), std::move(their_ufrag)});
 }
 
-bool peer::heard_within(media_time span) const {
-  return media::now() - media_time(heard_.load()) <= span;
-}
-
-void peer::heard(media_time when) {
-  heard_ = when.count();
-}
-
 void peer::end(const std::string& why) {
   if (std::exchange(ended_, true)) return;
   if (notices_.ended) notices_.ended(why);
@@ -121,7 +115,7 @@ void peer::end(const std::string& why) {
 // ---- ICE -----------------------------------------------------------------------------------
 
 bool peer::is_there() const {
-  return heard_within(kThere);
+  return heard_->within(kThere);
 }
 
 bool peer::on_check(const stun_message& check, const rtp::datagram& one, bool taken) {
@@ -136,7 +130,7 @@ bool peer::on_check(const stun_message& check, const rtp::datagram& one, bool ta
     return false;
   }
   const std::string& password = whose->own.password;
-  heard(one.arrival);
+  heard_->note(one.arrival);
   if (check.unknown_count > 0) {
     answer_check(check, from, kUnknownAttribute, "Unknown Attribute", password);
     return false;
@@ -220,7 +214,7 @@ void peer::on_rtp(const rtp::datagram& one) {
   if (!place || !lines_[place->line].takes(place->payload_type, place->ssrc)) return;
   const auto left = ciphers_->decrypt_rtp(one.bytes, one.size);
   if (!left) return;
-  heard(one.arrival);
+  heard_->note(one.arrival);
   size_t size = *left;
   parsed = rtp::parse_packet(one.bytes, size);
   if (!parsed) return;
@@ -253,7 +247,7 @@ void peer::on_rtcp(const rtp::datagram& one) {
   const auto left = ciphers_->decrypt_rtcp(one.bytes, one.size);
   if (!left) return;
   if (is_new) reporters_.insert(reporter);
-  heard(one.arrival);
+  heard_->note(one.arrival);
   for (rtp::line& at : lines_) at.take_control(one.bytes, *left, one.arrival);
 }
 
@@ -295,7 +289,7 @@ void peer::on_wake(media_time now) {
     end("no connection within " + std::to_string(kSetupPatience / 1s) +
         " s: UDP packets may not reach us");
   }
-  if (ciphers_ && now - media_time(heard_.load()) > terms_.patience) {
+  if (ciphers_ && !heard_->within(terms_.patience)) {
     end("nothing has come for " + std::to_string(terms_.patience / 1s) + " s");
   }
   plan_wake(now);

@@ -9,7 +9,6 @@
 // Made on any thread; everything else on the packet thread, its destruction too.
 #pragma once
 
-#include <atomic>
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -27,6 +26,7 @@
 #include "core_service/webrtc/data_channels.h"
 #include "core_service/webrtc/dtls_session.h"
 #include "core_service/webrtc/ice_credentials.h"
+#include "core_service/webrtc/last_heard.h"
 #include "core_service/webrtc/offer.h"
 #include "core_service/webrtc/stun.h"
 #include "core_service/webrtc/transport.h"
@@ -70,8 +70,8 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
   // A new user name and password, from the next checks on; the old are good until then (RFC 8445,
   // section 2.5).
   void restart_ice(ice_credentials own, std::string their_ufrag);
-  // Any thread: whether the user was heard within this time.
-  bool heard_within(media::media_time span) const;
+  // Any thread; outlives the user, who then isn't heard any more.
+  std::shared_ptr<const last_heard> heard() const { return heard_; }
 
   bool on_check(const stun_message& check, const rtp::datagram& one, bool taken) override;
   bool is_there() const override;
@@ -99,7 +99,6 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
   void on_rtcp(const rtp::datagram& one);
   bool send_control(rtp::control_bytes& bytes, size_t size);
   void send_transport_feedback(media::media_time now);
-  void heard(media::media_time when);
   void end(const std::string& why);
   void plan_wake(media::media_time now);
 
@@ -120,8 +119,8 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
   std::unique_ptr<dtls_session> dtls_;
   std::unique_ptr<rtp::srtp_session> ciphers_;
   std::unique_ptr<data_channels> channels_;
-  std::set<uint32_t> reporters_;   // of RTCP, each of which costs the ciphers a state
-  std::atomic<int64_t> heard_{0};  // ns
+  std::set<uint32_t> reporters_;  // of RTCP, each of which costs the ciphers a state
+  const std::shared_ptr<last_heard> heard_ = std::make_shared<last_heard>();
   media::media_time begun_{};
   media::media_time reported_{};
   media::media_time feedback_sent_{};

@@ -87,6 +87,7 @@ Json::Value parsed(const std::string& text) {
 struct Habits {
   std::string room = "\"talk\"";  // in JSON, and everybody's ids are of that kind
   std::string pin;
+  std::string api_secret;
   std::string publishers = "[]";
   std::string offer = kChromiumOffer;
   bool keeps_sessions = false;  // those of connections that are lost
@@ -264,7 +265,11 @@ class Gateway {
     Json::Value said;
     said["janus"] = "success";
     said["transaction"] = asked["transaction"];
-    if (what == "create" || what == "attach") {
+    if (text_in(asked, "apisecret") != habits_.api_secret) {
+      said["janus"] = "error";
+      said["error"]["code"] = 403;
+      said["error"]["reason"] = "Unauthorized request (wrong or missing secret/token)";
+    } else if (what == "create" || what == "attach") {
       const uint64_t id = ++last_id_;
       if (what == "create") session_ = id;
       said["data"]["id"] = Json::UInt64{id};
@@ -342,6 +347,7 @@ class JanusChannel : public ::testing::Test, private channel_listener {
     request.channel_id = name;
     request.channel_key = key;
     request.patience = 400ms;
+    request.janus.api_secret = api_secret;
     std::string error;
     channel_ = make_channel(request, loop_, *this, error);
     ASSERT_NE(channel_, nullptr) << error;
@@ -364,6 +370,7 @@ class JanusChannel : public ::testing::Test, private channel_listener {
   }
 
   Journal told;
+  std::string api_secret;
   bool has_room_ = true;  // of the loop, once it runs
 
  private:
@@ -629,6 +636,18 @@ TEST_F(JanusChannel, TellsWhoHasANumberThatIsTaken) {
             R"([{"feed":"a"}])");
   EXPECT_EQ(json_line(parsed(gateway.heard.wait_for("subscriber ").substr(11))["body"]["streams"]),
             R"([{"feed":"b"}])");
+}
+
+TEST_F(JanusChannel, ShowsTheSecretOfTheGateway) {
+  Habits habits;
+  habits.api_secret = "s3cret";
+  Gateway gateway(habits);
+  for (const char* const shown : {"another", "s3cret"}) {
+    api_secret = shown;
+    join(gateway.server("http"));
+    told.wait_for(habits.api_secret == shown ? "joined" : "failed the gateway ");
+    end();
+  }
 }
 
 TEST_F(JanusChannel, KeepsTheOfferForOneWhoIsTurnedAway) {

@@ -16,10 +16,10 @@ constexpr uint64_t kNoSuchSession = 458;
 
 }  // namespace
 
-gateway::gateway(gateway_place at, std::string token, limits bounds, base::event_loop& loop,
+gateway::gateway(gateway_place at, credentials shown, limits bounds, base::event_loop& loop,
                  events told)
     : at_(std::move(at)),
-      token_(std::move(token)),
+      shown_(std::move(shown)),
       limits_(bounds),
       events_(std::move(told)),
       poster_(loop) {}
@@ -156,7 +156,8 @@ void gateway::ask(const char* what, uint64_t handle, Json::Value request, on_mes
     request["handle_id"] = Json::UInt64{handle};
     path += "/" + std::to_string(handle);
   }
-  if (!token_.empty()) request["token"] = token_;
+  if (!shown_.token.empty()) request["token"] = shown_.token;
+  if (!shown_.api_secret.empty()) request["apisecret"] = shown_.api_secret;
   pending_[transaction] = {what, clock::now() + limits_.answer, std::move(reply)};
   link_->send(path, json_line(request));
 }

@@ -44,8 +44,13 @@ class gateway {
   };
   using on_message = std::function<void(const gateway_message& message)>;
 
-  // `token` goes with every request; empty: none does. The loop is borrowed.
-  gateway(gateway_place at, std::string token, limits bounds, base::event_loop& loop, events told);
+  // What goes with every request; empty: it doesn't.
+  struct credentials {
+    std::string token;
+    std::string api_secret;
+  };
+  // The loop is borrowed.
+  gateway(gateway_place at, credentials shown, limits bounds, base::event_loop& loop, events told);
   gateway(const gateway&) = delete;
   gateway& operator=(const gateway&) = delete;
   // Takes 0.2 s at most.
@@ -87,7 +92,7 @@ class gateway {
   void send(const std::string& path, const Json::Value& request);
 
   const gateway_place at_;
-  const std::string token_;
+  const credentials shown_;
   const limits limits_;
   const events events_;
   uint64_t session_ = 0;

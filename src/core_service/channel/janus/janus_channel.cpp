@@ -36,7 +36,8 @@ class janus_channel : public channel {
         poster_(loop),
         listener_(listener),
         gateway_(std::make_unique<janus::gateway>(
-            std::move(at), place.channel_key, janus::gateway::limits{}, loop,
+            std::move(at), janus::gateway::credentials{place.channel_key, place.janus.api_secret},
+            janus::gateway::limits{}, loop,
             janus::gateway::events{[this](bool again) { on_ready(again); },
                                    [this](const std::string& why) { on_lost(why); }})) {}
   ~janus_channel() override { leave(); }

@@ -103,6 +103,7 @@ class whip_channel : public channel, private publishers {
     webrtc::offer offer;
     webrtc::answer_terms agreed;
     std::weak_ptr<webrtc::peer> sender;
+    std::shared_ptr<const webrtc::last_heard> heard;
 
     // It is the ICE session's (RFC 9725, section 4.3), which its user name tells from others.
     std::string etag() const { return "\"" + agreed.ufrag + "\""; }
@@ -138,13 +139,14 @@ class whip_channel : public channel, private publishers {
     auto agreed = endpoint_->new_terms();
     if (!secret || !agreed) return refusal{503, kNoRandom, kRetryAfterS};
     const std::string id = session_name(*secret);
-    session& made = sessions_[id] = {uid, std::move(*offer), std::move(*agreed), {}};
+    session& made = sessions_[id] = {uid, std::move(*offer), std::move(*agreed), {}, nullptr};
     const opened answer{id, webrtc::make_answer(made.offer, made.agreed), made.etag()};
     std::weak_ptr<media::media_feed> taken;
     listener_.on_user_in(uid, [&]() -> std::shared_ptr<media::media_feed> {
       auto user_made = make_user(id, error);
       if (!user_made) return nullptr;
       sessions_[id].sender = user_made->sender;
+      sessions_[id].heard = user_made->heard;
       taken = user_made->feed;
       return std::move(user_made->feed);
     });
@@ -210,18 +212,13 @@ class whip_channel : public channel, private publishers {
     if (server_) server_->session_ended(id);
   }
 
-  // The peer isn't held any longer than that: its end is the packet thread's.
-  static bool is_heard(const std::weak_ptr<webrtc::peer>& sender) {
-    const auto there = sender.lock();
-    return there && there->heard_within(kAlive);
-  }
-
   // False: somebody of that number is there.
   bool make_way(uint32_t uid) {
     const auto found = std::find_if(sessions_.begin(), sessions_.end(),
                                     [uid](const auto& known) { return known.second.uid == uid; });
     if (found == sessions_.end()) return true;
-    if (is_heard(found->second.sender)) return false;
+    const auto& heard = found->second.heard;
+    if (heard && heard->within(kAlive)) return false;
     ended(std::string(found->first), "comes again");
     return true;
   }
