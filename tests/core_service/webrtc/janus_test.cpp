@@ -756,7 +756,7 @@ TEST(JanusGateway, IsLostWhenItDoesntAnswer) {
       ASSERT_TRUE(at) << error;
       base::event_loop loop;
       std::string why;
-      janus::gateway asked(*at, "", {200ms, 100ms, 45s}, loop,
+      janus::gateway asked(*at, {}, {200ms, 100ms, 45s}, loop,
                            {[](bool) {},
                             [&](const std::string& said) {
                               why = said;
