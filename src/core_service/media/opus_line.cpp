@@ -15,8 +15,11 @@ using namespace std::chrono_literals;
 constexpr media_time kKeepLimit = 5s;
 // Five seconds of the shortest packets: whatever times a sender gives, no more are kept.
 constexpr size_t kKeepPackets = 2000;
-// As a sound line has it: half of what an ear and an eye together notice.
-constexpr media_time kTolerance = 20ms;
+// Two users' files, which may be off in either direction, stay together within what an ear and an
+// eye notice.
+constexpr media_time kTolerance = 10ms;
+// Beyond, so that what is put right isn't at once wrong the other way.
+constexpr media_time kStill = 1ms;
 // What may lie between the end of one packet and the time of the next, or overlap there, and be no
 // gap and no other order.
 constexpr media_time kMostJitter = 10ms;
@@ -130,8 +133,11 @@ bool opus_line::is_left_out(const piece& packet) {
     ++counted_.late;
     return true;
   }
-  if (exact_ || behind <= kTolerance + half) return false;
+  // Only whole packets can be left out: half of one is as near as it gets.
+  if (exact_ || behind <= std::max(kTolerance, half) + kStill) return false;
   ++counted_.dropped;
+  // It isn't missing.
+  last_end_ = packet.time + duration;
   return true;
 }
 

@@ -8,8 +8,8 @@
 //
 //     a gap       becomes silence, but for what the packet behind it says of its last frame
 //     an overlap  is left out, when it is the larger part of a packet
-//     drift       is taken back once the sender is 20 ms away: by one step of silence, or by a
-//                 packet that is left out
+//     drift       is taken back once the sender is 10 ms away: by one step of silence, or by a
+//                 packet that is left out, which may have to be longer
 //
 // Frames of other sizes, bandwidths and channels just go through.
 //

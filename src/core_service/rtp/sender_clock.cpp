@@ -16,9 +16,23 @@ constexpr media_time kMostLead = 5s;
 // An older report knows nothing any more of how the clocks drift: arrival does.
 constexpr media_time kReportServes = 30s;
 constexpr media_time kMostStep = 1ms;
+// Of two reports, in what they say of the distance between timestamps and wall clock, and what
+// drift adds to it.
+constexpr media_time kAgreement = 20ms;
+constexpr int64_t kDriftDivisor = 1000;
 
 constexpr media_time absolute(media_time span) {
   return span < 0s ? -span : span;
+}
+
+// Of NTP's units of 2^-32 s.
+media_time span_of_ntp(uint64_t from, uint64_t to) {
+  const auto apart = static_cast<int64_t>(to - from);
+  const int64_t seconds = apart / (int64_t{1} << 32);
+  const int64_t rest = apart % (int64_t{1} << 32);
+  // The rest in 31 bits, or its product with a thousand million would pass the sign.
+  return std::chrono::seconds(seconds) +
+         media_time((rest / 2 * 1'000'000'000) / (int64_t{1} << 31));
 }
 
 }  // namespace
@@ -33,16 +47,13 @@ media_time sender_clocks::place(uint64_t ntp, media_time now) {
 }
 
 media_time sender_clocks::since_first(uint64_t ntp) const {
-  const auto apart = static_cast<int64_t>(ntp - first_ntp_);
-  const int64_t seconds = apart / (int64_t{1} << 32);
-  const int64_t rest = apart % (int64_t{1} << 32);
-  // The rest in 31 bits, or its product with a thousand million would pass the sign.
-  return std::chrono::seconds(seconds) +
-         media_time((rest / 2 * 1'000'000'000) / (int64_t{1} << 31));
+  return span_of_ntp(first_ntp_, ntp);
 }
 
-sender_clock::sender_clock(uint32_t clock_rate, sender_clocks& sender)
-    : clock_rate_(std::max<int64_t>(clock_rate, 1)), sender_(sender) {}
+sender_clock::sender_clock(uint32_t clock_rate, sender_clocks& sender, media_time most_unproven)
+    : clock_rate_(std::max<int64_t>(clock_rate, 1)),
+      sender_(sender),
+      most_unproven_(most_unproven) {}
 
 sender_clock::placement sender_clock::place(uint32_t timestamp, media_time arrival) {
   if (!begun_) return begin(timestamp, arrival);
@@ -76,12 +87,30 @@ void sender_clock::report(uint64_t ntp, uint32_t timestamp, media_time arrival) 
   if (ntp == 0) return;
   sender_.report(ntp, arrival);
   const auto ahead = static_cast<int32_t>(timestamp - latest_timestamp_);
-  report_ = report_line{ntp, timestamp, latest_ticks_ + ahead, arrival};
+  const report_line one{ntp, timestamp, latest_ticks_ + ahead, arrival};
+  const bool agrees = report_ && agree(*report_, one);
+  // What was proven is believed until two others agree.
+  const bool dissents = report_ && !agrees && proven_ && !(dissenter_ && agree(*dissenter_, one));
+  if (dissents) {
+    dissenter_ = one;
+    return;
+  }
+  proven_ = agrees || dissenter_.has_value();
+  dissenter_.reset();
+  report_ = one;
+}
+
+bool sender_clock::agree(const report_line& one, const report_line& later) const {
+  const media_time apart = span_of_ntp(one.ntp, later.ntp);
+  const media_time off = span_of(later.ticks - one.ticks) - apart;
+  return absolute(off) <= kAgreement + absolute(apart) / kDriftDivisor;
 }
 
 sender_clock::placement sender_clock::begin(uint32_t timestamp, media_time arrival) {
   // A report from before a jump is of the time before it; one from before the first packet isn't.
   if (begun_) report_.reset();
+  proven_ = false;
+  dissenter_.reset();
   if (report_) report_->ticks = static_cast<int32_t>(report_->timestamp - timestamp);
   begun_ = true;
   refused_ = false;
@@ -103,6 +132,7 @@ media_time sender_clock::aim(media_time now) {
     lead_ = by_reports - by_arrival;
     refused_ = absolute(lead_) > kMostLead;
     if (refused_) lead_ = {};
+    if (!proven_) lead_ = std::clamp(lead_, -most_unproven_, most_unproven_);
   }
   return by_arrival + lead_;
 }

@@ -41,8 +41,14 @@ class sender_clock {
     bool anew;
   };
 
-  // `clock_rate`: of the timestamps, in Hz. `sender` is borrowed.
-  sender_clock(uint32_t clock_rate, sender_clocks& sender);
+  // What sound takes from capture to sending, at most. Browsers' first reports of sound may be
+  // wrong by hundreds of milliseconds: seen with Chromium, whose second one was right.
+  static constexpr media::media_time kMostOfSound = std::chrono::milliseconds(60);
+
+  // `clock_rate`: of the timestamps, in Hz. `sender` is borrowed. `most_unproven`: a report that no
+  // other agrees with moves the stream by no more than that.
+  sender_clock(uint32_t clock_rate, sender_clocks& sender,
+               media::media_time most_unproven = media::media_time::max());
 
   // Every packet, in the order of the sequence numbers. Packets of one timestamp get one time; one
   // that goes back by less than a second, as pictures do that are shown before those that they are
@@ -65,6 +71,7 @@ class sender_clock {
     media::media_time arrival;
   };
 
+  bool agree(const report_line& one, const report_line& later) const;
   placement begin(uint32_t timestamp, media::media_time arrival);
   // What is to be added to media times. Brings the floor on.
   media::media_time aim(media::media_time now);
@@ -73,6 +80,7 @@ class sender_clock {
 
   const int64_t clock_rate_;
   sender_clocks& sender_;
+  const media::media_time most_unproven_;
   bool begun_ = false;
   uint32_t latest_timestamp_ = 0;
   int64_t latest_ticks_ = 0;  // since the beginning
@@ -80,6 +88,8 @@ class sender_clock {
   transit_floor floor_;
   media::media_time offset_{};
   std::optional<report_line> report_;
+  bool proven_ = false;                   // another has agreed with it
+  std::optional<report_line> dissenter_;  // the latest, which doesn't
   bool refused_ = false;
   bool aligned_ = false;      // has been placed by reports since the beginning
   media::media_time lead_{};  // of reports to arrival

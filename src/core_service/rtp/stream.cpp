@@ -24,7 +24,9 @@ stream::stream(uint32_t ssrc, const payload& of, media_time patience, media::byt
       payload_(of),
       events_(std::move(told)),
       stats_(of.clock_rate),
-      clock_(of.clock_rate, clocks),
+      clock_(of.clock_rate, clocks,
+             of.kind->kind == media::media_kind::kAudio ? sender_clock::kMostOfSound
+                                                        : media_time::max()),
       order_(patience, [this](const reorder_buffer::ordered& one) { on_ordered(one); }),
       formats_(*of.kind, of.described),
       depayloader_(make_depayloader(

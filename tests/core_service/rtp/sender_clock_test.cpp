@@ -173,6 +173,35 @@ TEST(SenderClockTest, ReportsThatCantBeRightAreRefusedUntilTheyAre) {
   EXPECT_TRUE(other.clock.by_reports()) << "no wall clock: as if it had said nothing";
 }
 
+TEST(SenderClockTest, WrongReportMovesSoundLittleAndNeverForLong) {
+  // Which reports are wrong, by how much, and how far from where it belongs sound is at most:
+  // before any is proven, and from then on.
+  const std::tuple<std::vector<int>, media_time, double, double> rows[] = {
+      {{}, 0ms, 60, 10},    {{0}, 300ms, 60, 10},     {{0}, -300ms, 110, 10},
+      {{2}, 300ms, 60, 10}, {{4, 6}, -700ms, 60, 10}, {{0, 2}, 300ms, 60, 10},
+  };
+  for (const auto& [wrong, by, unproven, proven] : rows) {
+    Stream sound{48000, 5, 0, 40ms, 0xe000000000000000, std::mt19937(1)};
+    sender_clocks sender;
+    sender_clock clock(48000, sender, sender_clock::kMostOfSound);
+    int number = 0;
+    double worst_unproven = 0;
+    double worst_proven = 0;
+    for (media_time at = 0ms; at < 60s; at += 20ms) {
+      const auto got = clock.place(sound.timestamp(at), sound.arrival(at));
+      const double off = std::abs(ms_of(got.time - kStart - at - kWay));
+      double& worst = at < 20s ? worst_unproven : worst_proven;
+      worst = std::max(worst, off);
+      if (at % 5s != 1s) continue;
+      const bool is_wrong = std::find(wrong.begin(), wrong.end(), number++) != wrong.end();
+      clock.report(sound.ntp(at), sound.timestamp(at + (is_wrong ? by : 0ms)),
+                   kStart + at + sound.way());
+    }
+    EXPECT_LE(worst_unproven, unproven);
+    EXPECT_LE(worst_proven, proven);
+  }
+}
+
 TEST(SenderClockTest, TimestampsThatJumpBeginAnewWhereTheyArrive) {
   // A timestamp, its arrival, where it is placed, and whether anew.
   using step = std::tuple<uint32_t, media_time, media_time, bool>;
