@@ -34,7 +34,7 @@ TEST(RecordedFiles, AreThoseOfTheChannelInEveryManifest) {
       {"name": "1_b.mp4", "channel_id": "room", "first_utc_ms": 9, "video_codec": "h264"},
       {"name": "2_c.mp4", "channel_id": "hall", "first_utc_ms": 1}]})");
   dir.file("recording_2.json", R"({"files": [
-      {"name": "1_a.mp4", "channel_id": "room", "first_utc_ms": 5, "duration_ms": 70,
+      {"name": "1_a.mp4", "channel_id": "room", "first_utc_ms": 5, "last_utc_ms": 75,
        "video_codec": "h264", "audio_codec": "aac", "closed": "user left"}],
       "missing": [{"uid": 7, "channel_id": "room", "medium": "video", "codec": "hevc",
                    "reason": "no decoder", "utc_ms": 3}, {"uid": 8, "channel_id": "hall"}]})");

@@ -2,61 +2,32 @@
 #include "recorded_files.h"
 
 #include <algorithm>
-#include <exception>
-#include <filesystem>
-#include <fstream>
-#include <system_error>
 #include <utility>
 
-#include <json/json.h>
-#include <sys/stat.h>
+#include "recordings/recording_folder.h"
 
 namespace zelta::record {
 namespace {
 
-recorded_file file_of(const Json::Value& entry, const std::string& folder) {
-  const std::string video = entry["video_codec"].asString();
-  const std::string audio = entry["audio_codec"].asString();
-  std::string codecs = video;
-  if (!video.empty() && !audio.empty()) codecs += "+";
-  codecs += audio;
-  recorded_file file{
-      entry["name"].asString(),        entry["uid"].asUInt(),          std::move(codecs),
-      entry["first_utc_ms"].asInt64(), entry["duration_ms"].asInt64(), 0,
-      entry["closed"].asString()};
-  struct stat status {};
-  if (stat((folder + file.name).c_str(), &status) == 0) {
-    file.bytes = static_cast<uint64_t>(status.st_size);
-  }
-  return file;
+recorded_file file_of(const recordings::media_file& one) {
+  std::string codecs = one.video_codec;
+  if (!codecs.empty() && !one.audio_codec.empty()) codecs += "+";
+  codecs += one.audio_codec;
+  return {one.name,          one.uid,   std::move(codecs), one.first_utc_ms,
+          one.duration_ms(), one.bytes, one.closed};
 }
 
-void add_manifest(const std::string& path, const std::string& folder, const std::string& channel_id,
-                  recorded& all) {
-  std::ifstream manifest(path);
-  try {
-    Json::Value root;
-    manifest >> root;
-    const auto is_ours = [&](const Json::Value& entry) {
-      return entry.get("channel_id", root["channel_id"]).asString() == channel_id;
-    };
-    for (const Json::Value& entry : root["files"]) {
-      if (is_ours(entry)) all.files.push_back(file_of(entry, folder));
-    }
-    for (const Json::Value& entry : root["missing"]) {
-      if (!is_ours(entry)) continue;
-      all.missing.push_back({entry["uid"].asUInt(), entry["medium"].asString(),
-                             entry["codec"].asString(), entry["reason"].asString(),
-                             entry["utc_ms"].asInt64()});
-    }
-    if (root["channel_id"].asString() != channel_id) return;
-    for (const std::string& uid : root["pictures"].getMemberNames()) {
-      all.pictures[static_cast<uint32_t>(std::stoul(uid))] += root["pictures"][uid].asUInt64();
-    }
-    for (const Json::Value& count : root["dropped_frames"]) all.dropped_frames += count.asUInt64();
-  } catch (const std::exception&) {
-    // What can't be read can't be shown.
+void add_manifest(const recordings::manifest& one, const std::string& channel_id, recorded& all) {
+  for (const recordings::media_file& file : one.files) {
+    if (file.channel_id == channel_id) all.files.push_back(file_of(file));
   }
+  for (const recordings::gap& gap : one.missing) {
+    if (gap.channel_id != channel_id) continue;
+    all.missing.push_back({gap.uid, gap.medium, gap.codec, gap.reason, gap.utc_ms});
+  }
+  if (one.channel_id != channel_id) return;
+  for (const auto& [uid, count] : one.pictures) all.pictures[uid] += count;
+  all.dropped_frames += one.dropped_frames;
 }
 
 }  // namespace
@@ -75,12 +46,10 @@ int64_t recorded::duration_ms() const {
 
 recorded read_recorded(const std::string& folder, const std::string& channel_id) {
   recorded all;
-  std::error_code ignored;
-  const std::filesystem::directory_iterator end;
-  for (std::filesystem::directory_iterator at(folder, ignored); at != end; at.increment(ignored)) {
-    const std::string name = at->path().filename().string();
-    if (name.rfind("recording", 0) != 0 || at->path().extension() != ".json") continue;
-    add_manifest(at->path().string(), folder, channel_id, all);
+  // What can't be read can't be shown.
+  std::vector<std::string> unread;
+  for (const recordings::manifest& one : recordings::read_manifests(folder, unread)) {
+    add_manifest(one, channel_id, all);
   }
   std::sort(all.files.begin(), all.files.end(),
             [](const recorded_file& left, const recorded_file& right) {
