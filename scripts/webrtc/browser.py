@@ -84,7 +84,8 @@ class Browser:
         self.profile = tempfile.mkdtemp(prefix="zelta-browser-")
         self.process = subprocess.Popen(
             [*prefix, find_chromium(), *flags, f"--user-data-dir={self.profile}", "about:blank"],
-            env={**os.environ, **(sound or {})}, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, start_new_session=True)
+            env={**os.environ, **(sound or {})}, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+            text=True, start_new_session=True)
         self.port = None
         for line in self.process.stderr:
             # "DevTools listening on ws://127.0.0.1:PORT/devtools/browser/ID"

@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""What disturbs a recording: losses that are wanted, in a network namespace of our own, and a busy machine."""
+"""What disturbs a recording: losses that are wanted, in a network namespace of our own, and a busy
+machine."""
 import contextlib
 import subprocess
 

@@ -56,19 +56,20 @@ def row(name, values, *more):
     print("| " + " | ".join([name, str(len(values)), *numbers, *more]) + " |", flush=True)
 
 
-def faults_between(one, other, wanted):
-    """Prints how much later the first one's marks are."""
+def faults_between(one, other, wanted, *more):
+    """Prints how much later the first one's marks are, and `more` cells."""
     common = sorted(one.keys() & other.keys())
     if len(common) < wanted * LEAST_WHOLE:
         return [f"{len(common)} marks are in both files, of {wanted}"]
     apart = [one[at] - other[at] for at in common]
-    row("one against the other", apart, "", "", "")
+    row("one against the other", apart, *more)
     worst = max(apart, key=abs)
     return [f"marks are {worst:.1f} ms apart"] if abs(worst) > APART_LIMIT_MS else []
 
 
-HEAD = ("| | marks | median ms | largest ms | first to last fifth ms | damaged by losses | "
-        "sound's length - clock ms | picture's length - clock ms |\n|---|---|---|---|---|---|---|---|")
+def print_head(*more):
+    columns = ["", "marks", "median ms", "largest ms", "first to last fifth ms", *more]
+    print("| " + " | ".join(columns) + " |\n" + "|---" * len(columns) + "|")
 
 
 # ---- Two browsers with one microphone ------------------------------------------------------------
@@ -103,7 +104,7 @@ def browsers(seconds):
             found = [heard(recording, uid) for uid in (1, 2)]
     finally:
         shutil.rmtree(work)
-    print(HEAD)
+    print_head()
     first_ms = found[0][0][0]
     return faults_between(*(by_number(at, first_ms) for at, _ in found), seconds)
 
@@ -150,7 +151,7 @@ def drift(minutes):
         if was_busy(recording):
             print("the machine was too busy: what follows says little", flush=True)
         first_ms = sent["users"][0]["begin_utc_ms"]
-        print(HEAD)
+        print_head("damaged by losses", "sound's length - clock ms", "picture's length - clock ms")
         placed = []
         for index, ppm in enumerate(DRIFT_PPM):
             at, damaged = heard(recording, index + 1)
@@ -161,4 +162,4 @@ def drift(minutes):
             faults += [f"{ppm} ppm: a track is {one:.0f} ms longer than the clock says"
                        for one in longer if abs(one) > LENGTH_LIMIT_MS]
     shutil.rmtree(work)
-    return faults + faults_between(*placed, seconds)
+    return faults + faults_between(*placed, seconds, "", "", "")
