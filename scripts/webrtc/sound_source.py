@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """A microphone that several browsers share: a PulseAudio of our own, into which sounds are played."""
 import os
+import select
 import shutil
 import subprocess
 import tempfile
@@ -8,6 +9,7 @@ import tempfile
 # Chromium offers no sink's monitor, so one that has another name.
 MODULES = ["module-null-sink sink_name=room rate=48000 channels=1",
            "module-remap-source master=room.monitor source_name=microphone"]
+END_LIMIT_S = 10
 
 
 class SoundSource:
@@ -27,7 +29,12 @@ class SoundSource:
         return self
 
     def __exit__(self, *_):
+        with open(f"{self.home}/pulse/pid", encoding="utf-8") as written:
+            gone = os.pidfd_open(int(written.read()))
         self.run("pulseaudio", "--kill")
+        # It writes into its folder until the end.
+        select.select([gone], [], [], END_LIMIT_S)
+        os.close(gone)
         shutil.rmtree(self.home, ignore_errors=True)
 
     def run(self, *command):
