@@ -19,8 +19,8 @@ BEEP_MS = 100
 BEEP_ERROR_MS = 5
 DRIFT_PPM = (100, -100)
 DRIFT_LOSS_PERCENT = 1
-# Of marks, in what wasn't damaged by losses.
-LEAST_WHOLE = 0.9
+# Share of the marks that losses may leave whole in both files.
+LEAST_WHOLE = 0.8
 
 
 def sound_files(recording, uid):
