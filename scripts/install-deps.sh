@@ -1,7 +1,8 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Installs what is missing on a Debian 12: to build and record; with "test" what the tests need too;
-# with "browser" what a browser that publishes needs, and its tests;
+# with "browser" what a browser that publishes needs, and its tests; with "sound" what several browsers
+# hear the same by;
 # with "bench" what the benchmarks compare with and draw by; with "fuzz" what the fuzzers are built
 # with; with "mutate" what scripts/mutate.sh builds with; with "lint" what CI's checks need too; with
 # "crowd" what scripts/check-crowd.sh encrypts with.
@@ -19,11 +20,12 @@ for want in "$@"; do
   case "$want" in
     test) packages+=(libgtest-dev) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
+    sound) packages+=(pulseaudio pulseaudio-utils) ;;
     bench) packages+=(libzmq3-dev gnuplot-nox) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
-    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, bench, fuzz, mutate or lint" >&2; exit 2 ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, bench, fuzz, mutate or lint" >&2; exit 2 ;;
   esac
 done
 

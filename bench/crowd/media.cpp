@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdio>
+#include <fstream>
 #include <iterator>
 #include <memory>
 #include <utility>
@@ -205,6 +206,15 @@ std::optional<track> make_track(const std::string& codec) {
   }
   std::fprintf(stderr, "crowd_sender: no codec \"%s\": there are h264, vp8, opus and none\n",
                codec.c_str());
+  return std::nullopt;
+}
+
+std::optional<track> read_sound(const std::string& path) {
+  std::ifstream file(path, std::ios::binary);
+  track made = recipes().back().made;
+  made.units = opus_units(bytes(std::istreambuf_iterator<char>(file), {}));
+  if (!made.units.empty()) return made;
+  std::fprintf(stderr, "crowd_sender: \"%s\" should be an Ogg file of Opus\n", path.c_str());
   return std::nullopt;
 }
 

@@ -43,4 +43,7 @@ struct track {
 // error, when that can't be had.
 std::optional<track> make_track(const std::string& codec);
 
+// Of an Ogg file of Opus, 20 ms a packet. None, with the reason on standard error.
+std::optional<track> read_sound(const std::string& path);
+
 }  // namespace zelta::crowd

@@ -56,6 +56,8 @@ struct options {
   double loss_percent = 0;
   double reorder_percent = 0;
   bool leaves = false;
+  std::vector<int> clock_ppm;
+  std::vector<std::string> sounds;
 };
 
 int64_t now_us() {
@@ -103,6 +105,16 @@ std::vector<stream> make_streams(const std::vector<track>& tracks,
     }
   }
   return streams;
+}
+
+// What users have in place of what all have, one after the other and from the first again.
+void give_each_their_own(const options& asked, const std::vector<track>& sounds,
+                         std::vector<stream>& streams) {
+  for (stream& one : streams) {
+    const size_t user = one.uid - 1;
+    if (!asked.clock_ppm.empty()) one.clock_ppm = asked.clock_ppm[user % asked.clock_ppm.size()];
+    if (!sounds.empty() && !one.media->picture) one.media = &sounds[user % sounds.size()];
+  }
 }
 
 class crowd_run {
@@ -158,8 +170,8 @@ class crowd_run {
     late_us_ = std::max(late_us_, now - next.due_us);
     if (next.report) {
       const int64_t at = now_us();
-      out_.add_report(one, {one.ssrc, at + utc_offset_us_, one.time_at(at), one.packets, one.octets,
-                            "user" + std::to_string(one.uid)});
+      out_.add_report(one, {one.ssrc, one.own_us(at) + utc_offset_us_, one.time_at(at), one.packets,
+                            one.octets, "user" + std::to_string(one.uid)});
       next.due_us += kUsPerS;
     } else {
       one.send_unit(way_, chance_, [&](const stream::packet& packet) { out_.add(one, packet); });
@@ -230,6 +242,12 @@ bool read_options(int argc, char** argv, options& asked, int& status) {
   app.add_option("--srtp", asked.key, "base64 of key and salt, AES_CM_128_HMAC_SHA1_80")
       ->excludes(whip);
   app.add_option("--wait", asked.wait_s, "seconds for the ports")->check(CLI::Range(1, 3600));
+  app.add_option("--clock-ppm", asked.clock_ppm,
+                 "parts per million by which users' clocks are too fast, in turn")
+      ->delimiter(',')
+      ->check(CLI::Range(-10000, 10000));
+  app.add_option("--sound", asked.sounds, "Ogg files of Opus that users send, in turn")
+      ->check(CLI::ExistingFile);
   app.add_flag("--leave", asked.leaves, "remove the descriptions at the end");
   try {
     app.parse(argc, argv);
@@ -246,25 +264,30 @@ int fail(const char* what) {
 }
 
 int play_to_folder(const options& asked, const std::vector<track>& tracks,
-                   const std::vector<uint8_t>& key, std::mt19937& chance) {
+                   const std::vector<track>& sounds, const std::vector<uint8_t>& key,
+                   std::mt19937& chance) {
   base::unique_fd socket(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0));
   if (!socket.valid()) return fail("socket can't be had");
   const auto ports =
       join(asked.folder, asked.users, tracks, !key.empty(), std::chrono::seconds(asked.wait_s));
   batch out(std::move(socket));
-  crowd_run run(asked, make_streams(tracks, ports, key, chance), out, chance);
+  std::vector<stream> streams = make_streams(tracks, ports, key, chance);
+  give_each_their_own(asked, sounds, streams);
+  crowd_run run(asked, std::move(streams), out, chance);
   run.run();
   if (asked.leaves) leave(asked.folder, asked.users);
   run.print(asked);
   return 0;
 }
 
-int play_to_whip(const options& asked, const std::vector<track>& tracks, std::mt19937& chance) {
+int play_to_whip(const options& asked, const std::vector<track>& tracks,
+                 const std::vector<track>& sounds, std::mt19937& chance) {
   const auto at = parse_whip_url(asked.whip);
   if (!at) return fail("--whip should be as http://127.0.0.1:8080/CHANNEL");
   // All go to the port that the answers name.
   const std::vector<std::vector<uint16_t>> ports(asked.users, std::vector<uint16_t>(tracks.size()));
   std::vector<stream> streams = make_streams(tracks, ports, {}, chance);
+  give_each_their_own(asked, sounds, streams);
   const auto out = whip_outlet::join(*at, streams, std::chrono::seconds(asked.wait_s));
   if (!out) return 1;
   crowd_run run(asked, std::move(streams), *out, chance);
@@ -282,6 +305,12 @@ int play(const options& asked) {
     if (!made) return 1;
     tracks.push_back(std::move(*made));
   }
+  std::vector<track> sounds;
+  for (const std::string& path : asked.sounds) {
+    auto made = read_sound(path);
+    if (!made) return 1;
+    sounds.push_back(std::move(*made));
+  }
   if (tracks.empty()) return fail("neither video nor sound is to be sent");
   const std::vector<uint8_t> key = srtp_key(asked.key);
   if (!asked.key.empty() && key.empty()) return fail("--srtp should be base64 of 30 bytes");
@@ -289,8 +318,8 @@ int play(const options& asked) {
 
   // The same losses in every run.
   std::mt19937 chance(1);
-  return asked.whip.empty() ? play_to_folder(asked, tracks, key, chance)
-                            : play_to_whip(asked, tracks, chance);
+  return asked.whip.empty() ? play_to_folder(asked, tracks, sounds, key, chance)
+                            : play_to_whip(asked, tracks, sounds, chance);
 }
 
 }  // namespace

@@ -7,6 +7,7 @@ namespace zelta::crowd {
 namespace {
 
 constexpr int64_t kUsPerS = 1'000'000;
+constexpr int64_t kMillion = 1'000'000;
 // RFC 3550 section 4: NTP counts from 1900.
 constexpr uint64_t kNtpOffsetS = 2'208'988'800;
 
@@ -67,11 +68,17 @@ size_t write_report(const report& of, std::array<uint8_t, kReportBytes>& out) {
 }
 
 int64_t stream::due_us() const {
-  return begin_us + int64_t{sent_units} * media->unit_ticks * kUsPerS / media->clock_rate;
+  const int64_t own = int64_t{sent_units} * media->unit_ticks * kUsPerS / media->clock_rate;
+  return begin_us + own - own * clock_ppm / (kMillion + clock_ppm);
+}
+
+int64_t stream::own_us(int64_t now_us) const {
+  return now_us + (now_us - begin_us) * clock_ppm / kMillion;
 }
 
 uint32_t stream::time_at(int64_t now_us) const {
-  return first_time + static_cast<uint32_t>((now_us - begin_us) * media->clock_rate / kUsPerS);
+  return first_time +
+         static_cast<uint32_t>((own_us(now_us) - begin_us) * media->clock_rate / kUsPerS);
 }
 
 }  // namespace zelta::crowd

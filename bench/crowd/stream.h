@@ -50,6 +50,9 @@ struct stream {
   uint16_t sequence = 0;
   uint32_t first_time = 0;
   int64_t begin_us = 0;
+  // Of the user's clock, which rules packets, their times and reports: parts per million by which
+  // it is too fast. It is right at `begin_us`.
+  int64_t clock_ppm = 0;
   sockaddr_in rtp{};
   sockaddr_in rtcp{};
   std::unique_ptr<srtp_sender> srtp;
@@ -68,6 +71,8 @@ struct stream {
   std::optional<packet> held;
 
   int64_t due_us() const;
+  // What the user's clock shows then, and the RTP time.
+  int64_t own_us(int64_t now_us) const;
   uint32_t time_at(int64_t now_us) const;
   // Hands the next unit's packets, those that aren't lost, to `send`. `chance` is asked for each.
   template <class Send>

@@ -75,13 +75,17 @@ def find_chromium():
 
 
 class Browser:
-    """One process with a profile of its own."""
+    """One process with a profile of its own.
 
-    def __init__(self, prefix=()):
+    `sound`: the environment of a server whose microphone it has in place of one that beeps."""
+
+    def __init__(self, prefix=(), sound=None):
+        flags = [one for one in FLAGS if not sound or one != "--use-fake-device-for-media-stream"]
         self.profile = tempfile.mkdtemp(prefix="zelta-browser-")
         self.process = subprocess.Popen(
-            [*prefix, find_chromium(), *FLAGS, f"--user-data-dir={self.profile}", "about:blank"],
-            stdout=subprocess.DEVNULL, stderr=subprocess.PIPE, text=True, start_new_session=True)
+            [*prefix, find_chromium(), *flags, f"--user-data-dir={self.profile}", "about:blank"],
+            env={**os.environ, **(sound or {})}, stdout=subprocess.DEVNULL, stderr=subprocess.PIPE,
+            text=True, start_new_session=True)
         self.port = None
         for line in self.process.stderr:
             # "DevTools listening on ws://127.0.0.1:PORT/devtools/browser/ID"

@@ -145,6 +145,32 @@ TEST(CrowdStream, LossBreaksPicturesUpToTheNextKeyFrameAndOvertakingNone) {
   EXPECT_EQ(sender.time_at(1'000'000), 90000U);
 }
 
+TEST(CrowdStream, OfAClockThatIsTooFastPacketsAreEarlyAndTimesAhead) {
+  track sound;
+  sound.clock_rate = 48000;
+  sound.unit_ticks = 960;
+  struct {
+    int ppm;
+    int64_t due_us;  // of what has ten minutes before it by the sender's clock
+    int64_t own_us;  // ten minutes after the begin
+    uint32_t time;
+  } const rows[] = {
+      {0, 600'000'500, 600'000'500, 28'800'000},
+      {100, 599'940'506, 600'060'500, 28'802'880},
+      {-100, 600'060'506, 599'940'500, 28'797'120},
+  };
+  for (const auto& row : rows) {
+    stream sender;
+    sender.media = &sound;
+    sender.begin_us = 500;
+    sender.sent_units = 30'000;
+    sender.clock_ppm = row.ppm;
+    EXPECT_EQ(sender.due_us(), row.due_us) << row.ppm;
+    EXPECT_EQ(sender.own_us(600'000'500), row.own_us) << row.ppm;
+    EXPECT_EQ(sender.time_at(600'000'500), row.time) << row.ppm;
+  }
+}
+
 TEST(CrowdChannel, OnlyAnswersWithAllPortsCount) {
   const std::pair<const char*, std::vector<uint16_t>> rows[] = {
       {"v=0\nm=video 5004 RTP/AVP 96\na=x\nm=audio 5006 RTP/AVP 97\n", {5004, 5006}},
