@@ -17,7 +17,7 @@ constexpr media_time kKeepLimit = 5s;
 constexpr size_t kKeepPackets = 2000;
 // Two users' files, which may be off in either direction, stay together within what an ear and an
 // eye notice.
-constexpr media_time kTolerance = 10ms;
+constexpr media_time kTolerance = 5ms;
 // Beyond, so that what is put right isn't at once wrong the other way.
 constexpr media_time kStill = 1ms;
 // What may lie between the end of one packet and the time of the next, or overlap there, and be no
@@ -136,6 +136,7 @@ bool opus_line::is_left_out(const piece& packet) {
   // Only whole packets can be left out: half of one is as near as it gets.
   if (exact_ || behind <= std::max(kTolerance, half) + kStill) return false;
   ++counted_.dropped;
+  is_fast_ = true;
   // It isn't missing.
   last_end_ = packet.time + duration;
   return true;
@@ -147,9 +148,13 @@ void opus_line::fill_before(const piece& packet) {
   const media_time apart = packet.time - last_end_;
   const bool is_gap = apart >= kMostJitter;
   const bool is_lost = is_gap && apart >= last_.duration() - kOpusStep;
-  if (ahead <= (exact_ || is_lost ? 0ns : kTolerance)) return;
+  // Where a packet was left out, the half of it that was too much is no drift the other way.
+  const media_time tolerated =
+      is_fast_ ? std::max(kTolerance, packet.about.duration() / 2) : kTolerance;
+  if (ahead <= (exact_ || is_lost ? 0ns : tolerated)) return;
   if (exact_ || is_gap) return silence(nearest_steps(ahead), counted_.filled);
   // It was drift that came so far: as little as is enough, because every millisecond is heard.
+  is_fast_ = false;
   ++counted_.inserted;
   silence(covering_steps(ahead - kTolerance), counted_.inserted_time);
 }

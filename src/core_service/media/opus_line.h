@@ -8,8 +8,8 @@
 //
 //     a gap       becomes silence, but for what the packet behind it says of its last frame
 //     an overlap  is left out, when it is the larger part of a packet
-//     drift       is taken back once the sender is 10 ms away: by one step of silence, or by a
-//                 packet that is left out, which may have to be longer
+//     drift       is taken back once the sender is away: 5 ms, by one step of silence, or half a
+//                 packet, by one that is left out
 //
 // Frames of other sizes, bandwidths and channels just go through.
 //
@@ -101,6 +101,8 @@ class opus_line {
   media_time position_{};
   // The next packet follows silence or a beginning, so it can be placed to the step.
   bool exact_ = true;
+  // The sender's clock, by what had to be done about it last.
+  bool is_fast_ = false;
   // Of the last packet that went out: its end by its own time, and what silence is to be like.
   media_time last_end_{};
   opus_packet last_;

@@ -41,9 +41,9 @@ class sender_clock {
     bool anew;
   };
 
-  // What sound takes from capture to sending, at most. Browsers' first reports of sound may be
-  // wrong by hundreds of milliseconds: seen with Chromium, whose second one was right.
-  static constexpr media::media_time kMostOfSound = std::chrono::milliseconds(60);
+  // Browsers' first reports of sound may be wrong by hundreds of milliseconds: seen with Chromium,
+  // whose second one, 3 to 6 s later, was right, and whose right ones move sound by 20 to 50 ms.
+  static constexpr media::media_time kMostOfSound = std::chrono::milliseconds(30);
 
   // `clock_rate`: of the timestamps, in Hz. `sender` is borrowed. `most_unproven`: a report that no
   // other agrees with moves the stream by no more than that.
