@@ -117,6 +117,7 @@ std::vector<manifest> read_manifests(const std::string& folder, std::vector<std:
     const std::string name = at->path().filename().string();
     if (is_manifest_name(name)) names.push_back(name);
   }
+  if (failed) errors.push_back(path + " can't be read to its end: " + failed.message());
   if (names.empty()) errors.push_back(path + " holds no recording: there is no recording.json");
   std::sort(names.begin(), names.end());
   std::vector<manifest> all;

@@ -89,7 +89,7 @@ void file_series::on_video(const media_sample& sample, const codec& kind) {
 }
 
 void file_series::on_opus(const encoded_unit& unit) {
-  if (opus_) opus_->push(unit.time, unit.bytes);
+  if (opus_) opus_->push(unit.time, unit.bytes, unit.after_loss);
 }
 
 void file_series::expect_sound(const format_ptr& opus, media_time from) {

@@ -12,6 +12,7 @@
 #include <utility>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -64,6 +65,16 @@ int write_all(int fd, iovec* parts, size_t count) {
     parts->iov_len -= left;
   }
   return 0;
+}
+
+// 0 or an errno.
+int end_line(int fd) {
+  struct stat is {};
+  if (fstat(fd, &is) != 0) return errno;
+  char last = '\n';
+  if (is.st_size > 0 && pread(fd, &last, 1, is.st_size - 1) < 0) return errno;
+  iovec end{const_cast<char*>("\n"), 1};
+  return last == '\n' ? 0 : write_all(fd, &end, 1);
 }
 
 int overwrite_all(int fd, const piece& one) {
@@ -173,9 +184,11 @@ class file_writer::worker {
   }
 
   void open(output::state& of) {
-    const int how = of.where == placement::kBehind ? O_APPEND : 0;
-    of.fd.reset(::open(of.path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC | how, kReadable));
+    const bool behind = of.where == placement::kNextLine;
+    const int how = behind ? O_RDWR | O_APPEND : O_WRONLY;
+    of.fd.reset(::open(of.path.c_str(), how | O_CREAT | O_CLOEXEC, kReadable));
     if (!of.fd.valid()) of.error = errno;
+    if (of.fd.valid() && behind) of.error = end_line(of.fd.get());
   }
 
   void append(output::state& of, std::deque<piece>& pieces) {

@@ -20,8 +20,9 @@ namespace zelta::core_service::files {
 
 class output;
 
-// Where what is appended to a file goes: over what it holds, or behind that.
-enum class placement { kOver, kBehind };
+// Where what is appended to a file goes: over what it holds; or behind that, on a line of its own,
+// although a machine that crashed may have left a part of one.
+enum class placement { kOver, kNextLine };
 
 class file_writer {
  public:

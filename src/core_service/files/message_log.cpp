@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/files/message_log.h"
 
-#include <fstream>
+#include <cerrno>
 #include <utility>
 
 #include <json/json.h>
@@ -13,13 +13,6 @@ namespace {
 
 constexpr int kCloseLimitMs = 5000;
 constexpr size_t kBacklogLimitBytes = size_t{16} << 20;
-
-// A machine that crashed may have left a part of a line.
-bool ends_within_a_line(const std::string& path) {
-  std::ifstream file(path, std::ios::binary);
-  if (!file.seekg(-1, std::ios::end)) return false;
-  return file.get() != '\n';
-}
 
 std::string line_of(uint32_t uid, const std::string& channel_id, const media::user_text& what) {
   Json::Value line(Json::objectValue);
@@ -52,17 +45,13 @@ void message_log::open() {
         failed_(error);
         closed();
       },
-      placement::kBehind);
+      placement::kNextLine);
 }
 
 bool message_log::add(uint32_t uid, const media::user_text& what) {
-  std::string line;
-  if (!to_) {
-    if (ends_within_a_line(path_)) line = "\n";
-    open();
-  }
+  if (!to_) open();
   if (to_->waiting_bytes() > kBacklogLimitBytes) return false;
-  line += line_of(uid, channel_id_, what);
+  const std::string line = line_of(uid, channel_id_, what);
   std::vector<media::buffer_ptr> bytes;
   bytes.emplace_back(gst_buffer_new_memdup(line.data(), line.size()));
   to_->append(std::move(bytes));
@@ -72,7 +61,10 @@ bool message_log::add(uint32_t uid, const media::user_text& what) {
 void message_log::close(std::function<void()> done) {
   if (!to_ || done_) return;
   done_ = std::move(done);
-  limit_ = {loop_, kCloseLimitMs, [this] { closed(); }};
+  limit_ = {loop_, kCloseLimitMs, [this] {
+              failed_(ETIMEDOUT);
+              closed();
+            }};
   to_->close([this] { closed(); });
 }
 

@@ -70,7 +70,7 @@ class manifest {
   void set_name(uint32_t uid, const std::string& name);
   // One more captured picture of the user in a file.
   void count_picture(uint32_t uid) { ++pictures_[uid]; }
-  // One more line that the user wrote is kept.
+  // One more line that the user wrote is on its way to the disk.
   void count_message(uint32_t uid) { ++messages_[uid]; }
   // More of the user's packets found no room here.
   void count_lost_packets(uint32_t uid, uint64_t more) {

@@ -66,6 +66,8 @@ struct encoded_unit {
   // Of sound, by its sender: so many dB below the loudest that there can be.
   std::optional<uint8_t> level;
   picture_turn turn = {};  // of pictures, for display
+  // Of sound: what stood right before it in the stream was lost.
+  bool after_loss = false;
 
   media_time end() const { return time + duration; }
 };

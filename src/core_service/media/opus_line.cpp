@@ -18,6 +18,7 @@ constexpr size_t kKeepPackets = 2000;
 // Two users' files, which may be off in either direction, stay together within what an ear and an
 // eye notice.
 constexpr media_time kTolerance = 5ms;
+constexpr media_time kRepairInterval = 100ms;
 // Beyond, so that what is put right isn't at once wrong the other way.
 constexpr media_time kStill = 1ms;
 // What may lie between the end of one packet and the time of the next, or overlap there, and be no
@@ -33,7 +34,7 @@ constexpr int64_t covering_steps(media_time span) {
 
 }  // namespace
 
-void opus_line::push(media_time time, const shared_bytes& packet) {
+void opus_line::push(media_time time, const shared_bytes& packet, bool after_loss) {
   const auto about = read_opus_packet(packet.data(), packet.size());
   if (!about) {
     ++counted_.invalid;
@@ -41,7 +42,7 @@ void opus_line::push(media_time time, const shared_bytes& packet) {
   }
   const media_time end = time + about->duration();
   last_heard_ = std::max(end, last_heard_.value_or(end));
-  const piece whole{time, packet, *about};
+  const piece whole{time, packet, *about, after_loss};
   if (sink_) return place(whole);
   keep(whole);
 }
@@ -101,26 +102,33 @@ void opus_line::place(const piece& packet) {
 // Directly behind one that went out there is at least a frame's room.
 void opus_line::repair_before(const piece& packet) {
   const media_time frame = packet.about.steps_a_frame * kOpusStep;
-  if (exact_ || packet.time - last_end_ < frame - kMostJitter / 2) return;
+  if (!packet.after_loss || exact_ || packet.time < repaired_until_) return;
+  if (packet.time - last_end_ < frame - kMostJitter / 2) return;
   const auto made = repair_opus(last_bytes_, packet.bytes);
   if (!made) return;
+  repaired_until_ = packet.time + kRepairInterval;
+  if (!put({packet.time - frame, made->bytes, made->about})) return;
   ++counted_.repaired;
-  put({packet.time - frame, made->bytes, made->about});
   --counted_.packets;
 }
 
-void opus_line::put(const piece& packet) {
-  if (is_left_out(packet)) return;
+// False: it doesn't go out, or not now.
+bool opus_line::put(const piece& packet) {
+  if (is_left_out(packet)) return false;
   fill_before(packet);
   switch_before(packet.about.duration());
   // It comes after the end, so it may be the first of what follows.
-  if (!sink_) return keep(packet);
+  if (!sink_) {
+    keep(packet);
+    return false;
+  }
   exact_ = false;
   last_end_ = packet.time + packet.about.duration();
   last_ = packet.about;
   last_bytes_ = packet.bytes;
   ++counted_.packets;
   emit(packet.bytes, packet.about.duration());
+  return true;
 }
 
 bool opus_line::is_left_out(const piece& packet) {

@@ -53,8 +53,8 @@ class opus_line {
   explicit opus_line(format_ptr format) : format_(std::move(format)) {}
 
   // A packet that was captured at `time`. Before start() they are kept, those of the last five
-  // seconds.
-  void push(media_time time, const shared_bytes& packet);
+  // seconds. `after_loss`: one before it was lost.
+  void push(media_time time, const shared_bytes& packet, bool after_loss = false);
   // Time of the first packet that is kept; none: there is none.
   std::optional<media_time> first_kept() const;
   // Time at which the latest packet ended; none: nothing has come.
@@ -77,6 +77,7 @@ class opus_line {
     media_time time;
     shared_bytes bytes;
     opus_packet about;
+    bool after_loss = false;
   };
   struct planned_cut {
     media_time at;
@@ -86,7 +87,7 @@ class opus_line {
   void keep(const piece& packet);
   void place(const piece& packet);
   void repair_before(const piece& packet);
-  void put(const piece& packet);
+  bool put(const piece& packet);
   bool is_left_out(const piece& packet);
   void fill_before(const piece& packet);
   void silence(int64_t steps, media_time& counted);
@@ -107,6 +108,8 @@ class opus_line {
   media_time last_end_{};
   opus_packet last_;
   shared_bytes last_bytes_;
+  // Until then nothing is repaired: it takes a thousand times what copying a packet does.
+  media_time repaired_until_{};
   counters counted_;
 };
 

@@ -83,6 +83,7 @@ std::optional<repaired_opus> repair_opus(const shared_bytes& before, const share
     return std::nullopt;
   }
   const int lost_at = frame + first->samples();
+  opus_encoder_ctl(encoder.get(), OPUS_SET_COMPLEXITY(0));
   opus_encoder_ctl(encoder.get(), OPUS_SET_BITRATE(kBitsPerSecond * channels));
   opus_encoder_ctl(encoder.get(), OPUS_SET_BANDWIDTH(OPUS_BANDWIDTH_NARROWBAND +
                                                      static_cast<int>(next->bandwidth)));

@@ -95,6 +95,8 @@ void sender_clock::report(uint64_t ntp, uint32_t timestamp, media_time arrival) 
     dissenter_ = one;
     return;
   }
+  // What was held back is made up for at once.
+  if (agrees && !proven_ && bounded_) aligned_ = false;
   proven_ = agrees || dissenter_.has_value();
   dissenter_.reset();
   report_ = one;
@@ -132,7 +134,8 @@ media_time sender_clock::aim(media_time now) {
     lead_ = by_reports - by_arrival;
     refused_ = absolute(lead_) > kMostLead;
     if (refused_) lead_ = {};
-    if (!proven_) lead_ = std::clamp(lead_, -most_unproven_, most_unproven_);
+    bounded_ = !proven_ && absolute(lead_) > most_unproven_;
+    if (bounded_) lead_ = std::clamp(lead_, -most_unproven_, most_unproven_);
   }
   return by_arrival + lead_;
 }

@@ -89,6 +89,7 @@ class sender_clock {
   media::media_time offset_{};
   std::optional<report_line> report_;
   bool proven_ = false;                   // another has agreed with it
+  bool bounded_ = false;                  // it would have moved the stream further
   std::optional<report_line> dissenter_;  // the latest, which doesn't
   bool refused_ = false;
   bool aligned_ = false;      // has been placed by reports since the beginning

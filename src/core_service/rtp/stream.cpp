@@ -145,6 +145,7 @@ void stream::on_depayloaded(depayloaded&& one) {
   } else if (const auto sound = media::read_opus_packet(unit.bytes.data(), unit.bytes.size());
              sound && payload_.kind->name == std::string_view("opus")) {
     unit.duration = sound->duration();
+    unit.after_loss = one.damaged;
   }
   events_.unit(std::move(unit));
 }

@@ -35,7 +35,7 @@ void unit_mailbox::put_note(uint64_t whom, note&& what) {
   one.is = kind::kNote;
   one.whom = whom;
   const auto* const text = std::get_if<media::user_text>(&what);
-  one.note_bytes = sizeof(note) + (text != nullptr ? text->text.size() : 0);
+  one.note_bytes = sizeof(note) + (text != nullptr ? text->text.size() + text->label.size() : 0);
   one.what = std::make_unique<const note>(std::move(what));
   put(std::move(one));
 }

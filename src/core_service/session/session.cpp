@@ -380,9 +380,9 @@ void session::on_files_failed(uint32_t uid, const std::string& why, bool fatal) 
 }
 
 void session::on_messages_failed(int error) {
-  const std::string why = share_.messages_name() + " can't be written: " + std::strerror(error);
-  if (!is_shortage(error)) return on_files_failed(0, why, true);
-  missing_.tell(0, {kMessages, "", why});
+  // Media that can still be written is.
+  missing_.tell(
+      0, {kMessages, "", share_.messages_name() + " can't be written: " + std::strerror(error)});
 }
 
 // Once nobody is here any more who could write.

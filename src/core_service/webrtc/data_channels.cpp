@@ -3,12 +3,13 @@
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <string_view>
 #include <utility>
 
 #include <glib.h>
 
-#include "core_service/media/gst.h"
+#include "core_service/media/timeline.h"
 #include "core_service/rtp/network_order.h"
 
 namespace zelta::core_service::webrtc {
@@ -52,9 +53,7 @@ std::unique_ptr<data_channels> data_channels::make(uint16_t their_port, bool ope
        },
        [to](sctp_association::message&& what) { to->on_message(std::move(what)); },
        [to](uint16_t stream) { to->labels_.erase(stream); },
-       [to] {
-         to->events_.missing({"messages", "", "the data channels broke off"});
-       }});
+       [to] { to->tell_missing("the data channels broke off"); }});
   return made->by_ ? std::move(made) : nullptr;
 }
 
@@ -69,6 +68,9 @@ void data_channels::open() {
 }
 
 void data_channels::on_message(sctp_association::message&& what) {
+  if (is_too_much(what.bytes.size())) {
+    return tell_missing("there were too many messages: 50 a second and 64 KiB are kept");
+  }
   switch (what.protocol) {
     case kControl:
       return on_control(what);
@@ -76,15 +78,23 @@ void data_channels::on_message(sctp_association::message&& what) {
     case kEmptyText:
       break;
     default:
-      return tell_missing(what.stream, "binary messages aren't kept, only text is");
+      return tell_missing("binary messages aren't kept, only text is");
   }
-  if (what.is_cut) {
-    return tell_missing(what.stream, "a message of more than " +
-                                         std::to_string(sctp_association::kMostMessageBytes) +
-                                         " bytes isn't kept");
-  }
+  if (what.is_cut) return tell_missing("messages of more than 64 KiB aren't kept");
   const size_t size = what.protocol == kEmptyText ? 0 : what.bytes.size();
-  events_.text(labels_[what.stream], utf8(what.bytes.data(), size));
+  const auto known = labels_.find(what.stream);
+  events_.text(known != labels_.end() ? known->second : "", utf8(what.bytes.data(), size));
+}
+
+bool data_channels::is_too_much(size_t bytes) {
+  const media::media_time now = media::now();
+  const double passed = std::chrono::duration<double>(now - std::exchange(counted_, now)).count();
+  messages_left_ = std::min<double>(kMessagesAtOnce, messages_left_ + passed * kMessagesASecond);
+  bytes_left_ = std::min<double>(kBytesAtOnce, bytes_left_ + passed * kBytesASecond);
+  if (messages_left_ < 1 || bytes_left_ < static_cast<double>(bytes)) return true;
+  messages_left_ -= 1;
+  bytes_left_ -= static_cast<double>(bytes);
+  return false;
 }
 
 void data_channels::on_control(const sctp_association::message& what) {
@@ -96,10 +106,8 @@ void data_channels::on_control(const sctp_association::message& what) {
   by_->send(what.stream, kControl, &kAcknowledge, 1);
 }
 
-void data_channels::tell_missing(uint16_t stream, const std::string& why) {
-  const auto known = labels_.find(stream);
-  const std::string name = known != labels_.end() ? " \"" + known->second + "\"" : "";
-  events_.missing({"messages", "", "data channel" + name + ": " + why});
+void data_channels::tell_missing(const char* why) {
+  if (told_.insert(why).second) events_.missing({"messages", "", why});
 }
 
 }  // namespace zelta::core_service::webrtc

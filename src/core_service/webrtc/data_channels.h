@@ -12,6 +12,7 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
 
 #include "core_service/folder/missing_medium.h"
@@ -21,6 +22,12 @@ namespace zelta::core_service::webrtc {
 
 class data_channels {
  public:
+  // Of a user, a second, and at once: everybody's media goes through the thread that keeps them.
+  static constexpr int kMessagesASecond = 50;
+  static constexpr int kMessagesAtOnce = 500;
+  static constexpr int kBytesASecond = 64 * 1024;
+  static constexpr int kBytesAtOnce = 512 * 1024;
+
   struct events {
     sctp_association::send_packet send;
     // UTF-8 both: whatever wasn't has been replaced by U+FFFD. The label is empty where nobody has
@@ -31,7 +38,7 @@ class data_channels {
   };
 
   // `opens_one`: a channel of ours, by which nothing is said; for gateways, which pass messages on
-  // to those alone who have one. Null when there is no memory.
+  // to those alone who have one. Null when the library refuses.
   static std::unique_ptr<data_channels> make(uint16_t their_port, bool opens_one, events told);
 
   // One packet of SCTP's.
@@ -42,11 +49,17 @@ class data_channels {
  private:
   explicit data_channels(events told) : events_(std::move(told)) {}
   void open();
+  bool is_too_much(size_t bytes);
   void on_message(sctp_association::message&& what);
   void on_control(const sctp_association::message& what);
-  void tell_missing(uint16_t stream, const std::string& why);
+  void tell_missing(const char* why);
 
   const events events_;
+  // What may still come of this second, in messages and bytes, and when that was.
+  double messages_left_ = kMessagesAtOnce;
+  double bytes_left_ = kBytesAtOnce;
+  media::media_time counted_{};
+  std::set<const char*> told_;              // as missing, each once
   std::map<uint16_t, std::string> labels_;  // by stream
   std::unique_ptr<sctp_association> by_;
 };

@@ -42,8 +42,8 @@ class dtls_session {
     std::string hash;
     std::string digest;
   };
-  // Called from within take(), advance() and close(), with bytes that are valid until they return.
-  // None may destroy the session.
+  // Called from within take(), advance(), send() and close(), with bytes that are valid until they
+  // return. None may destroy the session; `data` may send().
   struct events {
     std::function<void(const uint8_t*, size_t)> send;  // one datagram
     std::function<void(const uint8_t*, size_t)> data;  // one record of the peer's; may be empty

@@ -4,6 +4,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <limits>
 
 #include "core_service/media/timeline.h"
 
@@ -13,11 +14,14 @@ namespace zelta::core_service::webrtc {
 class last_heard {
  public:
   void note(media::media_time when) { when_ = when.count(); }
-  bool within(media::media_time span) const { return media::now() - at() <= span; }
-  media::media_time at() const { return media::media_time(when_.load()); }
+  void forget() { when_ = kNever; }
+  bool within(media::media_time span) const {
+    return media::now() - media::media_time(when_.load()) <= span;
+  }
 
  private:
-  std::atomic<int64_t> when_{0};  // ns
+  static constexpr int64_t kNever = std::numeric_limits<int64_t>::min() / 2;
+  std::atomic<int64_t> when_{kNever};  // ns
 };
 
 }  // namespace zelta::core_service::webrtc

@@ -48,7 +48,11 @@ void turn_down_second(const std::vector<offered_line>& others, offered_line& lin
       });
   if (!is_second) return;
   line.accepted = false;
-  left_out.push_back({line.sctp_port ? "" : line.media, "",
+  if (line.sctp_port) {
+    left_out.push_back({"", "", name_of(line) + " is a second one: one line carries all channels"});
+    return;
+  }
+  left_out.push_back({line.media, "",
                       name_of(line) + " is a second one of its kind: a screen beside a camera, or "
                                       "another sound, should be published as another user"});
 }
@@ -79,11 +83,13 @@ bool take_lines(const GstSDPMessage* message, offer& made, std::vector<missing_m
   return any;
 }
 
-// One port serves all users, and a user has one transport on it.
-bool take_bundle(const GstSDPMessage* message, offer& made, std::string& error) {
+// One port serves all users, and a user has one transport on it. Data channels on one of their own
+// are done without.
+bool take_bundle(const GstSDPMessage* message, offer& made, std::vector<missing_medium>& left_out,
+                 std::string& error) {
   std::vector<const offered_line*> accepted;
   for (const offered_line& line : made.lines) {
-    if (line.accepted) accepted.push_back(&line);
+    if (line.is_media()) accepted.push_back(&line);
   }
   for (const char* const group : values_of(message, "group")) {
     std::vector<std::string> words = words_of(group);
@@ -98,6 +104,11 @@ bool take_bundle(const GstSDPMessage* message, offer& made, std::string& error) 
                 : name_of(*line) + " isn't in the a=group:BUNDLE of " + name_of(*accepted.front()) +
                       ": all media should be in one";
     return false;
+  }
+  for (offered_line& line : made.lines) {
+    if (!line.accepted || line.is_media() || contains(made.bundle, line.mid)) continue;
+    line.accepted = false;
+    left_out.push_back({"", "", name_of(line) + " isn't in the a=group:BUNDLE of the media"});
   }
   return true;
 }
@@ -192,7 +203,8 @@ std::optional<offer> parse_offer(const std::string& text, std::vector<missing_me
   if (!message) return std::nullopt;
   offer made;
   std::string fault;
-  if (take_lines(message.get(), made, left_out, fault) && take_bundle(message.get(), made, fault) &&
+  if (take_lines(message.get(), made, left_out, fault) &&
+      take_bundle(message.get(), made, left_out, fault) &&
       take_transport(message.get(), made, fault)) {
     return made;
   }

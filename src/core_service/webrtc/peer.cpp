@@ -67,7 +67,7 @@ peer::peer(terms agreed, const rtp::settings& how, std::shared_ptr<transport> by
 }
 
 peer::~peer() {
-  heard_->note({});
+  heard_->forget();
 }
 
 void peer::start() {
@@ -171,6 +171,7 @@ void peer::on_packet(const rtp::datagram& one) {
 }
 
 void peer::on_dtls(const rtp::datagram& one) {
+  data_came_ = one.arrival;
   dtls_->take(one.bytes, one.size, one.arrival);
   look_at_dtls();
   plan_wake(one.arrival);
@@ -196,14 +197,15 @@ void peer::on_data(const uint8_t* bytes, size_t size) {
 }
 
 void peer::open_channels() {
-  if (channels_ || !terms_.sctp_port) return;
+  if (!terms_.sctp_port || std::exchange(channels_tried_, true)) return;
   channels_ = data_channels::make(
       *terms_.sctp_port, terms_.opens_channel,
       {[this](const uint8_t* bytes, size_t size) { dtls_->send(bytes, size); },
        [this](const std::string& label, std::string&& text) {
-         commons_.events.text({media::now(), label, std::move(text)});
+         commons_.events.text({data_came_, label, std::move(text)});
        },
        [this](missing_medium&& what) { commons_.events.missing(std::move(what)); }});
+  if (!channels_) commons_.events.missing({"messages", "", "data channels can't be opened here"});
 }
 
 void peer::on_rtp(const rtp::datagram& one) {
@@ -277,7 +279,11 @@ void peer::on_wake(media_time now) {
     dtls_->advance(now);
     look_at_dtls();
   }
-  if (channels_) channels_->advance(now);
+  if (channels_ && now >= channels_due_) {
+    data_came_ = now;
+    channels_due_ = now + sctp_association::kTick;
+    channels_->advance(now);
+  }
   const bool report_due = now - reported_ >= kReportInterval;
   if (report_due) reported_ = now;
   for (rtp::line& one : lines_) {
@@ -298,7 +304,7 @@ void peer::on_wake(media_time now) {
 void peer::plan_wake(media_time now) {
   media_time next = std::max(reported_, now - kReportInterval) + kReportInterval;
   if (arrived_) next = std::min(next, feedback_sent_ + kFeedbackInterval);
-  if (channels_) next = std::min(next, now + sctp_association::kTick);
+  if (channels_) next = std::min(next, channels_due_);
   if (!ended_) next = std::min(next, dtls_->next_deadline().value_or(next));
   for (const rtp::line& one : lines_) next = one.next_deadline(next);
   transport_->thread().wake_at(*this, std::max(next, now + 1ms));

@@ -119,6 +119,9 @@ class peer : public rtp::sender, public rtp::packet_receiver, public transport_u
   std::unique_ptr<dtls_session> dtls_;
   std::unique_ptr<rtp::srtp_session> ciphers_;
   std::unique_ptr<data_channels> channels_;
+  bool channels_tried_ = false;
+  media::media_time channels_due_{};
+  media::media_time data_came_{};
   std::set<uint32_t> reporters_;  // of RTCP, each of which costs the ciphers a state
   const std::shared_ptr<last_heard> heard_ = std::make_shared<last_heard>();
   media::media_time begun_{};

@@ -60,6 +60,7 @@ class library {
         advanced_ -= since;
         return;
       }
+      advanced_ -= since % std::chrono::milliseconds(1);
     }
     usrsctp_handle_timers(static_cast<uint32_t>(since / std::chrono::milliseconds(1)));
   }
@@ -214,10 +215,16 @@ void sctp_association::take_notice(const uint8_t* bytes, size_t size) {
   memcpy(&type, bytes, sizeof type);
   if (type == SCTP_ASSOC_CHANGE && size >= sizeof change) {
     memcpy(&change, bytes, sizeof change);
+    const bool is_up = change.sac_state == SCTP_COMM_UP || change.sac_state == SCTP_RESTART;
+    // Of another association than what comes.
+    if (is_up) partial_ = {};
+    if (change.sac_state == SCTP_COMM_UP) events_.connected();
     // A peer's own words to its end come behind.
     const bool is_ours = size == sizeof change;
-    if (change.sac_state == SCTP_COMM_UP) events_.connected();
-    if (change.sac_state == SCTP_COMM_LOST && is_ours) events_.broken();
+    if (change.sac_state == SCTP_CANT_STR_ASSOC ||
+        (change.sac_state == SCTP_COMM_LOST && is_ours)) {
+      events_.broken();
+    }
   } else if (type == SCTP_STREAM_RESET_EVENT && size >= sizeof reset) {
     memcpy(&reset, bytes, sizeof reset);
     const unsigned unwanted = SCTP_STREAM_RESET_DENIED | SCTP_STREAM_RESET_FAILED;
@@ -231,6 +238,10 @@ void sctp_association::take_notice(const uint8_t* bytes, size_t size) {
 // RFC 8831, section 6.7: a channel is closed in both directions.
 void sctp_association::end_streams(const uint8_t* numbers, size_t size) {
   constexpr size_t kNumber = sizeof(uint16_t);
+  // None stands for all.
+  for (uint16_t stream = 0; size == 0 && stream < kMostStreams; ++stream) {
+    events_.stream_ended(stream);
+  }
   for (size_t at = 0; at + kNumber <= size; at += kNumber) {
     uint16_t stream = 0;
     memcpy(&stream, numbers + at, kNumber);

@@ -34,7 +34,8 @@ class sctp_association {
     // Longer than it may be: only its beginning is there.
     bool is_cut = false;
   };
-  // From within take(), advance() and the destructor: one packet, valid until it returns.
+  // One packet, valid until it returns. From within all that is called here, and, since the
+  // library's timers are the process's, from within another association's advance().
   using send_packet = std::function<void(const uint8_t* bytes, size_t size)>;
   // From within take() and advance(), and not to destroy the association.
   struct events {
@@ -42,11 +43,11 @@ class sctp_association {
     std::function<void(message&&)> message;
     // The peer has ended the stream, which is ended in the other direction as well.
     std::function<void(uint16_t stream)> stream_ended;
-    // It is over although the peer hasn't said so.
+    // It is over although the peer hasn't said so, or can't begin.
     std::function<void()> broken;
   };
 
-  // Connects at once: both sides do, and meet. Null when the library has no memory.
+  // Connects at once: both sides do, and meet. Null when the library refuses.
   static std::unique_ptr<sctp_association> make(uint16_t their_port, send_packet send, events told);
   sctp_association(const sctp_association&) = delete;
   sctp_association& operator=(const sctp_association&) = delete;

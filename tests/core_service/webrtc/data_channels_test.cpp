@@ -54,9 +54,9 @@ TEST_F(DataChannels, MessagesAreTextOrToldAsMissing) {
       {"no UTF-8", 51, "a\xff", "chat:a\xef\xbf\xbd "},
       {"the longest", 51, longest, "chat:65536 "},
       {"one that is longer", 51, longest + "x",
-       "messages? data channel \"chat\": a message of more than 65536 bytes isn't kept "},
-      {"bytes", kBinary, "b",
-       "messages? data channel \"chat\": binary messages aren't kept, only text is "},
+       "messages? messages of more than 64 KiB aren't kept "},
+      {"bytes", kBinary, "b", "messages? binary messages aren't kept, only text is "},
+      {"bytes once more", kBinary, "b", ""},
       {"no control message", 50, "\x02", ""},
       {"an opening that is cut off", 50, channel_writer::opening("other").substr(0, 14), ""},
   };
@@ -130,6 +130,30 @@ TEST_F(DataChannels, ForeignPacketsAndAnEndAreSurvived) {
 TEST_F(DataChannels, OneIsOpenedWhereThatIsNeeded) {
   EXPECT_EQ(by.opened, "");
   EXPECT_EQ(channel_writer(true).opened, channel_writer::opening("recorder"));
+}
+
+TEST_F(DataChannels, WhoWritesTooMuchIsToldOnceAndKeptAgainLater) {
+  using core_service::webrtc::data_channels;
+  open(0, "a");
+  by.on_text = [this](const std::string&, const std::string&) { said += "."; };
+  for (int i = 0; i < 2 * data_channels::kMessagesAtOnce; ++i) {
+    by.send(0, 51, "x");
+    by.carry();
+  }
+  const size_t kept = static_cast<size_t>(std::count(said.begin(), said.end(), '.'));
+  EXPECT_GE(kept, size_t{data_channels::kMessagesAtOnce} - 1);
+  EXPECT_LT(kept, size_t{data_channels::kMessagesAtOnce} * 3 / 2);
+  EXPECT_EQ(said.find("messages? there were too many"), said.rfind("messages?"));
+}
+
+TEST_F(DataChannels, NobodyWhoAnswersIsTold) {
+  by.user.reset();
+  by.ours = core_service::webrtc::data_channels::make(
+      sctp_association::kOwnPort, false,
+      {[](const uint8_t*, size_t) {}, nullptr,
+       [this](core_service::missing_medium&& what) { said += what.reason; }});
+  pass(10min);
+  EXPECT_EQ(said, "the data channels broke off");
 }
 
 TEST_F(DataChannels, UserHearsOfOurEnd) {

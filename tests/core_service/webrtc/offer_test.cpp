@@ -208,6 +208,11 @@ TEST(OfferTest, LinesThatAreNotReceivedAreTold) {
     EXPECT_EQ(alone.error, "it offers no stream that can be received");
     EXPECT_EQ(alone.left_out.size(), 1U);
   }
+  const std::string data =
+      "m=application 9 UDP/DTLS/SCTP webrtc-datachannel\na=mid:7\na=sctp-port:5000\n";
+  EXPECT_EQ(parsed(kOne + data).told(),
+            "; : m=application (mid 7) isn't in the a=group:BUNDLE of the media");
+  EXPECT_EQ(parsed(kHead + "a=group:BUNDLE 0 7\n" + kTransport + kAudio + data).told(), "");
   const parsed two(kHead + "a=group:BUNDLE 0 7\n" + kTransport + kAudio +
                    "m=audio 9 UDP/TLS/RTP/SAVPF 8\na=mid:7\na=rtcp-mux\n");
   EXPECT_EQ(two.told().rfind("; audio: m=audio (mid 7) is a second one of its kind", 0), 0U)
