@@ -20,10 +20,10 @@ void check(const std::string& input) {
   const shared_bytes before = shared(input.substr(std::min<size_t>(1, input.size()), first));
   const shared_bytes behind = shared(input.substr(std::min(1 + first, input.size())));
   const auto read = read_opus_packet(behind.data(), behind.size());
-  const int samples =
-      behind.empty() ? -1
-                     : opus_packet_get_nb_samples(
-                           behind.data(), static_cast<opus_int32>(behind.size()), kOpusRate);
+  const int samples = behind.empty()
+                          ? -1
+                          : opus_packet_get_nb_samples(
+                                behind.data(), static_cast<opus_int32>(behind.size()), kOpusRate);
   require(!read || read->samples() == samples, "another duration than a decoder's");
   const auto made = repair_opus(before, behind);
   if (!made) return;
