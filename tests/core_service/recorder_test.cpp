@@ -249,7 +249,11 @@ TEST_F(RecordingTest, DiskThatHangsOverTheManifestHoldsUpNoMedia) {
   }));
   EXPECT_FALSE(std::filesystem::exists(folder + "recording.json"));
   EXPECT_NE(read_file(pipe), "");
+  // In place of the pipe, which has become the manifest for a moment.
+  ASSERT_TRUE(
+      wait_until([this] { return std::filesystem::is_regular_file(folder + "recording.json"); }));
   ASSERT_TRUE(wait_recorded(1000));
+  EXPECT_EQ(log().find("can't"), std::string::npos) << log();
   release();
   expect_whole_files(1);
   EXPECT_EQ(path_of(0), media);

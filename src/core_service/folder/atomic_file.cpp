@@ -25,8 +25,9 @@ bool write_whole(const std::string& path, const std::string& text, sync how) {
     if (written <= 0) return false;
     done += static_cast<size_t>(written);
   }
-  // Or a machine that crashes may keep the rename that follows, and lose the text.
-  return how == sync::kNo || fsync(file.get()) == 0;
+  // Or a machine that crashes may keep the rename that follows, and lose the text. Where nothing
+  // can be synced (EINVAL), nothing is lost by going on.
+  return how == sync::kNo || fsync(file.get()) == 0 || errno == EINVAL;
 }
 
 }  // namespace
