@@ -22,10 +22,8 @@ constexpr uint8_t kLastType = 223;
 constexpr uint8_t kVersionBits = 0x80;
 constexpr uint8_t kPadded = 0x20;
 constexpr uint8_t kPictureLoss = 1;
-constexpr uint8_t kFullIntraRequest = 4;
 constexpr uint8_t kGenericNack = 1;
 constexpr uint8_t kTransportWide = 15;
-constexpr uint8_t kApplicationLayer = 15;
 constexpr uint8_t kCnameItem = 1;
 
 constexpr size_t kHeaderBytes = 4;
@@ -37,12 +35,6 @@ constexpr size_t kMaxNameBytes = 255;
 // Our source and the one that it is about.
 constexpr size_t kSourcesBytes = 2 * kSsrcBytes;
 constexpr size_t kNackEntryBytes = 4;
-// A name, and a word of the number of sources and the rate.
-constexpr uint32_t kRembName = 0x52454d42;
-constexpr size_t kRembBytes = 8;
-constexpr size_t kMaxRembSources = 255;
-constexpr uint64_t kMaxMantissa = 0x3ffff;
-constexpr unsigned kMantissaBits = 18;
 
 struct part {
   const uint8_t* bytes;
