@@ -16,7 +16,7 @@ def main():
         page = browser.open(f"{url}?auto={urllib.parse.quote('Ada Lovelace')}", script="")
         page.wait_for("document.body.dataset.state === 'recording'")
         page.wait_for("document.getElementById('self').videoWidth > 0")
-        page.screenshot(picture, 800, 660)
+        page.screenshot(picture, 800, 760)
         time.sleep(seconds)
         page.evaluate("document.getElementById('leave').click()")
         page.wait_for("document.body.dataset.state === 'left'")
