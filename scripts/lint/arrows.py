@@ -20,7 +20,7 @@ ROOMS = {
     "rec_engine": "include base packets protocol link",
     "recordings": "",
     "core_service/engine": "include base packets link",
-    "core_service/folder": "base",
+    "core_service/folder": "base recordings",
     "core_service/media": "base core_service/folder",
     "core_service/load": "base core_service/media",
     "core_service/task": "include base core_service/media",

@@ -17,6 +17,7 @@
 
 #include "core_service/folder/file_name.h"
 #include "core_service/folder/folder_share.h"
+#include "recordings/recording_folder.h"
 #include "support/temp_dir.h"
 
 namespace zelta::test {
@@ -62,10 +63,10 @@ TEST_F(FolderShareTest, EverySessionHasItsOwnUntilItEnds) {
   first.reset();
   EXPECT_EQ(fresh().manifest_name(), "recording.json");
   for (const folder_share* of : {&second, &third}) {
-    EXPECT_TRUE(folder_share::is_manifest_name(of->manifest_name()));
-    EXPECT_FALSE(folder_share::is_manifest_name(of->journal_name()));
+    EXPECT_TRUE(recordings::is_manifest_name(of->manifest_name()));
+    EXPECT_FALSE(recordings::is_manifest_name(of->journal_name()));
   }
-  EXPECT_FALSE(folder_share::is_manifest_name("recordings.json")) << "the application's own";
+  EXPECT_FALSE(recordings::is_manifest_name("recordings.json")) << "the application's own";
   const folder_share nowhere("/nonexistent/", me, false);
   EXPECT_EQ(nowhere.manifest_name(), "recording.json") << "writing it says what is wrong";
 }

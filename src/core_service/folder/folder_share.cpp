@@ -4,7 +4,6 @@
 #include <cerrno>
 #include <charconv>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <utility>
 
@@ -58,11 +57,6 @@ folder_share::folder_share(std::string folder, std::string session, bool recover
 
 std::string folder_share::session_name(unsigned uid, const std::string& channel_id) {
   return process_name(getppid()) + " " + std::to_string(uid) + " " + channel_id;
-}
-
-bool folder_share::is_manifest_name(const std::string& file_name) {
-  static const std::regex form(std::string(kManifest) + R"((_\d+)?\.json)");
-  return std::regex_match(file_name, form);
 }
 
 std::string folder_share::manifest_name() const {

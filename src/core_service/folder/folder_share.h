@@ -23,9 +23,6 @@ class folder_share {
   // engine's process, the recorder's uid as it was called for, and the channel.
   static std::string session_name(unsigned uid, const std::string& channel_id);
 
-  // Whether it is the name of a share's manifest, of whatever session.
-  static bool is_manifest_name(const std::string& file_name);
-
   const std::string& folder() const { return folder_; }
   const std::string& session() const { return session_; }
   std::string manifest_name() const;

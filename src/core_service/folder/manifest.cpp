@@ -14,8 +14,8 @@
 
 #include "base/clocks.h"
 #include "base/log.h"
-#include "core_service/folder/folder_share.h"
 #include "core_service/folder/leftover_files.h"
+#include "recordings/recording_folder.h"
 
 namespace zelta::core_service {
 namespace {
@@ -193,7 +193,7 @@ std::set<std::string> manifest::listed_elsewhere() const {
   const std::filesystem::directory_iterator end;
   for (std::filesystem::directory_iterator at(folder_, ignored); at != end; at.increment(ignored)) {
     const std::string name = at->path().filename().string();
-    if (!folder_share::is_manifest_name(name) || name == name_) continue;
+    if (!recordings::is_manifest_name(name) || name == name_) continue;
     try {
       std::ifstream file(at->path());
       const Json::Value root = parse(file);
