@@ -654,6 +654,29 @@ TEST(HttpThread, LetsHalfOfItsConnectionsLastAndNoMore) {
   EXPECT_EQ(one.hear().body, kLastChunk) << "it was neither cut off nor ended before";
 }
 
+// GLib lets go of a connection on a thread of its own when that is done last with its handshake.
+TEST(HttpListener, HearsOnItsOwnThreadThatAnotherLetGo) {
+  std::string error;
+  auto listener = http_listener::make("127.0.0.1", 0, nullptr, {}, error);
+  ASSERT_NE(listener, nullptr) << error;
+  context_ptr context(g_main_context_new());
+  std::vector<glib_ptr<GIOStream>> held;
+  listener->start(context.get(), [&held](GIOStream* stream, GSocketAddress*, GSocketAddress*) {
+    held.emplace_back(static_cast<GIOStream*>(g_object_ref(stream)));
+  });
+  const auto let_go_elsewhere = [&held] { std::thread([&held] { held.pop_back(); }).join(); };
+  const Client first(listener->port());
+  const Client second(listener->port());
+  while (held.size() < 2) g_main_context_iteration(context.get(), TRUE);
+  let_go_elsewhere();
+  EXPECT_EQ(listener->count(), 2U) << "changed by a thread that isn't its own";
+  while (listener->count() == 2) g_main_context_iteration(context.get(), TRUE);
+  EXPECT_EQ(listener->count(), 1U);
+  context.reset();
+  listener.reset();
+  let_go_elsewhere();  // of one who outlives it
+}
+
 // ---- Names ---------------------------------------------------------------------------------
 
 TEST(UserId, IsTheNumberOrTheHashOfAName) {

@@ -2,6 +2,8 @@
 #include "core_service/channel/whip/http_listener.h"
 
 #include <algorithm>
+#include <atomic>
+#include <mutex>
 #include <utility>
 
 #include <netinet/in.h>
@@ -52,14 +54,78 @@ int port_of(GSocket* socket) {
 struct http_listener::connection {
   http_listener* owner;
   glib_ptr<GSocket> socket;
-  // Lets go of its descriptor when the last who holds it does.
-  GObject* stream;
   glib_ptr<GSocketAddress> remote;
   glib_ptr<GIOStream> shaking;  // TLS over it, until the handshake is done
   source_ptr time_over;
   source_ptr hello;
   bool is_cut = false;
   bool is_held = false;
+};
+
+// Hears that a stream is gone from whoever let go of it last, on that one's thread: it is GLib's
+// behind a handshake. Tells the listener on the thread of the context.
+class http_listener::departures {
+ public:
+  departures(GMainContext* context, http_listener& listener)
+      : context_(g_main_context_ref(context)), wake_(g_source_new(&kFunctions, sizeof(GSource))) {
+    g_source_set_callback(wake_.get(), tell, &listener, nullptr);
+    g_source_attach(wake_.get(), context_.get());
+  }
+
+  static void await(const std::shared_ptr<departures>& to, connection& one, GObject* stream) {
+    auto* const note = new notice;
+    note->one = &one;
+    note->to = to;
+    // GLib hands it on by locks of its own, which those who look for races don't see.
+    note->is_written.store(true, std::memory_order_release);
+    g_object_weak_ref(stream, on_gone, note);
+  }
+  // Behind the last iteration of the context: the listener hears nothing more.
+  void close() {
+    const std::lock_guard<std::mutex> hold(lock_);
+    wake_.reset();
+  }
+
+ private:
+  struct notice {
+    std::atomic<bool> is_written{false};
+    connection* one = nullptr;
+    std::shared_ptr<departures> to;
+  };
+
+  static void on_gone(gpointer data, GObject* /*stream*/) {
+    const std::unique_ptr<notice> note(static_cast<notice*>(data));
+    if (note->is_written.load(std::memory_order_acquire)) note->to->add(note->one);
+  }
+
+  void add(connection* one) {
+    const std::lock_guard<std::mutex> hold(lock_);
+    if (!wake_) return;
+    gone_.push_back(one);
+    g_source_set_ready_time(wake_.get(), 0);
+  }
+
+  std::vector<connection*> take() {
+    const std::lock_guard<std::mutex> hold(lock_);
+    g_source_set_ready_time(wake_.get(), -1);
+    return std::exchange(gone_, {});
+  }
+
+  static gboolean tell(gpointer data) {
+    auto& listener = *static_cast<http_listener*>(data);
+    listener.forget(listener.departures_->take());
+    return G_SOURCE_CONTINUE;
+  }
+
+  static gboolean dispatch(GSource* /*source*/, GSourceFunc callback, gpointer data) {
+    return callback(data);
+  }
+  inline static GSourceFuncs kFunctions{nullptr, nullptr, dispatch, nullptr, nullptr, nullptr};
+
+  const context_ptr context_;
+  std::mutex lock_;
+  std::vector<connection*> gone_;
+  source_ptr wake_;
 };
 
 std::unique_ptr<http_listener> http_listener::make(const std::string& address, int port,
@@ -97,12 +163,13 @@ http_listener::http_listener(glib_ptr<GSocket> socket, int port,
       limits_(bounds) {}
 
 http_listener::~http_listener() {
-  for (connection& one : open_) g_object_weak_unref(one.stream, on_gone, &one);
+  if (departures_) departures_->close();
 }
 
 void http_listener::start(GMainContext* context, take_connection take) {
   context_ = context;
   take_ = std::move(take);
+  departures_ = std::make_shared<departures>(context, *this);
   accept_later();
 }
 
@@ -213,9 +280,10 @@ void http_listener::take_in(glib_ptr<GSocket> socket) {
   g_socket_set_blocking(socket.get(), FALSE);
   const glib_ptr<GIOStream> stream(
       G_IO_STREAM(g_socket_connection_factory_create_connection(socket.get())));
-  open_.push_back({this, std::move(socket), G_OBJECT(stream.get()), std::move(remote), {}, {}, {}});
+  open_.push_back({this, std::move(socket), std::move(remote), {}, {}, {}});
   connection& one = open_.back();
-  g_object_weak_ref(one.stream, on_gone, &one);
+  // Its descriptor is let go of when the last who holds it does.
+  departures::await(departures_, one, G_OBJECT(stream.get()));
   if (certificate_) {
     await_hello(one, stream.get());
   } else {
@@ -261,15 +329,11 @@ gboolean http_listener::on_time_over(gpointer one) {
   return G_SOURCE_REMOVE;
 }
 
-void http_listener::on_gone(gpointer gone, GObject* /*stream*/) {
-  auto* const one = static_cast<connection*>(gone);
-  http_listener& listener = *one->owner;
-  for (auto at = listener.open_.begin(); at != listener.open_.end(); ++at) {
-    if (&*at != one) continue;
-    listener.open_.erase(at);
-    break;
-  }
-  listener.accept_later();
+void http_listener::forget(const std::vector<connection*>& gone) {
+  open_.remove_if([&gone](const connection& one) {
+    return std::find(gone.begin(), gone.end(), &one) != gone.end();
+  });
+  accept_later();
 }
 
 }  // namespace zelta::core_service

@@ -10,6 +10,7 @@
 #include <list>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "core_service/channel/glib.h"
 
@@ -37,7 +38,7 @@ class http_listener {
                                              const limits& bounds, std::string& error);
   http_listener(const http_listener&) = delete;
   http_listener& operator=(const http_listener&) = delete;
-  // Connections have to be gone, see count().
+  // Behind the last iteration of the context. Connections that somebody still holds are forgotten.
   ~http_listener();
 
   // Any thread.
@@ -61,6 +62,7 @@ class http_listener {
 
  private:
   struct connection;
+  class departures;
   http_listener(glib_ptr<GSocket> socket, int port, glib_ptr<GTlsCertificate> certificate,
                 const limits& bounds);
 
@@ -78,7 +80,7 @@ class http_listener {
   static gboolean on_hello(GSocket* socket, GIOCondition condition, gpointer one);
   static gboolean on_time_over(gpointer one);
   static void on_handshaken(GObject* stream, GAsyncResult* result, gpointer one);
-  static void on_gone(gpointer one, GObject* stream);
+  void forget(const std::vector<connection*>& gone);
 
   const glib_ptr<GSocket> socket_;
   const int port_;
@@ -90,6 +92,7 @@ class http_listener {
   source_ptr accepting_;
   source_ptr retry_;
   std::list<connection> open_;  // in the order in which they came
+  std::shared_ptr<departures> departures_;
 };
 
 }  // namespace zelta::core_service
