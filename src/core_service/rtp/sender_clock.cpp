@@ -135,9 +135,14 @@ media_time sender_clock::aim(media_time now) {
     refused_ = absolute(lead_) > kMostLead;
     if (refused_) lead_ = {};
     bounded_ = !proven_ && absolute(lead_) > most_unproven_;
-    if (bounded_) lead_ = std::clamp(lead_, -most_unproven_, most_unproven_);
+    if (bounded_) lead_ = believable(lead_);
   }
   return by_arrival + lead_;
+}
+
+media_time sender_clock::believable(media_time lead) const {
+  if (absolute(lead) > kWrongBeyond * most_unproven_) return {};
+  return std::clamp(lead, -most_unproven_, most_unproven_);
 }
 
 bool sender_clock::first_by_reports() {

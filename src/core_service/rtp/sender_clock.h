@@ -44,9 +44,12 @@ class sender_clock {
   // Browsers' first reports of sound may be wrong by hundreds of milliseconds: seen with Chromium,
   // whose second one, 3 to 6 s later, was right, and whose right ones move sound by 20 to 50 ms.
   static constexpr media::media_time kMostOfSound = std::chrono::milliseconds(30);
+  // One that says so many times as much is such a wrong one, and moves nothing: sound would stand
+  // that much away from where its packets rightly lay it.
+  static constexpr int kWrongBeyond = 3;
 
   // `clock_rate`: of the timestamps, in Hz. `sender` is borrowed. `most_unproven`: a report that no
-  // other agrees with moves the stream by no more than that.
+  // other agrees with moves the stream by no more than that, and not at all if it says much more.
   sender_clock(uint32_t clock_rate, sender_clocks& sender,
                media::media_time most_unproven = media::media_time::max());
 
@@ -75,6 +78,8 @@ class sender_clock {
   placement begin(uint32_t timestamp, media::media_time arrival);
   // What is to be added to media times. Brings the floor on.
   media::media_time aim(media::media_time now);
+  // Of what a report says that none agrees with.
+  media::media_time believable(media::media_time lead) const;
   bool first_by_reports();
   media::media_time span_of(int64_t ticks) const;
 

@@ -177,7 +177,7 @@ TEST(SenderClockTest, WrongReportMovesSoundLittleAndNeverForLong) {
   // Which reports are wrong, by how much, and how far from where it belongs sound is at most:
   // before any is proven, and from then on.
   const std::tuple<std::vector<int>, media_time, double, double> rows[] = {
-      {{}, 0ms, 60, 10},    {{0}, 300ms, 60, 10},     {{0}, -300ms, 110, 10},
+      {{}, 0ms, 60, 10},    {{0}, 300ms, 60, 10},     {{0}, -300ms, 60, 10},
       {{2}, 300ms, 60, 10}, {{4, 6}, -700ms, 60, 10}, {{0, 2}, 300ms, 60, 10},
   };
   for (const auto& [wrong, by, unproven, proven] : rows) {
