@@ -19,6 +19,7 @@ ROOMS = {
     "link": "base packets",
     "rec_engine": "include base packets protocol link",
     "recordings": "",
+    "metrics": "",
     "core_service/engine": "include base packets link",
     "core_service/folder": "base recordings",
     "core_service/media": "base core_service/folder",

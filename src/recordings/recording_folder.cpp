@@ -31,6 +31,14 @@ std::map<uint32_t, Value> by_user(const Json::Value& object) {
   return made;
 }
 
+// None: not eight digits.
+std::optional<uint32_t> crc_of(const std::string& text) {
+  uint32_t crc = 0;
+  const char* const end = text.data() + text.size();
+  const auto [stopped, failed] = std::from_chars(text.data(), end, crc, 16);
+  return failed == std::errc() && stopped == end ? std::optional(crc) : std::nullopt;
+}
+
 media_file file_of(const Json::Value& entry, const manifest& of, const std::string& folder) {
   media_file made;
   made.name = entry["name"].asString();
@@ -44,11 +52,17 @@ media_file file_of(const Json::Value& entry, const manifest& of, const std::stri
   made.first_utc_ms = entry["first_utc_ms"].asInt64();
   made.last_utc_ms = entry["last_utc_ms"].asInt64();
   made.closed = entry["closed"].asString();
+  made.crc32 = crc_of(entry["crc32"].asString());
   struct stat status {};
   if (stat((folder + made.name).c_str(), &status) == 0) {
     made.bytes = static_cast<uint64_t>(status.st_size);
   }
   return made;
+}
+
+session session_of(const Json::Value& entry) {
+  return {entry["channel_id"].asString(), entry["began_utc_ms"].asInt64(),
+          entry["ended_utc_ms"].asInt64(), entry["ended"].asString()};
 }
 
 gap gap_of(const Json::Value& entry, const manifest& of) {
@@ -83,7 +97,13 @@ manifest read(const std::string& folder, const std::string& name) {
   made.names = by_user<std::string>(root["names"]);
   made.pictures = by_user<uint64_t>(root["pictures"]);
   made.messages = by_user<uint64_t>(root["messages"]);
-  for (const Json::Value& count : root["dropped_frames"]) made.dropped_frames += count.asUInt64();
+  made.lost_packets = by_user<uint64_t>(root["lost_packets"]);
+  const Json::Value& dropped = root["dropped_frames"];
+  made.dropped = {dropped["pictures"].asUInt64(), dropped["coded"].asUInt64(),
+                  dropped["sound"].asUInt64()};
+  for (const Json::Value& entry : root["sessions"]) made.sessions.push_back(session_of(entry));
+  made.lag_of_packets_ms = root["lag"]["packets_ms"].asInt64();
+  made.lag_of_disk_ms = root["lag"]["disk_ms"].asInt64();
   return made;
 }
 

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -26,6 +27,8 @@ struct media_file {
   int64_t last_utc_ms = 0;
   std::string closed;  // why; empty: it is being written, or its recorder is dead
   uint64_t bytes = 0;  // 0: it isn't there, either
+  // Of a file that was closed in order, of all bytes that it had then (ISO 3309).
+  std::optional<uint32_t> crc32;
 
   int64_t duration_ms() const { return last_utc_ms - first_utc_ms; }
 };
@@ -41,15 +44,36 @@ struct gap {
   int64_t until_utc_ms = 0;  // 0: to the end, or unknown
 };
 
+struct session {
+  std::string channel_id;
+  int64_t began_utc_ms = 0;
+  int64_t ended_utc_ms = 0;  // 0: it isn't, or its recorder is dead
+  std::string ended;         // why
+};
+
+// For the application, which was too slow.
+struct dropped_frames {
+  uint64_t pictures = 0;  // YUV and JPEG
+  uint64_t coded = 0;     // H.264
+  uint64_t sound = 0;     // PCM and AAC
+
+  uint64_t all() const { return pictures + coded + sound; }
+};
+
 struct manifest {
   std::string name;  // "recording.json", "recording_2.json", …
   std::string channel_id;
   std::vector<media_file> files;  // in the order of opening
   std::vector<gap> missing;
-  std::map<uint32_t, std::string> names;  // what users call themselves
-  std::map<uint32_t, uint64_t> pictures;  // captured in files
-  std::map<uint32_t, uint64_t> messages;  // lines of text
-  uint64_t dropped_frames = 0;            // for the application, which was too slow
+  std::map<uint32_t, std::string> names;      // what users call themselves
+  std::map<uint32_t, uint64_t> pictures;      // captured in files
+  std::map<uint32_t, uint64_t> messages;      // lines of text
+  std::map<uint32_t, uint64_t> lost_packets;  // that found no room in the recorder
+  recordings::dropped_frames dropped;
+  std::vector<session> sessions;  // in the order of time
+  // How far the recorder was behind what came when it last told.
+  int64_t lag_of_packets_ms = 0;
+  int64_t lag_of_disk_ms = 0;
 };
 
 // Those that can be read, in the order of their names; what can't is told in `errors`, a line each:

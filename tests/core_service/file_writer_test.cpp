@@ -3,6 +3,7 @@
 #include <cerrno>
 
 #include <gtest/gtest.h>
+#include <zlib.h>
 
 #include "core_service/files/file_writer.h"
 #include "support/temp_dir.h"
@@ -76,6 +77,12 @@ TEST_F(FileWriterTest, EverythingIsInPlaceWhenItSaysSo) {
   other->close(done());
   run();
   EXPECT_EQ(read_file(dir.path() + "other"), "oooooooooo");
+  for (const auto& [of, name] : {std::pair(one.get(), "one"), std::pair(other.get(), "other")}) {
+    const std::string text = read_file(dir.path() + name);
+    EXPECT_EQ(of->written_bytes(), text.size());
+    EXPECT_EQ(of->crc32(), crc32_z(0, reinterpret_cast<const Bytef*>(text.data()), text.size()))
+        << "also of what stands in place of something";
+  }
 }
 
 TEST_F(FileWriterTest, WhatFailsIsToldOnceAndNothingFollowsIt) {

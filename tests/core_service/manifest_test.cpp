@@ -20,7 +20,6 @@ namespace {
 
 using namespace std::chrono_literals;
 using core_service::manifest;
-using core_service::manifest_file;
 using core_service::state_writer;
 
 class ManifestTest : public ::testing::Test {
@@ -44,26 +43,30 @@ class ManifestTest : public ::testing::Test {
   state_writer writer{nullptr};
 };
 
-manifest_file named(const std::string& name) {
-  manifest_file file;
-  file.name = name;
-  return file;
+// As file_series tells it.
+void open_file(manifest& of, core_service::file_number number, const std::string& name) {
+  of.on_file_opened(number, {name, 1, 1000});
 }
 
 TEST_F(ManifestTest, SuccessorClosesWhatItsPredecessorWrote) {
   const core_service::missing_medium lost{"video", "dirac", "why"};
   {
     manifest first = of("room");
-    // Of user 1, 1920x1080, from 1000 to 3500 ms.
-    first.add({"1_x.mp4", "", 1, "video", "h264", "opus", 1920, 1080, 1000, 3500, ""});
-    first.at(first.add(manifest_file())).closed = "user left";
+    first.on_session_began(false);
+    open_file(first, 1, "1_x.mp4");
+    // 1920x1080, to 3500 ms.
+    first.on_file_progress(1, {"video", "h264", "opus", 1920, 1080, 1000, 3500, 4096});
+    open_file(first, 2, "1_y.mp4");
+    first.on_file_closed(2, {"user left", 0xabcU});
     EXPECT_TRUE(first.note_missing(1, lost));
     EXPECT_FALSE(first.note_missing(1, lost)) << "each reason once";
     saved(first);
   }
   manifest second = of("hall");
-  second.remove(second.add(manifest_file()));
-  second.add(named("new"));
+  second.on_session_began(false);
+  open_file(second, 1, "empty");
+  open_file(second, 2, "new");
+  second.on_file_dropped(1);
   EXPECT_TRUE(second.note_missing(1, lost)) << "in this session too";
   const Json::Value missing = saved(second)["missing"];
   ASSERT_EQ(missing.size(), 2U);
@@ -82,10 +85,11 @@ TEST_F(ManifestTest, SuccessorClosesWhatItsPredecessorWrote) {
   const Json::Value& files = last["files"];
   ASSERT_EQ(files.size(), 3U);
   EXPECT_EQ(fields(files[0], {"closed", "duration_ms", "width", "height", "kind", "video_codec",
-                              "audio_codec"}),
-            "recorder died 2500 1920 1080 video h264 opus");
-  EXPECT_EQ(fields(files[1], {"closed", "channel_id", "first_utc_ms", "duration_ms"}),
-            "user left room 0 0");
+                              "audio_codec", "bytes"}),
+            "recorder died 2500 1920 1080 video h264 opus 4096");
+  EXPECT_FALSE(files[0].isMember("crc32")) << "nobody has seen its last byte";
+  EXPECT_EQ(fields(files[1], {"closed", "channel_id", "first_utc_ms", "duration_ms", "crc32"}),
+            "user left room 1000 0 00000abc");
   EXPECT_EQ(fields(files[2], {"name", "channel_id"}), "new hall");
 }
 
@@ -96,7 +100,7 @@ TEST_F(ManifestTest, ChangedRowsAreSavedOnceAndWhatIsOverSaysWhen) {
   EXPECT_TRUE(written().isNull()) << "nothing has changed";
   ASSERT_TRUE(first.note_missing(7, lost));
   EXPECT_FALSE(first.note_missing(7, lost)) << "known";
-  first.count_lost_packets(7, 3);
+  first.on_packets_lost(7, 3);
   first.set_name(7, "Zoë");
   first.save_changes();
   Json::Value saved = written();
@@ -118,6 +122,33 @@ TEST_F(ManifestTest, ChangedRowsAreSavedOnceAndWhatIsOverSaysWhen) {
   EXPECT_EQ(written()["names"]["7"], "Zoë") << "the next session keeps it";
 }
 
+TEST_F(ManifestTest, SessionsSayWhenTheyEndedAndWhy) {
+  const auto last_of = [this](manifest& one) { return saved(one)["sessions"]; };
+  manifest first = of("room");
+  first.on_session_began(false);
+  EXPECT_EQ(fields(last_of(first)[0], {"channel_id", "ended"}), "room ");
+  EXPECT_FALSE(written()["sessions"][0].isMember("ended_utc_ms"));
+  manifest relaunched = of("room");
+  relaunched.on_session_began(true);
+  relaunched.on_session_ended("signal");
+  Json::Value sessions = last_of(relaunched);
+  ASSERT_EQ(sessions.size(), 1U) << "it went on with the one of its predecessor";
+  EXPECT_EQ(sessions[0]["ended"], "signal");
+  EXPECT_GE(sessions[0]["ended_utc_ms"].asInt64(), sessions[0]["began_utc_ms"].asInt64());
+  manifest killed = of("hall");
+  killed.on_session_began(true);
+  open_file(killed, 1, "x");
+  const int64_t last_ms = sessions[0]["ended_utc_ms"].asInt64() + 60'000;
+  killed.on_file_progress(1, {"video", "h264", "", 0, 0, 1000, last_ms, 0});
+  saved(killed);
+  manifest next = of("room");
+  next.on_session_began(false);
+  sessions = last_of(next);
+  ASSERT_EQ(sessions.size(), 3U);
+  EXPECT_EQ(fields(sessions[1], {"channel_id", "ended", "ended_utc_ms"}),
+            "hall recorder died " + std::to_string(last_ms));
+}
+
 TEST_F(ManifestTest, UnreadableOneIsKeptAside) {
   for (const char* broken : {"{\"files\":", "{\"files\":[5]}", "[1]"}) {
     dir.file("recording.json", broken);
@@ -135,10 +166,9 @@ TEST_F(ManifestTest, UnreadableOneIsKeptAside) {
 TEST_F(ManifestTest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
   {
     manifest died = of("room");
-    for (const char* const name :
-         {"1_20260131T235959000.mp4", "2_20260131T235959000.mp4", "moved_away_meanwhile.mp4"}) {
-      died.add(named(name));
-    }
+    open_file(died, 1, "1_20260131T235959000.mp4");
+    open_file(died, 2, "2_20260131T235959000.mp4");
+    open_file(died, 3, "moved_away_meanwhile.mp4");
     saved(died);
   }
   for (const char* const name :
@@ -175,6 +205,7 @@ TEST_F(ManifestTest, SuccessorFindsWhatWasNotWrittenDownAndDropsWhatIsEmpty) {
   EXPECT_EQ(fields(found, {"uid", "kind", "first_utc_ms"}), "4294967295 audio 1769903999123");
   EXPECT_GT(found["duration_ms"].asInt64(), 0) << "until it was written to last";
   EXPECT_EQ(files["mix_20260131T235959124.webm"]["uid"], 0);
+  EXPECT_EQ(files["1_20260131T235959000.mp4"]["bytes"], 5) << "more than was told";
   for (const auto& [name, kept] :
        {std::pair("2_20260131T235959000.mp4", false), std::pair("3_20260131T235959123.mp4", false),
         std::pair("6_20260131T235959123.mp4", true), std::pair("notes.mp4", true)}) {

@@ -149,11 +149,16 @@ TEST(SoundLine, ShortGapsStayWhereSilenceIsNotWanted) {
 
 TEST(VolumeMeter, GoesFromSilenceToFullScale) {
   media::volume_meter meter;
-  EXPECT_EQ(meter.read(), 0U);
+  media::volume_meter::mark one;
+  media::volume_meter::mark other;
+  EXPECT_EQ(meter.read(one), 0U);
   const std::vector<int16_t> square(960, 32767);
   meter.add(square.data(), square.size());
-  EXPECT_EQ(meter.read(), 255U);
-  EXPECT_EQ(meter.read(), 0U) << "only what came since";
+  EXPECT_EQ(meter.read(one), 255U);
+  EXPECT_EQ(meter.read(one), 0U) << "only what came since";
+  const std::vector<int16_t> silence(2880);
+  meter.add(silence.data(), silence.size());
+  EXPECT_EQ(meter.read(other), 180U) << "each reads at its own pace";
 }
 
 TEST(VolumeMeter, TakesTheSendersWordInPlaceOfSamples) {
@@ -163,8 +168,12 @@ TEST(VolumeMeter, TakesTheSendersWordInPlaceOfSamples) {
     return std::string(meter.wants(form::kCodedSound) ? "coded " : "") +
            (meter.wants(form::kSound) ? "samples" : "");
   };
+  using ask = media::volume_meter::ask;
+  media::volume_meter::mark since;
   EXPECT_EQ(wants(), "");
-  meter.ask(true);
+  meter.measure(ask::kWhatIsTold);
+  EXPECT_EQ(wants(), "coded ") << "nothing is decoded for it";
+  meter.measure(ask::kAll);
   EXPECT_EQ(wants(), "coded samples");
   media::encoded_unit unit;
   // So many dB below the loudest, and the volume: a square wave, a sine, half of it, and silence.
@@ -172,7 +181,7 @@ TEST(VolumeMeter, TakesTheSendersWordInPlaceOfSamples) {
   for (const auto& [level, volume] : rows) {
     unit.level = level;
     meter.on_coded_sound(unit);
-    EXPECT_EQ(meter.read(), volume) << int{level};
+    EXPECT_EQ(meter.read(since), volume) << int{level};
   }
   unit.level = 9;
   unit.duration = 20ms;
@@ -180,7 +189,7 @@ TEST(VolumeMeter, TakesTheSendersWordInPlaceOfSamples) {
   unit.level = 127;
   unit.duration = 60ms;
   meter.on_coded_sound(unit);
-  EXPECT_EQ(meter.read(), 64U) << "silence for three quarters of the time";
+  EXPECT_EQ(meter.read(since), 64U) << "silence for three quarters of the time";
   EXPECT_EQ(wants(), "coded ");
   unit.level.reset();
   meter.on_coded_sound(unit);
@@ -196,7 +205,7 @@ TEST(Consumers, TakeWhatIsNotLeftOutForThem) {
            (of.wants(form::kSound) ? "wants " : "") + (of.takes(form::kStills) ? "stills" : "");
   };
   EXPECT_EQ(said(all), "takes ");
-  meter->ask(true);
+  meter->measure(media::volume_meter::ask::kAll);
   EXPECT_EQ(said(all), "takes wants ");
   const media::consumers none = all.without(form::kSound).without(form::kCodedPictures);
   EXPECT_EQ(said(none), "");

@@ -48,7 +48,8 @@ TEST(Settings, AreTakenAsTheyAreWritten) {
 TEST(Settings, AreRefusedWithEveryErrorInWords) {
   const std::string users = " should be a whole number of 1 to 100000";
   const std::string from = " should be a whole number of 1024 to 65534";
-  const std::string unknown = ": no such setting; most_users, ports, sound, whip, janus are";
+  const std::string unknown =
+      ": no such setting; most_users, ports, sound, volumes, whip, janus are";
   const std::pair<std::string, lines> rows[] = {
       {R"({"ports": {"from": 80}})", {"ports.from: 80" + from}},
       {R"({"ports": {"from": 65535}})", {"ports.from: 65535" + from}},

@@ -7,7 +7,7 @@
 #include "base/event_loop.h"
 #include "base/logger.h"
 #include "core_service/files/file_writer.h"
-#include "core_service/folder/manifest.h"
+#include "core_service/folder/ledger.h"
 
 namespace zelta::core_service::files {
 
@@ -15,7 +15,7 @@ namespace zelta::core_service::files {
 struct destination {
   std::string folder;  // with its slash
   base::event_loop& loop;
-  core_service::manifest& manifest;
+  core_service::ledger& ledger;
   file_writer& disk;
   base::logger log;
 };

@@ -111,18 +111,18 @@ void file_series::on_sound_end(int stretch) {
 
 void file_series::on_done(int file, const std::string& error, bool disk) {
   const open_file& of = files_.at(file);
-  enter(of);
   if (of.file->empty()) {
     // A file without media only puzzles whoever finds it.
-    unlink((destination_.folder + destination_.manifest.at(of.entry).name).c_str());
-    destination_.manifest.remove(of.entry);
+    unlink(of.path.c_str());
+    destination_.ledger.dropped(of.number);
   } else {
+    tell_progress(of);
     const std::string why = text_of(of.why);
-    destination_.manifest.at(of.entry).closed = error.empty() ? why : why + ": " + error;
+    destination_.ledger.closed(of.number,
+                               {error.empty() ? why : why + ": " + error, of.file->crc32()});
   }
   files_.erase(file);
   plan_.on_file_end(file, !error.empty());
-  destination_.manifest.changed();
   if (!error.empty()) {
     destination_.log.error("a file ended: " + error);
     events_.failed(error, disk);
@@ -137,17 +137,18 @@ bool file_series::open(const series_plan::new_file& wanted) {
   of.holds = wanted.holds;
   const std::string name = claim_file(destination_.folder, settings_.prefix,
                                       utc_ms_of(wanted.begin), ending_of(wanted.holds.kind));
-  of.file = std::make_unique<media_file>(
-      destination_.folder + name, wanted.holds, destination_.loop, destination_.disk,
-      [this, file = wanted.number](const std::string& why, bool disk) {
-        on_done(file, why, disk);
-      });
+  of.path = destination_.folder + name;
+  of.file =
+      std::make_unique<media_file>(of.path, wanted.holds, destination_.loop, destination_.disk,
+                                   [this, file = wanted.number](const std::string& why, bool disk) {
+                                     on_done(file, why, disk);
+                                   });
   const bool encodes = wanted.begins_stretch && wanted.way != sound_way::kAsItCame;
   std::string error;
   std::shared_ptr<sound_encoder> encoder = encodes ? make_encoder(wanted, error) : nullptr;
   if (encodes && !encoder) {
+    unlink(of.path.c_str());
     files_.erase(wanted.number);
-    unlink((destination_.folder + name).c_str());
     destination_.log.error("can't be recorded: " + error);
     events_.failed(error, false);
     return false;
@@ -159,16 +160,10 @@ bool file_series::open(const series_plan::new_file& wanted) {
     video_format_ = wanted.format;
   }
   of.sound = wanted.way == sound_way::kAac ? "aac" : "opus";
-  manifest_file entry;
-  entry.name = name;
-  entry.uid = settings_.uid;
-  // Until the first media has come back from the file's own thread, and for good when the recorder
-  // dies before.
-  entry.first_utc_ms = entry.last_utc_ms = utc_ms_of(wanted.begin);
-  of.entry = destination_.manifest.add(entry);
+  of.begin_utc_ms = utc_ms_of(wanted.begin);
+  of.number = destination_.ledger.opened({name, settings_.uid, of.begin_utc_ms});
   if (wanted.begins_stretch) begin_sound(wanted, std::move(encoder));
-  update_manifest();
-  destination_.manifest.changed();
+  tell_progress(of);
   return true;
 }
 
@@ -278,25 +273,27 @@ void file_series::write_sound(const waiting_sound& next) {
   if (file != 0) files_.at(file).file->write(media_kind::kAudio, next.sample);
 }
 
-// ---- The manifest --------------------------------------------------------------------------
+// ---- The ledger ----------------------------------------------------------------------------
 
-void file_series::update_manifest() {
-  for (const auto& [number, of] : files_) enter(of);
+void file_series::tell_progress() {
+  for (const auto& [number, of] : files_) tell_progress(of);
 }
 
-void file_series::enter(const open_file& of) {
-  manifest_file& entry = destination_.manifest.at(of.entry);
-  entry.kind = !of.holds.video ? "audio" : of.holds.sound ? "audio_video" : "video";
-  if (of.holds.sound) entry.audio_codec = of.sound;
+void file_series::tell_progress(const open_file& of) {
+  file_progress is;
+  is.kind = !of.holds.video ? "audio" : of.holds.sound ? "audio_video" : "video";
+  if (of.holds.sound) is.audio_codec = of.sound;
   if (of.video != nullptr) {
-    entry.video_codec = of.video->name;
+    is.video_codec = of.video->name;
     const GstStructure* const fields = gst_caps_get_structure(of.video_caps.get(), 0);
-    gst_structure_get_int(fields, "width", &entry.width);
-    gst_structure_get_int(fields, "height", &entry.height);
+    gst_structure_get_int(fields, "width", &is.width);
+    gst_structure_get_int(fields, "height", &is.height);
   }
-  if (of.file->empty()) return;
-  entry.first_utc_ms = utc_ms_of(of.file->first());
-  entry.last_utc_ms = utc_ms_of(of.file->last());
+  const bool empty = of.file->empty();
+  is.first_utc_ms = empty ? of.begin_utc_ms : utc_ms_of(of.file->first());
+  is.last_utc_ms = empty ? of.begin_utc_ms : utc_ms_of(of.file->last());
+  is.bytes = of.file->bytes();
+  destination_.ledger.progress(of.number, is);
 }
 
 }  // namespace zelta::core_service::files

@@ -25,7 +25,7 @@
 #include "core_service/files/end_reason.h"
 #include "core_service/files/media_file.h"
 #include "core_service/files/series_plan.h"
-#include "core_service/folder/manifest.h"
+#include "core_service/folder/ledger.h"
 #include "core_service/media/format_caps.h"
 #include "core_service/media/opus_line.h"
 #include "core_service/media/sound_encoder.h"
@@ -93,14 +93,16 @@ class file_series final : private series_plan::executor {
   void on_video(const media::media_sample& sample, const media::codec& kind);
   // Several times a second: what doesn't come has to be noticed as well.
   void tick();
-  // Writes the state of the files into the manifest's entries.
-  void update_manifest();
+  // Tells the ledger how far the files are.
+  void tell_progress();
 
  private:
   struct open_file {
     std::unique_ptr<media_file> file;
     file_contents holds;
-    size_t entry = 0;
+    file_number number = 0;  // in the ledger
+    int64_t begin_utc_ms = 0;
+    std::string path;
     media::caps_ptr video_caps;
     const media::codec* video = nullptr;
     const char* sound = "";  // its codec
@@ -136,7 +138,7 @@ class file_series final : private series_plan::executor {
   void on_sound_end(int stretch);
   void write_sound(const waiting_sound& next);
   void on_done(int file, const std::string& error, bool disk);
-  void enter(const open_file& of);
+  void tell_progress(const open_file& of);
 
   const series_settings settings_;
   const destination destination_;

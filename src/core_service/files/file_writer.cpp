@@ -17,6 +17,7 @@
 #include <unistd.h>
 
 #include "base/unique_fd.h"
+#include "core_service/files/running_checksum.h"
 
 namespace zelta::core_service::files {
 namespace {
@@ -77,6 +78,19 @@ int end_line(int fd) {
   return last == '\n' ? 0 : write_all(fd, &end, 1);
 }
 
+// All that the piece will stand in place of.
+bool read_former(int fd, const piece& one, std::vector<uint8_t>& former) {
+  former.resize(one.overwrite.size());
+  for (size_t done = 0; done < former.size();) {
+    const ssize_t got =
+        ::pread(fd, former.data() + done, former.size() - done, static_cast<off_t>(one.at + done));
+    if (got < 0 && errno == EINTR) continue;
+    if (got <= 0) return false;
+    done += static_cast<size_t>(got);
+  }
+  return true;
+}
+
 int overwrite_all(int fd, const piece& one) {
   for (size_t done = 0; done < one.overwrite.size();) {
     const ssize_t put = ::pwrite(fd, one.overwrite.data() + done, one.overwrite.size() - done,
@@ -100,6 +114,7 @@ struct output::state {
   std::shared_ptr<int> life = std::make_shared<int>(0);
   std::atomic<size_t> waiting_bytes{0};
   std::atomic<bool> dropped{false};
+  std::atomic<uint64_t> written_bytes{0};
 
   // The worker's lock guards these.
   std::deque<piece> pieces;
@@ -111,6 +126,9 @@ struct output::state {
   bool opened = false;
   bool told = false;
   int error = 0;
+  // Of interest to others once the file is closed.
+  running_checksum sum;
+  bool sum_is_known = true;
 };
 
 class file_writer::worker {
@@ -177,7 +195,7 @@ class file_writer::worker {
         const piece one = std::move(pieces.front());
         pieces.pop_front();
         if (one.close) return close(of);
-        of->error = overwrite_all(of->fd.get(), one);
+        overwrite(*of, one);
       }
     }
     if (of->error != 0) fail(of);
@@ -185,7 +203,7 @@ class file_writer::worker {
 
   void open(output::state& of) {
     const bool behind = of.where == placement::kNextLine;
-    const int how = behind ? O_RDWR | O_APPEND : O_WRONLY;
+    const int how = behind ? O_RDWR | O_APPEND : O_RDWR;
     of.fd.reset(::open(of.path.c_str(), how | O_CREAT | O_CLOEXEC, kReadable));
     if (!of.fd.valid()) of.error = errno;
     if (of.fd.valid() && behind) of.error = end_line(of.fd.get());
@@ -201,10 +219,21 @@ class file_writer::worker {
       parts[count] = maps.emplace_back(one.append.get()).span();
       bytes += parts[count++].iov_len;
     }
+    for (size_t i = 0; i < count; ++i) of.sum.append(parts[i].iov_base, parts[i].iov_len);
     of.error = write_all(of.fd.get(), parts.data(), count);
+    if (of.error == 0) of.written_bytes += bytes;
     maps.clear();
     pieces.erase(pieces.begin(), pieces.begin() + static_cast<std::ptrdiff_t>(count));
     of.waiting_bytes -= bytes;
+  }
+
+  void overwrite(output::state& of, const piece& one) {
+    std::vector<uint8_t> former;
+    of.sum_is_known = of.sum_is_known && read_former(of.fd.get(), one, former);
+    of.error = overwrite_all(of.fd.get(), one);
+    if (of.sum_is_known) {
+      of.sum.overwrite(one.at, former.data(), one.overwrite.data(), former.size());
+    }
   }
 
   void close(const std::shared_ptr<output::state>& of) {
@@ -291,6 +320,14 @@ void output::close(std::function<void()> done) {
 
 size_t output::waiting_bytes() const {
   return state_->waiting_bytes;
+}
+
+uint64_t output::written_bytes() const {
+  return state_->written_bytes;
+}
+
+std::optional<uint32_t> output::crc32() const {
+  return state_->sum_is_known ? std::optional(state_->sum.crc32()) : std::nullopt;
 }
 
 }  // namespace zelta::core_service::files

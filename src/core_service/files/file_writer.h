@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -65,6 +66,11 @@ class output {
   void close(std::function<void()> done);
   // Bytes that are not in the file yet.
   size_t waiting_bytes() const;
+  // Those that are, as far as they came from here.
+  uint64_t written_bytes() const;
+  // Of them, see running_checksum; once `done` of close() has come. None: something that was to be
+  // written over could not be read.
+  std::optional<uint32_t> crc32() const;
 
  private:
   const std::shared_ptr<file_writer::worker> worker_;

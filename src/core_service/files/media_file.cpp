@@ -74,6 +74,8 @@ void media_file::abandon() {
 
 void media_file::give_up(const std::string& why, bool disk) {
   if (std::exchange(ended_, true)) return;
+  bytes_ = output_->written_bytes();
+  if (why.empty()) crc32_ = output_->crc32();
   output_.reset();
   const done_callback done = done_;
   done(why, disk);

@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "base/poster.h"
@@ -46,6 +47,10 @@ class media_file {
   media::media_time first() const { return first_; }
   media::media_time last() const { return last_; }
   bool empty() const { return !written_; }
+  // In the file.
+  uint64_t bytes() const { return output_ ? output_->written_bytes() : bytes_; }
+  // See running_checksum; once it is complete.
+  std::optional<uint32_t> crc32() const { return crc32_; }
 
  private:
   // Ends the file: with all of it where `why` is empty.
@@ -59,6 +64,8 @@ class media_file {
   bool written_ = false;
   media::media_time first_{};
   media::media_time last_{};
+  uint64_t bytes_ = 0;
+  std::optional<uint32_t> crc32_;
   const std::unique_ptr<media::muxer> muxer_;
   bool completing_ = false;
   std::unique_ptr<output> output_;

@@ -11,19 +11,16 @@
 
 namespace zelta::core_service::files {
 
-stills_consumer::stills_consumer(uint32_t uid, std::string folder, manifest& files,
+stills_consumer::stills_consumer(uint32_t uid, std::string folder, ledger& to,
                                  base::event_loop& loop, events told)
-    : uid_(uid),
-      folder_(std::move(folder)),
-      files_(files),
-      events_(std::move(told)),
-      poster_(loop) {}
+    : uid_(uid), folder_(std::move(folder)), ledger_(to), events_(std::move(told)), poster_(loop) {}
 
 // Written under another name first, so that whoever looks for pictures finds whole ones.
 void stills_consumer::on_still(const media::media_sample& sample, int /*rotation*/) {
   if (!serves_) return;
-  const std::string path = folder_ + claim_file(folder_, std::to_string(uid_),
-                                                media::utc_ms_of(sample.time), ".jpg", ".new");
+  const std::string name =
+      claim_file(folder_, std::to_string(uid_), media::utc_ms_of(sample.time), ".jpg", ".new");
+  const std::string path = folder_ + name;
   const std::string fresh = path + ".new";
   GstMapInfo map{};
   if (gst_buffer_map(sample.buffer.get(), &map, GST_MAP_READ) == FALSE) return;
@@ -33,8 +30,8 @@ void stills_consumer::on_still(const media::media_sample& sample, int /*rotation
   written = file != nullptr && std::fclose(file) == 0 && written;
   gst_buffer_unmap(sample.buffer.get(), &map);
   written = written && std::rename(fresh.c_str(), path.c_str()) == 0;
-  poster_.post([this, written, path, error = errno] {
-    if (written) return files_.count_picture(uid_);
+  poster_.post([this, written, name, path, error = errno] {
+    if (written) return ledger_.picture({name, uid_});
     std::remove((path + ".new").c_str());
     if (!is_shortage(error)) {
       return events_.failed("can't write " + path + ": " + std::strerror(error));

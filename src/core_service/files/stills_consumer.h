@@ -8,7 +8,7 @@
 #include <string>
 
 #include "base/poster.h"
-#include "core_service/folder/manifest.h"
+#include "core_service/folder/ledger.h"
 #include "core_service/folder/missing_medium.h"
 #include "core_service/media/consumer.h"
 
@@ -23,8 +23,8 @@ class stills_consumer final : public media::consumer {
     std::function<void(const missing_medium& what)> missing;
   };
 
-  // Into `folder`, with its slash. Manifest and loop are borrowed.
-  stills_consumer(uint32_t uid, std::string folder, manifest& files, base::event_loop& loop,
+  // Into `folder`, with its slash. Ledger and loop are borrowed.
+  stills_consumer(uint32_t uid, std::string folder, ledger& to, base::event_loop& loop,
                   events told);
 
   bool takes(media::form what) const override { return what == media::form::kStills; }
@@ -39,7 +39,7 @@ class stills_consumer final : public media::consumer {
  private:
   const uint32_t uid_;
   const std::string folder_;
-  manifest& files_;
+  ledger& ledger_;
   const events events_;
   const base::poster poster_;
   std::atomic<bool> serves_{false};

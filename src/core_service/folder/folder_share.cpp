@@ -71,6 +71,10 @@ std::string folder_share::messages_name() const {
   return numbered("messages", number_, ".jsonl");
 }
 
+std::string folder_share::volumes_name() const {
+  return numbered("volumes", number_, ".jsonl");
+}
+
 // The first's is the folder itself, which most sessions have alone.
 std::string folder_share::lock_path() const {
   return number_ == 1 ? folder_ : folder_ + numbered(".recording", number_, ".lock");

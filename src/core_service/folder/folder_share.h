@@ -29,6 +29,8 @@ class folder_share {
   std::string journal_name() const;
   // Of what users write.
   std::string messages_name() const;
+  // Of how loud they are.
+  std::string volumes_name() const;
 
  private:
   std::string lock_path() const;

@@ -35,15 +35,15 @@ std::optional<manifest_file> file_of_name(const std::string& name) {
   begin.tm_min = number(6);
   begin.tm_sec = number(7);
   manifest_file f;
-  f.name = name;
+  f.opened.name = name;
   const uint64_t uid = parts[1] == "mix" ? 0 : std::stoull(parts[1]);
   if (uid > UINT32_MAX) return std::nullopt;
-  f.uid = static_cast<uint32_t>(uid);
-  f.first_utc_ms = int64_t{timegm(&begin)} * 1000 + number(8);
+  f.opened.uid = static_cast<uint32_t>(uid);
+  f.is.first_utc_ms = int64_t{timegm(&begin)} * 1000 + number(8);
   const std::string ending = parts[9];
-  f.kind = ending == "m4a" ? "audio" : "audio_video";
-  f.video_codec = ending == "mp4" ? "h264" : "";
-  f.audio_codec = ending == "webm" ? "opus" : "aac";
+  f.is.kind = ending == "m4a" ? "audio" : "audio_video";
+  f.is.video_codec = ending == "mp4" ? "h264" : "";
+  f.is.audio_codec = ending == "webm" ? "opus" : "aac";
   return f;
 }
 
@@ -58,8 +58,8 @@ bool in_use(const std::string& path) {
 
 }  // namespace
 
-std::vector<leftover_file> leftover_files(const std::string& folder) {
-  std::vector<leftover_file> all;
+std::vector<manifest_file> leftover_files(const std::string& folder) {
+  std::vector<manifest_file> all;
   std::error_code ignored;
   const std::filesystem::directory_iterator end;
   for (std::filesystem::directory_iterator at(folder, ignored); at != end; at.increment(ignored)) {
@@ -69,8 +69,9 @@ std::vector<leftover_file> leftover_files(const std::string& folder) {
     const bool ours = found && stat(path.c_str(), &status) == 0 && S_ISREG(status.st_mode);
     if (!ours || in_use(path)) continue;
     const int64_t written_ms = status.st_mtim.tv_sec * 1000 + status.st_mtim.tv_nsec / 1'000'000;
-    found->last_utc_ms = std::max(found->first_utc_ms, written_ms);
-    all.push_back({std::move(*found), status.st_size == 0});
+    found->is.last_utc_ms = std::max(found->is.first_utc_ms, written_ms);
+    found->is.bytes = static_cast<uint64_t>(status.st_size);
+    all.push_back(std::move(*found));
   }
   return all;
 }

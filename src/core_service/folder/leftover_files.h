@@ -9,13 +9,8 @@
 
 namespace zelta::core_service {
 
-struct leftover_file {
-  // As far as the name tells: uid, begin, container; and until when it was written.
-  manifest_file file;
-  bool empty = false;
-};
-
-// Those in `folder` (with its slash) that no process has open. None when it can't be read.
-std::vector<leftover_file> leftover_files(const std::string& folder);
+// Those in `folder` (with its slash) that no process has open, as far as names tell: uid, begin,
+// container; and until when it was written, and how much. None when it can't be read.
+std::vector<manifest_file> leftover_files(const std::string& folder);
 
 }  // namespace zelta::core_service

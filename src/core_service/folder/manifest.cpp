@@ -2,6 +2,7 @@
 #include "core_service/folder/manifest.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -28,6 +29,20 @@ constexpr size_t kMostMissing = 1000;
 constexpr size_t kMostRemembered = 10'000;
 constexpr size_t kLongestReason = 1000;
 
+// Eight digits, as tools that reckon it show it.
+std::string hex(uint32_t crc) {
+  char text[9];
+  std::snprintf(text, sizeof text, "%08x", crc);
+  return text;
+}
+
+std::optional<uint32_t> crc_from_hex(const std::string& text) {
+  uint32_t crc = 0;
+  const char* const end = text.data() + text.size();
+  const auto [stopped, failed] = std::from_chars(text.data(), end, crc, 16);
+  return failed == std::errc() && stopped == end ? std::optional(crc) : std::nullopt;
+}
+
 template <class T>
 Json::Value to_json(const std::map<uint32_t, T>& by_user) {
   Json::Value v(Json::objectValue);
@@ -46,35 +61,53 @@ std::map<uint32_t, T> by_user_from_json(const Json::Value& v) {
 
 Json::Value to_json(const manifest_file& f) {
   Json::Value v(Json::objectValue);
-  v["name"] = f.name;
+  v["name"] = f.opened.name;
   v["channel_id"] = f.channel_id;
-  v["uid"] = f.uid;
-  v["kind"] = f.kind;
-  v["video_codec"] = f.video_codec;
-  v["audio_codec"] = f.audio_codec;
-  v["width"] = f.width;
-  v["height"] = f.height;
-  v["first_utc_ms"] = Json::Int64{f.first_utc_ms};
-  v["last_utc_ms"] = Json::Int64{f.last_utc_ms};
-  v["duration_ms"] = Json::Int64{std::max<int64_t>(f.last_utc_ms - f.first_utc_ms, 0)};
-  v["closed"] = f.closed;
+  v["uid"] = f.opened.uid;
+  v["kind"] = f.is.kind;
+  v["video_codec"] = f.is.video_codec;
+  v["audio_codec"] = f.is.audio_codec;
+  v["width"] = f.is.width;
+  v["height"] = f.is.height;
+  v["first_utc_ms"] = Json::Int64{f.is.first_utc_ms};
+  v["last_utc_ms"] = Json::Int64{f.is.last_utc_ms};
+  v["duration_ms"] = Json::Int64{std::max<int64_t>(f.is.last_utc_ms - f.is.first_utc_ms, 0)};
+  v["bytes"] = Json::UInt64{f.is.bytes};
+  v["closed"] = f.end.reason;
+  if (f.end.crc32) v["crc32"] = hex(*f.end.crc32);
   return v;
 }
 
-manifest_file from_json(const Json::Value& v, const Json::Value& channel_id) {
+manifest_file file_from_json(const Json::Value& v, const Json::Value& channel_id) {
   manifest_file f;
-  f.name = v.get("name", "").asString();
+  f.opened.name = v.get("name", "").asString();
   f.channel_id = v.get("channel_id", channel_id).asString();
-  f.uid = v.get("uid", 0U).asUInt();
-  f.kind = v.get("kind", "").asString();
-  f.video_codec = v.get("video_codec", "").asString();
-  f.audio_codec = v.get("audio_codec", "").asString();
-  f.width = v.get("width", 0).asInt();
-  f.height = v.get("height", 0).asInt();
-  f.first_utc_ms = v.get("first_utc_ms", Json::Int64{0}).asInt64();
-  f.last_utc_ms = v.get("last_utc_ms", Json::Int64{0}).asInt64();
-  f.closed = v.get("closed", "").asString();
+  f.opened.uid = v.get("uid", 0U).asUInt();
+  f.is.kind = v.get("kind", "").asString();
+  f.is.video_codec = v.get("video_codec", "").asString();
+  f.is.audio_codec = v.get("audio_codec", "").asString();
+  f.is.width = v.get("width", 0).asInt();
+  f.is.height = v.get("height", 0).asInt();
+  f.is.first_utc_ms = v.get("first_utc_ms", Json::Int64{0}).asInt64();
+  f.is.last_utc_ms = v.get("last_utc_ms", Json::Int64{0}).asInt64();
+  f.is.bytes = v.get("bytes", 0U).asUInt64();
+  f.end.reason = v.get("closed", "").asString();
+  f.end.crc32 = crc_from_hex(v.get("crc32", "").asString());
   return f;
+}
+
+Json::Value to_json(const manifest_session& one) {
+  Json::Value v(Json::objectValue);
+  v["channel_id"] = one.channel_id;
+  v["began_utc_ms"] = Json::Int64{one.began_utc_ms};
+  if (one.ended_utc_ms != 0) v["ended_utc_ms"] = Json::Int64{one.ended_utc_ms};
+  v["ended"] = one.ended;
+  return v;
+}
+
+manifest_session session_from_json(const Json::Value& v) {
+  return {v.get("channel_id", "").asString(), v.get("began_utc_ms", Json::Int64{0}).asInt64(),
+          v.get("ended_utc_ms", Json::Int64{0}).asInt64(), v.get("ended", "").asString()};
 }
 
 Json::Value to_json(const manifest_gap& gap) {
@@ -130,7 +163,10 @@ void manifest::load() {
   if (!file) return;
   try {
     const Json::Value root = parse(file);
-    for (const Json::Value& entry : root["files"]) add(from_json(entry, root["channel_id"]));
+    for (const Json::Value& entry : root["files"]) add(file_from_json(entry, root["channel_id"]));
+    for (const Json::Value& entry : root["sessions"]) {
+      sessions_.push_back(session_from_json(entry));
+    }
     for (const Json::Value& entry : root["missing"]) missing_.push_back(gap_from_json(entry));
     missing_before_ = missing_.size();
     missing_before_of_last_ = root.get("missing_before", 0U).asUInt();
@@ -144,6 +180,7 @@ void manifest::load() {
     dropped_ = dropped_before_;
   } catch (const std::exception& e) {
     files_.clear();
+    sessions_.clear();
     names_.clear();
     pictures_.clear();
     messages_.clear();
@@ -156,7 +193,7 @@ void manifest::load() {
     std::rename(path.c_str(), (path + ".broken").c_str());
   }
   for (auto& [number, f] : files_) {
-    if (f.closed.empty()) f.closed = kDied;
+    if (f.end.reason.empty()) f.end.reason = kDied;
   }
 }
 
@@ -168,21 +205,24 @@ void manifest::adopt_leftovers() {
   }
   const std::set<std::string> of_others = listed_elsewhere();
   std::map<std::string, size_t> known;
-  for (const auto& [number, f] : files_) known[f.name] = number;
-  for (leftover_file& found : leftover_files(folder_)) {
-    if (of_others.count(found.file.name) != 0) continue;
-    const auto listed = known.find(found.file.name);
+  for (const auto& [number, f] : files_) known[f.opened.name] = number;
+  for (manifest_file& found : leftover_files(folder_)) {
+    const std::string& name = found.opened.name;
+    if (of_others.count(name) != 0) continue;
+    const auto listed = known.find(name);
     const bool is_listed = listed != known.end();
-    if (is_listed && files_.at(listed->second).closed != kDied) continue;
-    if (found.empty) {
-      const std::string path = folder_ + found.file.name;
+    if (is_listed && files_.at(listed->second).end.reason != kDied) continue;
+    if (found.is.bytes == 0) {
+      const std::string path = folder_ + name;
       base::log_dir(folder_.c_str(), base::WARN_LOG, base::ZELTA_LOG_MODULE_CORE_SERVICE_HANDLER,
                     "%s held nothing yet when its recorder died, and goes", path.c_str());
       unlink(path.c_str());
       if (is_listed) files_.erase(listed->second);
-    } else if (!is_listed) {
-      found.file.closed = kDied;
-      add(std::move(found.file));
+    } else if (is_listed) {
+      files_.at(listed->second).is.bytes = found.is.bytes;
+    } else {
+      found.end.reason = kDied;
+      add(std::move(found));
     }
   }
 }
@@ -236,11 +276,63 @@ void manifest::set_dropped(const dropped_counts& now) {
               dropped_before_.sound + now.sound};
 }
 
-size_t manifest::add(manifest_file file) {
+void manifest::add(manifest_file file) {
   if (file.channel_id.empty()) file.channel_id = channel_id_;
-  files_.emplace(next_number_, std::move(file));
-  return next_number_++;
+  files_.emplace(next_number_++, std::move(file));
 }
+
+// ---- What the ledger tells -----------------------------------------------------------------
+
+void manifest::on_session_began(bool goes_on) {
+  if (!sessions_.empty() && sessions_.back().ended.empty()) {
+    if (goes_on) return;
+    end_as_dead(sessions_.back());
+  }
+  sessions_.push_back({channel_id_, base::utc_ms(), 0, ""});
+  changed();
+}
+
+void manifest::end_as_dead(manifest_session& one) const {
+  one.ended = kDied;
+  one.ended_utc_ms = one.began_utc_ms;
+  for (const auto& [number, f] : files_) {
+    one.ended_utc_ms = std::max(one.ended_utc_ms, f.is.last_utc_ms);
+  }
+}
+
+void manifest::on_session_ended(const std::string& reason) {
+  if (sessions_.empty()) return;
+  sessions_.back().ended = reason;
+  sessions_.back().ended_utc_ms = base::utc_ms();
+  changed();
+}
+
+void manifest::on_file_opened(file_number file, const file_opened& what) {
+  numbers_[file] = next_number_;
+  manifest_file fresh;
+  fresh.opened = what;
+  fresh.is.first_utc_ms = fresh.is.last_utc_ms = what.begin_utc_ms;
+  add(std::move(fresh));
+  changed();
+}
+
+void manifest::on_file_progress(file_number file, const file_progress& is) {
+  files_.at(numbers_.at(file)).is = is;
+}
+
+void manifest::on_file_closed(file_number file, const file_closed& how) {
+  files_.at(numbers_.at(file)).end = how;
+  numbers_.erase(file);
+  changed();
+}
+
+void manifest::on_file_dropped(file_number file) {
+  files_.erase(numbers_.at(file));
+  numbers_.erase(file);
+  changed();
+}
+
+// ---- The file ------------------------------------------------------------------------------
 
 void manifest::save() {
   changed_ = false;
@@ -250,6 +342,9 @@ void manifest::save() {
   Json::Value files(Json::arrayValue);
   for (const auto& [number, f] : files_) files.append(to_json(f));
   root["files"] = std::move(files);
+  Json::Value sessions(Json::arrayValue);
+  for (const manifest_session& one : sessions_) sessions.append(to_json(one));
+  root["sessions"] = std::move(sessions);
   Json::Value missing(Json::arrayValue);
   for (const manifest_gap& gap : missing_) missing.append(to_json(gap));
   root["missing"] = std::move(missing);
@@ -258,6 +353,8 @@ void manifest::save() {
   root["pictures"] = to_json(pictures_);
   root["messages"] = to_json(messages_);
   root["lost_packets"] = to_json(lost_packets_);
+  root["lag"]["packets_ms"] = Json::Int64{lag_.packets_ms};
+  root["lag"]["disk_ms"] = Json::Int64{lag_.disk_ms};
   Json::Value dropped(Json::objectValue);
   dropped["pictures"] = Json::UInt64{dropped_.pictures};
   dropped["coded"] = Json::UInt64{dropped_.coded};

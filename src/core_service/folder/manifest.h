@@ -12,25 +12,24 @@
 #include <string>
 #include <vector>
 
+#include "core_service/folder/ledger.h"
 #include "core_service/folder/missing_medium.h"
 #include "core_service/folder/state_writer.h"
 
 namespace zelta::core_service {
 
 struct manifest_file {
-  std::string name;         // in the recording folder
-  std::string channel_id;   // empty: that of the manifest's own session
-  uint32_t uid = 0;         // 0: the mix
-  std::string kind;         // "audio_video", "audio", "video"
-  std::string video_codec;  // "h264", "hevc", "av1", "vp8", "vp9"; empty: no video
-  std::string audio_codec;  // "aac", "opus"; empty: no audio
-  int width = 0;            // pixels
-  int height = 0;
-  // Media time in milliseconds since 1970 UTC; while there is no media, both say where it begins.
-  int64_t first_utc_ms = 0;
-  int64_t last_utc_ms = 0;
-  // Why the file was closed; empty while it is written.
-  std::string closed;
+  std::string channel_id;  // empty: that of the manifest's own session
+  file_opened opened;
+  file_progress is;
+  file_closed end;  // without a reason: it is being written
+};
+
+struct manifest_session {
+  std::string channel_id;
+  int64_t began_utc_ms = 0;
+  int64_t ended_utc_ms = 0;  // 0: it isn't
+  std::string ended;         // why
 };
 
 // What was to be recorded and isn't.
@@ -49,7 +48,13 @@ struct dropped_counts {
   uint64_t sound = 0;     // PCM and AAC
 };
 
-class manifest {
+// How far the recorder is behind what comes, the worst of the last second.
+struct recorder_lag {
+  int64_t packets_ms = 0;  // from the kernel to its packet threads, and its own loop
+  int64_t disk_ms = 0;     // from a file's bytes to the kernel
+};
+
+class manifest final : public ledger_observer {
  public:
   // Goes on with the manifest that `folder` (with its slash) has by that name: files that were
   // being written when its recorder ended are closed as "recorder died". One that can't be read is
@@ -58,27 +63,29 @@ class manifest {
 
   const std::string& name() const { return name_; }
 
-  // Adds a file and returns the number by which it is known here.
-  size_t add(manifest_file file);
-  manifest_file& at(size_t number) { return files_.at(number); }
-  void remove(size_t number) { files_.erase(number); }
+  void on_session_began(bool goes_on) override;
+  void on_file_opened(file_number file, const file_opened& what) override;
+  void on_file_progress(file_number file, const file_progress& is) override;
+  void on_file_closed(file_number file, const file_closed& how) override;
+  void on_file_dropped(file_number file) override;
+  void on_picture(const picture_written& what) override { ++pictures_[what.uid]; }
+  void on_packets_lost(uint32_t uid, uint64_t more) override {
+    lost_packets_[uid] += more;
+    all_lost_packets_ += more;
+  }
+  void on_session_ended(const std::string& reason) override;
+
   // False when that is known already: of a medium of a user a reason is told once a session.
   bool note_missing(uint32_t uid, const missing_medium& what);
   // All that was told of the user's medium is over; if it comes again, it is new.
   void end_missing(uint32_t uid, const std::string& medium);
   // What a user calls themselves.
   void set_name(uint32_t uid, const std::string& name);
-  // One more captured picture of the user in a file.
-  void count_picture(uint32_t uid) { ++pictures_[uid]; }
   // One more line that the user wrote is on its way to the disk.
   void count_message(uint32_t uid) { ++messages_[uid]; }
-  // More of the user's packets found no room here.
-  void count_lost_packets(uint32_t uid, uint64_t more) {
-    lost_packets_[uid] += more;
-    all_lost_packets_ += more;
-  }
   // Of all users, by this process.
   uint64_t all_lost_packets() const { return all_lost_packets_; }
+  void set_lag(const recorder_lag& now) { lag_ = now; }
   // How many this process has dropped so far.
   void set_dropped(const dropped_counts& now);
   // Writes the manifest, soon.
@@ -95,6 +102,9 @@ class manifest {
 
  private:
   void load();
+  void add(manifest_file file);
+  // What a predecessor left open.
+  void end_as_dead(manifest_session& one) const;
   std::set<std::string> listed_elsewhere() const;
 
   bool changed_ = false;
@@ -106,6 +116,9 @@ class manifest {
   // In the order in which they were opened.
   std::map<size_t, manifest_file> files_;
   size_t next_number_ = 0;
+  // Of those that the ledger has told.
+  std::map<file_number, size_t> numbers_;
+  std::vector<manifest_session> sessions_;
   std::map<uint32_t, std::string> names_;
   std::map<uint32_t, uint64_t> pictures_;
   std::map<uint32_t, uint64_t> messages_;
@@ -118,6 +131,7 @@ class manifest {
   size_t missing_before_of_last_ = 0;
   // What this session has told, each by all that makes it one.
   std::set<std::string> noted_;
+  recorder_lag lag_;
   // By the processes before this one, and in all.
   dropped_counts dropped_before_;
   dropped_counts dropped_;

@@ -242,8 +242,8 @@ void mix::tick() {
   }
 }
 
-void mix::update_manifest() {
-  for (const auto& files : series_) files->update_manifest();
+void mix::tell_progress() {
+  for (const auto& files : series_) files->tell_progress();
 }
 
 }  // namespace zelta::core_service::mix

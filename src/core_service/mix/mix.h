@@ -58,7 +58,7 @@ class mix {
   void abandon_files();
   void halve_pictures(bool halved);
   void tick();
-  void update_manifest();
+  void tell_progress();
 
  private:
   mix(const recording_plan& plan, media::media_time lateness, const files::destination& to,

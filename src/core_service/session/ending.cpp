@@ -21,6 +21,22 @@ ending::ending(base::event_loop& loop, engine_link& link, event_port& engine, ba
                actions steps)
     : loop_(loop), link_(link), engine_(engine), log_(std::move(log)), steps_(std::move(steps)) {}
 
+const char* ending::reason() const {
+  if (status_ == kExitDisk) return "the disk failed";
+  switch (reason_) {
+    case LEAVE_CODE_INIT:
+      return "not joined";
+    case LEAVE_CODE_SIG:
+      return "signal";
+    case LEAVE_CODE_NO_USERS:
+      return "nobody there";
+    case LEAVE_CODE_CLIENT_LEAVE:
+      return "application left";
+    default:
+      return "channel lost";
+  }
+}
+
 void ending::leave(uint32_t reason, int status) {
   if (has_begun()) return;
   // Files end at this moment.

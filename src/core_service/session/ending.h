@@ -46,6 +46,8 @@ class ending {
   bool has_begun() const { return phase_ > phase::kRecording; }
   bool is_over() const { return phase_ == phase::kDone; }
   int status() const { return status_; }
+  // In words, for the manifest.
+  const char* reason() const;
 
   void note_joined() { phase_ = phase::kRecording; }
   // `reason` is one of LEAVE_CODE_…. Once: what comes later changes nothing.

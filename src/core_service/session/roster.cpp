@@ -70,9 +70,9 @@ void roster::tick() const {
   if (mix_) mix_->tick();
 }
 
-void roster::update_manifest() const {
-  each_with_leaving([](user& one) { one.update_manifest(); });
-  if (mix_) mix_->update_manifest();
+void roster::tell_progress() const {
+  each_with_leaving([](user& one) { one.tell_progress(); });
+  if (mix_) mix_->tell_progress();
 }
 
 }  // namespace zelta::core_service

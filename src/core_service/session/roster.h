@@ -74,7 +74,7 @@ class roster {
   void count_losses() const;
   // Several times a second: what doesn't come has to be noticed as well.
   void tick() const;
-  void update_manifest() const;
+  void tell_progress() const;
 
  private:
   template <class Work>

@@ -41,6 +41,7 @@ constexpr media::media_time kLiveJitter = 1s;
 // What follows is why, for whoever reads the log.
 constexpr const char* kCannotJoin = "can't join: ";
 constexpr const char* kMessages = "messages";
+constexpr const char* kVolumes = "volumes";
 constexpr const char* kCrashed =
     "a recorder crashed over it; to the end of the session it isn't tried again";
 
@@ -55,6 +56,10 @@ recording_plan make_plan(const options& given, const recorder_settings& settings
   recording_plan made = plan_of(given, warnings);
   made.keep_opus = settings.sound == 0;
   return made;
+}
+
+int64_t ms_of(media::media_time time) {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(time).count();
 }
 
 std::string crash_note_of(const journal& kept) {
@@ -87,7 +92,9 @@ session::session(options given, const recorder_settings& settings, std::string s
       journal_(share_.folder() + share_.journal_name(), share_.session(), writer_),
       disk_(loop_),
       messages_(share_.folder() + share_.messages_name(), options_.channel_id, loop_, disk_,
-                [this](int error) { on_messages_failed(error); }),
+                [this](int error) { on_log_failed(kMessages, share_.messages_name(), error); }),
+      volume_log_(share_.folder() + share_.volumes_name(), options_.channel_id, loop_, disk_,
+                  [this](int error) { on_log_failed(kVolumes, share_.volumes_name(), error); }),
       link_(options_.read_fd, options_.write_fd, loop,
             base::logger(options_.recording_file_dir, base::ZELTA_LOG_MODULE_IPC)),
       engine_(link_),
@@ -100,15 +107,21 @@ session::session(options given, const recorder_settings& settings, std::string s
                  report_receiving();
                },
                [this] {
-                 close_messages();
+                 close_logs();
                  ending_.check();
                }}),
-      ending_(
-          loop, link_, engine_, log_,
-          {[this] { finish(); }, [this] { return roster_.is_complete() && !messages_.is_open(); },
-           [this] { seal(); }}),
+      volumes_(static_cast<volumes::keep>(settings_.volumes), volume_log_, loop, roster_, engine_,
+               [this](const std::string& why) {
+                 missing_.tell(0, {kVolumes, "", why});
+               }),
+      ending_(loop, link_, engine_, log_,
+              {[this] { finish(); },
+               [this] {
+                 return roster_.is_complete() && !messages_.is_open() && !volume_log_.is_open();
+               },
+               [this] { seal(); }}),
       commands_(plan_, options_.trigger_mode == MANUALLY_MODE, live_, roster_, journal_, ending_,
-                log_, {[this] { apply_volume_interval(); }}),
+                log_, {[this] { volumes_.report_every(live_.volume_interval_ms); }}),
       admission_(settings_.most_users, plan_, roster_, missing_, log_,
                  {[this](uint32_t uid, auto from) { let_in(uid, std::move(from)); },
                   [this](uint32_t uid) { return channel_->offer_again(uid); },
@@ -127,6 +140,7 @@ void session::greet() {
 
 void session::start() {
   greet();
+  ledger_.add(manifest_);
   // Laid once on the wall clock, here.
   static_cast<void>(media::utc_ms_of(media::now()));
   const bool recovery = options_.recovery_id > 0;
@@ -138,7 +152,7 @@ void session::start() {
   if (!prepare_channel(patience) || !prepare_mix(patience)) return;
   if (recovery) recover();
   if (recovery && crash) learn_from_crash(*crash);
-  apply_volume_interval();
+  volumes_.report_every(live_.volume_interval_ms);
   if (options_.trigger_mode == AUTOMATICALLY_MODE || journal_.state.serving) {
     roster_.start_service();
   }
@@ -162,6 +176,7 @@ bool session::prepare_folder() {
     // In place of what a former session may have left.
     journal_.save();
   }
+  ledger_.session_began(recovery);
   manifest_.save();
   const int failed = recovery ? 0 : writer_.flush(kFirstWriteLimit);
   if (failed == 0 || failed == ETIMEDOUT) return true;
@@ -211,7 +226,7 @@ bool session::prepare_mix(media::media_time lateness) {
   std::string error;
   roster_.set_mix(
       mix::mix::make(plan_, lateness, {options_.default_video_bg, options_.default_user_bg},
-                     {options_.recording_file_dir, loop_, manifest_, disk_, log_}, link_,
+                     {options_.recording_file_dir, loop_, ledger_, disk_, log_}, link_,
                      {[this](const std::string& why, bool disk) { on_files_failed(0, why, disk); },
                       [this] { roster_.note_mix_finished(); }},
                      error));
@@ -251,6 +266,7 @@ void session::on_channel_joined() {
   // How long the start took says nothing of the load.
   alone_since_ms_ = ticked_ms_ = base::tick_ms();
   admission_.open();
+  volumes_.begin();
   engine_.joined(choose_uid(options_.uid), options_.channel_id);
 }
 
@@ -272,10 +288,10 @@ void session::let_in(uint32_t uid, std::shared_ptr<media::media_feed> from) {
   log_.notice("user " + std::to_string(uid) + " joined");
   auto made = std::make_unique<user>(
       uid, std::move(from), plan_, may_decode_pictures_of(uid),
-      files::destination{options_.recording_file_dir, loop_, manifest_, disk_,
+      files::destination{options_.recording_file_dir, loop_, ledger_, disk_,
                          log_.with("user " + std::to_string(uid))},
       link_, roster_.mix() != nullptr ? roster_.mix()->add_user(uid) : nullptr, events_of(uid));
-  made->measure_volume(volume_tick_.runs());
+  volumes_.measure(*made);
   made->set_still_interval(live_.capture_interval_s);
   admission_.leave_out_of(*made);
   engine_.user_in(uid, options_.recording_file_dir);
@@ -345,26 +361,6 @@ void session::report_receiving() {
                     roster_.receives(media::media_kind::kVideo));
 }
 
-void session::apply_volume_interval() {
-  const int interval_ms = live_.volume_interval_ms;
-  volume_tick_.stop();
-  roster_.each([&](uint32_t, user& one) { one.measure_volume(interval_ms > 0); });
-  if (interval_ms > 0) volume_tick_ = {loop_, interval_ms, [this] { report_volumes(); }};
-}
-
-void session::report_volumes() {
-  if (!ending_.records() || roster_.size() == 0) return;
-  std::vector<uint32_t> uids;
-  std::vector<uint32_t> volumes;
-  roster_.each([&](uint32_t uid, user& one) {
-    uids.push_back(uid);
-    volumes.push_back(one.read_volume());
-  });
-  const auto speaker = speaker_.listen(uids, volumes);
-  engine_.volumes(std::move(uids), std::move(volumes));
-  if (speaker) engine_.active_speaker(*speaker);
-}
-
 // ---- What fails ----------------------------------------------------------------------------
 
 // From inside a file's own call, so the end comes later.
@@ -379,16 +375,16 @@ void session::on_files_failed(uint32_t uid, const std::string& why, bool fatal) 
   });
 }
 
-void session::on_messages_failed(int error) {
+void session::on_log_failed(const char* of, const std::string& name, int error) {
   // Media that can still be written is.
-  missing_.tell(
-      0, {kMessages, "", share_.messages_name() + " can't be written: " + std::strerror(error)});
+  missing_.tell(0, {of, "", name + " can't be written: " + std::strerror(error)});
 }
 
 // Once nobody is here any more who could write.
-void session::close_messages() {
+void session::close_logs() {
   if (!ending_.has_begun() || !roster_.is_complete()) return;
   messages_.close([this] { ending_.check(); });
+  volume_log_.close([this] { ending_.check(); });
 }
 
 // A folder that was removed takes no file any more, though those that are open don't notice.
@@ -435,6 +431,7 @@ load::reading session::read_load() {
   load::reading now;
   now.behind = std::exchange(behind_, {});
   now.disk_behind = disk_.take_behind();
+  manifest_.set_lag({ms_of(now.behind), ms_of(now.disk_behind)});
   const uint64_t lost = manifest_.all_lost_packets();
   now.lost = std::exchange(lost_packets_, lost) < lost;
   // Whose they were nobody knows.
@@ -451,7 +448,7 @@ load::reading session::read_load() {
 
 void session::save_manifest() {
   saved_ms_ = base::tick_ms();
-  roster_.update_manifest();
+  roster_.tell_progress();
   manifest_.set_dropped(counts_of(link_.dropped()));
   manifest_.save();
 }
@@ -465,16 +462,18 @@ void session::on_signal(int number) {
 
 void session::finish() {
   admission_.close();
+  volumes_.stop();
   if (channel_) channel_->leave();
   // The mix first: it still has to mix what its users have sent by now.
   roster_.finish_mix(files::end_reason::kRecordingEnded);
   roster_.end_all(files::end_reason::kRecordingEnded);
-  close_messages();
+  close_logs();
 }
 
 void session::seal() {
   const dropped_counts dropped = counts_of(link_.dropped());
   manifest_.set_dropped(dropped);
+  ledger_.session_ended(ending_.reason());
   manifest_.save();
   if (writer_.flush(kLastWriteLimit) == ETIMEDOUT) {
     log_.warn("the disk is too slow for a last " + manifest_.name());

@@ -23,16 +23,18 @@
 #include "core_service/engine/event_port.h"
 #include "core_service/files/file_writer.h"
 #include "core_service/files/message_log.h"
+#include "core_service/files/volume_log.h"
 #include "core_service/folder/folder_share.h"
 #include "core_service/folder/journal.h"
+#include "core_service/folder/ledger.h"
 #include "core_service/folder/manifest.h"
 #include "core_service/session/admission.h"
 #include "core_service/session/commands.h"
 #include "core_service/session/ending.h"
 #include "core_service/session/missing_report.h"
 #include "core_service/session/roster.h"
-#include "core_service/session/speaker_policy.h"
 #include "core_service/session/user.h"
+#include "core_service/session/volumes.h"
 #include "core_service/task/live_settings.h"
 #include "core_service/task/options.h"
 #include "core_service/task/recording_plan.h"
@@ -83,11 +85,9 @@ class session final : private channel_listener {
   user::events events_of(uint32_t uid);
   void keep(uint32_t uid, const media::user_text& what);
   void on_files_failed(uint32_t uid, const std::string& why, bool fatal);
-  void on_messages_failed(int error);
-  void close_messages();
+  void on_log_failed(const char* of, const std::string& name, int error);
+  void close_logs();
   void report_receiving();
-  void report_volumes();
-  void apply_volume_interval();
   load::reading read_load();
   void on_tick();
   bool is_behind(int64_t now_ms);
@@ -109,21 +109,22 @@ class session final : private channel_listener {
   const folder_share share_;
   state_writer writer_;
   manifest manifest_;
+  ledger ledger_;
   journal journal_;
   files::file_writer disk_;
   files::message_log messages_;
+  files::volume_log volume_log_;
 
   engine_link link_;
   event_port engine_;
   missing_report missing_;
   roster roster_;
+  volumes volumes_;
   ending ending_;
   commands commands_;
   admission admission_;
-  speaker_policy speaker_;
   std::unique_ptr<channel> channel_;
   base::scoped_timer tick_;
-  base::scoped_timer volume_tick_;
 
   media::media_time behind_{};  // the longest since the load was read
   uint64_t lost_packets_ = 0;

@@ -58,7 +58,7 @@ void user::make_consumers(bool may_decode_pictures, engine_link& engine,
   }
   if (plan_.take_video && plan_.jpg_files) {
     all.push_back(std::make_shared<files::stills_consumer>(
-        uid_, destination_.folder, destination_.manifest, destination_.loop,
+        uid_, destination_.folder, destination_.ledger, destination_.loop,
         files::stills_consumer::events{
             [this](const std::string& why) { events_.failed(why, true); }, events_.missing}));
   }
@@ -154,7 +154,7 @@ void user::tell_undecodable() {
 void user::count_losses() {
   const uint64_t lost = feed_->lost_packets();
   if (lost == lost_packets_) return;
-  destination_.manifest.count_lost_packets(uid_, lost - lost_packets_);
+  destination_.ledger.packets_lost(uid_, lost - lost_packets_);
   if (std::exchange(lost_packets_, lost) > 0) return;
   events_.missing({"packets", "", feed_->why_lost()});
 }
@@ -204,12 +204,16 @@ void user::abandon_files() {
   if (files_) files_->series().abandon();
 }
 
-uint32_t user::read_volume() {
-  return volume_ ? volume_->read() : 0;
+uint32_t user::volume_to_report() {
+  return volume_ ? volume_->read(reported_) : 0;
 }
 
-void user::measure_volume(bool wanted) {
-  if (volume_) volume_->ask(wanted);
+uint32_t user::volume_to_keep() {
+  return volume_ ? volume_->read(kept_) : 0;
+}
+
+void user::measure_volume(media::volume_meter::ask what) {
+  if (volume_) volume_->measure(what);
 }
 
 void user::set_still_interval(int seconds) {
@@ -265,8 +269,8 @@ void user::tick() {
   consumers_.each([until](media::consumer& one) { one.fill_sound(until); });
 }
 
-void user::update_manifest() {
-  if (files_) files_->series().update_manifest();
+void user::tell_progress() {
+  if (files_) files_->series().tell_progress();
 }
 
 }  // namespace zelta::core_service

@@ -50,9 +50,10 @@ class user {
   ~user();
 
   bool has(media::media_kind kind) const;
-  uint32_t read_volume();
-  // Whether volumes will be asked for.
-  void measure_volume(bool wanted);
+  // Since the last call of the same function, see volume_meter.
+  uint32_t volume_to_report();
+  uint32_t volume_to_keep();
+  void measure_volume(media::volume_meter::ask what);
 
   void start();
   // Records and delivers, or only listens.
@@ -68,7 +69,7 @@ class user {
   void tick();
   // What found no room since the last call is counted, and told.
   void count_losses();
-  void update_manifest();
+  void tell_progress();
 
  private:
   void make_consumers(bool may_decode_pictures, engine_link& engine,
@@ -101,6 +102,8 @@ class user {
   // Of them, those that are asked for more; null where nobody wants them.
   std::shared_ptr<files::files_consumer> files_;
   std::shared_ptr<media::volume_meter> volume_;
+  media::volume_meter::mark reported_;
+  media::volume_meter::mark kept_;
   std::unique_ptr<decoders> decoders_;
   std::optional<files::recording_end> finish_reason_;
   std::function<void()> finished_;

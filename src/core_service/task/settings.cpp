@@ -319,6 +319,7 @@ const std::vector<setting>& known_settings() {
       {{"ports.from", &recorder_settings::first_port, 1024, 65534}},
       {{"ports.to", &recorder_settings::last_port, 1025, 65535}},
       {{"sound", &recorder_settings::sound, 0, 0, {"as it comes", "aac"}}},
+      {{"volumes", &recorder_settings::volumes, 0, 0, {"as told", "all", "none"}}},
       {{"whip.token", &recorder_settings::whip_token, 1, 1024}, setting::kSecret},
       {{"whip.certificate", &recorder_settings::whip_certificate, 1, kLongestText}},
       {{"whip.key", &recorder_settings::whip_key, 1, kLongestText}},

@@ -21,6 +21,8 @@ struct recorder_settings {
   int first_port = 0;  // 0: no bound on that side
   int last_port = 0;
   int sound = 0;  // 0: as it comes, where a file takes it; 1, AAC in MP4, encoded anew
+  // Of whom volumes are kept: 0, those whose senders tell them; 1, all; 2, nobody.
+  int volumes = 0;
 
   // Of users who publish by WHIP. Empty: not given.
   std::string whip_token;
