@@ -10,7 +10,7 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config git ca-certificates
-  libjsoncpp-dev libcli11-dev libsrtp2-dev libusrsctp-dev libopus-dev libssl-dev libsoup-3.0-dev glib-networking
+  libjsoncpp-dev libcli11-dev prometheus-cpp-dev libsrtp2-dev libusrsctp-dev libopus-dev libssl-dev zlib1g-dev libsoup-3.0-dev glib-networking
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-libav
@@ -18,7 +18,7 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(libgtest-dev) ;;
+    test) packages+=(libgtest-dev python3-jsonschema procps) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     sound) packages+=(pulseaudio pulseaudio-utils) ;;
     bench) packages+=(libzmq3-dev gnuplot-nox) ;;

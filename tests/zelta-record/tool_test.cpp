@@ -282,7 +282,7 @@ TEST_F(Tool, ChecksSettingsBeforeAnythingStarts) {
   const std::string bad = dir.file("bad.json", R"({"ports": {"from": 80}, "soud": 1})");
   const std::string port = bad + ": ports.from: 80 should be a whole number of 1024 to 65534";
   const std::string unknown =
-      bad + ": soud: no such setting; most_users, ports, sound, whip, janus are";
+      bad + ": soud: no such setting; most_users, ports, sound, volumes, whip, janus are";
   Program refused(command("room --server test: --settings " + bad), 500);
   EXPECT_EQ(refused.end(), 2) << refused.text();
   EXPECT_EQ(refused.text(), "zelta-record: --settings " + port + "\r\nzelta-record: --settings " +

@@ -113,6 +113,8 @@ void add_tool_options(CLI::App& app, options& o, secret_files& files) {
   app.add_option("--settings", o.settings_path,
                  "JSON file: what holds for each recording of this machine; default: the one that "
                  "ZELTA_RECORDER_SETTINGS names");
+  app.add_option("--metrics", o.metrics_address,
+                 "ADDRESS:PORT at which numbers are served to Prometheus; a port alone: 127.0.0.1");
   app.add_option("--chunk", o.chunk_s, "seconds a file, with --channel-profile live")
       ->check(CLI::Range(10, 1 << 30));
   app.add_option("--log-level", o.log_level, "most verbose level that is logged")

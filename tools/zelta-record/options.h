@@ -25,6 +25,7 @@ struct options {
   int chunk_s = 0;         // 0: as the configuration file says
   std::string layout_path;
   std::string settings_path;
+  std::string metrics_address;
   bool commands = false;
   std::string configured_server;  // that the configuration file names; else empty
   std::string fixed_folder;       // that the configuration file names, with a slash; else empty

@@ -91,8 +91,8 @@ std::vector<std::string> losses(const recorded& all, const reporter::facts& fact
                     (facts.restarts == 1 ? " time" : " times") +
                     ": what was sent in between is missing");
   }
-  if (all.dropped_frames > 0) {
-    lines.push_back(std::to_string(all.dropped_frames) +
+  if (all.dropped.all() > 0) {
+    lines.push_back(std::to_string(all.dropped.all()) +
                     " frames were dropped: they were not taken fast enough");
   }
   if (!frame_fault.empty()) lines.push_back(frame_fault);

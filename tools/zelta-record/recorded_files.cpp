@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <utility>
 
-#include "recordings/recording_folder.h"
-
 namespace zelta::record {
 namespace {
 
@@ -27,7 +25,18 @@ void add_manifest(const recordings::manifest& one, const std::string& channel_id
   }
   if (one.channel_id != channel_id) return;
   for (const auto& [uid, count] : one.pictures) all.pictures[uid] += count;
-  all.dropped_frames += one.dropped_frames;
+  for (const auto& [uid, count] : one.messages) all.messages += count;
+  for (const auto& [uid, count] : one.lost_packets) all.lost_packets += count;
+  all.dropped.pictures += one.dropped.pictures;
+  all.dropped.coded += one.dropped.coded;
+  all.dropped.sound += one.dropped.sound;
+  all.lag_of_packets_ms = std::max(all.lag_of_packets_ms, one.lag_of_packets_ms);
+  all.lag_of_disk_ms = std::max(all.lag_of_disk_ms, one.lag_of_disk_ms);
+}
+
+// A folder may have been emptied in between.
+void take_off(uint64_t& from, uint64_t before) {
+  from -= std::min(from, before);
 }
 
 }  // namespace
@@ -73,11 +82,15 @@ recorded without(recorded all, const recorded& before) {
   remove(all.missing, before.missing, [](const missing_medium& a, const missing_medium& b) {
     return a.uid == b.uid && a.utc_ms == b.utc_ms && a.reason == b.reason;
   });
-  all.dropped_frames -= std::min(all.dropped_frames, before.dropped_frames);
+  take_off(all.dropped.pictures, before.dropped.pictures);
+  take_off(all.dropped.coded, before.dropped.coded);
+  take_off(all.dropped.sound, before.dropped.sound);
+  take_off(all.messages, before.messages);
+  take_off(all.lost_packets, before.lost_packets);
   for (const auto& [uid, count] : before.pictures) {
     const auto found = all.pictures.find(uid);
     if (found == all.pictures.end()) continue;
-    found->second -= std::min(found->second, count);
+    take_off(found->second, count);
     if (found->second == 0) all.pictures.erase(found);
   }
   return all;

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+#include "recordings/recording_folder.h"
+
 namespace zelta::record {
 
 struct recorded_file {
@@ -33,7 +35,12 @@ struct recorded {
   std::vector<recorded_file> files;
   std::vector<missing_medium> missing;
   std::map<uint32_t, uint64_t> pictures;  // captured in files, by user
-  uint64_t dropped_frames = 0;            // for the application, which was too slow
+  recordings::dropped_frames dropped;
+  uint64_t messages = 0;      // of users, that are kept
+  uint64_t lost_packets = 0;  // that found no room in the recorder
+  // How far the recorder was behind what came when it last told.
+  int64_t lag_of_packets_ms = 0;
+  int64_t lag_of_disk_ms = 0;
 
   uint64_t bytes() const;
   // From the beginning of the first file to the end of the last.

@@ -22,6 +22,7 @@
 #include "page_address.h"
 #include "printer.h"
 #include "progress.h"
+#include "recording_metrics.h"
 #include "reporter.h"
 
 namespace zelta::record {
@@ -76,6 +77,8 @@ class recording_run {
   engine_ptr engine_;
   std::optional<command_scope> scope_;
   recording_place place_;
+  std::shared_ptr<recording_metrics> metrics_;
+  std::unique_ptr<metrics::metrics_server> metrics_server_;
   // At the last progress line, for rates.
   double shown_s_ = 0;
   uint64_t shown_frames_ = 0;
@@ -106,6 +109,12 @@ bool recording_run::prepare(std::string& fault) {
     if (*chunk_->path() == '\0') return false;
     o_.config.cfgFilePath = chunk_->path();
   }
+  if (!o_.metrics_address.empty()) {
+    metrics_server_ = metrics::metrics_server::make(o_.metrics_address, fault);
+    if (!metrics_server_) return fault = "--metrics: " + fault, false;
+    metrics_ = std::make_shared<recording_metrics>(report_);
+    metrics_server_->add(metrics_);
+  }
   if (!o_.server.empty()) setenv("ZELTA_CHANNEL_SERVER", o_.server.c_str(), 1);
   if (!o_.settings_path.empty()) {
     setenv(core_service::kSettingsVariable, o_.settings_path.c_str(), 1);
@@ -129,6 +138,7 @@ exit_status recording_run::join() {
   chunk_.reset();
   const char* const folder = engine_->getProperties()->storageDir;
   if (folder != nullptr) place_.folder = folder;
+  if (metrics_) metrics_->begin(place_);
   if (code != 0) return refused(code, "");
   if (quiet != level) engine_->setLogLevel(level);
   scope_.emplace(command_scope{
@@ -222,7 +232,7 @@ void recording_run::show_progress() {
   p.bytes = all.bytes();
   p.files = all.files.size();
   p.losses = std::max<uint64_t>(all.missing.size(), static_cast<uint64_t>(facts.user_errors)) +
-             static_cast<uint64_t>(facts.restarts) + all.dropped_frames;
+             static_cast<uint64_t>(facts.restarts) + all.dropped.all();
   p.delivers = facts.frames > 0;
   p.frames_per_s = static_cast<double>(facts.frames - shown_frames_) / (now - shown_s_);
   shown_s_ = now;
