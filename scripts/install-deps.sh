@@ -9,7 +9,7 @@ set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config git ca-certificates
-  libjsoncpp-dev libcli11-dev libsrtp2-dev libusrsctp-dev libopus-dev libssl-dev libsoup-3.0-dev glib-networking
+  libjsoncpp-dev libcli11-dev libsrtp2-dev libusrsctp-dev libopus-dev libssl-dev libsoup-3.0-dev glib-networking libcurl4-openssl-dev
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-libav

@@ -10,8 +10,12 @@
 #include <fstream>
 #include <system_error>
 
+#include <fcntl.h>
 #include <json/json.h>
+#include <sys/file.h>
 #include <sys/stat.h>
+
+#include "base/unique_fd.h"
 
 namespace zelta::recordings {
 namespace {
@@ -69,6 +73,33 @@ bool is_plain_name(const std::string& name) {
          name.find('\0') == std::string::npos;
 }
 
+bool is_digits(const std::string& text) {
+  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
+}
+
+// STEM.json of the first session, STEM_2.json of the second one, and so on.
+bool is_share(const std::string& name, const std::string& stem, const std::string& ending) {
+  if (name.size() < stem.size() + ending.size() || name.rfind(stem, 0) != 0 ||
+      name.compare(name.size() - ending.size(), ending.size(), ending) != 0) {
+    return false;
+  }
+  const std::string number = name.substr(stem.size(), name.size() - stem.size() - ending.size());
+  return number.empty() || (number[0] == '_' && is_digits(number.substr(1)));
+}
+
+// UID_YYYYMMDDTHHMMSSmmm.jpg
+bool is_picture(const std::string& name) {
+  const size_t line = name.find('_');
+  return line != std::string::npos && is_digits(name.substr(0, line)) && name.size() > line + 5 &&
+         name.compare(name.size() - 4, 4, ".jpg") == 0;
+}
+
+// What locks nothing is held by nobody.
+bool is_held(const std::string& path) {
+  const base::unique_fd lock(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+  return lock.valid() && flock(lock.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+}
+
 manifest read(const std::string& folder, const std::string& name) {
   std::ifstream file(folder + name);
   Json::Value root;
@@ -90,17 +121,34 @@ manifest read(const std::string& folder, const std::string& name) {
 }  // namespace
 
 bool is_manifest_name(const std::string& file_name) {
-  const std::string start = kPrefix;
-  const std::string end = kEnding;
-  if (file_name.size() < start.size() + end.size() || file_name.rfind(start, 0) != 0 ||
-      file_name.compare(file_name.size() - end.size(), end.size(), end) != 0) {
-    return false;
+  return is_share(file_name, kPrefix, kEnding);
+}
+
+bool is_over(const std::string& folder, bool journals_may_stay) {
+  std::error_code failed;
+  std::filesystem::directory_iterator at(folder, failed);
+  if (failed || is_held(folder)) return false;
+  for (; at != std::filesystem::directory_iterator(); at.increment(failed)) {
+    const std::string name = at->path().filename().string();
+    if (!journals_may_stay && is_share(name, "journal", ".json")) return false;
+    if (is_share(name, ".recording", ".lock") && is_held(at->path().string())) return false;
   }
-  const std::string number =
-      file_name.substr(start.size(), file_name.size() - start.size() - end.size());
-  if (number.empty()) return true;
-  return number.size() > 1 && number[0] == '_' &&
-         number.find_first_not_of("0123456789", 1) == std::string::npos;
+  return !failed;
+}
+
+std::vector<std::string> companion_names(const std::string& folder) {
+  std::vector<std::string> names;
+  std::error_code failed;
+  std::filesystem::directory_iterator at(folder, failed);
+  for (; !failed && at != std::filesystem::directory_iterator(); at.increment(failed)) {
+    const std::string name = at->path().filename().string();
+    if (is_share(name, "messages", ".jsonl") || is_picture(name) ||
+        name.rfind("recording_engine.log", 0) == 0) {
+      names.push_back(name);
+    }
+  }
+  std::sort(names.begin(), names.end());
+  return names;
 }
 
 std::vector<manifest> read_manifests(const std::string& folder, std::vector<std::string>& errors) {

@@ -1,0 +1,227 @@
+// SPDX-License-Identifier: Apache-2.0
+// A bucket of S3, or of what speaks its protocol. Requests are signed by libcurl (signature version
+// 4), over the SHA-256 of what they carry, so that a server notices what changes on the way. The
+// whole file's SHA-256 goes along as metadata, by which it is known again.
+#include <algorithm>
+
+#include <unistd.h>
+
+#include "digest.h"
+#include "disk.h"
+#include "target.h"
+
+namespace zelta::deliver {
+namespace {
+
+constexpr const char* kDigestHeader = "x-amz-meta-sha256";
+constexpr uint64_t kMostParts = 10'000;
+
+class s3_target : public target {
+ public:
+  s3_target(const target_settings& settings, std::chrono::seconds stall)
+      : settings_(settings), stall_(stall) {}
+
+  sight look(http_client& by, const parcel& of, bool thorough) const override;
+  outcome send(http_client& by, const parcel& of, shipment& at,
+               const std::function<bool()>& save) const override;
+
+ private:
+  http_request request(const char* method, const std::string& remote, const std::string& query,
+                       const std::string& sha256) const;
+  outcome send_whole(http_client& by, const parcel& of) const;
+  outcome begin(http_client& by, const parcel& of, shipment& at) const;
+  outcome send_part(http_client& by, const parcel& of, shipment& at) const;
+  outcome complete(http_client& by, const parcel& of, const shipment& at) const;
+
+  const target_settings& settings_;
+  const std::chrono::seconds stall_;
+};
+
+// Of an element without attributes or children, the first of that name.
+std::string element(const std::string& xml, const std::string& name) {
+  const std::string open = "<" + name + ">";
+  const size_t start = xml.find(open);
+  if (start == std::string::npos) return "";
+  const size_t end = xml.find("</" + name + ">", start);
+  if (end == std::string::npos) return "";
+  return xml.substr(start + open.size(), end - start - open.size());
+}
+
+std::string escaped(const std::string& text) {
+  std::string made;
+  for (const char c : text) {
+    switch (c) {
+      case '&':
+        made += "&amp;";
+        break;
+      case '<':
+        made += "&lt;";
+        break;
+      case '"':
+        made += "&quot;";
+        break;
+      default:
+        made += c;
+    }
+  }
+  return made;
+}
+
+http_request s3_target::request(const char* method, const std::string& remote,
+                                const std::string& query, const std::string& sha256) const {
+  http_request made;
+  made.method = method;
+  const std::string key = "/" + percent_encoded(settings_.prefix + remote, true);
+  if (settings_.path_style) {
+    made.url = settings_.url + "/" + settings_.bucket + key;
+  } else {
+    const size_t host = settings_.url.find("://") + 3;
+    made.url =
+        settings_.url.substr(0, host) + settings_.bucket + "." + settings_.url.substr(host) + key;
+  }
+  // A signature is over the query as it stands: sorted, and with an equals sign everywhere.
+  if (!query.empty()) made.url += "?" + query;
+  made.user = settings_.access_key;
+  made.password = settings_.secret_key;
+  made.sigv4 = "aws:amz:" + settings_.region + ":s3";
+  made.ca_file = settings_.ca_file;
+  made.stall = stall_;
+  made.headers.push_back("x-amz-content-sha256: " + sha256);
+  return made;
+}
+
+sight s3_target::look(http_client& by, const parcel& of, bool thorough) const {
+  const std::string nothing = sha256_of("");
+  const http_answer answer = by.perform(request("HEAD", of.remote, "", nothing));
+  if (answer.carried && answer.status == 404) return {presence::kAbsent, {}};
+  if (!answer.ok()) return {presence::kUnknown, outcome_of(answer, "HEAD")};
+  if (answer.length >= 0 && static_cast<uint64_t>(answer.length) != of.is.bytes) {
+    return {presence::kOther, {}};
+  }
+  const auto told = answer.headers.find(kDigestHeader);
+  const bool has_digest = told != answer.headers.end();
+  if (has_digest && told->second != of.sha256) return {presence::kOther, {}};
+  if (answer.length >= 0 && (has_digest ? !settings_.verify_content : !thorough)) {
+    return {presence::kSame, {}};
+  }
+  return compare_content(by, request("GET", of.remote, "", nothing), of);
+}
+
+outcome s3_target::send(http_client& by, const parcel& of, shipment& at,
+                        const std::function<bool()>& save) const {
+  if (of.is.bytes <= settings_.part_bytes && at.upload_id.empty()) return send_whole(by, of);
+  const outcome unsaved{outcome::kLater, "the upload's state can't be kept", 0};
+  if (at.upload_id.empty()) {
+    if (outcome begun = begin(by, of, at); begun.is != outcome::kDone) return begun;
+    if (!save()) return unsaved;
+  }
+  while (at.parts.size() * at.part_bytes < of.is.bytes) {
+    if (outcome sent = send_part(by, of, at); sent.is != outcome::kDone) return sent;
+    if (!save()) return unsaved;
+  }
+  outcome completed = complete(by, of, at);
+  if (completed.is == outcome::kDone) {
+    at.upload_id.clear();
+    at.parts.clear();
+  }
+  return completed;
+}
+
+outcome s3_target::send_whole(http_client& by, const parcel& of) const {
+  http_request put = request("PUT", of.remote, "", of.sha256);
+  put.headers.push_back(std::string(kDigestHeader) + ": " + of.sha256);
+  put.headers.emplace_back("Content-Type: application/octet-stream");
+  put.file = of.file;
+  put.bytes = of.is.bytes;
+  return outcome_of(by.perform(put), "PUT");
+}
+
+outcome s3_target::begin(http_client& by, const parcel& of, shipment& at) const {
+  http_request post = request("POST", of.remote, "uploads=", sha256_of(""));
+  post.headers.push_back(std::string(kDigestHeader) + ": " + of.sha256);
+  post.headers.emplace_back("Content-Type: application/octet-stream");
+  const http_answer answer = by.perform(post);
+  if (!answer.ok()) return outcome_of(answer, "POST uploads");
+  at.upload_id = element(answer.body, "UploadId");
+  at.parts.clear();
+  at.part_bytes = std::max(settings_.part_bytes, of.is.bytes / kMostParts + 1);
+  if (at.upload_id.empty()) {
+    return {outcome::kLater, "POST uploads: the answer has no UploadId", 0};
+  }
+  return {};
+}
+
+// The server has forgotten it, or was told to.
+bool is_gone(const http_answer& answer) {
+  return answer.carried && answer.status == 404 &&
+         (answer.body.empty() || element(answer.body, "Code") == "NoSuchUpload");
+}
+
+outcome s3_target::send_part(http_client& by, const parcel& of, shipment& at) const {
+  const uint64_t offset = at.parts.size() * at.part_bytes;
+  const uint64_t bytes = std::min(at.part_bytes, of.is.bytes - offset);
+  sha256 digest;
+  uint64_t left = bytes;
+  std::string error;
+  if (lseek(of.file, static_cast<off_t>(offset), SEEK_SET) < 0) {
+    return {outcome::kLater, "lseek fails", 0};
+  }
+  const auto add = [&digest, &left](const char* piece, size_t size) {
+    const size_t mine = static_cast<size_t>(std::min<uint64_t>(left, size));
+    digest.add(piece, mine);
+    left -= mine;
+    return left > 0;
+  };
+  if (!read_all(of.file, add, error)) return {outcome::kLater, error, 0};
+  http_request put = request("PUT", of.remote,
+                             "partNumber=" + std::to_string(at.parts.size() + 1) +
+                                 "&uploadId=" + percent_encoded(at.upload_id, false),
+                             digest.hex());
+  put.file = of.file;
+  put.offset = offset;
+  put.bytes = bytes;
+  const http_answer answer = by.perform(put);
+  if (is_gone(answer)) {
+    at.upload_id.clear();
+    at.parts.clear();
+    return {outcome::kLater, "PUT: the upload is gone, and begins anew", 0};
+  }
+  if (!answer.ok()) return outcome_of(answer, "PUT of a part");
+  const auto tag = answer.headers.find("etag");
+  if (tag == answer.headers.end() || tag->second.empty()) {
+    return {outcome::kLater, "PUT of a part: the answer has no ETag", 0};
+  }
+  at.parts.push_back(tag->second);
+  return {};
+}
+
+outcome s3_target::complete(http_client& by, const parcel& of, const shipment& at) const {
+  std::string list = "<CompleteMultipartUpload>";
+  for (size_t part = 0; part < at.parts.size(); ++part) {
+    list += "<Part><PartNumber>" + std::to_string(part + 1) + "</PartNumber><ETag>" +
+            escaped(at.parts[part]) + "</ETag></Part>";
+  }
+  list += "</CompleteMultipartUpload>";
+  http_request post = request("POST", of.remote, "uploadId=" + percent_encoded(at.upload_id, false),
+                              sha256_of(list));
+  post.headers.emplace_back("Content-Type: application/xml");
+  post.text = list;
+  const http_answer answer = by.perform(post);
+  // One that was completed before its answer got lost is found by the look that follows.
+  if (is_gone(answer)) return {};
+  if (!answer.ok()) return outcome_of(answer, "POST of the parts");
+  // The server answers 200 before it knows, and errors come in the body.
+  if (answer.body.find("<Error>") != std::string::npos) {
+    return {outcome::kLater, "POST of the parts: " + element(answer.body, "Code"), 0};
+  }
+  return {};
+}
+
+}  // namespace
+
+std::unique_ptr<target> make_s3_target(const target_settings& settings,
+                                       std::chrono::seconds stall) {
+  return std::make_unique<s3_target>(settings, stall);
+}
+
+}  // namespace zelta::deliver

@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+// Notices by inotify in which folders under a root something was made, renamed, closed or removed.
+// One thread.
+#pragma once
+
+#include <map>
+#include <set>
+#include <string>
+
+#include "base/unique_fd.h"
+
+namespace zelta::deliver {
+
+class tree_watch {
+ public:
+  // Watches nothing when `error` is set.
+  tree_watch(const std::string& root, std::string& error);
+
+  int fd() const { return inotify_.get(); }
+  // Folders in which something happened since the last call. `all` is set when some events were
+  // lost, or a folder couldn't be watched: then anything may have.
+  std::set<std::string> take(bool& all);
+
+  // All folders under the root, and itself, that hold a manifest; links aren't followed.
+  static std::set<std::string> recordings_under(const std::string& root);
+
+ private:
+  void add(const std::string& folder, std::set<std::string>* seen, bool& all);
+
+  base::unique_fd inotify_;
+  std::map<int, std::string> folders_;  // by watch
+};
+
+}  // namespace zelta::deliver
