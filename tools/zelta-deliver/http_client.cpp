@@ -224,11 +224,8 @@ http_answer http_client::perform(const http_request& request) {
   set_ways(easy, of);
   set_who(easy, request);
   set_body(easy, of);
-  std::vector<std::string> lines = request.headers;
-  // Some servers never answer it, and each file would wait a second for that.
-  lines.emplace_back("Expect:");
-  const header_list headers = list_of(lines);
-  set(easy, CURLOPT_HTTPHEADER, headers.get());
+  const header_list headers = list_of(request.headers);
+  if (headers) set(easy, CURLOPT_HTTPHEADER, headers.get());
   const header_list after = list_of(request.commands_after);
   if (after) set(easy, CURLOPT_POSTQUOTE, after.get());
   const CURLcode code = curl_easy_perform(easy);

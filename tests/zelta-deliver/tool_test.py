@@ -1,0 +1,395 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""zelta-deliver against servers on the loopback: what arrives, what is told, what stays."""
+
+import fcntl
+import hashlib
+import json
+import os
+import shutil
+import signal
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+TOOL = Path(os.environ["ZELTA_BIN"]) / "zelta-deliver"
+LIMIT_S = 60
+RETRY = {"first_ms": 20, "longest_ms": 200, "refusals": 3}
+ENVIRONMENT = {**os.environ, "S3_SECRET": "not-a-secret", "HOOK_KEY": "hook-key"}
+
+
+def wait_for(what, holds):
+    """A file system or another process has no event to wait on that a test could have."""
+    until = time.monotonic() + LIMIT_S
+    while not holds():
+        if time.monotonic() > until:
+            raise AssertionError(f"{what} in {LIMIT_S} s")
+        time.sleep(0.02)
+
+
+class Recording:
+    """A folder as a recorder leaves it."""
+
+    def __init__(self, root, name="call"):
+        self.folder = root / name
+        self.folder.mkdir(parents=True)
+        self.files = []
+
+    def add(self, name, size, closed="user left"):
+        seed = hashlib.sha256(f"{self.folder}{name}".encode()).digest()
+        (self.folder / name).write_bytes((seed * (size // 32 + 1))[:size])
+        self.files = [one for one in self.files if one["name"] != name]
+        self.files.append({"name": name, "uid": 7, "closed": closed})
+        return self.write()
+
+    def write(self):
+        beside = self.folder / "recording.json.new"
+        beside.write_text(json.dumps({"version": 1, "channel_id": "c", "files": self.files}))
+        beside.rename(self.folder / "recording.json")
+        return self
+
+    def runs(self, does):
+        journal = self.folder / "journal.json"
+        if does:
+            journal.write_text("{}")
+        else:
+            journal.unlink()
+        return self
+
+    def state(self):
+        return json.loads((self.folder / "delivery.json").read_text())
+
+    def stages(self):
+        return {name: {at["state"] for at in one["targets"].values()}
+                for name, one in self.state()["files"].items()}
+
+
+class ToolTest(unittest.TestCase):
+    def setUp(self):
+        self.dir = Path(tempfile.mkdtemp(prefix="zelta-test."))
+        self.addCleanup(shutil.rmtree, self.dir, True)
+        self.kept = self.dir / "kept"
+        (self.dir / "id").write_text("tester\n")
+        self.port = 0
+        self.store = None
+
+    def serve(self, faults="", folder=None):
+        if self.store:
+            self.stop_store()
+        self.store = subprocess.Popen(
+            [sys.executable, HERE / "store.py", folder or self.kept, str(self.port), "--faults",
+             faults], stdout=subprocess.PIPE, text=True)
+        self.addCleanup(self.stop_store)
+        self.port = int(self.store.stdout.readline())
+
+    def stop_store(self):
+        if self.store:
+            self.store.kill()
+            self.store.wait()
+            self.store.stdout.close()
+            self.store = None
+
+    def target(self, kind, **more):
+        url = f"http://127.0.0.1:{self.port}"
+        made = {
+            "http": {"url": url + "/dav"},
+            "s3": {"endpoint": url + "/s3", "bucket": "bucket", "access_key_file":
+                   str(self.dir / "id"), "secret_key_env": "S3_SECRET", "prefix": "p q/",
+                   "part_bytes": 5 << 20},
+            "folder": {"path": str(self.dir / "nas")},
+        }[kind]
+        if kind == "folder":
+            (self.dir / "nas").mkdir(exist_ok=True)
+        return {"name": kind, "type": kind, **made, **more}
+
+    def settings(self, *targets, **more):
+        path = self.dir / "settings.json"
+        path.write_text(json.dumps({"targets": targets, "retry": RETRY, "stall_s": 5, **more}))
+        return path
+
+    def command(self, settings, *arguments):
+        return [TOOL, "--json", "--settings", settings, *map(str, arguments)]
+
+    def run_tool(self, settings, *arguments, status=0):
+        done = subprocess.run(self.command(settings, *arguments), env=ENVIRONMENT, timeout=LIMIT_S,
+                              capture_output=True, text=True)
+        self.assertEqual(done.returncode, status, done.stdout + done.stderr)
+        return [json.loads(line) for line in done.stdout.splitlines()]
+
+    def start_tool(self, settings, *arguments):
+        tool = subprocess.Popen(self.command(settings, *arguments), env=ENVIRONMENT,
+                                stdout=subprocess.DEVNULL)
+
+        def end():
+            tool.kill()
+            tool.wait()
+        self.addCleanup(end)
+        return tool
+
+    def puts(self):
+        log = self.kept / "puts.txt"
+        return sorted(log.read_text().split()) if log.exists() else []
+
+    def hooks(self):
+        log = self.kept / "hooks.txt"
+        return [json.loads(line) for line in log.read_text().splitlines()] if log.exists() else []
+
+    def assert_arrived(self, recording, at):
+        for one in recording.folder.iterdir():
+            if one.name.startswith((".", "delivery", "journal")):
+                continue
+            there = at / recording.folder.name / one.name
+            self.assertEqual(there.read_bytes(), one.read_bytes(), one.name)
+
+    def all_kinds(self):
+        return {"http": self.kept / "dav", "s3": self.kept / "s3/bucket/p q",
+                "folder": self.dir / "nas"}
+
+    def recording(self):
+        made = Recording(self.dir, "a call+1")
+        made.add("7_a.mp4", 1000).add("7_b.webm", 200_000).add("8_c.m4a", 12_000_000)
+        made.add("9_d.m4a", 0)
+        (made.folder / "messages.jsonl").write_text("{}\n")
+        (made.folder / "recording_engine.log").write_text("began\n")
+        (made.folder / "7_20260101T000000000.jpg").write_bytes(b"jpeg")
+        return made
+
+    def test_all_arrives_once_at_each_kind_of_target(self):
+        for kind, at in self.all_kinds().items():
+            for verify in ("size", "content"):
+                with self.subTest(kind=kind, verify=verify):
+                    shutil.rmtree(self.dir / "a call+1", True)
+                    shutil.rmtree(self.kept, True)
+                    self.serve()
+                    made = self.recording()
+                    told = self.run_tool(self.settings(self.target(kind, verify=verify)),
+                                         made.folder)
+                    self.assert_arrived(made, at)
+                    names = [one["file"] for one in told if one["event"] == "confirmed"]
+                    self.assertEqual(len(names), 8)
+                    self.assertEqual(names[-1], "recording.json")
+                    again = self.run_tool(self.settings(self.target(kind)), made.folder)
+                    self.assertEqual(again, [])
+                    if kind != "folder":
+                        self.assertEqual(self.puts(), sorted(set(names)))
+
+    def test_faults_of_servers_cost_time_and_nothing_else(self):
+        faults = ["error=0.5", "busy=0.3", "drop=0.5", "deaf=0.5", "lie=0.4",
+                  "error=0.1,busy=0.1,drop=0.1,deaf=0.1,lie=0.1,redirect=0.1"]
+        for kind in ("http", "s3"):
+            for fault in faults + (["bend=0.4"] if kind == "http" else []):
+                with self.subTest(kind=kind, fault=fault):
+                    shutil.rmtree(self.dir / "a call+1", True)
+                    shutil.rmtree(self.kept, True)
+                    self.serve(fault)
+                    made = self.recording()
+                    settings = self.settings(self.target(kind, verify="content"),
+                                             retry={**RETRY, "refusals": 50})
+                    self.run_tool(settings, made.folder)
+                    self.assert_arrived(made, self.all_kinds()[kind])
+
+    def test_what_can_not_work_is_a_dead_letter_until_it_is_asked_for_again(self):
+        for fault, says in (("refuse=1", "403"), ("redirect=1", "127.0.0.1:1/elsewhere"),
+                            ("lie=1", "hasn't got it")):
+            with self.subTest(fault):
+                shutil.rmtree(self.dir / "call", True)
+                shutil.rmtree(self.kept, True)
+                made = Recording(self.dir).add("7_a.mp4", 1000)
+                self.serve(fault)
+                settings = self.settings(self.target("http"))
+                told = self.run_tool(settings, made.folder, status=4)
+                dead = [one for one in told if one["event"] == "dead letter"]
+                self.assertEqual([one["file"] for one in dead], ["7_a.mp4", "recording.json"])
+                self.assertIn(says, dead[0]["error"])
+                self.serve()
+                self.assertEqual(self.run_tool(settings, made.folder, status=4), [])
+                self.run_tool(settings, "--retry-dead", made.folder)
+                self.assert_arrived(made, self.kept / "dav")
+
+    def test_wrong_keys_are_refused_and_shown_nowhere(self):
+        self.serve()
+        made = Recording(self.dir).add("7_a.mp4", 1000)
+        (self.dir / "wrong").write_text("wrong-secret")
+        target = self.target("s3", secret_key_file=str(self.dir / "wrong"))
+        del target["secret_key_env"]
+        told = self.run_tool(self.settings(target), made.folder, status=4)
+        state = json.dumps(told) + (made.folder / "delivery.json").read_text()
+        self.assertNotIn("wrong-secret", state)
+        self.assertIn("403", state)
+
+    def test_retry_after_is_heard(self):
+        self.serve("busy=1")
+        made = Recording(self.dir).add("7_a.mp4", 1000)
+        settings = self.settings(self.target("http"))
+        told = self.run_tool(settings, "--give-up", 2, made.folder, status=3)
+        self.assertLessEqual(sum(one["event"] == "failed" for one in told), 3)
+        self.assertEqual(made.stages(), {"7_a.mp4": {"sending"}, "recording.json": {"pending"}})
+
+    def test_a_file_that_changed_or_went_is_told_and_what_stands_there_is_not_replaced(self):
+        self.serve()
+        settings = self.settings(self.target("http"))
+        made = Recording(self.dir).add("7_a.mp4", 1000).add("7_b.mp4", 1000)
+        self.run_tool(settings, made.folder)
+        made.add("7_a.mp4", 2000).add("7_c.mp4", 10)
+        (made.folder / "7_c.mp4").unlink()
+        other = self.kept / "dav/call/8_d.mp4"
+        other.write_text("somebody else's")
+        made.add("8_d.mp4", 1000)
+        self.run_tool(settings, made.folder, status=4)
+        self.assertEqual({name: at for name, at in made.stages().items() if at == {"dead"}},
+                         {name: {"dead"} for name in ("7_a.mp4", "7_c.mp4", "8_d.mp4")})
+        self.assertEqual((self.kept / "dav/call/7_a.mp4").stat().st_size, 1000)
+        self.assertEqual(other.read_text(), "somebody else's")
+        # The manifest is a new one, and went again.
+        self.assertEqual((self.kept / "dav/call/recording.json").read_bytes(),
+                         (made.folder / "recording.json").read_bytes())
+
+    def test_parts_that_are_there_are_not_sent_again(self):
+        self.serve("deaf=0.5")
+        made = Recording(self.dir).add("7_a.mp4", 26_000_000)
+        settings = self.settings(self.target("s3"))
+        tool = self.start_tool(settings, made.folder)
+        parts = self.kept / "parts.txt"
+        wait_for("two parts", lambda: parts.exists() and len(parts.read_text().split("\n")) > 3)
+        tool.kill()
+        tool.wait()
+        before = len(made.state()["files"]["7_a.mp4"]["targets"]["s3"].get("parts", []))
+        self.serve()
+        parts.unlink()
+        self.run_tool(settings, made.folder)
+        self.assertEqual(len(parts.read_text().splitlines()), 5 - before)
+        self.assert_arrived(made, self.kept / "s3/bucket/p q")
+
+    def test_a_running_recording_is_delivered_file_by_file_and_its_manifest_last(self):
+        self.serve()
+        root = self.dir / "root"
+        made = Recording(root).add("7_a.mp4", 1000).add("7_b.mp4", 1000, closed="").runs(True)
+        tool = self.start_tool(self.settings(self.target("http")), "--watch", root)
+        there = self.kept / "dav/call"
+        wait_for("the first file", lambda: (there / "7_a.mp4").exists())
+        self.assertFalse((there / "7_b.mp4").exists())
+        made.add("7_b.mp4", 5000)
+        wait_for("the second", lambda: (there / "7_b.mp4").exists())
+        self.assertFalse((there / "recording.json").exists())
+        with open(made.folder / "journal.json") as _:
+            folder = os.open(made.folder, os.O_RDONLY)
+            fcntl.flock(folder, fcntl.LOCK_EX)
+            made.runs(False)
+            later = Recording(root / "deeper", "other").add("9_c.mp4", 100)
+            wait_for("a folder that came", lambda:
+                     (self.kept / "dav/deeper/other/recording.json").exists())
+            self.assertFalse((there / "recording.json").exists(), "the folder is held")
+            os.close(folder)
+        wait_for("the manifest", lambda: (there / "recording.json").exists())
+        wait_for("its confirmation", lambda:
+                 made.stages().get("recording.json") == {"confirmed"} and
+                 later.stages().get("recording.json") == {"confirmed"})
+        tool.send_signal(signal.SIGTERM)
+        self.assertEqual(tool.wait(LIMIT_S), 0)
+
+    def test_two_processes_share_folders_without_sending_twice(self):
+        self.serve()
+        root = self.dir / "root"
+        made = [Recording(root, f"call{at}").add("7_a.mp4", 300_000) for at in range(6)]
+        settings = self.settings(self.target("http"))
+        tools = [self.start_tool(settings, "--root", root, *[one.folder for one in made])
+                 for _ in range(3)]
+        self.assertTrue({tool.wait(LIMIT_S) for tool in tools} <= {0, 3})
+        self.run_tool(settings, "--root", root, *[one.folder for one in made])
+        self.assertEqual(self.puts(), ["7_a.mp4"] * 6 + ["recording.json"] * 6)
+
+    def test_only_what_every_target_has_is_deleted(self):
+        self.serve("refuse=1")
+        made = Recording(self.dir).add("7_a.mp4", 1000)
+        both = self.settings(self.target("http"), self.target("folder"), keep={"minutes": 0})
+        self.run_tool(both, made.folder, status=4)
+        self.assertTrue((made.folder / "7_a.mp4").exists())
+        self.serve()
+        told = self.run_tool(both, "--retry-dead", made.folder)
+        self.assertIn("deleted", {one["event"] for one in told})
+        self.assertFalse((made.folder / "7_a.mp4").exists())
+        self.assertTrue((made.folder / "recording.json").exists())
+        self.assertEqual((self.dir / "nas/call/7_a.mp4").stat().st_size, 1000)
+        self.assertEqual(self.run_tool(both, made.folder), [])
+
+    def test_a_quota_takes_the_oldest_confirmed_first(self):
+        made = Recording(self.dir)
+        settings = self.settings(self.target("folder"), keep={"quota_mib": 1}, connections=1)
+        for name in ("7_b.mp4", "7_a.mp4", "7_c.mp4"):
+            made.add(name, 500_000)
+            self.run_tool(settings, made.folder)
+        self.assertEqual(sorted(one.name for one in made.folder.glob("*.mp4")),
+                         ["7_a.mp4", "7_c.mp4"])
+
+    def test_hooks_and_webhook_are_told_in_order_and_at_least_once(self):
+        self.serve("deaf=0.4")
+        made = Recording(self.dir).add("7_a.mp4", 1000).add("7_b.mp4", 1000)
+        script = self.dir / "hook.sh"
+        script.write_text(f"""#!/bin/sh
+read -r line
+echo "$ZELTA_EVENT $ZELTA_FILE ${{S3_SECRET:-hidden}} $line" >> {self.dir}/ran.txt
+echo it ran
+""")
+        script.chmod(0o755)
+        settings = self.settings(
+            self.target("s3"), connections=1,
+            hooks={"file": [str(script)], "session": [str(script)]},
+            webhook={"url": f"http://127.0.0.1:{self.port}/hook", "secret_env": "HOOK_KEY"})
+        told = self.run_tool(settings, made.folder)
+        self.assertIn("it ran", [one.get("says") for one in told])
+        heard = self.hooks()
+        self.assertTrue(all(one["signed"] for one in heard))
+        first = list(dict.fromkeys(one["id"] for one in heard))
+        self.assertEqual([one.rsplit("-", 1)[1] for one in first],
+                         sorted((one.rsplit("-", 1)[1] for one in first), key=int))
+        events = {one["id"]: one["body"] for one in heard}
+        self.assertEqual([events[one]["event"] for one in first], ["file"] * 3 + ["session"])
+        ran = (self.dir / "ran.txt").read_text().splitlines()
+        self.assertEqual([line.split("{")[0].split() for line in ran],
+                         [[body["event"], *filter(None, [body.get("file")]), "hidden"]
+                          for body in (events[one] for one in first)])
+        self.assertEqual(json.loads(ran[0][ran[0].index("{"):])["bytes"], 1000)
+
+    def test_a_hook_that_hangs_is_ended_with_its_children_and_given_up(self):
+        made = Recording(self.dir).add("7_a.mp4", 10)
+        settings = self.settings(self.target("folder"), hooks={
+            "session": ["/bin/sh", "-c", f"sleep 1000 & echo $! > {self.dir}/pid; sleep 1000"],
+            "limit_s": 1}, retry={**RETRY, "refusals": 1})
+        told = self.run_tool(settings, made.folder)
+        self.assertIn("took more than 1 s", [one for one in told if one["event"] == "given up"]
+                      [0]["error"])
+        stat = Path(f"/proc/{(self.dir / 'pid').read_text().strip()}/stat")
+        self.assertTrue(not stat.exists() or stat.read_text().split()[2] == "Z")
+
+    def test_bandwidth_has_its_bound(self):
+        self.serve()
+        made = Recording(self.dir).add("7_a.mp4", 300_000).add("7_b.mp4", 300_000)
+        began = time.monotonic()
+        self.run_tool(self.settings(self.target("http"), kbps=4000), made.folder)
+        self.assertGreater(time.monotonic() - began, 600_000 * 8 / 4_000_000 * 0.85)
+
+    def test_a_state_that_is_none_stops_the_folder_and_a_left_journal_can_be_overruled(self):
+        made = Recording(self.dir).add("7_a.mp4", 10).runs(True)
+        settings = self.settings(self.target("folder"))
+        self.run_tool(settings, made.folder, status=3)
+        self.assertNotIn("recording.json", made.stages())
+        self.run_tool(settings, "--left-over", made.folder)
+        self.assertEqual(made.stages()["recording.json"], {"confirmed"})
+        (made.folder / "delivery.json").write_text("{\"version\": 1, ")
+        self.run_tool(settings, made.folder, status=1)
+
+    def test_status_tells_what_is_dead_and_what_is_not_yet_there(self):
+        made = Recording(self.dir).add("7_a.mp4", 10)
+        settings = self.settings(self.target("folder"))
+        os.rmdir(self.dir / "nas")
+        self.run_tool(settings, "--give-up", 1, made.folder, status=3)
+        told = self.run_tool(settings, "--status", made.folder, status=3)
+        self.assertIn("mounted", told[0]["error"])
+
+
+if __name__ == "__main__":
+    unittest.main()
