@@ -3,11 +3,13 @@
 """zelta-deliver against servers on the loopback: what arrives, what is told, what stays."""
 
 import fcntl
+import getpass
 import hashlib
 import json
 import os
 import shutil
 import signal
+import socket
 import subprocess
 import sys
 import tempfile
@@ -144,6 +146,62 @@ class ToolTest(unittest.TestCase):
                 continue
             there = at / recording.folder.name / one.name
             self.assertEqual(there.read_bytes(), one.read_bytes(), one.name)
+
+    def start_sshd(self):
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            port = free.getsockname()[1]
+        for key in ("host", "user"):
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", self.dir / key],
+                           check=True)
+        (self.dir / "sshd.conf").write_text(f"""
+ListenAddress 127.0.0.1:{port}
+HostKey {self.dir}/host
+AuthorizedKeysFile {self.dir}/user.pub
+PidFile none
+StrictModes no
+UsePAM no
+PasswordAuthentication no
+PermitRootLogin yes
+Subsystem sftp internal-sftp
+""")
+        if os.geteuid() == 0:
+            Path("/run/sshd").mkdir(exist_ok=True)
+        sshd = subprocess.Popen(["/usr/sbin/sshd", "-D", "-e", "-f", self.dir / "sshd.conf"],
+                                stderr=subprocess.PIPE, text=True)
+
+        def end():
+            sshd.kill()
+            sshd.wait()
+            sshd.stderr.close()
+        self.addCleanup(end)
+        self.assertIn("listening", sshd.stderr.readline())
+        hosts = self.dir / "hosts"
+        hosts.write_text(f"[127.0.0.1]:{port} " + (self.dir / "host.pub").read_text())
+        kept = self.dir / 'kept "by" ssh'
+        kept.mkdir()
+        return {"name": "sftp", "type": "sftp", "user": getpass.getuser(),
+                "url": f"sftp://127.0.0.1:{port}{self.dir}/kept%20%22by%22%20ssh",
+                "key_file": str(self.dir / "user"), "known_hosts": str(hosts)}
+
+    def test_sftp_takes_all_once_and_its_server_has_to_be_the_known_one(self):
+        target = self.start_sshd()
+        made = self.recording()
+        hosts = Path(target["known_hosts"])
+        right = hosts.read_text()
+        other = (self.dir / "user.pub").read_text()
+        hosts.write_text(right.split()[0] + " " + other)
+        told = self.run_tool(self.settings(target), made.folder, status=4)
+        self.assertFalse([one for one in told if one["event"] == "confirmed"])
+        hosts.write_text(right)
+        self.run_tool(self.settings(target), "--retry-dead", "--give-up", 20, made.folder)
+        at = self.dir / 'kept "by" ssh'
+        self.assert_arrived(made, at)
+        with open(made.folder / "recording_engine.log", "a") as log:
+            log.write("went on\n")
+        self.run_tool(self.settings({**target, "verify": "content"}), made.folder)
+        self.assert_arrived(made, at)
+        self.assertEqual(list(at.rglob("*.part")), [])
 
     def all_kinds(self):
         return {"http": self.kept / "dav", "s3": self.kept / "s3/bucket/p q",

@@ -255,4 +255,12 @@ std::string percent_encoded(const std::string& text, bool keep_slashes) {
   return made;
 }
 
+std::string percent_decoded(const std::string& text) {
+  int size = 0;
+  const std::unique_ptr<char, void (*)(void*)> made(
+      curl_easy_unescape(nullptr, text.c_str(), static_cast<int>(text.size()), &size), curl_free);
+  if (!made) throw std::bad_alloc();
+  return {made.get(), static_cast<size_t>(size)};
+}
+
 }  // namespace zelta::deliver

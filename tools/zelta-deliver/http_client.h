@@ -73,5 +73,6 @@ bool prepare_http();
 // A segment of a path, or with `keep_slashes` a path: all but unreserved characters as %XX
 // (RFC 3986, section 2.3), as signatures want it.
 std::string percent_encoded(const std::string& text, bool keep_slashes);
+std::string percent_decoded(const std::string& text);
 
 }  // namespace zelta::deliver

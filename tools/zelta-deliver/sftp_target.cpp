@@ -39,7 +39,8 @@ std::string sftp_target::quoted(const std::string& remote) const {
   const size_t host = settings_.url.find("://") + 3;
   const size_t slash = settings_.url.find('/', host);
   const std::string path =
-      (slash == std::string::npos ? "" : settings_.url.substr(slash)) + "/" + remote;
+      (slash == std::string::npos ? "" : percent_decoded(settings_.url.substr(slash))) + "/" +
+      remote;
   std::string made = "\"";
   for (const char c : path) {
     if (c == '"' || c == '\\') made += '\\';
