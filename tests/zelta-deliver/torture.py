@@ -1,0 +1,164 @@
+#!/usr/bin/env python3
+# SPDX-License-Identifier: Apache-2.0
+"""zelta-deliver and its servers are killed at random moments, while files go to nginx and to a
+store that fails in every way (store.py). At the end every file has to be at both targets, byte for
+byte, once in the states, and none may ever have been deleted that wasn't there.
+
+    torture.py FOLDER KILLS [SEED]
+"""
+
+import hashlib
+import json
+import os
+import random
+import socket
+import subprocess
+import sys
+import time
+from pathlib import Path
+
+HERE = Path(__file__).resolve().parent
+TOOL = Path(os.environ["ZELTA_BIN"]) / "zelta-deliver"
+FAULTS = "error=0.05,busy=0.03,redirect=0.03,drop=0.1,deaf=0.1,lie=0.1"
+LAST_RUN_S = 300
+
+NGINX = """
+daemon off; master_process off; error_log {dir}/nginx.log; pid {dir}/nginx.pid;
+events {{ worker_connections 64; }}
+http {{
+  access_log off; client_max_body_size 0; client_body_temp_path {dir}/body;
+  proxy_temp_path {dir}/t1; fastcgi_temp_path {dir}/t2; uwsgi_temp_path {dir}/t3;
+  scgi_temp_path {dir}/t4;
+  server {{
+    listen 127.0.0.1:{port};
+    location / {{ root {dir}/dav; dav_methods PUT MKCOL; }}
+  }}
+}}
+"""
+
+
+def free_port():
+    with socket.socket() as free:
+        free.bind(("127.0.0.1", 0))
+        return free.getsockname()[1]
+
+
+class Torture:
+    def __init__(self, folder, seed):
+        self.dir = folder
+        self.dice = random.Random(seed)
+        self.faults = FAULTS
+        self.servers = {}
+        self.ports = {"nginx": free_port(), "store": free_port()}
+        self.kept = {"nginx": folder / "dav", "store": folder / "store/s3/bucket"}
+        (folder / "dav").mkdir(parents=True)
+        (folder / "id").write_text("tester")
+        (folder / "nginx.conf").write_text(NGINX.format(dir=folder, port=self.ports["nginx"]))
+        retry = {"first_ms": 20, "longest_ms": 200, "refusals": 1000}
+        (folder / "settings.json").write_text(json.dumps({
+            "targets": [
+                {"name": "nginx", "type": "http", "verify": "content",
+                 "url": f"http://127.0.0.1:{self.ports['nginx']}"},
+                {"name": "store", "type": "s3", "verify": "content", "bucket": "bucket",
+                 "endpoint": f"http://127.0.0.1:{self.ports['store']}/s3", "part_bytes": 5 << 20,
+                 "access_key_file": str(folder / "id"), "secret_key_env": "S3_SECRET"}],
+            "retry": retry, "stall_s": 5, "keep": {"minutes": 0}}))
+
+    def make_files(self):
+        """Digests of what has to arrive, by folder and name."""
+        wanted = {}
+        self.folders = []
+        for call in range(4):
+            folder = self.dir / "recordings" / f"call{call}"
+            folder.mkdir(parents=True)
+            self.folders.append(folder)
+            files = []
+            for at in range(10):
+                name = f"{at}_{call}.mp4"
+                size = self.dice.choice([0, 1000, 30_000, 300_000, 2_000_000, 7_000_000])
+                (folder / name).write_bytes(self.dice.randbytes(size))
+                files.append({"name": name, "uid": at, "closed": "user left"})
+            (folder / "recording.json").write_text(json.dumps({"files": files}))
+            for one in folder.iterdir():
+                wanted[f"{call}/{one.name}"] = hashlib.sha256(one.read_bytes()).hexdigest()
+        return wanted
+
+    def start(self, name):
+        command = {
+            "nginx": ["nginx", "-p", self.dir, "-c", self.dir / "nginx.conf"],
+            "store": [sys.executable, HERE / "store.py", self.dir / "store",
+                      str(self.ports["store"]), "--faults", self.faults, "--seed",
+                      str(self.dice.randrange(1 << 30))]}[name]
+        self.servers[name] = subprocess.Popen(command, stdout=subprocess.DEVNULL,
+                                              stderr=subprocess.DEVNULL)
+
+    def kill(self, name):
+        self.servers[name].kill()
+        self.servers[name].wait()
+
+    def tool(self, out):
+        return subprocess.Popen(
+            [TOOL, "--json", "--settings", self.dir / "settings.json", "--root",
+             self.dir / "recordings", *self.folders], stdout=out,
+            env={**os.environ, "S3_SECRET": "not-a-secret"})
+
+    def faulty(self, wanted, only_gone):
+        """What isn't at a target as it should be; of what is gone here, or of all."""
+        bad = []
+        for key, digest in wanted.items():
+            if only_gone and (self.dir / "recordings" / f"call{key}").exists():
+                continue
+            for target, kept in self.kept.items():
+                there = kept / f"call{key}"
+                found = hashlib.sha256(there.read_bytes()).hexdigest() if there.exists() else "none"
+                if found != digest:
+                    bad.append(f"{target} {key}")
+        return bad
+
+    def run(self, kills):
+        wanted = self.make_files()
+        for name in self.ports:
+            self.start(name)
+        died = {"tool": 0, "nginx": 0, "store": 0}
+        bad = []
+        with open(self.dir / "out.jsonl", "w") as out:
+            for _ in range(kills):
+                tool = self.tool(out)
+                time.sleep(self.dice.uniform(0.01, 0.4))  # the moment of the kill
+                victim = self.dice.choice(["tool", "tool", "nginx", "store"])
+                if victim != "tool":
+                    self.kill(victim)
+                    time.sleep(self.dice.uniform(0, 0.2))
+                    self.start(victim)
+                tool.kill()
+                tool.wait()
+                died["tool"] += 1
+                died[victim] += victim != "tool"
+                bad += self.faulty(wanted, only_gone=True)
+            began = time.monotonic()
+            tool = self.tool(out)
+            status = tool.wait(LAST_RUN_S)
+        bad += self.faulty(wanted, only_gone=False)
+        states = [at["state"] for folder in self.folders for one in json.loads(
+            (folder / "delivery.json").read_text())["files"].values()
+                  for at in one["targets"].values()]
+        puts = self.dir / "store/puts.txt"
+        stored = len(puts.read_text().splitlines())
+        print(f"{len(wanted)} files to 2 targets; killed: {died}; the last run ended with {status} "
+              f"after {time.monotonic() - began:.1f} s")
+        print(f"confirmed {states.count('confirmed')} of {2 * len(wanted)}; wrong or deleted early: "
+              f"{len(bad)} {bad[:5]}; stored {stored} times, {len(wanted)} are needed")
+        for name in self.servers:
+            self.kill(name)
+        return 0 if status == 0 and not bad and states.count("confirmed") == 2 * len(wanted) else 1
+
+
+def main():
+    folder, kills = Path(sys.argv[1]), int(sys.argv[2])
+    seed = int(sys.argv[3]) if len(sys.argv) > 3 else random.randrange(1 << 30)
+    print(f"seed {seed}", flush=True)
+    return Torture(folder, seed).run(kills)
+
+
+if __name__ == "__main__":
+    sys.exit(main())
