@@ -17,7 +17,7 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(libgtest-dev) ;;
+    test) packages+=(libgtest-dev nginx-light openssh-server) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     bench) packages+=(libzmq3-dev gnuplot-nox) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
