@@ -346,6 +346,10 @@ Subsystem sftp internal-sftp
         wait_for("its confirmation", lambda:
                  made.stages().get("recording.json") == {"confirmed"} and
                  later.stages().get("recording.json") == {"confirmed"})
+        made.folder.rename(self.dir / "away")
+        wait_for("the folder that went is let go", lambda: sum(
+            os.readlink(one).endswith(".delivery.lock") for one in
+            Path(f"/proc/{tool.pid}/fd").iterdir() if one.is_symlink()) == 1)
         tool.send_signal(signal.SIGTERM)
         self.assertEqual(tool.wait(LIMIT_S), 0)
 

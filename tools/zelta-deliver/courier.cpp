@@ -103,10 +103,26 @@ void courier::scan_due() {
   } else if (!dirty_.empty() && watch_) {
     open_folders(dirty_);
   }
+  if (watch_) forget_gone();
   for (const auto& one : folders_) {
     if (all || dirty_.count(one->folder()) != 0 || (round && !one->is_over())) scan(*one);
   }
   dirty_.clear();
+}
+
+// Of what is watched. One that comes again under its name is another one.
+void courier::forget_gone() {
+  const auto is_gone = [this](const std::unique_ptr<consignment>& one) {
+    if (one->in_flight() || access(one->folder().c_str(), F_OK) == 0 || errno != ENOENT) {
+      return false;
+    }
+    if (one->has_pending()) {
+      reports_.tell("broken", {{"folder", one->folder()},
+                               {"error", "the folder is gone, and not all of it was delivered"}});
+    }
+    return true;
+  };
+  folders_.erase(std::remove_if(folders_.begin(), folders_.end(), is_gone), folders_.end());
 }
 
 void courier::open_folders(const std::set<std::string>& folders) {

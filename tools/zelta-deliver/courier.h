@@ -47,6 +47,7 @@ class courier {
   using work = std::function<void(http_client&)>;
 
   void open_folders(const std::set<std::string>& folders);
+  void forget_gone();
   void open_folder(const std::string& folder);
   void scan(consignment& one);
   void scan_due();

@@ -14,7 +14,7 @@
 namespace zelta::deliver {
 namespace {
 
-constexpr size_t kPiece = 256 * 1024;
+constexpr size_t kPiece = size_t{256} * 1024;
 
 bool fail(std::string& error, const std::string& call) {
   error = call + ": " + std::strerror(errno);

@@ -21,8 +21,6 @@
 #include "digest.h"
 #include "disk.h"
 
-extern char** environ;
-
 namespace zelta::deliver {
 namespace {
 

@@ -12,8 +12,8 @@
 namespace zelta::deliver {
 namespace {
 
-constexpr size_t kMostBody = 64 * 1024;
-constexpr size_t kPiece = 64 * 1024;
+constexpr size_t kMostBody = size_t{64} * 1024;
+constexpr size_t kPiece = size_t{64} * 1024;
 constexpr long kConnectSeconds = 20;
 
 // One request while it is under way.

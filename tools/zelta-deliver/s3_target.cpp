@@ -110,7 +110,7 @@ sight s3_target::look(http_client& by, const parcel& of, bool thorough) const {
 outcome s3_target::send(http_client& by, const parcel& of, shipment& at,
                         const std::function<bool()>& save) const {
   if (of.is.bytes <= settings_.part_bytes && at.upload_id.empty()) return send_whole(by, of);
-  const outcome unsaved{outcome::kLater, "the upload's state can't be kept", 0};
+  outcome unsaved{outcome::kLater, "the upload's state can't be kept", 0};
   if (at.upload_id.empty()) {
     if (outcome begun = begin(by, of, at); begun.is != outcome::kDone) return begun;
     if (!save()) return unsaved;

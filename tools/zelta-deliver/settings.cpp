@@ -267,7 +267,7 @@ delivery_settings parse_delivery_settings(const std::string& path, const std::st
   } catch (const std::exception& e) {
     found.push_back(std::string("can't be read: ") + e.what() + "; " + kExample);
   }
-  for (const std::string& one : found) errors.push_back(path + ": " + one);
+  for (const std::string& one : found) errors.push_back((path + ": ").append(one));
   return made;
 }
 
