@@ -132,6 +132,16 @@ class ToolTest(unittest.TestCase):
         self.addCleanup(end)
         return tool
 
+    @staticmethod
+    def locks_of(tool):
+        count = 0
+        for one in Path(f"/proc/{tool.pid}/fd").iterdir():
+            try:
+                count += os.readlink(one).endswith(".delivery.lock")
+            except FileNotFoundError:  # it was closed meanwhile
+                pass
+        return count
+
     def puts(self):
         log = self.kept / "puts.txt"
         return sorted(log.read_text().split()) if log.exists() else []
@@ -347,9 +357,7 @@ Subsystem sftp internal-sftp
                  made.stages().get("recording.json") == {"confirmed"} and
                  later.stages().get("recording.json") == {"confirmed"})
         made.folder.rename(self.dir / "away")
-        wait_for("the folder that went is let go", lambda: sum(
-            os.readlink(one).endswith(".delivery.lock") for one in
-            Path(f"/proc/{tool.pid}/fd").iterdir() if one.is_symlink()) == 1)
+        wait_for("the folder that went is let go", lambda: self.locks_of(tool) == 1)
         tool.send_signal(signal.SIGTERM)
         self.assertEqual(tool.wait(LIMIT_S), 0)
 
