@@ -137,7 +137,10 @@ class Torture:
                 bad += self.faulty(wanted, only_gone=True)
             began = time.monotonic()
             tool = self.tool(out)
-            status = tool.wait(LAST_RUN_S)
+            try:
+                status = tool.wait(LAST_RUN_S)
+            finally:
+                tool.kill()
         bad += self.faulty(wanted, only_gone=False)
         states = [at["state"] for folder in self.folders for one in json.loads(
             (folder / "delivery.json").read_text())["files"].values()
@@ -148,8 +151,6 @@ class Torture:
               f"after {time.monotonic() - began:.1f} s")
         print(f"confirmed {states.count('confirmed')} of {2 * len(wanted)}; wrong or deleted early: "
               f"{len(bad)} {bad[:5]}; stored {stored} times, {len(wanted)} are needed")
-        for name in self.servers:
-            self.kill(name)
         return 0 if status == 0 and not bad and states.count("confirmed") == 2 * len(wanted) else 1
 
 
@@ -157,7 +158,12 @@ def main():
     folder, kills = Path(sys.argv[1]), int(sys.argv[2])
     seed = int(sys.argv[3]) if len(sys.argv) > 3 else random.randrange(1 << 30)
     print(f"seed {seed}", flush=True)
-    return Torture(folder, seed).run(kills)
+    torture = Torture(folder, seed)
+    try:
+        return torture.run(kills)
+    finally:
+        for name in torture.servers:
+            torture.kill(name)
 
 
 if __name__ == "__main__":

@@ -68,7 +68,9 @@ outcome http_target::send(http_client& by, const parcel& of, shipment&,
   put.bytes = of.is.bytes;
   // Folders are there for all files but the first, and some servers make them by themselves.
   http_answer answer = by.perform(put);
-  const bool lacks_folder = answer.carried && (answer.status == 404 || answer.status == 409);
+  // RFC 4918 has 409 for one that is missing; nginx answers 500.
+  const bool lacks_folder =
+      answer.carried && (answer.status == 404 || answer.status == 409 || answer.status == 500);
   if (lacks_folder && settings_.make_folders) {
     if (outcome made = make_folders(by, of.remote); made.is != outcome::kDone) return made;
     answer = by.perform(put);
