@@ -7,19 +7,20 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
+#include <stdexcept>
 #include <system_error>
 
-#include <fcntl.h>
 #include <json/json.h>
-#include <sys/file.h>
 #include <sys/stat.h>
 
-#include "base/unique_fd.h"
+#include "recordings/folder_state.h"
+#include "recordings/regular_file.h"
 
 namespace zelta::recordings {
 namespace {
 
+constexpr size_t kMostBytes = size_t{64} << 20U;
 constexpr const char* kPrefix = "recording";
 constexpr const char* kEnding = ".json";
 
@@ -67,48 +68,25 @@ gap gap_of(const Json::Value& entry, const manifest& of) {
   return made;
 }
 
-// A name that leads out of the folder is none of a recorder's.
-bool is_plain_name(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
-         name.find('\0') == std::string::npos;
-}
-
-bool is_digits(const std::string& text) {
-  return !text.empty() && text.find_first_not_of("0123456789") == std::string::npos;
-}
-
-// STEM.json of the first session, STEM_2.json of the second one, and so on.
-bool is_share(const std::string& name, const std::string& stem, const std::string& ending) {
-  if (name.size() < stem.size() + ending.size() || name.rfind(stem, 0) != 0 ||
-      name.compare(name.size() - ending.size(), ending.size(), ending) != 0) {
-    return false;
+// Throws what there is to say of it.
+Json::Value parsed(const std::string& folder, const std::string& name) {
+  const auto read = read_regular(folder, name, kMostBytes);
+  if (!read) throw std::system_error(errno, std::generic_category());
+  if (read->is_cut) {
+    throw std::length_error("it has more than " + std::to_string(kMostBytes >> 20U) + " MiB");
   }
-  const std::string number = name.substr(stem.size(), name.size() - stem.size() - ending.size());
-  return number.empty() || (number[0] == '_' && is_digits(number.substr(1)));
-}
-
-// UID_YYYYMMDDTHHMMSSmmm.jpg
-bool is_picture(const std::string& name) {
-  const size_t line = name.find('_');
-  return line != std::string::npos && is_digits(name.substr(0, line)) && name.size() > line + 5 &&
-         name.compare(name.size() - 4, 4, ".jpg") == 0;
-}
-
-// What locks nothing is held by nobody.
-bool is_held(const std::string& path) {
-  const base::unique_fd lock(open(path.c_str(), O_RDONLY | O_CLOEXEC));
-  return lock.valid() && flock(lock.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
+  Json::Value root;
+  std::istringstream(read->text) >> root;
+  return root;
 }
 
 manifest read(const std::string& folder, const std::string& name) {
-  std::ifstream file(folder + name);
-  Json::Value root;
-  file >> root;
+  const Json::Value root = parsed(folder, name);
   manifest made;
   made.name = name;
   made.channel_id = root["channel_id"].asString();
   for (const Json::Value& entry : root["files"]) {
-    if (is_plain_name(entry["name"].asString())) made.files.push_back(file_of(entry, made, folder));
+    if (is_media_name(entry["name"].asString())) made.files.push_back(file_of(entry, made, folder));
   }
   for (const Json::Value& entry : root["missing"]) made.missing.push_back(gap_of(entry, made));
   made.names = by_user<std::string>(root["names"]);
@@ -121,34 +99,17 @@ manifest read(const std::string& folder, const std::string& name) {
 }  // namespace
 
 bool is_manifest_name(const std::string& file_name) {
-  return is_share(file_name, kPrefix, kEnding);
-}
-
-bool is_over(const std::string& folder, bool journals_may_stay) {
-  std::error_code failed;
-  std::filesystem::directory_iterator at(folder, failed);
-  if (failed || is_held(folder)) return false;
-  for (; at != std::filesystem::directory_iterator(); at.increment(failed)) {
-    const std::string name = at->path().filename().string();
-    if (!journals_may_stay && is_share(name, "journal", ".json")) return false;
-    if (is_share(name, ".recording", ".lock") && is_held(at->path().string())) return false;
+  const std::string start = kPrefix;
+  const std::string end = kEnding;
+  if (file_name.size() < start.size() + end.size() || file_name.rfind(start, 0) != 0 ||
+      file_name.compare(file_name.size() - end.size(), end.size(), end) != 0) {
+    return false;
   }
-  return !failed;
-}
-
-std::vector<std::string> companion_names(const std::string& folder) {
-  std::vector<std::string> names;
-  std::error_code failed;
-  std::filesystem::directory_iterator at(folder, failed);
-  for (; !failed && at != std::filesystem::directory_iterator(); at.increment(failed)) {
-    const std::string name = at->path().filename().string();
-    if (is_share(name, "messages", ".jsonl") || is_picture(name) ||
-        name.rfind("recording_engine.log", 0) == 0) {
-      names.push_back(name);
-    }
-  }
-  std::sort(names.begin(), names.end());
-  return names;
+  const std::string number =
+      file_name.substr(start.size(), file_name.size() - start.size() - end.size());
+  if (number.empty()) return true;
+  return number.size() > 1 && number[0] == '_' &&
+         number.find_first_not_of("0123456789", 1) == std::string::npos;
 }
 
 std::vector<manifest> read_manifests(const std::string& folder, std::vector<std::string>& errors) {

@@ -59,14 +59,4 @@ std::vector<manifest> read_manifests(const std::string& folder, std::vector<std:
 // Whether a file of the folder is the manifest of one of its sessions, by its name.
 bool is_manifest_name(const std::string& file_name);
 
-// Whether nobody records into the folder any more: it has no journal, and no process holds a share
-// of it. A folder that can't be read is not over. With `journals_may_stay` those that dead
-// recorders have left don't count. It looks by taking the locks for a moment: a recorder that
-// starts in just that moment calls its manifest recording_2.json.
-bool is_over(const std::string& folder, bool journals_may_stay = false);
-
-// What a recording has beside its media and its manifests, sorted: captured pictures, messages,
-// logs. Empty, too, when the folder can't be read.
-std::vector<std::string> companion_names(const std::string& folder);
-
 }  // namespace zelta::recordings
