@@ -13,7 +13,7 @@ namespace zelta::deliver {
 
 class tree_watch {
  public:
-  // Watches nothing when `error` is set.
+  // Watches nothing when `error` is set. What may not be read is left out.
   tree_watch(const std::string& root, std::string& error);
 
   int fd() const { return inotify_.get(); }
@@ -23,10 +23,14 @@ class tree_watch {
 
   // All folders under the root, and itself, that hold a manifest; links aren't followed.
   static std::set<std::string> recordings_under(const std::string& root);
+  // Whether there is a manifest, by its name.
+  static bool holds_recording(const std::string& folder);
 
  private:
   void add(const std::string& folder, std::set<std::string>* seen, bool& all);
+  void drop(const std::string& folder);
 
+  const std::string root_;
   base::unique_fd inotify_;
   std::map<int, std::string> folders_;  // by watch
 };
