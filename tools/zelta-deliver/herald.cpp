@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <csignal>
 #include <cstring>
+#include <map>
 #include <memory>
 #include <set>
 
@@ -27,6 +28,7 @@ namespace {
 using clock = std::chrono::steady_clock;
 
 constexpr size_t kLongestLine = 1000;
+constexpr size_t kMostAfterEnd = size_t{64} * 1024;
 constexpr int kLookMs = 100;  // for the end of everything, of which no descriptor tells
 
 // A process group of its own; killed and reaped at the latest by its destructor.
@@ -84,6 +86,7 @@ int hook_process::start(const std::vector<std::string>& command,
   posix_spawn_file_actions_adddup2(&actions, in, STDIN_FILENO);
   posix_spawn_file_actions_adddup2(&actions, out, STDOUT_FILENO);
   posix_spawn_file_actions_adddup2(&actions, out, STDERR_FILENO);
+  posix_spawn_file_actions_addclosefrom_np(&actions, STDERR_FILENO + 1);
   sigset_t none;
   sigemptyset(&none);
   sigset_t ours;
@@ -105,16 +108,21 @@ int hook_process::start(const std::vector<std::string>& command,
 }
 
 std::vector<std::string> environment_of(const notice& of, const std::set<std::string>& secrets) {
-  std::vector<std::string> made;
+  std::map<std::string, std::string> named;
   for (char** at = environ; *at != nullptr; ++at) {
     const std::string one = *at;
-    if (secrets.count(one.substr(0, one.find('='))) == 0) made.push_back(one);
+    const std::string name = one.substr(0, one.find('='));
+    if (secrets.count(name) == 0) named[name] = one;
   }
-  made.push_back("ZELTA_ID=" + of.id);
+  // These stand for those of the same names that we were called with.
+  named["ZELTA_ID"] = "ZELTA_ID=" + of.id;
   Json::Value body;
   Json::CharReaderBuilder builder;
   const std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  if (!reader->parse(of.body.data(), of.body.data() + of.body.size(), &body, nullptr)) return made;
+  const bool is_object =
+      reader->parse(of.body.data(), of.body.data() + of.body.size(), &body, nullptr) &&
+      body.isObject();
+  if (!is_object) body = Json::objectValue;
   for (const std::string& key : body.getMemberNames()) {
     std::string name = "ZELTA_" + key;
     std::transform(name.begin(), name.end(), name.begin(),
@@ -125,8 +133,10 @@ std::vector<std::string> environment_of(const notice& of, const std::set<std::st
     } else {
       value = body[key].asString();
     }
-    made.push_back(name.append("=").append(value));
+    named[name] = (name + "=").append(value);
   }
+  std::vector<std::string> made;
+  for (const auto& [name, one] : named) made.push_back(one);
   return made;
 }
 
@@ -154,10 +164,12 @@ class line_splitter {
   std::string line_;
 };
 
-// Reads to the end of the output, or of the limit. False then.
+// Reads to the end of the output, or of the limit. False then. Of what left its process group, and
+// writes on when the hook has ended, only what is there by then.
 bool listen(int out, hook_process& hook, int& status, clock::time_point until, const pace& limits,
             line_splitter& lines) {
   char piece[4096];
+  size_t after_end = 0;
   for (bool gone = false;;) {
     pollfd one{out, POLLIN, 0};
     const int ready = poll(&one, 1, gone ? 0 : kLookMs);
@@ -173,6 +185,8 @@ bool listen(int out, hook_process& hook, int& status, clock::time_point until, c
         return true;
       }
       if (got <= 0) return true;
+      if (gone) after_end += static_cast<size_t>(got);
+      if (after_end > kMostAfterEnd) return true;
     } else if (gone) {
       return true;
     }
@@ -204,7 +218,9 @@ outcome run_hook(const std::vector<std::string>& command, const notice& of,
       hook.start(command, environment_of(of, settings.secret_variables), in.get(), theirs.get());
   theirs.reset();
   if (failed != 0) {
-    return {outcome::kRefused, "posix_spawn " + command.front() + ": " + std::strerror(failed), 0};
+    const bool is_ours = failed == ENOMEM || failed == EAGAIN || failed == EMFILE;
+    return {is_ours ? outcome::kLater : outcome::kRefused,
+            "posix_spawn " + command.front() + ": " + std::strerror(failed), 0};
   }
   int status = 0;
   line_splitter lines(say);
