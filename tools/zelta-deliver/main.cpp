@@ -4,13 +4,16 @@
 #include <cstdio>
 #include <exception>
 
+#include <fcntl.h>
 #include <sys/signalfd.h>
+#include <unistd.h>
 
 #include "base/unique_fd.h"
 #include "courier.h"
 #include "exit_status.h"
 #include "http_client.h"
 #include "options.h"
+#include "places.h"
 #include "settings.h"
 #include "status.h"
 
@@ -31,7 +34,16 @@ base::unique_fd block_signals() {
   return base::unique_fd(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
 }
 
+// Or what we open next would be written to as if it were one of them. They are taken in order.
+bool open_standard_streams() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd) return false;
+  }
+  return true;
+}
+
 int deliver(int argc, char** argv) {
+  if (!open_standard_streams()) return kBroken;
   options asked;
   const parse_result parsed = parse_options(argc, argv, asked);
   if (!parsed.ok) {
@@ -41,6 +53,7 @@ int deliver(int argc, char** argv) {
   if (asked.status) return tell_status(asked);
   std::vector<std::string> errors;
   const delivery_settings settings = load_delivery_settings(asked.settings_path, errors);
+  if (errors.empty()) check_places(asked, settings, errors);
   for (const std::string& error : errors) std::fprintf(stderr, "%s\n", error.c_str());
   if (!errors.empty()) return kUsage;
   const base::unique_fd signals = block_signals();

@@ -20,6 +20,18 @@ bool is_plain(const std::string& text) {
                       [](char c) { return static_cast<unsigned char>(c) < ' ' || c == '\x7f'; });
 }
 
+bool looks_like_path(const std::string& text) {
+  return text.front() == '/' || text.rfind("./", 0) == 0 || text.rfind("../", 0) == 0;
+}
+
+// As variables of the environment are called, in capitals.
+bool looks_like_variable(const std::string& text) {
+  return (text.front() < '0' || text.front() > '9') &&
+         std::all_of(text.begin(), text.end(), [](char c) {
+           return (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_';
+         });
+}
+
 }  // namespace
 
 std::string shown(const Json::Value& value) {
@@ -43,6 +55,25 @@ bool object_reader::has(const char* key) const {
 const Json::Value* object_reader::find(const char* key) {
   asked_.insert(key);
   return object_.isMember(key) ? &object_[key] : nullptr;
+}
+
+bool object_reader::url(const char* key, std::string& to, const char* right, const check& fits) {
+  const Json::Value* const value = find(key);
+  if (value == nullptr) return false;
+  if (value->isString() && is_plain(value->asString()) && fits(value->asString())) {
+    to = value->asString();
+    return true;
+  }
+  if (value->isString()) {
+    std::string safe = value->asString();
+    safe.erase(std::min(safe.size(), safe.find_first_of("?#")));
+    const size_t at = safe.rfind('@');
+    if (at != std::string::npos) safe.replace(0, at, "...");
+    wrong(key, Json::Value(safe), right);
+  } else {
+    wrong(key, std::string("should be ") + right);
+  }
+  return false;
 }
 
 bool object_reader::text(const char* key, std::string& to, const char* right, const check& fits) {
@@ -89,24 +120,40 @@ void object_reader::texts(const char* key, std::vector<std::string>& to) {
   for (const Json::Value& one : *value) to.push_back(one.asString());
 }
 
+bool object_reader::place(const std::string& key, std::string& to, const char* right,
+                          bool (*looks_right)(const std::string&), std::string& shown_as) {
+  const Json::Value* const value = find(key.c_str());
+  if (value == nullptr) return false;
+  if (!value->isString() || !is_plain(value->asString())) {
+    wrong(key, std::string("should be ") + right);
+    return false;
+  }
+  to = value->asString();
+  shown_as = looks_right(to) ? shown(*value) : "what it names";
+  return true;
+}
+
 void object_reader::credential(const std::string& key, std::string& to,
                                std::set<std::string>& variables) {
   const std::string file_key = key + "_file";
   const std::string env_key = key + "_env";
   std::string path;
   std::string variable;
-  const bool of_file = text(file_key.c_str(), path);
-  const bool of_env = text(env_key.c_str(), variable);
+  std::string shown_file;
+  std::string shown_variable;
+  const bool of_file = place(file_key, path, "a file's path", looks_like_path, shown_file);
+  const bool of_env =
+      place(env_key, variable, "a variable's name", looks_like_variable, shown_variable);
   if (of_file && of_env) return wrong(env_key, "should not stand beside " + file_key);
   std::string found;
   if (of_file) {
     std::string error;
     const auto read = read_text(path, kLongestCredential, error);
-    if (!read) return wrong(file_key, error);
+    if (!read) return wrong(file_key, looks_like_path(path) ? error : "can't be read");
     found = read->substr(0, read->find_first_of("\r\n"));
   } else if (of_env) {
     const char* const value = std::getenv(variable.c_str());
-    if (value == nullptr) return wrong(env_key, shown(variable) + " should be set, and isn't");
+    if (value == nullptr) return wrong(env_key, shown_variable + " should be set, and isn't");
     found = value;
     variables.insert(variable);
   } else {
@@ -115,8 +162,8 @@ void object_reader::credential(const std::string& key, std::string& to,
   if (is_plain(found)) {
     to = found;
   } else {
-    wrong(of_file ? file_key : env_key,
-          shown(of_file ? path : variable) + " should hold a text without control characters");
+    wrong(of_file ? file_key : env_key, (of_file ? shown_file : shown_variable) +
+                                            " should hold a text without control characters");
   }
 }
 

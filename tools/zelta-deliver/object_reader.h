@@ -24,11 +24,14 @@ class object_reader {
   using check = std::function<bool(const std::string&)>;
   bool text(const char* key, std::string& to, const char* right = nullptr,
             const check& fits = nullptr);
+  // A text of which errors show neither user, password nor query.
+  bool url(const char* key, std::string& to, const char* right, const check& fits);
   void number(const char* key, int64_t& to, int64_t lowest, int64_t highest);
   void flag(const char* key, bool& to);
   void texts(const char* key, std::vector<std::string>& to);
   // What the first line of the file KEY_file holds, or the variable that KEY_env names.
-  // The variable's name is added to `variables`.
+  // The variable's name is added to `variables`. Errors show names that look like one: whoever
+  // mistakes the key for the credential's own place would have it in the log.
   void credential(const std::string& key, std::string& to, std::set<std::string>& variables);
   const Json::Value* object(const char* key);
   const Json::Value* list(const char* key);
@@ -40,6 +43,8 @@ class object_reader {
 
  private:
   const Json::Value* find(const char* key);
+  bool place(const std::string& key, std::string& to, const char* right,
+             bool (*looks_right)(const std::string&), std::string& shown_as);
 
   const Json::Value& object_;
   const std::string prefix_;

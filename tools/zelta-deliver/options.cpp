@@ -1,8 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "options.h"
 
+#include <algorithm>
 #include <exception>
 #include <filesystem>
+#include <map>
 #include <sstream>
 #include <system_error>
 
@@ -53,9 +55,17 @@ std::string settle(options& o) {
     if (!error.empty()) return error;
   }
   if (o.root.empty()) o.root = o.watch;
+  std::sort(o.folders.begin(), o.folders.end());
+  o.folders.erase(std::unique(o.folders.begin(), o.folders.end()), o.folders.end());
+  std::map<std::string, std::string> called;
   for (const std::string& folder : o.folders) {
     if (remote_name(o, folder).empty()) {
       return folder + " should be under --root, " + (o.root.empty() ? "/" : o.root);
+    }
+    const auto [there, is_new] = called.insert({remote_name(o, folder), folder});
+    if (!is_new) {
+      return folder + " and " + there->second + " would both be called " + there->first +
+             " at targets; --root should name a folder above both";
     }
   }
   return "";

@@ -18,7 +18,7 @@ constexpr size_t kMostBytes = 1 << 20;
 constexpr int kDeepest = 16;
 constexpr const char* kExample =
     "it should hold a JSON object such as {\"targets\": [{\"name\": \"nas\", \"type\": \"folder\", "
-    "\"path\": \"/mnt/nas\"}]}";
+    "\"path\": \"/mnt/nas/calls\", \"mount\": \"/mnt/nas\"}]}";
 constexpr int64_t kMiB = 1 << 20;
 // S3 takes no smaller parts but the last one, and larger ones would have to fit into memory.
 constexpr int64_t kSmallestPart = 5 * kMiB;
@@ -51,8 +51,12 @@ bool is_http_url(const std::string& text) {
          text.find_first_of("@?# ") == std::string::npos;
 }
 
+// To libcurl /~/ is the home, of which commands know nothing.
 bool is_sftp_url(const std::string& text) {
-  return starts(text, "sftp://") && text.find_first_of("@?# ") == std::string::npos;
+  const size_t slash = text.find('/', std::string("sftp://").size());
+  const bool is_home = slash != std::string::npos && text.compare(slash, 2, "/~") == 0 &&
+                       (text.size() == slash + 2 || text[slash + 2] == '/');
+  return starts(text, "sftp://") && text.find_first_of("@?# ") == std::string::npos && !is_home;
 }
 
 constexpr const char* kHttpUrl =
@@ -61,13 +65,20 @@ constexpr const char* kHttpUrl =
 void url(object_reader& from, const char* key, std::string& to, const char* right,
          bool (*fits)(const std::string&)) {
   from.require(key, right);
-  from.text(key, to, right, fits);
+  from.url(key, to, right, fits);
   while (!to.empty() && to.back() == '/') to.pop_back();
 }
 
 void read_folder(object_reader& from, target_settings& to, std::set<std::string>&) {
   from.require("path", "the path of an existing folder, such as \"/mnt/nas\"");
   from.text("path", to.path, "an absolute path", is_absolute);
+  from.text("mount", to.mount, "an absolute path", is_absolute);
+  for (std::string* path : {&to.path, &to.mount}) {
+    while (path->size() > 1 && path->back() == '/') path->pop_back();
+  }
+  const bool is_below = to.mount.empty() || to.mount == "/" || to.path == to.mount ||
+                        to.path.rfind(to.mount + "/", 0) == 0;
+  if (!is_below) from.wrong("mount", shown(to.mount) + " should be path or a folder above it");
 }
 
 void read_http(object_reader& from, target_settings& to, std::set<std::string>& variables) {
@@ -78,6 +89,9 @@ void read_http(object_reader& from, target_settings& to, std::set<std::string>& 
   from.text("ca_file", to.ca_file, "an absolute path", is_absolute);
   from.flag("make_folders", to.make_folders);
   if (!to.token.empty() && !to.user.empty()) from.wrong("user", "should not stand beside a token");
+  if (!to.password.empty() && to.user.empty()) {
+    from.wrong("user", "is missing; a password needs the name that it goes with");
+  }
 }
 
 void read_s3(object_reader& from, target_settings& to, std::set<std::string>& variables) {
@@ -103,12 +117,15 @@ void read_s3(object_reader& from, target_settings& to, std::set<std::string>& va
 }
 
 void read_sftp(object_reader& from, target_settings& to, std::set<std::string>& variables) {
-  url(from, "url", to.url, "an sftp:// URL without user or password, such as sftp://host/folder",
+  url(from, "url", to.url, "an sftp:// URL without user, password or ~, such as sftp://host/folder",
       is_sftp_url);
   from.require("user", "the name to log in with");
   from.text("user", to.user);
   from.credential("password", to.password, variables);
   from.text("key_file", to.key_file, "an absolute path", is_absolute);
+  if (!from.has("key_file") && !from.has("password_file") && !from.has("password_env")) {
+    from.wrong("key_file", "is missing; it, password_file or password_env should be there");
+  }
   // Without it libcurl would believe any server.
   from.require("known_hosts", "the absolute path of a file with the server's key");
   from.text("known_hosts", to.known_hosts, "an absolute path", is_absolute);

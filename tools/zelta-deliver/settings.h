@@ -19,12 +19,13 @@ enum class target_kind { kFolder, kHttp, kS3, kSftp };
 struct target_settings {
   std::string name;  // in states, logs and notices
   target_kind kind = target_kind::kFolder;
-  std::string path;  // kFolder: where it is mounted
+  std::string path;   // kFolder
+  std::string mount;  // kFolder: what has to be mounted, it or a folder above it; empty: nothing
   std::string url;  // kHttp, kSftp: of the folder; kS3: of the endpoint; without a slash at the end
   std::string user;
   std::string password;
   std::string token;         // kHttp: a bearer's
-  std::string key_file;      // kSftp: a private key in a form that libssh2 reads
+  std::string key_file;      // kSftp: a private key in a form that libssh2 reads; its password then
   std::string known_hosts;   // kSftp: who the server has to be
   std::string ca_file;       // kHttp, kS3: empty: those that the machine trusts
   bool make_folders = true;  // kHttp: with MKCOL
