@@ -6,8 +6,10 @@
 #include <cstring>
 #include <filesystem>
 #include <system_error>
+#include <utility>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "digest.h"
@@ -25,10 +27,13 @@ class folder_target : public target {
   sight look(http_client& by, const parcel& of, bool thorough) const override;
   outcome send(http_client& by, const parcel& of, shipment& at,
                const std::function<bool()>& save) const override;
+  bool takes_whole() const override { return true; }
 
  private:
-  // An unmounted folder is one that isn't there, and is never made.
+  // It is never made. One that is to be mounted may be there without that, on the wrong disk.
   outcome is_there() const;
+  // What is confirmed has to outlive a power cut, whoever wrote it and was killed then.
+  outcome sync_all(int file, const std::string& path) const;
   outcome make_folders(const std::string& path) const;
   outcome copy(const parcel& of, const std::string& beside) const;
 
@@ -40,10 +45,44 @@ outcome failed(const std::string& call) {
   return {outcome::kLater, call + ": " + std::strerror(errno), 0};
 }
 
+bool is_mounted(const std::string& path) {
+  struct statx is {};
+  if (statx(AT_FDCWD, path.c_str(), AT_STATX_SYNC_AS_STAT, STATX_TYPE, &is) != 0) return false;
+  return (is.stx_attributes_mask & is.stx_attributes & STATX_ATTR_MOUNT_ROOT) != 0;
+}
+
+bool is_same_file(int a, int b) {
+  struct stat one {};
+  struct stat other {};
+  return fstat(a, &one) == 0 && fstat(b, &other) == 0 && one.st_dev == other.st_dev &&
+         one.st_ino == other.st_ino;
+}
+
+// Without replacing anything. Where the file system can't do that, nothing was seen there before.
+bool rename_to_absent(const std::string& from, const std::string& to) {
+  if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) return true;
+  if (errno != EINVAL && errno != ENOSYS) return false;
+  return rename(from.c_str(), to.c_str()) == 0;
+}
+
 outcome folder_target::is_there() const {
   std::error_code error;
+  if (!settings_.mount.empty() && !is_mounted(settings_.mount)) {
+    return {outcome::kLater, settings_.mount + " isn't mounted", 0, true};
+  }
   if (std::filesystem::is_directory(settings_.path, error)) return {};
-  return {outcome::kLater, settings_.path + " isn't there; is it mounted?", 0};
+  return {outcome::kLater, settings_.path + " isn't there; is it mounted?", 0, true};
+}
+
+outcome folder_target::sync_all(int file, const std::string& path) const {
+  if (fsync(file) != 0) return failed("fsync " + path);
+  std::string error;
+  for (std::string folder = folder_of(path); folder.size() >= settings_.path.size();
+       folder = folder_of(folder)) {
+    if (!sync_folder(folder, error)) return {outcome::kLater, error, 0};
+    if (folder == settings_.path) break;
+  }
+  return {};
 }
 
 sight folder_target::look(http_client&, const parcel& of, bool thorough) const {
@@ -53,8 +92,16 @@ sight folder_target::look(http_client&, const parcel& of, bool thorough) const {
   if (!file.valid() && (errno == ENOENT || errno == ENOTDIR)) return {presence::kAbsent, {}};
   if (!file.valid()) return {presence::kUnknown, failed("open " + path)};
   const auto is = stamp_of(file.get());
+  if (is && is_same_file(file.get(), of.file)) {
+    return {presence::kUnknown, {outcome::kRefused, path + " is the recording's own file", 0}};
+  }
   if (!is || is->bytes != of.is.bytes) return {presence::kOther, {}};
-  if (!thorough) return {presence::kSame, {}};
+  const auto same = [&]() -> sight {
+    outcome synced = sync_all(file.get(), path);
+    const bool done = synced.is == outcome::kDone;
+    return {done ? presence::kSame : presence::kUnknown, std::move(synced)};
+  };
+  if (!thorough) return same();
   sha256 digest;
   std::string error;
   const auto add = [&](const char* bytes, size_t size) {
@@ -65,7 +112,7 @@ sight folder_target::look(http_client&, const parcel& of, bool thorough) const {
     return {presence::kUnknown, {outcome::kLater, path + ": " + error, 0}};
   }
   if (limits_.stopped()) return {presence::kUnknown, {outcome::kStopped, "stopped", 0}};
-  return {digest.hex() == of.sha256 ? presence::kSame : presence::kOther, {}};
+  return digest.hex() == of.sha256 ? same() : sight{presence::kOther, {}};
 }
 
 // Each one synced into the one above it, or a power cut could take it away again.
@@ -92,7 +139,11 @@ outcome folder_target::copy(const parcel& of, const std::string& beside) const {
   std::string error;
   std::string fault;
   const auto pass_on = [&](const char* bytes, size_t size) {
-    return limits_.take(size) && write_all(to.get(), bytes, size, fault);
+    for (size_t done = 0, piece = 0; done < size; done += piece) {
+      piece = limits_.piece(size - done);
+      if (!limits_.take(piece) || !write_all(to.get(), bytes + done, piece, fault)) return false;
+    }
+    return true;
   };
   if (!read_all(of.file, pass_on, error) || !fault.empty()) {
     return {outcome::kLater, beside + ": " + error + fault, 0};
@@ -113,7 +164,14 @@ outcome folder_target::send(http_client&, const parcel& of, shipment&,
     unlink(beside.c_str());
     return copied;
   }
-  if (rename(beside.c_str(), path.c_str()) != 0) return failed("rename " + beside);
+  const bool is_named =
+      of.replaces ? rename(beside.c_str(), path.c_str()) == 0 : rename_to_absent(beside, path);
+  if (!is_named) {
+    outcome refused = failed("rename " + beside);
+    refused.occupied = errno == EEXIST;
+    if (refused.occupied) unlink(beside.c_str());
+    return refused;
+  }
   std::string error;
   if (!sync_folder(folder_of(path), error)) return {outcome::kLater, error, 0};
   return {};

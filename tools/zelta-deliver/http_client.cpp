@@ -5,6 +5,7 @@
 #include <cctype>
 #include <cerrno>
 #include <new>
+#include <stdexcept>
 
 #include <curl/curl.h>
 #include <unistd.h>
@@ -13,6 +14,7 @@ namespace zelta::deliver {
 namespace {
 
 constexpr size_t kMostBody = size_t{64} * 1024;
+constexpr size_t kMostHeaders = size_t{64} * 1024;
 constexpr size_t kPiece = size_t{64} * 1024;
 constexpr long kConnectSeconds = 20;
 
@@ -22,6 +24,7 @@ struct transfer {
   http_answer& answer;
   pace& limits;
   uint64_t at = 0;  // of what is sent
+  size_t header_bytes = 0;
   bool enough = false;
 };
 
@@ -50,7 +53,8 @@ size_t give(char* to, size_t size, size_t count, void* context) {
   auto& of = *static_cast<transfer*>(context);
   const http_request& request = of.request;
   const uint64_t left = size_of(request) - of.at;
-  const size_t most = static_cast<size_t>(std::min<uint64_t>({size * count, left, kPiece}));
+  const size_t most =
+      static_cast<size_t>(std::min<uint64_t>({size * count, left, of.limits.piece(kPiece)}));
   if (most == 0) return 0;
   size_t got = most;
   if (request.file < 0) {
@@ -82,7 +86,8 @@ size_t take(char* bytes, size_t size, size_t count, void* context) {
     }
     const size_t room = kMostBody - std::min(kMostBody, of.answer.body.size());
     of.answer.body.append(bytes, std::min(got, room));
-    return got;
+    of.enough = got > room;
+    return of.enough ? 0 : got;
   } catch (const std::exception&) {
     return 0;
   }
@@ -91,6 +96,8 @@ size_t take(char* bytes, size_t size, size_t count, void* context) {
 size_t take_header(char* bytes, size_t size, size_t count, void* context) {
   auto& of = *static_cast<transfer*>(context);
   const size_t got = size * count;
+  of.header_bytes += got;
+  if (of.header_bytes > kMostHeaders) return 0;
   try {
     const std::string line(bytes, got);
     if (line.rfind("HTTP/", 0) == 0) of.answer.headers.clear();
@@ -131,7 +138,10 @@ bool is_final(CURLcode code) {
 template <class Value>
 void set(CURL* easy, CURLoption option, Value value) {
   // Fails for want of memory, and for what a libcurl was built without.
-  if (curl_easy_setopt(easy, option, value) != CURLE_OK) throw std::bad_alloc();
+  const CURLcode failed = curl_easy_setopt(easy, option, value);
+  if (failed != CURLE_OK) {
+    throw std::runtime_error(std::string("this libcurl: ") + curl_easy_strerror(failed));
+  }
 }
 
 void set_text(CURL* easy, CURLoption option, const std::string& value) {
@@ -139,15 +149,17 @@ void set_text(CURL* easy, CURLoption option, const std::string& value) {
 }
 
 void set_who(CURL* easy, const http_request& request) {
+  const bool by_key = !request.key_file.empty();
   set_text(easy, CURLOPT_USERNAME, request.user);
-  set_text(easy, CURLOPT_PASSWORD, request.password);
+  // Beside a key the password is the one that the key is kept under.
+  set_text(easy, by_key ? CURLOPT_KEYPASSWD : CURLOPT_PASSWORD, request.password);
   set_text(easy, CURLOPT_AWS_SIGV4, request.sigv4);
   set_text(easy, CURLOPT_CAINFO, request.ca_file);
   if (request.known_hosts.empty()) return;
   set_text(easy, CURLOPT_SSH_KNOWNHOSTS, request.known_hosts);
   set_text(easy, CURLOPT_SSH_PRIVATE_KEYFILE, request.key_file);
   set(easy, CURLOPT_SSH_AUTH_TYPES,
-      static_cast<long>(request.key_file.empty() ? CURLSSH_AUTH_PASSWORD : CURLSSH_AUTH_PUBLICKEY));
+      static_cast<long>(by_key ? CURLSSH_AUTH_PUBLICKEY : CURLSSH_AUTH_PASSWORD));
   set(easy, CURLOPT_FTP_CREATE_MISSING_DIRS, static_cast<long>(CURLFTP_CREATE_DIR_RETRY));
 }
 
@@ -171,7 +183,8 @@ void set_body(CURL* easy, transfer& of) {
 void set_ways(CURL* easy, transfer& of) {
   set(easy, CURLOPT_URL, of.request.url.c_str());
   set(easy, CURLOPT_PATH_AS_IS, 1L);
-  set(easy, CURLOPT_PROTOCOLS_STR, "http,https,sftp");
+  // Just the one that is asked for: a libcurl without SFTP refuses its name.
+  set_text(easy, CURLOPT_PROTOCOLS_STR, of.request.url.substr(0, of.request.url.find("://")));
   set(easy, CURLOPT_NOSIGNAL, 1L);
   // Credentials and contents go where the settings say, and nowhere else.
   set(easy, CURLOPT_FOLLOWLOCATION, 0L);
@@ -179,6 +192,11 @@ void set_ways(CURL* easy, transfer& of) {
   set(easy, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
   set(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
   set(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(of.request.stall.count()));
+  if (of.request.file < 0 && !of.request.sink) {
+    const bool is_given = of.request.limit.count() > 0;
+    const auto limit = is_given ? of.request.limit.count() : 2 * of.request.stall.count();
+    set(easy, CURLOPT_TIMEOUT, kConnectSeconds + static_cast<long>(limit));
+  }
   set(easy, CURLOPT_BUFFERSIZE, 256L * 1024);
   set(easy, CURLOPT_UPLOAD_BUFFERSIZE, static_cast<long>(kPiece));
   set(easy, CURLOPT_WRITEFUNCTION, take);
@@ -195,11 +213,12 @@ void fill(CURL* easy, CURLcode code, const transfer& of, const char* said, http_
   curl_easy_getinfo(easy, CURLINFO_RESPONSE_CODE, &answer.status);
   curl_easy_getinfo(easy, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
   answer.length = length;
-  answer.sent = of.at;
   answer.carried = code == CURLE_OK || (code == CURLE_WRITE_ERROR && of.enough);
   if (answer.carried) return;
   answer.final = is_final(code);
+  answer.failed_after = code == CURLE_QUOTE_ERROR;
   answer.error = said[0] != '\0' ? said : curl_easy_strerror(code);
+  if (of.header_bytes > kMostHeaders) answer.error = "the answer's headers have more than 64 KiB";
   if (of.limits.stopped()) answer.error = "stopped";
   if (code == CURLE_REMOTE_FILE_NOT_FOUND) answer.status = 404;
 }

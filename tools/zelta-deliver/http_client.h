@@ -33,20 +33,22 @@ struct http_request {
   std::string known_hosts;                  // SFTP
   std::vector<std::string> commands_after;  // SFTP
   std::chrono::seconds stall{60};           // without a byte either way
+  // Of the whole request, where neither a file goes nor a sink takes; 0: as the stall has it.
+  std::chrono::seconds limit{0};
   // Gets what is answered; false ends the transfer, which then counts as done. Without it the first
-  // 64 KiB are in the answer.
+  // 64 KiB are in the answer, and end it.
   std::function<bool(const char*, size_t)> sink;
 };
 
 struct http_answer {
-  bool carried = false;  // there was an answer; `error` says why not
-  bool final = false;    // not carried, and trying again hardly mends it
+  bool carried = false;       // there was an answer; `error` says why not
+  bool final = false;         // not carried, and trying again hardly mends it
+  bool failed_after = false;  // not carried, as one of `commands_after` failed
   std::string error;
   long status = 0;
   std::string body;
   std::map<std::string, std::string> headers;  // names in lower case
   int64_t length = -1;                         // as announced; below 0: not
-  uint64_t sent = 0;
 
   bool ok() const { return carried && status >= 200 && status < 300; }
 };
@@ -56,6 +58,7 @@ class http_client {
   // `limits` outlives it. Throws std::bad_alloc.
   explicit http_client(pace& limits);
 
+  // Throws std::runtime_error when this libcurl can't do what is asked for.
   http_answer perform(const http_request& request);
 
  private:
@@ -67,7 +70,7 @@ class http_client {
   std::unique_ptr<void, release> easy_;
 };
 
-// Once, before any thread is started.
+// Once, before any thread is started. Proxies are those of the environment, as libcurl has it.
 bool prepare_http();
 
 // A segment of a path, or with `keep_slashes` a path: all but unreserved characters as %XX

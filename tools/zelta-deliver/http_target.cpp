@@ -13,6 +13,8 @@ class http_target : public target {
   sight look(http_client& by, const parcel& of, bool thorough) const override;
   outcome send(http_client& by, const parcel& of, shipment& at,
                const std::function<bool()>& save) const override;
+  // Some keep what came before the connection broke.
+  bool takes_whole() const override { return false; }
 
  private:
   http_request request(const char* method, const std::string& remote) const;
@@ -67,13 +69,15 @@ outcome http_target::send(http_client& by, const parcel& of, shipment&,
   put.file = of.file;
   put.bytes = of.is.bytes;
   // Folders are there for all files but the first, and some servers make them by themselves.
-  http_answer answer = by.perform(put);
+  http_answer answer = put_file(by, put, of);
   // RFC 4918 has 409 for one that is missing; nginx answers 500.
   const bool lacks_folder =
       answer.carried && (answer.status == 404 || answer.status == 409 || answer.status == 500);
   if (lacks_folder && settings_.make_folders) {
-    if (outcome made = make_folders(by, of.remote); made.is != outcome::kDone) return made;
-    answer = by.perform(put);
+    outcome made = make_folders(by, of.remote);
+    // 500 may just as well be some other trouble, of a server that knows no MKCOL.
+    if (made.is != outcome::kDone) return answer.status == 500 ? outcome_of(answer, "PUT") : made;
+    answer = put_file(by, put, of);
   }
   return outcome_of(answer, "PUT");
 }

@@ -4,6 +4,13 @@
 #include <algorithm>
 
 namespace zelta::deliver {
+namespace {
+
+// Those who wait for their turn at a low rate should not look stalled.
+constexpr double kPiecesPerSecond = 32;
+constexpr size_t kSmallestPiece = 256;
+
+}  // namespace
 
 pace::pace(int kbps) : bytes_per_second_(kbps * 125.0), free_at_(clock::now()) {}
 
@@ -15,6 +22,12 @@ bool pace::take(size_t bytes) {
                         static_cast<double>(bytes) / bytes_per_second_));
   changed_.wait_until(lock, mine, [this] { return stopped_.load(); });
   return !stopped_;
+}
+
+size_t pace::piece(size_t most) const {
+  if (bytes_per_second_ <= 0) return most;
+  return std::clamp<size_t>(static_cast<size_t>(bytes_per_second_ / kPiecesPerSecond),
+                            std::min(kSmallestPiece, most), most);
 }
 
 void pace::stop() {

@@ -19,6 +19,8 @@ class pace {
   // Waits until `bytes` more may be sent, or until stop(); false after that. Of pieces that are
   // small beside a second's worth the sum is exact.
   bool take(size_t bytes);
+  // How much of `most` should be asked for at a time: what goes in a fraction of a second.
+  size_t piece(size_t most) const;
   void stop();
   bool stopped() const { return stopped_; }
 

@@ -15,6 +15,8 @@ namespace {
 
 constexpr const char* kDigestHeader = "x-amz-meta-sha256";
 constexpr uint64_t kMostParts = 10'000;
+// It answers once it has put all of them together.
+constexpr std::chrono::seconds kLongestCompletion{1800};
 
 class s3_target : public target {
  public:
@@ -24,14 +26,19 @@ class s3_target : public target {
   sight look(http_client& by, const parcel& of, bool thorough) const override;
   outcome send(http_client& by, const parcel& of, shipment& at,
                const std::function<bool()>& save) const override;
+  bool takes_whole() const override { return true; }
+  void abandon(http_client& by, const parcel& of, const shipment& at) const override;
 
  private:
   http_request request(const char* method, const std::string& remote, const std::string& query,
                        const std::string& sha256) const;
   outcome send_whole(http_client& by, const parcel& of) const;
   outcome begin(http_client& by, const parcel& of, shipment& at) const;
-  outcome send_part(http_client& by, const parcel& of, shipment& at) const;
-  outcome complete(http_client& by, const parcel& of, const shipment& at) const;
+  // These tell in `fault` what is wrong with their answer.
+  http_answer send_part(http_client& by, const parcel& of, shipment& at, outcome& fault) const;
+  http_answer complete(http_client& by, const parcel& of, const shipment& at, outcome& fault) const;
+  outcome give_up_on(http_client& by, const parcel& of, shipment& at, const http_answer& answer,
+                     const outcome& why) const;
 
   const target_settings& settings_;
   const std::chrono::seconds stall_;
@@ -110,21 +117,50 @@ sight s3_target::look(http_client& by, const parcel& of, bool thorough) const {
 outcome s3_target::send(http_client& by, const parcel& of, shipment& at,
                         const std::function<bool()>& save) const {
   if (of.is.bytes <= settings_.part_bytes && at.upload_id.empty()) return send_whole(by, of);
+  // Of a file that was rewritten since, or of nothing that could be gone on with.
+  if (!at.upload_id.empty() && at.part_bytes == 0) {
+    abandon(by, of, at);
+    at.upload_id.clear();
+    at.parts.clear();
+    if (of.is.bytes <= settings_.part_bytes) return send_whole(by, of);
+  }
   outcome unsaved{outcome::kLater, "the upload's state can't be kept", 0};
   if (at.upload_id.empty()) {
     if (outcome begun = begin(by, of, at); begun.is != outcome::kDone) return begun;
     if (!save()) return unsaved;
   }
+  outcome fault;
   while (at.parts.size() * at.part_bytes < of.is.bytes) {
-    if (outcome sent = send_part(by, of, at); sent.is != outcome::kDone) return sent;
+    const http_answer answer = send_part(by, of, at, fault);
+    if (fault.is != outcome::kDone) return give_up_on(by, of, at, answer, fault);
     if (!save()) return unsaved;
   }
-  outcome completed = complete(by, of, at);
-  if (completed.is == outcome::kDone) {
+  const http_answer answer = complete(by, of, at, fault);
+  if (fault.is != outcome::kDone) return give_up_on(by, of, at, answer, fault);
+  at.upload_id.clear();
+  at.parts.clear();
+  return {};
+}
+
+// What the server refuses of an upload it would refuse again: the next try begins another one. Not
+// so where it is the keys that it refuses.
+outcome s3_target::give_up_on(http_client& by, const parcel& of, shipment& at,
+                              const http_answer& answer, const outcome& why) const {
+  const bool is_lost = why.is == outcome::kLater && answer.status == 404;
+  const bool is_broken = why.is == outcome::kRefused && (answer.ok() || answer.status >= 400) &&
+                         answer.status != 401 && answer.status != 403;
+  if (is_broken || why.occupied) abandon(by, of, at);
+  if (is_lost || is_broken || why.occupied) {
     at.upload_id.clear();
     at.parts.clear();
   }
-  return completed;
+  return why;
+}
+
+void s3_target::abandon(http_client& by, const parcel& of, const shipment& at) const {
+  // What comes of it changes nothing: the bucket's rules end it otherwise.
+  static_cast<void>(by.perform(request(
+      "DELETE", of.remote, "uploadId=" + percent_encoded(at.upload_id, false), sha256_of(""))));
 }
 
 outcome s3_target::send_whole(http_client& by, const parcel& of) const {
@@ -133,7 +169,7 @@ outcome s3_target::send_whole(http_client& by, const parcel& of) const {
   put.headers.emplace_back("Content-Type: application/octet-stream");
   put.file = of.file;
   put.bytes = of.is.bytes;
-  return outcome_of(by.perform(put), "PUT");
+  return outcome_of(put_file(by, put, of), "PUT");
 }
 
 outcome s3_target::begin(http_client& by, const parcel& of, shipment& at) const {
@@ -157,14 +193,16 @@ bool is_gone(const http_answer& answer) {
          (answer.body.empty() || element(answer.body, "Code") == "NoSuchUpload");
 }
 
-outcome s3_target::send_part(http_client& by, const parcel& of, shipment& at) const {
+http_answer s3_target::send_part(http_client& by, const parcel& of, shipment& at,
+                                 outcome& fault) const {
   const uint64_t offset = at.parts.size() * at.part_bytes;
   const uint64_t bytes = std::min(at.part_bytes, of.is.bytes - offset);
   sha256 digest;
   uint64_t left = bytes;
   std::string error;
   if (lseek(of.file, static_cast<off_t>(offset), SEEK_SET) < 0) {
-    return {outcome::kLater, "lseek fails", 0};
+    fault = {outcome::kLater, "lseek fails", 0};
+    return {};
   }
   const auto add = [&digest, &left](const char* piece, size_t size) {
     const size_t mine = static_cast<size_t>(std::min<uint64_t>(left, size));
@@ -172,7 +210,10 @@ outcome s3_target::send_part(http_client& by, const parcel& of, shipment& at) co
     left -= mine;
     return left > 0;
   };
-  if (!read_all(of.file, add, error)) return {outcome::kLater, error, 0};
+  if (!read_all(of.file, add, error)) {
+    fault = {outcome::kLater, error, 0};
+    return {};
+  }
   http_request put = request("PUT", of.remote,
                              "partNumber=" + std::to_string(at.parts.size() + 1) +
                                  "&uploadId=" + percent_encoded(at.upload_id, false),
@@ -180,22 +221,22 @@ outcome s3_target::send_part(http_client& by, const parcel& of, shipment& at) co
   put.file = of.file;
   put.offset = offset;
   put.bytes = bytes;
-  const http_answer answer = by.perform(put);
-  if (is_gone(answer)) {
-    at.upload_id.clear();
-    at.parts.clear();
-    return {outcome::kLater, "PUT: the upload is gone, and begins anew", 0};
-  }
-  if (!answer.ok()) return outcome_of(answer, "PUT of a part");
+  http_answer answer = by.perform(put);
   const auto tag = answer.headers.find("etag");
-  if (tag == answer.headers.end() || tag->second.empty()) {
-    return {outcome::kLater, "PUT of a part: the answer has no ETag", 0};
+  if (is_gone(answer)) {
+    fault = {outcome::kLater, "PUT: the upload is gone, and begins anew", 0};
+  } else if (!answer.ok()) {
+    fault = outcome_of(answer, "PUT of a part");
+  } else if (tag == answer.headers.end() || tag->second.empty()) {
+    fault = {outcome::kLater, "PUT of a part: the answer has no ETag", 0};
+  } else {
+    at.parts.push_back(tag->second);
   }
-  at.parts.push_back(tag->second);
-  return {};
+  return answer;
 }
 
-outcome s3_target::complete(http_client& by, const parcel& of, const shipment& at) const {
+http_answer s3_target::complete(http_client& by, const parcel& of, const shipment& at,
+                                outcome& fault) const {
   std::string list = "<CompleteMultipartUpload>";
   for (size_t part = 0; part < at.parts.size(); ++part) {
     list += "<Part><PartNumber>" + std::to_string(part + 1) + "</PartNumber><ETag>" +
@@ -206,15 +247,25 @@ outcome s3_target::complete(http_client& by, const parcel& of, const shipment& a
                               sha256_of(list));
   post.headers.emplace_back("Content-Type: application/xml");
   post.text = list;
-  const http_answer answer = by.perform(post);
-  // One that was completed before its answer got lost is found by the look that follows.
-  if (is_gone(answer)) return {};
-  if (!answer.ok()) return outcome_of(answer, "POST of the parts");
-  // The server answers 200 before it knows, and errors come in the body.
-  if (answer.body.find("<Error>") != std::string::npos) {
-    return {outcome::kLater, "POST of the parts: " + element(answer.body, "Code"), 0};
+  if (!of.replaces) post.headers.emplace_back(kIfAbsent);
+  post.limit = kLongestCompletion;
+  http_answer answer = by.perform(post);
+  if (!of.replaces && answer.carried && answer.status == 501) {
+    post.headers.pop_back();
+    answer = by.perform(post);
   }
-  return {};
+  // One that was completed before its answer got lost is found by the look that follows.
+  if (is_gone(answer)) return answer;
+  if (!answer.ok()) {
+    fault = outcome_of(answer, "POST of the parts");
+  } else if (answer.body.find("<Error>") != std::string::npos) {
+    // The server answers 200 before it knows, and errors come in the body.
+    const std::string code = element(answer.body, "Code").substr(0, 100);
+    const bool is_temporary = code == "InternalError" || code == "SlowDown" ||
+                              code == "ServiceUnavailable" || code == "RequestTimeout";
+    fault = {is_temporary ? outcome::kLater : outcome::kRefused, "POST of the parts: " + code, 0};
+  }
+  return answer;
 }
 
 }  // namespace

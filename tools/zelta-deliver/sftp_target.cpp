@@ -14,6 +14,7 @@ class sftp_target : public target {
   sight look(http_client& by, const parcel& of, bool thorough) const override;
   outcome send(http_client& by, const parcel& of, shipment& at,
                const std::function<bool()>& save) const override;
+  bool takes_whole() const override { return true; }
 
  private:
   http_request request(const std::string& remote) const;
@@ -57,22 +58,30 @@ sight sftp_target::look(http_client& by, const parcel& of, bool thorough) const 
   const http_answer answer = by.perform(get);
   if (answer.status == 404) return {presence::kAbsent, {}};
   if (!answer.carried) return {presence::kUnknown, outcome_of(answer, "stat")};
-  const uint64_t bytes = answer.length > 0 ? static_cast<uint64_t>(answer.length) : 0;
+  // Of an empty file libcurl tells none, and some servers tell none at all.
+  if (answer.length <= 0) return compare_content(by, request(of.remote), of);
+  const auto bytes = static_cast<uint64_t>(answer.length);
   return {bytes == of.is.bytes ? presence::kSame : presence::kOther, {}};
 }
 
-outcome sftp_target::send(http_client& by, const parcel& of, shipment& at,
+outcome sftp_target::send(http_client& by, const parcel& of, shipment&,
                           const std::function<bool()>&) const {
   const std::string beside = of.remote + ".part";
   http_request put = request(beside);
   put.file = of.file;
   put.bytes = of.is.bytes;
-  // SFTP 3, which is spoken, renames over nothing; what failed before may have left something.
-  if (at.ours) put.commands_after.push_back("*rm " + quoted(of.remote));
+  // SFTP 3, which is spoken, renames over nothing.
+  if (of.replaces) put.commands_after.push_back("*rm " + quoted(of.remote));
   put.commands_after.push_back("rename " + quoted(beside) + " " + quoted(of.remote));
   http_answer answer = by.perform(put);
-  if (!answer.carried) return outcome_of(answer, "put");
-  return {};
+  outcome put_there = outcome_of(answer, "put");
+  if (answer.carried) return {};
+  // All is there under the other name. What it says doesn't tell whether the name is taken.
+  if (answer.failed_after) {
+    put_there.unreachable = false;
+    put_there.occupied = !of.replaces;
+  }
+  return put_there;
 }
 
 }  // namespace

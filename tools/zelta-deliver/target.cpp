@@ -34,10 +34,25 @@ int64_t retry_after_ms(const http_answer& answer) {
   return std::clamp<int64_t>(wait_ms, 0, kLongestWaitMs);
 }
 
-bool is_temporary(long status) {
-  // Request timeout, conflict, locked, too early, too many requests: others', or of the moment.
+bool is_temporary(const http_answer& answer) {
+  const long status = answer.status;
+  // Request timeout, conflict, locked, too early, too many requests: others', or of the moment. S3
+  // has 400 for the first.
+  if (status == 400) return answer.body.find("<Code>RequestTimeout<") != std::string::npos;
   return status >= 500 || status == 408 || status == 409 || status == 423 || status == 425 ||
          status == 429;
+}
+
+// Without what may be a credential: user, password, query.
+std::string shown_place(const std::string& url) {
+  std::string shown = url.substr(0, url.find_first_of("?#"));
+  const size_t start = shown.find("://");
+  const size_t host = start == std::string::npos ? 0 : start + 3;
+  const size_t at = shown.rfind('@', shown.find('/', host));
+  if (at != std::string::npos && at >= host) shown.erase(host, at + 1 - host);
+  std::replace_if(
+      shown.begin(), shown.end(), [](char c) { return c < ' ' || c > '~'; }, ' ');
+  return shown.substr(0, kLongestSaid);
 }
 
 std::string said_by(const http_answer& answer) {
@@ -53,19 +68,33 @@ outcome outcome_of(const http_answer& answer, const char* doing) {
   const std::string what = std::string(doing) + ": ";
   if (!answer.carried) {
     if (answer.error == "stopped") return {outcome::kStopped, what + "stopped", 0};
-    return {answer.final ? outcome::kRefused : outcome::kLater, what + answer.error, 0};
+    return {answer.final ? outcome::kRefused : outcome::kLater, what + answer.error, 0,
+            !answer.final};
   }
   const std::string text = what + "the server answers " + std::to_string(answer.status);
   if (answer.ok()) return {outcome::kDone, text, 0};
   if (answer.status >= 300 && answer.status < 400) {
     const auto to = answer.headers.find("location");
     return {outcome::kRefused,
-            text + ", go to " + (to == answer.headers.end() ? "nowhere" : to->second) +
+            text + ", go to " + (to == answer.headers.end() ? "nowhere" : shown_place(to->second)) +
                 "; the settings should name the place itself",
             0};
   }
-  return {is_temporary(answer.status) ? outcome::kLater : outcome::kRefused, text + said_by(answer),
+  // RFC 9110, section 15.5.13: of what was to go only where nothing stands.
+  if (answer.status == 412) {
+    return {outcome::kLater, text + ": something stands there now", 0, false, true};
+  }
+  return {is_temporary(answer) ? outcome::kLater : outcome::kRefused, text + said_by(answer),
           retry_after_ms(answer)};
+}
+
+http_answer put_file(http_client& by, http_request put, const parcel& of) {
+  if (of.replaces) return by.perform(put);
+  put.headers.emplace_back(kIfAbsent);
+  http_answer answer = by.perform(put);
+  if (!answer.carried || answer.status != 501) return answer;
+  put.headers.pop_back();
+  return by.perform(put);
 }
 
 sight compare_content(http_client& by, http_request request, const parcel& of) {

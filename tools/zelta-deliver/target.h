@@ -19,6 +19,7 @@ struct parcel {
   std::string remote;  // folder and name at the target, split by slashes
   stamp is;
   std::string sha256;
+  bool replaces = false;  // what stands there is ours, and an older or a broken one
 };
 
 struct outcome {
@@ -29,7 +30,9 @@ struct outcome {
     kStopped,
   } is = kDone;
   std::string text;
-  int64_t wait_ms = 0;  // what the target asked for; 0: nothing
+  int64_t wait_ms = 0;       // what the target asked for; 0: nothing
+  bool unreachable = false;  // it is the target's trouble, not this file's
+  bool occupied = false;     // meanwhile something else came to stand there, and was left alone
 };
 
 enum class presence { kAbsent, kSame, kOther, kUnknown };
@@ -47,10 +50,15 @@ class target {
   // Whether what is in `of` stands there. With `thorough` its bytes are compared, or a checksum
   // that the target has made or was given with them; without, its size is enough.
   virtual sight look(http_client& by, const parcel& of, bool thorough) const = 0;
-  // What stood under its name is replaced, once all is there. What of an upload in parts is done
-  // stands in `at` whenever `save` is called, which answers false when it can't be kept.
+  // What stood under its name is replaced, if it may be, once all is there. What of an upload in
+  // parts is done stands in `at` whenever `save` is called, which answers false when it can't be
+  // kept.
   virtual outcome send(http_client& by, const parcel& of, shipment& at,
                        const std::function<bool()>& save) const = 0;
+  // Whether under a file's name there is all of it or nothing, whatever dies meanwhile.
+  virtual bool takes_whole() const = 0;
+  // Ends an upload in parts, if the target can be asked to now.
+  virtual void abandon(http_client&, const parcel&, const shipment&) const {}
 };
 
 // `settings` outlives it.
@@ -64,6 +72,11 @@ std::unique_ptr<target> make_s3_target(const target_settings& settings, std::chr
 std::unique_ptr<target> make_sftp_target(const target_settings& settings,
                                          std::chrono::seconds stall);
 
+// RFC 9110, section 13.1.2: only where nothing stands yet.
+constexpr const char* kIfAbsent = "If-None-Match: *";
+// Sends a file where nothing stands, or what may be replaced; where a server doesn't know how to
+// refuse what came meanwhile, as it was seen to be before.
+http_answer put_file(http_client& by, http_request put, const parcel& of);
 // What an answer that isn't what was wanted means for the file.
 outcome outcome_of(const http_answer& answer, const char* doing);
 // Downloads and compares.
