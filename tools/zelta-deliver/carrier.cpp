@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "carrier.h"
 
+#include <cerrno>
+#include <cstring>
 #include <exception>
 #include <random>
 #include <utility>
@@ -25,7 +27,8 @@ carrier::carrier(const carrier_tools& with, http_client& by, consignment& from,
       from_(from),
       of_(std::move(of)),
       settings_(with.settings.targets[of_.target]),
-      to_(*with.targets[of_.target]) {}
+      to_(*with.targets[of_.target]),
+      folder_(from.folder()) {}
 
 void carrier::carry() {
   try {
@@ -36,25 +39,39 @@ void carrier::carry() {
 }
 
 bool carrier::load() {
-  const std::string path = from_.path(of_.file);
+  const std::string path = folder_ + "/" + of_.file;
   file_ = open_plain(path);
-  entry is;
+  const int why = errno;
+  std::string sha256;
   {
     const std::lock_guard lock(with_.mutex);
-    is = from_.file(of_.file);
+    const entry& is = from_.file(of_.file);
     parcel_.remote = from_.state().remote + "/" + of_.file;
+    parcel_.is = is.is;
+    parcel_.replaces = from_.at(of_).ours;
+    order_ = is.order;
+    sha256 = is.sha256;
   }
   parcel_.file = file_.get();
-  parcel_.is = is.is;
-  parcel_.sha256 = is.sha256;
+  parcel_.sha256 = sha256;
+  if (!file_.valid()) {
+    std::string fault;
+    if (!stamp_of(path, fault) && fault.empty()) {
+      changed();
+    } else {
+      // It is there, and can't be read now: others' rights, a lease, no descriptors.
+      fail({outcome::kLater, "open " + path + ": " + std::strerror(why), 0});
+    }
+    return false;
+  }
   if (!still_the_same()) {
     changed();
     return false;
   }
-  return !is.sha256.empty() || digest(is);
+  return !sha256.empty() || digest();
 }
 
-bool carrier::digest(entry& is) {
+bool carrier::digest() {
   sha256 of;
   std::string error;
   const auto add = [&](const char* bytes, size_t size) {
@@ -62,7 +79,7 @@ bool carrier::digest(entry& is) {
     return !with_.limits.stopped();
   };
   if (!read_all(file_.get(), add, error)) {
-    fail({outcome::kLater, from_.path(of_.file) + ": " + error, 0});
+    fail({outcome::kLater, folder_ + "/" + of_.file + ": " + error, 0});
     return false;
   }
   if (with_.limits.stopped()) {
@@ -75,7 +92,7 @@ bool carrier::digest(entry& is) {
   }
   parcel_.sha256 = of.hex();
   const std::lock_guard lock(with_.mutex);
-  from_.file(of_.file).sha256 = is.sha256 = parcel_.sha256;
+  from_.set_digest(of_, parcel_.sha256);
   return true;
 }
 
@@ -88,22 +105,24 @@ bool carrier::look_first() {
     return false;
   }
   if (seen.is == presence::kSame) {
+    abandon_upload();
     confirm();
     return false;
   }
-  std::unique_lock lock(with_.mutex);
-  shipment& at = from_.at(of_);
-  if (seen.is == presence::kOther && !at.ours) {
-    lock.unlock();
+  if (seen.is == presence::kOther && !parcel_.replaces) {
     bury("another file stands there as " + parcel_.remote + "; it was left as it is");
     return false;
   }
-  at.ours = true;
-  at.at = stage::kSending;
+  std::unique_lock lock(with_.mutex);
+  from_.set_sending(of_);
+  // Of media, which never changes, where all of it or nothing comes to stand there: whoever comes
+  // after a kill finds out by looking.
+  if (order_ == rank::kMedia && to_.takes_whole()) return true;
   if (from_.save()) return true;
+  // Without a state a kill now would have what is there taken for another's.
+  const std::string why = "the state can't be kept: " + from_.fault();
   lock.unlock();
-  // Without a state a kill now would have it sent twice.
-  fail({outcome::kLater, "the state can't be kept", 0});
+  fail({outcome::kLater, why, 0});
   return false;
 }
 
@@ -115,14 +134,19 @@ bool carrier::send() {
   }
   const auto save = [this, &at] {
     const std::lock_guard lock(with_.mutex);
-    shipment& kept = from_.at(of_);
-    kept.upload_id = at.upload_id;
-    kept.part_bytes = at.part_bytes;
-    kept.parts = at.parts;
+    from_.set_upload(of_, at);
     return from_.save();
   };
   const outcome sent = to_.send(by_, parcel_, at, save);
-  static_cast<void>(save());  // of an upload that is complete or gone; told by the next save
+  if (sent.occupied) {
+    const std::lock_guard lock(with_.mutex);
+    from_.disown(of_);
+  }
+  {
+    // Of an upload that is complete or gone; on disk with the next step.
+    const std::lock_guard lock(with_.mutex);
+    from_.set_upload(of_, at);
+  }
   if (!still_the_same()) {
     changed();
     return false;
@@ -132,8 +156,7 @@ bool carrier::send() {
     return false;
   }
   const std::lock_guard lock(with_.mutex);
-  from_.at(of_).at = stage::kSent;
-  static_cast<void>(from_.save());  // the next who comes would look, and find it there
+  from_.set_sent(of_);
   return true;
 }
 
@@ -152,29 +175,53 @@ void carrier::look_after() {
 }
 
 bool carrier::still_the_same() const {
+  std::string ignored;
   const std::optional<stamp> held = file_.valid() ? stamp_of(file_.get()) : std::nullopt;
-  const std::optional<stamp> named = stamp_of(from_.path(of_.file));
+  const std::optional<stamp> named = stamp_of(folder_ + "/" + of_.file, ignored);
   return held && named && *held == parcel_.is && *named == parcel_.is;
+}
+
+// Nothing comes of an upload in parts any more, of which the target would keep what it has.
+void carrier::abandon_upload() {
+  shipment at;
+  {
+    const std::lock_guard lock(with_.mutex);
+    at = from_.at(of_);
+  }
+  if (at.upload_id.empty() || with_.limits.stopped()) return;
+  try {
+    to_.abandon(by_, parcel_, at);
+  } catch (const std::exception&) {
+    // Its rules end it then, or nobody.
+  }
 }
 
 void carrier::confirm() {
   {
     const std::lock_guard lock(with_.mutex);
     from_.confirm(of_, now_utc_ms());
-    static_cast<void>(from_.save());  // the courier looks for what isn't saved
+    with_.gates.ended(of_.target, {}, steady_ms(), random_number());
+    static_cast<void>(from_.save_lazily(steady_ms()));  // the courier looks for what isn't saved
   }
   tell("confirmed", "");
 }
 
 void carrier::fail(const outcome& why) {
   bool dead = false;
+  if (why.is == outcome::kRefused) {
+    bool is_last = false;
+    {
+      const std::lock_guard lock(with_.mutex);
+      is_last = from_.at(of_).refusals + 1 >= with_.settings.refusals;
+    }
+    if (is_last) abandon_upload();
+  }
   {
     const std::lock_guard lock(with_.mutex);
-    const int64_t now_ms = now_utc_ms();
-    if (why.wait_ms > 0) with_.held_until_ms[of_.target] = now_ms + why.wait_ms;
-    from_.fail(of_, why, now_ms, random_number());
+    from_.fail(of_, why, now_utc_ms(), random_number());
     dead = from_.at(of_).at == stage::kDead;
-    static_cast<void>(from_.save());
+    with_.gates.ended(of_.target, why, steady_ms(), random_number());
+    static_cast<void>(from_.save_lazily(steady_ms()));
   }
   if (why.is != outcome::kStopped) tell(dead ? "dead letter" : "failed", why.text);
 }
@@ -183,25 +230,21 @@ void carrier::bury(const std::string& why) {
   {
     const std::lock_guard lock(with_.mutex);
     from_.bury(of_, why);
-    static_cast<void>(from_.save());
+    with_.gates.ended(of_.target, {}, steady_ms(), random_number());
+    static_cast<void>(from_.save_lazily(steady_ms()));
   }
   tell("dead letter", why);
 }
 
 void carrier::changed() {
-  std::string why;
-  {
-    const std::lock_guard lock(with_.mutex);
-    from_.changed(of_);
-    const shipment& at = from_.at(of_);
-    if (at.at == stage::kDead) why = at.error;
-    static_cast<void>(from_.save());
-  }
-  if (!why.empty()) tell("dead letter", why);
+  const std::lock_guard lock(with_.mutex);
+  from_.changed(of_, now_utc_ms());  // the courier tells of dead letters
+  with_.gates.ended(of_.target, {}, steady_ms(), random_number());
+  static_cast<void>(from_.save_lazily(steady_ms()));
 }
 
 void carrier::tell(const char* event, const std::string& why) const {
-  with_.reports.tell(event, {{"folder", from_.folder()},
+  with_.reports.tell(event, {{"folder", folder_},
                              {"file", of_.file},
                              {"target", settings_.name},
                              {"bytes", std::to_string(parcel_.is.bytes)},

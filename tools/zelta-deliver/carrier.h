@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // Carries one file to one target, and notes every step in its folder's ledger before the next one.
-// Runs on a worker's thread; `mutex` guards the consignment and is not held while bytes move.
+// Runs on a worker's thread; `mutex` guards the consignment and is not held while bytes move, nor
+// while anything is told.
 #pragma once
 
 #include <cstdint>
 #include <memory>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "consignment.h"
@@ -14,6 +16,7 @@
 #include "reporter.h"
 #include "settings.h"
 #include "target.h"
+#include "target_gates.h"
 
 namespace zelta::deliver {
 
@@ -22,7 +25,7 @@ struct carrier_tools {
   std::mutex& mutex;
   const delivery_settings& settings;
   const std::vector<std::unique_ptr<target>>& targets;
-  std::vector<int64_t>& held_until_ms;  // a target asked all of us to wait; guarded by the mutex
+  target_gates& gates;  // guarded by the mutex
   pace& limits;
   reporter& reports;
 };
@@ -31,12 +34,13 @@ class carrier {
  public:
   carrier(const carrier_tools& with, http_client& by, consignment& from, consignment::errand of);
 
-  // At its end the errand is no more in flight, whatever came of it.
+  // At its end the errand is no more in flight, whatever came of it, and its consignment, which may
+  // end from then on, is touched no more.
   void carry();
 
  private:
   bool load();
-  bool digest(entry& is);
+  bool digest();
   bool look_first();
   bool send();
   void look_after();
@@ -46,6 +50,7 @@ class carrier {
   void bury(const std::string& why);
   void changed();
   bool still_the_same() const;
+  void abandon_upload();
   void tell(const char* event, const std::string& why) const;
 
   const carrier_tools with_;
@@ -54,8 +59,10 @@ class carrier {
   const consignment::errand of_;
   const target_settings& settings_;
   const target& to_;
+  const std::string folder_;
   base::unique_fd file_;
   parcel parcel_;
+  rank order_ = rank::kMedia;
 };
 
 }  // namespace zelta::deliver

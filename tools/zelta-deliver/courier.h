@@ -5,6 +5,9 @@
 //   main thread: scan ─▶ take_due ─▶ queue ─▶ workers (a connection each): carrier, hooks, webhook
 //        ▲  inotify, signals, timers, workers' "done"                  │
 //        └─────────────────────────────────────────────────────────────┘
+//
+// Nothing is told while the mutex is held: whoever reads it may be slow. Times are of steady_ms(),
+// but for those in states, which outlive the process.
 #pragma once
 
 #include <condition_variable>
@@ -18,16 +21,20 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "base/unique_fd.h"
 #include "carrier.h"
 #include "consignment.h"
+#include "disk.h"
 #include "options.h"
 #include "pace.h"
 #include "reporter.h"
+#include "retention.h"
 #include "settings.h"
 #include "target.h"
+#include "target_gates.h"
 #include "tree_watch.h"
 
 namespace zelta::deliver {
@@ -46,21 +53,30 @@ class courier {
  private:
   using work = std::function<void(http_client&)>;
 
-  void open_folders(const std::set<std::string>& folders);
+  void turn();
+  void scan_due();
   void forget_gone();
+  void let_go_of_finished();
+  void open_folders(const std::set<std::string>& folders);
   void open_folder(const std::string& folder);
   void scan(consignment& one);
-  void scan_due();
-  void tell_buried(const consignment& one,
-                   const std::set<std::pair<std::string, std::string>>& dead);
+  void tell_buried(consignment& one);
+  void tell_fault(const std::string& folder, const std::string& fault);
+  size_t room() const;
   void hand_out();
+  void hand_out(consignment& one);
   bool hand_out_notice(consignment& of, bool for_hook);
   void tell_notice(http_client& by, consignment& of, const notice& what);
   void clean();
+  void save_late();
   bool is_done();
   int wait_ms();
+  std::optional<int64_t> due_in_ms() const;
   bool wait(int signals);
   int status() const;
+
+  void say(const char* event, reporter::values about);
+  void tell_all();
 
   void start_workers();
   void stop_workers();
@@ -81,18 +97,25 @@ class courier {
   std::deque<work> queue_;
   size_t busy_ = 0;
   bool ending_ = false;
-  std::vector<std::unique_ptr<consignment>> folders_;
-  std::vector<int64_t> held_until_ms_;
+  std::map<std::string, std::unique_ptr<consignment>> folders_;
+  target_gates gates_;
+  bool posting_ = false;   // a webhook that doesn't answer takes one worker
+  bool may_clean_ = true;  // something ended since the last time
 
   // The main thread's alone.
   std::vector<std::thread> workers_;
-  std::set<std::string> others_;  // another process has them
+  std::deque<std::pair<const char*, reporter::values>> to_tell_;
+  std::set<std::string> others_;                 // another process has them
+  std::map<std::string, folder_mark> finished_;  // let go of, as they were then
   std::set<std::string> dirty_;
   bool all_dirty_ = true;
-  bool broken_ = false;
-  std::map<std::string, std::string> told_;  // faults of folders, each told once
-  int64_t next_round_ms_ = 0;                // to look at folders whose recording runs
-  int64_t next_look_ms_ = 0;                 // at all
+  retention kept_;
+  std::map<std::string, std::string> faults_;  // of folders, each told once
+  size_t first_target_ = 0;                    // the turn's; likewise of folders
+  std::string first_folder_;
+  int64_t next_round_ms_ = 0;  // to look at folders whose recording runs
+  int64_t next_look_ms_ = 0;   // at all
+  int64_t cleaned_from_ms_ = 0;
   int64_t next_cleaning_ms_ = 0;
   int64_t give_up_ms_ = 0;
 };

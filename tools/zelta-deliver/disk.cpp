@@ -21,18 +21,22 @@ bool fail(std::string& error, const std::string& call) {
   return false;
 }
 
+int64_t mtime_ns_of(const struct stat& status) {
+  return int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec;
+}
+
 std::optional<stamp> stamp_of(const struct stat& status) {
   if (!S_ISREG(status.st_mode)) return std::nullopt;
-  return stamp{static_cast<uint64_t>(status.st_size),
-               int64_t{status.st_mtim.tv_sec} * 1'000'000'000 + status.st_mtim.tv_nsec};
+  return stamp{static_cast<uint64_t>(status.st_size), mtime_ns_of(status)};
 }
 
 }  // namespace
 
-std::optional<stamp> stamp_of(const std::string& path) {
+std::optional<stamp> stamp_of(const std::string& path, std::string& error) {
   struct stat status {};
-  if (lstat(path.c_str(), &status) != 0) return std::nullopt;
-  return stamp_of(status);
+  if (lstat(path.c_str(), &status) == 0) return stamp_of(status);
+  if (errno != ENOENT && errno != ENOTDIR) fail(error, "lstat " + path);
+  return std::nullopt;
 }
 
 std::optional<stamp> stamp_of(int fd) {
@@ -90,12 +94,17 @@ bool write_all(int fd, const char* bytes, size_t size, std::string& error) {
 
 bool replace_file(const std::string& path, const std::string& text, std::string& error) {
   const std::string beside = path + ".new";
-  base::unique_fd file(open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0666));
+  // Whoever may write into the folder may have put a link there.
+  unlink(beside.c_str());
+  base::unique_fd file(open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
   if (!file.valid()) return fail(error, "open " + beside);
-  if (!write_all(file.get(), text.data(), text.size(), error)) return false;
-  if (fsync(file.get()) != 0) return fail(error, "fsync " + beside);
-  if (rename(beside.c_str(), path.c_str()) != 0) return fail(error, "rename " + beside);
-  return sync_folder(folder_of(path), error);
+  const bool done = write_all(file.get(), text.data(), text.size(), error) &&
+                    (fsync(file.get()) == 0 || fail(error, "fsync " + beside)) &&
+                    (rename(beside.c_str(), path.c_str()) == 0 || fail(error, "rename " + beside));
+  if (done) return sync_folder(folder_of(path), error);
+  // A full disk isn't kept full.
+  unlink(beside.c_str());
+  return false;
 }
 
 bool sync_folder(const std::string& path, std::string& error) {
@@ -104,6 +113,12 @@ bool sync_folder(const std::string& path, std::string& error) {
   // Some network file systems have nothing to sync a folder with.
   if (fsync(folder.get()) != 0 && errno != EINVAL) return fail(error, "fsync " + path);
   return true;
+}
+
+folder_mark mark_of(const std::string& folder) {
+  struct stat status {};
+  if (stat(folder.c_str(), &status) != 0) return {};
+  return {status.st_dev, status.st_ino, mtime_ns_of(status)};
 }
 
 std::string folder_of(const std::string& path) {
@@ -115,6 +130,12 @@ std::string folder_of(const std::string& path) {
 int64_t now_utc_ms() {
   return std::chrono::duration_cast<std::chrono::milliseconds>(
              std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+int64_t steady_ms() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::steady_clock::now().time_since_epoch())
       .count();
 }
 

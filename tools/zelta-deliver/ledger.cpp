@@ -8,19 +8,25 @@
 #include <exception>
 #include <memory>
 #include <stdexcept>
+#include <utility>
 
 #include <fcntl.h>
 #include <json/json.h>
 #include <sys/file.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "digest.h"
+#include "names.h"
+#include "recordings/folder_state.h"
 
 namespace zelta::deliver {
 namespace {
 
 constexpr int kVersion = 1;
 constexpr size_t kMostBytes = size_t{256} << 20;
+constexpr size_t kMostParts = 10'000;
+constexpr uint64_t kMostPartBytes = uint64_t{5} << 40;  // of what S3 takes as a whole
 constexpr const char* kLockName = ".delivery.lock";
 
 constexpr std::array<const char*, 5> kStages = {"pending", "sending", "sent", "confirmed", "dead"};
@@ -52,11 +58,29 @@ Json::Value json_of(const shipment& of) {
   return made;
 }
 
+// Whoever may write into the folder could send us anywhere with a state.
+const std::string& checked(const std::string& text, bool is_right, const char* what) {
+  if (!is_right)
+    throw std::runtime_error("\"" + shown_name(text).substr(0, 100) + "\" is no " + what);
+  return text;
+}
+
+int count_of(const Json::Value& from) {
+  const int count = from.asInt();
+  return count >= 0 ? count : throw std::runtime_error("a count is below 0");
+}
+
+std::string digest_of(const Json::Value& from) {
+  const std::string text = from.asString();
+  const bool is_hex = text.find_first_not_of("0123456789abcdef") == std::string::npos;
+  return checked(text, is_hex, "digest");
+}
+
 shipment shipment_of(const Json::Value& from) {
   shipment made;
   made.at = static_cast<stage>(place_in(kStages, from["state"].asString()));
-  made.attempts = from["attempts"].asInt();
-  made.refusals = from["refusals"].asInt();
+  made.attempts = count_of(from["attempts"]);
+  made.refusals = count_of(from["refusals"]);
   made.next_utc_ms = from["next_utc_ms"].asInt64();
   made.confirmed_utc_ms = from["confirmed_utc_ms"].asInt64();
   made.error = from["error"].asString();
@@ -64,6 +88,9 @@ shipment shipment_of(const Json::Value& from) {
   made.upload_id = from["upload_id"].asString();
   made.part_bytes = from["part_bytes"].asUInt64();
   for (const Json::Value& part : from["parts"]) made.parts.push_back(part.asString());
+  const bool fits = made.part_bytes <= kMostPartBytes && made.parts.size() <= kMostParts &&
+                    (made.part_bytes > 0 || made.parts.empty());
+  checked(made.upload_id, fits, "upload that S3 could have");
   return made;
 }
 
@@ -84,7 +111,7 @@ entry entry_of(const Json::Value& from) {
   entry made;
   made.is.bytes = from["bytes"].asUInt64();
   made.is.mtime_ns = from["mtime_ns"].asInt64();
-  made.sha256 = from["sha256"].asString();
+  made.sha256 = digest_of(from["sha256"]);
   made.order = static_cast<rank>(place_in(kRanks, from["rank"].asString()));
   made.announced = from["announced"].asBool();
   made.deleted_utc_ms = from["deleted_utc_ms"].asInt64();
@@ -107,8 +134,13 @@ Json::Value json_of(const notice& of) {
 }
 
 notice notice_of(const Json::Value& from) {
-  return {from["id"].asString(),   from["body"].asString(),  from["for_hook"].asBool(),
-          from["kind"].asString(), from["attempts"].asInt(), from["next_utc_ms"].asInt64()};
+  notice made{from["id"].asString(),   from["body"].asString(),    from["for_hook"].asBool(),
+              from["kind"].asString(), count_of(from["attempts"]), from["next_utc_ms"].asInt64()};
+  // They become headers.
+  checked(made.id, is_sound_name(made.id), "notice's id");
+  checked(made.kind, made.kind == "file" || made.kind == "session" || made.kind == "dead",
+          "notice's kind");
+  return made;
 }
 
 ledger ledger_of(const std::string& text) {
@@ -127,12 +159,51 @@ ledger ledger_of(const std::string& text) {
   ledger made;
   made.id = root["id"].asString();
   made.remote = root["remote"].asString();
+  checked(made.id, is_sound_name(made.id), "state's id");
+  checked(made.remote, made.remote.empty() || is_sound_path(made.remote), "folder's name");
   made.announced = root["announced"].asString();
   made.next_notice = root["next_notice"].asUInt64();
   const Json::Value& files = root["files"];
-  for (const std::string& name : files.getMemberNames()) made.files[name] = entry_of(files[name]);
+  for (const std::string& name : files.getMemberNames()) {
+    entry one = entry_of(files[name]);
+    const bool fits = one.order == rank::kMedia
+                          ? recordings::is_media_name(name)
+                          : !name.empty() && name.front() != '.' && name != kLedgerName;
+    made.files[checked(name, is_sound_name(name) && fits, "name of what a recording has")] =
+        std::move(one);
+  }
   for (const Json::Value& one : root["notices"]) made.notices.push_back(notice_of(one));
   return made;
+}
+
+// A line a file and a notice.
+std::string text_of(const ledger& of) {
+  Json::StreamWriterBuilder writer;
+  writer["indentation"] = "";
+  Json::Value head;
+  head["version"] = kVersion;
+  head["id"] = of.id;
+  head["remote"] = of.remote;
+  head["announced"] = of.announced;
+  head["next_notice"] = Json::UInt64{of.next_notice};
+  std::string text = Json::writeString(writer, head);
+  text.pop_back();
+  const char* before = ",\n\"files\":{\n";
+  if (of.files.empty()) text += before;
+  for (const auto& [name, one] : of.files) {
+    if (one.text.empty()) {
+      one.text = Json::writeString(writer, name) + ":" + Json::writeString(writer, json_of(one));
+    }
+    text.append(before).append(one.text);
+    before = ",\n";
+  }
+  text += "\n},\n\"notices\":[";
+  before = "\n";
+  for (const notice& one : of.notices) {
+    text.append(before).append(Json::writeString(writer, json_of(one)));
+    before = ",\n";
+  }
+  return text + "\n]}\n";
 }
 
 }  // namespace
@@ -178,19 +249,10 @@ std::optional<ledger> load_ledger(const std::string& folder, std::string& error)
 
 bool save_ledger(const std::string& folder, const ledger& of, std::string& error) {
   try {
-    Json::Value root;
-    root["version"] = kVersion;
-    root["id"] = of.id;
-    root["remote"] = of.remote;
-    root["announced"] = of.announced;
-    root["next_notice"] = Json::UInt64{of.next_notice};
-    root["files"] = Json::objectValue;
-    for (const auto& [name, one] : of.files) root["files"][name] = json_of(one);
-    root["notices"] = Json::arrayValue;
-    for (const notice& one : of.notices) root["notices"].append(json_of(one));
-    Json::StreamWriterBuilder writer;
-    writer["indentation"] = " ";
-    return replace_file(folder + "/" + kLedgerName, Json::writeString(writer, root) + "\n", error);
+    const std::string text = text_of(of);
+    if (text.size() <= kMostBytes) return replace_file(folder + "/" + kLedgerName, text, error);
+    error = "it would have more than " + std::to_string(kMostBytes >> 20U) + " MiB";
+    return false;
   } catch (const std::exception& e) {
     error = e.what();
     return false;
@@ -199,7 +261,8 @@ bool save_ledger(const std::string& folder, const ledger& of, std::string& error
 
 base::unique_fd lock_deliveries(const std::string& folder, std::string& error) {
   const std::string path = folder + "/" + kLockName;
-  base::unique_fd lock(open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0666));
+  base::unique_fd lock(
+      open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK, 0666));
   if (!lock.valid()) {
     error = "open " + path + ": " + std::strerror(errno);
   } else if (flock(lock.get(), LOCK_EX | LOCK_NB) != 0) {
@@ -207,6 +270,13 @@ base::unique_fd lock_deliveries(const std::string& folder, std::string& error) {
     lock.reset();
   }
   return lock;
+}
+
+bool still_locks(int lock, const std::string& folder) {
+  struct stat held {};
+  struct stat there {};
+  return fstat(lock, &held) == 0 && lstat((folder + "/" + kLockName).c_str(), &there) == 0 &&
+         held.st_dev == there.st_dev && held.st_ino == there.st_ino;
 }
 
 }  // namespace zelta::deliver

@@ -2,9 +2,11 @@
 // What became of each file of a recording folder at each target: the folder's delivery.json, which
 // is replaced whole and synced at every step, so that whoever comes next goes on from there.
 //
-//   pending ─▶ sending ─▶ sent ─▶ confirmed          dead: only --retry-dead makes it pending
-//      ▲          │         │
-//      └──────────┴─────────┴── failed, tried again later ── or ▶ dead
+//   pending ─▶ sending ─▶ sent ─▶ confirmed
+//      │          │         │
+//      └──────────┴─────────┴─▶ failed: it stays what it is, and is tried again later, or ▶ dead
+//
+// Only --retry-dead makes a dead one pending, and a new version of what may be rewritten any.
 //
 // Not thread-safe. Only who holds the folder's lock may write its ledger.
 #pragma once
@@ -43,7 +45,7 @@ struct shipment {
   // Of an upload in parts: what the target calls it, and what it calls each part that it has.
   std::string upload_id;
   uint64_t part_bytes = 0;
-  std::vector<std::string> parts;
+  std::vector<std::string> parts;  // with an upload of no `part_bytes`: it is only to be ended
 };
 
 enum class rank { kMedia, kBeside, kManifest };  // in this order at each target
@@ -55,6 +57,8 @@ struct entry {
   std::map<std::string, shipment> targets;
   bool announced = false;      // its confirmation, to hooks and webhook
   int64_t deleted_utc_ms = 0;  // 0: we haven't
+  // As it is kept, to be written once for many saves; whoever changes anything else clears it.
+  mutable std::string text;
 
   bool confirmed() const;
   bool dead() const;     // at one target at least
@@ -85,10 +89,14 @@ constexpr const char* kLedgerName = "delivery.json";
 // A new one with an id when there is none. Empty with `error` when it can't be read: a state that
 // we don't understand must not be taken for none, or all would be sent again.
 std::optional<ledger> load_ledger(const std::string& folder, std::string& error);
+// Costs little for entries that didn't change. False with `error` when it can't be kept, or would
+// be too large to be read.
 bool save_ledger(const std::string& folder, const ledger& of, std::string& error);
 
 // Holds a folder's deliveries as long as it lives; invalid, with `error` empty, when another
 // process has them.
 base::unique_fd lock_deliveries(const std::string& folder, std::string& error);
+// Whether what `lock` holds still is the lock of what stands at `folder`.
+bool still_locks(int lock, const std::string& folder);
 
 }  // namespace zelta::deliver

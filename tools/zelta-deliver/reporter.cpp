@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <exception>
 
 #include <json/json.h>
 
@@ -22,6 +23,14 @@ std::string one_line(std::string text) {
 }  // namespace
 
 void reporter::tell(const char* event, const values& about) {
+  try {
+    write(line_of(event, about));
+  } catch (const std::exception&) {
+    // For want of memory; the state on disk is what counts.
+  }
+}
+
+std::string reporter::line_of(const char* event, const values& about) const {
   std::string line;
   if (json_) {
     Json::Value made;
@@ -37,7 +46,10 @@ void reporter::tell(const char* event, const values& about) {
       if (!value.empty()) line += std::string(", ") + name + " " + one_line(value);
     }
   }
-  line += '\n';
+  return line + '\n';
+}
+
+void reporter::write(const std::string& line) {
   const std::lock_guard lock(mutex_);
   // Whoever reads it may have gone; the state on disk is what counts.
   static_cast<void>(std::fwrite(line.data(), 1, line.size(), stdout));

@@ -14,10 +14,13 @@ class reporter {
   explicit reporter(bool json) : json_(json) {}
 
   using values = std::vector<std::pair<const char*, std::string>>;
-  // In words those that are empty are left out.
+  // In words those that are empty are left out. Waits for whoever reads it; never throws.
   void tell(const char* event, const values& about);
 
  private:
+  std::string line_of(const char* event, const values& about) const;
+  void write(const std::string& line);
+
   const bool json_;
   std::mutex mutex_;
 };

@@ -3,7 +3,8 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -19,12 +20,27 @@ struct deletion {
   std::string error;  // empty: it is deleted
 };
 
-// Deletes media and pictures that every target has confirmed, that are still what was confirmed,
-// whose confirmation is on disk and for which no hook is still to run: those that have been kept
-// for long enough, and then the oldest confirmed until all that is there fits into the quota.
-// Manifests, messages and logs stay. `next_ms` becomes the moment at which the next one's time is
-// over, if there is one; 0 otherwise.
-std::vector<deletion> clean_up(const std::vector<std::unique_ptr<consignment>>& folders,
-                               const delivery_settings& settings, int64_t now_ms, int64_t& next_ms);
+class retention {
+ public:
+  // `settings` outlives it.
+  explicit retention(const delivery_settings& settings) : settings_(settings) {}
+
+  bool keeps_all() const { return settings_.keep.count() < 0 && settings_.quota_bytes == 0; }
+  // Whether nothing of the folder will ever go, or counts, while it stays as it is.
+  bool is_through_with(const consignment& folder) const;
+
+  // Deletes media and pictures that every target has confirmed, that are still what was confirmed,
+  // whose confirmation is on disk and for which no hook is still to run: those that have been kept
+  // for long enough, and then the oldest confirmed until all that is there fits into the quota.
+  // Manifests, messages and logs stay. What can't be deleted is told once.
+  std::vector<deletion> clean_up(const std::vector<consignment*>& folders, int64_t now_ms);
+  // Until the next one's time is over, from the clean_up() before; empty: there is none.
+  std::optional<int64_t> wait_ms() const { return wait_ms_; }
+
+ private:
+  const delivery_settings& settings_;
+  std::set<std::string> stuck_;
+  std::optional<int64_t> wait_ms_;
+};
 
 }  // namespace zelta::deliver
