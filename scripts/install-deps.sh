@@ -5,6 +5,9 @@
 # with "bench" what the benchmarks compare with and draw by; with "fuzz" what the fuzzers are built
 # with; with "mutate" what scripts/mutate.sh builds with; with "lint" what CI's checks need too; with
 # "crowd" what scripts/check-crowd.sh encrypts with.
+#
+# "test" brings nginx and an SSH server, which Debian starts where systemd runs: they listen on ports 80
+# and 22 until `systemctl disable --now nginx ssh`. The tests start their own, on the loopback.
 set -euo pipefail
 
 packages=(
