@@ -6,10 +6,12 @@
     store.py FOLDER PORT [--faults NAME=SHARE,…] [--seed N]
 
 What is stored stands in FOLDER and outlives the server; PORT 0 is any, and the first line of
-standard output says which. Faults befall a share of the requests that carry something:
-error (500), busy (503, Retry-After), redirect (307), refuse (403), drop (the connection ends in the
-middle), lie (taken, not stored), bend (a byte is another, of WebDAV's alone), deaf (stored, and the
-answer is lost). FOLDER/puts.txt has a line for each file that became whole.
+standard output says which. Faults befall a share of the requests that carry something, of all kinds
+of requests as any-NAME: error (500), busy (503, Retry-After), redirect (307), refuse (403), drop (the
+connection ends in the middle), lie (taken, not stored), bend (a byte is another, of WebDAV's alone),
+deaf (stored, and the answer is lost), squat (just before, somebody else puts a file there). With
+"plain" it makes folders by itself and knows no MKCOL; with "old" it refuses conditions by 501.
+FOLDER/puts.txt has a line for each file that became whole.
 """
 
 import argparse
@@ -76,11 +78,28 @@ class Store(http.server.BaseHTTPRequestHandler):
     def fault(self):
         with LOCK:
             at = self.server.dice.random()
+        carries = self.command in ("PUT", "POST")
         for name, share in self.server.faults:
+            if not carries and not name.startswith("any-"):
+                continue
             if at < share:
-                return name
+                return name.removeprefix("any-")
             at -= share
         return ""
+
+    def condition(self, path, fault):
+        """Whether what may only go where nothing stands may go; answers if not."""
+        if fault == "squat":
+            path.write_text("somebody else's")
+        if self.headers.get("If-None-Match") != "*":
+            return True
+        if self.server.has("old"):
+            self.error(501, "NotImplemented")
+            return False
+        if path.exists():
+            self.error(412, "PreconditionFailed")
+            return False
+        return True
 
     def signed(self, body):
         """Whether the signature is the one of this request and of this body."""
@@ -116,7 +135,7 @@ class Store(http.server.BaseHTTPRequestHandler):
         path = urllib.parse.unquote(split.path)
         if ".." in path.split("/"):
             return self.answer(400)
-        fault = self.fault() if self.command in ("PUT", "POST") else ""
+        fault = self.fault()
         if fault == "drop":
             self.body(most=random.randrange(1, 2000))
             return self.hang_up()
@@ -169,6 +188,10 @@ class Store(http.server.BaseHTTPRequestHandler):
     def dav(self, path, body, fault):
         if self.command in ("GET", "HEAD"):
             return self.fetch(path)
+        if self.server.has("plain"):
+            if self.command == "MKCOL":
+                return self.answer(501)
+            path.parent.mkdir(parents=True, exist_ok=True)
         if self.command == "MKCOL":
             if path.is_dir():
                 return self.answer(405)
@@ -178,6 +201,8 @@ class Store(http.server.BaseHTTPRequestHandler):
             return self.answer(201)
         if not path.parent.is_dir():
             return self.answer(409)
+        if not self.condition(path, fault):
+            return None
         self.store(path, body, fault)
         return self.hang_up() if fault == "deaf" else self.answer(201)
 
@@ -195,6 +220,8 @@ class Store(http.server.BaseHTTPRequestHandler):
             return self.answer(200, answer)
         if "uploadId" in query:
             return self.part(path, query, body, fault)
+        if not self.condition(path, fault):
+            return None
         self.store(path, body, fault, meta)
         return self.hang_up() if fault == "deaf" else self.answer(200)
 
@@ -205,6 +232,9 @@ class Store(http.server.BaseHTTPRequestHandler):
         folder = self.upload(query["uploadId"][0])
         if not folder.is_dir():
             return self.error(404, "NoSuchUpload")
+        if self.command == "DELETE":
+            shutil.rmtree(folder)
+            return self.answer(204)
         tag = f'"{hashlib.md5(body).hexdigest()}"'
         if self.command == "PUT":
             (folder / query["partNumber"][0]).write_bytes(body)
@@ -218,10 +248,12 @@ class Store(http.server.BaseHTTPRequestHandler):
         whole = b""
         for number, said in re.findall(
                 r"<PartNumber>(\d+)</PartNumber><ETag>(.*?)</ETag>", body.decode()):
-            part = (folder / number).read_bytes()
+            part = (folder / number).read_bytes() if (folder / number).exists() else b""
             if said.replace("&quot;", '"') != f'"{hashlib.md5(part).hexdigest()}"':
                 return self.error(400, "InvalidPart")
             whole += part
+        if not self.condition(path, fault):
+            return None
         self.store(path, whole, "", (folder / "meta").read_text())
         shutil.rmtree(folder)
         return self.hang_up() if fault == "deaf" else self.answer(200, b"<R/>")
@@ -233,6 +265,9 @@ class Server(http.server.ThreadingHTTPServer):
 
     def handle_error(self, *_):
         pass  # clients that are killed
+
+    def has(self, trait):
+        return any(name == trait for name, _ in self.faults)
 
 
 def main():
@@ -247,8 +282,8 @@ def main():
     server = Server(("127.0.0.1", asked.port), Store)
     server.root = asked.folder
     server.dice = random.Random(asked.seed)
-    server.faults = [(name, float(share)) for name, share in
-                     (one.split("=") for one in asked.faults.split(",") if one)]
+    server.faults = [(name, float(share or 0)) for name, _, share in
+                     (one.partition("=") for one in asked.faults.split(",") if one)]
     print(server.server_address[1], flush=True)
     server.serve_forever()
 

@@ -7,12 +7,14 @@ import getpass
 import hashlib
 import json
 import os
+import resource
 import shutil
 import signal
 import socket
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 from pathlib import Path
@@ -20,6 +22,8 @@ from pathlib import Path
 HERE = Path(__file__).resolve().parent
 TOOL = Path(os.environ["ZELTA_BIN"]) / "zelta-deliver"
 LIMIT_S = 60
+# Of a run of a few seconds that has hardly anything to do. Sanitizers take their time.
+CPU_S = 4 if any("ASAN" in name or "TSAN" in name for name in os.environ) else 1.5
 RETRY = {"first_ms": 20, "longest_ms": 200, "refusals": 3}
 ENVIRONMENT = {**os.environ, "S3_SECRET": "not-a-secret", "HOOK_KEY": "hook-key"}
 
@@ -116,11 +120,18 @@ class ToolTest(unittest.TestCase):
     def command(self, settings, *arguments):
         return [TOOL, "--json", "--settings", settings, *map(str, arguments)]
 
-    def run_tool(self, settings, *arguments, status=0):
+    def run_tool(self, settings, *arguments, status=0, **more):
+        before = resource.getrusage(resource.RUSAGE_CHILDREN)
         done = subprocess.run(self.command(settings, *arguments), env=ENVIRONMENT, timeout=LIMIT_S,
-                              capture_output=True, text=True)
+                              capture_output=True, text=True, **more)
+        after = resource.getrusage(resource.RUSAGE_CHILDREN)
+        self.cpu_s = after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
+        self.said = done.stderr
         self.assertEqual(done.returncode, status, done.stdout + done.stderr)
         return [json.loads(line) for line in done.stdout.splitlines()]
+
+    def count(self, told, event):
+        return sum(one["event"] == event for one in told)
 
     def start_tool(self, settings, *arguments):
         tool = subprocess.Popen(self.command(settings, *arguments), env=ENVIRONMENT,
@@ -356,8 +367,13 @@ Subsystem sftp internal-sftp
         wait_for("its confirmation", lambda:
                  made.stages().get("recording.json") == {"confirmed"} and
                  later.stages().get("recording.json") == {"confirmed"})
-        made.folder.rename(self.dir / "away")
-        wait_for("the folder that went is let go", lambda: self.locks_of(tool) == 1)
+        wait_for("folders of which all is done are let go", lambda: self.locks_of(tool) == 0)
+        gone = Recording(root, "gone").add("7_a.mp4", 10).runs(True)
+        wait_for("one that runs", lambda: self.locks_of(tool) == 1)
+        gone.folder.rename(self.dir / "away")
+        wait_for("the folder that went is let go", lambda: self.locks_of(tool) == 0)
+        made.add("7_d.mp4", 10)
+        wait_for("one that was done goes on", lambda: (there / "7_d.mp4").exists())
         tool.send_signal(signal.SIGTERM)
         self.assertEqual(tool.wait(LIMIT_S), 0)
 
@@ -451,6 +467,284 @@ echo it ran
         self.assertEqual(made.stages()["recording.json"], {"confirmed"})
         (made.folder / "delivery.json").write_text("{\"version\": 1, ")
         self.run_tool(settings, made.folder, status=1)
+
+    # What can't be done now is tried seldom, not all the time.
+    def assert_idle(self, told):
+        self.assertLess(len(told), 60, told[-3:])
+        self.assertLess(self.cpu_s, CPU_S)
+
+    def test_a_file_that_can_not_be_opened_is_tried_again_and_told(self):
+        self.serve()
+        made = Recording(self.dir).add("7_a.mp4", 1000)
+        settings = self.settings(self.target("http"))
+        # As root may read anything: a lease, which an open that doesn't wait meets with EWOULDBLOCK.
+        before = signal.signal(signal.SIGIO, signal.SIG_IGN)
+        self.addCleanup(signal.signal, signal.SIGIO, before)
+        with open(made.folder / "7_a.mp4", "r+b") as leased:
+            fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
+            told = self.run_tool(settings, "--give-up", 2, made.folder, status=3)
+            fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_UNLCK)
+        self.assertIn("7_a.mp4: Resource temporarily unavailable", told[0]["error"])
+        self.assert_idle(told)
+        self.run_tool(settings, made.folder)
+        self.assert_arrived(made, self.kept / "dav")
+
+    def test_a_log_that_grows_on_goes_to_two_targets_once_a_second_at_most(self):
+        self.serve()
+        made = Recording(self.dir).add("7_a.mp4", 10)
+        log = made.folder / "recording_engine.log"
+        log.write_text("began\n")
+        ended = threading.Event()
+
+        def grow():
+            while not ended.wait(0.001):
+                with open(log, "a") as more:
+                    more.write("more\n" * 100)
+        growing = threading.Thread(target=grow)
+        growing.start()
+        try:
+            settings = self.settings(self.target("http"), self.target("s3"))
+            told = self.run_tool(settings, "--give-up", 4, made.folder, status=3)
+        finally:
+            ended.set()
+            growing.join()
+        self.assert_idle(told)
+        self.assertLess(len(self.puts()), 24)
+        self.run_tool(settings, made.folder)
+        self.assert_arrived(made, self.kept / "dav")
+        self.assert_arrived(made, self.kept / "s3/bucket/p q")
+
+    def test_without_room_for_the_state_nothing_spins_and_what_may_go_makes_room(self):
+        self.serve()
+
+        def no_room():
+            signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+            resource.setrlimit(resource.RLIMIT_FSIZE, (0, 0))
+        made = Recording(self.dir).add("7_a.mp4", 1000)
+        more = {"webhook": {"url": f"http://127.0.0.1:{self.port}/hook", "secret_env": "HOOK_KEY"},
+                "hooks": {"file": ["/bin/true"], "session": ["/bin/true"]}}
+        settings = self.settings(self.target("http"), **more)
+        self.run_tool(settings, made.folder)
+        made.add("7_b.mp4", 1000)
+        told = self.run_tool(self.settings(self.target("http"), keep={"minutes": 0}, **more),
+                             "--give-up", 3, made.folder, status=1, preexec_fn=no_room)
+        self.assert_idle(told)
+        self.assertIn("File too large", told[0]["error"])
+        self.assertFalse((made.folder / "7_a.mp4").exists(), "its confirmation was on disk")
+        self.assertTrue((made.folder / "7_b.mp4").exists())
+        self.run_tool(settings, made.folder)
+        self.assertEqual(made.stages()["7_b.mp4"], {"confirmed"})
+
+    def test_a_target_that_never_answers_keeps_no_other_one_waiting(self):
+        self.serve()
+        made = Recording(self.dir)
+        for at in range(40):
+            made.add(f"{at}_a.mp4", 1000)
+        with socket.socket() as deaf:
+            deaf.bind(("127.0.0.1", 0))
+            deaf.listen(64)
+            dead = {"name": "dead", "type": "http", "url": f"http://127.0.0.1:{deaf.getsockname()[1]}"}
+            settings = self.settings(dead, self.target("http"), connections=2, stall_s=3)
+            told = self.run_tool(settings, "--give-up", 8, made.folder, status=3)
+        self.assertEqual(self.count(told, "confirmed"), 41)
+        self.assertLessEqual(self.count(told, "failed"), 3)
+
+    def test_a_manifest_or_a_state_leads_nowhere_else(self):
+        victim = self.dir / "victim.mp4"
+        victim.write_text("not a recording's")
+        made = Recording(self.dir).add("7_a.mp4", 10)
+        settings = self.settings(self.target("folder"), keep={"minutes": 0})
+        names = ["../victim.mp4", ".delivery.lock", "journal_2.json", "recording.json", "delivery.json"]
+        made.files += [{"name": name, "uid": 7, "closed": "user left"} for name in names]
+        made.write()
+        (made.folder / ".delivery.lock").write_text("")
+        self.run_tool(settings, made.folder)
+        self.assertEqual(sorted(made.stages()), ["7_a.mp4", "recording.json"])
+        self.assertTrue((made.folder / "recording.json").exists())
+        state = made.state()
+        state["files"]["../victim.mp4"] = state["files"].pop("7_a.mp4")
+        (made.folder / "delivery.json").write_text(json.dumps(state))
+        told = self.run_tool(settings, made.folder, status=1)
+        self.assertIn("\"../victim.mp4\" is no name", told[0]["error"])
+        self.assertTrue(victim.exists())
+
+    def test_a_target_in_what_is_delivered_and_two_folders_of_one_name_are_refused(self):
+        root = self.dir / "root"
+        made = Recording(root).add("7_a.mp4", 10)
+        other = Recording(root / "deeper").add("7_a.mp4", 10)
+        (made.folder / "in").mkdir()
+        for path, arguments, says in (
+                (root, ["--watch", root], "should not lie in"),
+                (root / "copies", ["--watch", root], "should not lie in"),
+                (made.folder / "in", [made.folder], "should not lie in"),
+                (root, [made.folder], "should not lie in"),
+                (self.dir, [made.folder, other.folder], "would both be called call")):
+            with self.subTest(path=path, arguments=arguments):
+                settings = self.settings(self.target("folder", path=str(path)))
+                self.run_tool(settings, *arguments, status=2)
+                self.assertIn(says, self.said)
+        self.assertFalse((made.folder / ".delivery.lock").exists())
+        link = self.dir / "link"
+        link.symlink_to(root)
+        self.run_tool(self.settings(self.target("folder", path=str(link))), made.folder, status=2)
+        self.run_tool(self.settings(self.target("folder")), self.dir / "id", status=2)
+        (self.dir / "empty").mkdir()
+        self.run_tool(self.settings(self.target("folder")), self.dir / "empty", status=1)
+        self.assertEqual(list((self.dir / "empty").iterdir()), [])
+
+    def test_what_is_to_be_mounted_is_waited_for(self):
+        made = Recording(self.dir).add("7_a.mp4", 10)
+        settings = self.settings(self.target("folder", mount=str(self.dir / "nas")))
+        told = self.run_tool(settings, "--give-up", 1, made.folder, status=3)
+        self.assertIn("isn't mounted", told[0]["error"])
+        self.assertEqual(list((self.dir / "nas").iterdir()), [])
+        self.run_tool(self.settings(self.target("folder")), made.folder)
+        self.assertIn("on the same disk", self.said)
+        if os.path.ismount("/dev/shm"):
+            nas = Path(tempfile.mkdtemp(dir="/dev/shm", prefix="zelta-test."))
+            self.addCleanup(shutil.rmtree, nas, True)
+            made = Recording(self.dir, "other").add("7_a.mp4", 10)
+            self.run_tool(self.settings(self.target("folder", path=str(nas), mount="/dev/shm")),
+                          made.folder)
+            self.assert_arrived(made, nas)
+            self.assertEqual(self.said, "")
+
+    def test_what_comes_to_stand_there_meanwhile_is_left_alone(self):
+        for kind, sizes in (("http", [1000]), ("s3", [1000, 6_000_000])):
+            for size in sizes:
+                with self.subTest(kind=kind, size=size):
+                    shutil.rmtree(self.dir / "call", True)
+                    shutil.rmtree(self.kept, True)
+                    made = Recording(self.dir).add("7_a.mp4", size)
+                    self.serve("squat=1")
+                    self.run_tool(self.settings(self.target(kind)), made.folder, status=4)
+                    self.assertEqual((self.all_kinds()[kind] / "call/7_a.mp4").read_text(),
+                                     "somebody else's")
+                    self.assertEqual(list(self.kept.glob("uploads/*")), [])
+        self.serve("old")
+        made = Recording(self.dir, "old").add("7_a.mp4", 1000).add("7_b.mp4", 6_000_000)
+        self.run_tool(self.settings(self.target("s3")), made.folder)
+        self.assert_arrived(made, self.kept / "s3/bucket/p q")
+
+    def test_a_server_without_folders_may_have_trouble_for_a_while(self):
+        made = Recording(self.dir).add("7_a.mp4", 1000)
+        self.serve("plain,error=1")
+        settings = self.settings(self.target("http"), retry={**RETRY, "refusals": 1})
+        told = self.run_tool(settings, "--give-up", 1, made.folder, status=3)
+        self.assertIn("PUT: the server answers 500", told[0]["error"])
+        self.serve("plain")
+        self.run_tool(settings, made.folder)
+        self.assert_arrived(made, self.kept / "dav")
+
+    def test_an_upload_that_the_server_breaks_begins_anew_and_none_is_left(self):
+        self.serve()
+        made = Recording(self.dir).add("7_a.mp4", 16_000_000)
+        settings = self.settings(self.target("s3"), kbps=100_000)
+        tool = self.start_tool(settings, made.folder)
+        wait_for("a part", lambda: (self.kept / "parts.txt").exists())
+        wait_for("its note", lambda: (made.folder / "delivery.json").exists() and
+                 made.state()["files"]["7_a.mp4"]["targets"]["s3"].get("parts"))
+        tool.kill()
+        tool.wait()
+        next(self.kept.glob("uploads/*/1")).write_bytes(b"another one")
+        told = self.run_tool(settings, made.folder)
+        self.assertIn("400", told[0]["error"])
+        self.assert_arrived(made, self.kept / "s3/bucket/p q")
+        self.assertEqual(list(self.kept.glob("uploads/*")), [])
+
+    def test_credentials_are_in_no_line_state_or_process(self):
+        secrets = {"password": "hunter-one", "hook": "hunter-two"}
+        for name, value in secrets.items():
+            (self.dir / name).write_text(value)
+        self.serve("any-refuse=0.3")
+        root = self.dir / "root"
+        made = Recording(root).add("7_a.mp4", 1000)
+        settings = self.settings(
+            self.target("http", user="me", password_file=str(self.dir / "password")),
+            hooks={"file": ["/bin/sh", "-c", f"env > {self.dir}/seen; cat /proc/self/environ"]},
+            webhook={"url": f"http://127.0.0.1:{self.port}/hook", "secret_file": str(self.dir / "hook")},
+            retry={**RETRY, "refusals": 50})
+        tool = subprocess.Popen(self.command(settings, "--watch", root), env=ENVIRONMENT, text=True,
+                                stdout=subprocess.PIPE, stderr=subprocess.PIPE)
+        self.addCleanup(tool.kill)
+        wait_for("the hook", (self.dir / "seen").exists)
+        seen = "".join(Path(f"/proc/{tool.pid}/{part}").read_text(errors="replace")
+                       for part in ("cmdline", "environ"))
+        tool.send_signal(signal.SIGTERM)
+        seen += "".join(tool.communicate(timeout=LIMIT_S))
+        seen += (made.folder / "delivery.json").read_text() + (self.dir / "seen").read_text()
+        for value in secrets.values():
+            self.assertNotIn(value, seen)
+
+    def test_hooks_have_our_values_no_sockets_and_an_end(self):
+        made = Recording(self.dir).add("7_a.mp4", 10)
+        script = self.dir / "hook.sh"
+        script.write_text(f"""#!/bin/sh
+echo "$ZELTA_FILE" > {self.dir}/file; ls /proc/$$/fd | tr '\n' ' ' > {self.dir}/fds
+setsid sh -c 'echo $$ > {self.dir}/pid; while echo on; do :; done' &
+until [ -s {self.dir}/pid ]; do :; done
+""")
+        script.chmod(0o755)
+        settings = self.settings(self.target("folder"), hooks={"file": [str(script)]})
+        began = time.monotonic()
+        done = subprocess.run(self.command(settings, made.folder), timeout=LIMIT_S, text=True,
+                              env={**ENVIRONMENT, "ZELTA_FILE": "inherited"}, capture_output=True)
+        self.assertLess(time.monotonic() - began, 20)
+        self.assertEqual(done.returncode, 0, done.stderr)
+        self.assertEqual((self.dir / "file").read_text(), "recording.json\n")
+        self.assertEqual((self.dir / "fds").read_text().split(), ["0", "1", "2"])
+
+    def test_without_standard_streams_nothing_is_written_into_what_is_delivered(self):
+        made = Recording(self.dir).add("7_a.mp4", 10)
+        command = [*map(str, self.command(self.settings(self.target("folder")), made.folder))]
+        done = subprocess.run(["/bin/sh", "-c", 'exec "$@" <&- >&- 2>&-', "sh", *command],
+                              timeout=LIMIT_S, check=False)
+        self.assertEqual(done.returncode, 0)
+        self.assert_arrived(made, self.dir / "nas")
+        self.assertEqual((made.folder / ".delivery.lock").read_bytes(), b"")
+
+    def test_left_over_recordings_wait_for_their_caller_and_give_all_they_have(self):
+        made = Recording(self.dir).add("7_a.mp4", 10)
+        stat = Path(f"/proc/{os.getpid()}/stat").read_text()
+        name = f"{os.getpid()}@{stat[stat.rindex(')') + 2:].split()[19]}"
+        journal = made.folder / "journal.json"
+        journal.write_text(json.dumps({"session": f"{name} 7 c"}))
+        (made.folder / "8_b.mp4").write_bytes(b"unlisted")
+        settings = self.settings(self.target("folder"))
+        self.run_tool(settings, "--left-over", made.folder, status=3)
+        self.assertEqual(sorted(made.stages()), ["7_a.mp4"])
+        journal.write_text(json.dumps({"session": "1@1 7 c"}))
+        self.run_tool(settings, "--left-over", made.folder)
+        self.assertEqual(made.stages()["8_b.mp4"], {"confirmed"})
+
+    def test_a_folder_that_is_replaced_has_a_state_of_its_own(self):
+        root = self.dir / "root"
+        made = Recording(root).add("7_a.mp4", 10).runs(True)
+        self.start_tool(self.settings(self.target("folder")), "--watch", root)
+        wait_for("the first", lambda: (made.folder / "delivery.json").exists() and
+                 made.stages().get("7_a.mp4") == {"confirmed"})
+        first = made.state()["id"]
+        made.folder.rename(self.dir / "away")
+        made = Recording(root).add("7_b.mp4", 10)
+        wait_for("the second", lambda: (made.folder / "delivery.json").exists() and
+                 made.stages().get("recording.json"))
+        self.assertNotEqual(made.state()["id"], first)
+        self.assertEqual(sorted(made.stages()), ["7_b.mp4", "recording.json"])
+
+    def test_folders_that_may_not_be_read_and_damaged_manifests_are_told_and_passed(self):
+        root = self.dir / "root"
+        Recording(root, "damaged").folder.joinpath("recording.json").write_text("{")
+        made = Recording(root).add("7_a.mp4", 10)
+        (root / "lost+found").mkdir(mode=0)
+        tool = subprocess.Popen(
+            self.command(self.settings(self.target("folder")), "--watch", root), text=True,
+            stdout=subprocess.PIPE, env=ENVIRONMENT)
+        self.addCleanup(tool.kill)
+        wait_for("the good one", lambda: (made.folder / "delivery.json").exists() and
+                 made.stages().get("recording.json") == {"confirmed"})
+        tool.send_signal(signal.SIGTERM)
+        told = tool.communicate(timeout=LIMIT_S)[0]
+        self.assertIn("damaged/recording.json is no manifest", told)
 
     def test_status_tells_what_is_dead_and_what_is_not_yet_there(self):
         made = Recording(self.dir).add("7_a.mp4", 10)

@@ -1,12 +1,15 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
-"""zelta-deliver and its servers are killed at random moments, while files go to nginx and to a
-store that fails in every way (store.py). At the end every file has to be at both targets, byte for
-byte, once in the states, and none may ever have been deleted that wasn't there.
+"""zelta-deliver and its servers are killed at random moments, while files go to nginx, to a store that
+fails in every way (store.py), to a folder and to an SSH server. At the end every file has to be at
+every target, byte for byte, none may ever have been deleted that wasn't there, each has been told as
+confirmed once, and webhook and hooks were told of each at least once, repeats by the same id.
 
     torture.py FOLDER KILLS [SEED]
 """
 
+import collections
+import getpass
 import hashlib
 import json
 import os
@@ -19,7 +22,8 @@ from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
 TOOL = Path(os.environ["ZELTA_BIN"]) / "zelta-deliver"
-FAULTS = "error=0.05,busy=0.03,redirect=0.03,drop=0.1,deaf=0.1,lie=0.1"
+FAULTS = ("error=0.05,busy=0.03,redirect=0.03,drop=0.1,deaf=0.1,lie=0.1,"
+          "any-error=0.03,any-busy=0.01,any-drop=0.03")
 LAST_RUN_S = 300
 
 NGINX = """
@@ -37,6 +41,20 @@ http {{
 """
 
 
+SSHD = """
+ListenAddress 127.0.0.1:{port}
+HostKey {dir}/host
+AuthorizedKeysFile {dir}/user.pub
+PidFile none
+StrictModes no
+UsePAM no
+PasswordAuthentication no
+PermitRootLogin yes
+MaxStartups 100
+Subsystem sftp internal-sftp
+"""
+
+
 def free_port():
     with socket.socket() as free:
         free.bind(("127.0.0.1", 0))
@@ -49,10 +67,25 @@ class Torture:
         self.dice = random.Random(seed)
         self.faults = FAULTS
         self.servers = {}
-        self.ports = {"nginx": free_port(), "store": free_port()}
-        self.kept = {"nginx": folder / "dav", "store": folder / "store/s3/bucket"}
-        (folder / "dav").mkdir(parents=True)
+        self.ports = {"nginx": free_port(), "store": free_port(), "sshd": free_port()}
+        self.kept = {"nginx": folder / "dav", "store": folder / "store/s3/bucket",
+                     "nas": folder / "nas", "ssh": folder / "ssh"}
+        for one in ("dav", "nas", "ssh"):
+            (folder / one).mkdir(parents=True)
         (folder / "id").write_text("tester")
+        (folder / "hook-key").write_text("hook-key")
+        for key in ("host", "user"):
+            subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", folder / key],
+                           check=True)
+        if os.geteuid() == 0:
+            Path("/run/sshd").mkdir(exist_ok=True)
+        (folder / "sshd.conf").write_text(SSHD.format(dir=folder, port=self.ports["sshd"]))
+        (folder / "hosts").write_text(
+            f"[127.0.0.1]:{self.ports['sshd']} " + (folder / "host.pub").read_text())
+        # A line at a time is appended whole.
+        (folder / "hook.sh").write_text(
+            f'#!/bin/sh\necho "$ZELTA_ID $ZELTA_EVENT $ZELTA_FOLDER/$ZELTA_FILE" >> {folder}/ran.txt\n')
+        (folder / "hook.sh").chmod(0o755)
         (folder / "nginx.conf").write_text(NGINX.format(dir=folder, port=self.ports["nginx"]))
         retry = {"first_ms": 20, "longest_ms": 200, "refusals": 1000}
         (folder / "settings.json").write_text(json.dumps({
@@ -61,8 +94,15 @@ class Torture:
                  "url": f"http://127.0.0.1:{self.ports['nginx']}"},
                 {"name": "store", "type": "s3", "verify": "content", "bucket": "bucket",
                  "endpoint": f"http://127.0.0.1:{self.ports['store']}/s3", "part_bytes": 5 << 20,
-                 "access_key_file": str(folder / "id"), "secret_key_env": "S3_SECRET"}],
-            "retry": retry, "stall_s": 5, "keep": {"minutes": 0}}))
+                 "access_key_file": str(folder / "id"), "secret_key_env": "S3_SECRET"},
+                {"name": "nas", "type": "folder", "path": str(folder / "nas"), "verify": "content"},
+                {"name": "ssh", "type": "sftp", "user": getpass.getuser(), "verify": "content",
+                 "url": f"sftp://127.0.0.1:{self.ports['sshd']}{folder}/ssh",
+                 "key_file": str(folder / "user"), "known_hosts": str(folder / "hosts")}],
+            "hooks": {"file": [str(folder / "hook.sh")], "session": [str(folder / "hook.sh")]},
+            "webhook": {"url": f"http://127.0.0.1:{self.ports['store']}/hook",
+                        "secret_file": str(folder / "hook-key")},
+            "connections": 8, "retry": retry, "stall_s": 5, "keep": {"minutes": 0}}))
 
     def make_files(self):
         """Digests of what has to arrive, by folder and name."""
@@ -88,7 +128,8 @@ class Torture:
             "nginx": ["nginx", "-p", self.dir, "-c", self.dir / "nginx.conf"],
             "store": [sys.executable, HERE / "store.py", self.dir / "store",
                       str(self.ports["store"]), "--faults", self.faults, "--seed",
-                      str(self.dice.randrange(1 << 30))]}[name]
+                      str(self.dice.randrange(1 << 30))],
+            "sshd": ["/usr/sbin/sshd", "-D", "-f", self.dir / "sshd.conf"]}[name]
         self.servers[name] = subprocess.Popen(command, stdout=subprocess.DEVNULL,
                                               stderr=subprocess.DEVNULL)
 
@@ -115,23 +156,62 @@ class Torture:
                     bad.append(f"{target} {key}")
         return bad
 
+    def told_wrong(self, wanted, kills):
+        """What was told too often, too seldom, or by two ids."""
+        bad = []
+        folders = {str(folder): folder.name.removeprefix("call") for folder in self.folders}
+        times = collections.Counter()
+        for line in (self.dir / "out.jsonl").read_text().splitlines():
+            try:
+                one = json.loads(line)
+            except ValueError:  # cut by a kill
+                continue
+            if one["event"] == "confirmed":
+                times[f"{one['target']} {folders[one['folder']]}/{one['file']}"] += 1
+        every = {f"{target} {key}" for target in self.kept for key in wanted}
+        # A kill after a confirmation came to the disk, and before its line, leaves that untold.
+        untold = every - set(times)
+        if len(untold) > kills:
+            bad.append(f"untold: {sorted(untold)}")
+        bad += [f"told {count} times: {what}" for what, count in times.items() if count > 1]
+        ids = {"webhook": collections.defaultdict(set), "hook": collections.defaultdict(set)}
+        for line in (self.dir / "store/hooks.txt").read_text().splitlines():
+            body = json.loads(line)["body"]
+            what = f"{body['event']} {folders[body['folder']]}/{body.get('file', '')}"
+            ids["webhook"][what].add(json.loads(line)["id"])
+        for line in (self.dir / "ran.txt").read_text().splitlines():
+            name, event, path = line.split(" ", 2)
+            folder, _, file = path.rpartition("/")
+            ids["hook"][f"{event} {folders[folder]}/{file}"].add(name)
+        needed = {f"file {key}" for key in wanted} | {f"session {one}/" for one in folders.values()}
+        for kind, told in ids.items():
+            bad += [f"{kind} lacks {what}" for what in needed - set(told)]
+            bad += [f"{kind} has {names} for {what}" for what, names in told.items()
+                    if len(names) > 1]
+        print(f"told as confirmed: {sum(times.values())} of {len(every)}, untold {len(untold)}; "
+              f"webhook {len(ids['webhook'])}, hook {len(ids['hook'])} of {len(needed)}")
+        return bad
+
     def run(self, kills):
         wanted = self.make_files()
         for name in self.ports:
             self.start(name)
-        died = {"tool": 0, "nginx": 0, "store": 0}
+        died = {"tool": 0, **dict.fromkeys(self.ports, 0)}
         bad = []
-        with open(self.dir / "out.jsonl", "w") as out:
+        with open(self.dir / "out.jsonl", "a") as out:
             for _ in range(kills):
                 tool = self.tool(out)
                 time.sleep(self.dice.uniform(0.01, 0.4))  # the moment of the kill
-                victim = self.dice.choice(["tool", "tool", "nginx", "store"])
+                victim = self.dice.choice(["tool", "tool", *self.ports])
                 if victim != "tool":
                     self.kill(victim)
                     time.sleep(self.dice.uniform(0, 0.2))
                     self.start(victim)
                 tool.kill()
                 tool.wait()
+                # What was cut off has its own line.
+                out.write("\n")
+                out.flush()
                 died["tool"] += 1
                 died[victim] += victim != "tool"
                 bad += self.faulty(wanted, only_gone=True)
@@ -142,16 +222,17 @@ class Torture:
             finally:
                 tool.kill()
         bad += self.faulty(wanted, only_gone=False)
+        bad += self.told_wrong(wanted, kills)
         states = [at["state"] for folder in self.folders for one in json.loads(
             (folder / "delivery.json").read_text())["files"].values()
                   for at in one["targets"].values()]
-        puts = self.dir / "store/puts.txt"
-        stored = len(puts.read_text().splitlines())
-        print(f"{len(wanted)} files to 2 targets; killed: {died}; the last run ended with {status} "
-              f"after {time.monotonic() - began:.1f} s")
-        print(f"confirmed {states.count('confirmed')} of {2 * len(wanted)}; wrong or deleted early: "
-              f"{len(bad)} {bad[:5]}; stored {stored} times, {len(wanted)} are needed")
-        return 0 if status == 0 and not bad and states.count("confirmed") == 2 * len(wanted) else 1
+        all_states = len(self.kept) * len(wanted)
+        stored = len((self.dir / "store/puts.txt").read_text().splitlines())
+        print(f"{len(wanted)} files to {len(self.kept)} targets; killed: {died}; the last run ended "
+              f"with {status} after {time.monotonic() - began:.1f} s")
+        print(f"confirmed {states.count('confirmed')} of {all_states}; wrong, deleted early or told "
+              f"wrong: {len(bad)} {bad[:5]}; stored {stored} times, {len(wanted)} are needed")
+        return 0 if status == 0 and not bad and states.count("confirmed") == all_states else 1
 
 
 def main():
