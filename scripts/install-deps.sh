@@ -6,11 +6,15 @@
 # with "bench" what the benchmarks compare with and draw by; with "fuzz" what the fuzzers are built
 # with; with "mutate" what scripts/mutate.sh builds with; with "lint" what CI's checks need too; with
 # "crowd" what scripts/check-crowd.sh encrypts with.
+#
+# "test" brings nginx and an SSH server, which Debian starts where systemd runs: they listen on ports 80
+# and 22 until `systemctl disable --now nginx ssh`. The tests start their own, on the loopback.
 set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config git ca-certificates
-  libjsoncpp-dev libcli11-dev prometheus-cpp-dev libsrtp2-dev libusrsctp-dev libopus-dev libssl-dev zlib1g-dev libsoup-3.0-dev glib-networking
+  libjsoncpp-dev libcli11-dev prometheus-cpp-dev libsrtp2-dev libusrsctp-dev libopus-dev libssl-dev zlib1g-dev libsoup-3.0-dev
+  glib-networking libcurl4-openssl-dev
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-libav
@@ -18,7 +22,7 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(libgtest-dev python3-jsonschema procps) ;;
+    test) packages+=(libgtest-dev python3-jsonschema procps nginx-light openssh-server) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     sound) packages+=(pulseaudio pulseaudio-utils) ;;
     bench) packages+=(libzmq3-dev gnuplot-nox) ;;

@@ -7,15 +7,20 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
+#include <stdexcept>
 #include <system_error>
 
 #include <json/json.h>
 #include <sys/stat.h>
 
+#include "recordings/folder_state.h"
+#include "recordings/regular_file.h"
+
 namespace zelta::recordings {
 namespace {
 
+constexpr size_t kMostBytes = size_t{64} << 20U;
 constexpr const char* kPrefix = "recording";
 constexpr const char* kEnding = ".json";
 
@@ -77,21 +82,25 @@ gap gap_of(const Json::Value& entry, const manifest& of) {
   return made;
 }
 
-// A name that leads out of the folder is none of a recorder's.
-bool is_plain_name(const std::string& name) {
-  return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
-         name.find('\0') == std::string::npos;
+// Throws what there is to say of it.
+Json::Value parsed(const std::string& folder, const std::string& name) {
+  const auto read = read_regular(folder, name, kMostBytes);
+  if (!read) throw std::system_error(errno, std::generic_category());
+  if (read->is_cut) {
+    throw std::length_error("it has more than " + std::to_string(kMostBytes >> 20U) + " MiB");
+  }
+  Json::Value root;
+  std::istringstream(read->text) >> root;
+  return root;
 }
 
 manifest read(const std::string& folder, const std::string& name) {
-  std::ifstream file(folder + name);
-  Json::Value root;
-  file >> root;
+  const Json::Value root = parsed(folder, name);
   manifest made;
   made.name = name;
   made.channel_id = root["channel_id"].asString();
   for (const Json::Value& entry : root["files"]) {
-    if (is_plain_name(entry["name"].asString())) made.files.push_back(file_of(entry, made, folder));
+    if (is_media_name(entry["name"].asString())) made.files.push_back(file_of(entry, made, folder));
   }
   for (const Json::Value& entry : root["missing"]) made.missing.push_back(gap_of(entry, made));
   made.names = by_user<std::string>(root["names"]);

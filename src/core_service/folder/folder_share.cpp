@@ -3,14 +3,13 @@
 
 #include <cerrno>
 #include <charconv>
-#include <fstream>
-#include <sstream>
 #include <utility>
 
 #include <fcntl.h>
 #include <sys/file.h>
 #include <unistd.h>
 
+#include "base/process_name.h"
 #include "core_service/folder/journal.h"
 
 namespace zelta::core_service {
@@ -23,19 +22,6 @@ constexpr const char* kManifest = "recording";
 
 std::string numbered(const char* stem, int number, const char* ending) {
   return stem + (number > 1 ? "_" + std::to_string(number) : "") + ending;
-}
-
-// A number alone may be another process's by now, as that of a container's first one always is.
-// Empty when there is no such process.
-std::string process_name(pid_t pid) {
-  std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
-  std::string text;
-  // The program's name is in parentheses, and may have any.
-  std::getline(file, text);
-  std::istringstream fields(text.substr(text.rfind(')') + 1));
-  std::string started;
-  for (int field = 3; field <= 22; ++field) fields >> started;
-  return file ? std::to_string(pid) + "@" + started : "";
 }
 
 std::string session_of(const std::string& journal) {
@@ -56,7 +42,7 @@ folder_share::folder_share(std::string folder, std::string session, bool recover
 }
 
 std::string folder_share::session_name(unsigned uid, const std::string& channel_id) {
-  return process_name(getppid()) + " " + std::to_string(uid) + " " + channel_id;
+  return base::process_name(getppid()) + " " + std::to_string(uid) + " " + channel_id;
 }
 
 std::string folder_share::manifest_name() const {
@@ -94,7 +80,7 @@ bool folder_share::is_awaited() const {
   const std::string engine = owner.substr(0, owner.find(' '));
   pid_t pid = 0;
   std::from_chars(engine.data(), engine.data() + engine.size(), pid);
-  return pid > 0 && owner != session_ && process_name(pid) == engine;
+  return pid > 0 && owner != session_ && base::process_name(pid) == engine;
 }
 
 }  // namespace zelta::core_service

@@ -1,0 +1,250 @@
+// SPDX-License-Identifier: Apache-2.0
+// The parts of a delivery that stand alone: waiting, digests, the state on disk.
+#include <chrono>
+#include <string>
+#include <thread>
+#include <tuple>
+#include <vector>
+
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "base/process_name.h"
+#include "digest.h"
+#include "http_client.h"
+#include "ledger.h"
+#include "names.h"
+#include "pace.h"
+#include "recordings/folder_state.h"
+#include "recordings/recording_folder.h"
+#include "support/temp_dir.h"
+#include "target_gates.h"
+
+namespace zelta::test {
+namespace {
+
+using std::chrono::milliseconds;
+
+TEST(Backoff, DoublesUpToItsBoundAndNeverFallsBelowHalf) {
+  const std::tuple<int, int64_t> rows[] = {{1, 100},  {2, 200},   {4, 800},
+                                           {5, 1000}, {63, 1000}, {1'000'000, 1000}};
+  for (const auto& [attempts, whole_ms] : rows) {
+    const auto wait = [attempts = attempts](uint32_t random) {
+      return deliver::backoff(attempts, milliseconds(100), milliseconds(1000), random).count();
+    };
+    EXPECT_EQ(wait(0), whole_ms / 2);
+    EXPECT_GT(wait(1023), whole_ms * 99 / 100 - 1);
+    EXPECT_LE(wait(UINT32_MAX), whole_ms);
+  }
+}
+
+TEST(Pace, EndsAWaitThatWouldLastForHours) {
+  deliver::pace slow(1);
+  EXPECT_TRUE(slow.take(1'000'000));  // what it has to wait for comes after it
+  std::thread waiting([&slow] { EXPECT_FALSE(slow.take(1)); });
+  slow.stop();
+  waiting.join();
+}
+
+// RFC 4231, case 2; FIPS 180-4's of no bytes.
+TEST(Digest, IsThatOfTheStandards) {
+  EXPECT_EQ(deliver::hmac_sha256("Jefe", "what do ya want for nothing?"),
+            "5bdcc146bf60754e6a042426089575c75a003f089d2739839dec58b964ec3843");
+  EXPECT_EQ(deliver::sha256_of(""),
+            "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855");
+}
+
+TEST(PercentEncoded, LeavesUnreservedCharactersAlone) {
+  EXPECT_EQ(deliver::percent_encoded("a call+1/é~.-_", true), "a%20call%2B1/%C3%A9~.-_");
+  EXPECT_EQ(deliver::percent_encoded("a/b", false), "a%2Fb");
+}
+
+TEST(Ledger, ComesBackAsItWasKept) {
+  const TempDir dir;
+  std::string error;
+  auto kept = deliver::load_ledger(dir.path(), error);
+  ASSERT_TRUE(kept) << error;
+  kept->remote = "2026/call";
+  deliver::entry& file = kept->files["7_a.mp4"];
+  file.is = {uint64_t{1} << 40, 1'764'000'000'123'456'789};
+  file.sha256 = "ab";
+  file.order = deliver::rank::kBeside;
+  file.announced = true;
+  file.deleted_utc_ms = 5;
+  file.targets["s3"] = {deliver::stage::kSending, 3, 2, 77, 88, "why", true, "id", 9, {"\"t\""}};
+  kept->notices.push_back({"id-1", "{}", true, "file", 4, 99});
+  kept->next_notice = 2;
+  ASSERT_TRUE(deliver::save_ledger(dir.path(), *kept, error)) << error;
+  const std::string first = read_file(dir.path() + "delivery.json");
+  const auto read = deliver::load_ledger(dir.path(), error);
+  ASSERT_TRUE(read) << error;
+  ASSERT_TRUE(deliver::save_ledger(dir.path(), *read, error)) << error;
+  EXPECT_EQ(read_file(dir.path() + "delivery.json"), first);
+  const deliver::shipment& at = read->files.at("7_a.mp4").targets.at("s3");
+  EXPECT_EQ(std::tie(at.at, at.attempts, at.refusals, at.next_utc_ms, at.confirmed_utc_ms, at.ours),
+            std::make_tuple(deliver::stage::kSending, 3, 2, int64_t{77}, int64_t{88}, true));
+  EXPECT_EQ(at.parts, std::vector<std::string>{"\"t\""});
+  EXPECT_EQ(read->files.at("7_a.mp4").is, file.is);
+}
+
+TEST(Ledger, ThatCannotBeUnderstoodIsNeverTakenForNone) {
+  for (const char* const text : {"", "{", "[]", R"({"version": 2, "files": {}})",
+                                 R"({"version": 1, "files": {"a": {"rank": "media", "targets":
+                                    {"t": {"state": "perhaps"}}}}})"}) {
+    const TempDir dir;
+    dir.file("delivery.json", text);
+    std::string error;
+    EXPECT_FALSE(deliver::load_ledger(dir.path(), error)) << text;
+    EXPECT_NE(error.find("delivery.json is no state"), std::string::npos) << error;
+  }
+}
+
+TEST(Ledger, IsOnesAloneWhileItsLockIsHeld) {
+  const TempDir dir;
+  std::string error;
+  {
+    const auto first = deliver::lock_deliveries(dir.path(), error);
+    EXPECT_TRUE(first.valid()) << error;
+    EXPECT_FALSE(deliver::lock_deliveries(dir.path(), error).valid());
+    EXPECT_EQ(error, "");
+  }
+  EXPECT_TRUE(deliver::lock_deliveries(dir.path(), error).valid()) << error;
+}
+
+TEST(Ledger, ThatNamesWhatIsNotOfTheRecordingIsRefused) {
+  const auto file = [](const std::string& name, const std::string& more, const char* rank) {
+    return R"("remote": "a", "files": {")" + name + R"(": {"sha256": "", "rank": ")" + rank +
+           R"(", "targets": {"t": {"state": "pending")" + more + "}}}}";
+  };
+  const std::string rows[] = {
+      file("../7_a.mp4", "", "media"),
+      file("..", "", "beside"),
+      file("", "", "beside"),
+      file(".delivery.lock", "", "media"),
+      file("delivery.json", "", "beside"),
+      file("recording.json", "", "media"),
+      file("journal.json", "", "media"),
+      file("7_\\n.mp4", "", "media"),
+      file("7_a.mp4", R"(, "upload_id": "u", "part_bytes": 0, "parts": ["x"])", "media"),
+      file("7_a.mp4", R"(, "part_bytes": 18446744073709551615)", "media"),
+      file("7_a.mp4", R"(, "refusals": -1)", "media"),
+      R"("files": {"7_a.mp4": {"rank": "media", "sha256": "a\r\nx-amz-acl: public-read"}})",
+      R"("remote": "../others")",
+      R"("remote": "/etc")",
+      R"("remote": "a//b")",
+      R"("notices": [{"id": "1\r\nHost: x", "kind": "file"}])",
+      R"("notices": [{"id": "1", "kind": "x\r\nHost: x"}])",
+  };
+  const TempDir dir;
+  std::string error;
+  for (const std::string& row : rows) {
+    dir.file("delivery.json", R"({"version": 1, "id": "i", )" + row + "}");
+    EXPECT_FALSE(deliver::load_ledger(dir.path(), error)) << row;
+  }
+  dir.file("delivery.json", R"({"version": 1, "id": "i", )" + file("7_a.mp4", "", "media") + "}");
+  EXPECT_TRUE(deliver::load_ledger(dir.path(), error)) << error;
+}
+
+TEST(Names, AreSoundAsUtf8WithoutControlCharacters) {
+  for (const char* const name : {"a", "é.mp4", "7_\xF0\x9F\x8E\xA5.mp4", "a b"}) {
+    EXPECT_TRUE(deliver::is_sound_name(name)) << name;
+  }
+  for (const char* const name : {"", ".", "..", "a/b", "a\n", "\x7f", "\xff", "\xC0\xAF",
+                                 "\xE0\x80\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xC3"}) {
+    EXPECT_FALSE(deliver::is_sound_name(name)) << deliver::shown_name(name);
+  }
+  EXPECT_TRUE(deliver::is_sound_path("2026/call"));
+  for (const char* const path : {"", "/", "a/", "/a", "a//b", "a/../b", "."}) {
+    EXPECT_FALSE(deliver::is_sound_path(path)) << path;
+  }
+}
+
+// Of two targets and four connections.
+TEST(TargetGates, HoldBackWhatCanNotBeReachedAndProbeItByOne) {
+  using deliver::outcome;
+  deliver::target_gates gates(2, 4, milliseconds(100), milliseconds(1000));
+  const outcome gone{outcome::kLater, "", 0, true};
+  EXPECT_EQ(gates.room(0, 0), 3U) << "one is the other's";
+  for (int at = 0; at < 3; ++at) gates.began(0);
+  EXPECT_EQ(gates.room(0, 0), 0U);
+  EXPECT_FALSE(gates.wait_ms(0, 0));
+  for (int at = 0; at < 3; ++at) gates.ended(0, gone, 0, 0);
+  EXPECT_EQ(gates.room(0, 49), 0U);
+  EXPECT_EQ(gates.wait_ms(0, 0), 50) << "all three are one failure";
+  EXPECT_EQ(gates.room(0, 50), 1U);
+  EXPECT_EQ(gates.room(1, 0), 3U);
+  gates.began(0);
+  EXPECT_EQ(gates.room(0, 60), 0U);
+  gates.ended(0, gone, 60, 0);
+  EXPECT_EQ(gates.wait_ms(0, 60), 100);
+  gates.began(0);
+  gates.ended(0, {outcome::kRefused, "", 0}, 200, 0);
+  EXPECT_EQ(gates.room(0, 200), 3U) << "it answers";
+  gates.began(0);
+  gates.ended(0, {outcome::kLater, "", 7000}, 200, 0);
+  EXPECT_EQ(gates.wait_ms(0, 200), 7000) << "it asks for it";
+}
+
+TEST(RecordingFolder, AwaitsTheNextRecorderWhileItsCallerLives) {
+  const TempDir dir;
+  const auto journal_of = [&dir](const std::string& caller) {
+    dir.file("journal.json", R"({"session": ")" + caller + " 7 call\"}");
+    return recordings::is_over(dir.path(), true);
+  };
+  EXPECT_FALSE(journal_of(base::process_name(getpid())));
+  EXPECT_TRUE(journal_of(std::to_string(getpid()) + "@1")) << "another process had the number";
+  EXPECT_TRUE(journal_of("nobody"));
+  EXPECT_FALSE(recordings::is_over(dir.path(), false));
+}
+
+TEST(RecordingFolder, IsLookedAtWithoutWaitingForAPipe) {
+  const TempDir dir;
+  ASSERT_EQ(mkfifo((dir.path() + ".recording_2.lock").c_str(), 0600), 0);
+  EXPECT_TRUE(recordings::is_over(dir.path()));
+  ASSERT_EQ(mkfifo((dir.path() + "recording.json").c_str(), 0600), 0);
+  std::vector<std::string> errors;
+  EXPECT_TRUE(recordings::read_manifests(dir.path(), errors).empty());
+  EXPECT_EQ(errors.size(), 1U);
+}
+
+TEST(RecordingFolder, HasMediaOfMediasNamesAlone) {
+  const TempDir dir;
+  for (const char* const name : {"7_a.mp4", "mix_b.webm", "12_c.m4a", "x_d.mp4", "7_e.jpg",
+                                 "7_f.mp4.part", ".7_g.mp4", "7.mp4"}) {
+    dir.file(name, "x");
+  }
+  EXPECT_EQ(recordings::media_names(dir.path()),
+            (std::vector<std::string>{"12_c.m4a", "7_a.mp4", "mix_b.webm"}));
+  dir.file("recording.json", R"({"files": [{"name": "7_a.mp4"}, {"name": "recording.json"},
+      {"name": ".delivery.lock"}, {"name": "journal_2.json"}, {"name": "messages.jsonl"},
+      {"name": "../7_a.mp4"}, {"name": "delivery.json.new"}, {"name": ""}]})");
+  std::vector<std::string> errors;
+  const auto manifests = recordings::read_manifests(dir.path(), errors);
+  ASSERT_EQ(manifests.size(), 1U);
+  ASSERT_EQ(manifests[0].files.size(), 1U);
+  EXPECT_EQ(manifests[0].files[0].name, "7_a.mp4");
+}
+
+TEST(RecordingFolder, TellsWhatStandsBesideTheMedia) {
+  const TempDir dir;
+  for (const char* const name :
+       {"7_20260101T000000000.jpg", "messages.jsonl", "messages_2.jsonl", "recording_engine.log",
+        "messages_x.jsonl", "notes.txt", "volumes.jsonl", "x_1.jpg", "delivery.json", "7_a.mp4",
+        "recording.json"}) {
+    dir.file(name, "x");
+  }
+  EXPECT_EQ(
+      recordings::companion_names(dir.path()),
+      (std::vector<std::string>{"7_20260101T000000000.jpg", "messages.jsonl", "messages_2.jsonl",
+                                "recording_engine.log", "volumes.jsonl"}));
+  EXPECT_TRUE(recordings::is_over(dir.path()));
+  dir.file("journal_2.json", "{}");
+  EXPECT_FALSE(recordings::is_over(dir.path()));
+  EXPECT_TRUE(recordings::is_over(dir.path(), true));
+  EXPECT_FALSE(recordings::is_over(dir.path() + "nowhere"));
+}
+
+}  // namespace
+}  // namespace zelta::test

@@ -1,0 +1,254 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "carrier.h"
+
+#include <cerrno>
+#include <cstring>
+#include <exception>
+#include <random>
+#include <utility>
+
+#include "digest.h"
+#include "disk.h"
+
+namespace zelta::deliver {
+namespace {
+
+uint32_t random_number() {
+  thread_local std::minstd_rand source{std::random_device{}()};
+  return static_cast<uint32_t>(source());
+}
+
+}  // namespace
+
+carrier::carrier(const carrier_tools& with, http_client& by, consignment& from,
+                 consignment::errand of)
+    : with_(with),
+      by_(by),
+      from_(from),
+      of_(std::move(of)),
+      settings_(with.settings.targets[of_.target]),
+      to_(*with.targets[of_.target]),
+      folder_(from.folder()) {}
+
+void carrier::carry() {
+  try {
+    if (load() && look_first() && send()) look_after();
+  } catch (const std::exception& e) {
+    fail({outcome::kLater, e.what(), 0});
+  }
+}
+
+bool carrier::load() {
+  const std::string path = folder_ + "/" + of_.file;
+  file_ = open_plain(path);
+  const int why = errno;
+  std::string sha256;
+  {
+    const std::lock_guard lock(with_.mutex);
+    const entry& is = from_.file(of_.file);
+    parcel_.remote = from_.state().remote + "/" + of_.file;
+    parcel_.is = is.is;
+    parcel_.replaces = from_.at(of_).ours;
+    order_ = is.order;
+    sha256 = is.sha256;
+  }
+  parcel_.file = file_.get();
+  parcel_.sha256 = sha256;
+  if (!file_.valid()) {
+    std::string fault;
+    if (!stamp_of(path, fault) && fault.empty()) {
+      changed();
+    } else {
+      // It is there, and can't be read now: others' rights, a lease, no descriptors.
+      fail({outcome::kLater, "open " + path + ": " + std::strerror(why), 0});
+    }
+    return false;
+  }
+  if (!still_the_same()) {
+    changed();
+    return false;
+  }
+  return !sha256.empty() || digest();
+}
+
+bool carrier::digest() {
+  sha256 of;
+  std::string error;
+  const auto add = [&](const char* bytes, size_t size) {
+    of.add(bytes, size);
+    return !with_.limits.stopped();
+  };
+  if (!read_all(file_.get(), add, error)) {
+    fail({outcome::kLater, folder_ + "/" + of_.file + ": " + error, 0});
+    return false;
+  }
+  if (with_.limits.stopped()) {
+    fail({outcome::kStopped, "", 0});
+    return false;
+  }
+  if (!still_the_same()) {
+    changed();
+    return false;
+  }
+  parcel_.sha256 = of.hex();
+  const std::lock_guard lock(with_.mutex);
+  from_.set_digest(of_, parcel_.sha256);
+  return true;
+}
+
+// Whoever was killed may have sent it, whole, and not noted that down. What stands there and isn't
+// ours may be another recording's.
+bool carrier::look_first() {
+  const sight seen = to_.look(by_, parcel_, true);
+  if (seen.is == presence::kUnknown) {
+    fail(seen.why);
+    return false;
+  }
+  if (seen.is == presence::kSame) {
+    abandon_upload();
+    confirm();
+    return false;
+  }
+  if (seen.is == presence::kOther && !parcel_.replaces) {
+    bury("another file stands there as " + parcel_.remote + "; it was left as it is");
+    return false;
+  }
+  std::unique_lock lock(with_.mutex);
+  from_.set_sending(of_);
+  // Of media, which never changes, where all of it or nothing comes to stand there: whoever comes
+  // after a kill finds out by looking.
+  if (order_ == rank::kMedia && to_.takes_whole()) return true;
+  if (from_.save()) return true;
+  // Without a state a kill now would have what is there taken for another's.
+  const std::string why = "the state can't be kept: " + from_.fault();
+  lock.unlock();
+  fail({outcome::kLater, why, 0});
+  return false;
+}
+
+bool carrier::send() {
+  shipment at;
+  {
+    const std::lock_guard lock(with_.mutex);
+    at = from_.at(of_);
+  }
+  const auto save = [this, &at] {
+    const std::lock_guard lock(with_.mutex);
+    from_.set_upload(of_, at);
+    return from_.save();
+  };
+  const outcome sent = to_.send(by_, parcel_, at, save);
+  if (sent.occupied) {
+    const std::lock_guard lock(with_.mutex);
+    from_.disown(of_);
+  }
+  {
+    // Of an upload that is complete or gone; on disk with the next step.
+    const std::lock_guard lock(with_.mutex);
+    from_.set_upload(of_, at);
+  }
+  if (!still_the_same()) {
+    changed();
+    return false;
+  }
+  if (sent.is != outcome::kDone) {
+    fail(sent);
+    return false;
+  }
+  const std::lock_guard lock(with_.mutex);
+  from_.set_sent(of_);
+  return true;
+}
+
+void carrier::look_after() {
+  const sight seen = to_.look(by_, parcel_, settings_.verify_content);
+  switch (seen.is) {
+    case presence::kSame:
+      return confirm();
+    case presence::kUnknown:
+      return fail(seen.why);
+    case presence::kAbsent:
+      return fail({outcome::kRefused, "the target took it, and hasn't got it", 0});
+    case presence::kOther:
+      return fail({outcome::kRefused, "the target took it, and holds something else", 0});
+  }
+}
+
+bool carrier::still_the_same() const {
+  std::string ignored;
+  const std::optional<stamp> held = file_.valid() ? stamp_of(file_.get()) : std::nullopt;
+  const std::optional<stamp> named = stamp_of(folder_ + "/" + of_.file, ignored);
+  return held && named && *held == parcel_.is && *named == parcel_.is;
+}
+
+// Nothing comes of an upload in parts any more, of which the target would keep what it has.
+void carrier::abandon_upload() {
+  shipment at;
+  {
+    const std::lock_guard lock(with_.mutex);
+    at = from_.at(of_);
+  }
+  if (at.upload_id.empty() || with_.limits.stopped()) return;
+  try {
+    to_.abandon(by_, parcel_, at);
+  } catch (const std::exception&) {
+    // Its rules end it then, or nobody.
+  }
+}
+
+void carrier::confirm() {
+  {
+    const std::lock_guard lock(with_.mutex);
+    from_.confirm(of_, now_utc_ms());
+    with_.gates.ended(of_.target, {}, steady_ms(), random_number());
+    static_cast<void>(from_.save_lazily(steady_ms()));  // the courier looks for what isn't saved
+  }
+  tell("confirmed", "");
+}
+
+void carrier::fail(const outcome& why) {
+  bool dead = false;
+  if (why.is == outcome::kRefused) {
+    bool is_last = false;
+    {
+      const std::lock_guard lock(with_.mutex);
+      is_last = from_.at(of_).refusals + 1 >= with_.settings.refusals;
+    }
+    if (is_last) abandon_upload();
+  }
+  {
+    const std::lock_guard lock(with_.mutex);
+    from_.fail(of_, why, now_utc_ms(), random_number());
+    dead = from_.at(of_).at == stage::kDead;
+    with_.gates.ended(of_.target, why, steady_ms(), random_number());
+    static_cast<void>(from_.save_lazily(steady_ms()));
+  }
+  if (why.is != outcome::kStopped) tell(dead ? "dead letter" : "failed", why.text);
+}
+
+void carrier::bury(const std::string& why) {
+  {
+    const std::lock_guard lock(with_.mutex);
+    from_.bury(of_, why);
+    with_.gates.ended(of_.target, {}, steady_ms(), random_number());
+    static_cast<void>(from_.save_lazily(steady_ms()));
+  }
+  tell("dead letter", why);
+}
+
+void carrier::changed() {
+  const std::lock_guard lock(with_.mutex);
+  from_.changed(of_, now_utc_ms());  // the courier tells of dead letters
+  with_.gates.ended(of_.target, {}, steady_ms(), random_number());
+  static_cast<void>(from_.save_lazily(steady_ms()));
+}
+
+void carrier::tell(const char* event, const std::string& why) const {
+  with_.reports.tell(event, {{"folder", folder_},
+                             {"file", of_.file},
+                             {"target", settings_.name},
+                             {"bytes", std::to_string(parcel_.is.bytes)},
+                             {"error", why}});
+}
+
+}  // namespace zelta::deliver

@@ -1,0 +1,77 @@
+// SPDX-License-Identifier: Apache-2.0
+// zelta-deliver, which brings recordings to where they are kept.
+#include <csignal>
+#include <cstdio>
+#include <exception>
+
+#include <fcntl.h>
+#include <sys/signalfd.h>
+#include <unistd.h>
+
+#include "base/unique_fd.h"
+#include "courier.h"
+#include "exit_status.h"
+#include "http_client.h"
+#include "options.h"
+#include "places.h"
+#include "settings.h"
+#include "status.h"
+
+namespace zelta::deliver {
+namespace {
+
+// Before any thread, which inherits that they are blocked. One that is ignored stays so, as nohup
+// wants it; a reader of our output who has gone is no reason to end.
+base::unique_fd block_signals() {
+  signal(SIGPIPE, SIG_IGN);
+  sigset_t taken;
+  sigemptyset(&taken);
+  for (const int one : {SIGINT, SIGTERM, SIGHUP}) {
+    struct sigaction is {};
+    if (sigaction(one, nullptr, &is) == 0 && is.sa_handler != SIG_IGN) sigaddset(&taken, one);
+  }
+  sigprocmask(SIG_BLOCK, &taken, nullptr);
+  return base::unique_fd(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
+}
+
+// Or what we open next would be written to as if it were one of them. They are taken in order.
+bool open_standard_streams() {
+  for (int fd = STDIN_FILENO; fd <= STDERR_FILENO; ++fd) {
+    if (fcntl(fd, F_GETFD) < 0 && open("/dev/null", O_RDWR) != fd) return false;
+  }
+  return true;
+}
+
+int deliver(int argc, char** argv) {
+  if (!open_standard_streams()) return kBroken;
+  options asked;
+  const parse_result parsed = parse_options(argc, argv, asked);
+  if (!parsed.ok) {
+    std::fputs(parsed.message.c_str(), parsed.exit_status == 0 ? stdout : stderr);
+    return parsed.exit_status;
+  }
+  if (asked.status) return tell_status(asked);
+  std::vector<std::string> errors;
+  const delivery_settings settings = load_delivery_settings(asked.settings_path, errors);
+  if (errors.empty()) check_places(asked, settings, errors);
+  for (const std::string& error : errors) std::fprintf(stderr, "%s\n", error.c_str());
+  if (!errors.empty()) return kUsage;
+  const base::unique_fd signals = block_signals();
+  if (!prepare_http() || !signals.valid()) {
+    std::fputs("zelta-deliver: libcurl or signalfd can't be had\n", stderr);
+    return kBroken;
+  }
+  return courier(asked, settings).run(signals.get());
+}
+
+}  // namespace
+}  // namespace zelta::deliver
+
+int main(int argc, char** argv) {
+  try {
+    return zelta::deliver::deliver(argc, argv);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "zelta-deliver: %s\n", e.what());
+    return zelta::deliver::kBroken;
+  }
+}

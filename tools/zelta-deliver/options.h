@@ -1,0 +1,34 @@
+// SPDX-License-Identifier: Apache-2.0
+// zelta-deliver's command line.
+#pragma once
+
+#include <string>
+#include <vector>
+
+namespace zelta::deliver {
+
+struct options {
+  std::vector<std::string> folders;  // absolute, without a slash at the end
+  std::string watch;                 // a root, likewise; empty: none
+  std::string root;                  // what folders are named after, from there on
+  std::string settings_path;
+  bool json = false;
+  bool status = false;
+  bool retry_dead = false;
+  bool left_over = false;
+  int give_up_s = 0;  // 0: never
+};
+
+struct parse_result {
+  bool ok = false;
+  std::string message;
+  int exit_status = 0;
+};
+
+// `o` is of use when it is ok. Never throws.
+parse_result parse_options(int argc, const char* const* argv, options& o);
+
+// What a folder is called at targets; empty when it isn't under the root.
+std::string remote_name(const options& o, const std::string& folder);
+
+}  // namespace zelta::deliver
