@@ -46,7 +46,8 @@ int serve(const options& o) {
   for (const Json::Value& error : view.page["errors"]) {
     std::fprintf(stderr, "zelta-view: %s\n", error.asCString());
   }
-  if (view.page["sessions"].empty()) return kNoRecording;
+  // One that has just begun is shown as soon as there is something of it.
+  if (view.manifests == 0) return kNoRecording;
   std::string error;
   const auto server = view_server::start(o, error);
   if (!server) {

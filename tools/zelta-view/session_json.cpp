@@ -150,7 +150,7 @@ void add_sessions(const std::string& folder, int64_t now_utc_ms, const manifest&
   });
   std::vector<session> all = stretches_of(of, files);
   if (all.empty()) {
-    errors.push_back(of.name + " names no file that is there and has media");
+    errors.push_back(of.name + " names no file that is there and has media yet");
     return;
   }
   for (const media_file& file : files) {
@@ -180,6 +180,7 @@ folder_view look_at(const std::string& folder, int64_t now_utc_ms) {
   view.page["errors"] = Json::Value(Json::arrayValue);
   std::vector<std::string> errors;
   for (const manifest& one : recordings::read_manifests(folder, errors)) {
+    ++view.manifests;
     add_sessions(folder, now_utc_ms, one, errors, view);
   }
   for (const std::string& error : errors) view.page["errors"].append(error);

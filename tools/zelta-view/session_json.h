@@ -17,6 +17,7 @@
 // Any thread; reads the folder anew each time.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <set>
 #include <string>
@@ -29,6 +30,7 @@ namespace zelta::view {
 constexpr int64_t kPauseBetweenSessionsMs = 10 * 60 * 1000;
 
 struct folder_view {
+  size_t manifests = 0;         // that could be read
   Json::Value page;             // as above
   std::set<std::string> files;  // that the manifests name and that are there: all that is served
 };

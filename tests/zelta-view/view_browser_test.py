@@ -1,0 +1,289 @@
+#!/usr/bin/python3
+# SPDX-License-Identifier: Apache-2.0
+"""A browser looks at recordings by zelta-view: how far users are from each other is measured by
+flashes that were recorded. Arguments: names of cases; none: all. Exit status 1 when one fails."""
+import glob
+import json
+import os
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+import traceback
+import urllib.error
+import urllib.request
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+sys.path += [f"{ROOT}/scripts/webrtc", f"{ROOT}/scripts/media"]
+
+import browser as chromium  # noqa: E402
+import marks  # noqa: E402
+
+BIN = os.environ.get("ZELTA_BIN", f"{ROOT}/build/release/bin")
+APART_MS = 50
+MARKED_S = 7
+BEHIND_MS = 10000
+
+# When each user's picture turns white, in ms of the page's clock.
+WATCH = """
+window.seen = {};
+window.faults = [];
+addEventListener('error', event => faults.push(event.message));
+addEventListener('unhandledrejection', event => faults.push(String(event.reason)));
+const watchLayer = (layer, list) => {
+  const paint = new OffscreenCanvas(8, 8).getContext('2d', {willReadFrequently: true});
+  let lit = true;
+  const look = (now, frame) => {
+    paint.drawImage(layer.video, 0, 0, 8, 8);
+    const white = paint.getImageData(4, 4, 1, 1).data[0] > 128;
+    const at = clock.at + (frame.expectedDisplayTime - clock.since) * clock.speed;
+    if (white && !lit && clock.runs) list.push(at);
+    lit = white;
+    layer.video.requestVideoFrameCallback(look);
+  };
+  layer.video.requestVideoFrameCallback(look);
+};
+window.watch = () => {
+  for (const track of tracks) {
+    const list = seen[track.user.uid] = [];
+    for (const layer of track.layers) watchLayer(layer, list);
+  }
+};
+"""
+
+
+def require(holds, what):
+    if not holds:
+        raise AssertionError(what)
+
+
+class Recorder:
+    """A run of zelta-record in a folder of its own."""
+
+    def __init__(self, server, *arguments):
+        self.root = tempfile.mkdtemp(prefix="zelta-view-")
+        self.process = subprocess.Popen(
+            [f"{BIN}/zelta-record", "room", "--json", "--server", server,
+             "--record-file-root-dir", self.root, *arguments],
+            stdout=subprocess.PIPE, text=True)
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        if self.process.poll() is None:
+            self.process.terminate()
+        self.process.communicate(timeout=30)
+        shutil.rmtree(self.root, ignore_errors=True)
+
+    def wait_for(self, name, count=1):
+        for line in self.process.stdout:
+            count -= json.loads(line)["event"] == name
+            if count == 0:
+                return
+        raise AssertionError(f"the recording ended before {name}")
+
+    def folder(self):
+        path, = glob.glob(f"{self.root}/**/recording.json", recursive=True)
+        return os.path.dirname(path)
+
+    def end(self):
+        self.process.communicate(timeout=40)
+        return self.folder()
+
+
+class Viewer:
+    """A run of zelta-view."""
+
+    def __init__(self, folder, *arguments, environment=None):
+        self.cache = tempfile.mkdtemp(prefix="zelta-view-cache-")
+        self.process = subprocess.Popen(
+            [f"{BIN}/zelta-view", folder, "--json", "--cache", self.cache, *arguments],
+            stdout=subprocess.PIPE, text=True, env={**os.environ, **(environment or {})})
+        line = self.process.stdout.readline()
+        require(line, "zelta-view didn't start")
+        self.event = json.loads(line)
+        self.url = self.event.get("url")
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        self.process.terminate()
+        self.process.communicate(timeout=10)
+        shutil.rmtree(self.cache, ignore_errors=True)
+
+    def get(self, path, **headers):
+        """Status, headers, body."""
+        ask = urllib.request.Request(self.url + path, headers=headers)
+        try:
+            with urllib.request.urlopen(ask, timeout=10) as answer:
+                return answer.status, answer.headers, answer.read()
+        except urllib.error.HTTPError as error:
+            return error.code, error.headers, error.read()
+
+
+def record_marked(clips):
+    """A folder with these users' flashes: {uid: (video, audio)}."""
+    media = tempfile.mkdtemp(prefix="zelta-view-media-")
+    os.mkdir(f"{media}/room")
+    made = {uid: marks.make(media, MARKED_S, *codecs) for uid, codecs in clips.items()}
+    recorder = Recorder(f"dir:{media}", "--duration", str(MARKED_S + 4))
+    recorder.wait_for("joined")
+    for uid, path in made.items():
+        shutil.copy(path, f"{media}/room/{uid}.part")
+        os.rename(f"{media}/room/{uid}.part", f"{media}/room/{uid}.mkv")
+    recorder.end()
+    shutil.rmtree(media)
+    return recorder
+
+
+def expected(folder):
+    """When users flash, in UTC ms, by the manifest and what stands in their files."""
+    with open(f"{folder}/recording.json", encoding="utf-8") as text:
+        files = json.load(text)["files"]
+    return {file["uid"]: [file["first_utc_ms"] + s * 1000
+                          for s in marks.flashes(f"{folder}/{file['name']}")]
+            for file in files if file["video_codec"]}
+
+
+def judge(seen, due):
+    """How far flashes were seen from where they are due, and users from each other, in ms."""
+    off = {}
+    for uid, times in due.items():
+        mine = seen.get(str(uid), [])
+        require(len(mine) >= 3, f"user {uid}: {len(mine)} flashes seen")
+        off[uid] = [min((at - one for one in times), key=abs) for at in mine]
+    middle = {uid: statistics.median(all_of) for uid, all_of in off.items()}
+    worst = max(abs(one) for all_of in off.values() for one in all_of)
+    return {"of_clock": round(worst), "apart": round(max(middle.values()) - min(middle.values())),
+            "flashes": sum(map(len, off.values()))}
+
+
+def play_and_watch(page, start, speed=1):
+    page.wait_for("['paused', 'ended', 'waiting', 'playing'].includes(document.body.dataset.state)")
+    page.evaluate(f"setPlaying(false); seek(session.begin_ms + {start});")
+    page.wait_for("document.body.dataset.state === 'paused'")
+    page.evaluate(f"document.getElementById('speed').value = '{speed}';"
+                  "document.getElementById('speed').dispatchEvent(new Event('change')); watch();"
+                  "document.getElementById('play').click()")
+    page.wait_for("document.body.dataset.state === 'ended'", 30)
+    require(page.evaluate("faults") == [], page.evaluate("faults"))
+    return page.evaluate("seen")
+
+
+def in_step(open_page, folder):
+    due = expected(folder)
+    with Viewer(folder) as viewer:
+        page = open_page(viewer.url)
+        results = {}
+        for start, speed in [(0, 1), (2600, 2)]:
+            results[f"from {start} ms at {speed}"] = judge(play_and_watch(page, start, speed), due)
+        page.wait_for("session.files.every(file => file.measured)")
+        loud = page.evaluate("session.files.map(file => Math.max(...file.measured))")
+        require(min(loud) > 200, f"the strip's volumes: {loud}")
+        page.close()
+    for what, result in results.items():
+        require(result["of_clock"] <= APART_MS and result["apart"] <= APART_MS, f"{what}: {result}")
+    return results
+
+
+def exported(open_page, folder):
+    done = subprocess.run([f"{BIN}/zelta-view", folder, "--export", "--no-cache"],
+                          capture_output=True, text=True, timeout=60, check=False)
+    require(done.returncode == 0, done.stderr)
+    page = open_page(f"file://{folder}/index.html#t=0:01.6")
+    page.wait_for("document.body.dataset.state === 'paused'")
+    at = page.evaluate("clock.now() - session.begin_ms")
+    require(at == 1600, f"the link leads to {at} ms")
+    # Nobody may look at pictures of files; where players say that they are has been measured above.
+    page.evaluate("document.getElementById('play').click()")
+    page.wait_for("clock.now() > session.begin_ms + 4000 && document.body.dataset.state === 'playing'")
+    result = page.evaluate("tracks.map(track => Math.round(track.active.atMs - clock.now()))")
+    require(page.evaluate("faults") == [], page.evaluate("faults"))
+    require(page.evaluate("session.files.every(file => file.measured.length > 20)"), "no volumes")
+    page.close()
+    require(max(map(abs, result)) <= APART_MS, result)
+    return {"off_ms": result}
+
+
+def served(_, folder):
+    with open(f"{folder}/recording.json", encoding="utf-8") as text:
+        name = json.load(text)["files"][0]["name"]
+    with open(f"{folder}/{name}", "rb") as file:
+        whole = file.read()
+    with Viewer(folder, environment={"ZELTA_VIEW_TOKEN": ""}) as viewer:
+        require(viewer.get(f"files/{name}")[2] == whole, "not the whole file")
+        status, headers, body = viewer.get(f"files/{name}", Range="bytes=100-400099")
+        require(status == 206 and body == whole[100:400100], f"range: {status}, {len(body)} bytes")
+        require(headers["Content-Range"] == f"bytes 100-{99 + len(body)}/{len(whole)}",
+                headers["Content-Range"])
+        status, headers, _ = viewer.get(f"files/{name}", Range=f"bytes={len(whole)}-")
+        require(status == 416 and headers["Content-Range"] == f"bytes */{len(whole)}", status)
+        for path in ["files/recording.json", "files/journal.json", "recording_engine.log",
+                     "files/..%2f..%2fetc%2fpasswd", "files/%2fetc%2fpasswd", "levels/x"]:
+            require(viewer.get(path)[0] == 404, path)
+        require(viewer.get("", Host="somebody.example")[0] == 421, "another's host name")
+        require("script-src 'sha256-" in viewer.get("")[1]["Content-Security-Policy"], "no policy")
+    with Viewer(folder, environment={"ZELTA_VIEW_TOKEN": "sesame"}) as viewer:
+        require(viewer.get(f"files/{name}")[0] == 401, "a file without the token")
+        require(b'name="token"' in viewer.get("")[2], "no form")
+        require(viewer.get(f"files/{name}", Authorization="Bearer sesame")[2] == whole, "bearer")
+        ask = urllib.request.Request(viewer.url + "enter", data=b"token=sesame")
+        opener = urllib.request.build_opener(urllib.request.HTTPCookieProcessor())
+        with opener.open(ask, timeout=10) as answer:
+            require(b'id="grid"' in answer.read(), "the form doesn't lead to the page")
+    return {"bytes": len(whole)}
+
+
+def live(open_page, _):
+    """Users who are being recorded, in MP4 and in WebM."""
+    results = {}
+    for video in ["h264", "vp8"]:
+        with Recorder(f"test:users=2,video={video},audio=opus,size=320x180") as recorder:
+            recorder.wait_for("first video", 2)
+            with Viewer(recorder.folder()) as viewer:
+                page = open_page(viewer.url)
+                page.wait_for("document.body.dataset.state === 'playing'")
+                page.wait_for("session.live && tracks.length === 2 && clock.now() > session.begin_ms + 4000 &&"
+                              "tracks.every(track => track.active.video.currentTime > 4)", 30)
+                behind = page.evaluate("Date.now() - clock.now()")
+                off = page.evaluate("tracks.map(track => track.active.atMs - clock.now())")
+                require(0 < behind < BEHIND_MS, f"{behind} ms behind")
+                recorder.process.terminate()
+                recorder.end()
+                # The files that are complete now take over where the others were.
+                page.wait_for("!session.live && tracks.every(track => !track.active.appended)", 20)
+                page.wait_for("document.body.dataset.state === 'ended'", 20)
+                require(page.evaluate("faults") == [], page.evaluate("faults"))
+                page.close()
+                results[video] = {"behind_ms": round(behind), "off_ms": [round(one) for one in off]}
+    return results
+
+
+CASES = [in_step, exported, served, live]
+
+
+def main():
+    wanted = sys.argv[1:]
+    failed = 0
+    recorder = record_marked({1: ("h264", "opus"), 2: ("vp8", "opus"), 3: ("h264", "opus")})
+    with recorder, chromium.Browser() as shell:
+        for case in CASES:
+            if wanted and case.__name__ not in wanted:
+                continue
+            begun = time.monotonic()
+            try:
+                result = case(lambda url: shell.open(url, WATCH), recorder.folder())
+                print(f"ok {case.__name__} {time.monotonic() - begun:.1f} s {result}", flush=True)
+            except Exception:  # pylint: disable=broad-except
+                failed += 1
+                traceback.print_exc()
+                print(f"FAILED {case.__name__}", flush=True)
+    return 1 if failed else 0
+
+
+if __name__ == "__main__":
+    sys.exit(main())
