@@ -149,17 +149,25 @@ def expected(folder):
             for file in files if file["video_codec"]}
 
 
-def judge(seen, due):
-    """How far flashes were seen from where they are due, and users from each other, in ms."""
+def judge(seen, due, speed):
+    """How far users were from each other at each flash, and from the clock, in ms that pass."""
     off = {}
     for uid, times in due.items():
         mine = seen.get(str(uid), [])
         require(len(mine) >= 3, f"user {uid}: {len(mine)} flashes seen")
-        off[uid] = [min((at - one for one in times), key=abs) for at in mine]
-    middle = {uid: statistics.median(all_of) for uid, all_of in off.items()}
-    worst = max(abs(one) for all_of in off.values() for one in all_of)
-    return {"of_clock": round(worst), "apart": round(max(middle.values()) - min(middle.values())),
-            "flashes": sum(map(len, off.values()))}
+        off[uid] = {number: (at - one) / speed for at in mine
+                    for number, one in enumerate(times) if abs(at - one) < 400}
+    common = set.intersection(*map(set, off.values()))
+    require(len(common) >= 3, f"only flashes {common} were seen of all")
+    at_once = {number: [mine[number] for mine in off.values()] for number in sorted(common)}
+    apart = [round(max(one) - min(one)) for one in at_once.values()]
+    return {"apart_ms": apart, "of_clock_ms": [round(statistics.median(one)) for one in at_once.values()]}
+
+
+def require_in_step(result, what):
+    """A machine that is busy elsewhere shows single pictures late: the middle one counts."""
+    require(statistics.median(result["apart_ms"]) <= APART_MS
+            and abs(statistics.median(result["of_clock_ms"])) <= APART_MS, f"{what}: {result}")
 
 
 def play_and_watch(page, start, speed=1):
@@ -180,13 +188,13 @@ def in_step(open_page, folder):
         page = open_page(viewer.url)
         results = {}
         for start, speed in [(0, 1), (2600, 2)]:
-            results[f"from {start} ms at {speed}"] = judge(play_and_watch(page, start, speed), due)
+            results[f"from {start} ms at {speed}"] = judge(play_and_watch(page, start, speed), due, speed)
         page.wait_for("session.files.every(file => file.measured)")
         loud = page.evaluate("session.files.map(file => Math.max(...file.measured))")
         require(min(loud) > 200, f"the strip's volumes: {loud}")
         page.close()
     for what, result in results.items():
-        require(result["of_clock"] <= APART_MS and result["apart"] <= APART_MS, f"{what}: {result}")
+        require_in_step(result, what)
     return results
 
 
