@@ -233,17 +233,44 @@ def served(_, folder):
         for path in ["files/recording.json", "files/journal.json", "recording_engine.log",
                      "files/..%2f..%2fetc%2fpasswd", "files/%2fetc%2fpasswd", "levels/x"]:
             require(viewer.get(path)[0] == 404, path)
+        ask = urllib.request.Request(viewer.url + f"files/{name}", method="HEAD")
+        with urllib.request.urlopen(ask, timeout=10) as answer:
+            require(answer.headers["Content-Length"] == str(len(whole)), "HEAD")
         require(viewer.get("", Host="somebody.example")[0] == 421, "another's host name")
         require("script-src 'sha256-" in viewer.get("")[1]["Content-Security-Policy"], "no policy")
     with Viewer(folder, environment={"ZELTA_VIEW_TOKEN": "sesame"}) as viewer:
         require(viewer.get(f"files/{name}")[0] == 401, "a file without the token")
         require(b'name="token"' in viewer.get("")[2], "no form")
         require(viewer.get(f"files/{name}", Authorization="Bearer sesame")[2] == whole, "bearer")
+        for wrong in [b"token=wrong", b"token=sesame" + b" " * 5000]:
+            ask = urllib.request.Request(viewer.url + "enter", data=wrong)
+            try:
+                urllib.request.urlopen(ask, timeout=10).close()
+                raise AssertionError("somebody is let in with another token")
+            except urllib.error.HTTPError as error:
+                require(error.code == 403, error.code)
         ask = urllib.request.Request(viewer.url + "enter", data=b"token=sesame")
         opener = urllib.request.build_opener(urllib.request.HTTPCookieProcessor())
         with opener.open(ask, timeout=10) as answer:
             require(b'id="grid"' in answer.read(), "the form doesn't lead to the page")
     return {"bytes": len(whole)}
+
+
+def cut_off(open_page, folder):
+    """What a recorder that was killed leaves: files without an index, of which nobody says the end."""
+    for path in glob.glob(f"{folder}/*"):
+        os.utime(path, (1, 1))
+    with Viewer(folder) as viewer:
+        page = open_page(viewer.url + "#t=2")
+        page.wait_for("document.body.dataset.state === 'paused'")
+        require(page.evaluate("!session.live && tracks.every(track => track.active.appended)"),
+                "files without an index aren't appended")
+        page.evaluate("document.getElementById('play').click()")
+        page.wait_for("document.body.dataset.state === 'ended'")
+        at = page.evaluate("tracks.map(track => track.active.video.currentTime)")
+        require(min(at) > 2.4, f"users stopped at {at} s")
+        require(page.evaluate("faults") == [], page.evaluate("faults"))
+        page.close()
 
 
 def live(open_page, _):
@@ -255,11 +282,13 @@ def live(open_page, _):
             with Viewer(recorder.folder()) as viewer:
                 page = open_page(viewer.url)
                 page.wait_for("document.body.dataset.state === 'playing'")
-                page.wait_for("session.live && tracks.length === 2 && clock.now() > session.begin_ms + 4000 &&"
-                              "tracks.every(track => track.active.video.currentTime > 4)", 30)
+                page.wait_for("session.live && tracks.length === 2 && clock.now() > session.begin_ms + 3000 &&"
+                              "tracks.every(track => track.active.video.currentTime > 3)", 30)
                 behind = page.evaluate("Date.now() - clock.now()")
                 off = page.evaluate("tracks.map(track => track.active.atMs - clock.now())")
                 require(0 < behind < BEHIND_MS, f"{behind} ms behind")
+                cut = tempfile.mkdtemp(prefix="zelta-view-cut-")
+                shutil.copytree(recorder.folder(), cut, dirs_exist_ok=True)
                 recorder.process.terminate()
                 recorder.end()
                 # The files that are complete now take over where the others were.
@@ -267,6 +296,8 @@ def live(open_page, _):
                 page.wait_for("document.body.dataset.state === 'ended'", 20)
                 require(page.evaluate("faults") == [], page.evaluate("faults"))
                 page.close()
+                cut_off(open_page, cut)
+                shutil.rmtree(cut)
                 results[video] = {"behind_ms": round(behind), "off_ms": [round(one) for one in off]}
     return results
 

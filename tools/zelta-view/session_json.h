@@ -27,7 +27,7 @@
 namespace zelta::view {
 
 // Nothing is written for so long, and what came before is another session.
-constexpr int64_t kPauseBetweenSessionsMs = 10 * 60 * 1000;
+constexpr int64_t kPauseBetweenSessionsMs = int64_t{10} * 60 * 1000;
 
 struct folder_view {
   size_t manifests = 0;         // that could be read

@@ -108,7 +108,7 @@ verdict view_rules::judge(const request_head& head) const {
   if (head.method != "GET" && head.method != "HEAD") {
     return refuse(405, "method " + head.method + " should be GET or HEAD");
   }
-  const verdict found = of_path(head.path);
+  verdict found = of_path(head.path);
   if (is_let_in(head)) return found;
   if (found.what == verdict::kPage) return {verdict::kAskToken, "", 200, ""};
   return refuse(401, "a token is needed: send it as \"Authorization: Bearer TOKEN\", or open /");

@@ -20,6 +20,9 @@ using core_service::glib_ptr;
 // Several pages that ask at once cost one look.
 constexpr int64_t kLookUs = 500'000;
 
+// Of the form with a token.
+constexpr goffset kMostBodyBytes = 4096;
+
 constexpr const char* kHtml = "text/html; charset=utf-8";
 constexpr const char* kJson = "application/json";
 constexpr const char* kText = "text/plain; charset=utf-8";
@@ -41,6 +44,16 @@ std::string asked_header(SoupServerMessage* message, const char* name) {
 void reply(SoupServerMessage* message, int status, const char* type, const std::string& text) {
   soup_server_message_set_status(message, static_cast<guint>(status), nullptr);
   soup_server_message_set_response(message, type, SOUP_MEMORY_COPY, text.data(), text.size());
+}
+
+// A longer one is read and not kept: it isn't the form's.
+void bound_body(SoupServerMessage* message) {
+  SoupMessageHeaders* const headers = soup_server_message_get_request_headers(message);
+  const bool fits = soup_message_headers_get_encoding(headers) == SOUP_ENCODING_CONTENT_LENGTH &&
+                    soup_message_headers_get_content_length(headers) <= kMostBodyBytes;
+  if (!fits) {
+    soup_message_body_set_accumulate(soup_server_message_get_request_body(message), FALSE);
+  }
 }
 
 const char* media_type(const std::string& name) {
@@ -110,6 +123,11 @@ view_server::view_server(const options& o)
       server_(soup_server_new("raw-paths", TRUE, nullptr)),
       room_(std::make_shared<waiting_room>()),
       levels_(std::make_unique<level_worker>(level_cache(o.cache))) {
+  soup_server_add_early_handler(
+      server_.get(), nullptr,
+      [](SoupServer* /*server*/, SoupServerMessage* message, const char* /*path*/,
+         GHashTable* /*query*/, gpointer /*unused*/) { bound_body(message); },
+      nullptr, nullptr);
   soup_server_add_handler(
       server_.get(), nullptr,
       [](SoupServer* /*server*/, SoupServerMessage* message, const char* path,
@@ -248,11 +266,15 @@ void view_server::give_levels(SoupServerMessage* message, const std::string& nam
 }
 
 void view_server::take_token(SoupServerMessage* message) {
-  const core_service::bytes_ptr body(
-      soup_message_body_flatten(soup_server_message_get_request_body(message)));
-  gsize size = 0;
-  const auto* const bytes = static_cast<const char*>(g_bytes_get_data(body.get(), &size));
-  if (!rules_.knows_token(bytes == nullptr ? "" : std::string(bytes, size))) {
+  SoupMessageBody* const kept = soup_server_message_get_request_body(message);
+  std::string form;
+  if (soup_message_body_get_accumulate(kept)) {
+    const core_service::bytes_ptr body(soup_message_body_flatten(kept));
+    gsize size = 0;
+    const auto* const bytes = static_cast<const char*>(g_bytes_get_data(body.get(), &size));
+    if (size > 0) form.assign(bytes, size);
+  }
+  if (!rules_.knows_token(form)) {
     return give_token_page(message, true);
   }
   set_header(message, "Set-Cookie", rules_.cookie_header());
