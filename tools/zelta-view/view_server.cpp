@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "view_server.h"
 
-#include <cerrno>
-#include <cstring>
+#include <cstdio>
+#include <exception>
 #include <map>
 #include <utility>
 
@@ -132,7 +132,7 @@ view_server::view_server(const options& o)
       server_.get(), nullptr,
       [](SoupServer* /*server*/, SoupServerMessage* message, const char* path,
          GHashTable* /*query*/,
-         gpointer self) { static_cast<view_server*>(self)->answer(message, path); },
+         gpointer self) { static_cast<view_server*>(self)->answer_safely(message, path); },
       this, nullptr);
 }
 
@@ -164,6 +164,16 @@ std::string view_server::url() const {
   }
   g_slist_free_full(all, reinterpret_cast<GDestroyNotify>(g_uri_unref));
   return url;
+}
+
+// libsoup can't pass an exception on.
+void view_server::answer_safely(SoupServerMessage* message, const char* path) {
+  try {
+    answer(message, path);
+  } catch (const std::exception& e) {
+    std::fprintf(stderr, "zelta-view: %s can't be answered: %s\n", path, e.what());
+    soup_server_message_set_status(message, 500, nullptr);
+  }
 }
 
 void view_server::answer(SoupServerMessage* message, const char* path) {

@@ -34,6 +34,7 @@ class view_server {
   struct measured;
   explicit view_server(const options& o);
 
+  void answer_safely(SoupServerMessage* message, const char* path);
   void answer(SoupServerMessage* message, const char* path);
   void give_page(SoupServerMessage* message);
   void give_session(SoupServerMessage* message);
