@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// The page that shows a recording, made of page.html.
+// The page that shows a recording, made of page/page.html and its parts.
 #pragma once
 
 #include <string_view>
