@@ -18,7 +18,7 @@ ROOMS = {
     "protocol": "include base",
     "link": "base packets",
     "rec_engine": "include base packets protocol link",
-    "recordings": "",
+    "recordings": "base",
     "core_service/engine": "include base packets link",
     "core_service/folder": "base",
     "core_service/media": "base core_service/folder",

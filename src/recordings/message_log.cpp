@@ -1,17 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "recordings/message_log.h"
 
+#include <cerrno>
+#include <cstring>
 #include <exception>
-#include <fstream>
 #include <memory>
 #include <optional>
+#include <string_view>
 
 #include <json/json.h>
+
+#include "recordings/regular_file.h"
 
 namespace zelta::recordings {
 namespace {
 
-std::optional<message> message_of(const std::string& line, Json::CharReader& reader) {
+constexpr size_t kMostBytes = size_t{64} << 20U;
+// What a data channel carries at once, escaped, is less.
+constexpr size_t kLongestLine = size_t{1} << 20U;
+
+std::optional<message> message_of(std::string_view line, Json::CharReader& reader) {
   try {
     Json::Value entry;
     if (!reader.parse(line.data(), line.data() + line.size(), &entry, nullptr)) return std::nullopt;
@@ -39,23 +47,33 @@ std::string message_log_of(const std::string& manifest_name) {
 std::vector<message> read_messages(const std::string& folder, const std::string& manifest_name,
                                    size_t most, std::vector<std::string>& errors) {
   const std::string name = message_log_of(manifest_name);
-  std::ifstream file((folder.empty() || folder.back() == '/' ? folder : folder + "/") + name);
+  const auto log = read_regular(folder, name, kMostBytes);
+  if (!log) {
+    if (errno != ENOENT) errors.push_back(name + " can't be read: " + std::strerror(errno));
+    return {};
+  }
   const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
   std::vector<message> all;
   size_t bad = 0;
   size_t beyond = 0;
-  for (std::string line; std::getline(file, line);) {
-    // Its writer may be in the middle of the last.
-    if (line.empty() || file.eof()) continue;
+  // Its writer may be in the middle of the last.
+  for (size_t at = 0, end = 0; (end = log->text.find('\n', at)) != std::string::npos;
+       at = end + 1) {
+    const std::string_view line(log->text.data() + at, end - at);
+    if (line.empty()) continue;
     if (all.size() == most) {
       ++beyond;
-    } else if (auto one = message_of(line, *reader)) {
+    } else if (auto one = line.size() > kLongestLine ? std::nullopt : message_of(line, *reader)) {
       all.push_back(std::move(*one));
     } else {
       ++bad;
     }
   }
   if (bad > 0) errors.push_back(name + ": " + std::to_string(bad) + " lines are no messages");
+  if (log->is_cut) {
+    errors.push_back(name + ": what is beyond its first " + std::to_string(kMostBytes >> 20U) +
+                     " MiB isn't shown");
+  }
   if (beyond > 0) {
     errors.push_back(name + ": " + std::to_string(beyond) + " messages beyond the first " +
                      std::to_string(most) + " aren't shown");

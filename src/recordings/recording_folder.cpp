@@ -7,17 +7,22 @@
 #include <cstring>
 #include <exception>
 #include <filesystem>
-#include <fstream>
+#include <sstream>
+#include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include <json/json.h>
 #include <sys/stat.h>
+
+#include "recordings/regular_file.h"
 
 namespace zelta::recordings {
 namespace {
 
 constexpr const char* kPrefix = "recording";
 constexpr const char* kEnding = ".json";
+constexpr size_t kMostBytes = size_t{64} << 20U;
 
 template <class Value>
 std::map<uint32_t, Value> by_user(const Json::Value& object) {
@@ -63,16 +68,30 @@ gap gap_of(const Json::Value& entry, const manifest& of) {
   return made;
 }
 
+std::string with_slash(const std::string& folder) {
+  return folder.empty() || folder.back() == '/' ? folder : folder + "/";
+}
+
 // A name that leads out of the folder is none of a recorder's.
 bool is_plain_name(const std::string& name) {
   return !name.empty() && name != "." && name != ".." && name.find('/') == std::string::npos &&
          name.find('\0') == std::string::npos;
 }
 
-manifest read(const std::string& folder, const std::string& name) {
-  std::ifstream file(folder + name);
+// Throws what there is to say of it.
+Json::Value parsed(const std::string& folder, const std::string& name) {
+  const auto read = read_regular(folder, name, kMostBytes);
+  if (!read) throw std::system_error(errno, std::generic_category());
+  if (read->is_cut) {
+    throw std::length_error("it has more than " + std::to_string(kMostBytes >> 20U) + " MiB");
+  }
   Json::Value root;
-  file >> root;
+  std::istringstream(read->text) >> root;
+  return root;
+}
+
+manifest read(const std::string& folder, const std::string& name) {
+  const Json::Value root = parsed(folder, name);
   manifest made;
   made.name = name;
   made.channel_id = root["channel_id"].asString();
@@ -103,8 +122,9 @@ bool is_manifest_name(const std::string& file_name) {
          number.find_first_not_of("0123456789", 1) == std::string::npos;
 }
 
-std::vector<manifest> read_manifests(const std::string& folder, std::vector<std::string>& errors) {
-  const std::string path = folder.empty() || folder.back() == '/' ? folder : folder + "/";
+std::vector<std::string> find_manifests(const std::string& folder,
+                                        std::vector<std::string>& errors) {
+  const std::string path = with_slash(folder);
   std::vector<std::string> names;
   std::error_code failed;
   const std::filesystem::directory_iterator end;
@@ -119,13 +139,24 @@ std::vector<manifest> read_manifests(const std::string& folder, std::vector<std:
   }
   if (names.empty()) errors.push_back(path + " holds no recording: there is no recording.json");
   std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::optional<manifest> read_manifest(const std::string& folder, const std::string& name,
+                                      std::vector<std::string>& errors) {
+  const std::string path = with_slash(folder);
+  try {
+    return read(path, name);
+  } catch (const std::exception& e) {
+    errors.push_back(path + name + " is no manifest: " + e.what());
+    return std::nullopt;
+  }
+}
+
+std::vector<manifest> read_manifests(const std::string& folder, std::vector<std::string>& errors) {
   std::vector<manifest> all;
-  for (const std::string& name : names) {
-    try {
-      all.push_back(read(path, name));
-    } catch (const std::exception& e) {
-      errors.push_back(path + name + " is no manifest: " + e.what());
-    }
+  for (const std::string& name : find_manifests(folder, errors)) {
+    if (auto one = read_manifest(folder, name, errors)) all.push_back(std::move(*one));
   }
   return all;
 }
