@@ -23,7 +23,7 @@ std::optional<uint64_t> number_of(std::string_view text) {
 
 }  // namespace
 
-byte_range parse_range(const std::string& header, uint64_t size) {
+byte_range parse_range(const std::string& header, uint64_t size, uint64_t most) {
   constexpr std::string_view kUnit = "bytes=";
   const byte_range whole{byte_range::kWhole, 0, size == 0 ? 0 : size - 1};
   if (strncasecmp(header.c_str(), kUnit.data(), kUnit.size()) != 0) return whole;
@@ -41,7 +41,9 @@ byte_range parse_range(const std::string& header, uint64_t size) {
   }
   if (last && *last < *first) return whole;
   if (*first >= size) return {byte_range::kBeyond, 0, 0};
-  return {byte_range::kPart, *first, open_end ? size - 1 : std::min(*last, size - 1)};
+  const uint64_t rest = size - *first;
+  return {byte_range::kPart, *first,
+          open_end ? *first + std::min(rest, most) - 1 : std::min(*last, size - 1)};
 }
 
 }  // namespace zelta::view

@@ -20,7 +20,9 @@ struct byte_range {
   uint64_t size() const { return last - first + 1; }
 };
 
-// `header` is the value of Range, empty when there is none; `size` is the file's.
-byte_range parse_range(const std::string& header, uint64_t size);
+// `header` is the value of Range, empty when there is none; `size` is the file's. One without an
+// end is answered by `most` bytes at most (RFC 9110, section 15.3.7): a player asks on as it goes,
+// and meanwhile keeps no connection, of which browsers have six a host.
+byte_range parse_range(const std::string& header, uint64_t size, uint64_t most = UINT64_MAX);
 
 }  // namespace zelta::view

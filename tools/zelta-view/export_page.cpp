@@ -5,69 +5,69 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
-#include <fstream>
-#include <sstream>
+#include <set>
 #include <string>
 
-#include "core_service/channel/glib.h"
+#include "complain.h"
 #include "core_service/folder/atomic_file.h"
+#include "digest.h"
 #include "exit_status.h"
+#include "folder_reader.h"
 #include "level_worker.h"
 #include "page_text.h"
-#include "session_json.h"
+#include "recordings/regular_file.h"
 
 namespace zelta::view {
 namespace {
 
 constexpr const char* kName = "index.html";
-// Stands in every page of ours.
+// Stands in the head of every page of ours.
+constexpr size_t kHeadBytes = 4096;
 constexpr const char* kMark = "<meta name=\"generator\" content=\"zelta-view\">";
 
 void add_levels(const options& o, Json::Value& page) {
   const level_cache cache(o.cache);
   const std::atomic<bool> stop{false};
+  std::set<std::string> failed;
   for (Json::Value& session : page["sessions"]) {
     // What is written later isn't in the page, so it shows what there is now.
     session["live"] = false;
     for (Json::Value& file : session["files"]) {
       file["open"] = false;
       if (file["audio"].asString().empty()) continue;
-      const auto levels = levels_of(o.folder + file["name"].asString(), cache, stop);
-      if (!levels) continue;
-      file["levels"] =
-          core_service::text_ptr(
-              g_base64_encode(reinterpret_cast<const guchar*>(levels->data()), levels->size()))
-              .get();
+      const auto levels = levels_of(o.folder, file["name"].asString(), cache, failed, stop);
+      if (levels) file["levels"] = base64_of(*levels);
     }
   }
 }
 
-bool is_foreign(const std::string& path) {
-  std::ifstream file(path);
-  if (!file) return false;
-  std::stringstream text;
-  text << file.rdbuf();
-  return text.str().find(kMark) == std::string::npos;
+// Whatever can't be looked into is somebody's, too.
+bool is_foreign(const std::string& folder) {
+  const auto head = recordings::read_regular(folder, kName, kHeadBytes);
+  if (!head) return errno != ENOENT;
+  return head->text.find(kMark) == std::string::npos;
 }
 
 int failed(const std::string& why) {
-  std::fprintf(stderr, "zelta-view: %s\n", why.c_str());
+  complain(why);
   return kCantServe;
+}
+
+int refuse_foreign(const std::string& path) {
+  return failed(path + " is there and not a page of zelta-view: it should be moved away");
 }
 
 }  // namespace
 
 int export_page(const options& o) {
   folder_view view = look_at(o.folder, wall_clock_ms());
-  for (const Json::Value& error : view.page["errors"]) {
-    std::fprintf(stderr, "zelta-view: %s\n", error.asCString());
-  }
+  for (const std::string& error : view.errors) complain(error);
   if (view.page["sessions"].empty()) return kNoRecording;
   const std::string path = o.folder + kName;
-  if (is_foreign(path)) {
-    return failed(path + " is there and not a page of zelta-view: it should be moved away");
-  }
+  if (is_foreign(o.folder)) return refuse_foreign(path);
   add_levels(o, view.page);
+  // That may have taken minutes.
+  if (is_foreign(o.folder)) return refuse_foreign(path);
   if (!core_service::replace_file(path, page_with(text_of(view.page)), core_service::sync::kNo)) {
     return failed(path + " can't be written: " + std::strerror(errno));
   }

@@ -6,8 +6,6 @@
 #include <memory>
 #include <utility>
 
-#include <fcntl.h>
-#include <sys/stat.h>
 #include <unistd.h>
 
 namespace zelta::view {
@@ -38,12 +36,15 @@ void append_piece(SoupServerMessage* message, gpointer stream) {
   const ssize_t got = read_at(from, bytes, wanted);
   SoupMessageBody* const body = soup_server_message_get_response_body(message);
   if (got <= 0) {
-    // Shorter than it was: nothing but the end of the connection tells that.
-    g_free(bytes);
+    // Shorter than it was: nothing but the end of the connection tells that. What is appended makes
+    // libsoup write and see it, and let go of the message.
+    bytes[0] = 0;
     from.left = 0;
     if (GSocket* const socket = soup_server_message_get_socket(message)) {
       g_socket_shutdown(socket, TRUE, TRUE, nullptr);
     }
+    soup_message_body_append_take(body, bytes, 1);
+    soup_server_message_unpause(message);
     return;
   }
   from.at += static_cast<uint64_t>(got);
@@ -54,19 +55,6 @@ void append_piece(SoupServerMessage* message, gpointer stream) {
 }
 
 }  // namespace
-
-base::unique_fd open_in(const std::string& folder, const std::string& name, uint64_t& size) {
-  base::unique_fd file(
-      open((folder + name).c_str(), O_RDONLY | O_CLOEXEC | O_NOFOLLOW | O_NONBLOCK));
-  struct stat status {};
-  if (!file.valid() || fstat(file.get(), &status) != 0) return {};
-  if (!S_ISREG(status.st_mode)) {
-    errno = ENOENT;
-    return {};
-  }
-  size = static_cast<uint64_t>(status.st_size);
-  return file;
-}
 
 void send_part(SoupServerMessage* message, base::unique_fd file, uint64_t first, uint64_t size) {
   SoupMessageHeaders* const headers = soup_server_message_get_response_headers(message);

@@ -3,16 +3,12 @@
 #pragma once
 
 #include <cstdint>
-#include <string>
 
 #include <libsoup/soup.h>
 
 #include "base/unique_fd.h"
 
 namespace zelta::view {
-
-// A regular file of the folder: no link is followed. Invalid, with errno, when there is none.
-base::unique_fd open_in(const std::string& folder, const std::string& name, uint64_t& size);
 
 // The message's thread. Status and headers are the caller's; the length is set here. One that turns
 // out shorter ends the connection. The descriptor is kept until the message has gone.

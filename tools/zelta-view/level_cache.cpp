@@ -11,8 +11,9 @@
 
 #include <sys/stat.h>
 
-#include "core_service/channel/glib.h"
 #include "core_service/folder/atomic_file.h"
+#include "digest.h"
+#include "level_meter.h"
 
 namespace zelta::view {
 namespace {
@@ -21,40 +22,34 @@ namespace fs = std::filesystem;
 
 constexpr const char* kEnding = ".levels";
 // Those of another layout, or step, aren't taken for these.
-constexpr const char* kLayout = "levels 1, 100 ms\n";
+const std::string kLayout = "levels 1, " + std::to_string(kLevelStepMs) + " ms\n";
 
 }  // namespace
 
 level_cache::level_cache(std::string folder, size_t most)
     : folder_(std::move(folder)), most_(most) {}
 
-std::string level_cache::key_of(const std::string& path) const {
+std::string level_cache::key_of(int file) {
   struct stat status {};
-  std::error_code failed;
-  const fs::path real = fs::canonical(path, failed);
-  if (folder_.empty() || failed || stat(path.c_str(), &status) != 0) return "";
+  if (fstat(file, &status) != 0) return "";
   std::ostringstream identity;
-  identity << real.string() << '\0' << status.st_size << '\0' << status.st_mtim.tv_sec << '.'
-           << status.st_mtim.tv_nsec;
-  const std::string text = identity.str();
-  return core_service::text_ptr(g_compute_checksum_for_string(G_CHECKSUM_SHA256, text.c_str(),
-                                                              static_cast<gssize>(text.size())))
-      .get();
+  identity << status.st_dev << ' ' << status.st_ino << ' ' << status.st_size << ' '
+           << status.st_mtim.tv_sec << '.' << status.st_mtim.tv_nsec;
+  return sha256_of(identity.str());
 }
 
 std::optional<std::string> level_cache::find(const std::string& key) const {
-  if (key.empty()) return std::nullopt;
+  if (folder_.empty() || key.empty()) return std::nullopt;
   std::ifstream file(folder_ + key + kEnding, std::ios::binary);
   std::stringstream text;
   text << file.rdbuf();
   std::string whole = text.str();
-  const std::string layout = kLayout;
-  if (whole.compare(0, layout.size(), layout) != 0) return std::nullopt;
-  return whole.substr(layout.size());
+  if (whole.compare(0, kLayout.size(), kLayout) != 0) return std::nullopt;
+  return whole.substr(kLayout.size());
 }
 
 void level_cache::keep(const std::string& key, const std::string& levels) const {
-  if (key.empty()) return;
+  if (folder_.empty() || key.empty()) return;
   std::error_code failed;
   if (fs::create_directories(folder_, failed)) {
     fs::permissions(folder_, fs::perms::owner_all, failed);

@@ -4,23 +4,30 @@
 #include <algorithm>
 #include <cmath>
 #include <memory>
+#include <set>
 #include <vector>
 
-#include <gst/app/gstappsink.h>
-#include <gst/gst.h>
-
 #include "core_service/channel/glib.h"
+#include "core_service/media/gst.h"
 
 namespace zelta::view {
 namespace {
 
+using core_service::media::bus_ptr;
+using core_service::media::element_ptr;
+using core_service::media::message_ptr;
+using core_service::media::pad_ptr;
+using core_service::media::sample_ptr;
+
 constexpr int kRate = 8000;
 constexpr size_t kStepSamples = kRate * kLevelStepMs / 1000;
+// A time that is damaged may be any.
+constexpr size_t kMostSteps = size_t{7} * 24 * 3600 * 1000 / kLevelStepMs;
 constexpr double kLowestDb = -60;
 // A full sine's.
 constexpr double kFullSquare = 32768.0 * 32768.0 / 2;
 constexpr GstClockTime kPatience = 200 * GST_MSECOND;
-// For a disk that is busy.
+// 20 s, for a disk that is busy.
 constexpr int kMostWaits = 100;
 
 struct pipeline_end {
@@ -31,21 +38,6 @@ struct pipeline_end {
 };
 using pipeline_ptr = std::unique_ptr<GstElement, pipeline_end>;
 
-struct object_unref {
-  void operator()(gpointer object) const { gst_object_unref(object); }
-};
-template <class T>
-using gst_ptr = std::unique_ptr<T, object_unref>;
-
-struct sample_unref {
-  void operator()(GstSample* sample) const { gst_sample_unref(sample); }
-};
-using sample_ptr = std::unique_ptr<GstSample, sample_unref>;
-
-struct message_unref {
-  void operator()(GstMessage* message) const { gst_message_unref(message); }
-};
-
 // Sums up squares a step.
 class level_line {
  public:
@@ -53,6 +45,7 @@ class level_line {
     size_t place = static_cast<size_t>(std::max<int64_t>(at_ms, 0)) * kRate / 1000;
     for (size_t i = 0; i < count; ++i, ++place) {
       const size_t step = place / kStepSamples;
+      if (step >= kMostSteps) return;
       if (step >= squares_.size()) squares_.resize(step + 1);
       squares_[step] += double(samples[i]) * samples[i];
     }
@@ -73,15 +66,19 @@ class level_line {
   std::vector<double> squares_;
 };
 
-// Pictures stay as they are, and go nowhere.
+// What the recorder writes, and sound without a container. Everything else stays as it is, and goes
+// nowhere: pictures, which nobody needs, and playlists, which would have addresses fetched that
+// somebody put into them.
 gboolean takes_on(GstElement* /*decoder*/, GstPad* /*pad*/, GstCaps* caps, gpointer /*unused*/) {
-  const char* const name = gst_structure_get_name(gst_caps_get_structure(caps, 0));
-  return !g_str_has_prefix(name, "video/") || g_str_equal(name, "video/quicktime") ||
-         g_str_equal(name, "video/webm");
+  static const std::set<std::string> kTaken{"video/quicktime", "audio/x-m4a",  "video/webm",
+                                            "audio/webm",      "audio/x-opus", "audio/mpeg",
+                                            "audio/x-wav",     "audio/x-raw"};
+  if (gst_caps_get_size(caps) == 0) return FALSE;
+  return kTaken.count(gst_structure_get_name(gst_caps_get_structure(caps, 0))) > 0;
 }
 
 void link_sound(GstElement* /*decoder*/, GstPad* pad, gpointer convert) {
-  const gst_ptr<GstPad> sink(gst_element_get_static_pad(GST_ELEMENT(convert), "sink"));
+  const pad_ptr sink(gst_element_get_static_pad(GST_ELEMENT(convert), "sink"));
   // Refused for pictures, and for a second sound.
   gst_pad_link(pad, sink.get());
 }
@@ -101,9 +98,8 @@ void add_sample(GstSample* sample, level_line& line) {
 }
 
 std::string error_of(GstElement* pipeline) {
-  const gst_ptr<GstBus> bus(gst_element_get_bus(pipeline));
-  const std::unique_ptr<GstMessage, message_unref> message(
-      gst_bus_pop_filtered(bus.get(), GST_MESSAGE_ERROR));
+  const bus_ptr bus(gst_element_get_bus(pipeline));
+  const message_ptr message(gst_bus_pop_filtered(bus.get(), GST_MESSAGE_ERROR));
   if (!message) return "";
   core_service::glib_error error;
   gst_message_parse_error(message.get(), error.out(), nullptr);
@@ -112,7 +108,7 @@ std::string error_of(GstElement* pipeline) {
 
 }  // namespace
 
-std::optional<std::string> measure_levels(const std::string& path, const std::atomic<bool>& stop,
+std::optional<std::string> measure_levels(int file, const std::atomic<bool>& stop,
                                           std::string& error) {
   core_service::glib_error fault;
   const pipeline_ptr pipeline(gst_parse_launch(
@@ -124,21 +120,25 @@ std::optional<std::string> measure_levels(const std::string& path, const std::at
     return std::nullopt;
   }
   GstBin* const bin = GST_BIN(pipeline.get());
-  const gst_ptr<GstElement> in(gst_bin_get_by_name(bin, "in"));
-  const gst_ptr<GstElement> decoder(gst_bin_get_by_name(bin, "decoder"));
-  const gst_ptr<GstElement> convert(gst_bin_get_by_name(bin, "convert"));
-  const gst_ptr<GstElement> out(gst_bin_get_by_name(bin, "out"));
+  const element_ptr in(gst_bin_get_by_name(bin, "in"));
+  const element_ptr decoder(gst_bin_get_by_name(bin, "decoder"));
+  const element_ptr convert(gst_bin_get_by_name(bin, "convert"));
+  const element_ptr out(gst_bin_get_by_name(bin, "out"));
   if (!in || !decoder || !convert || !out) {
     error = "the decoder can't be made: gstreamer1.0-plugins-base should be installed";
     return std::nullopt;
   }
+  // Opened anew by its descriptor: demultiplexers go to and fro in it, which a source of
+  // descriptors doesn't let them.
+  const std::string path = "/proc/self/fd/" + std::to_string(file);
   g_object_set(in.get(), "location", path.c_str(), nullptr);
   g_signal_connect(decoder.get(), "autoplug-continue", G_CALLBACK(takes_on), nullptr);
   g_signal_connect(decoder.get(), "pad-added", G_CALLBACK(link_sound), convert.get());
   gst_element_set_state(pipeline.get(), GST_STATE_PLAYING);
   level_line line;
   GstAppSink* const sink = GST_APP_SINK(out.get());
-  for (int waits = 0; waits < kMostWaits && !stop;) {
+  int waits = 0;
+  while (waits < kMostWaits && !stop) {
     const sample_ptr sample(gst_app_sink_try_pull_sample(sink, kPatience));
     if (sample) {
       add_sample(sample.get(), line);
@@ -149,8 +149,11 @@ std::optional<std::string> measure_levels(const std::string& path, const std::at
     if (!error.empty() || gst_app_sink_is_eos(sink)) break;
     ++waits;
   }
+  const bool whole = !stop && waits < kMostWaits;
   if (stop) error = "it was stopped";
-  if (stop || (line.empty() && !error.empty())) return std::nullopt;
+  if (waits == kMostWaits) error = "nothing came of it for 20 s";
+  if (line.empty() && error.empty()) error = "there is no sound in it";
+  if (!whole || line.empty()) return std::nullopt;
   return line.bytes();
 }
 

@@ -5,6 +5,8 @@
 
 #include <gst/gst.h>
 
+#include "complain.h"
+#include "core_service/channel/glib.h"
 #include "core_service/task/secrets.h"
 #include "exit_status.h"
 #include "export_page.h"
@@ -21,10 +23,14 @@ int main(int argc, char** argv) {
       std::fputs(parsed.message.c_str(), parsed.exit_status == 0 ? stdout : stderr);
       return parsed.exit_status;
     }
-    gst_init(nullptr, nullptr);
+    core_service::glib_error fault;
+    if (gst_init_check(nullptr, nullptr, fault.out()) == FALSE) {
+      view::complain("GStreamer can't be used: " + fault.text());
+      return view::kCantServe;
+    }
     return o.export_page ? view::export_page(o) : view::serve(o);
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "zelta-view: %s\n", e.what());
+    view::complain(e.what());
     return view::kCantServe;
   }
 }

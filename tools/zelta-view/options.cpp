@@ -18,6 +18,8 @@ using core_service::glib_ptr;
 
 constexpr const char* kTokenVariable = "ZELTA_VIEW_TOKEN";
 constexpr size_t kLongestToken = 1024;
+constexpr const char* kRightToken =
+    "the token should be 1 to 1024 printable ASCII characters without spaces";
 
 parse_result refused(const std::string& why) {
   return {false, "zelta-view: " + why + "\n", kUsage};
@@ -50,9 +52,7 @@ std::string take_token(const std::string& file, std::string& token) {
   } else if (token.empty()) {
     token = from_environment;
   }
-  return is_token(token) ? ""
-                         : "the token should be 1 to 1024 printable ASCII characters without "
-                           "spaces";
+  return is_token(token) ? "" : kRightToken;
 }
 
 }  // namespace
@@ -101,10 +101,13 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
       app.add_option("--token", o.token,
                      "what visitors have to know, needed for other addresses than loopback; "
                      "better from a file or from ZELTA_VIEW_TOKEN");
-  app.add_option("--token-file", token_file, "file with it in the first line")->excludes(token);
+  auto* const from_file =
+      app.add_option("--token-file", token_file, "file with it in the first line")->excludes(token);
   app.add_flag("--export", o.export_page,
                "write index.html beside the files instead, which needs no server")
-      ->excludes(listens);
+      ->excludes(listens)
+      ->excludes(token)
+      ->excludes(from_file);
   auto* const cache =
       app.add_option("--cache", o.cache,
                      "folder for measured volumes; default: zelta-view in XDG_CACHE_HOME or "
@@ -122,6 +125,7 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
   if (!o.cache.empty() && o.cache.back() != '/') o.cache += '/';
   if (o.folder.empty()) return refused("the folder should be named, and not be empty");
   if (o.folder.back() != '/') o.folder += '/';
+  if (token->count() > 0 && o.token.empty()) return refused(std::string("--token: ") + kRightToken);
   std::string error = parse_address(address, o.address, o.port);
   if (error.empty()) error = take_token(token_file, o.token);
   if (!error.empty()) return refused(error);

@@ -3,7 +3,7 @@
 
 #include <string_view>
 
-#include "core_service/channel/glib.h"
+#include "digest.h"
 #include "page.h"
 
 namespace zelta::view {
@@ -12,21 +12,10 @@ namespace {
 constexpr std::string_view kDataPlace = R"(<script type="application/json" id="session"></script>)";
 constexpr std::string_view kPolicyPlace = "<!-- policy -->";
 
-std::string base64_sha256(std::string_view text) {
-  GChecksum* const sum = g_checksum_new(G_CHECKSUM_SHA256);
-  g_checksum_update(sum, reinterpret_cast<const guchar*>(text.data()),
-                    static_cast<gssize>(text.size()));
-  guint8 digest[32];
-  gsize size = sizeof digest;
-  g_checksum_get_digest(sum, digest, &size);
-  g_checksum_free(sum);
-  return core_service::text_ptr(g_base64_encode(digest, size)).get();
-}
-
 std::string hash_of_inline(std::string_view begin, std::string_view end) {
   const std::string_view page = view_page();
   const size_t from = page.find(begin) + begin.size();
-  return "'sha256-" + base64_sha256(page.substr(from, page.find(end, from) - from)) + "'";
+  return "'sha256-" + base64_sha256_of(page.substr(from, page.find(end, from) - from)) + "'";
 }
 
 std::string policy(const std::string& media) {
@@ -71,7 +60,7 @@ std::string token_page(bool was_wrong) {
 <meta name="color-scheme" content="light dark"><title>Recording</title><link rel="icon" href="data:,"></head>
 <body><main><h1>Recording</h1>)") +
          (was_wrong ? R"(<p role="alert">The token is wrong.</p>)" : "") + R"(
-<form method="post" action="/enter"><p><label>Access token of this recording<br>
+<form method="post" action=""><p><label>Access token of this recording<br>
 <input name="token" type="password" autocomplete="current-password" required autofocus></label></p>
 <p><button>Open</button></p></form></main></body></html>
 )";

@@ -13,7 +13,7 @@ std::string policy_of_page();
 // For a page beside its files: `session` (JSON) stands in it, and its policy does too.
 std::string page_with(const std::string& session);
 
-// Asks for the token, and posts it to /enter.
+// Asks for the token, and posts it to the same address, so that a moment in it is kept.
 std::string token_page(bool was_wrong);
 // Of token_page().
 std::string policy_of_token_page();

@@ -7,8 +7,9 @@
 
 #include <glib-unix.h>
 
+#include "complain.h"
 #include "exit_status.h"
-#include "session_json.h"
+#include "folder_reader.h"
 #include "view_server.h"
 
 namespace zelta::view {
@@ -43,15 +44,13 @@ int serve(const options& o) {
     g_unix_signal_add(number, end, loop.get());
   }
   const folder_view view = look_at(o.folder, wall_clock_ms());
-  for (const Json::Value& error : view.page["errors"]) {
-    std::fprintf(stderr, "zelta-view: %s\n", error.asCString());
-  }
+  for (const std::string& error : view.errors) complain(error);
   // One that has just begun is shown as soon as there is something of it.
   if (view.manifests == 0) return kNoRecording;
   std::string error;
   const auto server = view_server::start(o, error);
   if (!server) {
-    std::fprintf(stderr, "zelta-view: %s\n", error.c_str());
+    complain(error);
     return kCantServe;
   }
   tell(o, server->url());

@@ -2,15 +2,10 @@
 #include "session_json.h"
 
 #include <algorithm>
-#include <chrono>
-#include <map>
+#include <iterator>
 #include <utility>
-#include <vector>
 
-#include <sys/stat.h>
-
-#include "recordings/message_log.h"
-#include "recordings/recording_folder.h"
+#include "level_meter.h"
 
 namespace zelta::view {
 namespace {
@@ -18,24 +13,18 @@ namespace {
 using recordings::manifest;
 using recordings::media_file;
 
-constexpr size_t kMostMessages = 20'000;
-// A recorder writes five times a second while media comes, and sound beside a stopped picture a
-// little later.
-constexpr int64_t kStillWrittenMs = 15'000;
+// The largest whole number that a page can count with; times beyond, or before 1970, are damaged.
+constexpr int64_t kLastMs = int64_t{1} << 53U;
 
-bool is_written(const std::string& path, const media_file& file, int64_t now_utc_ms) {
-  struct stat status {};
-  if (!file.closed.empty() || stat(path.c_str(), &status) != 0) return false;
-  const int64_t changed_ms =
-      status.st_mtim.tv_sec * int64_t{1000} + status.st_mtim.tv_nsec / 1'000'000;
-  return now_utc_ms - changed_ms < kStillWrittenMs;
+bool is_time(int64_t utc_ms) {
+  return utc_ms >= 0 && utc_ms <= kLastMs;
 }
 
 // One stretch of a manifest.
 class session {
  public:
   session(const manifest& of, int64_t begin_ms, int64_t end_ms)
-      : manifest_(of), begin_ms_(begin_ms), end_ms_(end_ms) {
+      : manifest_(&of), begin_ms_(begin_ms), end_ms_(end_ms) {
     made_["name"] = of.name;
     made_["channel"] = of.channel_id;
     made_["begin_ms"] = Json::Int64(begin_ms);
@@ -58,7 +47,6 @@ class session {
     entry["begin_ms"] = Json::Int64(file.first_utc_ms);
     entry["end_ms"] = Json::Int64(file.last_utc_ms);
     entry["closed"] = file.closed;
-    entry["bytes"] = Json::UInt64(file.bytes);
     entry["open"] = open;
     made_["files"].append(entry);
     if (open) made_["live"] = true;
@@ -100,27 +88,51 @@ class session {
       Json::Value entry;
       entry["uid"] = uid;
       entry["channel"] = channel_id;
-      const auto name = manifest_.names.find(uid);
-      entry["name"] = name == manifest_.names.end() ? "" : name->second;
+      const auto name = manifest_->names.find(uid);
+      entry["name"] = name == manifest_->names.end() ? "" : name->second;
       made_["users"].append(entry);
     }
     return found->second;
   }
 
-  const manifest& manifest_;
-  const int64_t begin_ms_;
-  const int64_t end_ms_;
+  const manifest* manifest_;
+  int64_t begin_ms_;
+  int64_t end_ms_;
   std::map<std::pair<uint32_t, std::string>, int> users_;
   Json::Value made_;
 };
 
-bool has_media(const media_file& file) {
-  return file.bytes > 0 && (file.duration_ms() > 0 || file.closed.empty());
+// Its end may not have been told.
+bool is_cut(const media_file& file) {
+  return file.closed.empty() || file.closed == "recorder died";
 }
 
-std::vector<session> stretches_of(const manifest& of, const std::vector<media_file>& files) {
+struct shown_file {
+  media_file facts;
+  bool open;
+};
+
+// Those that can be shown, in the order of time. Counts in `damaged` what has no place in it.
+std::vector<shown_file> files_of(const manifest_seen& seen, size_t& damaged) {
+  std::vector<shown_file> files;
+  for (size_t i = 0; i < seen.facts->files.size(); ++i) {
+    const media_file& file = seen.facts->files[i];
+    const file_state state = seen.states[i];
+    if (!is_time(file.first_utc_ms) || !is_time(file.last_utc_ms)) {
+      ++damaged;
+    } else if (state != file_state::kGone && (file.duration_ms() > 0 || is_cut(file))) {
+      files.push_back({file, state == file_state::kWritten});
+    }
+  }
+  std::stable_sort(files.begin(), files.end(), [](const shown_file& a, const shown_file& b) {
+    return a.facts.first_utc_ms < b.facts.first_utc_ms;
+  });
+  return files;
+}
+
+std::vector<session> stretches_of(const manifest& of, const std::vector<shown_file>& files) {
   std::vector<session> all;
-  for (const media_file& file : files) {
+  for (const auto& [file, open] : files) {
     const int64_t end_ms = std::max(file.last_utc_ms, file.first_utc_ms);
     if (all.empty() || file.first_utc_ms - all.back().end_ms() > kPauseBetweenSessionsMs) {
       all.emplace_back(of, file.first_utc_ms, end_ms);
@@ -139,51 +151,68 @@ session& nearest(std::vector<session>& all, int64_t utc_ms) {
   });
 }
 
-void add_sessions(const std::string& folder, int64_t now_utc_ms, const manifest& of,
-                  std::vector<std::string>& errors, folder_view& view) {
-  std::vector<media_file> files = of.files;
-  files.erase(std::remove_if(files.begin(), files.end(),
-                             [](const media_file& file) { return !has_media(file); }),
-              files.end());
-  std::stable_sort(files.begin(), files.end(), [](const media_file& a, const media_file& b) {
-    return a.first_utc_ms < b.first_utc_ms;
-  });
+void add_sessions(const manifest_seen& seen, std::vector<session>& sessions, folder_view& view) {
+  const manifest& of = *seen.facts;
+  size_t damaged = 0;
+  const std::vector<shown_file> files = files_of(seen, damaged);
   std::vector<session> all = stretches_of(of, files);
-  if (all.empty()) {
-    errors.push_back(of.name + " names no file that is there and has media yet");
-    return;
-  }
-  for (const media_file& file : files) {
+  for (const auto& [file, open] : files) {
     view.files.insert(file.name);
-    nearest(all, file.first_utc_ms).add(file, is_written(folder + file.name, file, now_utc_ms));
+    nearest(all, file.first_utc_ms).add(file, open);
   }
-  for (const recordings::gap& gap : of.missing) nearest(all, gap.utc_ms).add(gap);
-  for (const auto& one : recordings::read_messages(folder, of.name, kMostMessages, errors)) {
-    nearest(all, one.utc_ms).add(one);
+  for (const recordings::gap& gap : of.missing) {
+    if (!is_time(gap.utc_ms) || !is_time(gap.until_utc_ms)) {
+      ++damaged;
+    } else if (!all.empty()) {
+      nearest(all, gap.utc_ms).add(gap);
+    }
   }
-  for (session& one : all) view.page["sessions"].append(one.take());
+  for (const auto& one : seen.messages) {
+    if (!is_time(one.utc_ms)) {
+      ++damaged;
+    } else if (!all.empty()) {
+      nearest(all, one.utc_ms).add(one);
+    }
+  }
+  if (damaged > 0) {
+    view.errors.push_back(of.name + ": " + std::to_string(damaged) +
+                          " entries have times that can't be");
+  }
+  if (all.empty()) {
+    view.errors.push_back(of.name + " names no file that is there and has media yet");
+  }
+  std::move(all.begin(), all.end(), std::back_inserter(sessions));
+}
+
+// Where the folder stands is nobody's business who is handed its page.
+std::string without_path(const std::string& error, const std::string& folder) {
+  if (error.rfind(folder, 0) != 0) return error;
+  const std::string rest = error.substr(folder.size());
+  return rest.empty() || rest[0] == ' ' ? "The folder" + rest : rest;
 }
 
 }  // namespace
 
-int64_t wall_clock_ms() {
-  using std::chrono::milliseconds;
-  return std::chrono::duration_cast<milliseconds>(
-             std::chrono::system_clock::now().time_since_epoch())
-      .count();
-}
-
-folder_view look_at(const std::string& folder, int64_t now_utc_ms) {
+folder_view view_of(const std::string& folder, const std::map<std::string, manifest_seen>& all,
+                    const std::vector<std::string>& errors) {
   folder_view view;
-  view.page["read_utc_ms"] = Json::Int64(now_utc_ms);
+  view.errors = errors;
+  std::vector<session> sessions;
+  for (const auto& [name, seen] : all) {
+    view.errors.insert(view.errors.end(), seen.errors.begin(), seen.errors.end());
+    if (!seen.facts) continue;
+    ++view.manifests;
+    add_sessions(seen, sessions, view);
+  }
+  std::stable_sort(sessions.begin(), sessions.end(),
+                   [](const session& a, const session& b) { return a.begin_ms() < b.begin_ms(); });
+  view.page["level_step_ms"] = Json::Int64(kLevelStepMs);
   view.page["sessions"] = Json::Value(Json::arrayValue);
   view.page["errors"] = Json::Value(Json::arrayValue);
-  std::vector<std::string> errors;
-  for (const manifest& one : recordings::read_manifests(folder, errors)) {
-    ++view.manifests;
-    add_sessions(folder, now_utc_ms, one, errors, view);
+  for (session& one : sessions) view.page["sessions"].append(one.take());
+  for (const std::string& error : view.errors) {
+    view.page["errors"].append(without_path(error, folder));
   }
-  for (const std::string& error : errors) view.page["errors"].append(error);
   return view;
 }
 

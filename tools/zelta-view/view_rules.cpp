@@ -1,30 +1,25 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "view_rules.h"
 
+#include <algorithm>
+#include <cerrno>
 #include <string_view>
 #include <system_error>
+#include <utility>
 
 #include <strings.h>
 #include <sys/random.h>
-#include <cerrno>
 
 #include "core_service/channel/glib.h"
+#include "digest.h"
 
 namespace zelta::view {
 namespace {
 
 using core_service::text_ptr;
 
-constexpr std::string_view kCookie = "zelta_view";
-
-std::string digest_of(const std::string& text) {
-  return text_ptr(g_compute_checksum_for_string(G_CHECKSUM_SHA256, text.c_str(),
-                                                static_cast<gssize>(text.size())))
-      .get();
-}
-
-std::string value_of_cookie(const std::string& header) {
-  const std::string start = std::string(kCookie) + "=";
+std::string value_of_cookie(const std::string& name, const std::string& header) {
+  const std::string start = name + "=";
   for (size_t at = 0; at < header.size();) {
     at = header.find_first_not_of("; ", at);
     if (at == std::string::npos) break;
@@ -81,30 +76,32 @@ verdict of_path(const std::string& path) {
 
 }  // namespace
 
-view_rules::view_rules(const std::string& token, const std::string& cookie)
+view_rules::view_rules(const std::string& token, const std::string& cookie, int port)
     : asks_token_(!token.empty()),
-      token_digest_(digest_of(token)),
+      token_digest_(sha256_of(token)),
+      cookie_name_("zelta_view_" + std::to_string(port)),
       cookie_(cookie),
-      cookie_digest_(digest_of(cookie)) {}
+      cookie_digest_(sha256_of(cookie)) {}
 
 bool view_rules::is_let_in(const request_head& head) const {
   constexpr std::string_view kScheme = "Bearer ";
   if (!asks_token_) return true;
   if (strncasecmp(head.authorization.c_str(), kScheme.data(), kScheme.size()) == 0 &&
-      digest_of(head.authorization.substr(kScheme.size())) == token_digest_) {
+      sha256_of(head.authorization.substr(kScheme.size())) == token_digest_) {
     return true;
   }
-  return digest_of(value_of_cookie(head.cookie)) == cookie_digest_;
+  return sha256_of(value_of_cookie(cookie_name_, head.cookie)) == cookie_digest_;
 }
 
 verdict view_rules::judge(const request_head& head) const {
   if (!asks_token_ && !is_plain_host(head.host)) {
     return refuse(421, "Host \"" + head.host + "\" should be an IP address or localhost");
   }
-  if (asks_token_ && head.path == "/enter") {
-    if (head.method == "POST") return {verdict::kEnter, "", 200, ""};
-    return {verdict::kAskToken, "", 200, ""};
+  const bool is_page = of_path(head.path).what == verdict::kPage;
+  if (!is_page && (head.fetch_site == "cross-site" || head.fetch_site == "same-site")) {
+    return refuse(403, "another site may lead to / alone");
   }
+  if (asks_token_ && is_page && head.method == "POST") return {verdict::kEnter, "", 200, ""};
   if (head.method != "GET" && head.method != "HEAD") {
     return refuse(405, "method " + head.method + " should be GET or HEAD");
   }
@@ -119,13 +116,14 @@ bool view_rules::knows_token(const std::string& body) const {
                                                 G_URI_PARAMS_WWW_FORM, nullptr);
   if (fields == nullptr) return false;
   const auto* const token = static_cast<const char*>(g_hash_table_lookup(fields, "token"));
-  const bool knows = token != nullptr && digest_of(token) == token_digest_;
+  const bool knows = token != nullptr && sha256_of(token) == token_digest_;
   g_hash_table_unref(fields);
   return knows;
 }
 
 std::string view_rules::cookie_header() const {
-  return std::string(kCookie) + "=" + cookie_ + "; HttpOnly; SameSite=Strict; Path=/";
+  // Lax: a link in somebody's mail leads to the page.
+  return cookie_name_ + "=" + cookie_ + "; HttpOnly; SameSite=Lax; Path=/";
 }
 
 std::string fresh_secret() {

@@ -1,15 +1,18 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "view_server.h"
 
-#include <cstdio>
 #include <exception>
 #include <map>
 #include <utility>
 
 #include "byte_range.h"
+#include "complain.h"
+#include "digest.h"
 #include "file_stream.h"
+#include "http_reply.h"
 #include "page.h"
 #include "page_text.h"
+#include "recordings/regular_file.h"
 
 namespace zelta::view {
 namespace {
@@ -20,31 +23,14 @@ using core_service::glib_ptr;
 // Several pages that ask at once cost one look.
 constexpr int64_t kLookUs = 500'000;
 
+// In answer to a range without an end.
+constexpr uint64_t kMostOpenBytes = 4U << 20U;
+
 // Of the form with a token.
 constexpr goffset kMostBodyBytes = 4096;
 
 constexpr const char* kHtml = "text/html; charset=utf-8";
-constexpr const char* kJson = "application/json";
 constexpr const char* kText = "text/plain; charset=utf-8";
-
-SoupMessageHeaders* headers_of(SoupServerMessage* message) {
-  return soup_server_message_get_response_headers(message);
-}
-
-void set_header(SoupServerMessage* message, const char* name, const std::string& value) {
-  soup_message_headers_replace(headers_of(message), name, value.c_str());
-}
-
-std::string asked_header(SoupServerMessage* message, const char* name) {
-  const char* const value =
-      soup_message_headers_get_list(soup_server_message_get_request_headers(message), name);
-  return value != nullptr ? value : "";
-}
-
-void reply(SoupServerMessage* message, int status, const char* type, const std::string& text) {
-  soup_server_message_set_status(message, static_cast<guint>(status), nullptr);
-  soup_server_message_set_response(message, type, SOUP_MEMORY_COPY, text.data(), text.size());
-}
 
 // A longer one is read and not kept: it isn't the form's.
 void bound_body(SoupServerMessage* message) {
@@ -76,53 +62,26 @@ request_head head_of(SoupServerMessage* message, const char* path) {
   head.host = asked_header(message, "Host");
   head.authorization = asked_header(message, "Authorization");
   head.cookie = asked_header(message, "Cookie");
+  head.fetch_site = asked_header(message, "Sec-Fetch-Site");
   return head;
 }
 
-std::string levels_json(const std::optional<std::string>& levels) {
-  Json::Value made;
-  made["step_ms"] = Json::Int64(100);
-  if (levels) {
-    made["levels"] =
-        core_service::text_ptr(
-            g_base64_encode(reinterpret_cast<const guchar*>(levels->data()), levels->size()))
-            .get();
-  }
-  return text_of(made);
+// One that stands for all addresses leads to this machine from itself alone.
+std::string openable(const std::string& address) {
+  if (address == "0.0.0.0") return "127.0.0.1";
+  if (address == "::") return "::1";
+  return address;
 }
 
 }  // namespace
 
-// Those who wait for volumes. The server's thread makes and ends it, and alone touches messages.
-struct view_server::waiting_room {
-  uint64_t last_id = 0;
-  std::map<uint64_t, message_ptr> messages;
-};
-
-// An answer on its way from the worker's thread.
-struct view_server::measured {
-  std::shared_ptr<waiting_room> room;
-  uint64_t id;
-  std::string json;
-
-  void give() const {
-    const auto found = room->messages.find(id);
-    if (found == room->messages.end()) return;
-    const message_ptr message = std::move(found->second);
-    room->messages.erase(found);
-    reply(message.get(), 200, kJson, json);
-    soup_server_message_unpause(message.get());
-  }
-};
-
 view_server::view_server(const options& o)
     : options_(o),
-      rules_(o.token, fresh_secret()),
       policy_(policy_of_page()),
       // Paths stay encoded: a name may have a slash in it.
       server_(soup_server_new("raw-paths", TRUE, nullptr)),
-      room_(std::make_shared<waiting_room>()),
-      levels_(std::make_unique<level_worker>(level_cache(o.cache))) {
+      folder_(o.folder),
+      levels_(o.folder, level_cache(o.cache)) {
   soup_server_add_early_handler(
       server_.get(), nullptr,
       [](SoupServer* /*server*/, SoupServerMessage* message, const char* /*path*/,
@@ -137,8 +96,6 @@ view_server::view_server(const options& o)
 }
 
 view_server::~view_server() {
-  levels_.reset();
-  room_->messages.clear();
   soup_server_disconnect(server_.get());
 }
 
@@ -153,17 +110,17 @@ std::unique_ptr<view_server> view_server::start(const options& o, std::string& e
             fault.text();
     return nullptr;
   }
+  GSList* const all = soup_server_get_uris(made->server_.get());
+  if (all != nullptr) made->port_ = g_uri_get_port(static_cast<GUri*>(all->data));
+  g_slist_free_full(all, reinterpret_cast<GDestroyNotify>(g_uri_unref));
+  made->rules_.emplace(o.token, fresh_secret(), made->port_);
   return made;
 }
 
 std::string view_server::url() const {
-  GSList* const all = soup_server_get_uris(server_.get());
-  std::string url;
-  if (all != nullptr) {
-    url = core_service::text_ptr(g_uri_to_string(static_cast<GUri*>(all->data))).get();
-  }
-  g_slist_free_full(all, reinterpret_cast<GDestroyNotify>(g_uri_unref));
-  return url;
+  const std::string host = openable(options_.address);
+  const bool in_brackets = host.find(':') != std::string::npos;
+  return "http://" + (in_brackets ? "[" + host + "]" : host) + ":" + std::to_string(port_) + "/";
 }
 
 // libsoup can't pass an exception on.
@@ -171,7 +128,7 @@ void view_server::answer_safely(SoupServerMessage* message, const char* path) {
   try {
     answer(message, path);
   } catch (const std::exception& e) {
-    std::fprintf(stderr, "zelta-view: %s can't be answered: %s\n", path, e.what());
+    complain(std::string(path) + " can't be answered: " + e.what());
     soup_server_message_set_status(message, 500, nullptr);
   }
 }
@@ -182,7 +139,7 @@ void view_server::answer(SoupServerMessage* message, const char* path) {
   set_header(message, "Referrer-Policy", "no-referrer");
   // Nobody else's page may show what is here.
   set_header(message, "Cross-Origin-Resource-Policy", "same-origin");
-  const verdict found = rules_.judge(head_of(message, path));
+  const verdict found = rules_->judge(head_of(message, path));
   switch (found.what) {
     case verdict::kPage:
       return give_page(message);
@@ -211,31 +168,40 @@ void view_server::give_page(SoupServerMessage* message) {
 
 const folder_view& view_server::look() {
   const int64_t now_us = g_get_monotonic_time();
-  if (seen_at_us_ == 0 || now_us - seen_at_us_ > kLookUs) {
-    seen_ = look_at(options_.folder, wall_clock_ms());
+  if (seen_ == nullptr || now_us - seen_at_us_ > kLookUs) {
+    seen_ = &folder_.look(wall_clock_ms());
     seen_at_us_ = now_us;
   }
-  return seen_;
+  return *seen_;
 }
 
 void view_server::give_session(SoupServerMessage* message) {
-  reply(message, 200, kJson, text_of(look().page));
+  const std::string text = text_of(look().page);
+  const std::string tag = '"' + sha256_of(text) + '"';
+  set_header(message, "ETag", tag);
+  if (asked_header(message, "If-None-Match") == tag) {
+    return soup_server_message_set_status(message, 304, nullptr);
+  }
+  reply(message, 200, kJson, text);
 }
 
+// Once a file is known nobody who plays it waits for a look at the folder.
 bool view_server::is_served(const std::string& name) {
+  if (seen_ != nullptr && seen_->files.count(name) > 0) return true;
   return look().files.count(name) > 0;
 }
 
 void view_server::give_file(SoupServerMessage* message, const std::string& name) {
-  uint64_t size = 0;
+  struct stat status {};
   base::unique_fd file;
   if (is_served(name)) {
-    file = open_in(options_.folder, name, size);
+    file = recordings::open_regular(options_.folder, name, status);
   }
   if (!file.valid()) {
     return reply(message, 404, kText, "\"" + name + "\" is no file that the recording names\n");
   }
-  const byte_range range = parse_range(asked_header(message, "Range"), size);
+  const auto size = static_cast<uint64_t>(status.st_size);
+  const byte_range range = parse_range(asked_header(message, "Range"), size, kMostOpenBytes);
   // libsoup would answer to it in its own way.
   soup_message_headers_remove(soup_server_message_get_request_headers(message), "Range");
   set_header(message, "Accept-Ranges", "bytes");
@@ -254,25 +220,11 @@ void view_server::give_file(SoupServerMessage* message, const std::string& name)
   send_part(message, std::move(file), range.first, size == 0 ? 0 : range.size());
 }
 
-// The worker's thread hands the answer to this one.
 void view_server::give_levels(SoupServerMessage* message, const std::string& name) {
   if (!is_served(name)) {
     return reply(message, 404, kText, "\"" + name + "\" is no file that the recording names\n");
   }
-  soup_server_message_pause(message);
-  const uint64_t id = ++room_->last_id;
-  room_->messages.emplace(id, message_ptr(SOUP_SERVER_MESSAGE(g_object_ref(message))));
-  levels_->measure(
-      options_.folder + name, [room = room_, id](const std::optional<std::string>& levels) {
-        auto made = std::make_unique<measured>(measured{room, id, levels_json(levels)});
-        g_idle_add_full(
-            G_PRIORITY_DEFAULT,
-            [](gpointer one) -> gboolean {
-              static_cast<measured*>(one)->give();
-              return G_SOURCE_REMOVE;
-            },
-            made.release(), [](gpointer one) { delete static_cast<measured*>(one); });
-      });
+  levels_.wait(message, name);
 }
 
 void view_server::take_token(SoupServerMessage* message) {
@@ -284,10 +236,10 @@ void view_server::take_token(SoupServerMessage* message) {
     const auto* const bytes = static_cast<const char*>(g_bytes_get_data(body.get(), &size));
     if (size > 0) form.assign(bytes, size);
   }
-  if (!rules_.knows_token(form)) {
+  if (!rules_->knows_token(form)) {
     return give_token_page(message, true);
   }
-  set_header(message, "Set-Cookie", rules_.cookie_header());
+  set_header(message, "Set-Cookie", rules_->cookie_header());
   set_header(message, "Location", "/");
   reply(message, 303, kText, "");
 }

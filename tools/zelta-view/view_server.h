@@ -3,14 +3,15 @@
 #pragma once
 
 #include <memory>
+#include <optional>
 #include <string>
 
 #include <libsoup/soup.h>
 
 #include "core_service/channel/glib.h"
-#include "level_worker.h"
+#include "folder_reader.h"
+#include "level_visitors.h"
 #include "options.h"
-#include "session_json.h"
 #include "view_rules.h"
 
 namespace zelta::view {
@@ -25,13 +26,10 @@ class view_server {
   // Connections are cut.
   ~view_server();
 
-  // Where the page is.
+  // Where the page is, for a browser on this machine.
   std::string url() const;
 
  private:
-  using message_ptr = core_service::glib_ptr<SoupServerMessage>;
-  struct waiting_room;
-  struct measured;
   explicit view_server(const options& o);
 
   void answer_safely(SoupServerMessage* message, const char* path);
@@ -45,13 +43,14 @@ class view_server {
   const folder_view& look();
 
   const options& options_;
-  const view_rules rules_;
+  int port_ = 0;
+  std::optional<view_rules> rules_;  // there once the port is known, before any request
   const std::string policy_;
   core_service::glib_ptr<SoupServer> server_;
-  folder_view seen_;
-  int64_t seen_at_us_ = 0;  // monotonic; 0: never
-  std::shared_ptr<waiting_room> room_;
-  std::unique_ptr<level_worker> levels_;
+  folder_reader folder_;
+  const folder_view* seen_ = nullptr;  // of folder_; null: never
+  int64_t seen_at_us_ = 0;             // monotonic
+  level_visitors levels_;
 };
 
 }  // namespace zelta::view
