@@ -17,6 +17,10 @@ const kBehindMs = 3000;      // of its manifest, which is up to two seconds behi
 const kTooFarBehindMs = 15000;
 const kLoud = 85;            // of 255: -40 dB
 const kBeforeS = 20;         // of a file without an index: media before the time that is wanted
+const kUntoldMs = 2000;      // may a file have that was cut before its manifest told of its end
+const kIdlePollMs = 5000;    // of one that nobody writes: who was away may come back
+const kMostWaitMs = 8000;    // between tries over a network that fails
+const kNoticeMs = 3000;      // is how long a word to the visitor stays
 
 const embedded = element("session").textContent.trim();
 const base = embedded ? "" : "files/";
@@ -26,8 +30,7 @@ let view = null;      // all that is known of the folder
 let session = null;   // the one that is shown
 let tracks = [];      // a user each
 let chapters = [];
-let following = false;
-let unavailable = 0;
+let following = false;  // what is being recorded, as it comes
 
 function setText(target, text) {
   // What says the same again is told again.
@@ -43,7 +46,7 @@ function timeText(ms) {
 
 // In ms of the manifest's clock. It runs only while everybody has media.
 const clock = {
-  at: 0, since: 0, speed: 1, playing: false, held: false, heldSince: 0,
+  at: 0, since: 0, speed: 1, playing: false, held: false,
   get runs() { return this.playing && !this.held; },
   now() { return this.runs ? this.at + (performance.now() - this.since) * this.speed : this.at; },
   set(ms) { this.at = ms; this.since = performance.now(); },
@@ -52,3 +55,16 @@ const clock = {
 
 const happens = (target, name) => new Promise((done) => target.addEventListener(name, done, { once: true }));
 const pause = (ms) => new Promise((done) => setTimeout(done, ms));
+
+// Does again, after growing pauses, what failed by the network or by a server in trouble, which is told
+// as fetch() tells it: by a TypeError.
+async function patiently(signal, work) {
+  for (let wait = 500; ; wait = Math.min(wait * 2, kMostWaitMs)) {
+    try {
+      return await work();
+    } catch (error) {
+      if (!(error instanceof TypeError) || signal.aborted) throw error;
+    }
+    await pause(wait);
+  }
+}

@@ -1,15 +1,24 @@
 // SPDX-License-Identifier: Apache-2.0
 // What visitors do, and how it all begins.
-// "#t=75", "#t=1:15", "#t=1:01:15.5", and "&s=1" for the second session.
+// A session's name in links: its manifest's, and which one of it where it has several.
+function idOf(index) {
+  const { name } = view.sessions[index];
+  const nth = view.sessions.slice(0, index).filter((one) => one.name === name).length;
+  return nth > 0 ? name + "~" + nth : name;
+}
+
+// "#t=75", "#t=1:15", "#t=1:01:15.5", and "&s=recording_2.json", or "&s=1", for the second session.
 function wanted() {
   const query = new URLSearchParams(location.hash.slice(1));
   const parts = (query.get("t") || "").split(":").map(Number);
   const t = query.has("t") && parts.every((one) => one >= 0) ? parts.reduce((sum, one) => sum * 60 + one, 0) * 1000 : null;
-  const s = Number(query.get("s") || 0);
-  return { t, s: Number.isInteger(s) && s >= 0 && s < view.sessions.length ? s : 0 };
+  const asked = query.get("s") || "0";
+  const s = view.sessions.findIndex((_, i) => asked === String(i) || asked === idOf(i));
+  return { t, s: Math.max(s, 0) };
 }
 
 function showWanted() {
+  if (view.sessions.length === 0) return;
   const { t, s } = wanted();
   if (session && isSame(view.sessions[s], session)) {
     if (t !== null) seek(session.begin_ms + t);
@@ -20,13 +29,13 @@ function showWanted() {
 
 async function copyLink() {
   const t = Math.round((clock.now() - session.begin_ms) / 100) / 10;
-  const s = element("sessions").selectedIndex;
-  history.replaceState(null, "", "#t=" + t + (s > 0 ? "&s=" + s : ""));
+  const s = shownIndex();
+  history.replaceState(null, "", "#t=" + t + (s >= 0 && view.sessions.length > 1 ? "&s=" + encodeURIComponent(idOf(s)) : ""));
   try {
     await navigator.clipboard.writeText(location.href);
-    setText(element("status"), "The link is copied.");
+    notice("The link is copied.");
   } catch {
-    setText(element("status"), "The link stands in the address bar.");
+    notice("The link stands in the address bar.");
   }
 }
 
@@ -38,7 +47,7 @@ function changeSpeed(steps) {
 
 function toggleFull() {
   if (document.fullscreenElement) document.exitFullscreen();
-  else element("stage").requestFullscreen().catch(() => setText(element("fault"), "The browser doesn't allow full screen here."));
+  else element("stage").requestFullscreen().catch(() => notice("The browser doesn't allow full screen here."));
 }
 
 const step = (ms) => seek(clock.now() + ms);
@@ -53,6 +62,8 @@ document.addEventListener("keydown", (event) => {
   if (!session || event.ctrlKey || event.metaKey || event.altKey) return;
   const digit = /^Digit([1-9])$/.exec(event.code);
   const on = event.target.tagName;
+  // Who dictates, or types with one switch, doesn't want letters to act.
+  if (event.key.length === 1 && event.key !== " " && !element("keys").checked) return;
   // What a control does with a key itself is left to it.
   if (on === "SELECT" || (on === "BUTTON" && event.key === " ") || (on === "INPUT" && event.target.type === "checkbox" && event.key === " ")) return;
   if (digit && tracks[digit[1] - 1]) {

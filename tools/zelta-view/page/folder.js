@@ -11,11 +11,14 @@ async function measureAll() {
   const due = () => session.files.find((file) => !file.open && file.audio && !file.measured && !file.unmeasured);
   for (let file = due(); file; file = due()) {
     try {
-      const answer = await (await fetch("levels/" + encodeURIComponent(file.name))).json();
-      if (answer.levels === undefined) file.unmeasured = true;
-      else file.measured = bytesOf(answer.levels);
+      const answer = await fetch("levels/" + encodeURIComponent(file.name));
+      // What the network, or a server in trouble, failed at is asked for again later.
+      if (answer.status >= 500) break;
+      const { levels } = answer.ok ? await answer.json() : {};
+      if (levels === undefined) file.unmeasured = true;
+      else file.measured = bytesOf(levels);
     } catch {
-      file.unmeasured = true;
+      break;
     }
     view.drawn += 1;
   }
@@ -52,9 +55,7 @@ function seekTo(canvas, event) {
 }
 
 function addTrack(user) {
-  const track = new Track(user, tracks.length);
-  // Who is heard by themselves isn't heard in the mix, too.
-  track.muted = user.uid === 0 && session.users.some((one) => one.uid !== 0);
+  const track = new Track(user);
   tracks.push(track);
   element("grid").append(track.tile);
   const who = document.createElement("span");
@@ -65,47 +66,53 @@ function addTrack(user) {
   track.strip.addEventListener("click", (event) => seekTo(track.strip, event));
   element("strips").append(who, track.strip);
   track.whoText = who;
+  return track;
 }
 
 // What has come since is added, what plays goes on.
 function takeSession(fresh) {
   const known = new Map(session.files.map((file) => [file.name, file]));
-  session.live = fresh.live;
-  session.begin_ms = fresh.begin_ms;
-  session.end_ms = fresh.end_ms;
-  session.missing = fresh.missing;
-  session.messages = fresh.messages;
-  session.users = fresh.users;
-  session.files = fresh.files.map((file) => Object.assign(known.get(file.name) || {}, file));
-  fresh.users.forEach((user, i) => {
-    if (i === tracks.length) addTrack(user);
-    tracks[i].user = user;
-    tracks[i].showName();
-    setText(tracks[i].whoText, tracks[i].name);
-    tracks[i].files = session.files.filter((file) => file.user === i);
+  // A user's place in the list is another when somebody came before them.
+  const trackOf = fresh.users.map((user) => {
+    const track = tracks.find((one) => one.key === keyOf(user)) || addTrack(user);
+    track.user = user;
+    track.showName();
+    setText(track.whoText, track.name);
+    return track;
   });
+  const withTrack = (one) => ({ ...one, track: trackOf[one.user] || null });
+  const { name, live, begin_ms } = fresh;
+  Object.assign(session, { name, live, begin_ms, told_end_ms: fresh.end_ms });
+  session.missing = fresh.missing.map(withTrack);
+  session.messages = fresh.messages.map(withTrack);
+  session.files = fresh.files.map((file) => Object.assign(known.get(file.name) || {}, withTrack(file)));
   for (const file of session.files) {
     if (file.levels !== undefined && !file.measured) file.measured = bytesOf(file.levels);
   }
+  for (const track of tracks) {
+    track.files = session.files.filter((file) => file.track === track);
+    // Who is heard by themselves isn't heard in the mix, too.
+    if (track.user.uid === 0 && !track.chosen) track.muted = tracks.length > 1;
+  }
+  takeEnd();
   chapters = chaptersOf();
   fillList(element("chapters"), chapters);
-  const say = (one) => ({ at: one.at_ms, text: (one.user >= 0 ? tracks[one.user].name + ": " : "") + one.text });
-  fillList(element("messages"), session.messages.map(say));
+  fillList(element("messages"), session.messages.map((one) => ({ at: one.at_ms, text: (one.track ? one.track.name + ": " : "") + one.text })));
   element("messages-section").hidden = session.messages.length === 0;
   element("live").hidden = !session.live;
-  view.drawn += 1;
   applySound();
   fitGrid();
-  measureAll();
 }
 
 function showSession(index, atMs) {
   const fresh = view.sessions[index];
-  session = { ...fresh, files: [] };
+  session = { files: [] };
   clock.change(() => { clock.playing = false; });
+  following = false;
   setText(element("play"), "Play");
   makeTracks();
   takeSession(fresh);
+  measureAll();
   element("sessions").selectedIndex = index;
   setText(element("heading"), fresh.channel || "Recording");
   setText(element("when"), new Date(fresh.begin_ms).toLocaleString());
@@ -120,29 +127,55 @@ function goLive() {
   setPlaying(true);
 }
 
-const isSame = (a, b) => a.name === b.name && a.begin_ms === b.begin_ms;
+// A session's beginning may be told anew while it is recorded.
+const isSame = (a, b) => a.name === b.name && a.begin_ms <= b.end_ms && b.begin_ms <= a.end_ms;
+const shownIndex = () => (session ? view.sessions.findIndex((one) => isSame(one, session)) : -1);
 
-async function poll() {
+// Takes what is known of the folder now.
+function takeView(fresh) {
+  view = { ...fresh, drawn: view ? view.drawn + 1 : 0 };
+  showSessions();
+  if (!session) return;
+  const wasLive = session.live;
+  const same = view.sessions[shownIndex()];
+  if (same) takeSession(same);
+  if (!following) return;
+  // Who follows is taken along: when somebody is back, and into what was begun after a long pause.
+  const live = view.sessions.findIndex((one) => one.live);
+  if (session.live && !wasLive) goLive();
+  else if (!session.live && live >= 0) showSession(live, null);
+  else if (session.live && session.end_ms - clock.now() > kTooFarBehindMs) seek(session.end_ms - kBehindMs, true);
+}
+
+let tag = "";          // of what is known
+let unavailable = 0;   // so many times in a row
+async function look() {
   try {
-    const answer = await fetch("session.json", { cache: "no-store" });
-    if (!answer.ok) throw new Error("The server answered " + answer.status + ".");
-    const fresh = await answer.json();
+    const answer = await fetch("session.json", { cache: "no-store", headers: tag ? { "If-None-Match": tag } : {} });
+    if (!answer.ok && answer.status !== 304) throw new Error("The server answered " + answer.status + ".");
+    if (answer.ok) {
+      takeView(await answer.json());
+      tag = answer.headers.get("ETag") || "";
+    }
     unavailable = 0;
-    setText(element("fault"), fresh.errors.join(" "));
-    view = { ...fresh, drawn: view ? view.drawn : 0 };
-    showSessions();
-    const same = session && fresh.sessions.find((one) => isSame(one, session));
-    if (same) takeSession(same);
-    if (following && session.live && session.end_ms - clock.now() > kTooFarBehindMs) seek(session.end_ms - kBehindMs, true);
+    setText(element("fault"), view.errors.join(" "));
+    if (session) measureAll();
   } catch (error) {
     unavailable += 1;
     if (unavailable > 1 || !view) setText(element("fault"), "The recording can't be reached: " + error.message);
   }
 }
 
+// One at a time: whoever asks meanwhile is served by the next.
+let looking = Promise.resolve();
+function poll() {
+  looking = looking.then(look);
+  return looking;
+}
+
 async function keepUp() {
-  while (view.sessions.some((one) => one.live) || session.live) {
-    await pause(kPollMs);
+  for (;;) {
+    await pause(view.sessions.some((one) => one.live) ? kPollMs : kIdlePollMs);
     await poll();
   }
 }
@@ -155,4 +188,5 @@ function showSessions() {
     if (!list.options[i]) list.add(new Option());
     setText(list.options[i], (one.channel || one.name) + ", " + new Date(one.begin_ms).toLocaleString());
   });
+  if (session) list.selectedIndex = shownIndex();
 }

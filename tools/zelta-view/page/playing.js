@@ -2,7 +2,22 @@
 // All of them, by one clock.
 const lengthMs = () => session.end_ms - session.begin_ms;
 
+let noticeUntil = 0;
+// For a moment, in place of the state.
+function notice(text) {
+  noticeUntil = performance.now() + kNoticeMs;
+  setText(element("status"), text);
+}
+
+// The session's end is that of its files, as far as it is known by now.
+function takeEnd() {
+  session.end_ms = Math.max(session.told_end_ms, ...session.files.map(endOf));
+  view.drawn += 1;
+}
+
 function setPlaying(playing) {
+  // Who stops doesn't want to be taken to the end later.
+  if (!playing) following = false;
   if (playing && clock.now() >= session.end_ms && !session.live) seek(session.begin_ms);
   clock.change(() => { clock.playing = playing; });
   if (playing && Track.listening) Track.listening.resume();
@@ -13,8 +28,8 @@ function setPlaying(playing) {
 function seek(ms, follow = false) {
   following = follow;
   clock.set(Math.max(session.begin_ms, Math.min(ms, session.end_ms)));
-  clock.heldSince = 0;
   for (const track of tracks) {
+    track.heldSince = 0;
     const file = track.fileAt(clock.at);
     if (file && track.active.shows(file)) track.active.seek(clock.at);
   }
@@ -49,17 +64,15 @@ function tick() {
   }
   goWithPlayers();
   now = clock.now();
-  for (const track of tracks) track.update(now);
+  for (const track of tracks) {
+    track.update(now);
+    track.learnEnd();
+  }
   const ready = tracks.every((track) => track.isReady(now));
   const ran = clock.runs;
-  if (ready) {
-    clock.change(() => { clock.held = false; });
-    clock.heldSince = 0;
-  } else {
-    if (clock.heldSince === 0) clock.heldSince = performance.now();
-    const held = performance.now() - clock.heldSince < kPatienceMs;
-    clock.change(() => { clock.held = held; });
-  }
+  // Everybody's patience is their own: each is asked.
+  const held = tracks.filter((track) => track.holds(now)).length > 0;
+  clock.change(() => { clock.held = held; });
   if (clock.runs !== ran) for (const track of tracks) track.update(clock.now());
   showState(ready);
 }
@@ -69,5 +82,7 @@ function showState(ready) {
   document.body.dataset.state = state;
   const words = { waiting: "Waiting for media…", ended: "The end." };
   const live = session.live ? "Being recorded. " : "";
-  setText(element("status"), (live + (words[state] || "")).trim());
+  const follows = String(following && session.live);
+  if (element("live").getAttribute("aria-pressed") !== follows) element("live").setAttribute("aria-pressed", follows);
+  if (performance.now() >= noticeUntil) setText(element("status"), (live + (words[state] || "")).trim());
 }

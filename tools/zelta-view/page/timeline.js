@@ -19,9 +19,9 @@ function canvasOf(target) {
 function drawLevels(paint, file, x, height, color) {
   paint.fillStyle = color;
   const from = x(file.begin_ms);
-  const to = x(file.end_ms);
+  const to = x(endOf(file));
   const steps = file.measured.length;
-  const lengthSteps = Math.max((file.end_ms - file.begin_ms) / 100, 1);
+  const lengthSteps = Math.max((endOf(file) - file.begin_ms) / view.level_step_ms, 1);
   for (let at = Math.floor(from); at < to; at += 1) {
     const first = Math.floor((at - from) / (to - from) * lengthSteps);
     const last = Math.max(first + 1, Math.ceil((at + 1 - from) / (to - from) * lengthSteps));
@@ -38,11 +38,11 @@ function drawStrip(track) {
   const color = colors();
   for (const file of track.files) {
     paint.fillStyle = color("there");
-    paint.fillRect(x(file.begin_ms), 0, Math.max(x(file.end_ms) - x(file.begin_ms), 1), height);
+    paint.fillRect(x(file.begin_ms), 0, Math.max(x(endOf(file)) - x(file.begin_ms), 1), height);
     if (file.measured) drawLevels(paint, file, x, height, color("act"));
   }
   paint.fillStyle = color("alarm");
-  for (const loss of session.missing.filter((one) => one.user === track.index)) {
+  for (const loss of session.missing.filter((one) => one.track === track)) {
     paint.fillRect(x(loss.begin_ms), height - 4, Math.max(x(loss.end_ms || loss.begin_ms) - x(loss.begin_ms), 3), 4);
   }
   paint.fillStyle = color("text");
@@ -64,6 +64,16 @@ function drawMarks() {
   }
 }
 
+function showSlider(into) {
+  const slider = element("slider");
+  slider.max = String(lengthMs());
+  // Not while it is being dragged.
+  if (!slider.matches(":active")) slider.value = String(into);
+  const words = timeText(into) + " of " + timeText(lengthMs());
+  if (slider.getAttribute("aria-valuetext") !== words) slider.setAttribute("aria-valuetext", words);
+  return slider.clientWidth;
+}
+
 let drawnX = "";
 function show() {
   requestAnimationFrame(show);
@@ -71,21 +81,16 @@ function show() {
   const now = clock.now();
   const into = now - session.begin_ms;
   setText(element("time"), timeText(into) + " / " + timeText(lengthMs()));
-  const slider = element("slider");
-  slider.max = String(lengthMs());
-  if (document.activeElement !== slider || clock.runs) slider.value = String(into);
-  slider.setAttribute("aria-valuetext", timeText(into) + " of " + timeText(lengthMs()));
-  // One pixel further is worth a drawing.
-  const key = [Math.floor(into / Math.max(lengthMs(), 1) * slider.clientWidth * 2), slider.clientWidth, lengthMs(), view.drawn].join();
-  if (key === drawnX) return;
-  drawnX = key;
-  for (const track of tracks) {
-    drawStrip(track);
-    track.tile.classList.toggle("speaks", clock.runs && track.user.uid !== 0 && track.levelAt(now) > kLoud);
-  }
-  drawMarks();
+  const width = showSlider(into);
+  for (const track of tracks) track.tile.classList.toggle("speaks", clock.runs && track.user.uid !== 0 && track.levelAt(now) > kLoud);
   markCurrent(element("chapters"), now);
   markCurrent(element("messages"), now);
+  // One pixel further is worth a drawing.
+  const key = [Math.floor(into / Math.max(lengthMs(), 1) * width * 2), width, lengthMs(), view.drawn].join();
+  if (key === drawnX) return;
+  drawnX = key;
+  for (const track of tracks) drawStrip(track);
+  drawMarks();
 }
 
 function fitGrid() {

@@ -1,9 +1,20 @@
 // SPDX-License-Identifier: Apache-2.0
 // A user.
+const kListenAgainMs = 2000;  // to a player that had no sound
+
+const keyOf = (user) => user.uid + " " + user.channel;
+
+// What is told of a file that was cut may be early, and nothing at all when it is short.
+function endOf(file) {
+  const told = isCut(file) && !file.open && file.end_ms <= file.begin_ms ? file.begin_ms + kUntoldMs : file.end_ms;
+  return file.seen_end_ms && isCut(file) ? Math.max(file.end_ms, file.seen_end_ms) : told;
+}
+
 class Track {
-  constructor(user, index) {
+  constructor(user) {
     this.user = user;
-    this.index = index;
+    this.key = keyOf(user);
+    this.heldSince = 0;  // nobody waits for its media
     this.files = [];
     this.muted = false;
     this.solo = false;
@@ -15,8 +26,8 @@ class Track {
     const caption = document.createElement("figcaption");
     this.nameText = document.createElement("span");
     this.nameText.className = "name";
-    this.muteButton = this.button("Mute", "Mute ", () => { this.muted = !this.muted; applySound(); });
-    this.soloButton = this.button("Solo", "Hear nobody but ", () => { this.solo = !this.solo; applySound(); });
+    this.muteButton = this.button("Mute", "Mute ", () => { this.muted = !this.muted; this.chosen = true; applySound(); });
+    this.soloButton = this.button("Solo", "Solo: hear nobody but ", () => { this.solo = !this.solo; applySound(); });
     caption.append(this.nameText, this.muteButton, this.soloButton);
     this.tile.append(this.note, caption);
     this.showName();
@@ -40,10 +51,20 @@ class Track {
   }
   fileAt(ms) {
     // Of files that overlap by their last moment the later one.
-    return this.files.findLast((file) => ms >= file.begin_ms && (ms < file.end_ms || file.open));
+    return this.files.findLast((file) => ms >= file.begin_ms && (ms < endOf(file) || file.open));
   }
   get active() { return this.layers[0]; }
   get spare() { return this.layers[1]; }
+  // By its player, of what the manifest doesn't know: it is told of the end every two seconds, and not
+  // any more once its recorder was killed.
+  learnEnd() {
+    const { file } = this.active;
+    if (!file || !isCut(file) || file.open) return;
+    const ms = this.active.endMs;
+    if (ms <= Math.max(file.end_ms, file.seen_end_ms || 0)) return;
+    file.seen_end_ms = ms;
+    takeEnd();
+  }
   swap() {
     this.layers.reverse();
     this.spare.close();
@@ -74,27 +95,42 @@ class Track {
     applySound();
   }
   isReady(ms) { return !this.fileAt(ms) || this.active.isReady; }
+  // Whether the others have to wait for it.
+  holds(ms) {
+    if (this.isReady(ms)) {
+      this.heldSince = 0;
+      return false;
+    }
+    if (this.heldSince === 0) this.heldSince = performance.now();
+    return performance.now() - this.heldSince < kPatienceMs;
+  }
   levelAt(ms) {
     const file = this.fileAt(ms);
     if (!file) return 0;
-    if (file.open) return this.hear();
+    if (file.open) return file.audio ? this.hear() : 0;
     const levels = file.measured;
-    return levels ? levels[Math.floor((ms - file.begin_ms) / 100)] || 0 : 0;
+    return levels ? levels[Math.floor((ms - file.begin_ms) / view.level_step_ms)] || 0 : 0;
+  }
+  // Whether what the active player plays is listened to now. A stream a player serves all that it plays.
+  listen() {
+    const { video } = this.active;
+    const now = performance.now();
+    if (!video.captureStream || video.readyState < 3 || now - (this.listenedAt || 0) < kListenAgainMs) return false;
+    this.listenedAt = now;
+    if (this.sound) this.sound.disconnect();
+    this.sound = null;
+    video.stream = video.stream || video.captureStream();
+    if (video.stream.getAudioTracks().length === 0) return false;
+    Track.listening = Track.listening || new AudioContext();
+    this.ear = this.ear || new AnalyserNode(Track.listening, { fftSize: 2048 });
+    this.sound = Track.listening.createMediaStreamSource(video.stream);
+    this.sound.connect(this.ear);
+    this.heard = this.active.source;
+    return true;
   }
   // What is being written isn't measured yet: it is listened to.
   hear() {
-    const video = this.active.video;
-    if (!video.captureStream || video.readyState < 3) return 0;
-    if (this.heard !== this.active.source) {
-      this.heard = this.active.source;
-      this.ear = null;
-      const stream = video.captureStream();
-      if (stream.getAudioTracks().length === 0) { this.heard = null; return 0; }
-      Track.listening = Track.listening || new AudioContext();
-      this.ear = Track.listening.createAnalyser();
-      this.ear.fftSize = 2048;
-      Track.listening.createMediaStreamSource(stream).connect(this.ear);
-    }
+    if ((!this.sound || this.heard !== this.active.source) && !this.listen()) return 0;
     const samples = new Float32Array(this.ear.fftSize);
     this.ear.getFloatTimeDomainData(samples);
     const square = samples.reduce((sum, one) => sum + one * one, 0) / samples.length * 2;
