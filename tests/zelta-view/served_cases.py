@@ -102,4 +102,24 @@ def server_that_comes_back(open_page, _):
             page.close()
 
 
-CASES = [served, file_that_shrinks, server_that_comes_back]
+def volumes_of_who_has_gone(_, _folder):
+    """Aren't measured."""
+    with Crafted() as folder:
+        for uid in [1, 2, 3]:
+            folder.film(f"{uid}_a.webm", uid, seconds=2 if uid == 3 else 300, codec="vp8", fps=1)
+        with Viewer(folder.path) as viewer:
+            port = int(viewer.url.rstrip("/").rsplit(":", 1)[1])
+            askers = {}
+            for uid in [1, 2, 3]:
+                askers[uid] = socket.create_connection(("127.0.0.1", port), timeout=30)
+                askers[uid].sendall(f"GET /levels/{uid}_a.webm HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n".encode())
+                if uid == 2:
+                    askers[uid].close()
+            for uid in [1, 3]:
+                require(b"levels" in askers[uid].recv(1 << 16), f"no volumes of {uid}")
+                askers[uid].close()
+            kept = os.listdir(viewer.cache)
+            require(len(kept) == 2, f"measured are {kept}")
+
+
+CASES = [served, volumes_of_who_has_gone, file_that_shrinks, server_that_comes_back]

@@ -1,9 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "level_visitors.h"
 
-#include <algorithm>
+#include <cerrno>
 #include <map>
 #include <utility>
+
+#include <sys/socket.h>
 
 #include "core_service/channel/glib.h"
 #include "digest.h"
@@ -27,30 +29,46 @@ std::string levels_json(const std::optional<std::string>& levels) {
 // it, and alone touches messages.
 struct level_visitors::waiting_room {
   struct visitor {
+    waiting_room* room = nullptr;
+    uint64_t id = 0;
     message_ptr message;
-    gulong gone_id = 0;
+    core_service::source_ptr gone;
   };
   level_worker* worker;
   std::map<uint64_t, visitor> visitors;
 
+  void let_in(uint64_t id, SoupServerMessage* message) {
+    visitor& one = visitors[id];
+    one.room = this;
+    one.id = id;
+    one.message.reset(SOUP_SERVER_MESSAGE(g_object_ref(message)));
+    GSocket* const socket = soup_server_message_get_socket(message);
+    if (socket == nullptr) return;
+    one.gone.reset(g_socket_create_source(socket, G_IO_IN, nullptr));
+    g_source_set_callback(one.gone.get(), G_SOURCE_FUNC(on_readable), &one, nullptr);
+    g_source_attach(one.gone.get(), nullptr);
+  }
   message_ptr take(uint64_t id) {
     const auto found = visitors.find(id);
     if (found == visitors.end()) return nullptr;
-    visitor one = std::move(found->second);
+    message_ptr message = std::move(found->second.message);
     visitors.erase(found);
-    g_signal_handler_disconnect(one.message.get(), one.gone_id);
-    return std::move(one.message);
+    return message;
   }
-  // Those whose connection has ended don't wait.
-  static void on_gone(SoupServerMessage* message, gpointer self) {
-    auto& room = *static_cast<waiting_room*>(self);
-    const auto found =
-        std::find_if(room.visitors.begin(), room.visitors.end(),
-                     [message](const auto& one) { return one.second.message.get() == message; });
-    if (found == room.visitors.end()) return;
-    const uint64_t id = found->first;
-    room.worker->forget(id);
-    room.take(id);
+  // libsoup doesn't look at the connection of a message that is paused.
+  static gboolean on_readable(GSocket* socket, GIOCondition /*condition*/, gpointer data) {
+    const visitor& one = *static_cast<visitor*>(data);
+    char byte = 0;
+    const ssize_t got = recv(g_socket_get_fd(socket), &byte, 1, MSG_PEEK | MSG_DONTWAIT);
+    // Somebody who asks on already hasn't gone.
+    if (got > 0) return G_SOURCE_REMOVE;
+    if (got < 0 && (errno == EAGAIN || errno == EINTR)) return G_SOURCE_CONTINUE;
+    one.room->worker->forget(one.id);
+    const message_ptr message = one.room->take(one.id);
+    // What is written shows libsoup the end of the connection.
+    soup_server_message_set_status(message.get(), SOUP_STATUS_SERVICE_UNAVAILABLE, nullptr);
+    soup_server_message_unpause(message.get());
+    return G_SOURCE_REMOVE;
   }
 };
 
@@ -90,10 +108,7 @@ void level_visitors::wait(SoupServerMessage* message, const std::string& name) {
             },
             made.release(), [](gpointer one) { delete static_cast<measured*>(one); });
       });
-  waiting_room::visitor& one = room_->visitors[id];
-  one.message.reset(SOUP_SERVER_MESSAGE(g_object_ref(message)));
-  one.gone_id =
-      g_signal_connect(message, "finished", G_CALLBACK(waiting_room::on_gone), room_.get());
+  room_->let_in(id, message);
   soup_server_message_pause(message);
 }
 
