@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
 """What the server gives, to whom, and when things go wrong meanwhile."""
+import http.client
 import json
 import os
 import socket
@@ -108,15 +109,13 @@ def volumes_of_who_has_gone(_, _folder):
         for uid in [1, 2, 3]:
             folder.film(f"{uid}_a.webm", uid, seconds=2 if uid == 3 else 300, codec="vp8", fps=1)
         with Viewer(folder.path) as viewer:
-            port = int(viewer.url.rstrip("/").rsplit(":", 1)[1])
-            askers = {}
-            for uid in [1, 2, 3]:
-                askers[uid] = socket.create_connection(("127.0.0.1", port), timeout=30)
-                askers[uid].sendall(f"GET /levels/{uid}_a.webm HTTP/1.1\r\nHost: 127.0.0.1\r\n\r\n".encode())
+            askers = {uid: http.client.HTTPConnection(viewer.url.split("/")[2], timeout=30) for uid in [1, 2, 3]}
+            for uid, asker in askers.items():
+                asker.request("GET", f"/levels/{uid}_a.webm")
                 if uid == 2:
-                    askers[uid].close()
+                    asker.close()
             for uid in [1, 3]:
-                require(b"levels" in askers[uid].recv(1 << 16), f"no volumes of {uid}")
+                require(b"levels" in askers[uid].getresponse().read(), f"no volumes of {uid}")
                 askers[uid].close()
             kept = os.listdir(viewer.cache)
             require(len(kept) == 2, f"measured are {kept}")
