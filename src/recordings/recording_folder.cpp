@@ -10,6 +10,7 @@
 #include <sstream>
 #include <stdexcept>
 #include <system_error>
+#include <utility>
 
 #include <json/json.h>
 #include <sys/stat.h>
@@ -82,6 +83,10 @@ gap gap_of(const Json::Value& entry, const manifest& of) {
   return made;
 }
 
+std::string with_slash(const std::string& folder) {
+  return folder.empty() || folder.back() == '/' ? folder : folder + "/";
+}
+
 // Throws what there is to say of it.
 Json::Value parsed(const std::string& folder, const std::string& name) {
   const auto read = read_regular(folder, name, kMostBytes);
@@ -132,8 +137,9 @@ bool is_manifest_name(const std::string& file_name) {
          number.find_first_not_of("0123456789", 1) == std::string::npos;
 }
 
-std::vector<manifest> read_manifests(const std::string& folder, std::vector<std::string>& errors) {
-  const std::string path = folder.empty() || folder.back() == '/' ? folder : folder + "/";
+std::vector<std::string> find_manifests(const std::string& folder,
+                                        std::vector<std::string>& errors) {
+  const std::string path = with_slash(folder);
   std::vector<std::string> names;
   std::error_code failed;
   const std::filesystem::directory_iterator end;
@@ -149,13 +155,24 @@ std::vector<manifest> read_manifests(const std::string& folder, std::vector<std:
   if (failed) errors.push_back(path + " can't be read to its end: " + failed.message());
   if (names.empty()) errors.push_back(path + " holds no recording: there is no recording.json");
   std::sort(names.begin(), names.end());
+  return names;
+}
+
+std::optional<manifest> read_manifest(const std::string& folder, const std::string& name,
+                                      std::vector<std::string>& errors) {
+  const std::string path = with_slash(folder);
+  try {
+    return read(path, name);
+  } catch (const std::exception& e) {
+    errors.push_back(path + name + " is no manifest: " + e.what());
+    return std::nullopt;
+  }
+}
+
+std::vector<manifest> read_manifests(const std::string& folder, std::vector<std::string>& errors) {
   std::vector<manifest> all;
-  for (const std::string& name : names) {
-    try {
-      all.push_back(read(path, name));
-    } catch (const std::exception& e) {
-      errors.push_back(path + name + " is no manifest: " + e.what());
-    }
+  for (const std::string& name : find_manifests(folder, errors)) {
+    if (auto one = read_manifest(folder, name, errors)) all.push_back(std::move(*one));
   }
   return all;
 }

@@ -80,6 +80,12 @@ struct manifest {
 // a folder without any, one that isn't there, a manifest that is none. `folder` may end in a slash.
 std::vector<manifest> read_manifests(const std::string& folder, std::vector<std::string>& errors);
 
+// The same in two steps, for who keeps what it has read: the names, sorted, and one of them.
+std::vector<std::string> find_manifests(const std::string& folder,
+                                        std::vector<std::string>& errors);
+std::optional<manifest> read_manifest(const std::string& folder, const std::string& name,
+                                      std::vector<std::string>& errors);
+
 // Whether a file of the folder is the manifest of one of its sessions, by its name.
 bool is_manifest_name(const std::string& file_name);
 

@@ -9,7 +9,7 @@ wrong() {
   status=1
 }
 
-for file in "$bin"/libzelta_recording.so "$bin"/ZeltaCoreService "$bin"/zelta-record "$bin"/zelta-deliver; do
+for file in "$bin"/libzelta_recording.so "$bin"/ZeltaCoreService "$bin"/zelta-record "$bin"/zelta-deliver "$bin"/zelta-view; do
   headers=$(readelf --wide --program-headers "$file")
   dynamic=$(readelf --wide --dynamic "$file")
   symbols=$(readelf --wide --dyn-syms "$file")

@@ -67,4 +67,5 @@ ZELTA_SERVICE_DIR=$(dirname "$(find "$work/tree" -name ZeltaCoreService)") \
   records static "$work/static-build/record"
 test -s "$work/tree/share/man/man1/zelta-record.1"
 test -s "$work/tree/share/man/man1/zelta-deliver.1"
+test -s "$work/tree/share/man/man1/zelta-view.1"
 echo "installed tree works by CMake and pkg-config"

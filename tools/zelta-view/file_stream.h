@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: Apache-2.0
+// Sends a part of a file as the body of an answer, piece by piece as the client takes it.
+#pragma once
+
+#include <cstdint>
+
+#include <libsoup/soup.h>
+
+#include "base/unique_fd.h"
+
+namespace zelta::view {
+
+// The message's thread. Status and headers are the caller's; the length is set here. One that turns
+// out shorter ends the connection. The descriptor is kept until the message has gone.
+void send_part(SoupServerMessage* message, base::unique_fd file, uint64_t first, uint64_t size);
+
+}  // namespace zelta::view
