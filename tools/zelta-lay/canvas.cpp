@@ -1,0 +1,158 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "canvas.h"
+
+#include <algorithm>
+#include <cmath>
+#include <new>
+
+extern "C" {
+#include <libavutil/imgutils.h>
+#include <libavutil/pixdesc.h>
+}
+
+namespace zelta::lay {
+namespace {
+
+constexpr int kPlanes = 3;
+// Of what is empty: so dark that it doesn't shine, and lighter than the background.
+constexpr uint8_t kEmpty[kPlanes] = {40, 128, 128};
+constexpr uint8_t kBar[kPlanes] = {16, 128, 128};
+
+struct box {
+  int x, y, width, height;
+};
+
+int halved(int plane, int pixels) {
+  return plane == 0 ? pixels : pixels / 2;
+}
+
+int even(double pixels) {
+  return std::max(2, static_cast<int>(std::lround(pixels / 2)) * 2);
+}
+
+uint8_t* place(const AVFrame& picture, int plane, int x, int y) {
+  return picture.data[plane] + static_cast<ptrdiff_t>(halved(plane, y)) * picture.linesize[plane] +
+         halved(plane, x);
+}
+
+void fill(AVFrame& picture, const box& at, const uint8_t (&colour)[kPlanes]) {
+  for (int plane = 0; plane < kPlanes; ++plane) {
+    for (int row = 0; row < halved(plane, at.height); ++row) {
+      std::fill_n(place(picture, plane, at.x, at.y) + row * picture.linesize[plane],
+                  halved(plane, at.width), colour[plane]);
+    }
+  }
+}
+
+// Where the whole of a picture stands in a tile, or what of a picture fills it: the largest box of
+// the shape `width` to `height` inside `in`.
+box inside(const box& in, double width, double height) {
+  const double scale = std::min(in.width / width, in.height / height);
+  const int w = std::min(in.width, even(width * scale));
+  const int h = std::min(in.height, even(height * scale));
+  return {in.x + (in.width - w) / 4 * 2, in.y + (in.height - h) / 4 * 2, w, h};
+}
+
+double shape_of(const AVFrame& from) {
+  const AVRational pixel = from.sample_aspect_ratio;
+  const double aspect = pixel.num > 0 && pixel.den > 0 ? av_q2d(pixel) : 1;
+  return from.width * aspect / from.height;
+}
+
+// A view of a part of a picture; `left` and `top` are multiples of what its colours share.
+void cropped(const AVFrame& from, const box& part, const uint8_t* (&data)[4]) {
+  const AVPixFmtDescriptor* const about =
+      av_pix_fmt_desc_get(static_cast<AVPixelFormat>(from.format));
+  int bytes[4] = {0, 0, 0, 0};
+  av_image_fill_max_pixsteps(bytes, nullptr, about);
+  for (int plane = 0; plane < 4; ++plane) {
+    const bool colour = plane == 1 || plane == 2;
+    const int x = colour ? part.x >> about->log2_chroma_w : part.x;
+    const int y = colour ? part.y >> about->log2_chroma_h : part.y;
+    data[plane] = from.data[plane] == nullptr
+                      ? nullptr
+                      : from.data[plane] + static_cast<ptrdiff_t>(y) * from.linesize[plane] +
+                            static_cast<ptrdiff_t>(x) * bytes[plane];
+  }
+}
+
+void blend(const AVFrame& from, AVFrame& picture, const box& at, double alpha) {
+  const int share = static_cast<int>(std::lround(alpha * 256));
+  for (int plane = 0; plane < kPlanes; ++plane) {
+    const int width = halved(plane, at.width);
+    for (int row = 0; row < halved(plane, at.height); ++row) {
+      const uint8_t* const in = from.data[plane] + row * from.linesize[plane];
+      uint8_t* const out = place(picture, plane, at.x, at.y) + row * picture.linesize[plane];
+      if (share >= 256) {
+        std::copy_n(in, width, out);
+        continue;
+      }
+      for (int i = 0; i < width; ++i) {
+        out[i] = static_cast<uint8_t>((in[i] * share + out[i] * (256 - share)) >> 8);
+      }
+    }
+  }
+}
+
+}  // namespace
+
+canvas::canvas(int width, int height) : picture_(make_picture(width, height)) {
+  picture_->color_range = AVCOL_RANGE_MPEG;
+}
+
+void canvas::begin() {
+  av_check(av_frame_make_writable(picture_.get()), "memory for a picture");
+}
+
+void canvas::clear(const std::array<uint8_t, 3>& rgb) {
+  const double r = rgb[0];
+  const double g = rgb[1];
+  const double b = rgb[2];
+  // BT.601, limited range, which is what a film without a note of its colours is taken for.
+  const uint8_t colour[kPlanes] = {
+      static_cast<uint8_t>(std::lround(16 + 0.257 * r + 0.504 * g + 0.098 * b)),
+      static_cast<uint8_t>(std::lround(128 - 0.148 * r - 0.291 * g + 0.439 * b)),
+      static_cast<uint8_t>(std::lround(128 + 0.439 * r - 0.368 * g - 0.071 * b))};
+  fill(*picture_, {0, 0, picture_->width, picture_->height}, colour);
+}
+
+void canvas::draw_empty(const tile& to) {
+  if (to.alpha >= 1) fill(*picture_, {to.x, to.y, to.width, to.height}, kEmpty);
+}
+
+const AVFrame& canvas::scale(const AVFrame& from, const tile& to, scaled& by) {
+  box part = {0, 0, from.width, from.height};
+  if (to.fill) {
+    // The tile's shape, in pixels of a picture whose pixels needn't be square.
+    const double stretch = shape_of(from) * from.height / from.width;
+    part = inside(part, to.width / stretch, to.height);
+  }
+  const uint8_t* data[4] = {nullptr, nullptr, nullptr, nullptr};
+  cropped(from, part, data);
+  const auto format = static_cast<AVPixelFormat>(from.format);
+  by.scaler.reset(sws_getCachedContext(by.scaler.release(), part.width, part.height, format,
+                                       by.picture->width, by.picture->height, AV_PIX_FMT_YUV420P,
+                                       SWS_BILINEAR, nullptr, nullptr, nullptr));
+  if (by.scaler == nullptr) throw std::bad_alloc();
+  sws_scale(by.scaler.get(), data, from.linesize, 0, part.height, by.picture->data,
+            by.picture->linesize);
+  return *by.picture;
+}
+
+void canvas::draw(const AVFrame& from, const tile& to, size_t slot) {
+  const box all = {to.x, to.y, to.width, to.height};
+  const box at = to.fill ? all : inside(all, shape_of(from), 1);
+  if (to.alpha >= 1 && (at.width != all.width || at.height != all.height)) {
+    fill(*picture_, all, kBar);
+  }
+  if (from.format == AV_PIX_FMT_YUV420P && from.width == at.width && from.height == at.height) {
+    return blend(from, *picture_, at, to.alpha);
+  }
+  scaled& by = scaled_[slot];
+  if (by.picture == nullptr || by.picture->width != at.width || by.picture->height != at.height) {
+    by.picture = make_picture(at.width, at.height);
+  }
+  blend(scale(from, to, by), *picture_, at, to.alpha);
+}
+
+}  // namespace zelta::lay

@@ -1,0 +1,12 @@
+// SPDX-License-Identifier: Apache-2.0
+// SIGINT, SIGTERM and SIGHUP end the work between two pictures.
+#pragma once
+
+namespace zelta::lay {
+
+// Once, before any other thread. One that is ignored stays so: nohup wants it that way.
+void watch_stop_signals();
+// The number of the one that came, 0 before. Any thread.
+int stop_signal();
+
+}  // namespace zelta::lay

@@ -1,0 +1,129 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "stream_reader.h"
+
+#include <algorithm>
+
+namespace zelta::lay {
+namespace {
+
+av_ptr<AVFormatContext> open_file(const std::string& path, std::string& error) {
+  AVFormatContext* opened = nullptr;
+  // A local file, whatever its name looks like.
+  const int result = avformat_open_input(&opened, ("file:" + path).c_str(), nullptr, nullptr);
+  av_ptr<AVFormatContext> file(opened);
+  const int known = result < 0 ? result : avformat_find_stream_info(opened, nullptr);
+  if (known < 0) {
+    error = "can't be read: " + av_words(known);
+    return nullptr;
+  }
+  return file;
+}
+
+}  // namespace
+
+std::unique_ptr<stream_reader> stream_reader::open(const std::string& path, AVMediaType medium,
+                                                   std::string& error) {
+  std::unique_ptr<stream_reader> made(new stream_reader);
+  made->file_ = open_file(path, error);
+  if (made->file_ == nullptr) return nullptr;
+  const int index = av_find_best_stream(made->file_.get(), medium, -1, -1, nullptr, 0);
+  if (index < 0) {
+    error = medium == AVMEDIA_TYPE_VIDEO ? "has no picture" : "has no sound";
+    return nullptr;
+  }
+  for (unsigned i = 0; i < made->file_->nb_streams; ++i) {
+    if (static_cast<int>(i) != index) made->file_->streams[i]->discard = AVDISCARD_ALL;
+  }
+  made->stream_ = made->file_->streams[index];
+  return made;
+}
+
+void stream_reader::seek(int64_t at_us) {
+  const int64_t at = av_rescale_q(at_us, kMicroseconds, stream_->time_base);
+  // Without an index, reading on finds the place as well, only later.
+  (void)av_seek_frame(file_.get(), stream_->index, at, AVSEEK_FLAG_BACKWARD);
+}
+
+bool stream_reader::next_packet(AVPacket& packet) {
+  av_packet_unref(&packet);
+  while (true) {
+    const int result = av_read_frame(file_.get(), &packet);
+    if (result < 0) {
+      if (result != AVERROR_EOF && read_error_.empty()) read_error_ = av_words(result);
+      return false;
+    }
+    if (packet.stream_index == stream_->index) return true;
+    av_packet_unref(&packet);
+  }
+}
+
+bool stream_reader::open_decoder(std::string& error) {
+  const AVCodec* const codec = avcodec_find_decoder(stream_->codecpar->codec_id);
+  if (codec == nullptr) {
+    error = "no decoder for " + std::string(avcodec_get_name(stream_->codecpar->codec_id));
+    return false;
+  }
+  decoder_.reset(avcodec_alloc_context3(codec));
+  decoder_->pkt_timebase = stream_->time_base;
+  // One a decoder: there is one for every user, and the encoder takes what processors are left.
+  decoder_->thread_count = 1;
+  int result = avcodec_parameters_to_context(decoder_.get(), stream_->codecpar);
+  if (result >= 0) result = avcodec_open2(decoder_.get(), codec, nullptr);
+  if (result >= 0) return true;
+  error = std::string(codec->name) + " can't be opened: " + av_words(result);
+  decoder_.reset();
+  return false;
+}
+
+bool stream_reader::feed_decoder() {
+  if (fed_all_) return false;
+  fed_all_ = !next_packet(*packet_);
+  const int result = avcodec_send_packet(decoder_.get(), fed_all_ ? nullptr : packet_.get());
+  if (result < 0 && result != AVERROR_EOF) ++broken_;
+  return true;
+}
+
+bool stream_reader::next_frame(AVFrame& frame) {
+  if (decoder_ == nullptr && !(read_error_.empty() && open_decoder(read_error_))) return false;
+  while (true) {
+    av_frame_unref(&frame);
+    const int result = avcodec_receive_frame(decoder_.get(), &frame);
+    if (result >= 0) {
+      if (frame.decode_error_flags != 0) ++broken_;
+      if (frame.best_effort_timestamp == AV_NOPTS_VALUE) continue;
+      frame.pts = av_rescale_q(frame.best_effort_timestamp, stream_->time_base, kMicroseconds);
+      return true;
+    }
+    if (result == AVERROR_EOF) return false;
+    if (result != AVERROR(EAGAIN)) ++broken_;
+    if (!feed_decoder()) return false;
+  }
+}
+
+std::string stream_reader::fault() const {
+  std::string said = read_error_;
+  if (broken_ > 0) {
+    if (!said.empty()) said += ", ";
+    said += std::to_string(broken_) + " packets can't be decoded";
+  }
+  return said;
+}
+
+int64_t media_length_us(const std::string& path) {
+  std::string error;
+  const av_ptr<AVFormatContext> file = open_file(path, error);
+  if (file == nullptr) return 0;
+  const av_ptr<AVPacket> packet = make_packet();
+  int64_t length_us = 0;
+  while (av_read_frame(file.get(), packet.get()) >= 0) {
+    const AVRational base = file->streams[packet->stream_index]->time_base;
+    if (packet->pts != AV_NOPTS_VALUE) {
+      length_us =
+          std::max(length_us, av_rescale_q(packet->pts + packet->duration, base, kMicroseconds));
+    }
+    av_packet_unref(packet.get());
+  }
+  return length_us;
+}
+
+}  // namespace zelta::lay
