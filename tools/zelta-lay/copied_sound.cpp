@@ -8,6 +8,8 @@
 #include "lane.h"
 #include "stream_reader.h"
 
+#include <opus/opus.h>
+
 namespace zelta::lay {
 namespace {
 
@@ -50,7 +52,7 @@ class copied_sound_lane : public lane {
     if (has_packet_) return place();
     if (reader_ == nullptr && !open_next()) {
       if (reached_us() >= what_.length_us()) return false;
-      return fill(av_rescale_q(what_.length_us(), kMicroseconds, kSamples), 0);
+      return fill(av_rescale_q(what_.length_us(), kMicroseconds, kSamples));
     }
     if (!reader_->next_packet(*packet_)) {
       if (!reader_->fault().empty()) found_.add(current_->name + ", sound: " + reader_->fault());
@@ -85,25 +87,30 @@ class copied_sound_lane : public lane {
   bool place() {
     const int64_t at = av_rescale_q(packet_->pts, reader_->time_base(), kSamples) +
                        av_rescale_q(current_->begin_us - what_.from_us, kMicroseconds, kSamples);
-    const int64_t samples = av_rescale_q(packet_->duration, reader_->time_base(), kSamples);
+    // Fragments don't tell how long a packet is; it does itself.
+    const int samples = opus_packet_get_nb_samples(packet_->data, packet_->size, kSampleRate);
     if (at >= av_rescale_q(what_.length_us(), kMicroseconds, kSamples)) {
       has_packet_ = false;
       reader_.reset();
       next_stretch_ = of_.stretches.size();
       return true;
     }
-    if (at > next_ + kStep) return fill(at, kSilent[3].samples);
+    if (at > next_ + kStep) return fill(at);
     has_packet_ = false;
     // What lies before the film, or was in the file before.
     if (at + kStep < next_) return true;
-    write(*packet_, std::max<int64_t>(samples, kSilent[3].samples));
+    if (samples > 0) {
+      write(*packet_, samples);
+    } else {
+      found_.add(current_->name + ", sound: a packet is none of Opus");
+    }
     return true;
   }
 
-  bool fill(int64_t until, int64_t rest) {
+  bool fill(int64_t until) {
     const silent_packet* best = &kSilent[3];
     for (const silent_packet& s : kSilent) {
-      if (next_ + s.samples <= until + rest) {
+      if (next_ + s.samples <= until) {
         best = &s;
         break;
       }

@@ -104,7 +104,7 @@ Json::Value clip_item(const cut& c, int fps) {
   Json::Value made = item("Clip.1", c.of->name);
   made["source_range"] = time_range(c.source, c.end - c.begin, fps);
   Json::Value file = schema("ExternalReference.1");
-  file["target_url"] = url_of(c.of->path);
+  file["target_url"] = "file://" + url_of(c.of->path);
   file["available_range"] = time_range(
       0, std::max(frames(c.of->end_us - c.of->begin_us, fps), c.source + c.end - c.begin), fps);
   file["metadata"] = Json::Value(Json::objectValue);

@@ -17,7 +17,7 @@ std::string edit_decision_list(const session& of, const std::vector<turn>& turns
                                int fps);
 
 // OpenTimelineIO: a track of pictures and one of sound for each user, in frames of `fps`. Files are
-// named by their paths, as `of` has them.
+// named by their paths, which should be absolute.
 std::string open_timeline(const session& of, const span& what, int fps);
 
 }  // namespace zelta::lay

@@ -2,8 +2,10 @@
 #include "session.h"
 
 #include <algorithm>
+#include <filesystem>
 #include <limits>
 #include <set>
+#include <system_error>
 
 #include "stream_reader.h"
 
@@ -144,7 +146,9 @@ std::optional<session> read_session(const std::string& folder, const std::string
     return std::nullopt;
   }
   for (const std::string& line : errors) found.add(line);
-  return arrange(manifests, folder, channel, found, error);
+  std::error_code failed;
+  const std::filesystem::path whole = std::filesystem::canonical(folder, failed);
+  return arrange(manifests, failed ? folder : whole.string(), channel, found, error);
 }
 
 }  // namespace zelta::lay
