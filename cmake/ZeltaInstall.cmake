@@ -12,7 +12,7 @@ install(
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(TARGETS ZeltaCoreService RUNTIME DESTINATION "${ZELTA_LIBEXECDIR}")
 install(TARGETS zelta-lay zelta-record RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
-install(FILES packaging/zelta-record.1 packaging/ZeltaCoreService.1
+install(FILES packaging/zelta-lay.1 packaging/zelta-record.1 packaging/ZeltaCoreService.1
         DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
 
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/zelta_recording")

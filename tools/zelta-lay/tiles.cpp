@@ -25,6 +25,16 @@ tile between(uint32_t uid, double left, double top, double right, double bottom)
   return made;
 }
 
+// In the middle. Edges are reckoned once for the two tiles that share them.
+void add_row(std::vector<tile>& to, const std::vector<uint32_t>& users, int width,
+             double tile_width, double top, double bottom) {
+  const double left = (width - tile_width * static_cast<double>(users.size())) / 2;
+  for (size_t i = 0; i < users.size(); ++i) {
+    to.push_back(between(users[i], left + tile_width * static_cast<double>(i), top,
+                         left + tile_width * static_cast<double>(i + 1), bottom));
+  }
+}
+
 }  // namespace
 
 std::vector<tile> grid_tiles(const std::vector<uint32_t>& users, int width, int height) {
@@ -34,25 +44,21 @@ std::vector<tile> grid_tiles(const std::vector<uint32_t>& users, int width, int 
   const size_t rows = (users.size() + columns - 1) / columns;
   const double w = static_cast<double>(width) / static_cast<double>(columns);
   const double h = static_cast<double>(height) / static_cast<double>(rows);
-  for (size_t i = 0; i < users.size(); ++i) {
-    const size_t row = i / columns;
-    const size_t in_row = std::min(columns, users.size() - row * columns);
-    const double left =
-        (width - w * static_cast<double>(in_row)) / 2 + w * static_cast<double>(i % columns);
-    const double top = h * static_cast<double>(row);
-    made.push_back(between(users[i], left, top, left + w, top + h));
+  for (size_t row = 0; row < rows; ++row) {
+    const size_t first = row * columns;
+    const std::vector<uint32_t> those(
+        users.begin() + static_cast<ptrdiff_t>(first),
+        users.begin() + static_cast<ptrdiff_t>(std::min(users.size(), first + columns)));
+    add_row(made, those, width, w, h * static_cast<double>(row), h * static_cast<double>(row + 1));
   }
   return made;
 }
 
 std::vector<tile> side_by_side_tiles(const std::vector<uint32_t>& users, int width, int height) {
   std::vector<tile> made;
-  const double w =
-      static_cast<double>(width) / static_cast<double>(std::max<size_t>(1, users.size()));
-  for (size_t i = 0; i < users.size(); ++i) {
-    const double left = w * static_cast<double>(i);
-    made.push_back(between(users[i], left, 0, left + w, height));
-  }
+  if (users.empty()) return made;
+  add_row(made, users, width, static_cast<double>(width) / static_cast<double>(users.size()), 0,
+          height);
   return made;
 }
 
@@ -61,14 +67,11 @@ std::vector<tile> speaker_tiles(const std::vector<uint32_t>& users, uint32_t spe
   if (users.size() < 2) return grid_tiles(users, width, height);
   const double strip = height * 0.8;
   std::vector<tile> made = {between(speaker, 0, 0, width, strip)};
+  std::vector<uint32_t> others = users;
+  others.erase(std::remove(others.begin(), others.end(), speaker), others.end());
   // As wide as the film is in shape, and narrower when there are many.
-  const double w = std::min(width * 0.2, width / static_cast<double>(users.size() - 1));
-  double left = (width - w * static_cast<double>(users.size() - 1)) / 2;
-  for (const uint32_t uid : users) {
-    if (uid == speaker) continue;
-    made.push_back(between(uid, left, strip, left + w, height));
-    left += w;
-  }
+  const double w = std::min(width * 0.2, width / static_cast<double>(others.size()));
+  add_row(made, others, width, w, strip, height);
   return made;
 }
 

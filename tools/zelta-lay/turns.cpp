@@ -13,9 +13,10 @@ namespace {
 constexpr float kLouderDb = 6;
 constexpr float kSpeechDb = -45;
 constexpr size_t kWindow = 10;  // tenths of a second that are looked at
-constexpr size_t kEnough = 8;   // of these
+constexpr size_t kEnough = 7;   // of these
 constexpr size_t kShortestTurn = 20;
-// Between two words a speaker is still one: the level falls by that much a tenth of a second.
+// Between two words a speaker is still one: the level of who has the turn falls by that much a
+// tenth of a second.
 constexpr float kFallDb = 2;
 
 constexpr int kBlock = kSampleRate / 10;
@@ -96,7 +97,7 @@ std::vector<turn> find_turns(const std::vector<levels>& of, int64_t from_us) {
       if (loudest != of.size()) next = loudest;
     } else if (now - since >= kShortestTurn) {
       for (size_t u = 0; u < of.size(); ++u) {
-        if (u == holder || !of[u].there[now] || !takes_over(db[u], db[holder], now)) continue;
+        if (u == holder || !of[u].there[now] || !takes_over(of[u].db, db[holder], now)) continue;
         if (next == holder || db[u][now] > db[next][now]) next = u;
       }
     }

@@ -30,7 +30,7 @@ struct levels {
 std::vector<levels> measure_levels(const session& of, int64_t from_us, int64_t to_us,
                                    problems& found);
 
-// Another user takes the turn who was 6 dB louder than its holder for 0.8 of the last 1.0 s, and at
+// Another user takes the turn who was 6 dB louder than its holder for 0.7 of the last 1.0 s, and at
 // least -45 dB, once that one had it for 2 s; at once when the holder's picture is gone. The first
 // turn begins at `from_us`; none when there is nobody.
 std::vector<turn> find_turns(const std::vector<levels>& of, int64_t from_us);
