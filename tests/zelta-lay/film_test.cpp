@@ -101,8 +101,7 @@ class Film : public testing::Test {
     EXPECT_TRUE(found.lines().empty()) << found.lines().front();
     std::vector<int> made;
     for (const auto& p : places) {
-      made.push_back(picture == nullptr ? -1
-                                        : picture->data[0][p[1] * picture->linesize[0] + p[0]]);
+      made.push_back(picture == nullptr ? -1 : *pixel(*picture, 0, p[0], p[1]));
     }
     return made;
   }
@@ -245,11 +244,9 @@ TEST(Limiter, KeepsItsPlaceAndFullScale) {
 
 TEST(Canvas, CropsOrLeavesBarsAndShinesThrough) {
   const av_ptr<AVFrame> white = make_picture(100, 100);
-  for (int row = 0; row < 100; ++row)
-    std::fill_n(white->data[0] + row * white->linesize[0], 100, uint8_t{235});
+  for (int row = 0; row < 100; ++row) std::fill_n(pixel(*white, 0, 0, row), 100, uint8_t{235});
   for (int plane = 1; plane < 3; ++plane) {
-    for (int row = 0; row < 50; ++row)
-      std::fill_n(white->data[plane] + row * white->linesize[plane], 50, uint8_t{128});
+    for (int row = 0; row < 50; ++row) std::fill_n(pixel(*white, plane, 0, row), 50, uint8_t{128});
   }
   const struct {
     bool fill;
@@ -267,8 +264,8 @@ TEST(Canvas, CropsOrLeavesBarsAndShinesThrough) {
     t.alpha = row.alpha;
     c.draw(*white, t, 0);
     const AVFrame& got = c.picture();
-    EXPECT_NEAR(got.data[0][100 * got.linesize[0] + 10], row.left, 2);
-    EXPECT_NEAR(got.data[0][100 * got.linesize[0] + 200], row.middle, 2);
+    EXPECT_NEAR(*pixel(got, 0, 10, 100), row.left, 2);
+    EXPECT_NEAR(*pixel(got, 0, 200, 100), row.middle, 2);
   }
 }
 

@@ -2,6 +2,8 @@
 // What libavformat, libavcodec and their kin allocate, each freed by its own function.
 #pragma once
 
+#include <cstddef>
+#include <cstdint>
 #include <memory>
 #include <string>
 
@@ -43,6 +45,11 @@ int av_check(int result, const std::string& what);
 
 // A frame with memory for a picture of 4:2:0, 8 bits. Throws std::runtime_error.
 av_ptr<AVFrame> make_picture(int width, int height);
+
+// A pixel's place in a plane of a picture; of colours, in their own pixels.
+inline uint8_t* pixel(const AVFrame& picture, int plane, int x, int y) {
+  return picture.data[plane] + static_cast<ptrdiff_t>(y) * picture.linesize[plane] + x;
+}
 
 constexpr AVRational kMicroseconds = {1, 1000000};
 constexpr int kSampleRate = 48000;

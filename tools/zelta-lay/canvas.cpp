@@ -30,15 +30,10 @@ int even(double pixels) {
   return std::max(2, static_cast<int>(std::lround(pixels / 2)) * 2);
 }
 
-uint8_t* place(const AVFrame& picture, int plane, int x, int y) {
-  return picture.data[plane] + static_cast<ptrdiff_t>(halved(plane, y)) * picture.linesize[plane] +
-         halved(plane, x);
-}
-
 void fill(AVFrame& picture, const box& at, const uint8_t (&colour)[kPlanes]) {
   for (int plane = 0; plane < kPlanes; ++plane) {
     for (int row = 0; row < halved(plane, at.height); ++row) {
-      std::fill_n(place(picture, plane, at.x, at.y) + row * picture.linesize[plane],
+      std::fill_n(pixel(picture, plane, halved(plane, at.x), halved(plane, at.y) + row),
                   halved(plane, at.width), colour[plane]);
     }
   }
@@ -69,10 +64,7 @@ void cropped(const AVFrame& from, const box& part, const uint8_t* (&data)[4]) {
     const bool colour = plane == 1 || plane == 2;
     const int x = colour ? part.x >> about->log2_chroma_w : part.x;
     const int y = colour ? part.y >> about->log2_chroma_h : part.y;
-    data[plane] = from.data[plane] == nullptr
-                      ? nullptr
-                      : from.data[plane] + static_cast<ptrdiff_t>(y) * from.linesize[plane] +
-                            static_cast<ptrdiff_t>(x) * bytes[plane];
+    data[plane] = from.data[plane] == nullptr ? nullptr : pixel(from, plane, x * bytes[plane], y);
   }
 }
 
@@ -81,8 +73,8 @@ void blend(const AVFrame& from, AVFrame& picture, const box& at, double alpha) {
   for (int plane = 0; plane < kPlanes; ++plane) {
     const int width = halved(plane, at.width);
     for (int row = 0; row < halved(plane, at.height); ++row) {
-      const uint8_t* const in = from.data[plane] + row * from.linesize[plane];
-      uint8_t* const out = place(picture, plane, at.x, at.y) + row * picture.linesize[plane];
+      const uint8_t* const in = pixel(from, plane, 0, row);
+      uint8_t* const out = pixel(picture, plane, halved(plane, at.x), halved(plane, at.y) + row);
       if (share >= 256) {
         std::copy_n(in, width, out);
         continue;

@@ -82,7 +82,7 @@ class sound_lane : public lane {
   encoder encoder_;
   limiter limiter_;
   std::list<sound_track> tracks_;
-  std::vector<float> block_ = std::vector<float>(2 * kBlock);
+  std::vector<float> block_ = std::vector<float>(size_t{2} * kBlock);
   av_ptr<AVFrame> frame_ = make_frame();
   int64_t first_;
   int64_t samples_;

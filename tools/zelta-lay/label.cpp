@@ -81,7 +81,7 @@ void put_label(const label& text, int x, int y, AVFrame& picture) {
   const int width = std::min(text.width, picture.width - x);
   const int height = std::min(text.height, picture.height - y);
   for (int row = 0; row < height; ++row) {
-    uint8_t* const to = picture.data[0] + (y + row) * picture.linesize[0] + x;
+    uint8_t* const to = pixel(picture, 0, x, y + row);
     const uint8_t* const cover = text.cover.data() + static_cast<ptrdiff_t>(row) * text.width;
     for (int i = 0; i < width; ++i) {
       to[i] = static_cast<uint8_t>(kBlack + cover[i] * (kWhite - kBlack) / 255);
@@ -89,7 +89,7 @@ void put_label(const label& text, int x, int y, AVFrame& picture) {
   }
   for (int plane = 1; plane < 3; ++plane) {
     for (int row = 0; row < height / 2; ++row) {
-      uint8_t* const to = picture.data[plane] + (y / 2 + row) * picture.linesize[plane] + x / 2;
+      uint8_t* const to = pixel(picture, plane, x / 2, y / 2 + row);
       std::fill_n(to, std::max(0, width / 2), kGrey);
     }
   }

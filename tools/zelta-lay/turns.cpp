@@ -65,7 +65,7 @@ std::vector<levels> measure_levels(const session& of, int64_t from_us, int64_t t
   std::vector<levels> made;
   const auto tenths = static_cast<size_t>((to_us - from_us + kLevelUs - 1) / kLevelUs);
   const int64_t first = av_rescale(from_us, kSampleRate, 1000000);
-  std::vector<float> block(2 * kBlock);
+  std::vector<float> block(size_t{2} * kBlock);
   for (const user& u : of.users) {
     if (!u.has_picture()) continue;
     levels one;
