@@ -1,140 +1,28 @@
 // SPDX-License-Identifier: Apache-2.0
 // Films of small recordings, made by ffmpeg: each user one colour and one tone.
-#include <gtest/gtest.h>
+#include <algorithm>
+#include <csignal>
+#include <sstream>
 
-#include <array>
-#include <cmath>
-#include <cstdlib>
-#include <filesystem>
-#include <fstream>
-#include <string>
-#include <vector>
+#include <json/json.h>
+#include <sys/wait.h>
 
 #include "canvas.h"
-#include "exit_status.h"
-#include "lay.h"
+#include "film_fixture.h"
+#include "label.h"
 #include "limiter.h"
-#include "picture_track.h"
-#include "session.h"
-#include "sound_track.h"
-#include "stream_reader.h"
+#include "new_file.h"
+#include "stop_signal.h"
 
 namespace zelta::lay {
 namespace {
 
 namespace fs = std::filesystem;
 
-constexpr int64_t kSecond = 1000000;
-constexpr int64_t kZeroMs = 1764000000000;
-
-struct part {
-  const char* name;
-  uint32_t uid;
-  int first_s;
-  int last_s;
-  const char* size = "320x180";
-  const char* colour = "white";
-  const char* video = "libx264";
-};
-
-class Film : public testing::Test {
- protected:
-  void SetUp() override {
-    std::string name = (fs::temp_directory_path() / "zelta-lay-XXXXXX").string();
-    ASSERT_NE(mkdtemp(name.data()), nullptr);
-    folder_ = name;
-    asked_.folder = folder_;
-    asked_.output = path("film.mp4");
-    asked_.width = 640;
-    asked_.height = 360;
-  }
-  void TearDown() override { fs::remove_all(folder_); }
-
-  std::string path(const std::string& name) const { return folder_ + "/" + name; }
-
-  void record(const std::vector<part>& parts) {
-    std::string files;
-    for (const part& p : parts) {
-      const std::string length = std::to_string(p.last_s - p.first_s);
-      const std::string command =
-          std::string("timeout 60 ffmpeg -v error -y -f lavfi -i color=") + p.colour +
-          ":s=" + p.size + ":r=25:d=" + length + " -f lavfi -i sine=440:r=48000:d=" + length +
-          ",volume=12dB -c:v " + p.video + " -g 25 -bf 0 -c:a libopus -movflags +frag_keyframe " +
-          path(p.name);
-      ASSERT_EQ(std::system(command.c_str()), 0) << command;
-      const std::string size = p.size;
-      const size_t x = size.find('x');
-      files +=
-          std::string(files.empty() ? "" : ",") + R"({"name":")" + p.name + R"(","uid":)" +
-          std::to_string(p.uid) +
-          R"(,"kind":"audio_video","closed":"user left","audio_codec":"opus","video_codec":")" +
-          (std::string(p.video) == "libx264" ? "h264" : "vp9") + R"(","width":)" +
-          size.substr(0, x) + R"(,"height":)" + size.substr(x + 1) + R"(,"first_utc_ms":)" +
-          std::to_string(kZeroMs + p.first_s * 1000) + R"(,"last_utc_ms":)" +
-          std::to_string(kZeroMs + p.last_s * 1000) + "}";
-    }
-    std::ofstream(path("recording.json"))
-        << R"({"version":1,"channel_id":"c","files":[)" << files << "]}";
-  }
-
-  // The film as a recording of one user.
-  session film() const {
-    session made;
-    user u;
-    stretch s;
-    s.path = asked_.output;
-    s.end_us = media_length_us(asked_.output);
-    s.video_codec = "h264";
-    s.audio_codec = "aac";
-    u.stretches.push_back(s);
-    made.users.push_back(u);
-    made.length_us = s.end_us;
-    return made;
-  }
-
-  // How bright the film is at places of a picture, 0 to 255.
-  std::vector<int> brightness(double at_s, const std::vector<std::array<int, 2>>& places) const {
-    const session s = film();
-    problems found;
-    picture_track track(s.users[0], kSecond / 50, found);
-    const AVFrame* const picture = track.at(std::llround(at_s * kSecond));
-    EXPECT_TRUE(found.lines().empty()) << found.lines().front();
-    std::vector<int> made;
-    for (const auto& p : places) {
-      made.push_back(picture == nullptr ? -1 : *pixel(*picture, 0, p[0], p[1]));
-    }
-    return made;
-  }
-
-  // Root of the mean square of a tenth of a second, 1 is full scale.
-  double loudness(double at_s) const {
-    const session s = film();
-    problems found;
-    sound_track track(s.users[0], found);
-    std::vector<float> samples(9600);
-    track.add(std::llround(at_s * kSampleRate), 4800, samples.data());
-    double sum = 0;
-    for (const float v : samples) sum += static_cast<double>(v) * v;
-    return std::sqrt(sum / static_cast<double>(samples.size()));
-  }
-
-  std::string tag_of_pictures() const {
-    std::string error;
-    const auto reader = stream_reader::open(asked_.output, AVMEDIA_TYPE_VIDEO, error);
-    if (reader == nullptr) return error;
-    const uint32_t tag = reader->parameters().codec_tag;
-    return {static_cast<char>(tag), static_cast<char>(tag >> 8), static_cast<char>(tag >> 16),
-            static_cast<char>(tag >> 24)};
-  }
-
-  std::string folder_;
-  options asked_;
-};
-
 TEST_F(Film, ShowsWhoComesLateLateAndJoinsFiles) {
   record({{"1.mp4", 1, 0, 2}, {"1b.mp4", 1, 2, 4, "160x90"}, {"2.mp4", 2, 1, 3}});
   ASSERT_EQ(lay(asked_), kLaid);
-  EXPECT_NEAR(static_cast<double>(media_length_us(asked_.output)), 4e6, 5e4);
+  EXPECT_NEAR(length_s(), 4, 0.05);
   const struct {
     double at_s;
     bool first;
@@ -146,30 +34,10 @@ TEST_F(Film, ShowsWhoComesLateLateAndJoinsFiles) {
     EXPECT_EQ(got[0] > 200, row.first) << row.at_s << ": " << got[0];
     EXPECT_EQ(got[1] > 200, row.second) << row.at_s << ": " << got[1];
   }
+  EXPECT_NEAR(loudness(0.5), 0.35, 0.03) << "one channel is as loud in two";
   // Two tones of 0.35 that are one tone: together louder, and not clipped.
   EXPECT_GT(loudness(1.5), 1.15 * loudness(0.5));
   EXPECT_GT(loudness(2.0), 0.9 * loudness(1.5)) << "a join is heard";
-}
-
-TEST_F(Film, OfATrackCopiesWithBlackAndSilenceBetween) {
-  record({{"1.mp4", 1, 0, 2}, {"1b.mp4", 1, 4, 6}, {"2.mp4", 2, 0, 9}});
-  asked_.track = 1;
-  ASSERT_EQ(lay(asked_), kLaid);
-  EXPECT_EQ(tag_of_pictures(), "avc3") << "copied";
-  EXPECT_NEAR(static_cast<double>(media_length_us(asked_.output)), 6e6, 1e5);
-  for (const double at_s : {1.0, 3.0, 5.0}) {
-    const bool there = at_s != 3.0;
-    EXPECT_EQ(brightness(at_s, {{160, 90}})[0] > 200, there) << at_s;
-    EXPECT_EQ(loudness(at_s) > 0.1, there) << at_s;
-  }
-}
-
-TEST_F(Film, OfATrackEncodesWhatChangesItsSize) {
-  record({{"1.mp4", 1, 0, 1}, {"1b.mp4", 1, 1, 2, "160x90"}});
-  asked_.track = 1;
-  ASSERT_EQ(lay(asked_), kLaid);
-  EXPECT_EQ(tag_of_pictures(), "avc1");
-  EXPECT_GT(brightness(1.5, {{310, 170}})[0], 200) << "the small picture fills the large one";
 }
 
 TEST_F(Film, BeginsAndEndsWhereItIsTold) {
@@ -177,9 +45,41 @@ TEST_F(Film, BeginsAndEndsWhereItIsTold) {
   asked_.from = "2";
   asked_.to = "2025-11-24T16:00:05Z";
   ASSERT_EQ(lay(asked_), kLaid);
-  EXPECT_NEAR(static_cast<double>(media_length_us(asked_.output)), 3e6, 5e4);
-  EXPECT_LT(brightness(0.9, {{480, 180}})[0], 100);
-  EXPECT_GT(brightness(1.1, {{480, 180}})[0], 200);
+  EXPECT_NEAR(length_s(), 3, 0.05);
+  EXPECT_FALSE(is_white(0.9, 480, 180));
+  EXPECT_TRUE(is_white(1.1, 480, 180));
+}
+
+TEST_F(Film, SaysWhoItIsAndWhen) {
+  record({{"1.mp4", 1, 0, 2}, {"2.mp4", 2, 0, 1}});
+  asked_.names = asked_.clock = true;
+  asked_.edl = path("call.edl");
+  asked_.otio = path("call.otio");
+  asked_.layout = "speaker";
+  asked_.json = true;
+  testing::internal::CaptureStdout();
+  EXPECT_EQ(lay(asked_), kLaid);
+  const std::string said = testing::internal::GetCapturedStdout();
+  std::istringstream last(said.substr(said.rfind('\n', said.size() - 2) + 1));
+  Json::Value end;
+  last >> end;
+  EXPECT_EQ(end["event"], "end");
+  EXPECT_EQ(end["status"], 0);
+  // The first user has all but a strip, with bars; the second is in the middle of the strip. Labels
+  // are white on black.
+  EXPECT_LT(brightness(0.5, {{560, 0}})[0], 30) << "the clock";
+  const auto both = brightness(0.5, {{320, 285}, {320, 324}, {258, 357}});
+  EXPECT_GT(both[0], 200) << "the speaker";
+  EXPECT_GT(both[1], 200) << "the other";
+  EXPECT_LT(both[2], 30) << "a name at the lower edge";
+  const auto empty = brightness(1.8, {{260, 292}, {314, 318}});
+  EXPECT_NEAR(empty[0], 40, 8) << "an empty tile";
+  EXPECT_LT(empty[1], 30) << "a name in its middle";
+  EXPECT_EQ(text_of("call.edl").rfind("TITLE: c\n", 0), 0U);
+  std::istringstream otio(text_of("call.otio"));
+  Json::Value timeline;
+  otio >> timeline;
+  EXPECT_EQ(timeline["tracks"]["children"].size(), 4U);
 }
 
 TEST_F(Film, IsMadeWithoutWhatIsBroken) {
@@ -187,11 +87,146 @@ TEST_F(Film, IsMadeWithoutWhatIsBroken) {
   std::ofstream(path("2.mp4")) << "no media";
   fs::remove(path("3.mp4"));
   EXPECT_EQ(lay(asked_), kNotAll);
-  EXPECT_GT(brightness(0.5, {{160, 180}})[0], 200);
+  EXPECT_TRUE(is_white(0.5, 160, 180));
+  asked_.force = true;
+  asked_.track = 1;
+  EXPECT_EQ(lay(asked_), kLaid) << "nothing of this user is missing";
+  asked_.track = 2;
+  EXPECT_EQ(lay(asked_), kFailed);
+  asked_.track = 3;
+  EXPECT_EQ(lay(asked_), kUsage) << "there is no file to lay";
+}
+
+// What a recorder leaves that dies: fragments, the last of them cut off, and a manifest that is
+// behind, or guesses.
+TEST_F(Film, HasAllOfWhatADyingRecorderLeft) {
+  const char* const behind = R"("closed":"recorder died","audio_codec":"opus")";
+  const char* const guessed = R"("closed":"recorder died","audio_codec":"aac")";
+  for (const char* const entry : {behind, guessed}) {
+    part p = {"1.mp4", 1, 0, 0.2};
+    p.media_s = 4;
+    p.entry = entry;
+    record({p});
+    fs::resize_file(path("1.mp4"), fs::file_size(path("1.mp4")) * 3 / 4);
+    asked_.track = 1;
+    asked_.force = true;
+    EXPECT_EQ(lay(asked_), kLaid);
+    EXPECT_GT(length_s(), 1.9);
+    EXPECT_LT(length_s(), 3.5);
+    EXPECT_TRUE(is_white(1.5));
+    EXPECT_GT(loudness(1.5), 0.3);
+    std::string error;
+    const auto sound = stream_reader::open(asked_.output, AVMEDIA_TYPE_AUDIO, error);
+    ASSERT_NE(sound, nullptr) << error;
+    EXPECT_EQ(sound->parameters().codec_id, AV_CODEC_ID_OPUS) << "copied, whatever was guessed";
+  }
+}
+
+TEST_F(Film, DoesntEndWithADamagedTime) {
+  record({{"1.mp4", 1, 0, 4}});
+  std::string bytes = text_of("1.mp4");
+  // When the two tracks of the fragment of the second second begin.
+  size_t at = 0;
+  for (int track = 0; track < 2; ++track) {
+    at = bytes.find("tfdt", at + 1);
+    ASSERT_NE(at, std::string::npos);
+    bytes.replace(at + 8, 8, std::string("\0\0\x7f\xff\xff\xff\xff\xff", 8));
+  }
+  std::ofstream(path("1.mp4"), std::ios::binary) << bytes;
+  for (const bool copied : {false, true}) {
+    if (copied) asked_.track = 1;
+    asked_.force = true;
+    EXPECT_EQ(lay(asked_), kNotAll) << copied;
+    EXPECT_NEAR(length_s(), 4, 0.1) << copied;
+    for (const double at_s : {0.5, 2.5, 3.5}) {
+      EXPECT_TRUE(is_white(at_s, 310, 170)) << copied << " " << at_s;
+      EXPECT_GT(loudness(at_s), 0.3) << copied << " " << at_s;
+    }
+  }
+}
+
+TEST_F(Film, LosesOneUserWhoseFileIsDamaged) {
+  record({{"1.mp4", 1, 0, 3}, {"2.mp4", 2, 0, 3}});
+  std::string bytes = text_of("2.mp4");
+  const size_t media = bytes.rfind("mdat");
+  ASSERT_NE(media, std::string::npos);
+  for (size_t i = media + 4; i < std::min(media + 2000, bytes.size()); ++i) bytes[i] = '\x5a';
+  std::ofstream(path("2.mp4"), std::ios::binary) << bytes;
+  EXPECT_EQ(lay(asked_), kNotAll);
+  for (const double at_s : {0.2, 1.5, 2.8}) {
+    EXPECT_TRUE(is_white(at_s, 160, 180)) << at_s;
+    EXPECT_GT(loudness(at_s), 0.3) << at_s;
+  }
+}
+
+TEST_F(Film, StopsWherever) {
+  record({{"1.mp4", 1, 0, 1}});
+  part died = {"2.mp4", 2, 0, 1};
+  died.entry = R"("closed":"recorder died","audio_codec":"opus")";
+  const struct {
+    const char* doing;
+    void (*ask)(options&, const std::string&);
+  } rows[] = {
+      {"making a film", [](options&, const std::string&) {}},
+      {"listening", [](options& o, const std::string&) { o.layout = "speaker"; }},
+      {"copying", [](options& o, const std::string&) { o.track = 1; }},
+      {"writing a list",
+       [](options& o, const std::string& f) {
+         o.output.clear();
+         o.otio = f + "/a.otio";
+       }},
+  };
+  for (const auto& row : rows) {
+    options o = asked_;
+    row.ask(o, folder_);
+    EXPECT_EXIT(
+        {
+          watch_stop_signals();
+          (void)std::raise(SIGTERM);
+          std::exit(lay(o));
+        },
+        testing::ExitedWithCode(143), "stopped; nothing is made")
+        << row.doing;
+  }
+  record({died});
+  EXPECT_EXIT(
+      {
+        watch_stop_signals();
+        (void)std::raise(SIGINT);
+        problems found;
+        std::string error;
+        try {
+          (void)read_session(folder_, "", found, error);
+        } catch (const stopped&) {
+          std::exit(3);
+        }
+        std::exit(4);
+      },
+      testing::ExitedWithCode(3), "")
+      << "measuring a file";
+  for (const auto& entry : fs::directory_iterator(folder_)) {
+    EXPECT_NE(entry.path().extension(), ".part") << entry.path();
+  }
+}
+
+TEST_F(Film, IsMadeAndToldWhoeverListens) {
+  record({{"1.mp4", 1, 0, 1}});
+  const std::string tool = fs::read_symlink("/proc/self/exe").parent_path() / "zelta-lay";
+  const std::string lay_it = "timeout 60 " + tool + " " + folder_ + " --json -o " + asked_.output;
+  EXPECT_EQ(std::system((lay_it + " | true").c_str()), 0);
+  EXPECT_TRUE(fs::exists(asked_.output));
+  const std::string refused = lay_it + " --fps 0 2>/dev/null >" + path("said");
+  EXPECT_EQ(WEXITSTATUS(std::system(refused.c_str())), kUsage);
+  std::istringstream said(text_of("said"));
+  Json::Value end;
+  said >> end;
+  EXPECT_EQ(end["event"], "end");
+  EXPECT_EQ(end["status"], 2);
 }
 
 TEST_F(Film, IsRefusedBeforeAnythingIsLost) {
-  record({{"1.mp4", 1, 0, 1}});
+  record({{"1.mp4", 1, 0, 1}, {"2.mp4", 2, 0, 1}});
+  std::ofstream(path("messages.jsonl")) << "hello";
   const struct {
     const char* what;
     void (*ask)(options&, const std::string&);
@@ -202,6 +237,35 @@ TEST_F(Film, IsRefusedBeforeAnythingIsLost) {
          o.output = f + "/1.mp4";
          o.force = true;
        }},
+      {"another user's file",
+       [](options& o, const std::string& f) {
+         o.output = f + "/2.mp4";
+         o.track = 1;
+         o.force = true;
+       }},
+      {"messages",
+       [](options& o, const std::string& f) {
+         o.otio = f + "/messages.jsonl";
+         o.force = true;
+       }},
+      {"a recorder's name",
+       [](options& o, const std::string& f) { o.output = f + "/7_20260131T120000000.mp4"; }},
+      {"a folder",
+       [](options& o, const std::string& f) {
+         o.otio = f;
+         o.force = true;
+       }},
+      {"one name twice",
+       [](options& o, const std::string& f) {
+         o.edl = f + "/a.edl";
+         o.otio = f + "/./a.edl";
+         o.track = 1;
+       }},
+      {"a rate of what is copied",
+       [](options& o, const std::string&) {
+         o.track = 1;
+         o.fps_asked = true;
+       }},
       {"no folder", [](options& o, const std::string& f) { o.output = f + "/no/a.mp4"; }},
       {"no recording", [](options& o, const std::string&) { o.folder = "/nowhere"; }},
       {"no such user", [](options& o, const std::string&) { o.track = 9; }},
@@ -209,14 +273,36 @@ TEST_F(Film, IsRefusedBeforeAnythingIsLost) {
       {"an empty span", [](options& o, const std::string&) { o.from = "5"; }},
       {"no time", [](options& o, const std::string&) { o.to = "soon"; }},
   };
-  const auto bytes = fs::file_size(path("1.mp4"));
+  const auto all = [this] {
+    std::vector<std::string> made;
+    for (const auto& entry : fs::directory_iterator(folder_)) {
+      made.push_back(text_of(entry.path().filename().string()));
+    }
+    return made;
+  };
+  const std::vector<std::string> before = all();
   for (const auto& row : rows) {
     options o = asked_;
     row.ask(o, folder_);
     EXPECT_EQ(lay(o), kUsage) << row.what;
-    EXPECT_EQ(fs::file_size(path("1.mp4")), bytes) << row.what;
-    EXPECT_FALSE(fs::exists(path("film.mp4"))) << row.what;
+    EXPECT_EQ(all(), before) << row.what;
   }
+}
+
+TEST_F(Film, TakesNobodysName) {
+  std::string part;
+  {
+    new_file mine(asked_.output, false);
+    new_file other(asked_.output, true);
+    part = mine.part();
+    EXPECT_NE(part, other.part());
+    mine.write("mine");
+    other.write("other");
+    other.finish();
+    EXPECT_THROW(mine.finish(), std::runtime_error);
+  }
+  EXPECT_EQ(text_of("film.mp4"), "other");
+  EXPECT_FALSE(fs::exists(part));
 }
 
 TEST(Limiter, KeepsItsPlaceAndFullScale) {
@@ -267,6 +353,46 @@ TEST(Canvas, CropsOrLeavesBarsAndShinesThrough) {
     EXPECT_NEAR(*pixel(got, 0, 10, 100), row.left, 2);
     EXPECT_NEAR(*pixel(got, 0, 200, 100), row.middle, 2);
   }
+}
+
+TEST(Canvas, ShowsColoursAsTheyWereMeant) {
+  // Red, as three ways to write it have it, and as films do.
+  const struct {
+    AVColorSpace space;
+    AVColorRange range;
+    int y, u, v;
+  } rows[] = {{AVCOL_SPC_UNSPECIFIED, AVCOL_RANGE_UNSPECIFIED, 81, 90, 240},
+              {AVCOL_SPC_BT709, AVCOL_RANGE_MPEG, 63, 102, 240},
+              {AVCOL_SPC_SMPTE170M, AVCOL_RANGE_JPEG, 76, 85, 255}};
+  for (const auto& row : rows) {
+    const av_ptr<AVFrame> red = make_picture(64, 64);
+    red->colorspace = row.space;
+    red->color_range = row.range;
+    const int values[] = {row.y, row.u, row.v};
+    for (int plane = 0; plane < 3; ++plane) {
+      const int side = plane == 0 ? 64 : 32;
+      for (int line = 0; line < side; ++line) {
+        std::fill_n(pixel(*red, plane, 0, line), side, static_cast<uint8_t>(values[plane]));
+      }
+    }
+    canvas c(64, 64);
+    tile t;
+    t.width = t.height = 64;
+    for (int twice = 0; twice < 2; ++twice) ASSERT_TRUE(c.draw(*red, t, 0));
+    const int expected[] = {81, 90, 240};
+    for (int plane = 0; plane < 3; ++plane) {
+      EXPECT_NEAR(*pixel(c.picture(), plane, 10, 10), expected[plane], 3) << row.space;
+    }
+  }
+}
+
+TEST(Label, StaysInItsTile) {
+  for (const int most : {4, 20, 40, 100, 400}) {
+    const label l = draw_label("a long name that has no room in its tile", 20, most);
+    EXPECT_LE(l.width, most);
+    EXPECT_EQ(l.cover.size(), static_cast<size_t>(l.width) * static_cast<size_t>(l.height));
+  }
+  EXPECT_EQ(draw_label("a", 20, 20).width, 0) << "not even an ellipsis has room";
 }
 
 }  // namespace

@@ -41,9 +41,8 @@ session arranged(const std::vector<recordings::media_file>& files) {
   recordings::manifest m;
   m.files = files;
   m.names[2] = "Ada";
-  problems found;
   std::string error;
-  auto made = arrange({m}, "/r", "", found, error);
+  auto made = arrange({m}, "/r", "", error);
   EXPECT_TRUE(made) << error;
   return made ? *made : session{};
 }
@@ -63,23 +62,58 @@ TEST(Session, StandsOnOneTimelineWhateverTheOrderOfFiles) {
   EXPECT_EQ(s.users[1].name, "Ada");
 }
 
-TEST(Session, NamesWhatItCantLay) {
+TEST(Session, KnowsWhoseFilesItCantLay) {
   recordings::manifest m;
   m.files = {file("a", 1, 0, 1000), file("gone", 2, 0, 1000), file("other", 3, 0, 1000)};
   m.files[1].bytes = 0;
-  problems found;
   std::string error;
-  EXPECT_TRUE(arrange({m}, "/r", "", found, error));
-  ASSERT_EQ(found.lines().size(), 1U);
-  EXPECT_EQ(found.lines()[0], "gone of user 2 is missing or empty");
+  const auto all = arrange({m}, "/r", "", error);
+  ASSERT_TRUE(all);
+  EXPECT_TRUE(all->find(1)->missing.empty());
+  EXPECT_EQ(all->find(2)->missing, std::vector<std::string>{"gone of user 2 is missing or empty"});
   m.files[2].channel_id = "d";
   for (const char* channel : {"", "e"}) {
-    EXPECT_FALSE(arrange({m}, "/r", channel, found, error));
+    EXPECT_FALSE(arrange({m}, "/r", channel, error));
     EXPECT_NE(error.find("\"c\", \"d\""), std::string::npos) << error;
   }
-  const auto chosen = arrange({m}, "/r", "d", found, error);
+  const auto chosen = arrange({m}, "/r", "d", error);
   ASSERT_TRUE(chosen);
+  EXPECT_EQ(chosen->users.size(), 1U);
   EXPECT_EQ(chosen->users[0].uid, 3U);
+}
+
+TEST(Session, LeavesOutTimesThatCantBe) {
+  constexpr int64_t kMost = INT64_MAX;
+  constexpr int64_t kLeast = INT64_MIN;
+  constexpr int64_t kMonth = int64_t{31} * 24 * 3600 * 1000;
+  const int64_t rows[][2] = {
+      {0, 5},         {-7, 5},       {kLeast, kMost},     {kMost, kMost},       {2000, 1000},
+      {1000, kLeast}, {1000, kMost}, {kMost - 1, kLeast}, {1000, kMonth + 1001}};
+  for (const auto& row : rows) {
+    recordings::manifest m;
+    m.files = {file("a", 1, 0, 1000), file("b", 2, 0, 0)};
+    m.files[1].first_utc_ms = row[0];
+    m.files[1].last_utc_ms = row[1];
+    std::string error;
+    const auto made = arrange({m}, "/r", "", error);
+    ASSERT_TRUE(made) << error;
+    EXPECT_EQ(made->length_us, 1000000) << row[0];
+    EXPECT_EQ(made->zero_utc_us, 1000000000) << row[0];
+    ASSERT_EQ(made->find(2)->missing.size(), 1U) << row[0];
+  }
+}
+
+TEST(Session, KnowsNamesOfOtherSessions) {
+  recordings::manifest first;
+  first.channel_id = "c";
+  first.files = {file("a", 1, 0, 1000)};
+  recordings::manifest second = first;
+  second.files = {file("b", 1, 2000, 3000)};
+  second.names[1] = "Ada";
+  std::string error;
+  const auto made = arrange({first, second}, "/r", "", error);
+  ASSERT_TRUE(made) << error;
+  EXPECT_EQ(made->users[0].name, "Ada");
 }
 
 TEST(Tiles, CoverThePictureWithoutOverlap) {
@@ -166,10 +200,42 @@ TEST(Time, IsTakenAsPeopleWriteIt) {
   EXPECT_EQ(time_text(3723004000), "1:02:03.004");
 }
 
+TEST(Tiles, AreLeftOutWhereTheyHaveNoRoom) {
+  std::vector<uint32_t> users;
+  for (uint32_t uid = 1; uid <= 5000; ++uid) users.push_back(uid);
+  for (const auto& tiles : {grid_tiles(users, 64, 64), side_by_side_tiles(users, 64, 64),
+                            speaker_tiles(users, 1, 64, 64)}) {
+    for (const tile& t : tiles) EXPECT_TRUE(t.width >= 2 && t.height >= 2);
+  }
+}
+
+// Of files that aren't there, so that what is decoded is told.
+TEST(Turns, DecodeOnlyWhoseVolumesNobodyNoted) {
+  const session s =
+      arranged({file("a", 1, 0, 2000), file("b", 2, 0, 1000), file("b2", 2, 1000, 2000)});
+  recordings::volume_lines noted;
+  noted[1] = {{1000000, 200, {255, 0, 0, 0, 26}}};
+  noted[2] = {{1001200, 200, {255}}};
+  problems found;
+  int64_t heard_us = 0;
+  const auto got = measure_levels(s, noted, {500000, 2000000}, found,
+                                  [&](int64_t done_us, int64_t) { heard_us = done_us; });
+  ASSERT_EQ(got.size(), 2U);
+  ASSERT_EQ(got[0].db.size(), 15U);
+  EXPECT_EQ(got[0].db[0], kSilence);
+  EXPECT_NEAR(got[0].db[3], -22.8F, 0.1F) << "a tenth of full scale, from 0.8 s to 1.0 s";
+  EXPECT_NEAR(got[0].db[4], -22.8F, 0.1F);
+  EXPECT_EQ(got[0].db[5], kSilence);
+  EXPECT_NEAR(got[1].db[7], -3, 0.1F);
+  EXPECT_GT(heard_us, 1500000) << "the second user's first file is listened to";
+  ASSERT_EQ(found.lines().size(), 1U);
+  EXPECT_EQ(found.lines()[0].rfind("b, sound", 0), 0U) << found.lines()[0];
+}
+
 TEST(EditLists, CutWhereTheTurnsAre) {
   const session s = arranged(
       {file("a.mp4", 1, 0, 4000), file("a2.mp4", 1, 4000, 9000), file("b.mp4", 2, 1000, 9000)});
-  EXPECT_EQ(edit_decision_list(s, {{2000000, 1}, {5000000, 2}}, {2000000, 8000000}, 25),
+  EXPECT_EQ(edit_decision_list(s, {{2000000, 1}, {5000000, 2}}, {2000000, 8000000}, 25).text,
             "TITLE: c\nFCM: NON-DROP FRAME\n"
             "\n001  AX       B     C        00:00:02:00 00:00:04:00 00:00:00:00 00:00:02:00\n"
             "* FROM CLIP NAME: a.mp4\n"
@@ -177,6 +243,17 @@ TEST(EditLists, CutWhereTheTurnsAre) {
             "* FROM CLIP NAME: a2.mp4\n"
             "\n003  AX       B     C        00:00:04:00 00:00:07:00 00:00:03:00 00:00:06:00\n"
             "* FROM CLIP NAME: b.mp4\n");
+}
+
+TEST(EditLists, CountTheirEventsAndHoldNoOthersLines) {
+  session s = arranged({file("a\n001", 1, 0, 400000), file("b", 2, 0, 400000)});
+  s.channel_id = "c\r\n* \x1b\xc2\x9b";
+  std::vector<turn> turns;
+  for (uint32_t i = 0; i < 1200; ++i) turns.push_back({int64_t{i} * 100000, 1 + i % 2});
+  const edit_list list = edit_decision_list(s, turns, {0, 120000000}, 25);
+  EXPECT_EQ(list.events, 1200);
+  EXPECT_EQ(list.text.rfind("TITLE: c  *    \nFCM", 0), 0U) << list.text.substr(0, 40);
+  EXPECT_EQ(std::count(list.text.begin(), list.text.end(), '\n'), 2 + 3 * 1200);
 }
 
 // "gap 25, clip a.mp4 0+50" of a track.
@@ -224,6 +301,13 @@ TEST(Options, RefuseWhatContradictsItselfAndSayWhatWouldBeRight) {
       {{"folder", "-o", "a.mp4", "--track", "-1"}, "--track"},
       {{"folder", "-o", "a.mp4", "--track", "1", "--layout", "speaker"}, "--track for one"},
       {{"folder", "--edl", "a.edl"}, "--layout speaker"},
+      {{"folder", "--otio", "a", "--names"}, "add -o"},
+      {{"folder", "--otio", "a", "--audio-only"}, "add -o"},
+      {{"folder", "--otio", "a", "--layout", "speaker"}, "--layout is for a film"},
+      {{"folder", "--otio", "a", "--size", "640x360"}, "--size"},
+      {{"folder", "-o", "a.mp4", "--track", "1", "--size", "640x360"}, "--track keeps"},
+      {{"folder", "-o", "a.m4a", "--audio-only", "--fps", "30"}, "--fps"},
+      {{"folder", "-o", "a.m4a", "--audio-only", "--layout", "speaker"}, "--layout is for a film"},
   };
   for (const auto& row : rows) {
     std::vector<const char*> all = {"zelta-lay"};

@@ -52,6 +52,7 @@ inline uint8_t* pixel(const AVFrame& picture, int plane, int x, int y) {
 }
 
 constexpr AVRational kMicroseconds = {1, 1000000};
+constexpr int64_t kSecond = 1000000;  // microseconds
 constexpr int kSampleRate = 48000;
 
 }  // namespace zelta::lay

@@ -22,17 +22,19 @@ class canvas {
   // The tile without a picture.
   void draw_empty(const tile& to);
   // Scaled, whole with bars or cropped, as the tile says. `slot` tells tiles apart, whose scalers
-  // are kept.
-  void draw(const AVFrame& from, const tile& to, size_t slot);
+  // are kept. False, and nothing is drawn, for a picture of a kind that can't be scaled.
+  bool draw(const AVFrame& from, const tile& to, size_t slot);
 
   AVFrame& picture() { return *picture_; }
 
  private:
+  // A scaler, and what it was made for.
   struct scaled {
     av_ptr<SwsContext> scaler;
+    std::array<int, 5> from = {};
     av_ptr<AVFrame> picture;
   };
-  const AVFrame& scale(const AVFrame& from, const tile& to, scaled& by);
+  const AVFrame* scale(const AVFrame& from, const tile& to, scaled& by);
 
   av_ptr<AVFrame> picture_;
   std::map<size_t, scaled> scaled_;

@@ -8,8 +8,6 @@
 namespace zelta::lay {
 namespace {
 
-constexpr int64_t kSecond = 1000000;
-
 std::string clock_text(int64_t utc_s) {
   const auto when = static_cast<time_t>(utc_s);
   tm parts{};
@@ -42,7 +40,7 @@ bool tiles_overlap(const std::vector<tile>& tiles) {
 }
 
 composer::composer(const session& of, picture_plan plan, problems& found)
-    : of_(of), plan_(std::move(plan)), canvas_(plan_.width, plan_.height) {
+    : of_(of), plan_(std::move(plan)), found_(found), canvas_(plan_.width, plan_.height) {
   for (const user& u : of.users) {
     if (!u.has_picture()) continue;
     users_.push_back(u.uid);
@@ -65,6 +63,7 @@ void composer::sit(const std::vector<tile>& tiles) {
     const user* const u = of_.find(t.uid);
     if (plan_.names && u != nullptr) {
       s.name = draw_label(u->name, font_of(plan_.height), t.width);
+      if (s.name.height > t.height) s.name = {};
     }
     seats_.push_back(std::move(s));
   }
@@ -94,31 +93,38 @@ bool composer::pictures_changed(int64_t t_us, std::vector<bool>& changed) {
   return any || all_anew_;
 }
 
-void composer::draw(seat& s, size_t slot) {
-  if (s.picture == nullptr) {
-    canvas_.draw_empty(s.where);
-  } else {
-    canvas_.draw(*s.picture, s.where, slot);
+void composer::draw_picture(const seat& s, size_t slot) {
+  if (s.picture != nullptr) {
+    if (canvas_.draw(*s.picture, s.where, slot)) return;
+    found_.add("pictures of user " + std::to_string(s.where.uid) + " are of a kind that can't be " +
+               "scaled");
   }
-  if (s.name.width == 0) return;
-  const int y = std::max(s.where.y, s.where.y + (s.where.height - s.name.height) / 2 * 2);
-  put_label(
-      s.name, s.where.x,
-      s.picture == nullptr ? y : s.where.y + std::max(0, s.where.height - s.name.height) / 2 * 2,
-      canvas_.picture());
+  canvas_.draw_empty(s.where);
 }
 
-void composer::draw_clock(int64_t t_us) {
+void composer::draw(seat& s, size_t slot) {
+  draw_picture(s, slot);
+  if (s.name.width == 0) return;
+  const int right = s.where.width - s.name.width;
+  const int down = s.where.height - s.name.height;
+  const bool empty = s.picture == nullptr;
+  put_label(s.name, s.where.x + (empty ? right / 4 * 2 : 0),
+            s.where.y + (empty ? down / 4 * 2 : down / 2 * 2), canvas_.picture());
+}
+
+void composer::set_clock(int64_t t_us) {
   const int64_t utc_s = (of_.zero_utc_us + t_us) / kSecond;
-  if (utc_s != clock_s_) {
-    clock_ = draw_label(clock_text(utc_s), font_of(plan_.height), plan_.width);
-    clock_s_ = utc_s;
-  }
-  put_label(clock_, std::max(0, plan_.width - clock_.width) / 2 * 2, 0, canvas_.picture());
+  if (utc_s == clock_s_) return;
+  clock_s_ = utc_s;
+  label next = draw_label(clock_text(utc_s), font_of(plan_.height), plan_.width);
+  // A narrower one would leave the edges of the one before.
+  if (next.width != clock_.width || next.height != clock_.height) all_anew_ = true;
+  clock_ = std::move(next);
 }
 
 AVFrame& composer::at(int64_t t_us) {
   seat_those_of(t_us);
+  if (plan_.clock) set_clock(t_us);
   std::vector<bool> changed;
   if (pictures_changed(t_us, changed)) {
     canvas_.begin();
@@ -131,7 +137,7 @@ AVFrame& composer::at(int64_t t_us) {
   }
   if (plan_.clock) {
     canvas_.begin();
-    draw_clock(t_us);
+    put_label(clock_, std::max(0, plan_.width - clock_.width) / 2 * 2, 0, canvas_.picture());
   }
   return canvas_.picture();
 }

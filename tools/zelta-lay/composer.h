@@ -49,11 +49,13 @@ class composer {
   void sit(const std::vector<tile>& tiles);
   void seat_those_of(int64_t t_us);
   void draw(seat& s, size_t slot);
-  void draw_clock(int64_t t_us);
+  void set_clock(int64_t t_us);
+  void draw_picture(const seat& s, size_t slot);
   bool pictures_changed(int64_t t_us, std::vector<bool>& changed);
 
   const session& of_;
   picture_plan plan_;
+  problems& found_;
   canvas canvas_;
   std::map<uint32_t, std::unique_ptr<picture_track>> tracks_;
   std::vector<uint32_t> users_;  // who have pictures

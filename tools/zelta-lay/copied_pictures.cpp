@@ -8,12 +8,11 @@
 #include "canvas.h"
 #include "encoder.h"
 #include "lane.h"
-#include "stream_reader.h"
+#include "stretch_walk.h"
 
 namespace zelta::lay {
 namespace {
 
-constexpr int64_t kSecond = 1000000;
 // So short a hole is a late picture, not an absence.
 constexpr int64_t kHoleUs = 500000;
 constexpr int kFps = 25;
@@ -28,7 +27,7 @@ class annex_b {
     av_check(av_bsf_alloc(kind, &made), kind->name);
     filter_.reset(made);
     av_check(avcodec_parameters_copy(made->par_in, &of.parameters()), kind->name);
-    made->time_base_in = of.time_base();
+    made->time_base_in = kMicroseconds;
     av_check(av_bsf_init(made), kind->name);
   }
 
@@ -60,146 +59,144 @@ av_ptr<AVPacket> black_key_frame(int width, int height) {
 class copied_picture_lane : public lane {
  public:
   copied_picture_lane(const user& of, const span& what, film_file& into, problems& found)
-      : of_(of), what_(what), into_(into), found_(found) {
-    const auto first = std::find_if(of.stretches.begin(), of.stretches.end(),
-                                    [](const stretch& s) { return s.has_picture(); });
-    black_ = black_key_frame(first->width, first->height);
-    const av_ptr<AVCodecParameters> parameters = parameters_of_first();
+      : walk_(of, AVMEDIA_TYPE_VIDEO, found), what_(what), into_(into) {
+    const av_ptr<AVCodecParameters> parameters = parameters_of_first(of);
+    black_ = black_key_frame(parameters->width, parameters->height);
     stream_ = into.add_stream(*parameters, kFine);
   }
 
   int64_t reached_us() const override { return reached_us_; }
 
+  // The film's end is where the last picture's is.
   bool advance() override {
-    if (reader_ == nullptr && !open_next()) {
-      if (reached_us_ >= what_.length_us()) return false;
-      write_black(what_.length_us());
+    if (has_packet_) return place();
+    if (!walk_.is_open() && (is_over_ || !open_next())) {
+      if (reached_us_ < what_.length_us()) return add_black(what_.length_us());
+      write_held(av_rescale_q(what_.length_us(), kMicroseconds, kFine));
+      return false;
+    }
+    if (!walk_.next_packet(*packet_)) {
+      // The last picture stays until the file ends, which its sound may do later.
+      reach(walk_.current().end_us - what_.from_us);
       return true;
     }
-    const int64_t begin_us = current_->begin_us - what_.from_us;
-    if (!reader_->next_packet(*packet_)) {
-      close();
-      return true;
-    }
-    if (packet_->pts == AV_NOPTS_VALUE || !filter_->convert(*packet_)) {
-      found_.add(current_->name + ", picture: a packet can't be copied");
-      return true;
-    }
-    packet_->pts = av_rescale_q(packet_->pts, reader_->time_base(), kMicroseconds) + begin_us;
-    packet_->dts = av_rescale_q(packet_->dts == AV_NOPTS_VALUE ? packet_->pts : packet_->dts,
-                                reader_->time_base(), kMicroseconds) +
-                   begin_us;
-    return place();
+    has_packet_ = filter_->convert(*packet_);
+    if (!has_packet_) walk_.add_fault("a packet can't be copied");
+    return true;
   }
 
  private:
-  av_ptr<AVCodecParameters> parameters_of_first() {
+  static av_ptr<AVCodecParameters> parameters_of_first(const user& of) {
     av_ptr<AVCodecParameters> made(avcodec_parameters_alloc());
     if (made == nullptr) throw std::bad_alloc();
     std::string error;
-    for (const stretch& s : of_.stretches) {
+    for (const stretch& s : of.stretches) {
       if (!s.has_picture()) continue;
       const auto reader = stream_reader::open(s.path, AVMEDIA_TYPE_VIDEO, error);
-      if (reader == nullptr) continue;
-      const annex_b filter(*reader);
-      av_check(avcodec_parameters_copy(made.get(), &filter.parameters()), s.name);
-      made->codec_tag = MKTAG('a', 'v', 'c', '3');
-      return made;
+      if (reader == nullptr || reader->parameters().codec_id != AV_CODEC_ID_H264) continue;
+      if (const auto filter = filter_of(*reader)) {
+        av_check(avcodec_parameters_copy(made.get(), &filter->parameters()), s.name);
+        made->codec_tag = MKTAG('a', 'v', 'c', '3');
+        return made;
+      }
     }
-    throw std::runtime_error("no picture of user " + std::to_string(of_.uid) + " can be read");
+    throw nothing_to_copy("no picture of user " + std::to_string(of.uid) + " can be read");
+  }
+
+  // None for a file without the headers that it needs.
+  static std::unique_ptr<annex_b> filter_of(const stream_reader& of) {
+    try {
+      return std::make_unique<annex_b>(of);
+    } catch (const std::runtime_error&) {
+      return nullptr;
+    }
   }
 
   bool open_next() {
-    for (; next_stretch_ < of_.stretches.size(); ++next_stretch_) {
-      const stretch& s = of_.stretches[next_stretch_];
-      if (!s.has_picture() || s.end_us <= what_.from_us) continue;
-      if (s.begin_us >= what_.to_us) return false;
-      std::string error;
-      reader_ = stream_reader::open(s.path, AVMEDIA_TYPE_VIDEO, error);
-      if (reader_ == nullptr) {
-        found_.add(s.name + ", picture: " + error);
-        continue;
+    while (walk_.open_next(what_.from_us, what_.to_us)) {
+      filter_ = filter_of(walk_.reader());
+      if (filter_ != nullptr) {
+        if (walk_.current().begin_us < what_.from_us) walk_.seek(what_.from_us);
+        // A hole before it is seen by its first picture.
+        is_first_ = true;
+        return true;
       }
-      current_ = &s;
-      ++next_stretch_;
-      filter_ = std::make_unique<annex_b>(*reader_);
-      if (s.begin_us < what_.from_us) reader_->seek(what_.from_us - s.begin_us);
-      // A hole before it is seen by its first picture.
-      at_start_ = true;
-      return true;
+      walk_.add_fault("its H.264 can't be copied");
+      walk_.close();
     }
     return false;
   }
 
-  void close() {
-    if (!reader_->fault().empty()) found_.add(current_->name + ", picture: " + reader_->fault());
-    // The last picture stays until the file ends, which its sound may do later.
-    reached_us_ =
-        std::max(reached_us_, std::min(current_->end_us - what_.from_us, reached_us_ + kHoleUs));
-    reader_.reset();
-  }
+  void reach(int64_t us) { reached_us_ = std::max(reached_us_, std::min(us, what_.length_us())); }
 
+  // The packet that waits, or black before it.
   bool place() {
-    if (at_start_) {
-      if (packet_->pts - reached_us_ > kHoleUs) write_black_before(packet_->pts);
-      at_start_ = false;
-    }
-    if (packet_->pts < 0) {
-      // Of a key frame that stands before --from what leads to it is decoded and not shown.
-      packet_->flags |= AV_PKT_FLAG_DISCARD;
-    }
-    if (packet_->pts >= what_.length_us()) {
-      reached_us_ = std::max(reached_us_, what_.length_us());
-      reader_.reset();
-      next_stretch_ = of_.stretches.size();
+    const int64_t shown = packet_->pts - what_.from_us;
+    if (packet_->dts >= what_.to_us) {
+      reach(what_.length_us());
+      is_over_ = true;
+      has_packet_ = false;
+      walk_.close();
       return true;
     }
-    reached_us_ = std::max(reached_us_, packet_->pts + kSecond / kFps);
+    if (is_first_ && shown - reached_us_ > kHoleUs) is_hole_ = true;
+    is_first_ = false;
+    if (is_hole_ && reached_us_ < std::min(shown, what_.length_us())) {
+      return add_black(std::min(shown, what_.length_us()));
+    }
+    has_packet_ = is_hole_ = false;
+    // Of a key frame that stands before --from what leads to it is decoded and not shown.
+    if (shown < 0) packet_->flags |= AV_PKT_FLAG_DISCARD;
+    reach(shown + kSecond / kFps);
+    // What is decoded before the end and shown behind it would stand among what comes then.
+    const int64_t end = std::min(walk_.current().end_us, what_.to_us);
+    if (packet_->dts < end) packet_->pts = std::min(packet_->pts, end - 1);
     write(*packet_);
     return true;
   }
 
-  void write_black_before(int64_t until_us) {
-    const av_ptr<AVPacket> waiting(av_packet_clone(packet_.get()));
-    if (waiting == nullptr) throw std::bad_alloc();
-    write_black(until_us);
-    av_packet_unref(packet_.get());
-    av_packet_move_ref(packet_.get(), waiting.get());
+  bool add_black(int64_t until_us) {
+    const av_ptr<AVPacket> packet(av_packet_clone(black_.get()));
+    if (packet == nullptr) throw std::bad_alloc();
+    packet->pts = packet->dts = reached_us_ + what_.from_us;
+    reach(std::min(until_us, reached_us_ + kSecond));
+    write(*packet);
+    return true;
   }
 
-  void write_black(int64_t until_us) {
-    while (reached_us_ < until_us) {
-      av_packet_unref(packet_.get());
-      av_check(av_packet_ref(packet_.get(), black_.get()), "memory for a picture");
-      packet_->pts = packet_->dts = reached_us_;
-      reached_us_ = std::min(until_us, reached_us_ + kSecond);
-      write(*packet_);
-    }
-  }
-
+  // A picture lasts until the next one, so one is held back.
   void write(AVPacket& packet) {
-    packet.pts = av_rescale_q(packet.pts, kMicroseconds, kFine);
-    packet.dts = av_rescale_q(packet.dts, kMicroseconds, kFine);
+    packet.pts = av_rescale_q(packet.pts - what_.from_us, kMicroseconds, kFine);
+    packet.dts = av_rescale_q(packet.dts - what_.from_us, kMicroseconds, kFine);
     // Times of two files needn't agree to the last microsecond.
     packet.dts = std::max(packet.dts, last_dts_ + 1);
     packet.pts = std::max(packet.pts, packet.dts);
-    packet.duration = 0;
     last_dts_ = packet.dts;
-    into_.write(packet, stream_, kFine);
+    write_held(packet.dts);
+    av_packet_move_ref(held_.get(), &packet);
+    holds_ = true;
   }
 
-  const user& of_;
+  void write_held(int64_t until) {
+    if (!holds_) return;
+    holds_ = false;
+    held_->duration = std::max<int64_t>(1, until - held_->dts);
+    into_.write(*held_, stream_, kFine);
+  }
+
+  stretch_walk walk_;
   span what_;
   film_file& into_;
-  problems& found_;
   int stream_ = 0;
-  size_t next_stretch_ = 0;
-  const stretch* current_ = nullptr;
-  std::unique_ptr<stream_reader> reader_;
   std::unique_ptr<annex_b> filter_;
   av_ptr<AVPacket> packet_ = make_packet();
+  bool has_packet_ = false;
+  bool is_first_ = false;
+  bool is_hole_ = false;  // before the packet that waits
+  bool is_over_ = false;
   av_ptr<AVPacket> black_;
-  bool at_start_ = false;
+  av_ptr<AVPacket> held_ = make_packet();
+  bool holds_ = false;
   int64_t reached_us_ = 0;
   int64_t last_dts_ = INT64_MIN / 2;
 };

@@ -7,6 +7,8 @@
 #include <json/json.h>
 
 #include "av.h"
+#include "plain_text.h"
+#include "zelta-record/percent.h"
 
 namespace zelta::lay {
 namespace {
@@ -20,7 +22,7 @@ struct cut {
 };
 
 int64_t frames(int64_t us, int fps) {
-  return av_rescale(us, fps, 1000000);
+  return av_rescale(us, fps, kSecond);
 }
 
 void add_cut(std::vector<cut>& to, const stretch& s, int64_t from_us, int64_t to_us,
@@ -79,21 +81,6 @@ Json::Value item(const char* name, const std::string& title) {
   return made;
 }
 
-// RFC 3986: all but what needn't be is written as its number.
-std::string url_of(const std::string& path) {
-  static constexpr char kPlain[] = "-._~/";
-  std::string made;
-  for (const char c : path) {
-    const auto byte = static_cast<unsigned char>(c);
-    const bool plain = (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') ||
-                       std::string(kPlain).find(c) != std::string::npos;
-    char text[8];
-    std::snprintf(text, sizeof text, plain ? "%c" : "%%%02X", byte);
-    made += text;
-  }
-  return made;
-}
-
 Json::Value gap_item(int64_t length, int fps) {
   Json::Value made = item("Gap.1", "");
   made["source_range"] = time_range(0, length, fps);
@@ -104,7 +91,7 @@ Json::Value clip_item(const cut& c, int fps) {
   Json::Value made = item("Clip.1", c.of->name);
   made["source_range"] = time_range(c.source, c.end - c.begin, fps);
   Json::Value file = schema("ExternalReference.1");
-  file["target_url"] = "file://" + url_of(c.of->path);
+  file["target_url"] = "file://" + record::percent_encoded(c.of->path, "/");
   file["available_range"] = time_range(
       0, std::max(frames(c.of->end_us - c.of->begin_us, fps), c.source + c.end - c.begin), fps);
   file["metadata"] = Json::Value(Json::objectValue);
@@ -153,18 +140,19 @@ std::vector<cut> cuts_of(const session& of, const std::vector<turn>& turns, cons
 
 }  // namespace
 
-std::string edit_decision_list(const session& of, const std::vector<turn>& turns, const span& what,
-                               int fps) {
-  std::string made = "TITLE: " + of.channel_id + "\nFCM: NON-DROP FRAME\n";
-  int number = 0;
+edit_list edit_decision_list(const session& of, const std::vector<turn>& turns, const span& what,
+                             int fps) {
+  edit_list made;
+  made.text = "TITLE: " + plain_text(of.channel_id) + "\nFCM: NON-DROP FRAME\n";
   for (const cut& c : cuts_of(of, turns, what, fps)) {
     const int64_t length = c.end - c.begin;
     char head[64];
     // Of a file no reel is known; the comment has its name.
-    std::snprintf(head, sizeof head, "\n%03d  AX       %s C        ", ++number, channels_of(*c.of));
-    made += head + timecode(c.source, fps) + " " + timecode(c.source + length, fps) + " " +
-            timecode(c.begin, fps) + " " + timecode(c.end, fps) +
-            "\n* FROM CLIP NAME: " + c.of->name + "\n";
+    std::snprintf(head, sizeof head, "\n%03d  AX       %s C        ", ++made.events,
+                  channels_of(*c.of));
+    made.text += head + timecode(c.source, fps) + " " + timecode(c.source + length, fps) + " " +
+                 timecode(c.begin, fps) + " " + timecode(c.end, fps) +
+                 "\n* FROM CLIP NAME: " + plain_text(c.of->name) + "\n";
   }
   return made;
 }

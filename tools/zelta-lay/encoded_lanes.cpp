@@ -11,7 +11,6 @@
 namespace zelta::lay {
 namespace {
 
-constexpr int64_t kSecond = 1000000;
 constexpr int kBlock = 4800;
 
 class picture_lane : public lane {

@@ -30,6 +30,9 @@ av_ptr<AVCodecContext> open_picture_encoder(int width, int height, int fps, bool
   made->height = height;
   made->pix_fmt = AV_PIX_FMT_YUV420P;
   made->color_range = AVCOL_RANGE_MPEG;
+  made->colorspace = AVCOL_SPC_SMPTE170M;
+  made->color_primaries = AVCOL_PRI_SMPTE170M;
+  made->color_trc = AVCOL_TRC_SMPTE170M;
   made->time_base = {1, fps};
   made->framerate = {fps, 1};
   made->gop_size = kKeyFrameSeconds * fps;

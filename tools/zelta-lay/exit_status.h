@@ -14,7 +14,7 @@ enum exit_status : int {
 
 constexpr const char* kStatusHelp =
     "Exit status: 0 laid, 1 it couldn't be made, 2 bad usage, 5 laid without what is missing or "
-    "broken. After SIGINT, SIGTERM or SIGHUP: 128 and its number, and no film. Unless it is 0, the "
+    "broken. After SIGINT, SIGTERM or SIGHUP: 128 and its number. Unless it is 0, the "
     "last lines say why.";
 
 }  // namespace zelta::lay

@@ -53,21 +53,22 @@ owned<PangoLayout> text_layout(cairo_t* on, const std::string& text, int font_pi
 
 label draw_label(const std::string& text, int font_pixels, int most_width) {
   const int margin = std::max(2, font_pixels / 4);
+  const int room = most_width - 2 * margin;
+  // An ellipsis is about as wide.
+  if (room < font_pixels) return {};
   const owned<cairo_surface_t> nothing = surface(1, 1);
   const owned<cairo_t> measure(cairo_create(nothing.get()));
   int width = 0;
   int height = 0;
-  pango_layout_get_pixel_size(
-      text_layout(measure.get(), text, font_pixels, most_width - 2 * margin).get(), &width,
-      &height);
+  pango_layout_get_pixel_size(text_layout(measure.get(), text, font_pixels, room).get(), &width,
+                              &height);
   label made;
-  made.width = (width + 2 * margin + 1) / 2 * 2;
+  made.width = std::min((width + 2 * margin + 1) / 2, most_width / 2) * 2;
   made.height = (height + margin + 1) / 2 * 2;
   const owned<cairo_surface_t> drawn = surface(made.width, made.height);
   const owned<cairo_t> on(cairo_create(drawn.get()));
   cairo_move_to(on.get(), margin, margin / 2.0);
-  pango_cairo_show_layout(on.get(),
-                          text_layout(on.get(), text, font_pixels, most_width - 2 * margin).get());
+  pango_cairo_show_layout(on.get(), text_layout(on.get(), text, font_pixels, room).get());
   cairo_surface_flush(drawn.get());
   const unsigned char* const data = cairo_image_surface_get_data(drawn.get());
   const auto stride = static_cast<size_t>(cairo_image_surface_get_stride(drawn.get()));

@@ -16,8 +16,8 @@ struct label {
   std::vector<uint8_t> cover;  // 0 black to 255 white, row by row
 };
 
-// `text` in UTF-8, what is none of it replaced; cut with an ellipsis at `most_width`. Throws
-// std::runtime_error.
+// `text` in UTF-8, what is none of it replaced; cut with an ellipsis at `most_width`, and nothing
+// where not even that has room. Throws std::runtime_error.
 label draw_label(const std::string& text, int font_pixels, int most_width);
 
 // White on black; what stands outside of the picture is cut off. `x` and `y` are even.

@@ -2,9 +2,9 @@
 // One stream of the film in the making: pictures or sound, encoded or as they came.
 #pragma once
 
-#include <algorithm>
 #include <cstdint>
 #include <memory>
+#include <stdexcept>
 
 #include "composer.h"
 #include "film_file.h"
@@ -12,12 +12,8 @@
 
 namespace zelta::lay {
 
-// The part of the session that the film shows.
-struct span {
-  int64_t from_us = 0;
-  int64_t to_us = 0;
-
-  int64_t length_us() const { return to_us - from_us; }
+struct nothing_to_copy : std::runtime_error {
+  using std::runtime_error::runtime_error;
 };
 
 // One thread. What it is made with outlives it. Its functions throw std::runtime_error.
@@ -36,11 +32,15 @@ std::unique_ptr<lane> encoded_pictures(const session& of, const picture_plan& pl
 // All users' sound, mixed, limited and encoded as AAC of two channels.
 std::unique_ptr<lane> encoded_sound(const session& of, const span& what, film_file& into,
                                     problems& found);
+// The two below throw nothing_to_copy when none of the user's files has what can be read.
+//
 // H.264 of one user and one size, as it came, with black pictures where there is none.
 std::unique_ptr<lane> copied_pictures(const user& of, const span& what, film_file& into,
                                       problems& found);
 // Opus of one user, as it came, with silence where there is none.
 std::unique_ptr<lane> copied_sound(const user& of, const span& what, film_file& into,
                                    problems& found);
+// Whether all Opus of a user can stand in one stream. Files that can't be read don't count.
+bool has_one_opus_head(const user& of);
 
 }  // namespace zelta::lay

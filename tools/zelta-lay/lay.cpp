@@ -4,8 +4,6 @@
 #include <algorithm>
 #include <exception>
 #include <filesystem>
-#include <fstream>
-#include <optional>
 #include <stdexcept>
 #include <utility>
 #include <vector>
@@ -14,9 +12,13 @@
 #include "exit_status.h"
 #include "film_file.h"
 #include "lane.h"
+#include "new_file.h"
+#include "recordings/volume_log.h"
 #include "reporter.h"
 #include "session.h"
 #include "stop_signal.h"
+#include "stretch_walk.h"
+#include "targets.h"
 #include "time_point.h"
 
 namespace zelta::lay {
@@ -27,8 +29,6 @@ struct refusal : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-struct stopped {};
-
 struct job {
   const options& asked;
   reporter& tell;
@@ -36,50 +36,36 @@ struct job {
   session of;
   span what;
   picture_plan plan;
+  std::vector<std::string> made;  // files
 };
 
-void check_targets(const options& o) {
-  for (const std::string* const path : {&o.output, &o.edl, &o.otio}) {
-    if (path->empty()) continue;
-    std::error_code failed;
-    if (!o.force && std::filesystem::exists(*path, failed)) {
-      throw refusal(*path + " is there already; --force overwrites it");
-    }
-    const auto folder = std::filesystem::absolute(*path, failed).parent_path();
-    if (!std::filesystem::is_directory(folder, failed)) {
-      throw refusal(*path + ": " + folder.string() + " is no folder");
-    }
+// With the only user of --track, or all.
+session narrowed(const options& o, session of) {
+  if (!o.track) return of;
+  const user* const one = of.find(*o.track);
+  if (one == nullptr) {
+    std::string all;
+    for (const user& u : of.users) all += (all.empty() ? "" : ", ") + std::to_string(u.uid);
+    throw refusal("--track " + std::to_string(*o.track) + ": there is no such user; there are " +
+                  all);
   }
-}
-
-// --force is for films of before, never for what was recorded.
-void spare_recording(const options& o, const session& of) {
-  std::error_code failed;
-  for (const std::string* const path : {&o.output, &o.edl, &o.otio}) {
-    for (const user& u : of.users) {
-      for (const stretch& s : u.stretches) {
-        if (!path->empty() && std::filesystem::equivalent(*path, s.path, failed)) {
-          throw refusal(*path + " is a file of the recording; name another");
-        }
-      }
-    }
-  }
+  if (one->stretches.empty()) throw refusal(one->missing.front() + ": there is no other to lay");
+  const user only = *one;
+  of.users = {only};
+  return of;
 }
 
 session read(const options& o, problems& found) {
   std::string error;
   auto of = read_session(o.folder, o.channel, found, error);
   if (!of) throw refusal(error);
-  if (!o.track) return std::move(*of);
-  if (of->find(*o.track) == nullptr) {
-    std::string all;
-    for (const user& u : of->users) all += (all.empty() ? "" : ", ") + std::to_string(u.uid);
-    throw refusal("--track " + std::to_string(*o.track) + ": there is no such user; there are " +
-                  all);
+  const std::string fault = targets_fault(o, of->recorded);
+  if (!fault.empty()) throw refusal(fault);
+  session made = narrowed(o, std::move(*of));
+  for (const user& u : made.users) {
+    for (const std::string& line : u.missing) found.add(line);
   }
-  const user only = *of->find(*o.track);
-  of->users = {only};
-  return std::move(*of);
+  return made;
 }
 
 int64_t time_of(const char* option, const std::string& text, const session& of) {
@@ -103,6 +89,10 @@ span span_of(const options& o, const session& of) {
   if (!o.to.empty()) asked.to_us = time_of("--to", o.to, of);
   asked.from_us = std::max<int64_t>(asked.from_us, 0);
   asked.to_us = std::min(asked.to_us, of.length_us);
+  if (asked.length_us() > kLongestUs) {
+    throw refusal("the recording goes from " + time_text(all.from_us) + " to " +
+                  time_text(all.to_us) + ": choose 30 days or less of it by --from and --to");
+  }
   if (asked.to_us > asked.from_us) return asked;
   throw refusal("nothing lies between --from and --to; the recording goes from " +
                 time_text(all.from_us) + " to " + time_text(all.to_us));
@@ -145,7 +135,8 @@ bool can_copy_sound(const user& u, const std::string& path) {
   // QuickTime has no Opus that players know.
   if (std::filesystem::path(path).extension() == ".mov") return false;
   return std::all_of(u.stretches.begin(), u.stretches.end(),
-                     [](const stretch& s) { return !s.has_sound() || s.audio_codec == "opus"; });
+                     [](const stretch& s) { return !s.has_sound() || s.audio_codec == "opus"; }) &&
+         has_one_opus_head(u);
 }
 
 // The largest of a user's pictures, for those that have to be encoded at one size.
@@ -160,22 +151,27 @@ void take_size(picture_plan& plan, const user& u) {
 
 // A cut that copies begins with a key frame: where the last one before --from stands.
 void begin_with_key_frame(job& j, const user& u) {
-  for (const stretch& s : u.stretches) {
-    if (!s.has_picture() || s.begin_us >= j.what.from_us || s.end_us <= j.what.from_us) continue;
-    std::string error;
-    const auto reader = stream_reader::open(s.path, AVMEDIA_TYPE_VIDEO, error);
-    const av_ptr<AVPacket> packet = make_packet();
-    if (reader == nullptr) continue;
-    reader->seek(j.what.from_us - s.begin_us);
-    if (!reader->next_packet(*packet) || packet->pts == AV_NOPTS_VALUE) continue;
-    const int64_t at = s.begin_us + av_rescale_q(packet->pts, reader->time_base(), kMicroseconds);
-    if (at >= j.what.from_us) continue;
-    j.what.from_us = at;
-    j.tell.note("begins at " + time_text(at) + ", where the key frame before --from stands");
-  }
+  stretch_walk walk(u, AVMEDIA_TYPE_VIDEO, j.found);
+  if (!walk.open_next(j.what.from_us, j.what.from_us)) return;
+  walk.seek(j.what.from_us);
+  const av_ptr<AVPacket> packet = make_packet();
+  if (!walk.next_packet(*packet) || packet->pts >= j.what.from_us) return;
+  j.what.from_us = std::max<int64_t>(packet->pts, 0);
+  j.tell.note("begins at " + time_text(j.what.from_us) +
+              ", where the key frame before --from stands");
 }
 
 using lanes = std::vector<std::unique_ptr<lane>>;
+
+// A lane of files of which none can be read is left out.
+template <class Make>
+void add_copied(job& j, lanes& to, Make make) {
+  try {
+    to.push_back(make());
+  } catch (const nothing_to_copy& e) {
+    j.found.add(e.what());
+  }
+}
 
 lanes lanes_of_track(job& j, film_file& into) {
   const user& u = j.of.users[0];
@@ -185,8 +181,11 @@ lanes lanes_of_track(job& j, film_file& into) {
   lanes made;
   if (u.has_picture() && !j.asked.audio_only) {
     if (copies_pictures) {
+      if (j.asked.fps_asked && j.asked.edl.empty() && j.asked.otio.empty()) {
+        throw refusal("--fps is for pictures that are encoded, and these are copied");
+      }
       begin_with_key_frame(j, u);
-      made.push_back(copied_pictures(u, j.what, into, j.found));
+      add_copied(j, made, [&] { return copied_pictures(u, j.what, into, j.found); });
     } else {
       take_size(j.plan, u);
       made.push_back(encoded_pictures(j.of, j.plan, j.what, into, j.found));
@@ -197,10 +196,14 @@ lanes lanes_of_track(job& j, film_file& into) {
             : "pictures are encoded: they change their size or codec, or something is burned in");
   }
   if (u.has_sound()) {
-    made.push_back(copies_sound ? copied_sound(u, j.what, into, j.found)
-                                : encoded_sound(j.of, j.what, into, j.found));
-    j.tell.note(copies_sound ? "sound is copied"
-                             : "sound is encoded: not all of it is Opus, or .mov has no Opus");
+    if (copies_sound) {
+      add_copied(j, made, [&] { return copied_sound(u, j.what, into, j.found); });
+    } else {
+      made.push_back(encoded_sound(j.of, j.what, into, j.found));
+    }
+    j.tell.note(copies_sound
+                    ? "sound is copied"
+                    : "sound is encoded: not all of it is Opus of one kind, or .mov has no Opus");
   }
   return made;
 }
@@ -219,42 +222,68 @@ lanes lanes_of_film(job& j, film_file& into) {
 }
 
 void make_film(job& j) {
-  film_file into(j.asked.output);
+  film_file into(j.asked.output, j.asked.force);
   lanes all = j.asked.track ? lanes_of_track(j, into) : lanes_of_film(j, into);
-  if (all.empty()) throw refusal("there is no sound to lay in " + j.asked.folder);
+  if (all.empty() && j.found.lines().empty()) {
+    throw refusal("there is no sound to lay in " + j.asked.folder);
+  }
+  if (all.empty()) throw std::runtime_error(j.found.lines().back());
   into.start();
   while (!all.empty()) {
-    if (stop_signal() != 0) throw stopped();
+    throw_if_stopped();
     // In the order of time, so that the muxer has little to hold.
     const auto last = std::min_element(all.begin(), all.end(), [](const auto& a, const auto& b) {
       return a->reached_us() < b->reached_us();
     });
-    j.tell.progress((*last)->reached_us(), j.what.length_us());
+    j.tell.progress("laid", (*last)->reached_us(), j.what.length_us());
     if (!(*last)->advance()) all.erase(last);
   }
   into.finish();
+  j.made.push_back(j.asked.output);
 }
 
-void write_text(const std::string& path, const std::string& text) {
-  std::ofstream file(path, std::ios::binary);
-  file << text;
-  file.close();
-  if (!file) throw std::runtime_error(path + " can't be written");
+void write_text(job& j, const std::string& path, const std::string& text) {
+  throw_if_stopped();
+  new_file file(path, j.asked.force);
+  file.write(text);
+  file.finish();
+  j.made.push_back(path);
+}
+
+void choose_speakers(job& j) {
+  std::vector<std::string> errors;
+  const auto noted = recordings::read_volumes(j.asked.folder, j.of.channel_id, errors);
+  for (const std::string& line : errors) j.tell.note(line);
+  const auto heard = [&j](int64_t done_us, int64_t all_us) {
+    j.tell.progress("heard", done_us, all_us);
+  };
+  j.plan.turns = find_turns(measure_levels(j.of, noted, j.what, j.found, heard), j.what.from_us);
 }
 
 void carry_out(job& j) {
-  if (j.plan.kind == layout_kind::speaker) {
-    j.plan.turns =
-        find_turns(measure_levels(j.of, j.what.from_us, j.what.to_us, j.found), j.what.from_us);
-  }
+  if (j.plan.kind == layout_kind::speaker) choose_speakers(j);
   if (!j.asked.output.empty()) make_film(j);
   if (!j.asked.edl.empty()) {
     if (j.asked.track) j.plan.turns = {{j.what.from_us, *j.asked.track}};
-    write_text(j.asked.edl, edit_decision_list(j.of, j.plan.turns, j.what, j.plan.fps));
+    const edit_list list = edit_decision_list(j.of, j.plan.turns, j.what, j.plan.fps);
+    if (list.events > kMostEvents) {
+      j.tell.note(j.asked.edl + " has " + std::to_string(list.events) +
+                  " events; many editors read no more than " + std::to_string(kMostEvents));
+    }
+    write_text(j, j.asked.edl, list.text);
   }
   if (!j.asked.otio.empty()) {
-    write_text(j.asked.otio, open_timeline(j.of, j.what, j.plan.fps));
+    write_text(j, j.asked.otio, open_timeline(j.of, j.what, j.plan.fps));
   }
+}
+
+int tell_stopped(reporter& tell, const std::vector<std::string>& made) {
+  std::string words = "stopped; nothing is made";
+  for (const std::string& path : made) {
+    words = (path == made.front() ? "stopped; whole is " : words + ", ") + path;
+  }
+  tell.end(128 + stop_signal(), words);
+  return 128 + stop_signal();
 }
 
 int report(const job& j) {
@@ -274,10 +303,10 @@ int lay(const options& o) {
   av_log_set_level(AV_LOG_QUIET);
   reporter tell(o.json);
   problems found;
+  job j = {o, tell, found, {}, {}, {}, {}};
   try {
-    check_targets(o);
-    job j = {o, tell, found, read(o, found), {}, plan_of(o)};
-    spare_recording(o, j.of);
+    j.plan = plan_of(o);
+    j.of = read(o, found);
     j.what = span_of(o, j.of);
     carry_out(j);
     return report(j);
@@ -285,9 +314,10 @@ int lay(const options& o) {
     tell.end(kUsage, e.what());
     return kUsage;
   } catch (const stopped&) {
-    tell.end(128 + stop_signal(), "stopped; there is no film");
-    return 128 + stop_signal();
+    return tell_stopped(tell, j.made);
   } catch (const std::exception& e) {
+    // What a signal interrupts fails.
+    if (stop_signal() != 0) return tell_stopped(tell, j.made);
     tell.end(kFailed, e.what());
     return kFailed;
   }

@@ -15,7 +15,7 @@ constexpr int kLowestSize = 64;
 constexpr int kHighestSize = 7680;
 
 parse_result refused(const std::string& why) {
-  return {false, "zelta-lay: " + why + "\n", kUsage};
+  return {false, why, kUsage};
 }
 
 // An error or nothing.
@@ -68,20 +68,34 @@ void add_options(CLI::App& app, options& o) {
   app.add_flag("--json", o.json, "events on standard output, one JSON object a line");
 }
 
-// An error or nothing.
-std::string contradiction(const options& o) {
-  if (o.output.empty() && o.edl.empty() && o.otio.empty()) {
-    return "say what to make: -o FILE, --edl FILE or --otio FILE";
-  }
-  if (!o.output.empty()) {
-    const std::string fault = film_name_fault(o.output, o.audio_only);
-    if (!fault.empty()) return fault;
-  }
-  if (o.audio_only && (o.names || o.clock))
-    return "--names and --clock need pictures, which --audio-only leaves out";
-  if (o.track && o.layout != "grid") return "--layout is for all users, --track for one";
-  if (!o.edl.empty() && !o.track && o.layout != "speaker") {
-    return "an edit list has one picture at a time: add --layout speaker, or --track UID";
+// An error or nothing. An option that would do nothing is one that its user misunderstands.
+std::string contradiction(const CLI::App& app, const options& o) {
+  const auto asked = [&app](const char* name) { return app.count(name) > 0; };
+  const bool film = !o.output.empty();
+  const bool pictures = film && !o.audio_only;
+  const bool lists = !o.edl.empty() || !o.otio.empty();
+  if (!film && !lists) return "say what to make: -o FILE, --edl FILE or --otio FILE";
+  const std::string fault = film ? film_name_fault(o.output, o.audio_only) : "";
+  if (!fault.empty()) return fault;
+  const struct {
+    bool is_so;
+    const char* words;
+  } rows[] = {
+      {!film && o.audio_only, "--audio-only is for a film: add -o FILE"},
+      {!film && (o.names || o.clock), "--names and --clock are burned into a film: add -o FILE"},
+      {o.audio_only && (o.names || o.clock),
+       "--names and --clock need pictures, which --audio-only leaves out"},
+      {o.track && asked("--layout"), "--layout is for all users, --track for one"},
+      {o.track && asked("--size"), "--size is for a film of all users; --track keeps the recorded"},
+      {!pictures && asked("--size"), "--size is for a film with pictures"},
+      {!pictures && !lists && asked("--fps"), "--fps is for pictures and lists for editors"},
+      {!pictures && o.edl.empty() && asked("--layout"),
+       "--layout is for a film with pictures, or for --edl"},
+      {!o.edl.empty() && !o.track && o.layout != "speaker",
+       "an edit list has one picture at a time: add --layout speaker, or --track UID"},
+  };
+  for (const auto& row : rows) {
+    if (row.is_so) return row.words;
   }
   return "";
 }
@@ -100,7 +114,8 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
     if (app.exit(e, said, said) == 0) return {false, said.str(), 0};
     return refused(std::string(e.what()) + "; --help lists all options");
   }
-  const std::string fault = contradiction(o);
+  o.fps_asked = app.count("--fps") > 0;
+  const std::string fault = contradiction(app, o);
   return fault.empty() ? parse_result{true, "", 0} : refused(fault);
 }
 

@@ -21,6 +21,7 @@ struct options {
   int width = 1280;
   int height = 720;
   int fps = 25;
+  bool fps_asked = false;
   bool names = false;
   bool clock = false;
   bool audio_only = false;
@@ -30,7 +31,8 @@ struct options {
 
 struct parse_result {
   bool ok;
-  // When not ok: what to print and the exit status (0 after --help).
+  // When not ok: what to print, a text for standard output when the exit status is 0 (--help), else
+  // what is wrong.
   std::string message;
   int exit_status;
 };

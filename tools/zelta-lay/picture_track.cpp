@@ -1,6 +1,8 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "picture_track.h"
 
+#include <utility>
+
 namespace zelta::lay {
 namespace {
 
@@ -14,41 +16,15 @@ constexpr int64_t kSeekUs = 2000000;
 }  // namespace
 
 picture_track::picture_track(const user& of, int64_t early_us, problems& found)
-    : of_(of), early_us_(early_us), found_(found) {}
-
-picture_track::~picture_track() {
-  close();
-}
-
-void picture_track::close() {
-  if (reader_ != nullptr && !reader_->fault().empty()) {
-    found_.add(current_->name + ", picture: " + reader_->fault());
-  }
-  reader_.reset();
-  has_next_ = false;
-}
-
-void picture_track::read_next() {
-  has_next_ = reader_->next_frame(*next_);
-  if (has_next_) next_->pts += current_->begin_us;
-}
+    : of_(of), early_us_(early_us), walk_(of, AVMEDIA_TYPE_VIDEO, found) {}
 
 void picture_track::open_what_stands_at(int64_t t_us) {
-  for (; next_stretch_ < of_.stretches.size(); ++next_stretch_) {
-    const stretch& s = of_.stretches[next_stretch_];
-    if (s.begin_us > t_us + early_us_) return;
-    if (!s.has_picture() || s.end_us <= t_us) continue;
-    close();
-    current_ = &s;
-    std::string error;
-    reader_ = stream_reader::open(s.path, AVMEDIA_TYPE_VIDEO, error);
-    if (reader_ == nullptr) {
-      found_.add(s.name + ", picture: " + error);
-      continue;
-    }
-    if (t_us - s.begin_us > kSeekUs) reader_->seek(t_us - s.begin_us);
-    read_next();
+  while (walk_.open_next(t_us, t_us + early_us_ + 1)) {
+    if (t_us - walk_.current().begin_us > kSeekUs) walk_.seek(t_us);
+    has_next_ = walk_.next_frame(*next_);
   }
+  // The file before is over as well when the next one can't be read.
+  has_next_ = has_next_ && walk_.is_open();
 }
 
 bool picture_track::holds(int64_t t_us) const {
@@ -65,9 +41,9 @@ const AVFrame* picture_track::at(int64_t t_us) {
   open_what_stands_at(t_us);
   while (has_next_ && next_->pts <= t_us + early_us_) {
     std::swap(shown_, next_);
-    shown_of_ = current_;
+    shown_of_ = &walk_.current();
     ++serial_;
-    read_next();
+    has_next_ = walk_.next_frame(*next_);
   }
   return holds(t_us) ? shown_.get() : nullptr;
 }

@@ -3,10 +3,9 @@
 #pragma once
 
 #include <cstdint>
-#include <memory>
 
 #include "session.h"
-#include "stream_reader.h"
+#include "stretch_walk.h"
 
 namespace zelta::lay {
 
@@ -15,9 +14,6 @@ class picture_track {
   // Of `of`, which outlives this; what can't be read goes into `found`, which does, too.
   // `early_us`: how much before its time a picture may be shown, half a frame of the film.
   picture_track(const user& of, int64_t early_us, problems& found);
-  ~picture_track();
-  picture_track(const picture_track&) = delete;
-  picture_track& operator=(const picture_track&) = delete;
 
   // The picture that stands at `t_us`, which never goes back; null where there is none. It is this
   // object's, until the next call.
@@ -27,16 +23,11 @@ class picture_track {
 
  private:
   void open_what_stands_at(int64_t t_us);
-  void close();
-  void read_next();
   bool holds(int64_t t_us) const;
 
   const user& of_;
   int64_t early_us_;
-  problems& found_;
-  size_t next_stretch_ = 0;
-  const stretch* current_ = nullptr;
-  std::unique_ptr<stream_reader> reader_;
+  stretch_walk walk_;
   av_ptr<AVFrame> shown_ = make_frame();
   const stretch* shown_of_ = nullptr;
   av_ptr<AVFrame> next_ = make_frame();

@@ -1,12 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "reporter.h"
 
-#include <algorithm>
 #include <cmath>
 #include <cstdio>
 
 #include <json/json.h>
 #include <unistd.h>
+
+#include "plain_text.h"
 
 namespace zelta::lay {
 namespace {
@@ -19,34 +20,34 @@ void print(const Json::Value& object) {
   std::fflush(stdout);
 }
 
-std::string one_line(std::string text) {
-  std::replace(text.begin(), text.end(), '\n', ' ');
-  return text;
-}
-
 }  // namespace
 
 reporter::reporter(bool json) : json_(json), terminal_(!json && isatty(STDERR_FILENO) == 1) {}
 
-void reporter::progress(int64_t done_us, int64_t all_us) {
+void reporter::progress(const char* doing, int64_t done_us, int64_t all_us) {
   const clock::time_point now = clock::now();
+  if (doing_ != doing) {
+    doing_ = doing;
+    start_ = now;
+  }
   if (now - told_ < std::chrono::seconds(terminal_ || json_ ? 1 : 10)) return;
   told_ = now;
   const double took = std::chrono::duration<double>(now - start_).count();
   const double done = static_cast<double>(done_us) / 1e6;
   const double all = static_cast<double>(all_us) / 1e6;
-  const double speed = done / took;
+  const double speed = took > 0 ? done / took : 0;
   const double left = speed > 0 ? (all - done) / speed : 0;
   if (json_) {
     Json::Value object;
     object["event"] = "progress";
+    object["doing"] = doing;
     object["done_s"] = done;
     object["all_s"] = all;
     object["left_s"] = left;
     return print(object);
   }
-  std::fprintf(stderr, "%s%.0f of %.0f s, %.1f times real time, %.0f s left%s",
-               terminal_ ? "\r\033[K" : "", done, all, speed, std::ceil(left),
+  std::fprintf(stderr, "%s%s: %.0f of %.0f s, %.1f times real time, %.0f s left%s",
+               terminal_ ? "\r\033[K" : "", doing, done, all, speed, std::ceil(left),
                terminal_ ? "" : "\n");
   on_line_ = terminal_;
 }
@@ -61,7 +62,7 @@ void reporter::say(const std::string& event, const std::string& text, int status
     if (event != "end" || status == 0) return;
   }
   std::fprintf(stderr, "%szelta-lay: %s%s\n", on_line_ ? "\r\033[K" : "",
-               event == "missing" ? "not laid: " : "", one_line(text).c_str());
+               event == "missing" ? "not laid: " : "", plain_text(text).c_str());
   on_line_ = false;
 }
 

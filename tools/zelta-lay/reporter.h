@@ -3,9 +3,8 @@
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <string>
-
-#include "session.h"
 
 namespace zelta::lay {
 
@@ -13,8 +12,9 @@ class reporter {
  public:
   explicit reporter(bool json);
 
-  // Of a length of film; told once a second on a terminal, every ten elsewhere.
-  void progress(int64_t done_us, int64_t all_us);
+  // Of a length of sound to hear or film to lay; told once a second on a terminal, every ten
+  // elsewhere.
+  void progress(const char* doing, int64_t done_us, int64_t all_us);
   void note(const std::string& text);
   void missing(const std::string& text);
   // The last: the status and why, or what was made.
@@ -27,6 +27,7 @@ class reporter {
   bool json_;
   bool terminal_;
   bool on_line_ = false;
+  std::string doing_;
   clock::time_point start_ = clock::now();
   clock::time_point told_ = start_;
 };

@@ -3,115 +3,134 @@
 
 #include <algorithm>
 #include <cstdlib>
+#include <iterator>
 
 namespace zelta::lay {
 namespace {
 
 constexpr int kChannels = 2;
-// A step below that is a rounding of times or a join of two files, and would be heard as a click.
-constexpr int64_t kStepSamples = kSampleRate / 50;
+// In a file a step below that is a rounding of times; from one to the next, what one encodes less.
+constexpr int64_t kStepSamples = kSampleRate / 100;
+constexpr int64_t kJoinSamples = kSampleRate / 400;
+// Larger ones are faded over that much.
+constexpr int64_t kFadeSamples = kSampleRate / 200;
 constexpr int64_t kSeekUs = 2000000;
 
 int64_t samples_of(int64_t us) {
-  return av_rescale(us, kSampleRate, 1000000);
+  return av_rescale(us, kSampleRate, kSecond);
+}
+
+int64_t pairs_in(const std::vector<float>& samples) {
+  return static_cast<int64_t>(samples.size()) / kChannels;
+}
+
+// Makes a step of the wave a slope: `by` is added to the first sample and ever less to those
+// behind.
+void slope(std::vector<float>& samples, const float (&by)[kChannels]) {
+  const int64_t count = std::min(kFadeSamples, pairs_in(samples));
+  for (int64_t i = 0; i < count * kChannels; ++i) {
+    const float left = 1 - static_cast<float>(i / kChannels) / static_cast<float>(count);
+    samples[static_cast<size_t>(i)] += by[i % kChannels] * left;
+  }
 }
 
 }  // namespace
 
-sound_track::sound_track(const user& of, problems& found) : of_(of), found_(found) {}
-
-sound_track::~sound_track() {
-  close();
-}
-
-void sound_track::close() {
-  if (reader_ != nullptr && !reader_->fault().empty()) {
-    found_.add(current_->name + ", sound: " + reader_->fault());
-  }
-  reader_.reset();
-}
+sound_track::sound_track(const user& of, problems& found) : walk_(of, AVMEDIA_TYPE_AUDIO, found) {}
 
 bool sound_track::open_next(int64_t first, int64_t end) {
-  for (; next_stretch_ < of_.stretches.size(); ++next_stretch_) {
-    const stretch& s = of_.stretches[next_stretch_];
-    if (samples_of(s.begin_us) >= end) return false;
-    if (!s.has_sound() || samples_of(s.end_us) <= first) continue;
-    current_ = &s;
-    ++next_stretch_;
-    std::string error;
-    reader_ = stream_reader::open(s.path, AVMEDIA_TYPE_AUDIO, error);
-    if (reader_ == nullptr) {
-      found_.add(s.name + ", sound: " + error);
-      return true;
-    }
-    const int64_t inside_us = av_rescale(first, 1000000, kSampleRate) - s.begin_us;
-    if (inside_us > kSeekUs) reader_->seek(inside_us - kSeekUs / 2);
+  const int64_t first_us = av_rescale(first, kSecond, kSampleRate);
+  if (!walk_.open_next(first_us, av_rescale(end, kSecond, kSampleRate))) return false;
+  // What it holds is of the file before.
+  resampler_.reset();
+  is_first_ = true;
+  if (first_us - walk_.current().begin_us > kSeekUs) walk_.seek(first_us - kSeekUs / 2);
+  return true;
+}
+
+bool sound_track::is_resampled(const AVFrame& frame) {
+  if (resampler_ != nullptr && frame.format == resampled_format_ &&
+      frame.sample_rate == resampled_rate_ && frame.ch_layout.nb_channels == resampled_channels_) {
     return true;
   }
-  return false;
+  AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
+  // The function takes it as it is, and lacks the const.
+  auto* const own = const_cast<AVChannelLayout*>(&frame.ch_layout);
+  SwrContext* made = nullptr;
+  const int result =
+      swr_alloc_set_opts2(&made, &stereo, AV_SAMPLE_FMT_FLT, kSampleRate, own,
+                          static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr);
+  resampler_.reset(made);
+  if (result < 0) return false;
+  // One channel is as loud in each of two as it was alone; the library would take 3 dB off.
+  const double both[kChannels] = {1, 1};
+  if (frame.ch_layout.nb_channels == 1 && swr_set_matrix(made, both, 1) < 0) return false;
+  if (swr_init(made) < 0) return false;
+  resampled_format_ = frame.format;
+  resampled_rate_ = frame.sample_rate;
+  resampled_channels_ = frame.ch_layout.nb_channels;
+  return true;
 }
 
 bool sound_track::take(const AVFrame& frame) {
-  if (frame.format != resampled_format_ || frame.sample_rate != resampled_rate_ ||
-      frame.ch_layout.nb_channels != resampled_channels_) {
-    // The function takes both as they are, and lacks the const.
-    AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
-    auto* const own = const_cast<AVChannelLayout*>(&frame.ch_layout);
-    SwrContext* made = nullptr;
+  if (!is_resampled(frame)) {
     resampler_.reset();
-    if (swr_alloc_set_opts2(&made, &stereo, AV_SAMPLE_FMT_FLT, kSampleRate, own,
-                            static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0,
-                            nullptr) < 0) {
-      return false;
-    }
-    resampler_.reset(made);
-    if (swr_init(made) < 0) return false;
-    resampled_format_ = frame.format;
-    resampled_rate_ = frame.sample_rate;
-    resampled_channels_ = frame.ch_layout.nb_channels;
+    return false;
   }
-  const int room = swr_get_out_samples(resampler_.get(), frame.nb_samples);
-  decoded_.resize(static_cast<size_t>(std::max(room, 0)) * kChannels);
+  const int room = std::max(swr_get_out_samples(resampler_.get(), frame.nb_samples), 0);
+  decoded_.resize(static_cast<size_t>(room) * kChannels);
   auto* out = reinterpret_cast<uint8_t*>(decoded_.data());
   const int made =
       swr_convert(resampler_.get(), &out, room,
                   const_cast<const uint8_t**>(frame.extended_data),  // its prototype lacks a const
                   frame.nb_samples);
   decoded_.resize(static_cast<size_t>(std::max(made, 0)) * kChannels);
-  const int64_t at = samples_of(current_->begin_us + frame.pts);
-  decoded_at_ = std::abs(at - decoded_end_) <= kStepSamples ? decoded_end_ : at;
-  // What another file already has isn't heard twice.
-  if (decoded_at_ < decoded_end_) {
-    const int64_t twice = std::min<int64_t>(decoded_end_ - decoded_at_, std::max(made, 0));
+  lay_at(samples_of(frame.pts));
+  return true;
+}
+
+// What was decoded, at its sample, or right behind what was before when the step is small: it would
+// be heard as a click.
+void sound_track::lay_at(int64_t at) {
+  if (decoded_.empty()) return;
+  const int64_t step = is_first_ ? kJoinSamples : kStepSamples;
+  decoded_at_ = std::abs(at - decoded_end_) <= step ? decoded_end_ : at;
+  is_first_ = false;
+  const int64_t hole = decoded_at_ - decoded_end_;
+  if (hole < 0) {
+    // What was heard already isn't heard twice.
+    const int64_t twice = std::min(-hole, pairs_in(decoded_));
     decoded_.erase(decoded_.begin(), decoded_.begin() + twice * kChannels);
     decoded_at_ += twice;
+    if (decoded_.empty()) return;
+    slope(decoded_, {last_[0] - decoded_[0], last_[1] - decoded_[1]});
+  } else if (hole > 0) {
+    slope(decoded_, {-decoded_[0], -decoded_[1]});
+    if (hole <= kSampleRate) {
+      // The end of what was before rings out in the hole.
+      decoded_.insert(decoded_.begin(), static_cast<size_t>(hole) * kChannels, 0.0F);
+      decoded_at_ = decoded_end_;
+      slope(decoded_, last_);
+    }
   }
-  if (!decoded_.empty()) {
-    decoded_end_ = decoded_at_ + static_cast<int64_t>(decoded_.size()) / kChannels;
-  }
-  return true;
+  decoded_end_ = decoded_at_ + pairs_in(decoded_);
+  std::copy(decoded_.end() - kChannels, decoded_.end(), std::begin(last_));
 }
 
 bool sound_track::decode_more(int64_t first, int64_t end) {
   while (true) {
-    if (reader_ == nullptr) {
-      if (!open_next(first, end)) return false;
-      continue;
-    }
-    if (!reader_->next_frame(*frame_)) {
-      close();
-      continue;
-    }
+    if (!walk_.is_open() && !open_next(first, end)) return false;
+    if (!walk_.next_frame(*frame_)) continue;
     if (take(*frame_)) return true;
-    found_.add(current_->name + ", sound: its samples can't be converted");
-    close();
+    walk_.add_fault("its samples can't be converted");
+    walk_.close();
   }
 }
 
 void sound_track::add(int64_t first, int count, float* to) {
   const int64_t end = first + count;
   while (true) {
-    const int64_t have = static_cast<int64_t>(decoded_.size()) / kChannels;
+    const int64_t have = pairs_in(decoded_);
     const int64_t from = std::max(first, decoded_at_);
     const int64_t until = std::min(end, decoded_at_ + have);
     for (int64_t i = from * kChannels; i < until * kChannels; ++i) {

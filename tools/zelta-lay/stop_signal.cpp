@@ -2,7 +2,8 @@
 #include "stop_signal.h"
 
 #include <csignal>
-#include <initializer_list>
+
+#include "zelta-record/ending_signals.h"
 
 namespace zelta::lay {
 namespace {
@@ -16,19 +17,24 @@ void take(int number) {
 }  // namespace
 
 void watch_stop_signals() {
-  for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-    struct sigaction now {};
-    // Can't fail: the numbers are right.
-    (void)sigaction(number, nullptr, &now);
-    if (now.sa_handler == SIG_IGN) continue;
+  for (const int number : record::ending_signals()) {
     struct sigaction then {};
     then.sa_handler = take;
+    // Can't fail: the numbers are right.
     (void)sigaction(number, &then, nullptr);
   }
 }
 
 int stop_signal() {
   return came;
+}
+
+void throw_if_stopped() {
+  if (came != 0) throw stopped();
+}
+
+int is_stopped(void* /*unused*/) {
+  return came != 0 ? 1 : 0;
 }
 
 }  // namespace zelta::lay

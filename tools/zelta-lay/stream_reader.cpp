@@ -2,14 +2,26 @@
 #include "stream_reader.h"
 
 #include <algorithm>
+#include <new>
+
+#include "stop_signal.h"
 
 namespace zelta::lay {
 namespace {
 
+// What recorders write, and no list of addresses or other files that goes by such a name.
+constexpr const char* kContainers = "mov,mp4,m4a,3gp,3g2,mj2,matroska,webm";
+
 av_ptr<AVFormatContext> open_file(const std::string& path, std::string& error) {
-  AVFormatContext* opened = nullptr;
-  // A local file, whatever its name looks like.
-  const int result = avformat_open_input(&opened, ("file:" + path).c_str(), nullptr, nullptr);
+  AVFormatContext* opened = avformat_alloc_context();
+  if (opened == nullptr) throw std::bad_alloc();
+  opened->interrupt_callback = {is_stopped, nullptr};
+  AVDictionary* options = nullptr;
+  av_dict_set(&options, "format_whitelist", kContainers, 0);
+  av_dict_set(&options, "protocol_whitelist", "file", 0);
+  // A local file, whatever its name looks like. What fails is freed, and `opened` null.
+  const int result = avformat_open_input(&opened, ("file:" + path).c_str(), nullptr, &options);
+  av_dict_free(&options);
   av_ptr<AVFormatContext> file(opened);
   const int known = result < 0 ? result : avformat_find_stream_info(opened, nullptr);
   if (known < 0) {
@@ -52,7 +64,12 @@ bool stream_reader::next_packet(AVPacket& packet) {
       if (result != AVERROR_EOF && read_error_.empty()) read_error_ = av_words(result);
       return false;
     }
-    if (packet.stream_index == stream_->index) return true;
+    if (packet.stream_index == stream_->index) {
+      // What isn't to be shown stands before the file's zero. Behind a damaged time libavformat
+      // marks what is as it should be.
+      if (packet.pts >= 0) packet.flags &= ~AV_PKT_FLAG_DISCARD;
+      return true;
+    }
     av_packet_unref(&packet);
   }
 }
@@ -64,6 +81,7 @@ bool stream_reader::open_decoder(std::string& error) {
     return false;
   }
   decoder_.reset(avcodec_alloc_context3(codec));
+  if (decoder_ == nullptr) throw std::bad_alloc();
   decoder_->pkt_timebase = stream_->time_base;
   // One a decoder: there is one for every user, and the encoder takes what processors are left.
   decoder_->thread_count = 1;
@@ -109,21 +127,38 @@ std::string stream_reader::fault() const {
   return said;
 }
 
-int64_t media_length_us(const std::string& path) {
+media_facts measure_media(const std::string& path, int64_t most_us) {
+  media_facts made;
   std::string error;
   const av_ptr<AVFormatContext> file = open_file(path, error);
-  if (file == nullptr) return 0;
+  throw_if_stopped();
+  if (file == nullptr) return made;
+  made.is_media = true;
+  made.is_mp4 = std::string(file->iformat->name).find("mp4") != std::string::npos;
+  for (const AVMediaType medium : {AVMEDIA_TYPE_VIDEO, AVMEDIA_TYPE_AUDIO}) {
+    const int index = av_find_best_stream(file.get(), medium, -1, -1, nullptr, 0);
+    if (index < 0) continue;
+    const AVCodecParameters& is = *file->streams[index]->codecpar;
+    (medium == AVMEDIA_TYPE_VIDEO ? made.video_codec : made.audio_codec) =
+        avcodec_get_name(is.codec_id);
+    if (medium != AVMEDIA_TYPE_VIDEO) continue;
+    made.width = is.width;
+    made.height = is.height;
+  }
+  made.begin_us = most_us;
   const av_ptr<AVPacket> packet = make_packet();
-  int64_t length_us = 0;
   while (av_read_frame(file.get(), packet.get()) >= 0) {
     const AVRational base = file->streams[packet->stream_index]->time_base;
-    if (packet->pts != AV_NOPTS_VALUE) {
-      length_us =
-          std::max(length_us, av_rescale_q(packet->pts + packet->duration, base, kMicroseconds));
+    const int64_t at = av_rescale_q(packet->pts, base, kMicroseconds);
+    if (packet->pts != AV_NOPTS_VALUE && at <= most_us) {
+      const int64_t lasts = av_rescale_q(packet->duration, base, kMicroseconds);
+      made.begin_us = std::min(made.begin_us, at);
+      made.end_us = std::max(made.end_us, at + std::clamp<int64_t>(lasts, 0, kSecond));
     }
     av_packet_unref(packet.get());
+    throw_if_stopped();
   }
-  return length_us;
+  return made;
 }
 
 }  // namespace zelta::lay

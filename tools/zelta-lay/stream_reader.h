@@ -44,7 +44,21 @@ class stream_reader {
   std::string read_error_;
 };
 
-// Where the media of a file ends, by its packets; 0 for what can't be read.
-int64_t media_length_us(const std::string& path);
+// What a file holds, by itself.
+struct media_facts {
+  bool is_media = false;
+  bool is_mp4 = false;
+  std::string video_codec;  // as manifests name them; empty: no picture
+  std::string audio_codec;  // empty: no sound
+  int width = 0;            // pixels
+  int height = 0;
+  // Of all its packets: the first that is shown, and the end of the last. Times beyond `most_us`
+  // are damage, and not counted.
+  int64_t begin_us = 0;
+  int64_t end_us = 0;
+};
+
+// Reads all of the file. Throws `stopped`.
+media_facts measure_media(const std::string& path, int64_t most_us);
 
 }  // namespace zelta::lay

@@ -10,9 +10,8 @@
 namespace zelta::lay {
 namespace {
 
-// The colours of 4:2:0 stand two pixels apart.
-int even(double pixels) {
-  return static_cast<int>(std::lround(pixels / 2)) * 2;
+bool is_seen(const tile& t) {
+  return t.width >= 2 && t.height >= 2;
 }
 
 tile between(uint32_t uid, double left, double top, double right, double bottom) {
@@ -30,12 +29,17 @@ void add_row(std::vector<tile>& to, const std::vector<uint32_t>& users, int widt
              double tile_width, double top, double bottom) {
   const double left = (width - tile_width * static_cast<double>(users.size())) / 2;
   for (size_t i = 0; i < users.size(); ++i) {
-    to.push_back(between(users[i], left + tile_width * static_cast<double>(i), top,
-                         left + tile_width * static_cast<double>(i + 1), bottom));
+    const tile t = between(users[i], left + tile_width * static_cast<double>(i), top,
+                           left + tile_width * static_cast<double>(i + 1), bottom);
+    if (is_seen(t)) to.push_back(t);
   }
 }
 
 }  // namespace
+
+int even(double pixels) {
+  return static_cast<int>(std::lround(pixels / 2)) * 2;
+}
 
 std::vector<tile> grid_tiles(const std::vector<uint32_t>& users, int width, int height) {
   std::vector<tile> made;
@@ -90,7 +94,7 @@ std::optional<picture_layout> file_layout(const std::string& path, int width, in
     const auto& r = read.regions[i];
     tile t = between(r.uid, r.x * width, r.y * height, std::min(1.0, r.x + r.width) * width,
                      std::min(1.0, r.y + r.height) * height);
-    if (t.width < 2 || t.height < 2) continue;
+    if (!is_seen(t)) continue;
     t.fill = r.renderMode == 0;
     t.alpha = r.alpha;
     made.tiles.push_back(t);

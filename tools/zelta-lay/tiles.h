@@ -30,6 +30,11 @@ struct picture_layout {
   std::vector<tile> tiles;                        // later ones lie on top
 };
 
+// The colours of 4:2:0 stand two pixels apart.
+int even(double pixels);
+
+// A tile of less than two pixels is left out of all of these.
+//
 // As near to a square as the number allows; a last row that isn't full stands in the middle.
 std::vector<tile> grid_tiles(const std::vector<uint32_t>& users, int width, int height);
 // One beside the other, all of the film's height.

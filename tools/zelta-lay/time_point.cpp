@@ -6,13 +6,13 @@
 #include <ctime>
 #include <regex>
 
+#include "av.h"
+
 namespace zelta::lay {
 namespace {
 
-constexpr int64_t kSecond = 1000000;
-
 int64_t micros(const std::string& seconds) {
-  return std::llround(std::stod(seconds) * kSecond);
+  return std::llround(std::stod(seconds) * static_cast<double>(kSecond));
 }
 
 std::optional<int64_t> utc_of(const std::string& text) {

@@ -3,9 +3,11 @@
 
 #include <algorithm>
 #include <cmath>
+#include <utility>
 
 #include "av.h"
 #include "sound_track.h"
+#include "stop_signal.h"
 
 namespace zelta::lay {
 namespace {
@@ -34,6 +36,71 @@ bool shows(const user& u, int64_t t_us) {
   });
 }
 
+size_t tenths_in(const span& what) {
+  return static_cast<size_t>((what.length_us() + kLevelUs - 1) / kLevelUs);
+}
+
+levels silence(const user& u, const span& what) {
+  levels made;
+  made.uid = u.uid;
+  made.db.assign(tenths_in(what), kSilence);
+  for (size_t i = 0; i < made.db.size(); ++i) {
+    made.there.push_back(shows(u, what.from_us + static_cast<int64_t>(i) * kLevelUs));
+  }
+  return made;
+}
+
+// A volume is the peak of a sine, of 255; a level its mean square.
+float level_of_volume(uint8_t volume) {
+  return volume == 0 ? kSilence : 20 * std::log10(static_cast<float>(volume) / 255) - 3.01F;
+}
+
+void take_volumes(levels& into, const std::vector<recordings::volume_line>& lines,
+                  const session& of, const span& what) {
+  for (const recordings::volume_line& line : lines) {
+    int64_t at = line.utc_ms * 1000 - of.zero_utc_us - what.from_us;
+    for (const uint8_t volume : line.volumes) {
+      const int64_t next = at + line.step_ms * 1000;
+      const auto end = std::min(static_cast<int64_t>(into.db.size()), next / kLevelUs);
+      for (int64_t i = std::max<int64_t>(0, at / kLevelUs); i < end; ++i) {
+        float& db = into.db[static_cast<size_t>(i)];
+        db = std::max(db, level_of_volume(volume));
+      }
+      at = next;
+    }
+  }
+}
+
+// The user with those files alone in whose time no volume was noted: who wasn't heard once has a
+// sender that doesn't tell, or was silent.
+user without_noted(const user& u, const std::vector<recordings::volume_line>& lines,
+                   const session& of) {
+  user made = u;
+  const auto is_noted = [&](const stretch& s) {
+    const auto line = std::lower_bound(
+        lines.begin(), lines.end(), (of.zero_utc_us + s.begin_us) / 1000,
+        [](const recordings::volume_line& l, int64_t utc_ms) { return l.utc_ms < utc_ms; });
+    return line != lines.end() && line->utc_ms * 1000 < of.zero_utc_us + s.end_us;
+  };
+  made.stretches.erase(std::remove_if(made.stretches.begin(), made.stretches.end(), is_noted),
+                       made.stretches.end());
+  return made;
+}
+
+void listen(levels& into, const user& to, const span& what, problems& found,
+            const std::function<void(int64_t)>& progress) {
+  sound_track sound(to, found);
+  const int64_t first = av_rescale(what.from_us, kSampleRate, kSecond);
+  std::vector<float> block(size_t{2} * kBlock);
+  for (size_t i = 0; i < into.db.size(); ++i) {
+    throw_if_stopped();
+    std::fill(block.begin(), block.end(), 0.0F);
+    sound.add(first + static_cast<int64_t>(i) * kBlock, kBlock, block.data());
+    into.db[i] = std::max(into.db[i], level_of(block));
+    progress(static_cast<int64_t>(i) * kLevelUs);
+  }
+}
+
 std::vector<float> with_slow_fall(const std::vector<float>& db) {
   std::vector<float> made = db;
   for (size_t i = 1; i < made.size(); ++i) made[i] = std::max(made[i], made[i - 1] - kFallDb);
@@ -60,24 +127,25 @@ size_t loudest_there(const std::vector<levels>& of, const std::vector<std::vecto
 
 }  // namespace
 
-std::vector<levels> measure_levels(const session& of, int64_t from_us, int64_t to_us,
-                                   problems& found) {
+std::vector<levels> measure_levels(const session& of, const recordings::volume_lines& noted,
+                                   const span& what, problems& found,
+                                   const std::function<void(int64_t, int64_t)>& progress) {
   std::vector<levels> made;
-  const auto tenths = static_cast<size_t>((to_us - from_us + kLevelUs - 1) / kLevelUs);
-  const int64_t first = av_rescale(from_us, kSampleRate, 1000000);
-  std::vector<float> block(size_t{2} * kBlock);
+  std::vector<user> unheard;
   for (const user& u : of.users) {
     if (!u.has_picture()) continue;
-    levels one;
-    one.uid = u.uid;
-    sound_track sound(u, found);
-    for (size_t i = 0; i < tenths; ++i) {
-      std::fill(block.begin(), block.end(), 0.0F);
-      sound.add(first + static_cast<int64_t>(i) * kBlock, kBlock, block.data());
-      one.db.push_back(level_of(block));
-      one.there.push_back(shows(u, from_us + static_cast<int64_t>(i) * kLevelUs));
-    }
+    const auto lines = noted.find(u.uid);
+    levels one = silence(u, what);
+    if (lines != noted.end()) take_volumes(one, lines->second, of, what);
+    unheard.push_back(lines == noted.end() ? u : without_noted(u, lines->second, of));
     made.push_back(std::move(one));
+  }
+  const int64_t all_us = what.length_us() * static_cast<int64_t>(made.size());
+  for (size_t i = 0; i < made.size(); ++i) {
+    const int64_t before_us = what.length_us() * static_cast<int64_t>(i);
+    if (!unheard[i].has_sound()) continue;
+    listen(made[i], unheard[i], what, found,
+           [&](int64_t heard_us) { progress(before_us + heard_us, all_us); });
   }
   return made;
 }

@@ -3,8 +3,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <vector>
 
+#include "recordings/volume_log.h"
 #include "session.h"
 
 namespace zelta::lay {
@@ -26,9 +28,12 @@ struct levels {
   std::vector<bool> there;  // whether the user has a picture then
 };
 
-// The first pass: decodes all sound of users with pictures between two moments of the session.
-std::vector<levels> measure_levels(const session& of, int64_t from_us, int64_t to_us,
-                                   problems& found);
+// The first pass, for users with pictures, between two moments of the session. Files of whose time
+// the recorder noted volumes are believed; all sound of the others is decoded. `progress` gets how
+// much of how much is heard, in microseconds. Throws `stopped`.
+std::vector<levels> measure_levels(const session& of, const recordings::volume_lines& noted,
+                                   const span& what, problems& found,
+                                   const std::function<void(int64_t, int64_t)>& progress);
 
 // Another user takes the turn who was 6 dB louder than its holder for 0.7 of the last 1.0 s, and at
 // least -45 dB, once that one had it for 2 s; at once when the holder's picture is gone. The first
