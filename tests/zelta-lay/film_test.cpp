@@ -6,6 +6,7 @@
 
 #include <json/json.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include "canvas.h"
 #include "film_fixture.h"
@@ -183,7 +184,7 @@ TEST_F(Film, StopsWherever) {
         {
           watch_stop_signals();
           (void)std::raise(SIGTERM);
-          std::exit(lay(o));
+          _exit(lay(o));
         },
         testing::ExitedWithCode(143), "stopped; nothing is made")
         << row.doing;
@@ -198,9 +199,9 @@ TEST_F(Film, StopsWherever) {
         try {
           (void)read_session(folder_, "", found, error);
         } catch (const stopped&) {
-          std::exit(3);
+          _exit(3);
         }
-        std::exit(4);
+        _exit(4);
       },
       testing::ExitedWithCode(3), "")
       << "measuring a file";
