@@ -18,9 +18,9 @@ def run(*command):
     return done.stdout + done.stderr
 
 
-def make(folder, seconds, video, audio, size="640x360", fps=FPS):
-    """A file with marks at 2, 3, … `seconds`; None for a medium leaves it out."""
-    path = f"{folder}/{video}_{audio}_{size}x{fps}_{seconds}.mkv"
+def make(folder, seconds, video, audio, size="640x360", fps=FPS, tone=1000):
+    """A file with marks at 2, 3, … `seconds`, beeps of `tone` Hz; None for a medium leaves it out."""
+    path = f"{folder}/{video}_{audio}_{size}x{fps}_{seconds}_{tone}.mkv"
     if os.path.exists(path):
         return path
     total = seconds + TAIL_S
@@ -42,7 +42,7 @@ def make(folder, seconds, video, audio, size="640x360", fps=FPS):
                     f"0.15)':color=white:t=fill,noise=alls=8:allf=t"]
     if audio:
         command += ["-f", "lavfi", "-i",
-                    f"aevalsrc='{on}*lt(mod(t,1),0.1)*0.7*sin(2*PI*1000*t)':s=48000:d={total}"]
+                    f"aevalsrc='{on}*lt(mod(t,1),0.1)*0.7*sin(2*PI*{tone}*t)':s=48000:d={total}"]
     if video:
         command += ["-c:v", *encoders[video], "-g", str(fps), "-b:v", "600k"]
     if audio:
@@ -51,9 +51,12 @@ def make(folder, seconds, video, audio, size="640x360", fps=FPS):
     return path
 
 
-def flashes(path):
-    text = run("ffmpeg", "-v", "error", "-i", path, "-an", "-vf",
-               "scale=64:36,signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=-",
+def flashes(path, place=None):
+    """On the file's own time; `place` is W:H:X:Y, the part of the picture to look at."""
+    crop = f"crop={place}," if place else ""
+    # By itself ffmpeg moves all streams until the first begins at 0.
+    text = run("ffmpeg", "-v", "error", "-copyts", "-i", path, "-an", "-vf",
+               f"{crop}scale=64:36,signalstats,metadata=print:key=lavfi.signalstats.YAVG:file=-",
                "-fps_mode", "passthrough", "-f", "null", "-")
     found, time, lit = [], 0.0, False
     for line in text.splitlines():
@@ -68,11 +71,14 @@ def flashes(path):
     return found
 
 
-def beeps(path):
+def beeps(path, tone=None):
+    """On the file's own time; `tone` in Hz, when there are others."""
+    # Twice: what is a factor of 1.6 away is 40 dB lower then.
+    only = f"bandpass=f={tone}:width_type=q:w=10," * 2 if tone else ""
     # Silence is trusted after 0.4 s of it; what ends it is a beep, and the end of the file is not.
-    text = run("ffmpeg", "-v", "info", "-i", path, "-vn", "-af",
-               "silencedetect=n=-34dB:d=0.4", "-f", "null", "-")
-    found = [float(at) for at in re.findall(r"silence_end: ([0-9.]+)", text)]
+    text = run("ffmpeg", "-v", "info", "-copyts", "-i", path, "-vn", "-af",
+               f"{only}silencedetect=n=-34dB:d=0.4", "-f", "null", "-")
+    found = [float(at) for at in re.findall(r"silence_end: (-?[0-9.]+)", text)]
     # A file that was cut at a beep begins without the silence that the beep would end.
     quiet = [float(at) for at in re.findall(r"silence_start: (-?[0-9.]+)", text)]
     if quiet and quiet[0] > 0.03:

@@ -3,32 +3,12 @@
 
 #include <string_view>
 
+#include "percent.h"
+
 namespace zelta::record {
 namespace {
 
 constexpr std::string_view kWhip = "whip:";
-
-// RFC 3986, section 2.3.
-bool is_unreserved(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '-' ||
-         c == '.' || c == '_' || c == '~';
-}
-
-std::string percent_encoded(const std::string& text) {
-  constexpr std::string_view kDigits = "0123456789ABCDEF";
-  std::string made;
-  for (const char c : text) {
-    if (is_unreserved(c)) {
-      made += c;
-      continue;
-    }
-    const auto byte = static_cast<unsigned char>(c);
-    made += '%';
-    made += kDigits[byte >> 4U];
-    made += kDigits[byte & 15U];
-  }
-  return made;
-}
 
 // Every address of the machine, of which a browser on it takes the one that it trusts.
 bool is_any(const std::string& host) {

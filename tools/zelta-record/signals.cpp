@@ -7,10 +7,10 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include "ending_signals.h"
+
 namespace zelta::record {
 namespace {
-
-constexpr int kEnding[] = {SIGINT, SIGTERM, SIGHUP};
 
 volatile std::sig_atomic_t g_seen = 0;
 
@@ -29,13 +29,8 @@ void on_impatience(int number) {
 sigset_t taken_signals() {
   sigset_t taken;
   sigemptyset(&taken);
-  for (const int number : kEnding) {
-    struct sigaction now {};
-    // A blocked signal is kept for us even where it is ignored.
-    if (sigaction(number, nullptr, &now) == 0 && now.sa_handler != SIG_IGN) {
-      sigaddset(&taken, number);
-    }
-  }
+  // A blocked signal is kept for us even where it is ignored.
+  for (const int number : ending_signals()) sigaddset(&taken, number);
   return taken;
 }
 
@@ -60,9 +55,7 @@ void signal_watch::end_at_the_next() {
   action.sa_handler = on_impatience;
   action.sa_flags = SA_RESTART;
   sigfillset(&action.sa_mask);
-  for (const int number : kEnding) {
-    if (sigismember(&taken, number) == 1) sigaction(number, &action, nullptr);
-  }
+  for (const int number : ending_signals()) sigaction(number, &action, nullptr);
   pthread_sigmask(SIG_UNBLOCK, &taken, nullptr);
 }
 

@@ -1,0 +1,172 @@
+// SPDX-License-Identifier: Apache-2.0
+// One user's files as one, copied where that can be.
+#include <algorithm>
+
+#include "film_fixture.h"
+
+namespace zelta::lay {
+namespace {
+
+class Track : public Film {
+ protected:
+  void SetUp() override {
+    Film::SetUp();
+    asked_.track = 1;
+  }
+
+  // When it first gets white, and loud, after a moment; seconds of the file.
+  double white_from(double after_s) const {
+    return first(AVMEDIA_TYPE_VIDEO, after_s,
+                 [](const AVFrame& frame, int) { return *pixel(frame, 0, 160, 90) > 200; });
+  }
+  double loud_from(double after_s) const {
+    return first(AVMEDIA_TYPE_AUDIO, after_s, [](const AVFrame& frame, int i) {
+      return std::fabs(reinterpret_cast<const float*>(frame.data[0])[i]) > 0.1F;
+    });
+  }
+
+  // When pictures are shown, in the order of decoding.
+  std::vector<double> packet_times() const {
+    std::string error;
+    const auto reader = stream_reader::open(asked_.output, AVMEDIA_TYPE_VIDEO, error);
+    const av_ptr<AVPacket> packet = make_packet();
+    std::vector<double> made;
+    while (reader != nullptr && reader->next_packet(*packet)) {
+      made.push_back(static_cast<double>(packet->pts) * av_q2d(reader->time_base()));
+      last_duration_ = static_cast<double>(packet->duration) * av_q2d(reader->time_base());
+    }
+    return made;
+  }
+  mutable double last_duration_ = 0;
+
+ private:
+  template <class Is>
+  double first(AVMediaType medium, double after_s, Is is) const {
+    std::string error;
+    const auto reader = stream_reader::open(asked_.output, medium, error);
+    if (reader == nullptr) return -1;
+    const av_ptr<AVFrame> frame = make_frame();
+    while (reader->next_frame(*frame)) {
+      const int count = std::max(frame->nb_samples, 1);
+      for (int i = 0; i < count; ++i) {
+        const double at = static_cast<double>(frame->pts) / 1e6 + i / double{kSampleRate};
+        if (at >= after_s && is(*frame, i)) return at;
+      }
+    }
+    return -1;
+  }
+};
+
+TEST_F(Track, IsCopiedWithBlackAndSilenceBetween) {
+  record({{"1.mp4", 1, 0, 2}, {"1b.mp4", 1, 4, 6}, {"2.mp4", 2, 0, 9}});
+  for (const char* const name : {"film.mp4", "film.mov", "film.mkv"}) {
+    asked_.output = path(name);
+    ASSERT_EQ(lay(asked_), kLaid) << name;
+    EXPECT_NEAR(length_s(), 6, 0.1) << name;
+    for (const double at_s : {1.0, 3.0, 5.0}) {
+      const bool there = at_s != 3.0;
+      EXPECT_EQ(is_white(at_s), there) << name << " " << at_s;
+      EXPECT_EQ(loudness(at_s) > 0.1, there) << name << " " << at_s;
+    }
+    if (std::string(name) == "film.mp4") {
+      EXPECT_EQ(tag_of_pictures(), "avc3") << "copied";
+    }
+  }
+}
+
+// A mark a second after each file's beginning, of which the second is no whole packet behind.
+TEST_F(Track, IsCopiedToItsTime) {
+  part first = {"1.mp4", 1, 0, 2};
+  first.colour = "black";
+  first.picture_filter = "drawbox=enable='gte(t,0.999)':color=white:t=fill";
+  first.sound_filter = "asetnsamples=480,volume=0:enable='lt(t,0.9999)'";
+  part second = first;
+  second.name = "1b.mp4";
+  second.first_s = 3.013;
+  second.last_s = 5.013;
+  record({first, second});
+  for (const char* const name : {"film.mp4", "film.mkv"}) {
+    asked_.output = path(name);
+    ASSERT_EQ(lay(asked_), kLaid);
+    for (const double mark : {1.0, 4.013}) {
+      EXPECT_NEAR(white_from(mark - 0.5), mark, 0.01) << name;
+      EXPECT_NEAR(loud_from(mark - 0.5), mark, 0.01) << name;
+    }
+  }
+}
+
+TEST_F(Track, ShowsItsLastPictureWhileSoundGoesOn) {
+  part p = {"1.mp4", 1, 0, 3};
+  p.picture_s = 1;
+  record({p, {"1b.mp4", 1, 3, 4}});
+  ASSERT_EQ(lay(asked_), kLaid);
+  EXPECT_EQ(tag_of_pictures(), "avc3") << "copied";
+  for (const double at_s : {0.5, 1.7, 2.9, 3.5}) EXPECT_TRUE(is_white(at_s)) << at_s;
+}
+
+TEST_F(Track, EndsAFileWhereTheNextBegins) {
+  part first = {"1.mp4", 1, 0, 2};
+  first.media_s = 2.9;
+  part second = {"1b.mp4", 1, 2, 4};
+  second.colour = "black";
+  second.sound_filter = "volume=0";
+  record({first, second});
+  ASSERT_EQ(lay(asked_), kLaid);
+  EXPECT_NEAR(length_s(), 4, 0.1);
+  EXPECT_TRUE(is_white(1.9));
+  EXPECT_GT(loudness(1.8), 0.3);
+  const std::vector<double> times = packet_times();
+  EXPECT_TRUE(std::is_sorted(times.begin(), times.end())) << "no picture comes twice";
+  EXPECT_NEAR(last_duration_, 0.04, 0.01) << "the last one is seen as well";
+  for (const double at_s : {2.1, 2.5, 3.5}) {
+    EXPECT_FALSE(is_white(at_s)) << at_s;
+    EXPECT_LT(loudness(at_s), 0.01) << at_s;
+  }
+}
+
+TEST_F(Track, IsEncodedWhenItChangesItsSize) {
+  record({{"1.mp4", 1, 0, 1}, {"1b.mp4", 1, 1, 2, "160x90"}});
+  ASSERT_EQ(lay(asked_), kLaid);
+  EXPECT_EQ(tag_of_pictures(), "avc1");
+  EXPECT_TRUE(is_white(1.5, 310, 170)) << "the small picture fills the large one";
+}
+
+TEST_F(Track, IsSoundOfOneKindOrEncoded) {
+  part stereo = {"1b.mp4", 1, 1, 2};
+  stereo.sound_filter = "pan=stereo|c0=c0|c1=c0";
+  for (const bool mixed : {false, true}) {
+    record({{"1.mp4", 1, 0, 1}, mixed ? stereo : part{"1b.mp4", 1, 1, 2}});
+    asked_.force = true;
+    ASSERT_EQ(lay(asked_), kLaid);
+    std::string error;
+    const auto sound = stream_reader::open(asked_.output, AVMEDIA_TYPE_AUDIO, error);
+    ASSERT_NE(sound, nullptr) << error;
+    EXPECT_EQ(sound->parameters().codec_id, mixed ? AV_CODEC_ID_AAC : AV_CODEC_ID_OPUS);
+  }
+}
+
+// 440 Hz of half full scale never step further than 0.03 from one sample to the next.
+TEST_F(Track, HasNoClickWhereSoundEndsOrBegins) {
+  // Both go on where they are left.
+  part first = {"1.mp4", 1, 0, 1.003};
+  first.media_s = 1.2;
+  part second = {"1b.mp4", 1, 1.3, 2};
+  second.media_s = 0.9;
+  record({first, second});
+  problems found;
+  std::string error;
+  const auto s = read_session(folder_, "", found, error);
+  ASSERT_TRUE(s) << error;
+  sound_track track(s->users[0], found);
+  std::vector<float> samples(size_t{2} * 96000);
+  track.add(0, 96000, samples.data());
+  float most = 0;
+  for (size_t i = 2 * 4800; i < samples.size(); ++i) {
+    most = std::max(most, std::fabs(samples[i] - samples[i - 2]));
+  }
+  EXPECT_LT(most, 0.06F);
+  EXPECT_GT(most, 0.01F) << "there is sound";
+}
+
+}  // namespace
+}  // namespace zelta::lay

@@ -1,0 +1,22 @@
+// SPDX-License-Identifier: Apache-2.0
+// What couldn't be laid: a line each, every line once.
+#pragma once
+
+#include <algorithm>
+#include <string>
+#include <vector>
+
+namespace zelta::lay {
+
+class problems {
+ public:
+  void add(const std::string& line) {
+    if (std::find(lines_.begin(), lines_.end(), line) == lines_.end()) lines_.push_back(line);
+  }
+  const std::vector<std::string>& lines() const { return lines_; }
+
+ private:
+  std::vector<std::string> lines_;
+};
+
+}  // namespace zelta::lay

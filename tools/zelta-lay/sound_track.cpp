@@ -1,0 +1,147 @@
+// SPDX-License-Identifier: Apache-2.0
+#include "sound_track.h"
+
+#include <algorithm>
+#include <cstdlib>
+#include <iterator>
+
+namespace zelta::lay {
+namespace {
+
+constexpr int kChannels = 2;
+// In a file a step below that is a rounding of times; from one to the next, what one encodes less.
+constexpr int64_t kStepSamples = kSampleRate / 100;
+constexpr int64_t kJoinSamples = kSampleRate / 400;
+// Larger ones are faded over that much.
+constexpr int64_t kFadeSamples = kSampleRate / 200;
+constexpr int64_t kSeekUs = 2000000;
+
+int64_t samples_of(int64_t us) {
+  return av_rescale(us, kSampleRate, kSecond);
+}
+
+int64_t pairs_in(const std::vector<float>& samples) {
+  return static_cast<int64_t>(samples.size()) / kChannels;
+}
+
+// Makes a step of the wave a slope: `by` is added to the first sample and ever less to those
+// behind.
+void slope(std::vector<float>& samples, const float (&by)[kChannels]) {
+  const int64_t count = std::min(kFadeSamples, pairs_in(samples));
+  for (int64_t i = 0; i < count * kChannels; ++i) {
+    const float left = 1 - static_cast<float>(i / kChannels) / static_cast<float>(count);
+    samples[static_cast<size_t>(i)] += by[i % kChannels] * left;
+  }
+}
+
+}  // namespace
+
+sound_track::sound_track(const user& of, problems& found) : walk_(of, AVMEDIA_TYPE_AUDIO, found) {}
+
+bool sound_track::open_next(int64_t first, int64_t end) {
+  const int64_t first_us = av_rescale(first, kSecond, kSampleRate);
+  if (!walk_.open_next(first_us, av_rescale(end, kSecond, kSampleRate))) return false;
+  // What it holds is of the file before.
+  resampler_.reset();
+  is_first_ = true;
+  if (first_us - walk_.current().begin_us > kSeekUs) walk_.seek(first_us - kSeekUs / 2);
+  return true;
+}
+
+bool sound_track::is_resampled(const AVFrame& frame) {
+  if (resampler_ != nullptr && frame.format == resampled_format_ &&
+      frame.sample_rate == resampled_rate_ && frame.ch_layout.nb_channels == resampled_channels_) {
+    return true;
+  }
+  AVChannelLayout stereo = AV_CHANNEL_LAYOUT_STEREO;
+  // The function takes it as it is, and lacks the const.
+  auto* const own = const_cast<AVChannelLayout*>(&frame.ch_layout);
+  SwrContext* made = nullptr;
+  const int result =
+      swr_alloc_set_opts2(&made, &stereo, AV_SAMPLE_FMT_FLT, kSampleRate, own,
+                          static_cast<AVSampleFormat>(frame.format), frame.sample_rate, 0, nullptr);
+  resampler_.reset(made);
+  if (result < 0) return false;
+  // One channel is as loud in each of two as it was alone; the library would take 3 dB off.
+  const double both[kChannels] = {1, 1};
+  if (frame.ch_layout.nb_channels == 1 && swr_set_matrix(made, both, 1) < 0) return false;
+  if (swr_init(made) < 0) return false;
+  resampled_format_ = frame.format;
+  resampled_rate_ = frame.sample_rate;
+  resampled_channels_ = frame.ch_layout.nb_channels;
+  return true;
+}
+
+bool sound_track::take(const AVFrame& frame) {
+  if (!is_resampled(frame)) {
+    resampler_.reset();
+    return false;
+  }
+  const int room = std::max(swr_get_out_samples(resampler_.get(), frame.nb_samples), 0);
+  decoded_.resize(static_cast<size_t>(room) * kChannels);
+  auto* out = reinterpret_cast<uint8_t*>(decoded_.data());
+  const int made =
+      swr_convert(resampler_.get(), &out, room,
+                  const_cast<const uint8_t**>(frame.extended_data),  // its prototype lacks a const
+                  frame.nb_samples);
+  decoded_.resize(static_cast<size_t>(std::max(made, 0)) * kChannels);
+  lay_at(samples_of(frame.pts));
+  return true;
+}
+
+// What was decoded, at its sample, or right behind what was before when the step is small: it would
+// be heard as a click.
+void sound_track::lay_at(int64_t at) {
+  if (decoded_.empty()) return;
+  const int64_t step = is_first_ ? kJoinSamples : kStepSamples;
+  decoded_at_ = std::abs(at - decoded_end_) <= step ? decoded_end_ : at;
+  is_first_ = false;
+  const int64_t hole = decoded_at_ - decoded_end_;
+  if (hole < 0) {
+    // What was heard already isn't heard twice.
+    const int64_t twice = std::min(-hole, pairs_in(decoded_));
+    decoded_.erase(decoded_.begin(), decoded_.begin() + twice * kChannels);
+    decoded_at_ += twice;
+    if (decoded_.empty()) return;
+    slope(decoded_, {last_[0] - decoded_[0], last_[1] - decoded_[1]});
+  } else if (hole > 0) {
+    slope(decoded_, {-decoded_[0], -decoded_[1]});
+    if (hole <= kSampleRate) {
+      // The end of what was before rings out in the hole.
+      decoded_.insert(decoded_.begin(), static_cast<size_t>(hole) * kChannels, 0.0F);
+      decoded_at_ = decoded_end_;
+      slope(decoded_, last_);
+    }
+  }
+  decoded_end_ = decoded_at_ + pairs_in(decoded_);
+  std::copy(decoded_.end() - kChannels, decoded_.end(), std::begin(last_));
+}
+
+bool sound_track::decode_more(int64_t first, int64_t end) {
+  while (true) {
+    if (!walk_.is_open() && !open_next(first, end)) return false;
+    if (!walk_.next_frame(*frame_)) continue;
+    if (take(*frame_)) return true;
+    walk_.add_fault("its samples can't be converted");
+    walk_.close();
+  }
+}
+
+void sound_track::add(int64_t first, int count, float* to) {
+  const int64_t end = first + count;
+  while (true) {
+    const int64_t have = pairs_in(decoded_);
+    const int64_t from = std::max(first, decoded_at_);
+    const int64_t until = std::min(end, decoded_at_ + have);
+    for (int64_t i = from * kChannels; i < until * kChannels; ++i) {
+      to[i - first * kChannels] += decoded_[static_cast<size_t>(i - decoded_at_ * kChannels)];
+    }
+    if (have > 0 && decoded_at_ + have >= end) return;
+    if (!decode_more(first, end)) {
+      decoded_.clear();
+      return;
+    }
+  }
+}
+
+}  // namespace zelta::lay
