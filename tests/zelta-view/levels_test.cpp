@@ -99,7 +99,7 @@ TEST_F(LevelMeter, TellsLoudFromSilent) {
 TEST_F(LevelMeter, TakesNoTimeThatIsFarOff) {
   make("far.webm", "-c:a libopus -output_ts_offset 8000000000");
   const auto levels = levels_of("far.webm");
-  EXPECT_TRUE(!levels || levels->size() <= 7U * 24 * 3600 * 10) << levels->size();
+  EXPECT_TRUE(!levels || levels->size() <= size_t{7} * 24 * 3600 * 10) << levels->size();
 }
 
 TEST_F(LevelMeter, FetchesNothingThatAPlaylistNames) {

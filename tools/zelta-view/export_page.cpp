@@ -8,6 +8,8 @@
 #include <set>
 #include <string>
 
+#include <unistd.h>
+
 #include "complain.h"
 #include "core_service/folder/atomic_file.h"
 #include "digest.h"
@@ -66,7 +68,10 @@ int export_page(const options& o) {
   const std::string path = o.folder + kName;
   if (is_foreign(o.folder)) return refuse_foreign(path);
   add_levels(o, view.page);
-  // That may have taken minutes.
+  // In the place of what is written first nothing of use can be, but a link, or a pipe that nobody
+  // reads.
+  unlink((path + ".new").c_str());
+  // Measuring may have taken minutes.
   if (is_foreign(o.folder)) return refuse_foreign(path);
   if (!core_service::replace_file(path, page_with(text_of(view.page)), core_service::sync::kNo)) {
     return failed(path + " can't be written: " + std::strerror(errno));

@@ -73,7 +73,9 @@ const folder_view& folder_reader::look(int64_t now_utc_ms) {
       read(name, one);
     }
     one.states.clear();
-    state += name + '\n' + identity;
+    state += name;
+    state += '\n';
+    state += identity;
     if (one.facts) {
       for (const auto& file : one.facts->files) {
         one.states.push_back(state_of(folder_, file, now_utc_ms));

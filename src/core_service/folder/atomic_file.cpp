@@ -13,14 +13,13 @@ namespace zelta::core_service {
 namespace {
 
 // Where folders can't be locked, another process may replace the same file in the same moment, and
-// have renamed what was to be renamed here, or have made what was to be made.
+// have renamed what was to be renamed here.
 constexpr int kTries = 3;
 
 bool write_whole(const std::string& path, const std::string& text, sync how) {
-  // What stands there is a leftover, or a link that leads elsewhere: neither is written into.
-  unlink(path.c_str());
+  // A link in its place leads to what isn't ours to write.
   const base::unique_fd file(
-      open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0666));
+      open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!file.valid()) return false;
   for (size_t done = 0; done < text.size();) {
     const ssize_t written = write(file.get(), text.data() + done, text.size() - done);
@@ -37,10 +36,9 @@ bool write_whole(const std::string& path, const std::string& text, sync how) {
 
 bool replace_file(const std::string& path, const std::string& text, sync how) {
   const std::string fresh = path + ".new";
-  for (int tries = 0; tries < kTries; ++tries) {
-    const bool written = write_whole(fresh, text, how);
-    if (written && std::rename(fresh.c_str(), path.c_str()) == 0) return true;
-    if (errno != (written ? ENOENT : EEXIST)) break;
+  for (int tries = 0; tries < kTries && write_whole(fresh, text, how); ++tries) {
+    if (std::rename(fresh.c_str(), path.c_str()) == 0) return true;
+    if (errno != ENOENT) break;
   }
   const int why = errno;
   unlink(fresh.c_str());
