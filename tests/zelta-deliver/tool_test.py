@@ -682,7 +682,7 @@ echo it ran
         script = self.dir / "hook.sh"
         script.write_text(f"""#!/bin/sh
 echo "$ZELTA_FILE" > {self.dir}/file; ls -l /proc/$$/fd > {self.dir}/fds
-setsid sh -c 'echo $$ > {self.dir}/pid; while echo on; do :; done' &
+setsid sh -c 'echo $$ > {self.dir}/pid; while echo {"on" * 400}; do :; done' &
 until [ -s {self.dir}/pid ]; do :; done
 """)
         script.chmod(0o755)
