@@ -220,6 +220,11 @@ Subsystem sftp internal-sftp
         self.assert_arrived(made, at)
         with open(made.folder / "recording_engine.log", "a") as log:
             log.write("went on\n")
+        # The same key, kept under a password.
+        subprocess.run(["ssh-keygen", "-q", "-p", "-P", "", "-N", "hunter", "-f",
+                        self.dir / "user"], check=True)
+        (self.dir / "pass").write_text("hunter")
+        target["password_file"] = str(self.dir / "pass")
         self.run_tool(self.settings({**target, "verify": "content"}), made.folder)
         self.assert_arrived(made, at)
         self.assertEqual(list(at.rglob("*.part")), [])
