@@ -220,6 +220,11 @@ Subsystem sftp internal-sftp
         self.assert_arrived(made, at)
         with open(made.folder / "recording_engine.log", "a") as log:
             log.write("went on\n")
+        # The same key, kept under a password.
+        subprocess.run(["ssh-keygen", "-q", "-p", "-P", "", "-N", "hunter", "-f",
+                        self.dir / "user"], check=True)
+        (self.dir / "pass").write_text("hunter")
+        target["password_file"] = str(self.dir / "pass")
         self.run_tool(self.settings({**target, "verify": "content"}), made.folder)
         self.assert_arrived(made, at)
         self.assertEqual(list(at.rglob("*.part")), [])
@@ -549,6 +554,34 @@ echo it ran
         self.assertEqual(self.count(told, "confirmed"), 41)
         self.assertLessEqual(self.count(told, "failed"), 3)
 
+    def test_an_answer_without_an_end_is_left(self):
+        made = Recording(self.dir).add("7_a.mp4", 10)
+
+        def answer(server):
+            try:
+                while True:
+                    with server.accept()[0] as one:
+                        one.sendall(b"HTTP/1.1 200 OK\r\n")
+                        try:
+                            while True:
+                                one.sendall(b"X-More: and more\r\n" * 100)
+                        except OSError:
+                            pass
+            except OSError:  # it is shut down
+                pass
+        with socket.socket() as server:
+            server.bind(("127.0.0.1", 0))
+            server.listen()
+            answering = threading.Thread(target=answer, args=(server,))
+            answering.start()
+            url = f"http://127.0.0.1:{server.getsockname()[1]}"
+            told = self.run_tool(self.settings({"name": "endless", "type": "http", "url": url}),
+                                 "--give-up", 1, made.folder, status=3)
+            server.shutdown(socket.SHUT_RDWR)
+            answering.join()
+        self.assertIn("more than 64 KiB", told[0]["error"])
+        self.assert_idle(told)
+
     def test_a_manifest_or_a_state_leads_nowhere_else(self):
         victim = self.dir / "victim.mp4"
         victim.write_text("not a recording's")
@@ -682,7 +715,7 @@ echo it ran
         script = self.dir / "hook.sh"
         script.write_text(f"""#!/bin/sh
 echo "$ZELTA_FILE" > {self.dir}/file; ls -l /proc/$$/fd > {self.dir}/fds
-setsid sh -c 'echo $$ > {self.dir}/pid; while echo on; do :; done' &
+setsid sh -c 'echo $$ > {self.dir}/pid; while echo {"on" * 400}; do :; done' &
 until [ -s {self.dir}/pid ]; do :; done
 """)
         script.chmod(0o755)

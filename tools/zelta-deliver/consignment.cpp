@@ -147,6 +147,7 @@ void consignment::note_other(const std::string& name, const std::optional<stamp>
     for (auto& [target, shipped] : one.targets) begin_anew(shipped);
   }
   touch(name);
+  is_due_ = true;
 }
 
 // One that is new is to get all that is still here; one that is gone is waited for no more.
@@ -205,6 +206,7 @@ void consignment::retry_dead() {
       if (shipped.at == stage::kDead || other) begin_anew(shipped);
     }
     touch(name);
+    is_due_ = true;
   }
 }
 
@@ -291,6 +293,7 @@ void consignment::set_upload(const errand& of, const shipment& as) {
 void consignment::disown(const errand& of) {
   change(of).ours = false;
   touch(of.file);
+  is_due_ = true;
 }
 
 void consignment::confirm(const errand& of, int64_t now_ms) {
@@ -303,6 +306,7 @@ void consignment::confirm(const errand& of, int64_t now_ms) {
   one.ours = ours;
   unsaved_.insert(of.file);
   touch(of.file);
+  is_due_ = true;
   announce_file(of.file);
 }
 
@@ -326,6 +330,7 @@ void consignment::fail(const errand& of, const outcome& why, int64_t now_ms, uin
       backoff(one.attempts, settings_.first_retry, settings_.longest_retry, random).count();
   one.next_utc_ms = now_ms + std::max<int64_t>(wait, why.wait_ms);
   touch(of.file);
+  is_due_ = true;
   put_back(of);
 }
 
@@ -335,6 +340,7 @@ void consignment::bury(const errand& of, const std::string& why) {
   one.at = stage::kDead;
   one.error = why;
   touch(of.file);
+  is_due_ = true;
   announce("dead", of.file, &one);
 }
 
@@ -352,11 +358,13 @@ void consignment::changed(const errand& of, int64_t now_ms) {
     one.next_utc_ms = std::max(one.next_utc_ms, now_ms + kChangedMs);
   }
   touch(of.file);
+  is_due_ = true;
 }
 
 void consignment::set_deleted(const std::string& name, int64_t now_ms) {
   state_.files.at(name).deleted_utc_ms = now_ms;
   touch(name);
+  is_due_ = true;
 }
 
 bool consignment::is_safe(const std::string& name) const {
@@ -406,6 +414,7 @@ void consignment::announce_session() {
   body["dead"] = dead;
   state_.announced = digest;
   is_changed_ = true;
+  is_due_ = true;
   add_notice("session", line_of(body), false);
   if (!settings_.session_hook.empty()) add_notice("session", line_of(body), true);
 }
@@ -419,6 +428,7 @@ void consignment::add_notice(const std::string& kind, const std::string& body, b
   made.kind = kind;
   state_.notices.push_back(made);
   is_changed_ = true;
+  is_due_ = true;
 }
 
 namespace {
@@ -449,6 +459,7 @@ void consignment::notice_done(bool for_hook) {
   if (first == state_.notices.end()) return;
   state_.notices.erase(first);
   is_changed_ = true;
+  is_due_ = true;
 }
 
 void consignment::notice_failed(bool for_hook, int64_t now_ms, std::chrono::milliseconds wait) {
@@ -463,6 +474,7 @@ void consignment::notice_postponed(bool for_hook, int64_t now_ms, std::chrono::m
   if (first == state_.notices.end()) return;
   first->next_utc_ms = now_ms + wait.count();
   is_changed_ = true;
+  is_due_ = true;
 }
 
 bool consignment::in_place() const {
@@ -477,6 +489,7 @@ bool consignment::save() {
     fault_ = "the folder isn't there any more, or another one in its place";
   } else if (save_ledger(folder_, state_, fault_)) {
     is_changed_ = false;
+    is_due_ = false;
     unsaved_.clear();
   }
   const int64_t now_ms = steady_ms();
@@ -491,7 +504,9 @@ bool consignment::save_lazily(int64_t now_ms) {
 }
 
 std::optional<int64_t> consignment::lazy_save_ms() const {
-  return is_changed_ ? std::optional(lazy_from_ms_) : std::nullopt;
+  // What was only noted is noted again by the next scan.
+  const bool is_due = is_changed_ && (is_due_ || !has_pending());
+  return is_due ? std::optional(lazy_from_ms_) : std::nullopt;
 }
 
 bool consignment::has_pending() const {

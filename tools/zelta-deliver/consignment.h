@@ -84,7 +84,7 @@ class consignment {
   // The same, but for what whoever comes after a kill finds out by looking: of large states seldom
   // enough to take a small part of the time. `now_ms` is steady_ms().
   bool save_lazily(int64_t now_ms);
-  std::optional<int64_t> lazy_save_ms() const;  // the moment at which that is due
+  std::optional<int64_t> lazy_save_ms() const;  // the moment at which that is due, if it is
   // What is in the ledger is on disk.
   bool saved() const { return !is_changed_; }
   const std::string& fault() const { return fault_; }
@@ -126,8 +126,9 @@ class consignment {
   const delivery_settings& settings_;
   bool over_ = false;
   bool is_changed_ = false;
-  bool maybe_settled_ = true;      // since the session was looked at for its end
-  int64_t lazy_from_ms_ = 0;       // of steady_ms()
+  bool is_due_ = false;        // by more than what another scan, or a look at the target, finds out
+  bool maybe_settled_ = true;  // since the session was looked at for its end
+  int64_t lazy_from_ms_ = 0;   // of steady_ms()
   std::set<std::string> unsaved_;  // confirmed, which isn't on disk yet
   std::string fault_;
   std::set<place> open_;

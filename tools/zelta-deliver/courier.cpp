@@ -22,6 +22,7 @@ namespace {
 // folders whose recording runs are looked at as often as that, all of them more seldom.
 constexpr int64_t kRunningMs = 2000;
 constexpr int64_t kAllMs = 60'000;
+constexpr int64_t kSweepMs = 50;
 // What cleaning may take of the time is one part in so many.
 constexpr int64_t kCleaningShare = 20;
 
@@ -86,7 +87,7 @@ int courier::run(int signals) {
   stop_workers();
   for (const auto& [name, one] : folders_) {
     tell_buried(*one);
-    static_cast<void>(one->save());
+    if (one->lazy_save_ms()) static_cast<void>(one->save());
   }
   if (stopped) say("stopped", {});
   tell_all();
@@ -97,8 +98,19 @@ void courier::turn() {
   scan_due();
   hand_out();
   clean();
+  sweep();
+}
+
+// What has to be looked for in all folders isn't looked for each time that a worker ends something.
+void courier::sweep() {
+  const int64_t now_ms = steady_ms();
+  const bool is_time = next_save_ms_ && now_ms >= *next_save_ms_;
+  if (now_ms < sweep_from_ms_ || (!may_sweep_ && !is_time)) return;
+  may_sweep_ = false;
+  for (const auto& [name, one] : folders_) tell_buried(*one);
   save_late();
   if (watch_) let_go_of_finished();
+  sweep_from_ms_ = now_ms + kSweepMs;
 }
 
 void courier::scan_due() {
@@ -119,7 +131,6 @@ void courier::scan_due() {
   }
   for (consignment* const one : known) {
     if (all || dirty_.count(one->folder()) != 0 || (round && !one->is_over())) scan(*one);
-    tell_buried(*one);
   }
   dirty_.clear();
 }
@@ -203,7 +214,10 @@ void courier::scan(consignment& one) {
   one.scan(asked_.left_over, errors);
   one.announce_session();
   may_clean_ = may_clean_ || !one.saved();
-  if (!one.save()) errors.push_back(one.folder() + "/" + kLedgerName + ": " + one.fault());
+  if (one.lazy_save_ms() && !one.save()) {
+    errors.push_back(one.folder() + "/" + kLedgerName + ": " + one.fault());
+  }
+  may_sweep_ = true;
   std::string fault;
   for (const std::string& error : errors) fault += (fault.empty() ? "" : "; ") + error;
   tell_fault(one.folder(), fault);
@@ -345,14 +359,21 @@ void courier::clean() {
 // What was put off, and what couldn't be kept.
 void courier::save_late() {
   const int64_t now_ms = steady_ms();
+  next_save_ms_.reset();
   for (const auto& [name, one] : folders_) {
-    if (one->lazy_save_ms().value_or(now_ms + 1) > now_ms) continue;
+    const std::optional<int64_t> due_ms = one->lazy_save_ms();
+    if (!due_ms) continue;
+    if (*due_ms > now_ms) {
+      lower(next_save_ms_, due_ms);
+      continue;
+    }
     const bool had_failed = !one->fault().empty();
     if (one->save()) {
       may_clean_ = true;
       if (had_failed) tell_fault(name, "");
     } else {
       tell_fault(name, one->folder() + "/" + kLedgerName + ": " + one->fault());
+      lower(next_save_ms_, one->lazy_save_ms());
     }
   }
 }
@@ -362,13 +383,15 @@ bool courier::is_done() {
   if (watch_) return false;
   const std::lock_guard lock(mutex_);
   if (give_up_ms_ > 0 && steady_ms() >= give_up_ms_) return true;
-  if (busy_ > 0 || !queue_.empty() || (may_clean_ && !kept_.keeps_all())) return false;
+  if (busy_ > 0 || !queue_.empty() || may_sweep_ || (may_clean_ && !kept_.keeps_all()))
+    return false;
   // What can't be kept isn't waited for.
   const bool late = std::any_of(folders_.begin(), folders_.end(), [](const auto& one) {
-    return !one.second->saved() && one.second->fault().empty();
+    return one.second->lazy_save_ms() && one.second->fault().empty();
   });
   if (late || due_in_ms()) return false;
   for (const auto& [name, one] : folders_) scan(*one);
+  may_sweep_ = false;
   return !due_in_ms() && (!may_clean_ || kept_.keeps_all());
 }
 
@@ -406,9 +429,8 @@ int courier::wait_ms() {
   if (next_cleaning_ms_ > 0) until = std::min(until, std::max(next_cleaning_ms_, cleaned_from_ms_));
   if (may_clean_ && !kept_.keeps_all()) until = std::min(until, cleaned_from_ms_);
   if (give_up_ms_ > 0) until = std::min(until, give_up_ms_);
-  for (const auto& [name, one] : folders_) {
-    if (const auto late = one->lazy_save_ms()) until = std::min(until, *late);
-  }
+  if (next_save_ms_) until = std::min(until, *next_save_ms_);
+  if (may_sweep_) until = std::min(until, sweep_from_ms_);
   return static_cast<int>(std::clamp<int64_t>(until - now_ms, 0, kAllMs));
 }
 
@@ -433,7 +455,7 @@ int courier::status() const {
   for (const auto& [name, one] : folders_) {
     unfinished = unfinished || one->has_pending() || !one->is_over();
     dead = dead || one->has_dead();
-    broken = broken || !one->saved();
+    broken = broken || !one->fault().empty();
   }
   if (broken) return kBroken;
   if (dead) return kDeadLetters;
@@ -479,6 +501,7 @@ void courier::work_on() {
     lock.lock();
     --busy_;
     may_clean_ = true;
+    may_sweep_ = true;
     const uint64_t one = 1;
     // It can only be full of wake-ups that aren't read yet.
     static_cast<void>(write(done_.get(), &one, sizeof one) > 0);

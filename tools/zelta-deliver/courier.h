@@ -68,6 +68,7 @@ class courier {
   bool hand_out_notice(consignment& of, bool for_hook);
   void tell_notice(http_client& by, consignment& of, const notice& what);
   void clean();
+  void sweep();
   void save_late();
   bool is_done();
   int wait_ms();
@@ -101,6 +102,7 @@ class courier {
   target_gates gates_;
   bool posting_ = false;   // a webhook that doesn't answer takes one worker
   bool may_clean_ = true;  // something ended since the last time
+  bool may_sweep_ = true;  // likewise
 
   // The main thread's alone.
   std::vector<std::thread> workers_;
@@ -115,6 +117,8 @@ class courier {
   std::string first_folder_;
   int64_t next_round_ms_ = 0;  // to look at folders whose recording runs
   int64_t next_look_ms_ = 0;   // at all
+  std::optional<int64_t> next_save_ms_;
+  int64_t sweep_from_ms_ = 0;
   int64_t cleaned_from_ms_ = 0;
   int64_t next_cleaning_ms_ = 0;
   int64_t give_up_ms_ = 0;
