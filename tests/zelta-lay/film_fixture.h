@@ -36,8 +36,9 @@ struct part {
   const char* video = "libx264";
   const char* picture_filter = "null";
   const char* sound_filter = "anull";
-  double media_s = 0;                                                  // 0: from first to last
-  double picture_s = 0;                                                // 0: as the sound
+  double media_s = 0;    // 0: from first to last
+  double picture_s = 0;  // 0: as the sound
+  const char* mux = "-bf 0 -movflags +frag_keyframe";
   const char* entry = R"("closed":"user left","audio_codec":"opus")";  // of the manifest
 };
 
@@ -70,7 +71,7 @@ class Film : public testing::Test {
           ":s=" + p.size + ":r=25:d=" + std::to_string(p.picture_s > 0 ? p.picture_s : length) +
           " -f lavfi -i sine=440:r=48000:d=" + std::to_string(length) + ",volume=12dB -vf \"" +
           p.picture_filter + "\" -af \"" + p.sound_filter + "\" -c:v " + p.video +
-          " -g 25 -bf 0 -c:a libopus -movflags +frag_keyframe " + path(p.name);
+          " -g 25 -c:a libopus " + p.mux + " " + path(p.name);
       ASSERT_EQ(std::system(command.c_str()), 0) << command;
       const std::string size = p.size;
       const size_t x = size.find('x');

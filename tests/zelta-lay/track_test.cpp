@@ -95,6 +95,33 @@ TEST_F(Track, IsCopiedToItsTime) {
   }
 }
 
+// Fragments of pictures that are shown in another order than decoded stand as late as their delay,
+// and so does their sound.
+TEST_F(Track, IsntLateByWhatADeadRecorderCouldntTell) {
+  part p = {"1.mp4", 1, 0, 1};
+  p.media_s = 3;
+  p.colour = "black";
+  p.picture_filter = "drawbox=enable='gte(t,0.999)':color=white:t=fill";
+  p.sound_filter = "asetnsamples=480,volume=0:enable='lt(t,0.9999)'";
+  p.mux = "-bf 2 -movflags +frag_keyframe+empty_moov -use_editlist 0 -avoid_negative_ts 1";
+  p.entry = R"("closed":"recorder died","audio_codec":"opus")";
+  record({p});
+  std::string bytes = text_of("1.mp4");
+  constexpr uint64_t kDelay = kSampleRate * 80 / 1000;
+  bool is_sound = false;
+  for (size_t at = bytes.find("tfdt"); at != std::string::npos; at = bytes.find("tfdt", at + 1)) {
+    uint64_t time = 0;
+    for (size_t i = 8; i < 16; ++i) time = time << 8U | static_cast<uint8_t>(bytes[at + i]);
+    if (is_sound) time += kDelay;
+    is_sound = !is_sound;
+    for (size_t i = 15; i >= 8; --i, time >>= 8U) bytes[at + i] = static_cast<char>(time & 0xffU);
+  }
+  std::ofstream(path("1.mp4"), std::ios::binary) << bytes;
+  ASSERT_EQ(lay(asked_), kLaid);
+  EXPECT_NEAR(white_from(0.5), 1, 0.01);
+  EXPECT_NEAR(loud_from(0.5), 1, 0.01);
+}
+
 TEST_F(Track, ShowsItsLastPictureWhileSoundGoesOn) {
   part p = {"1.mp4", 1, 0, 3};
   p.picture_s = 1;

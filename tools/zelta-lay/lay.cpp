@@ -278,11 +278,10 @@ void carry_out(job& j) {
 }
 
 int tell_stopped(reporter& tell, const std::vector<std::string>& made) {
-  std::string words = "stopped; nothing is made";
-  for (const std::string& path : made) {
-    words = (path == made.front() ? "stopped; whole is " : words + ", ") + path;
-  }
-  tell.end(128 + stop_signal(), words);
+  std::string whole;
+  for (const std::string& path : made) whole.append(whole.empty() ? "" : ", ").append(path);
+  tell.end(128 + stop_signal(),
+           whole.empty() ? "stopped; nothing is made" : "stopped; whole is " + whole);
   return 128 + stop_signal();
 }
 

@@ -75,7 +75,7 @@ std::string contradiction(const CLI::App& app, const options& o) {
   const bool pictures = film && !o.audio_only;
   const bool lists = !o.edl.empty() || !o.otio.empty();
   if (!film && !lists) return "say what to make: -o FILE, --edl FILE or --otio FILE";
-  const std::string fault = film ? film_name_fault(o.output, o.audio_only) : "";
+  std::string fault = film ? film_name_fault(o.output, o.audio_only) : "";
   if (!fault.empty()) return fault;
   const struct {
     bool is_so;

@@ -29,7 +29,8 @@ int64_t pairs_in(const std::vector<float>& samples) {
 void slope(std::vector<float>& samples, const float (&by)[kChannels]) {
   const int64_t count = std::min(kFadeSamples, pairs_in(samples));
   for (int64_t i = 0; i < count * kChannels; ++i) {
-    const float left = 1 - static_cast<float>(i / kChannels) / static_cast<float>(count);
+    const int64_t pair = i / kChannels;
+    const float left = static_cast<float>(count - pair) / static_cast<float>(count);
     samples[static_cast<size_t>(i)] += by[i % kChannels] * left;
   }
 }

@@ -56,7 +56,7 @@ std::string targets_fault(const options& o, const std::set<std::string>& recorde
   std::set<fs::path> all;
   for (const std::string* const path : {&o.output, &o.edl, &o.otio}) {
     if (path->empty()) continue;
-    const std::string fault = fault_of(*path, path == &o.output, o, recorded);
+    std::string fault = fault_of(*path, path == &o.output, o, recorded);
     if (!fault.empty()) return fault;
     std::error_code failed;
     if (!all.insert(fs::weakly_canonical(fs::absolute(*path, failed), failed)).second) {
