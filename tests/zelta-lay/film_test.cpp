@@ -308,7 +308,7 @@ TEST_F(Film, TakesNobodysName) {
 
 TEST(Limiter, KeepsItsPlaceAndFullScale) {
   limiter l(1024);
-  std::vector<float> pairs(2 * 48000, 0.1F);
+  std::vector<float> pairs(96000, 0.1F);
   for (size_t i = 48000; i < 52000; ++i) pairs[i] = (i / 48) % 2 == 0 ? 3.0F : -3.0F;
   l.push(pairs.data(), 48000, 0);
   l.finish();

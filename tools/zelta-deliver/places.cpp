@@ -39,7 +39,9 @@ void check_places(const options& asked, const delivery_settings& settings,
       const std::string there =
           (path == "/" ? "" : path) + "/" + (one == asked.watch ? "" : remote_name(asked, one));
       if (is_within(path, one) || is_within(there, one)) {
-        errors.push_back(key + path + " should not lie in " + one + ", which is delivered");
+        std::string error = key;
+        error.append(path).append(" should not lie in ").append(one).append(", which is delivered");
+        errors.push_back(std::move(error));
         is_apart = false;
         break;
       }

@@ -101,11 +101,13 @@ std::set<std::string> tree_watch::take(bool& all) {
       const std::string what = event.len > 0 ? name : "";
       if (is_ours(what)) continue;
       const std::string path = folder->second;
+      std::string inner = path;
+      inner.append("/").append(what);
       if ((event.mask & IN_ISDIR) != 0 && (event.mask & IN_MOVED_FROM) != 0) {
-        drop(path + "/" + what);
+        drop(inner);
       }
       if ((event.mask & IN_ISDIR) != 0 && (event.mask & (IN_CREATE | IN_MOVED_TO)) != 0) {
-        add(path + "/" + what, &seen, all);
+        add(inner, &seen, all);
       }
       seen.insert(path);
     }
