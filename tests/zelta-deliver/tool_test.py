@@ -7,6 +7,7 @@ import getpass
 import hashlib
 import json
 import os
+import re
 import resource
 import shutil
 import signal
@@ -17,6 +18,7 @@ import tempfile
 import threading
 import time
 import unittest
+import urllib.request
 from pathlib import Path
 
 HERE = Path(__file__).resolve().parent
@@ -781,6 +783,58 @@ until [ -s {self.dir}/pid ]; do :; done
         tool.send_signal(signal.SIGTERM)
         told = tool.communicate(timeout=LIMIT_S)[0]
         self.assertIn("damaged/recording.json is no manifest", told)
+
+    def test_numbers_are_those_of_the_states(self):
+        self.serve()
+        call = Recording(self.dir).add("1_a.mp4", 1000).add("2_b.mp4", 2000)
+        call.add("3_c.mp4", 500, closed="").runs(True)
+        with socket.socket() as tried:
+            tried.bind(("127.0.0.1", 0))
+            port = tried.getsockname()[1]
+        # Nobody is there.
+        away = {"name": "away", "type": "http", "url": f"http://127.0.0.1:{port}/dav"}
+        with socket.socket() as tried:
+            tried.bind(("127.0.0.1", 0))
+            served = tried.getsockname()[1]
+        self.start_tool(self.settings(self.target("http"), away), "--metrics", str(served),
+                        call.folder)
+        opener = urllib.request.build_opener(urllib.request.ProxyHandler({}))
+
+        def numbers():
+            try:
+                with opener.open(f"http://127.0.0.1:{served}/metrics", timeout=10) as answer:
+                    text = answer.read().decode()
+            except OSError:
+                return {}
+            return {name: float(value) for name, value in
+                    re.findall(r"^(zelta_deliver\S+) (\S+)$", text, re.MULTILINE)}
+
+        wait_for("all that is closed delivered", lambda: numbers().get(
+            'zelta_deliver_confirmed_total{target="http"}') == 2 and numbers()[
+            'zelta_deliver_failures_total{target="away"}'] > 0)
+        now = numbers()
+        for name, value in {
+                "zelta_deliver_folders": 1,
+                'zelta_deliver_files{target="http",state="confirmed"}': 2,
+                'zelta_deliver_bytes{target="http",state="confirmed"}': 3000,
+                'zelta_deliver_confirmed_bytes_total{target="http"}': 3000,
+                'zelta_deliver_files{target="away",state="pending"}': 2,
+                'zelta_deliver_files{target="away",state="confirmed"}': 0,
+                'zelta_deliver_oldest_seconds{target="http"}': 0,
+                'zelta_deliver_dead_letters_total{target="away"}': 0}.items():
+            self.assertEqual(now[name], value, name)
+        self.assertGreater(now['zelta_deliver_oldest_seconds{target="away"}'], 0)
+        told = {re.sub(r"{.*", "", name) for name in now}
+        docs = (HERE.parents[1] / "docs")
+        described = re.findall(r"^\| `(zelta_deliver_\w+)` \|", (docs / "metrics.md").read_text(),
+                               re.MULTILINE)
+        self.assertEqual(told, set(described))
+        dashboard = (docs / "grafana-dashboard.json").read_text()
+        self.assertEqual(told, set(re.findall(r"zelta_deliver_\w+", dashboard)))
+        refused = subprocess.run(self.command(self.settings(away), call.folder, "--metrics", "x"),
+                                 env=ENVIRONMENT, timeout=LIMIT_S, capture_output=True, text=True)
+        self.assertEqual(refused.returncode, 2, refused)
+        self.assertIn('--metrics: "x" should be an IP address', refused.stderr)
 
     def test_status_tells_what_is_dead_and_what_is_not_yet_there(self):
         made = Recording(self.dir).add("7_a.mp4", 10)

@@ -94,6 +94,13 @@ int courier::run(int signals) {
   return stopped && watch_ ? static_cast<int>(kDelivered) : status();
 }
 
+delivery_numbers courier::numbers() {
+  const std::lock_guard lock(mutex_);
+  delivery_numbers made;
+  for (const auto& [name, one] : folders_) add_numbers(one->state(), made);
+  return made;
+}
+
 void courier::turn() {
   scan_due();
   hand_out();

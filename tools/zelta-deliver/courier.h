@@ -27,6 +27,7 @@
 #include "base/unique_fd.h"
 #include "carrier.h"
 #include "consignment.h"
+#include "delivery_numbers.h"
 #include "disk.h"
 #include "options.h"
 #include "pace.h"
@@ -49,6 +50,10 @@ class courier {
 
   // An exit status. `signals` is readable when it is to stop.
   int run(int signals);
+
+  // Any thread.
+  delivery_numbers numbers();
+  const reporter& reports() const { return reports_; }
 
  private:
   using work = std::function<void(http_client&)>;

@@ -3,6 +3,8 @@
 #include <csignal>
 #include <cstdio>
 #include <exception>
+#include <memory>
+#include <utility>
 
 #include <fcntl.h>
 #include <sys/signalfd.h>
@@ -10,6 +12,7 @@
 
 #include "base/unique_fd.h"
 #include "courier.h"
+#include "delivery_metrics.h"
 #include "exit_status.h"
 #include "http_client.h"
 #include "options.h"
@@ -61,7 +64,20 @@ int deliver(int argc, char** argv) {
     std::fputs("zelta-deliver: libcurl or signalfd can't be had\n", stderr);
     return kBroken;
   }
-  return courier(asked, settings).run(signals.get());
+  courier carries(asked, settings);
+  if (asked.metrics_address.empty()) return carries.run(signals.get());
+  std::string error;
+  const auto server = metrics::metrics_server::make(asked.metrics_address, error);
+  if (!server) {
+    std::fprintf(stderr, "zelta-deliver: --metrics: %s\n", error.c_str());
+    return kUsage;
+  }
+  std::vector<std::string> targets;
+  for (const target_settings& one : settings.targets) targets.push_back(one.name);
+  const auto numbers = std::make_shared<delivery_metrics>(
+      std::move(targets), [&carries] { return carries.numbers(); }, carries.reports());
+  server->add(numbers);
+  return carries.run(signals.get());
 }
 
 }  // namespace

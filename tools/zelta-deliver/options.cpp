@@ -90,6 +90,8 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
   app.add_option("--root", o.root,
                  "at targets, folders are called as they are from here on; default: their parent, "
                  "or what is watched");
+  app.add_option("--metrics", o.metrics_address,
+                 "ADDRESS:PORT at which numbers are served to Prometheus; a port alone: 127.0.0.1");
   app.add_flag("--status", o.status, "tell what the folders' states are; deliver nothing");
   app.add_flag("--retry-dead", o.retry_dead, "first make dead letters pending again");
   app.add_flag("--left-over", o.left_over,

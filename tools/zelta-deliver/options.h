@@ -12,6 +12,7 @@ struct options {
   std::string watch;                 // a root, likewise; empty: none
   std::string root;                  // what folders are named after, from there on
   std::string settings_path;
+  std::string metrics_address;
   bool json = false;
   bool status = false;
   bool retry_dead = false;

@@ -3,7 +3,9 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <exception>
+#include <string_view>
 
 #include <json/json.h>
 
@@ -24,10 +26,30 @@ std::string one_line(std::string text) {
 
 void reporter::tell(const char* event, const values& about) {
   try {
+    count_one(event, about);
     write(line_of(event, about));
   } catch (const std::exception&) {
     // For want of memory; the state on disk is what counts.
   }
+}
+
+void reporter::count_one(const char* event, const values& about) {
+  std::string target;
+  uint64_t bytes = 0;
+  for (const auto& [name, value] : about) {
+    if (name == std::string_view("target")) target = value;
+    if (name == std::string_view("bytes")) bytes = std::strtoull(value.c_str(), nullptr, 10);
+  }
+  const std::lock_guard lock(mutex_);
+  tally& of = told_[{event, target}];
+  ++of.events;
+  of.bytes += bytes;
+}
+
+reporter::tally reporter::count(const std::string& event, const std::string& target) const {
+  const std::lock_guard lock(mutex_);
+  const auto found = told_.find({event, target});
+  return found != told_.end() ? found->second : tally();
 }
 
 std::string reporter::line_of(const char* event, const values& about) const {
