@@ -15,6 +15,7 @@
 #include <json/json.h>
 #include <sys/stat.h>
 
+#include "recordings/crc_text.h"
 #include "recordings/folder_state.h"
 #include "recordings/regular_file.h"
 
@@ -37,14 +38,6 @@ std::map<uint32_t, Value> by_user(const Json::Value& object) {
   return made;
 }
 
-// None: not eight digits.
-std::optional<uint32_t> crc_of(const std::string& text) {
-  uint32_t crc = 0;
-  const char* const end = text.data() + text.size();
-  const auto [stopped, failed] = std::from_chars(text.data(), end, crc, 16);
-  return failed == std::errc() && stopped == end ? std::optional(crc) : std::nullopt;
-}
-
 media_file file_of(const Json::Value& entry, const manifest& of, const std::string& folder) {
   media_file made;
   made.name = entry["name"].asString();
@@ -58,7 +51,7 @@ media_file file_of(const Json::Value& entry, const manifest& of, const std::stri
   made.first_utc_ms = entry["first_utc_ms"].asInt64();
   made.last_utc_ms = entry["last_utc_ms"].asInt64();
   made.closed = entry["closed"].asString();
-  made.crc32 = crc_of(entry["crc32"].asString());
+  made.crc32 = crc_of_text(entry["crc32"].asString());
   struct stat status {};
   if (stat((folder + made.name).c_str(), &status) == 0) {
     made.bytes = static_cast<uint64_t>(status.st_size);

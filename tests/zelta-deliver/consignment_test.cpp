@@ -35,6 +35,16 @@ class ConsignmentTest : public testing::Test {
     manifest(R"({"name": "1.mp4", "closed": "user left"}, {"name": "2.mp4", "closed": ""})");
   }
 
+  void confirm_at_the_first_target() {
+    for (const auto& one : taken_) {
+      if (one.target == 0) {
+        of_->confirm(one, 1);
+      } else {
+        of_->put_back(one);
+      }
+    }
+  }
+
   void manifest(const std::string& files) {
     dir_.file("recording.json", "{\"files\": [" + files + "]}");
   }
@@ -86,13 +96,7 @@ TEST_F(ConsignmentTest, SendsWhatIsClosedThenWhatIsBesideItThenTheManifest) {
 TEST_F(ConsignmentTest, HoldsNothingBackAtOneTargetForTheOther) {
   scan();
   take(0);
-  for (const auto& one : taken_) {
-    if (one.target == 0) {
-      of_->confirm(one, 1);
-    } else {
-      of_->put_back(one);
-    }
-  }
+  confirm_at_the_first_target();
   EXPECT_EQ(take(0, {0}), names{"recording_engine.log@0"}) << "the second one has to wait";
   confirm_taken();
   EXPECT_EQ(take(0, {0}), names{"recording.json@0"});
@@ -259,13 +263,7 @@ TEST_F(ConsignmentTest, TakesWhatWasDeletedAndComesAgainForThere) {
 TEST_F(ConsignmentTest, AnnouncesWhatIsConfirmedAsATargetGoes) {
   scan();
   take(0);
-  for (const auto& one : taken_) {
-    if (one.target == 0) {
-      of_->confirm(one, 1);
-    } else {
-      of_->put_back(one);
-    }
-  }
+  confirm_at_the_first_target();
   EXPECT_EQ(of_->state().notices.size(), 0U);
   settings_.targets.pop_back();
   scan();

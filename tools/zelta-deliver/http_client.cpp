@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "http_client.h"
+#include "zelta-record/percent.h"
 
 #include <algorithm>
 #include <cctype>
@@ -259,19 +260,7 @@ bool prepare_http() {
 }
 
 std::string percent_encoded(const std::string& text, bool keep_slashes) {
-  constexpr const char* kDigits = "0123456789ABCDEF";
-  std::string made;
-  for (const char c : text) {
-    const bool plain = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                       c == '-' || c == '.' || c == '_' || c == '~' || (c == '/' && keep_slashes);
-    if (plain) {
-      made += c;
-    } else {
-      const auto byte = static_cast<unsigned char>(c);
-      made += {'%', kDigits[byte >> 4], kDigits[byte & 15]};
-    }
-  }
-  return made;
+  return record::percent_encoded(text, keep_slashes ? "/" : "");
 }
 
 std::string percent_decoded(const std::string& text) {

@@ -19,6 +19,7 @@
 #include "places.h"
 #include "settings.h"
 #include "status.h"
+#include "zelta-record/ending_signals.h"
 
 namespace zelta::deliver {
 namespace {
@@ -29,10 +30,7 @@ base::unique_fd block_signals() {
   signal(SIGPIPE, SIG_IGN);
   sigset_t taken;
   sigemptyset(&taken);
-  for (const int one : {SIGINT, SIGTERM, SIGHUP}) {
-    struct sigaction is {};
-    if (sigaction(one, nullptr, &is) == 0 && is.sa_handler != SIG_IGN) sigaddset(&taken, one);
-  }
+  for (const int one : record::ending_signals()) sigaddset(&taken, one);
   sigprocmask(SIG_BLOCK, &taken, nullptr);
   return base::unique_fd(signalfd(-1, &taken, SFD_CLOEXEC | SFD_NONBLOCK));
 }

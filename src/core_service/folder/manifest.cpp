@@ -2,7 +2,6 @@
 #include "core_service/folder/manifest.h"
 
 #include <algorithm>
-#include <charconv>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -16,6 +15,7 @@
 #include "base/clocks.h"
 #include "base/log.h"
 #include "core_service/folder/leftover_files.h"
+#include "recordings/crc_text.h"
 #include "recordings/recording_folder.h"
 
 namespace zelta::core_service {
@@ -28,20 +28,6 @@ constexpr size_t kMostMissing = 1000;
 // What is new beyond these may be told twice, and is called nothing.
 constexpr size_t kMostRemembered = 10'000;
 constexpr size_t kLongestReason = 1000;
-
-// Eight digits, as tools that reckon it show it.
-std::string hex(uint32_t crc) {
-  char text[9];
-  std::snprintf(text, sizeof text, "%08x", crc);
-  return text;
-}
-
-std::optional<uint32_t> crc_from_hex(const std::string& text) {
-  uint32_t crc = 0;
-  const char* const end = text.data() + text.size();
-  const auto [stopped, failed] = std::from_chars(text.data(), end, crc, 16);
-  return failed == std::errc() && stopped == end ? std::optional(crc) : std::nullopt;
-}
 
 template <class T>
 Json::Value to_json(const std::map<uint32_t, T>& by_user) {
@@ -74,7 +60,7 @@ Json::Value to_json(const manifest_file& f) {
   v["duration_ms"] = Json::Int64{std::max<int64_t>(f.is.last_utc_ms - f.is.first_utc_ms, 0)};
   v["bytes"] = Json::UInt64{f.is.bytes};
   v["closed"] = f.end.reason;
-  if (f.end.crc32) v["crc32"] = hex(*f.end.crc32);
+  if (f.end.crc32) v["crc32"] = recordings::text_of_crc(*f.end.crc32);
   return v;
 }
 
@@ -92,7 +78,7 @@ manifest_file file_from_json(const Json::Value& v, const Json::Value& channel_id
   f.is.last_utc_ms = v.get("last_utc_ms", Json::Int64{0}).asInt64();
   f.is.bytes = v.get("bytes", 0U).asUInt64();
   f.end.reason = v.get("closed", "").asString();
-  f.end.crc32 = crc_from_hex(v.get("crc32", "").asString());
+  f.end.crc32 = recordings::crc_of_text(v.get("crc32", "").asString());
   return f;
 }
 
