@@ -71,12 +71,19 @@ def flashes(path, place=None):
     return found
 
 
+def decoder(path):
+    """Arguments of ffmpeg: its own decoder of Opus is up to 35 dB too low after gaps."""
+    is_opus = "opus" in run("ffprobe", "-v", "error", "-select_streams", "a:0", "-show_entries",
+                            "stream=codec_name", path)
+    return ["-c:a", "libopus"] if is_opus else []
+
+
 def beeps(path, tone=None):
     """On the file's own time; `tone` in Hz, when there are others."""
     # Twice: what is a factor of 1.6 away is 40 dB lower then.
     only = f"bandpass=f={tone}:width_type=q:w=10," * 2 if tone else ""
     # Silence is trusted after 0.4 s of it; what ends it is a beep, and the end of the file is not.
-    text = run("ffmpeg", "-v", "info", "-copyts", "-i", path, "-vn", "-af",
+    text = run("ffmpeg", "-v", "info", *decoder(path), "-copyts", "-i", path, "-vn", "-af",
                f"{only}silencedetect=n=-34dB:d=0.4", "-f", "null", "-")
     found = [float(at) for at in re.findall(r"silence_end: (-?[0-9.]+)", text)]
     # A file that was cut at a beep begins without the silence that the beep would end.
@@ -90,10 +97,9 @@ def beeps(path, tone=None):
 def tones(path):
     """Beginning and end of each beep of Opus: of one whose first or last packet was lost they are
     closer."""
-    # FFmpeg's own decoder is up to 35 dB too low after gaps. The level is well above what Opus puts
-    # before a sound that sets in.
-    text = run("ffmpeg", "-v", "info", "-c:a", "libopus", "-i", path, "-vn", "-af", "silencedetect=n=-14dB:d=0.4",
-               "-f", "null", "-")
+    # The level is well above what Opus puts before a sound that sets in.
+    text = run("ffmpeg", "-v", "info", *decoder(path), "-i", path, "-vn", "-af",
+               "silencedetect=n=-14dB:d=0.4", "-f", "null", "-")
     edges = [float(at) for at in re.findall(r"silence_(?:start|end): (-?[0-9.]+)", text)]
     # Silence begins, ends by a beep, begins again.
     return list(zip(edges[1::2], edges[2::2]))

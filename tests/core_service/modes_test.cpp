@@ -202,7 +202,7 @@ TEST_F(ModesTest, CrashOfADecoderCostsThePicturesOfThatUserAlone) {
     EXPECT_EQ(handler.count("warning 108"), 1);
     EXPECT_EQ(handler.count("yuv 2 "), frames_of_2);
     const Json::Value missing = manifest()["missing"];
-    ASSERT_EQ(missing.size(), 1U);
+    ASSERT_EQ(missing.size(), 1U) << missing;
     EXPECT_EQ(fields(missing[0], {"uid", "medium"}), "2 decoded video");
     EXPECT_TRUE(named("crash").empty());
     if (!mixed) continue;
