@@ -73,8 +73,8 @@ def flashes(path, place=None):
 
 def decoder(path):
     """Arguments of ffmpeg: its own decoder of Opus is up to 35 dB too low after gaps."""
-    is_opus = "opus" in run("ffprobe", "-v", "error", "-select_streams", "a:0", "-show_entries",
-                            "stream=codec_name", path)
+    facts = json.loads(probe(path, ["-show_entries", "stream=codec_name"], "a:0"))
+    is_opus = any(s.get("codec_name") == "opus" for s in facts.get("streams", []))
     return ["-c:a", "libopus"] if is_opus else []
 
 
