@@ -52,9 +52,10 @@ TEST_F(LinkTest, ServerOfTheConfigurationFileIsItsEnginesAlone) {
 }
 
 TEST_F(LinkTest, EventsAndFramesArriveInOrderOnOneThreadOfTheEngine) {
-  ASSERT_TRUE(join("hello join user:5 pcm:3000 h264:300000 h264:5 drop:5 await:16", "user out 5"));
+  ASSERT_TRUE(join("hello join user:5 pcm:3000 h264:300000 h264:5 drop:5 await:16 user:6 await:1",
+                   "user in 6"));
   const auto calls = handler.calls();
-  ASSERT_EQ(calls.size(), 3005U);
+  ASSERT_EQ(calls.size(), 3006U);
   EXPECT_EQ(calls[1], "user in 5 /folder/");
   for (int i = 0; i < 3000; ++i) {
     EXPECT_EQ(calls[static_cast<size_t>(i) + 2],
@@ -62,6 +63,7 @@ TEST_F(LinkTest, EventsAndFramesArriveInOrderOnOneThreadOfTheEngine) {
   }
   EXPECT_EQ(calls[3002], "h264 5 0 0 300000 0");
   EXPECT_EQ(calls[3003], "h264 5 0 0 5 0");
+  EXPECT_EQ(calls[3004], "user out 5 0");
   engine.reset();
   EXPECT_EQ(handler.threads().size(), 1U);
   EXPECT_EQ(handler.threads().count(std::this_thread::get_id()), 0U);
