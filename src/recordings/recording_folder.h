@@ -27,7 +27,8 @@ struct media_file {
   int64_t last_utc_ms = 0;
   std::string closed;  // why; empty: it is being written, or its recorder is dead
   uint64_t bytes = 0;  // 0: it isn't there, either
-  // Of a file that was closed in order, of all bytes that it had then (ISO 3309).
+  // Of a file that was closed in order: all bytes that it had then, and their CRC (ISO 3309).
+  uint64_t closed_bytes = 0;
   std::optional<uint32_t> crc32;
 
   int64_t duration_ms() const { return last_utc_ms - first_utc_ms; }

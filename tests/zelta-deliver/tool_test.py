@@ -4,7 +4,6 @@
 
 import fcntl
 import getpass
-import hashlib
 import json
 import os
 import re
@@ -13,163 +12,18 @@ import shutil
 import signal
 import socket
 import subprocess
-import sys
 import tempfile
 import threading
 import time
 import unittest
 import urllib.request
+import zlib
 from pathlib import Path
 
-HERE = Path(__file__).resolve().parent
-TOOL = Path(os.environ["ZELTA_BIN"]) / "zelta-deliver"
-LIMIT_S = 60
-# Of a run of a few seconds that has hardly anything to do. Sanitizers take their time.
-CPU_S = 4 if any("ASAN" in name or "TSAN" in name for name in os.environ) else 1.5
-RETRY = {"first_ms": 20, "longest_ms": 200, "refusals": 3}
-ENVIRONMENT = {**os.environ, "S3_SECRET": "not-a-secret", "HOOK_KEY": "hook-key"}
+from deliveries import CPU_S, ENVIRONMENT, HERE, LIMIT_S, RETRY, DeliveryTest, Recording, wait_for
 
 
-def wait_for(what, holds):
-    """A file system or another process has no event to wait on that a test could have."""
-    until = time.monotonic() + LIMIT_S
-    while not holds():
-        if time.monotonic() > until:
-            raise AssertionError(f"{what} in {LIMIT_S} s")
-        time.sleep(0.02)
-
-
-class Recording:
-    """A folder as a recorder leaves it."""
-
-    def __init__(self, root, name="call"):
-        self.folder = root / name
-        self.folder.mkdir(parents=True)
-        self.files = []
-
-    def add(self, name, size, closed="user left"):
-        seed = hashlib.sha256(f"{self.folder}{name}".encode()).digest()
-        (self.folder / name).write_bytes((seed * (size // 32 + 1))[:size])
-        self.files = [one for one in self.files if one["name"] != name]
-        self.files.append({"name": name, "uid": 7, "closed": closed})
-        return self.write()
-
-    def write(self):
-        beside = self.folder / "recording.json.new"
-        beside.write_text(json.dumps({"version": 1, "channel_id": "c", "files": self.files}))
-        beside.rename(self.folder / "recording.json")
-        return self
-
-    def runs(self, does):
-        journal = self.folder / "journal.json"
-        if does:
-            journal.write_text("{}")
-        else:
-            journal.unlink()
-        return self
-
-    def state(self):
-        return json.loads((self.folder / "delivery.json").read_text())
-
-    def stages(self):
-        return {name: {at["state"] for at in one["targets"].values()}
-                for name, one in self.state()["files"].items()}
-
-
-class ToolTest(unittest.TestCase):
-    def setUp(self):
-        self.dir = Path(tempfile.mkdtemp(prefix="zelta-test."))
-        self.addCleanup(shutil.rmtree, self.dir, True)
-        self.kept = self.dir / "kept"
-        (self.dir / "id").write_text("tester\n")
-        self.port = 0
-        self.store = None
-
-    def serve(self, faults="", folder=None):
-        if self.store:
-            self.stop_store()
-        self.store = subprocess.Popen(
-            [sys.executable, HERE / "store.py", folder or self.kept, str(self.port), "--faults",
-             faults], stdout=subprocess.PIPE, text=True)
-        self.addCleanup(self.stop_store)
-        self.port = int(self.store.stdout.readline())
-
-    def stop_store(self):
-        if self.store:
-            self.store.kill()
-            self.store.wait()
-            self.store.stdout.close()
-            self.store = None
-
-    def target(self, kind, **more):
-        url = f"http://127.0.0.1:{self.port}"
-        made = {
-            "http": {"url": url + "/dav"},
-            "s3": {"endpoint": url + "/s3", "bucket": "bucket", "access_key_file":
-                   str(self.dir / "id"), "secret_key_env": "S3_SECRET", "prefix": "p q/",
-                   "part_bytes": 5 << 20},
-            "folder": {"path": str(self.dir / "nas")},
-        }[kind]
-        if kind == "folder":
-            (self.dir / "nas").mkdir(exist_ok=True)
-        return {"name": kind, "type": kind, **made, **more}
-
-    def settings(self, *targets, **more):
-        path = self.dir / "settings.json"
-        path.write_text(json.dumps({"targets": targets, "retry": RETRY, "stall_s": 5, **more}))
-        return path
-
-    def command(self, settings, *arguments):
-        return [TOOL, "--json", "--settings", settings, *map(str, arguments)]
-
-    def run_tool(self, settings, *arguments, status=0, **more):
-        before = resource.getrusage(resource.RUSAGE_CHILDREN)
-        done = subprocess.run(self.command(settings, *arguments), env=ENVIRONMENT, timeout=LIMIT_S,
-                              capture_output=True, text=True, **more)
-        after = resource.getrusage(resource.RUSAGE_CHILDREN)
-        self.cpu_s = after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
-        self.said = done.stderr
-        self.assertEqual(done.returncode, status, done.stdout + done.stderr)
-        return [json.loads(line) for line in done.stdout.splitlines()]
-
-    def count(self, told, event):
-        return sum(one["event"] == event for one in told)
-
-    def start_tool(self, settings, *arguments):
-        tool = subprocess.Popen(self.command(settings, *arguments), env=ENVIRONMENT,
-                                stdout=subprocess.DEVNULL)
-
-        def end():
-            tool.kill()
-            tool.wait()
-        self.addCleanup(end)
-        return tool
-
-    @staticmethod
-    def locks_of(tool):
-        count = 0
-        for one in Path(f"/proc/{tool.pid}/fd").iterdir():
-            try:
-                count += os.readlink(one).endswith(".delivery.lock")
-            except FileNotFoundError:  # it was closed meanwhile
-                pass
-        return count
-
-    def puts(self):
-        log = self.kept / "puts.txt"
-        return sorted(log.read_text().split()) if log.exists() else []
-
-    def hooks(self):
-        log = self.kept / "hooks.txt"
-        return [json.loads(line) for line in log.read_text().splitlines()] if log.exists() else []
-
-    def assert_arrived(self, recording, at):
-        for one in recording.folder.iterdir():
-            if one.name.startswith((".", "delivery", "journal")):
-                continue
-            there = at / recording.folder.name / one.name
-            self.assertEqual(there.read_bytes(), one.read_bytes(), one.name)
-
+class ToolTest(DeliveryTest):
     def start_sshd(self):
         with socket.socket() as free:
             free.bind(("127.0.0.1", 0))
@@ -230,19 +84,6 @@ Subsystem sftp internal-sftp
         self.run_tool(self.settings({**target, "verify": "content"}), made.folder)
         self.assert_arrived(made, at)
         self.assertEqual(list(at.rglob("*.part")), [])
-
-    def all_kinds(self):
-        return {"http": self.kept / "dav", "s3": self.kept / "s3/bucket/p q",
-                "folder": self.dir / "nas"}
-
-    def recording(self):
-        made = Recording(self.dir, "a call+1")
-        made.add("7_a.mp4", 1000).add("7_b.webm", 200_000).add("8_c.m4a", 12_000_000)
-        made.add("9_d.m4a", 0)
-        (made.folder / "messages.jsonl").write_text("{}\n")
-        (made.folder / "recording_engine.log").write_text("began\n")
-        (made.folder / "7_20260101T000000000.jpg").write_bytes(b"jpeg")
-        return made
 
     def test_all_arrives_once_at_each_kind_of_target(self):
         for kind, at in self.all_kinds().items():
@@ -835,6 +676,30 @@ until [ -s {self.dir}/pid ]; do :; done
                                  env=ENVIRONMENT, timeout=LIMIT_S, capture_output=True, text=True)
         self.assertEqual(refused.returncode, 2, refused)
         self.assertIn('--metrics: "x" should be an IP address', refused.stderr)
+
+    def test_media_that_the_disk_damaged_is_a_dead_letter_that_names_both_checksums(self):
+        self.serve()
+        made = Recording(self.dir).add_with_crc("7_a.mp4", 100_000)
+        made.add_with_crc("7_b.mp4", 1000).add_with_crc("7_c.mp4", 1000)
+        whole = (made.folder / "7_a.mp4").read_bytes()
+        (made.folder / "7_a.mp4").write_bytes(b"!" + whole[1:])
+        (made.folder / "7_b.mp4").write_bytes(whole[:999])
+        settings = self.settings(self.target("http"), keep={"minutes": 0})
+        told = self.run_tool(settings, made.folder, status=4)
+        dead = {one["file"]: one["error"] for one in told if one["event"] == "dead letter"}
+        self.assertEqual(sorted(dead), ["7_a.mp4", "7_b.mp4"])
+        for crc in (zlib.crc32(whole), zlib.crc32(b"!" + whole[1:])):
+            self.assertIn(f"100000 bytes with the CRC-32 {crc:08x}", dead["7_a.mp4"])
+        self.assertIn("1000 bytes", dead["7_b.mp4"])
+        self.assertIn("999 bytes", dead["7_b.mp4"])
+        self.assertEqual(self.puts(), ["7_c.mp4", "recording.json"])
+        self.assertTrue((made.folder / "7_a.mp4").exists())
+        self.assertEqual(self.run_tool(settings, made.folder, status=4), [])
+        self.run_tool(settings, "--retry-dead", made.folder, status=4)
+        (made.folder / "7_a.mp4").write_bytes(whole)
+        made.add_with_crc("7_b.mp4", 1000)
+        self.run_tool(settings, "--retry-dead", made.folder)
+        self.assertEqual((self.kept / "dav/call/7_a.mp4").read_bytes(), whole)
 
     def test_status_tells_what_is_dead_and_what_is_not_yet_there(self):
         made = Recording(self.dir).add("7_a.mp4", 10)

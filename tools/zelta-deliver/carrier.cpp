@@ -4,11 +4,15 @@
 #include <cerrno>
 #include <cstring>
 #include <exception>
+#include <optional>
 #include <random>
 #include <utility>
 
+#include <zlib.h>
+
 #include "digest.h"
 #include "disk.h"
+#include "recordings/crc_text.h"
 
 namespace zelta::deliver {
 namespace {
@@ -16,6 +20,10 @@ namespace {
 uint32_t random_number() {
   thread_local std::minstd_rand source{std::random_device{}()};
   return static_cast<uint32_t>(source());
+}
+
+std::string text_of(const consignment::checksum& of) {
+  return std::to_string(of.bytes) + " bytes with the CRC-32 " + recordings::text_of_crc(of.crc32);
 }
 
 }  // namespace
@@ -73,9 +81,14 @@ bool carrier::load() {
 
 bool carrier::digest() {
   sha256 of;
+  // In one read: of an hour with many users a second one would take as long as the sending.
+  consignment::checksum is;
   std::string error;
   const auto add = [&](const char* bytes, size_t size) {
     of.add(bytes, size);
+    is.bytes += size;
+    is.crc32 = static_cast<uint32_t>(
+        crc32_z(is.crc32, reinterpret_cast<const unsigned char*>(bytes), size));
     return !with_.limits.stopped();
   };
   if (!read_all(file_.get(), add, error)) {
@@ -88,6 +101,15 @@ bool carrier::digest() {
   }
   if (!still_the_same()) {
     changed();
+    return false;
+  }
+  std::optional<consignment::checksum> told;
+  {
+    const std::lock_guard lock(with_.mutex);
+    told = from_.checksum_of(of_.file);
+  }
+  if (told && (told->bytes != is.bytes || told->crc32 != is.crc32)) {
+    bury("the disk damaged it: the manifest has " + text_of(*told) + ", the file " + text_of(is));
     return false;
   }
   parcel_.sha256 = of.hex();

@@ -62,6 +62,9 @@ void consignment::scan(bool left_over, std::vector<std::string>& errors) {
   for (const recordings::manifest& one : manifests) {
     for (const recordings::media_file& file : one.files) {
       if (!file.closed.empty() || over_) note(file.name, rank::kMedia, faults);
+      if (!file.closed.empty() && file.crc32) {
+        checksums_[file.name] = {file.closed_bytes, *file.crc32};
+      }
     }
   }
   // Targets may be others than they were for files that are noted no more, too.
@@ -78,6 +81,11 @@ void consignment::scan(bool left_over, std::vector<std::string>& errors) {
     for (const recordings::manifest& one : manifests) note(one.name, rank::kManifest, faults);
   }
   errors.insert(errors.end(), faults.begin(), faults.end());
+}
+
+std::optional<consignment::checksum> consignment::checksum_of(const std::string& name) const {
+  const auto told = checksums_.find(name);
+  return told != checksums_.end() ? std::optional(told->second) : std::nullopt;
 }
 
 void consignment::note(const std::string& name, rank order, std::vector<std::string>& errors) {

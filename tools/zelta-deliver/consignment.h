@@ -8,6 +8,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <map>
 #include <optional>
 #include <set>
 #include <string>
@@ -45,6 +46,12 @@ class consignment {
   std::optional<int64_t> wait_ms(size_t target, int64_t now_ms) const;
 
   const entry& file(const std::string& name) const { return state_.files.at(name); }
+  // What the manifest says that a closed file holds, where it does.
+  struct checksum {
+    uint64_t bytes = 0;
+    uint32_t crc32 = 0;
+  };
+  std::optional<checksum> checksum_of(const std::string& name) const;
   const shipment& at(const errand& of) const;
 
   // Steps of a flight.
@@ -131,6 +138,7 @@ class consignment {
   int64_t lazy_from_ms_ = 0;   // of steady_ms()
   std::set<std::string> unsaved_;  // confirmed, which isn't on disk yet
   std::string fault_;
+  std::map<std::string, checksum> checksums_;
   std::set<place> open_;
   std::set<std::pair<std::string, size_t>> flying_;
   std::vector<errand> buried_;
