@@ -23,7 +23,7 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(libgtest-dev python3-jsonschema procps nginx-light openssh-server) ;;
+    test) packages+=(libgtest-dev python3-jsonschema procps nginx-light openssh-server age) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     sound) packages+=(pulseaudio pulseaudio-utils) ;;
     bench) packages+=(libzmq3-dev gnuplot-nox) ;;

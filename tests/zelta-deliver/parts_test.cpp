@@ -73,7 +73,8 @@ TEST(Ledger, ComesBackAsItWasKept) {
   file.order = deliver::rank::kBeside;
   file.announced = true;
   file.deleted_utc_ms = 5;
-  file.targets["s3"] = {deliver::stage::kSending, 3, 2, 77, 88, "why", true, "id", 9, {"\"t\""}};
+  file.targets["s3"] = {
+      deliver::stage::kSending, 3, 2, 77, 88, "why", true, "id", 9, {"\"t\""}, "aa", "bb", 7};
   kept->notices.push_back({"id-1", "{}", true, "file", 4, 99});
   kept->next_notice = 2;
   ASSERT_TRUE(deliver::save_ledger(dir.path(), *kept, error)) << error;
@@ -86,6 +87,8 @@ TEST(Ledger, ComesBackAsItWasKept) {
   EXPECT_EQ(std::tie(at.at, at.attempts, at.refusals, at.next_utc_ms, at.confirmed_utc_ms, at.ours),
             std::make_tuple(deliver::stage::kSending, 3, 2, int64_t{77}, int64_t{88}, true));
   EXPECT_EQ(at.parts, std::vector<std::string>{"\"t\""});
+  EXPECT_EQ(std::tie(at.sealed_for, at.sealed_sha256, at.sealed_bytes),
+            std::make_tuple(std::string("aa"), std::string("bb"), uint64_t{7}));
   EXPECT_EQ(read->files.at("7_a.mp4").is, file.is);
 }
 
@@ -130,6 +133,7 @@ TEST(Ledger, ThatNamesWhatIsNotOfTheRecordingIsRefused) {
       file("7_a.mp4", R"(, "upload_id": "u", "part_bytes": 0, "parts": ["x"])", "media"),
       file("7_a.mp4", R"(, "part_bytes": 18446744073709551615)", "media"),
       file("7_a.mp4", R"(, "refusals": -1)", "media"),
+      file("7_a.mp4", R"(, "sealed_sha256": "a\r\nx-amz-acl: public-read")", "media"),
       R"("files": {"7_a.mp4": {"rank": "media", "sha256": "a\r\nx-amz-acl: public-read"}})",
       R"("remote": "../others")",
       R"("remote": "/etc")",

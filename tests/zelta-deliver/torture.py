@@ -1,8 +1,8 @@
 #!/usr/bin/env python3
 # SPDX-License-Identifier: Apache-2.0
 """zelta-deliver and its servers are killed at random moments, while files go to nginx, to a store that
-fails in every way (store.py), to a folder and to an SSH server. At the end every file has to be at
-every target, byte for byte, none may ever have been deleted that wasn't there, each has been told as
+fails in every way (store.py), as they are and sealed, to a folder and to an SSH server. At the end
+every file has to be at every target, byte for byte, none may ever have been deleted that wasn't there, each has been told as
 confirmed once, and webhook and hooks were told of each at least once, repeats by the same id.
 
     torture.py FOLDER KILLS [SEED]
@@ -69,7 +69,8 @@ class Torture:
         self.servers = {}
         self.ports = {"nginx": free_port(), "store": free_port(), "sshd": free_port()}
         self.kept = {"nginx": folder / "dav", "store": folder / "store/s3/bucket",
-                     "nas": folder / "nas", "ssh": folder / "ssh"}
+                     "nas": folder / "nas", "ssh": folder / "ssh",
+                     "vault": folder / "store/s3/vault"}
         for one in ("dav", "nas", "ssh"):
             (folder / one).mkdir(parents=True)
         (folder / "id").write_text("tester")
@@ -77,6 +78,9 @@ class Torture:
         for key in ("host", "user"):
             subprocess.run(["ssh-keygen", "-q", "-t", "ed25519", "-N", "", "-f", folder / key],
                            check=True)
+        subprocess.run(["age-keygen", "-o", folder / "age-key"], check=True, capture_output=True)
+        public = subprocess.run(["age-keygen", "-y", folder / "age-key"], check=True, text=True,
+                                capture_output=True).stdout.strip()
         if os.geteuid() == 0:
             Path("/run/sshd").mkdir(exist_ok=True)
         (folder / "sshd.conf").write_text(SSHD.format(dir=folder, port=self.ports["sshd"]))
@@ -95,6 +99,10 @@ class Torture:
                 {"name": "store", "type": "s3", "verify": "content", "bucket": "bucket",
                  "endpoint": f"http://127.0.0.1:{self.ports['store']}/s3", "part_bytes": 5 << 20,
                  "access_key_file": str(folder / "id"), "secret_key_env": "S3_SECRET"},
+                {"name": "vault", "type": "s3", "verify": "content", "bucket": "vault",
+                 "endpoint": f"http://127.0.0.1:{self.ports['store']}/s3", "part_bytes": 5 << 20,
+                 "access_key_file": str(folder / "id"), "secret_key_env": "S3_SECRET",
+                 "encrypt_for": [public]},
                 {"name": "nas", "type": "folder", "path": str(folder / "nas"), "verify": "content"},
                 {"name": "ssh", "type": "sftp", "user": getpass.getuser(), "verify": "content",
                  "url": f"sftp://127.0.0.1:{self.ports['sshd']}{folder}/ssh",
@@ -143,6 +151,13 @@ class Torture:
              self.dir / "recordings", *self.folders], stdout=out, stderr=subprocess.DEVNULL,
             env={**os.environ, "S3_SECRET": "not-a-secret"})
 
+    def digest_at(self, target, there):
+        if target == "vault":
+            done = subprocess.run(["age", "-d", "-i", self.dir / "age-key", f"{there}.age"],
+                                  capture_output=True)
+            return hashlib.sha256(done.stdout).hexdigest() if done.returncode == 0 else "none"
+        return hashlib.sha256(there.read_bytes()).hexdigest() if there.exists() else "none"
+
     def faulty(self, wanted, only_gone):
         """What isn't at a target as it should be; of what is gone here, or of all."""
         bad = []
@@ -150,9 +165,7 @@ class Torture:
             if only_gone and (self.dir / "recordings" / f"call{key}").exists():
                 continue
             for target, kept in self.kept.items():
-                there = kept / f"call{key}"
-                found = hashlib.sha256(there.read_bytes()).hexdigest() if there.exists() else "none"
-                if found != digest:
+                if self.digest_at(target, kept / f"call{key}") != digest:
                     bad.append(f"{target} {key}")
         return bad
 
@@ -231,8 +244,11 @@ class Torture:
         print(f"{len(wanted)} files to {len(self.kept)} targets; killed: {died}; the last run ended "
               f"with {status} after {time.monotonic() - began:.1f} s")
         print(f"confirmed {states.count('confirmed')} of {all_states}; wrong, deleted early or told "
-              f"wrong: {len(bad)} {bad[:5]}; stored {stored} times, {len(wanted)} are needed")
-        return 0 if status == 0 and not bad and states.count("confirmed") == all_states else 1
+              f"wrong: {len(bad)} {bad[:5]}; stored {stored} times, {2 * len(wanted)} are needed")
+        left = [str(one) for folder in self.folders for one in folder.glob(".delivery/**/*")]
+        print(f"left of sealed copies: {len(left)} {left[:5]}")
+        is_whole = status == 0 and not bad and not left and states.count("confirmed") == all_states
+        return 0 if is_whole else 1
 
 
 def main():

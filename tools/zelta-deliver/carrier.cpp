@@ -10,6 +10,7 @@
 
 #include <zlib.h>
 
+#include "age.h"
 #include "digest.h"
 #include "disk.h"
 #include "recordings/crc_text.h"
@@ -40,7 +41,7 @@ carrier::carrier(const carrier_tools& with, http_client& by, consignment& from,
 
 void carrier::carry() {
   try {
-    if (load() && look_first() && send()) look_after();
+    if (load() && look_first() && seal() && begin() && send()) look_after();
   } catch (const std::exception& e) {
     fail({outcome::kLater, e.what(), 0});
   }
@@ -50,18 +51,16 @@ bool carrier::load() {
   const std::string path = folder_ + "/" + of_.file;
   file_ = open_plain(path);
   const int why = errno;
-  std::string sha256;
   {
     const std::lock_guard lock(with_.mutex);
     const entry& is = from_.file(of_.file);
     parcel_.remote = from_.state().remote + "/" + of_.file;
-    parcel_.is = is.is;
     parcel_.replaces = from_.at(of_).ours;
+    is_ = is.is;
     order_ = is.order;
-    sha256 = is.sha256;
+    sha256_ = is.sha256;
   }
-  parcel_.file = file_.get();
-  parcel_.sha256 = sha256;
+  if (settings_.is_sealed()) parcel_.remote += kSealedEnding;
   if (!file_.valid()) {
     std::string fault;
     if (!stamp_of(path, fault) && fault.empty()) {
@@ -76,7 +75,26 @@ bool carrier::load() {
     changed();
     return false;
   }
-  return !sha256.empty() || digest();
+  if (sha256_.empty() && !digest()) return false;
+  pack();
+  return true;
+}
+
+// Of a copy that isn't made yet nothing is known: no target has it, and whether one can be reached
+// is to be seen before the disk is filled with copies of what can't go.
+void carrier::pack() {
+  if (!settings_.is_sealed()) {
+    parcel_.file = file_.get();
+    parcel_.is = is_;
+    parcel_.sha256 = sha256_;
+    return;
+  }
+  const std::string keys = digest_of_keys(settings_);
+  const std::lock_guard lock(with_.mutex);
+  const shipment& at = from_.at(of_);
+  if (at.sealed_for != keys) return;
+  parcel_.is.bytes = at.sealed_bytes;
+  parcel_.sha256 = at.sealed_sha256;
 }
 
 bool carrier::digest() {
@@ -112,9 +130,9 @@ bool carrier::digest() {
     bury("the disk damaged it: the manifest has " + text_of(*told) + ", the file " + text_of(is));
     return false;
   }
-  parcel_.sha256 = of.hex();
+  sha256_ = of.hex();
   const std::lock_guard lock(with_.mutex);
-  from_.set_digest(of_, parcel_.sha256);
+  from_.set_digest(of_, sha256_);
   return true;
 }
 
@@ -135,11 +153,50 @@ bool carrier::look_first() {
     bury("another file stands there as " + parcel_.remote + "; it was left as it is");
     return false;
   }
+  return true;
+}
+
+// The copy that stands ready, or, without one that is whole, a new one. No plain byte goes if that
+// fails.
+bool carrier::seal() {
+  if (!settings_.is_sealed()) return true;
+  const sealed_copies copies(folder_);
+  outcome done{outcome::kRefused, "", 0};
+  if (!parcel_.sha256.empty()) {
+    done = copies.open(settings_.name, of_.file, parcel_.is.bytes, parcel_.sha256, with_.limits,
+                       sealed_);
+  }
+  const bool is_new = done.is == outcome::kRefused;
+  if (is_new) {
+    done = copies.make(settings_, of_.file, file_.get(), with_.settings, with_.limits, sealed_);
+  }
+  if (done.is != outcome::kDone) {
+    done.text.insert(0, "sealing: ");
+    fail(done);
+    return false;
+  }
+  if (!still_the_same()) {
+    if (is_new) copies.remove(settings_.name, of_.file);
+    changed();
+    return false;
+  }
+  parcel_.file = sealed_.file.get();
+  parcel_.is.bytes = sealed_.bytes;
+  parcel_.sha256 = sealed_.sha256;
+  if (is_new) {
+    const std::lock_guard lock(with_.mutex);
+    from_.set_sealed(of_, sealed_.bytes, sealed_.sha256);
+  }
+  return true;
+}
+
+bool carrier::begin() {
   std::unique_lock lock(with_.mutex);
   from_.set_sending(of_);
   // Of media, which never changes, where all of it or nothing comes to stand there: whoever comes
-  // after a kill finds out by looking.
-  if (order_ == rank::kMedia && to_.takes_whole()) return true;
+  // after a kill finds out by looking. Not so of a sealed copy that isn't noted: it would be made
+  // anew, with other bytes.
+  if (order_ == rank::kMedia && to_.takes_whole() && !settings_.is_sealed()) return true;
   if (from_.save()) return true;
   // Without a state a kill now would have what is there taken for another's.
   const std::string why = "the state can't be kept: " + from_.fault();
@@ -200,7 +257,7 @@ bool carrier::still_the_same() const {
   std::string ignored;
   const std::optional<stamp> held = file_.valid() ? stamp_of(file_.get()) : std::nullopt;
   const std::optional<stamp> named = stamp_of(folder_ + "/" + of_.file, ignored);
-  return held && named && *held == parcel_.is && *named == parcel_.is;
+  return held && named && *held == is_ && *named == is_;
 }
 
 // Nothing comes of an upload in parts any more, of which the target would keep what it has.
@@ -269,7 +326,7 @@ void carrier::tell(const char* event, const std::string& why) const {
   with_.reports.tell(event, {{"folder", folder_},
                              {"file", of_.file},
                              {"target", settings_.name},
-                             {"bytes", std::to_string(parcel_.is.bytes)},
+                             {"bytes", std::to_string(is_.bytes)},
                              {"error", why}});
 }
 

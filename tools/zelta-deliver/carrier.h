@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Carries one file to one target, and notes every step in its folder's ledger before the next one.
+// Carries one file to one target, as it is or sealed, and notes every step in its folder's ledger
+// before the next one. Of what goes sealed no target's code ever has the file itself.
 // Runs on a worker's thread; `mutex` guards the consignment and is not held while bytes move, nor
 // while anything is told.
 #pragma once
@@ -14,6 +15,7 @@
 #include "http_client.h"
 #include "pace.h"
 #include "reporter.h"
+#include "sealed_copies.h"
 #include "settings.h"
 #include "target.h"
 #include "target_gates.h"
@@ -41,7 +43,10 @@ class carrier {
  private:
   bool load();
   bool digest();
+  void pack();
   bool look_first();
+  bool seal();
+  bool begin();
   bool send();
   void look_after();
 
@@ -61,6 +66,9 @@ class carrier {
   const target& to_;
   const std::string folder_;
   base::unique_fd file_;
+  stamp is_;            // of the file; the parcel's is of what goes
+  std::string sha256_;  // likewise
+  sealed_copy sealed_;
   parcel parcel_;
   rank order_ = rank::kMedia;
 };

@@ -33,6 +33,7 @@ void begin_anew(shipment& of) {
   shipment fresh;
   fresh.ours = of.ours;
   fresh.upload_id = of.upload_id;
+  fresh.sealed_for = of.sealed_for;
   of = fresh;
 }
 
@@ -49,8 +50,40 @@ consignment::consignment(std::string folder, base::unique_fd lock, ledger state,
     : folder_(std::move(folder)),
       lock_(std::move(lock)),
       state_(std::move(state)),
-      settings_(settings) {
-  for (const auto& [name, one] : state_.files) index(name, one);
+      settings_(settings),
+      copies_(folder_) {
+  std::set<std::pair<std::string, std::string>> ready;
+  for (auto& [name, one] : state_.files) {
+    fit_forms(one);
+    index(name, one);
+    for (const target_settings& target : settings_.targets) {
+      const auto there = one.targets.find(target.name);
+      const bool is_ready = there != one.targets.end() && !there->second.sealed_sha256.empty();
+      if (is_ready) ready.insert({target.name, name});
+    }
+  }
+  copies_.keep_only(ready);
+}
+
+// A target that is sealed now and wasn't, or the other way round, has its files under other names:
+// what stands there isn't ours to replace, and nothing goes on with a part of it.
+void consignment::fit_forms(entry& of) {
+  for (const target_settings& target : settings_.targets) {
+    const auto there = of.targets.find(target.name);
+    if (there == of.targets.end()) continue;
+    shipment& one = there->second;
+    const bool has_put = one.ours || !one.upload_id.empty() || !one.sealed_for.empty();
+    if (!has_put || one.sealed_for.empty() != target.is_sealed()) continue;
+    shipment fresh;
+    if (is_settled(one)) {
+      fresh.at = one.at;
+      fresh.confirmed_utc_ms = one.confirmed_utc_ms;
+      fresh.error = one.error;
+    }
+    one = fresh;
+    of.text.clear();
+    is_changed_ = true;
+  }
 }
 
 void consignment::scan(bool left_over, std::vector<std::string>& errors) {
@@ -152,6 +185,9 @@ void consignment::note_other(const std::string& name, const std::optional<stamp>
     one.is = *is;
     one.sha256.clear();
     one.announced = false;
+    for (size_t target = 0; target < settings_.targets.size(); ++target) {
+      drop_sealed({name, target});
+    }
     for (auto& [target, shipped] : one.targets) begin_anew(shipped);
   }
   touch(name);
@@ -304,14 +340,54 @@ void consignment::disown(const errand& of) {
   is_due_ = true;
 }
 
+void consignment::set_sealed(const errand& of, uint64_t bytes, const std::string& sha256) {
+  shipment& one = change(of);
+  one.sealed_for = digest_of_keys(settings_.targets[of.target]);
+  one.sealed_bytes = bytes;
+  one.sealed_sha256 = sha256;
+  // An upload of other bytes is to be ended.
+  one.part_bytes = 0;
+  one.parts.clear();
+  spent_.erase({of.file, of.target});
+  touch(of.file);
+  is_due_ = true;
+}
+
+// Once it is on disk that nobody waits for it.
+void consignment::drop_sealed(const errand& of) {
+  if (at(of).sealed_sha256.empty()) return;
+  shipment& one = change(of);
+  one.sealed_sha256.clear();
+  one.sealed_bytes = 0;
+  spent_.insert({of.file, of.target});
+}
+
+void consignment::remove_spent() {
+  for (auto at = spent_.begin(); at != spent_.end();) {
+    // Another one may be under way to its name.
+    if (flying_.count(*at) != 0) {
+      ++at;
+      continue;
+    }
+    copies_.remove(settings_.targets[at->second].name, at->first);
+    at = spent_.erase(at);
+    maybe_empty_ = true;
+  }
+  if (!maybe_empty_ || !flying_.empty()) return;
+  copies_.remove_empty_folders();
+  maybe_empty_ = false;
+}
+
 void consignment::confirm(const errand& of, int64_t now_ms) {
   put_back(of);
+  drop_sealed(of);
   shipment& one = change(of);
-  const bool ours = one.ours;
-  one = {};
-  one.at = stage::kConfirmed;
-  one.confirmed_utc_ms = now_ms;
-  one.ours = ours;
+  shipment done;
+  done.at = stage::kConfirmed;
+  done.confirmed_utc_ms = now_ms;
+  done.ours = one.ours;
+  done.sealed_for = one.sealed_for;
+  one = done;
   unsaved_.insert(of.file);
   touch(of.file);
   is_due_ = true;
@@ -344,6 +420,9 @@ void consignment::fail(const errand& of, const outcome& why, int64_t now_ms, uin
 
 void consignment::bury(const errand& of, const std::string& why) {
   put_back(of);
+  // It may stay dead for months, and the disk is the recorder's; asked for again, it is sealed
+  // anew.
+  drop_sealed(of);
   shipment& one = change(of);
   one.at = stage::kDead;
   one.error = why;
@@ -499,6 +578,7 @@ bool consignment::save() {
     is_changed_ = false;
     is_due_ = false;
     unsaved_.clear();
+    remove_spent();
   }
   const int64_t now_ms = steady_ms();
   int64_t wait_ms = state_.files.size() > kFew ? (now_ms - began_ms) * kSaveShare : 0;

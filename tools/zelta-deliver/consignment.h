@@ -18,6 +18,7 @@
 
 #include "base/unique_fd.h"
 #include "ledger.h"
+#include "sealed_copies.h"
 #include "settings.h"
 #include "target.h"
 
@@ -25,7 +26,8 @@ namespace zelta::deliver {
 
 class consignment {
  public:
-  // Of a folder whose deliveries this process has the lock of. `settings` outlives it.
+  // Of a folder whose deliveries this process has the lock of: sealed copies that nobody waits for
+  // are removed. `settings` outlives it.
   consignment(std::string folder, base::unique_fd lock, ledger state,
               const delivery_settings& settings);
 
@@ -61,6 +63,8 @@ class consignment {
   void set_upload(const errand& of, const shipment& as);
   // Something else came to stand in its place.
   void disown(const errand& of);
+  // A copy that is to go, and stands ready. Nothing of another one is gone on with.
+  void set_sealed(const errand& of, uint64_t bytes, const std::string& sha256);
   // These end the flight.
   void confirm(const errand& of, int64_t now_ms);
   // The time until the next try, or none: it was stopped, or is a dead letter.
@@ -116,6 +120,9 @@ class consignment {
   void note_other(const std::string& name, const std::optional<stamp>& is);
   void settle_targets(const std::string& name, entry& of);
   void index(const std::string& name, const entry& of);
+  void fit_forms(entry& of);
+  void drop_sealed(const errand& of);
+  void remove_spent();
   bool is_flying(const std::string& name) const;
   // The range of what may go to a target: of the first rank that isn't settled there.
   std::pair<std::set<place>::const_iterator, std::set<place>::const_iterator> open_at(
@@ -139,6 +146,9 @@ class consignment {
   std::set<std::string> unsaved_;  // confirmed, which isn't on disk yet
   std::string fault_;
   std::map<std::string, checksum> checksums_;
+  const sealed_copies copies_;
+  std::set<std::pair<std::string, size_t>> spent_;  // sealed copies, once that is on disk
+  bool maybe_empty_ = false;                        // the folders of some
   std::set<place> open_;
   std::set<std::pair<std::string, size_t>> flying_;
   std::vector<errand> buried_;

@@ -55,6 +55,11 @@ Json::Value json_of(const shipment& of) {
     made["parts"] = Json::arrayValue;
     for (const std::string& part : of.parts) made["parts"].append(part);
   }
+  if (!of.sealed_for.empty()) {
+    made["sealed_for"] = of.sealed_for;
+    made["sealed_sha256"] = of.sealed_sha256;
+    made["sealed_bytes"] = Json::UInt64{of.sealed_bytes};
+  }
   return made;
 }
 
@@ -91,6 +96,9 @@ shipment shipment_of(const Json::Value& from) {
   const bool fits = made.part_bytes <= kMostPartBytes && made.parts.size() <= kMostParts &&
                     (made.part_bytes > 0 || made.parts.empty());
   checked(made.upload_id, fits, "upload that S3 could have");
+  made.sealed_for = digest_of(from["sealed_for"]);
+  made.sealed_sha256 = digest_of(from["sealed_sha256"]);
+  made.sealed_bytes = from["sealed_bytes"].asUInt64();
   return made;
 }
 

@@ -46,6 +46,11 @@ struct shipment {
   std::string upload_id;
   uint64_t part_bytes = 0;
   std::vector<std::string> parts;  // with an upload of no `part_bytes`: it is only to be ended
+  // Of what goes sealed: for which keys what was put there, or stands ready, is, by their digest;
+  // and the copy that stands ready. Empty: it goes as it is; there is no copy.
+  std::string sealed_for;
+  std::string sealed_sha256;
+  uint64_t sealed_bytes = 0;
 };
 
 enum class rank { kMedia, kBeside, kManifest };  // in this order at each target

@@ -10,6 +10,7 @@
 #include <sys/signalfd.h>
 #include <unistd.h>
 
+#include "age.h"
 #include "base/unique_fd.h"
 #include "courier.h"
 #include "delivery_metrics.h"
@@ -53,8 +54,9 @@ int deliver(int argc, char** argv) {
   }
   if (asked.status) return tell_status(asked);
   std::vector<std::string> errors;
-  const delivery_settings settings = load_delivery_settings(asked.settings_path, errors);
+  delivery_settings settings = load_delivery_settings(asked.settings_path, errors);
   if (errors.empty()) check_places(asked, settings, errors);
+  if (errors.empty()) check_sealing(asked.settings_path, settings, errors);
   for (const std::string& error : errors) std::fprintf(stderr, "%s\n", error.c_str());
   if (!errors.empty()) return kUsage;
   const base::unique_fd signals = block_signals();

@@ -174,10 +174,14 @@ const Json::Value* object_reader::object(const char* key) {
   return nullptr;
 }
 
-const Json::Value* object_reader::list(const char* key) {
+const Json::Value* object_reader::list(const char* key, const char* right) {
   const Json::Value* const value = find(key);
   if (value == nullptr || value->isArray()) return value;
-  wrong(key, *value, "a list");
+  if (right != nullptr) {
+    wrong(key, std::string("should be ") + right);
+  } else {
+    wrong(key, *value, "a list");
+  }
   return nullptr;
 }
 

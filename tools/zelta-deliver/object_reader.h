@@ -34,7 +34,8 @@ class object_reader {
   // mistakes the key for the credential's own place would have it in the log.
   void credential(const std::string& key, std::string& to, std::set<std::string>& variables);
   const Json::Value* object(const char* key);
-  const Json::Value* list(const char* key);
+  // With `right` the error shows no value.
+  const Json::Value* list(const char* key, const char* right = nullptr);
   void require(const char* key, const char* right);
   void wrong(const std::string& key, const Json::Value& value, const std::string& right);
   void wrong(const std::string& key, const std::string& what);

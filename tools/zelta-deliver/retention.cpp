@@ -35,6 +35,7 @@ uint64_t gather(consignment& folder, std::vector<candidate>& may_go) {
   uint64_t bytes = 0;
   const bool free = !awaits_hook(folder.state());
   for (const auto& [name, one] : folder.state().files) {
+    for (const auto& [target, shipped] : one.targets) bytes += shipped.sealed_bytes;
     if (one.deleted_utc_ms != 0 || !is_media(name, one)) continue;
     std::string ignored;
     const std::optional<stamp> is = stamp_of(folder.path(name), ignored);

@@ -131,6 +131,54 @@ void read_sftp(object_reader& from, target_settings& to, std::set<std::string>& 
   from.text("known_hosts", to.known_hosts, "an absolute path", is_absolute);
 }
 
+bool begins(const std::string& text, const char* with) {
+  return text.rfind(with, 0) == 0;
+}
+
+// Keys of age's own kind, in its letters (Bech32). It has plugins for others, which are programs.
+bool is_age_key(const std::string& text) {
+  constexpr size_t kSize = 62;
+  constexpr const char* kLetters = "qpzry9x8gf2tvdw0s3jn54khce6mua7l";
+  return begins(text, "age1") && text.size() == kSize &&
+         text.find_first_not_of(kLetters, 4) == std::string::npos;
+}
+
+bool is_ssh_key(const std::string& text) {
+  return (begins(text, "ssh-ed25519 ") || begins(text, "ssh-rsa ")) &&
+         std::all_of(text.begin(), text.end(), [](char c) { return c >= ' ' && c <= '~'; });
+}
+
+bool may_hold_secret(const std::string& text) {
+  std::string upper = text;
+  std::transform(upper.begin(), upper.end(), upper.begin(),
+                 [](char c) { return c >= 'a' && c <= 'z' ? static_cast<char>(c - 32) : c; });
+  return upper.find("SECRET") != std::string::npos || upper.find("PRIVATE") != std::string::npos;
+}
+
+void read_keys(object_reader& from, target_settings& to) {
+  constexpr const char* kKey =
+      "a public key: \"age1...\" of age-keygen, or \"ssh-ed25519 ...\" or \"ssh-rsa ...\" of "
+      "ssh-keygen";
+  constexpr const char* kKeys = "a list of one public key or more";
+  const Json::Value* const keys = from.list("encrypt_for", kKeys);
+  if (keys == nullptr) return;
+  if (keys->empty()) from.wrong("encrypt_for", *keys, kKeys);
+  for (Json::ArrayIndex at = 0; at < keys->size(); ++at) {
+    const Json::Value& one = (*keys)[at];
+    const std::string name = "encrypt_for[" + std::to_string(at) + "]";
+    const std::string key = one.isString() ? one.asString() : "";
+    if (is_age_key(key) || is_ssh_key(key)) {
+      to.encrypt_for.push_back(key);
+    } else if (may_hold_secret(shown(one)) || may_hold_secret(key)) {
+      // Whoever mixes them up has it told to a log.
+      from.wrong(name, "holds a secret key, which has no business here; it should be " +
+                           std::string(kKey));
+    } else {
+      from.wrong(name, one, kKey);
+    }
+  }
+}
+
 struct kind_row {
   const char* word;
   target_kind kind;
@@ -171,6 +219,7 @@ void read_target(const Json::Value& value, const std::string& key, delivery_sett
   from.text("verify", verify, "\"size\" or \"content\"",
             [](const std::string& text) { return text == "size" || text == "content"; });
   made.verify_content = verify == "content";
+  read_keys(from, made);
   row->read(from, made, to.secret_variables);
   from.tell_unknown();
   to.targets.push_back(made);

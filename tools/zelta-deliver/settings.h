@@ -37,6 +37,10 @@ struct target_settings {
   bool path_style = true;
   uint64_t part_bytes = uint64_t{16} << 20;  // kS3: what has more goes in parts of so many
   bool verify_content = false;               // read back and compared before it counts as confirmed
+  // Public keys, as age has them: what goes there is sealed for these. None: it goes as it is.
+  std::vector<std::string> encrypt_for;
+
+  bool is_sealed() const { return !encrypt_for.empty(); }
 };
 
 struct delivery_settings {
@@ -56,6 +60,7 @@ struct delivery_settings {
   std::string webhook_url;
   std::string webhook_secret;
   std::set<std::string> secret_variables;  // of the environment: what credentials were read from
+  std::string age;  // the program's path, where a target is sealed; of check_sealing()
 };
 
 // Of use when `errors` is empty: each has the key, its value and what would be right.

@@ -53,7 +53,8 @@ void tree_watch::add(const std::string& folder, std::set<std::string>* seen, boo
   std::filesystem::directory_iterator at(folder, failed);
   for (; !failed && at != std::filesystem::directory_iterator(); at.increment(failed)) {
     std::error_code ignored;
-    if (at->is_directory(ignored) && !at->is_symlink(ignored)) {
+    const bool is_folder = at->is_directory(ignored) && !at->is_symlink(ignored);
+    if (is_folder && !is_ours(at->path().filename().string())) {
       add(at->path().string(), seen, all);
     }
   }
