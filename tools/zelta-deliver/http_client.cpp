@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cerrno>
 #include <new>
+#include <optional>
 #include <stdexcept>
 
 #include <curl/curl.h>
@@ -18,6 +19,9 @@ constexpr size_t kMostBody = size_t{64} * 1024;
 constexpr size_t kMostHeaders = size_t{64} * 1024;
 constexpr size_t kPiece = size_t{64} * 1024;
 constexpr long kConnectSeconds = 20;
+// Of what is read back, which no bound on what is sent slows down. A server may trickle, and is
+// then as stalled as one that is silent.
+constexpr long kLeastReadPerSecond = 1024;
 
 // One request while it is under way.
 struct transfer {
@@ -27,6 +31,8 @@ struct transfer {
   uint64_t at = 0;  // of what is sent
   size_t header_bytes = 0;
   bool enough = false;
+  std::optional<std::chrono::steady_clock::time_point> answered_at = std::nullopt;
+  bool trickles = false;
 };
 
 struct free_list {
@@ -117,8 +123,22 @@ size_t take_header(char* bytes, size_t size, size_t count, void* context) {
   }
 }
 
+// A file may take as long as it takes; an answer that has begun after it may not: a byte now and
+// then would keep the connection for ever.
+bool trickles(transfer& of) {
+  if (of.request.file < 0 || of.header_bytes == 0 || of.at < size_of(of.request)) {
+    of.answered_at.reset();
+    return false;
+  }
+  const auto now = std::chrono::steady_clock::now();
+  if (!of.answered_at) of.answered_at = now;
+  return now - *of.answered_at > 2 * of.request.stall;
+}
+
 int look_around(void* context, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-  return static_cast<transfer*>(context)->limits.stopped() ? 1 : 0;
+  auto& of = *static_cast<transfer*>(context);
+  of.trickles = of.trickles || trickles(of);
+  return of.limits.stopped() || of.trickles ? 1 : 0;
 }
 
 // What the server is, or says, is not going to change by asking again.
@@ -191,7 +211,7 @@ void set_ways(CURL* easy, transfer& of) {
   set(easy, CURLOPT_FOLLOWLOCATION, 0L);
   set(easy, CURLOPT_NETRC, static_cast<long>(CURL_NETRC_IGNORED));
   set(easy, CURLOPT_CONNECTTIMEOUT, kConnectSeconds);
-  set(easy, CURLOPT_LOW_SPEED_LIMIT, 1L);
+  set(easy, CURLOPT_LOW_SPEED_LIMIT, of.request.sink ? kLeastReadPerSecond : 1L);
   set(easy, CURLOPT_LOW_SPEED_TIME, static_cast<long>(of.request.stall.count()));
   if (of.request.file < 0 && !of.request.sink) {
     const bool is_given = of.request.limit.count() > 0;
@@ -220,6 +240,10 @@ void fill(CURL* easy, CURLcode code, const transfer& of, const char* said, http_
   answer.failed_after = code == CURLE_QUOTE_ERROR;
   answer.error = said[0] != '\0' ? said : curl_easy_strerror(code);
   if (of.header_bytes > kMostHeaders) answer.error = "the answer's headers have more than 64 KiB";
+  if (of.trickles) {
+    answer.error =
+        "the answer takes more than " + std::to_string(2 * of.request.stall.count()) + " s";
+  }
   if (of.limits.stopped()) answer.error = "stopped";
   if (code == CURLE_REMOTE_FILE_NOT_FOUND) answer.status = 404;
 }

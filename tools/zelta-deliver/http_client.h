@@ -32,7 +32,9 @@ struct http_request {
   std::string key_file;                     // SFTP
   std::string known_hosts;                  // SFTP
   std::vector<std::string> commands_after;  // SFTP
-  std::chrono::seconds stall{60};           // without a byte either way
+  // Without a byte either way, or with less than 1 KiB a second where a sink takes; an answer to a
+  // file has twice as long once it began.
+  std::chrono::seconds stall{60};
   // Of the whole request, where neither a file goes nor a sink takes; 0: as the stall has it.
   std::chrono::seconds limit{0};
   // Gets what is answered; false ends the transfer, which then counts as done. Without it the first
