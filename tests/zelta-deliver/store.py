@@ -3,14 +3,15 @@
 """A server that keeps files, for tests of zelta-deliver: PUT and MKCOL as WebDAV has them under
 /dav/, and under /s3/BUCKET/ the part of S3 that a delivery needs, signatures checked.
 
-    store.py FOLDER PORT [--faults NAME=SHARE,…] [--seed N]
+    store.py FOLDER PORT [--address ADDRESS] [--faults NAME=SHARE,…] [--seed N]
 
 What is stored stands in FOLDER and outlives the server; PORT 0 is any, and the first line of
 standard output says which. Faults befall a share of the requests that carry something, of all kinds
 of requests as any-NAME: error (500), busy (503, Retry-After), redirect (307), refuse (403), drop (the
 connection ends in the middle), lie (taken, not stored), bend (a byte is another, of WebDAV's alone),
 deaf (stored, and the answer is lost), squat (just before, somebody else puts a file there). With
-"plain" it makes folders by itself and knows no MKCOL; with "old" it refuses conditions by 501.
+"plain" it makes folders by itself and knows no MKCOL; with "old" it refuses conditions by 501; with
+"forge" it tells checksums that are others.
 FOLDER/puts.txt has a line for each file that became whole.
 """
 
@@ -182,6 +183,8 @@ class Store(http.server.BaseHTTPRequestHandler):
         body = path.read_bytes()
         meta = Path(str(path) + "\u00b7meta")
         digest = meta.read_text() if meta.exists() else ""
+        if self.server.has("forge"):
+            digest = hashlib.sha256(b"forged").hexdigest()
         headers = [("Content-Length", str(len(body)))]
         return self.answer(200, body, headers + ([("x-amz-meta-sha256", digest)] if digest else []))
 
@@ -274,12 +277,13 @@ def main():
     parser = argparse.ArgumentParser()
     parser.add_argument("folder", type=Path)
     parser.add_argument("port", type=int)
+    parser.add_argument("--address", default="127.0.0.1")
     parser.add_argument("--faults", default="")
     parser.add_argument("--seed", type=int, default=1)
     asked = parser.parse_args()
     for part in ("dav", "s3", "uploads"):
         (asked.folder / part).mkdir(parents=True, exist_ok=True)
-    server = Server(("127.0.0.1", asked.port), Store)
+    server = Server((asked.address, asked.port), Store)
     server.root = asked.folder
     server.dice = random.Random(asked.seed)
     server.faults = [(name, float(share or 0)) for name, _, share in

@@ -2,6 +2,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """zelta-deliver against servers on the loopback: what arrives, what is told, what stays."""
 
+import contextlib
 import fcntl
 import getpass
 import json
@@ -120,14 +121,17 @@ Subsystem sftp internal-sftp
                     self.assert_arrived(made, self.all_kinds()[kind])
 
     def test_what_can_not_work_is_a_dead_letter_until_it_is_asked_for_again(self):
-        for fault, says in (("refuse=1", "403"), ("redirect=1", "127.0.0.1:1/elsewhere"),
-                            ("lie=1", "hasn't got it")):
-            with self.subTest(fault):
+        for kind, fault, says in (("http", "refuse=1", "403"),
+                                  ("http", "redirect=1", "127.0.0.1:1/elsewhere"),
+                                  ("http", "lie=1", "hasn't got it"),
+                                  ("s3", "lie=1", "hasn't got it"),
+                                  ("s3", "forge", "holds something else")):
+            with self.subTest(kind=kind, fault=fault):
                 shutil.rmtree(self.dir / "call", True)
                 shutil.rmtree(self.kept, True)
                 made = Recording(self.dir).add("7_a.mp4", 1000)
                 self.serve(fault)
-                settings = self.settings(self.target("http"))
+                settings = self.settings(self.target(kind))
                 told = self.run_tool(settings, made.folder, status=4)
                 dead = [one for one in told if one["event"] == "dead letter"]
                 self.assertEqual([one["file"] for one in dead], ["7_a.mp4", "recording.json"])
@@ -135,9 +139,9 @@ Subsystem sftp internal-sftp
                 self.serve()
                 self.assertEqual(self.run_tool(settings, made.folder, status=4), [])
                 self.run_tool(settings, "--retry-dead", made.folder)
-                self.assert_arrived(made, self.kept / "dav")
+                self.assert_arrived(made, self.all_kinds()[kind])
 
-    def test_wrong_keys_are_refused_and_shown_nowhere(self):
+    def test_keys_that_are_refused_are_shown_nowhere_and_new_ones_are_taken(self):
         self.serve()
         made = Recording(self.dir).add("7_a.mp4", 1000)
         (self.dir / "wrong").write_text("wrong-secret")
@@ -147,6 +151,9 @@ Subsystem sftp internal-sftp
         state = json.dumps(told) + (made.folder / "delivery.json").read_text()
         self.assertNotIn("wrong-secret", state)
         self.assertIn("403", state)
+        (self.dir / "wrong").write_text("not-a-secret")
+        self.run_tool(self.settings(target), "--retry-dead", made.folder)
+        self.assert_arrived(made, self.kept / "s3/bucket/p q")
 
     def test_retry_after_is_heard(self):
         self.serve("busy=1")
@@ -397,33 +404,160 @@ echo it ran
         self.assertEqual(self.count(told, "confirmed"), 41)
         self.assertLessEqual(self.count(told, "failed"), 3)
 
-    def test_an_answer_without_an_end_is_left(self):
-        made = Recording(self.dir).add("7_a.mp4", 10)
-
-        def answer(server):
-            try:
+    @contextlib.contextmanager
+    def answering(self, answer):
+        """A server that treats each connection, one after the other, as `answer` does; its URL."""
+        def serve(server):
+            with contextlib.suppress(OSError):  # it is shut down
                 while True:
-                    with server.accept()[0] as one:
-                        one.sendall(b"HTTP/1.1 200 OK\r\n")
-                        try:
-                            while True:
-                                one.sendall(b"X-More: and more\r\n" * 100)
-                        except OSError:
-                            pass
-            except OSError:  # it is shut down
-                pass
+                    with server.accept()[0] as one, contextlib.suppress(OSError):
+                        one.settimeout(LIMIT_S)
+                        answer(one)
         with socket.socket() as server:
             server.bind(("127.0.0.1", 0))
             server.listen()
-            answering = threading.Thread(target=answer, args=(server,))
-            answering.start()
-            url = f"http://127.0.0.1:{server.getsockname()[1]}"
+            serving = threading.Thread(target=serve, args=(server,))
+            serving.start()
+            try:
+                yield f"http://127.0.0.1:{server.getsockname()[1]}"
+            finally:
+                server.shutdown(socket.SHUT_RDWR)
+                serving.join()
+
+    def test_an_answer_without_an_end_is_left(self):
+        made = Recording(self.dir).add("7_a.mp4", 10)
+
+        def answer(one):
+            one.sendall(b"HTTP/1.1 200 OK\r\n")
+            while True:
+                one.sendall(b"X-More: and more\r\n" * 100)
+        with self.answering(answer) as url:
             told = self.run_tool(self.settings({"name": "endless", "type": "http", "url": url}),
                                  "--give-up", 1, made.folder, status=3)
-            server.shutdown(socket.SHUT_RDWR)
-            answering.join()
         self.assertIn("more than 64 KiB", told[0]["error"])
         self.assert_idle(told)
+
+    def test_an_answer_that_only_trickles_is_left(self):
+        ended = threading.Event()
+
+        def trickle(one):
+            # Five bytes a second: never silent, and never done.
+            while not ended.wait(0.2):
+                one.sendall(b"x")
+
+        def answer(one):
+            head = b""
+            while b"\r\n\r\n" not in head:
+                head += one.recv(65536)
+            method = head.split()[0].decode()
+            if method == slow:
+                one.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\n\r\n")
+                trickle(one)
+            elif method == "HEAD" and slow == "GET":
+                one.sendall(b"HTTP/1.1 200 OK\r\nContent-Length: 1000\r\nConnection: close\r\n\r\n")
+            else:
+                one.sendall(b"HTTP/1.1 404 No\r\nContent-Length: 0\r\nConnection: close\r\n\r\n")
+        for slow in ("PUT", "GET"):
+            with self.subTest(slow):
+                made = Recording(self.dir, slow).add("7_a.mp4", 1000)
+                ended.clear()
+                with self.answering(answer) as url:
+                    settings = self.settings({"name": "slow", "type": "http", "url": url,
+                                              "verify": "content"}, stall_s=1)
+                    try:
+                        told = self.run_tool(settings, "--give-up", 6, made.folder, status=3)
+                    finally:
+                        ended.set()
+                self.assertGreaterEqual(self.count(told, "failed"), 1)
+                self.assert_idle(told)
+
+    def test_a_redirect_is_followed_nowhere(self):
+        (self.dir / "password").write_text("hunter")
+        with socket.socket() as elsewhere:
+            elsewhere.bind(("127.0.0.1", 0))
+            elsewhere.listen()
+            place = f"http://127.0.0.1:{elsewhere.getsockname()[1]}/dav"
+
+            def answer(one):
+                one.recv(65536)
+                one.sendall(f"HTTP/1.1 {status} Go\r\nLocation: {place}\r\nContent-Length: 0\r\n"
+                            "Connection: close\r\n\r\n".encode())
+            for status in (301, 302, 303, 307, 308):
+                with self.subTest(status), self.answering(answer) as url:
+                    made = Recording(self.dir, str(status)).add("7_a.mp4", 10)
+                    told = self.run_tool(self.settings(
+                        {"name": "moved", "type": "http", "url": url, "user": "me",
+                         "password_file": str(self.dir / "password")}), made.folder, status=4)
+                    self.assertIn(place, told[0]["error"])
+            elsewhere.setblocking(False)
+            with self.assertRaises(BlockingIOError):
+                elsewhere.accept()
+
+    @contextlib.contextmanager
+    def small_disk(self, at, size):
+        """Is `at`, and can be made larger by what is yielded."""
+        if os.geteuid() != 0:
+            self.skipTest("root alone can mount")
+        at.mkdir(exist_ok=True)
+        mount = ["mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", at]
+        if subprocess.run(mount, capture_output=True, check=False).returncode != 0:
+            self.skipTest("nothing can be mounted here")
+        try:
+            yield lambda more: subprocess.run(["mount", "-o", f"remount,size={more}", at], check=True)
+        finally:
+            subprocess.run(["umount", at], check=True)
+
+    def test_a_target_whose_disk_is_full_is_waited_for(self):
+        made = Recording(self.dir).add("7_a.mp4", 600_000).add("7_b.mp4", 3_000_000)
+        with self.small_disk(self.dir / "nas", "2m") as grow:
+            settings = self.settings(self.target("folder"), connections=1)
+            told = self.run_tool(settings, "--give-up", 2, made.folder, status=3)
+            self.assertIn("No space left", [one for one in told if one["event"] == "failed"][0]["error"])
+            self.assert_idle(told)
+            self.assertEqual(made.stages()["7_a.mp4"], {"confirmed"})
+            self.assertEqual(list((self.dir / "nas").rglob("*.part")), [])
+            grow("8m")
+            self.run_tool(settings, made.folder)
+            self.assert_arrived(made, self.dir / "nas")
+
+    def test_a_full_disk_of_recordings_loses_nothing_and_goes_on_with_room(self):
+        self.serve()
+        with self.small_disk(self.dir / "root", "1m") as grow:
+            made = Recording(self.dir / "root").add("7_a.mp4", 100_000)
+            settings = self.settings(self.target("http"), keep={"minutes": 0})
+            with open(self.dir / "root/filler", "wb", buffering=0) as filler, \
+                    contextlib.suppress(OSError):
+                while True:
+                    filler.write(bytes(4096))
+            told = self.run_tool(settings, "--give-up", 2, made.folder, status=1)
+            self.assertIn("No space left", json.dumps(told))
+            self.assert_idle(told)
+            self.assertTrue((made.folder / "7_a.mp4").exists())
+            grow("4m")
+            self.run_tool(settings, made.folder)
+            self.assertFalse((made.folder / "7_a.mp4").exists())
+            self.assertEqual((self.kept / "dav/call/7_a.mp4").stat().st_size, 100_000)
+
+    def test_more_events_than_are_kept_hide_no_folder(self):
+        root = self.dir / "root"
+        settings = self.settings(self.target("folder"))
+        Recording(root).add("7_a.mp4", 10)
+        tool = self.start_tool(settings, "--watch", root)
+        wait_for("the first", lambda: (self.dir / "nas/call/recording.json").exists())
+        most = int(Path("/proc/sys/fs/inotify/max_queued_events").read_text())
+        if most > 100_000:
+            self.skipTest(f"the queue has room for {most} events")
+        tool.send_signal(signal.SIGSTOP)
+        began = time.monotonic()
+        for at in range(most // 2 + 1000):
+            (root / f"{at}").touch()  # made, and closed
+        later = Recording(root, "later").add("7_b.mp4", 10)
+        tool.send_signal(signal.SIGCONT)
+        wait_for("the one that was made unseen", lambda: (self.dir / "nas/later/7_b.mp4").exists())
+        # Without the event of the overflow it would be found a minute after the start.
+        self.assertLess(time.monotonic() - began, 40)
+        wait_for("its manifest", lambda: (later.folder / "delivery.json").exists() and
+                 later.stages().get("recording.json") == {"confirmed"})
 
     def test_a_manifest_or_a_state_leads_nowhere_else(self):
         victim = self.dir / "victim.mp4"
@@ -529,18 +663,24 @@ echo it ran
         self.assertEqual(list(self.kept.glob("uploads/*")), [])
 
     def test_credentials_are_in_no_line_state_or_process(self):
-        secrets = {"password": "hunter-one", "hook": "hunter-two"}
+        secrets = {"password": "hunter-one", "hook": "hunter-two", "key": "not-a-secret",
+                   "token": "hunter-three"}
         for name, value in secrets.items():
             (self.dir / name).write_text(value)
-        self.serve("any-refuse=0.3")
+        self.serve("any-refuse=0.3,plain")
+        keyed = self.target("s3", secret_key_file=str(self.dir / "key"))
+        del keyed["secret_key_env"]
         root = self.dir / "root"
         made = Recording(root).add("7_a.mp4", 1000)
         settings = self.settings(
             self.target("http", user="me", password_file=str(self.dir / "password")),
-            hooks={"file": ["/bin/sh", "-c", f"env > {self.dir}/seen; cat /proc/self/environ"]},
+            self.target("http", name="bearer", token_file=str(self.dir / "token"),
+                        url=f"http://127.0.0.1:{self.port}/dav/bearer"), keyed,
+            hooks={"file": ["/bin/sh", "-c", "(env; cat /proc/$$/cmdline /proc/$PPID/cmdline) > "
+                                             f"{self.dir}/seen; cat /proc/self/environ"]},
             webhook={"url": f"http://127.0.0.1:{self.port}/hook", "secret_file": str(self.dir / "hook")},
             retry={**RETRY, "refusals": 50})
-        tool = subprocess.Popen(self.command(settings, "--watch", root), env=ENVIRONMENT, text=True,
+        tool = subprocess.Popen(self.command(settings, "--watch", root), env=os.environ, text=True,
                                 stdout=subprocess.PIPE, stderr=subprocess.PIPE)
         self.addCleanup(tool.kill)
         wait_for("the hook", (self.dir / "seen").exists)
