@@ -5,7 +5,8 @@
 # hear the same by;
 # with "bench" what the benchmarks compare with and draw by; with "fuzz" what the fuzzers are built
 # with; with "mutate" what scripts/mutate.sh builds with; with "lint" what CI's checks need too; with
-# "crowd" what scripts/check-crowd.sh encrypts with.
+# "crowd" what scripts/check-crowd.sh encrypts with; with "deliver" what scripts/check-deliver.sh runs
+# and cuts.
 #
 # "test" brings nginx and an SSH server, which Debian starts where systemd runs: they listen on ports 80
 # and 22 until `systemctl disable --now nginx ssh`. The tests start their own, on the loopback.
@@ -26,11 +27,15 @@ for want in "$@"; do
     test) packages+=(libgtest-dev python3-jsonschema procps nginx-light openssh-server age) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     sound) packages+=(pulseaudio pulseaudio-utils) ;;
+    deliver)
+      packages+=(nginx-light openssh-server age iproute2 nftables nodejs)
+      # Other packages of Node.js than Debian's bring it along.
+      command -v npm >/dev/null || packages+=(npm) ;;
     bench) packages+=(libzmq3-dev gnuplot-nox) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
-    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, bench, fuzz, mutate or lint" >&2; exit 2 ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, bench, fuzz, mutate or lint" >&2; exit 2 ;;
   esac
 done
 
