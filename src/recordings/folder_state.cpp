@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <exception>
 #include <filesystem>
 #include <memory>
 #include <system_error>
@@ -95,19 +96,26 @@ bool is_held(const std::string& path) {
   return flock(lock.get(), LOCK_SH | LOCK_NB) != 0 && errno == EWOULDBLOCK;
 }
 
+// Empty, too, of what is no journal: somebody else may have put it there.
+std::string session_of(const std::string& folder, const std::string& journal) {
+  const auto read = read_regular(folder, journal, kMostJournal);
+  if (!read) return "";
+  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  try {
+    Json::Value root;
+    const std::string& text = read->text;
+    const bool is_read = reader->parse(text.data(), text.data() + text.size(), &root, nullptr);
+    return is_read && root.isObject() && root["session"].isString() ? root["session"].asString()
+                                                                    : "";
+  } catch (const std::exception&) {
+    return "";  // it is nested too deeply
+  }
+}
+
 // Between the death of a recorder and its relaunch nobody holds the lock. The journal's session
 // begins with the name of the process that has called the recorder.
 bool is_awaited(const std::string& folder, const std::string& journal) {
-  const auto read = read_regular(folder, journal, kMostJournal);
-  if (!read) return false;
-  const std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
-  Json::Value root;
-  const std::string& text = read->text;
-  if (!reader->parse(text.data(), text.data() + text.size(), &root, nullptr) || !root.isObject() ||
-      !root["session"].isString()) {
-    return false;
-  }
-  const std::string session = root["session"].asString();
+  const std::string session = session_of(folder, journal);
   const std::string caller = session.substr(0, session.find(' '));
   pid_t pid = 0;
   std::from_chars(caller.data(), caller.data() + caller.size(), pid);

@@ -201,6 +201,10 @@ TEST(RecordingFolder, AwaitsTheNextRecorderWhileItsCallerLives) {
   EXPECT_TRUE(journal_of(std::to_string(getpid()) + "@1")) << "another process had the number";
   EXPECT_TRUE(journal_of("nobody"));
   EXPECT_FALSE(recordings::is_over(dir.path(), false));
+  for (const std::string& text : {std::string(5000, '['), std::string("[7]"), std::string("{")}) {
+    dir.file("journal.json", text);
+    EXPECT_TRUE(recordings::is_over(dir.path(), true)) << text.substr(0, 9);
+  }
 }
 
 TEST(RecordingFolder, IsLookedAtWithoutWaitingForAPipe) {
