@@ -57,7 +57,7 @@ def try_fault(tree, text, fault):
     tree.write(fault.path, apply(text, fault))
     try:
         for name in covering(fault.path):
-            if not tree.make([name] + (["fake_recorder"] if name in ("leave_test", "link_test", "hostile_test", "fault_test") else [])):
+            if not tree.make([SUITES[name].target or name] + (["fake_recorder"] if name in ("leave_test", "link_test", "hostile_test", "fault_test") else [])):
                 return "refused", "does not compile"
             failed = tree.run(SUITES[name])
             if failed:
@@ -78,7 +78,7 @@ def refuse_what_always_fails(tree, names):
 
 def folder_of(path):
     parts = path.split("/")
-    return "/".join(parts[:2]) if parts[0] == "src" else parts[0]
+    return parts[0] if parts[0] == "include" else "/".join(parts[:2])
 
 
 def report(results):
@@ -110,13 +110,14 @@ def main():
     arguments = parser.parse_args()
 
     root = os.getcwd()
-    tracked = subprocess.run(["git", "ls-files", "include", "src"], check=True, capture_output=True, text=True).stdout
+    tracked = subprocess.run(["git", "ls-files", "include", "src", "tools"], check=True, capture_output=True, text=True).stdout
     paths = [path for path in tracked.split() if covering(path) and fnmatch.fnmatch(path, arguments.only)]
     texts = {}
     for path in paths:
         with open(path, encoding="utf-8") as file:
             texts[path] = file.read()
     known = equivalents()
+    suites = {name for path in paths for name in covering(path)}
     results, lock, work, waiting = [], threading.Lock(), queue.Queue(), {}
     if arguments.again:
         with open(arguments.again, encoding="utf-8") as file:
@@ -154,9 +155,9 @@ def main():
         def serve(index):
             tree = Tree(root, f"{folder}/{index}", f"{folder}/ccache")
             with lock:  # The first fills the cache for the others.
-                tree.set_up(list(SUITES) + ["fake_recorder"])
+                tree.set_up(sorted({SUITES[name].target or name for name in suites}) + ["fake_recorder"])
                 if index == 0:
-                    refuse_what_always_fails(tree, {name for path in paths for name in covering(path)})
+                    refuse_what_always_fails(tree, suites)
             while True:
                 with lock:
                     if work.empty():

@@ -4,9 +4,9 @@ decides, the fastest suite comes first."""
 import collections
 
 # `shards`: cases that mostly wait run beside each other. `seconds`: processor time that it may take, many times
-# what it needs.
-Suite = collections.namedtuple("Suite", "name shards cpu_seconds wall_seconds filter",
-                               defaults=(1, 20, 90, "*"))
+# what it needs. `target`, `script`: of one that isn't a program of its own, what is built, and what tries that.
+Suite = collections.namedtuple("Suite", "name shards cpu_seconds wall_seconds filter target script",
+                               defaults=(1, 20, 90, "*", "", ""))
 
 SUITES = {suite.name: suite for suite in [
     Suite("base_test", 3),
@@ -27,6 +27,10 @@ SUITES = {suite.name: suite for suite in [
     Suite("webrtc_test", 3, 40, 120),
     Suite("endpoint_test", 2, 60, 150), Suite("whip_test", 2, 60, 150), Suite("janus_test", 2, 60, 150),
     Suite("fuzz_data_channels"), Suite("fuzz_opus_packets"), Suite("fuzz_janus_messages"),
+    Suite("deliver_test"),
+    Suite("deliver_tool_test", 1, 120, 300, "*", "zelta-deliver", "tests/zelta-deliver/tool_test.py"),
+    Suite("view_test", 3, 40, 120), Suite("lay_test", 4, 60, 180),
+    Suite("fuzz_delivery_state"), Suite("fuzz_recording_folder"), Suite("fuzz_view_requests"),
 ]}
 
 COVERED_BY = [
@@ -75,4 +79,28 @@ COVERED_BY = [
     ("src/core_service/media/timeline.*", "recorder_unit_test"),
     ("src/core_service/media/sound_line.*", "recorder_unit_test"),
     ("src/core_service/mix/tiles.*", "recorder_unit_test"),
+    ("src/recordings/message_log.*", "view_test fuzz_recording_folder"),
+    ("src/recordings/regular_file.*", "view_test deliver_test"),
+    ("src/recordings/volume_log.*", "lay_test fuzz_recording_folder"),
+    ("src/recordings/recording_folder.*", "deliver_test view_test lay_test fuzz_recording_folder"),
+    ("src/recordings/*", "deliver_test view_test fuzz_recording_folder"),
+    ("tools/zelta-deliver/ledger.*", "deliver_test fuzz_delivery_state deliver_tool_test"),
+    ("tools/zelta-deliver/names.*", "deliver_test fuzz_delivery_state"),
+    ("tools/zelta-deliver/pace.*", "deliver_test"),
+    ("tools/zelta-deliver/target_gates.*", "deliver_test"),
+    ("tools/zelta-deliver/settings.*", "deliver_test"),
+    ("tools/zelta-deliver/consignment.*", "deliver_test deliver_tool_test"),
+    ("tools/zelta-deliver/retention.*", "deliver_test deliver_tool_test"),
+    ("tools/zelta-deliver/target.cpp", "deliver_test deliver_tool_test"),
+    ("tools/zelta-deliver/s3_target.cpp", "deliver_tool_test"),
+    ("tools/zelta-deliver/places.*", "deliver_tool_test"),
+    ("tools/zelta-lay/edit_lists.*", "lay_test"),
+    ("tools/zelta-lay/limiter.*", "lay_test"),
+    ("tools/zelta-lay/stretch_walk.*", "lay_test"),
+    ("tools/zelta-lay/ti*", "lay_test"),
+    ("tools/zelta-lay/turns.*", "lay_test"),
+    ("tools/zelta-view/byte_range.*", "view_test fuzz_view_requests"),
+    ("tools/zelta-view/view_rules.*", "view_test fuzz_view_requests"),
+    ("tools/zelta-view/session_json.*", "view_test"),
+    ("tools/zelta-view/folder_reader.*", "view_test"),
 ]

@@ -57,12 +57,13 @@ class Tree:
     def run(self, suite):
         """None when it passes, else what failed first."""
         for said in self._run(suite, suite.filter, suite.shards):
-            case = re.search(r"\[  FAILED  \] ([\w./]+)", said)
-            if case is None or "/" in case[1]:
-                return case[1] if case else said[-80:]
+            case = re.search(r"\[  FAILED  \] ([\w./]+)|(?m:^)(?:FAIL|ERROR): (\w+) \(__main__\.", said)
+            name = case and (case[1] or "ToolTest." + case[2])
+            if name is None or "/" in name:
+                return name or said[-80:]
             # Once more: a machine that had no time to spare is no proof. What another shard has seen may be one.
-            if self._run(suite, case[1], 1):
-                return case[1]
+            if self._run(suite, name, 1):
+                return name
         return None
 
     def _run(self, suite, cases, shards):
@@ -76,9 +77,12 @@ class Tree:
                            "--gtest_brief=1", f"--gtest_filter={cases}"]
         if suite.name.startswith("fuzz_"):
             command = command[:-3]
+        if suite.script:
+            command[-4:] = ["python3", "-B", f"{self.source}/{suite.script}", "-f"] + [cases] * (cases != "*")
         running = [subprocess.Popen(command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, preexec_fn=limits,
                                     env={**self.environment, "GTEST_TOTAL_SHARDS": str(shards),
-                                         "GTEST_SHARD_INDEX": str(index)}) for index in range(shards)]
+                                         "GTEST_SHARD_INDEX": str(index), "ZELTA_BIN": f"{self.build}/bin"})
+                   for index in range(shards)]
         failures = []
         for process in running:
             said = process.communicate()[0].decode(errors="replace")
