@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "consignment.h"
+#include "retention.h"
 #include "support/temp_dir.h"
 
 namespace zelta::test {
@@ -71,6 +72,11 @@ class ConsignmentTest : public testing::Test {
   }
 
   using names = std::vector<std::string>;
+  names cleaned(deliver::retention& kept, int64_t now_ms) {
+    names gone;
+    for (const auto& one : kept.clean_up({&*of_}, now_ms)) gone.push_back(one.file + one.error);
+    return gone;
+  }
   const TempDir dir_;
   deliver::delivery_settings settings_;
   std::optional<consignment> of_;
@@ -293,6 +299,60 @@ TEST_F(ConsignmentTest, ClaimsNoPlaceWhereItHasPutNothing) {
   of_->set_sending(taken_[0]);
   of_->confirm(taken_[0], 1);
   EXPECT_TRUE(of_->at(taken_[0]).ours);
+}
+
+TEST_F(ConsignmentTest, LosesOnlyMediaThatEveryTargetHasForLongEnough) {
+  dir_.file("7_a.jpg", "jpeg");
+  settings_.keep = std::chrono::seconds(10);
+  deliver::retention kept(settings_);
+  scan();
+  take(0);
+  confirm_at_the_first_target();
+  EXPECT_TRUE(of_->save());
+  EXPECT_EQ(cleaned(kept, 20'000), names{}) << "the second target has none";
+  take(0, {1});
+  confirm_taken();
+  EXPECT_EQ(cleaned(kept, 20'000), names{}) << "a kill now would forget that it has";
+  EXPECT_TRUE(of_->save());
+  EXPECT_EQ(cleaned(kept, 10'000), names{});
+  EXPECT_EQ(kept.wait_ms(), 1);
+  dir_.file("2.mp4", "not what was confirmed");
+  EXPECT_EQ(cleaned(kept, 10'001), names{"1.mp4"});
+  EXPECT_FALSE(std::filesystem::exists(dir_.path() + "1.mp4"));
+  EXPECT_TRUE(std::filesystem::exists(dir_.path() + "2.mp4"));
+  for (int order = 0; order < 2; ++order) {
+    take(0);
+    confirm_taken();
+  }
+  EXPECT_TRUE(of_->save());
+  EXPECT_EQ(cleaned(kept, 20'000), names{"7_a.jpg"}) << "the log and the manifest stay";
+}
+
+TEST_F(ConsignmentTest, LosesNothingThatAHookIsStillToSee) {
+  settings_.keep = std::chrono::seconds(0);
+  settings_.file_hook = {"/bin/true"};
+  deliver::retention kept(settings_);
+  scan();
+  take(0);
+  confirm_taken();
+  EXPECT_TRUE(of_->save());
+  EXPECT_EQ(cleaned(kept, 9), names{});
+  while (of_->take_notice(true, 0)) of_->notice_done(true);
+  EXPECT_EQ(cleaned(kept, 9), (names{"1.mp4", "2.mp4"})) << "the webhook needs no file";
+}
+
+TEST_F(ConsignmentTest, LosesTheOldestConfirmedUntilTheRestFits) {
+  deliver::retention kept(settings_);
+  scan();
+  take(0);
+  for (const auto& one : taken_) of_->confirm(one, one.file == "1.mp4" ? 5 : 4);
+  EXPECT_TRUE(of_->save());
+  EXPECT_EQ(cleaned(kept, 9), names{}) << "all is kept";
+  settings_.quota_bytes = 6;
+  EXPECT_EQ(cleaned(kept, 9), names{}) << "it fits";
+  settings_.quota_bytes = 5;
+  EXPECT_EQ(cleaned(kept, 9), names{"2.mp4"});
+  EXPECT_EQ(cleaned(kept, 9), names{});
 }
 
 TEST_F(ConsignmentTest, RefusesNamesThatNoStateCanHave) {

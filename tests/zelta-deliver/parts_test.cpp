@@ -4,6 +4,7 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -20,6 +21,7 @@
 #include "recordings/folder_state.h"
 #include "recordings/recording_folder.h"
 #include "support/temp_dir.h"
+#include "target.h"
 #include "target_gates.h"
 
 namespace zelta::test {
@@ -152,11 +154,15 @@ TEST(Ledger, ThatNamesWhatIsNotOfTheRecordingIsRefused) {
 }
 
 TEST(Names, AreSoundAsUtf8WithoutControlCharacters) {
-  for (const char* const name : {"a", "é.mp4", "7_\xF0\x9F\x8E\xA5.mp4", "a b"}) {
+  for (const char* const name :
+       {"a", "é.mp4", "7_\xF0\x9F\x8E\xA5.mp4", "a b", "\xC2\xA0", "\xDF\xBF", "\xE0\xA0\x80",
+        "\xED\x9F\xBF", "\xEF\xBF\xBD", "\xF0\x90\x80\x80", "\xF4\x8F\xBF\xBF"}) {
     EXPECT_TRUE(deliver::is_sound_name(name)) << name;
   }
-  for (const char* const name : {"", ".", "..", "a/b", "a\n", "\x7f", "\xff", "\xC0\xAF",
-                                 "\xE0\x80\x80", "\xED\xA0\x80", "\xF4\x90\x80\x80", "\xC3"}) {
+  for (const char* const name :
+       {"", ".", "..", "a/b", "a\n", "\x7f", "\xff", "\xC0\xAF", "\xE0\x9F\xBF", "\xED\xA0\x80",
+        "\xF4\x90\x80\x80", "\xF0\x8F\xBF\xBF", "\xF5\x80\x80\x80", "\xC1\xBF", "\xC3", "\xC3(",
+        "\xE2\x82", "\x1f"}) {
     EXPECT_FALSE(deliver::is_sound_name(name)) << deliver::shown_name(name);
   }
   EXPECT_TRUE(deliver::is_sound_path("2026/call"));
@@ -184,11 +190,84 @@ TEST(TargetGates, HoldBackWhatCanNotBeReachedAndProbeItByOne) {
   gates.ended(0, gone, 60, 0);
   EXPECT_EQ(gates.wait_ms(0, 60), 100);
   gates.began(0);
+  gates.ended(0, {outcome::kStopped, "", 0}, 160, 0);
+  EXPECT_EQ(gates.room(0, 160), 1U) << "that told nothing of it";
+  gates.began(0);
   gates.ended(0, {outcome::kRefused, "", 0}, 200, 0);
   EXPECT_EQ(gates.room(0, 200), 3U) << "it answers";
   gates.began(0);
   gates.ended(0, {outcome::kLater, "", 7000}, 200, 0);
   EXPECT_EQ(gates.wait_ms(0, 200), 7000) << "it asks for it";
+  gates.began(0);
+  gates.ended(0, {outcome::kLater, "", 100}, 200, 0);
+  EXPECT_EQ(gates.wait_ms(0, 200), 7000) << "and for less beside it";
+  EXPECT_EQ(deliver::target_gates(1, 4, milliseconds(1), milliseconds(1)).room(0, 0), 4U);
+  EXPECT_EQ(deliver::target_gates(2, 1, milliseconds(1), milliseconds(1)).room(1, 0), 1U);
+}
+
+TEST(Outcome, TellsWhatPassesFromWhatStays) {
+  using deliver::outcome;
+  const std::tuple<long, const char*, outcome::kind> rows[] = {
+      {200, "", outcome::kDone},
+      {299, "", outcome::kDone},
+      {300, "", outcome::kRefused},
+      {399, "", outcome::kRefused},
+      {400, "", outcome::kRefused},
+      {401, "", outcome::kRefused},
+      {404, "", outcome::kRefused},
+      {408, "", outcome::kLater},
+      {409, "", outcome::kLater},
+      {412, "", outcome::kLater},
+      {423, "", outcome::kLater},
+      {425, "", outcome::kLater},
+      {429, "", outcome::kLater},
+      {499, "", outcome::kRefused},
+      {500, "", outcome::kLater},
+      {507, "", outcome::kLater},
+      {400, "<Code>RequestTimeout</Code>", outcome::kLater},
+  };
+  deliver::http_answer answer;
+  answer.carried = true;
+  for (const auto& [status, body, is] : rows) {
+    answer.status = status;
+    answer.body = body;
+    const outcome made = deliver::outcome_of(answer, "PUT");
+    EXPECT_EQ(made.is, is) << status;
+    EXPECT_EQ(made.occupied, status == 412) << status;
+    EXPECT_FALSE(made.unreachable) << status << ": it answers";
+  }
+  answer.status = 302;
+  answer.headers["location"] = "https://me:hunter2@h/x?token=hunter2";
+  const std::string text = deliver::outcome_of(answer, "PUT").text;
+  EXPECT_NE(text.find("go to https://h/x;"), std::string::npos) << text;
+
+  answer = {};
+  answer.error = "no route";
+  EXPECT_EQ(deliver::outcome_of(answer, "PUT").is, outcome::kLater);
+  EXPECT_TRUE(deliver::outcome_of(answer, "PUT").unreachable);
+  answer.final = true;
+  EXPECT_EQ(deliver::outcome_of(answer, "PUT").is, outcome::kRefused);
+  EXPECT_FALSE(deliver::outcome_of(answer, "PUT").unreachable) << "it would hold all others back";
+  answer.error = "stopped";
+  EXPECT_EQ(deliver::outcome_of(answer, "PUT").is, outcome::kStopped);
+}
+
+TEST(Outcome, WaitsAsTheServerAsksAndADayAtMost) {
+  constexpr int64_t kDayMs = int64_t{24} * 3600 * 1000;
+  const std::pair<const char*, int64_t> rows[] = {{"7", 7000},
+                                                  {"-5", 0},
+                                                  {"86401", kDayMs},
+                                                  {"99999999999999", kDayMs},
+                                                  {"soon", 0},
+                                                  {"Thu, 01 Jan 1970 00:00:09 GMT", 0},
+                                                  {"Fri, 01 Jan 2100 00:00:00 GMT", kDayMs}};
+  deliver::http_answer answer;
+  answer.carried = true;
+  answer.status = 503;
+  for (const auto& [asked, wait_ms] : rows) {
+    answer.headers["retry-after"] = asked;
+    EXPECT_EQ(deliver::outcome_of(answer, "PUT").wait_ms, wait_ms) << asked;
+  }
 }
 
 TEST(RecordingFolder, AwaitsTheNextRecorderWhileItsCallerLives) {

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <gst/gst.h>
@@ -102,6 +103,30 @@ TEST_F(ViewFolder, HasItsSessionsInTheOrderOfTime) {
                                        page["sessions"][2]["name"].asString()};
   EXPECT_EQ(names,
             (std::vector<std::string>{"recording_2.json", "recording_10.json", "recording.json"}));
+}
+
+// Beside a file from 1 s to 5 s.
+TEST_F(ViewFolder, PartsSessionsByAPauseAndShowsWhatHasMedia) {
+  const std::tuple<int64_t, int64_t, const char*, size_t, size_t> rows[] = {
+      {605'000, 605'001, "x", 1, 2}, {605'001, 605'002, "x", 2, 2},
+      {6000, 6000, "x", 1, 1},       {6000, 5999, "x", 1, 1},
+      {6000, 6000, "", 1, 2},        {6000, 6000, "recorder died", 1, 2}};
+  std::filesystem::remove(dir_.path() + "messages.jsonl");
+  for (const auto& [first, last, closed, sessions, files] : rows) {
+    dir_.file("recording.json",
+              R"({"files": [{"name": "1_a.mp4", "uid": 1, "channel_id": "a", "closed": "x",
+                  "first_utc_ms": 1000, "last_utc_ms": 5000}, {"name": "2_b.mp4", "uid": 1,
+                  "channel_id": "b", "closed": ")" +
+                  std::string(closed) + R"(", "first_utc_ms": )" + std::to_string(first) +
+                  R"(, "last_utc_ms": )" + std::to_string(last) + "}]}");
+    const auto seen = view::look_at(dir_.path(), 0);
+    EXPECT_EQ(seen.page["sessions"].size(), sessions) << first << closed;
+    EXPECT_EQ(seen.files.size(), files) << first << closed;
+    if (sessions == 1) {
+      EXPECT_EQ(seen.page["sessions"][0]["users"].size(), files) << "a number of two channels";
+      EXPECT_EQ(seen.page["sessions"][0]["end_ms"].asInt64(), files == 2 ? last : 5000);
+    }
+  }
 }
 
 TEST_F(ViewFolder, LeavesOutTimesThatCannotBe) {
