@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <array>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -14,6 +15,7 @@
 #include "exit_status.h"
 #include "options.h"
 #include "session.h"
+#include "support/temp_dir.h"
 #include "tiles.h"
 #include "time_point.h"
 #include "turns.h"
@@ -207,6 +209,25 @@ TEST(Tiles, AreLeftOutWhereTheyHaveNoRoom) {
                             speaker_tiles(users, 1, 64, 64)}) {
     for (const tile& t : tiles) EXPECT_TRUE(t.width >= 2 && t.height >= 2);
   }
+}
+
+TEST(Tiles, AreThoseOfALayoutFileWithinTheFilm) {
+  const test::TempDir dir;
+  const std::string path = dir.file("layout.json", R"({"backgroundColor": "#20a0fF", "regions": [
+    {"uid": 7, "x": 0.25, "y": 0.5, "width": 0.5, "height": 0.25, "renderMode": "fill"},
+    {"uid": 8, "x": 0.75, "y": 0.75, "width": 1, "height": 1, "alpha": 0.5, "renderMode": "fit"},
+    {"uid": 9, "x": 0, "y": 0, "width": 0.001, "height": 1}]})");
+  std::string error;
+  const auto made = file_layout(path, 640, 360, error);
+  ASSERT_TRUE(made) << error;
+  EXPECT_EQ(made->background, (std::array<uint8_t, 3>{0x20, 0xa0, 0xff}));
+  EXPECT_EQ(made->tiles, (std::vector<tile>{{7, 160, 180, 320, 90, true, 1},
+                                            {8, 480, 270, 160, 90, false, 0.5}}))
+      << "what is left of the film is cut off, and what can't be seen left out";
+  EXPECT_EQ(file_layout(dir.file("none.json", R"({"regions": []})"), 2, 2, error)->background,
+            (std::array<uint8_t, 3>{0, 0, 0}));
+  EXPECT_FALSE(file_layout(dir.file("bad.json", R"({"regions": 7})"), 640, 360, error));
+  EXPECT_NE(error.find("\"regions\" should be an array"), std::string::npos) << error;
 }
 
 // Of files that aren't there, so that what is decoded is told.

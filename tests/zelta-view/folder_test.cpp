@@ -79,7 +79,7 @@ TEST_F(ViewFolder, IsASessionAStretchWithWhatBelongsToIt) {
   ASSERT_EQ(first["messages"].size(), 1U);
   EXPECT_EQ(first["messages"][0]["text"], "hi");
   const Json::Value& second = sessions[1];
-  EXPECT_FALSE(second["live"].asBool());
+  EXPECT_EQ(second["live"], false);
   EXPECT_EQ(second["missing"][0]["reason"], "no decoder");
   EXPECT_EQ(second["messages"][0]["text"], "late") << "and not the line that is being written";
   ASSERT_EQ(seen.page["errors"].size(), 1U);
@@ -137,6 +137,8 @@ TEST_F(ViewFolder, LeavesOutTimesThatCannotBe) {
     EXPECT_NE(text_of(seen.page["errors"]).find("1 entries have times"), std::string::npos)
         << wrong;
   }
+  other("recording_2.json", (int64_t{1} << 53) - 9);
+  EXPECT_EQ(view::look_at(dir_.path(), 0).page["sessions"].size(), 3U) << "the last that can be";
 }
 
 TEST_F(ViewFolder, TellsNoPageWhereItStands) {

@@ -34,6 +34,7 @@ TEST(ByteRange, IsThePartThatTheStandardMeans) {
       {"bytes=99999999999999999999999-", byte_range::kBeyond, 0, 0},
       {"bytes=-0", byte_range::kBeyond, 0, 0},
       {"bytes=9-5", byte_range::kWhole, 0, 99},
+      {"bytes=10", byte_range::kWhole, 0, 99},
       {"bytes=-", byte_range::kWhole, 0, 99},
       {"bytes=0-1,5-6", byte_range::kWhole, 0, 99},
       {"bytes= 1-2", byte_range::kWhole, 0, 99},
