@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // The parts of a delivery that stand alone: waiting, digests, the state on disk.
 #include <chrono>
+#include <map>
 #include <string>
 #include <thread>
 #include <tuple>
@@ -9,10 +10,13 @@
 
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/process_name.h"
+#include "base/unique_fd.h"
 #include "digest.h"
 #include "http_client.h"
 #include "ledger.h"
@@ -284,6 +288,83 @@ TEST(RecordingFolder, AwaitsTheNextRecorderWhileItsCallerLives) {
     dir.file("journal.json", text);
     EXPECT_TRUE(recordings::is_over(dir.path(), true)) << text.substr(0, 9);
   }
+}
+
+TEST(RecordingFolder, IsNotOverWhileAProcessHoldsAShareOfIt) {
+  const TempDir dir;
+  const TempDir elsewhere;
+  const auto is_over_while_held = [&dir](const std::string& path) {
+    const base::unique_fd lock(open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    EXPECT_EQ(flock(lock.get(), LOCK_EX | LOCK_NB), 0) << path;
+    return recordings::is_over(dir.path());
+  };
+  EXPECT_FALSE(is_over_while_held(dir.path()));
+  for (const char* const name : {".recording.lock", ".recording_2.lock"}) {
+    EXPECT_FALSE(is_over_while_held(dir.file(name, ""))) << name;
+    EXPECT_TRUE(recordings::is_over(dir.path())) << name << ": nobody has it any more";
+  }
+  EXPECT_TRUE(is_over_while_held(dir.file(".recording_x.lock", ""))) << "it is no share";
+  const std::string others = elsewhere.file("lock", "");
+  ASSERT_EQ(symlink(others.c_str(), (dir.path() + ".recording_3.lock").c_str()), 0);
+  EXPECT_TRUE(is_over_while_held(others)) << "a link's isn't of this folder";
+}
+
+TEST(RecordingFolder, HasAllThatItsManifestTells) {
+  const TempDir dir;
+  dir.file("7_a.mp4", "media");
+  dir.file("recording.json", R"({"channel_id": "room", "files": [
+    {"name": "7_a.mp4", "uid": 7, "kind": "audio_video", "video_codec": "h264", "audio_codec": "aac",
+     "width": 640, "height": 360, "first_utc_ms": 11, "last_utc_ms": 14, "closed": "user left",
+     "crc32": "0a1b2c3d"},
+    {"name": "8_b.mp4", "channel_id": "hall", "crc32": "0a1b2c3"},
+    {"name": "8_c.mp4", "crc32": "0a1b2c3g"}, {"name": "8_d.mp4", "crc32": "0a1b2c3d4"}],
+    "missing": [{"uid": 7, "medium": "video", "codec": "c", "reason": "r", "utc_ms": 15,
+                 "until_utc_ms": 16}],
+    "names": {"7": "alice", "-1": "x", "7a": "x"}, "pictures": {"7": 1}, "messages": {"7": 2},
+    "lost_packets": {"7": 3}, "dropped_frames": {"pictures": 4, "coded": 5, "sound": 6},
+    "sessions": [{"channel_id": "room", "began_utc_ms": 7, "ended_utc_ms": 8, "ended": "why"}],
+    "lag": {"packets_ms": 9, "disk_ms": 10}})");
+  std::vector<std::string> errors;
+  const auto all = recordings::read_manifests(dir.path(), errors);
+  ASSERT_EQ(all.size(), 1U) << testing::PrintToString(errors);
+  const recordings::manifest& m = all[0];
+  ASSERT_EQ(m.files.size(), 4U);
+  const recordings::media_file& a = m.files[0];
+  EXPECT_EQ(std::tie(a.channel_id, a.kind, a.video_codec, a.audio_codec, a.closed),
+            std::make_tuple("room", "audio_video", "h264", "aac", "user left"));
+  EXPECT_EQ(std::tie(a.uid, a.width, a.height, a.first_utc_ms, a.last_utc_ms, a.bytes, a.crc32),
+            std::make_tuple(7U, 640, 360, 11, 14, 5U, 0x0a1b2c3dU));
+  EXPECT_EQ(a.duration_ms(), 3);
+  EXPECT_EQ(m.files[1].channel_id, "hall");
+  for (size_t at = 1; at < 4; ++at) EXPECT_FALSE(m.files[at].crc32) << m.files[at].name;
+  ASSERT_EQ(m.missing.size(), 1U);
+  const recordings::gap& gap = m.missing[0];
+  EXPECT_EQ(std::tie(gap.uid, gap.channel_id, gap.medium, gap.codec, gap.reason, gap.utc_ms,
+                     gap.until_utc_ms),
+            std::make_tuple(7U, "room", "video", "c", "r", 15, 16));
+  EXPECT_EQ(m.names, (std::map<uint32_t, std::string>{{7, "alice"}}));
+  EXPECT_EQ(std::tie(m.pictures.at(7), m.messages.at(7), m.lost_packets.at(7), m.dropped.pictures,
+                     m.dropped.coded, m.dropped.sound, m.lag_of_packets_ms, m.lag_of_disk_ms),
+            std::make_tuple(1U, 2U, 3U, 4U, 5U, 6U, 9, 10));
+  ASSERT_EQ(m.sessions.size(), 1U);
+  EXPECT_EQ(std::tie(m.sessions[0].channel_id, m.sessions[0].began_utc_ms,
+                     m.sessions[0].ended_utc_ms, m.sessions[0].ended),
+            std::make_tuple("room", 7, 8, "why"));
+}
+
+TEST(RecordingFolder, HasManifestsOfTheirNamesAlone) {
+  for (const char* const name : {"recording.json", "recording_2.json", "recording_10.json"}) {
+    EXPECT_TRUE(recordings::is_manifest_name(name)) << name;
+  }
+  for (const char* const name :
+       {"", ".json", "recording", "recordin.json", "xrecording.json", "recording_.json",
+        "recording2.json", "recording_a.json", "recording_2.json.new", "recording-2.json"}) {
+    EXPECT_FALSE(recordings::is_manifest_name(name)) << name;
+  }
+  for (const char* const name : {"delivery.json.mp4", "7_a.new", "7_a.lock", "a/b.mp4", ".a.mp4"}) {
+    EXPECT_FALSE(recordings::is_media_name(name)) << name;
+  }
+  EXPECT_FALSE(recordings::is_media_name(std::string("7_a\0.mp4", 8)));
 }
 
 TEST(RecordingFolder, IsLookedAtWithoutWaitingForAPipe) {

@@ -38,8 +38,8 @@ constexpr const char* kManifest = R"({"channel_id": "room", "files": [
               {"uid": 0, "medium": "all", "reason": "disk", "utc_ms": 2000, "until_utc_ms": 3000}],
   "names": {"1": "alice </script>"}})";
 constexpr const char* kMessages =
-    "{\"utc_ms\": 1500, \"uid\": 1, \"channel_id\": \"room\", \"text\": \"hi\"}\n"
-    "no message\n{\"utc_ms\": \"x\", \"text\": \"y\"}\n"
+    "{\"utc_ms\": 1500, \"uid\": 1, \"channel_id\": \"room\", \"label\": \"notes\", \"text\": "
+    "\"hi\"}\nno message\n[]\n{\"utc_ms\": \"x\", \"text\": \"y\"}\n"
     "{\"utc_ms\": 9000500, \"uid\": 2, \"channel_id\": \"room\", \"text\": \"late\"}\n{\"utc_ms\": "
     "1";
 
@@ -77,13 +77,16 @@ TEST_F(ViewFolder, IsASessionAStretchWithWhatBelongsToIt) {
   ASSERT_EQ(first["missing"].size(), 1U);
   EXPECT_EQ(first["missing"][0]["user"].asInt(), -1);
   ASSERT_EQ(first["messages"].size(), 1U);
-  EXPECT_EQ(first["messages"][0]["text"], "hi");
+  const Json::Value& message = first["messages"][0];
+  EXPECT_EQ(message["text"], "hi");
+  EXPECT_EQ(message["label"], "notes");
+  EXPECT_EQ(message["user"], first["files"][0]["user"]) << "of one number and channel";
   const Json::Value& second = sessions[1];
   EXPECT_EQ(second["live"], false);
   EXPECT_EQ(second["missing"][0]["reason"], "no decoder");
   EXPECT_EQ(second["messages"][0]["text"], "late") << "and not the line that is being written";
   ASSERT_EQ(seen.page["errors"].size(), 1U);
-  EXPECT_EQ(seen.page["errors"][0], "messages.jsonl: 2 lines are no messages");
+  EXPECT_EQ(seen.page["errors"][0], "messages.jsonl: 3 lines are no messages");
 }
 
 TEST_F(ViewFolder, IsNotLiveOnceNobodyWritesItOrByAClockThatIsWrong) {
@@ -149,6 +152,7 @@ TEST_F(ViewFolder, TellsNoPageWhereItStands) {
             std::string::npos);
   EXPECT_EQ(seen.errors.back().rfind(dir_.path() + "recording_2.json", 0), 0U) << "on stderr it is";
   const auto gone = view::look_at("/nonexistent/", 0);
+  EXPECT_EQ(gone.errors.size(), 1U);
   EXPECT_EQ(gone.page["errors"][0].asString().rfind("The folder can't be read", 0), 0U);
 }
 
@@ -190,6 +194,7 @@ TEST_F(ViewFolder, IsNotHeldUpByWhatIsNoFile) {
     EXPECT_EQ(seen.manifests, 1U);
     EXPECT_EQ(seen.files.count("2_b.mp4"), 0U);
     EXPECT_EQ(seen.page["sessions"][0]["messages"].size(), 0U);
+    EXPECT_NE(text_of(seen.page["errors"]).find("messages.jsonl can't be read"), std::string::npos);
     view::options o;
     o.folder = dir_.path();
     EXPECT_EQ(view::export_page(o), view::kCantServe) << "index.html isn't ours";

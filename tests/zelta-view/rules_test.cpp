@@ -77,6 +77,7 @@ TEST(ViewRules, LeadNowhereButToThePageAndNamedFiles) {
        {"POST", "/enter", "127.0.0.1", verdict::kRefuse, "", 405},
        {"GET", "/", "recordings.example:8", verdict::kRefuse, "", 421},
        {"GET", "/", "127.0.0.1.example", verdict::kRefuse, "", 421},
+       {"GET", "/", "[::1", verdict::kRefuse, "", 421},
        {"GET", "/", "", verdict::kRefuse, "", 421}};
   for (const auto& [method, path, host, what, name, status] : rows) {
     const verdict found = rules.judge({method, path, host, "", "", ""});
