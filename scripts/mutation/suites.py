@@ -79,6 +79,7 @@ COVERED_BY = [
     ("src/core_service/media/timeline.*", "recorder_unit_test"),
     ("src/core_service/media/sound_line.*", "recorder_unit_test"),
     ("src/core_service/mix/tiles.*", "recorder_unit_test"),
+    ("src/recordings/crc_text.h", "deliver_test"),
     ("src/recordings/message_log.*", "view_test fuzz_recording_folder"),
     ("src/recordings/regular_file.*", "view_test deliver_test"),
     ("src/recordings/volume_log.*", "lay_test fuzz_recording_folder"),

@@ -64,12 +64,19 @@ TEST_F(VolumeLog, LeavesOutWhatIsNoLineOfIt) {
       R"({"utc_ms":1,"step_ms":200,"channel_id":"c","volumes":{"7":[{}]}})",
   };
   for (const char* const row : rows) write("volumes.jsonl", row);
+  for (const size_t steps : {1000U, 1001U}) {
+    std::string all = "1";
+    for (size_t step = 1; step < steps; ++step) all += ",1";
+    write("volumes.jsonl",
+          R"({"utc_ms":2,"step_ms":200,"channel_id":"c","volumes":{"8":[)" + all + "]}}");
+  }
   write("volumes.jsonl", R"({"utc_ms":1,"step_ms":200,"channel_id":"c","volumes":{"7":[999]}})");
   std::vector<std::string> errors;
   const volume_lines got = read_volumes(folder_, "c", errors);
   ASSERT_EQ(errors.size(), 1U);
-  EXPECT_NE(errors[0].find("11 lines"), std::string::npos) << errors[0];
-  ASSERT_EQ(got.size(), 1U);
+  EXPECT_NE(errors[0].find("12 lines"), std::string::npos) << errors[0];
+  ASSERT_EQ(got.size(), 2U);
+  EXPECT_EQ(got.at(8).size(), 1U) << "no recorder writes more than a thousand at once";
   ASSERT_EQ(got.at(7).size(), 1U);
   EXPECT_EQ(got.at(7)[0].volumes, std::vector<uint8_t>{255});
 }

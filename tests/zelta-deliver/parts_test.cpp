@@ -22,6 +22,7 @@
 #include "ledger.h"
 #include "names.h"
 #include "pace.h"
+#include "recordings/crc_text.h"
 #include "recordings/folder_state.h"
 #include "recordings/recording_folder.h"
 #include "support/temp_dir.h"
@@ -335,6 +336,7 @@ TEST(RecordingFolder, HasAllThatItsManifestTells) {
   EXPECT_EQ(std::tie(a.uid, a.width, a.height, a.first_utc_ms, a.last_utc_ms, a.bytes, a.crc32),
             std::make_tuple(7U, 640, 360, 11, 14, 5U, 0x0a1b2c3dU));
   EXPECT_EQ(a.duration_ms(), 3);
+  EXPECT_EQ(recordings::text_of_crc(*a.crc32), "0a1b2c3d");
   EXPECT_EQ(m.files[1].channel_id, "hall");
   for (size_t at = 1; at < 4; ++at) EXPECT_FALSE(m.files[at].crc32) << m.files[at].name;
   ASSERT_EQ(m.missing.size(), 1U);
