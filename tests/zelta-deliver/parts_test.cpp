@@ -55,6 +55,14 @@ TEST(Pace, EndsAWaitThatWouldLastForHours) {
   waiting.join();
 }
 
+TEST(Pace, HoldsNobodyBackWithoutABound) {
+  deliver::pace all(0);
+  for (int at = 0; at < 2; ++at) EXPECT_TRUE(all.take(1'000'000'000));
+  EXPECT_EQ(all.piece(65536), 65536U);
+  all.stop();
+  EXPECT_FALSE(all.take(1));
+}
+
 // RFC 4231, case 2; FIPS 180-4's of no bytes.
 TEST(Digest, IsThatOfTheStandards) {
   EXPECT_EQ(deliver::hmac_sha256("Jefe", "what do ya want for nothing?"),
@@ -121,6 +129,12 @@ TEST(Ledger, IsOnesAloneWhileItsLockIsHeld) {
     EXPECT_EQ(error, "");
   }
   EXPECT_TRUE(deliver::lock_deliveries(dir.path(), error).valid()) << error;
+  const std::string lock = dir.path() + ".delivery.lock";
+  ASSERT_EQ(unlink(lock.c_str()), 0);
+  ASSERT_EQ(symlink((dir.path() + "elsewhere").c_str(), lock.c_str()), 0);
+  EXPECT_FALSE(deliver::lock_deliveries(dir.path(), error).valid());
+  EXPECT_NE(error.find(".delivery.lock: Too many levels"), std::string::npos) << error;
+  EXPECT_NE(access((dir.path() + "elsewhere").c_str(), F_OK), 0) << "made where a link leads";
 }
 
 TEST(Ledger, ThatNamesWhatIsNotOfTheRecordingIsRefused) {
