@@ -60,11 +60,6 @@ media_file file_of(const Json::Value& entry, const manifest& of, const std::stri
   return made;
 }
 
-session session_of(const Json::Value& entry) {
-  return {entry["channel_id"].asString(), entry["began_utc_ms"].asInt64(),
-          entry["ended_utc_ms"].asInt64(), entry["ended"].asString()};
-}
-
 gap gap_of(const Json::Value& entry, const manifest& of) {
   gap made;
   made.uid = entry["uid"].asUInt();
@@ -116,6 +111,11 @@ manifest read(const std::string& folder, const std::string& name) {
 }
 
 }  // namespace
+
+session session_of(const Json::Value& entry) {
+  return {entry["channel_id"].asString(), entry["began_utc_ms"].asInt64(),
+          entry["ended_utc_ms"].asInt64(), entry["ended"].asString()};
+}
 
 bool is_manifest_name(const std::string& file_name) {
   const std::string start = kPrefix;

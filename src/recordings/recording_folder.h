@@ -10,6 +10,10 @@
 #include <string>
 #include <vector>
 
+namespace Json {
+class Value;
+}
+
 namespace zelta::recordings {
 
 struct media_file {
@@ -51,6 +55,9 @@ struct session {
   int64_t ended_utc_ms = 0;  // 0: it isn't, or its recorder is dead
   std::string ended;         // why
 };
+
+// An entry of a manifest's "sessions". Throws what jsoncpp does when a field is of another type.
+session session_of(const Json::Value& entry);
 
 // For the application, which was too slow.
 struct dropped_frames {

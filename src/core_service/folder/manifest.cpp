@@ -82,18 +82,13 @@ manifest_file file_from_json(const Json::Value& v, const Json::Value& channel_id
   return f;
 }
 
-Json::Value to_json(const manifest_session& one) {
+Json::Value to_json(const recordings::session& one) {
   Json::Value v(Json::objectValue);
   v["channel_id"] = one.channel_id;
   v["began_utc_ms"] = Json::Int64{one.began_utc_ms};
   if (one.ended_utc_ms != 0) v["ended_utc_ms"] = Json::Int64{one.ended_utc_ms};
   v["ended"] = one.ended;
   return v;
-}
-
-manifest_session session_from_json(const Json::Value& v) {
-  return {v.get("channel_id", "").asString(), v.get("began_utc_ms", Json::Int64{0}).asInt64(),
-          v.get("ended_utc_ms", Json::Int64{0}).asInt64(), v.get("ended", "").asString()};
 }
 
 Json::Value to_json(const manifest_gap& gap) {
@@ -151,7 +146,7 @@ void manifest::load() {
     const Json::Value root = parse(file);
     for (const Json::Value& entry : root["files"]) add(file_from_json(entry, root["channel_id"]));
     for (const Json::Value& entry : root["sessions"]) {
-      sessions_.push_back(session_from_json(entry));
+      sessions_.push_back(recordings::session_of(entry));
     }
     for (const Json::Value& entry : root["missing"]) missing_.push_back(gap_from_json(entry));
     missing_before_ = missing_.size();
@@ -278,7 +273,7 @@ void manifest::on_session_began(bool goes_on) {
   changed();
 }
 
-void manifest::end_as_dead(manifest_session& one) const {
+void manifest::end_as_dead(recordings::session& one) const {
   one.ended = kDied;
   one.ended_utc_ms = one.began_utc_ms;
   for (const auto& [number, f] : files_) {
@@ -329,7 +324,7 @@ void manifest::save() {
   for (const auto& [number, f] : files_) files.append(to_json(f));
   root["files"] = std::move(files);
   Json::Value sessions(Json::arrayValue);
-  for (const manifest_session& one : sessions_) sessions.append(to_json(one));
+  for (const recordings::session& one : sessions_) sessions.append(to_json(one));
   root["sessions"] = std::move(sessions);
   Json::Value missing(Json::arrayValue);
   for (const manifest_gap& gap : missing_) missing.append(to_json(gap));

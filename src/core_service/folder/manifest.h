@@ -15,6 +15,7 @@
 #include "core_service/folder/ledger.h"
 #include "core_service/folder/missing_medium.h"
 #include "core_service/folder/state_writer.h"
+#include "recordings/recording_folder.h"
 
 namespace zelta::core_service {
 
@@ -23,13 +24,6 @@ struct manifest_file {
   file_opened opened;
   file_progress is;
   file_closed end;  // without a reason: it is being written
-};
-
-struct manifest_session {
-  std::string channel_id;
-  int64_t began_utc_ms = 0;
-  int64_t ended_utc_ms = 0;  // 0: it isn't
-  std::string ended;         // why
 };
 
 // What was to be recorded and isn't.
@@ -104,7 +98,7 @@ class manifest final : public ledger_observer {
   void load();
   void add(manifest_file file);
   // What a predecessor left open.
-  void end_as_dead(manifest_session& one) const;
+  void end_as_dead(recordings::session& one) const;
   std::set<std::string> listed_elsewhere() const;
 
   bool changed_ = false;
@@ -118,7 +112,7 @@ class manifest final : public ledger_observer {
   size_t next_number_ = 0;
   // Of those that the ledger has told.
   std::map<file_number, size_t> numbers_;
-  std::vector<manifest_session> sessions_;
+  std::vector<recordings::session> sessions_;
   std::map<uint32_t, std::string> names_;
   std::map<uint32_t, uint64_t> pictures_;
   std::map<uint32_t, uint64_t> messages_;
