@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // What the recorder writes down of its files.
 #include <filesystem>
+#include <fstream>
 #include <map>
 #include <mutex>
 #include <string>
@@ -10,8 +11,10 @@
 #include <gtest/gtest.h>
 #include <json/json.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include "base/unique_fd.h"
+#include "core_service/folder/atomic_file.h"
 #include "core_service/folder/manifest.h"
 #include "support/read_json.h"
 
@@ -237,6 +240,20 @@ TEST(StateWriter, NobodyWaitsForASlowDiskAndTheLatestTextWins) {
   EXPECT_EQ(writer.flush(10s), 0) << "a failure is told once";
   const std::lock_guard<std::mutex> guard(failures_lock);
   EXPECT_EQ(failures, (std::map<std::string, int>{{nowhere, ENOENT}}));
+}
+
+TEST(AtomicFile, WritesIntoNobodysFileThatALinkLeadsTo) {
+  const TempDir dir;
+  const std::string victim = dir.path() + "victim";
+  const std::string path = dir.path() + "state";
+  for (const auto make : {symlink, link}) {
+    std::ofstream(victim) << "somebody's";
+    ASSERT_EQ(make(victim.c_str(), (path + ".new").c_str()), 0);
+    EXPECT_TRUE(core_service::replace_file(path, "ours", core_service::sync::kNo));
+    EXPECT_EQ(read_file(victim), "somebody's");
+    EXPECT_EQ(read_file(path), "ours");
+    EXPECT_FALSE(std::filesystem::is_symlink(path));
+  }
 }
 
 }  // namespace

@@ -3,13 +3,14 @@
 
 #include <cerrno>
 #include <chrono>
-#include <cstdio>
 #include <cstring>
 #include <vector>
 
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
+
+#include "core_service/folder/atomic_file.h"
 
 namespace zelta::deliver {
 namespace {
@@ -93,18 +94,10 @@ bool write_all(int fd, const char* bytes, size_t size, std::string& error) {
 }
 
 bool replace_file(const std::string& path, const std::string& text, std::string& error) {
-  const std::string beside = path + ".new";
-  // Whoever may write into the folder may have put a link there.
-  unlink(beside.c_str());
-  base::unique_fd file(open(beside.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0666));
-  if (!file.valid()) return fail(error, "open " + beside);
-  const bool done = write_all(file.get(), text.data(), text.size(), error) &&
-                    (fsync(file.get()) == 0 || fail(error, "fsync " + beside)) &&
-                    (rename(beside.c_str(), path.c_str()) == 0 || fail(error, "rename " + beside));
-  if (done) return sync_folder(folder_of(path), error);
-  // A full disk isn't kept full.
-  unlink(beside.c_str());
-  return false;
+  if (!core_service::replace_file(path, text, core_service::sync::kYes)) {
+    return fail(error, "replace " + path);
+  }
+  return sync_folder(folder_of(path), error);
 }
 
 bool sync_folder(const std::string& path, std::string& error) {

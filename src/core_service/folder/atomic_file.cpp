@@ -5,6 +5,7 @@
 #include <cstdio>
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include "base/unique_fd.h"
@@ -16,8 +17,17 @@ namespace {
 // have renamed what was to be renamed here.
 constexpr int kTries = 3;
 
+// A link leads to what isn't ours to write: whoever may write into the folder may have made it.
+void remove_link(const std::string& path) {
+  struct stat there {};
+  if (lstat(path.c_str(), &there) != 0) return;
+  const bool has_other_names = S_ISREG(there.st_mode) && there.st_nlink > 1;
+  // What can't be removed fails to be opened, or to be renamed.
+  if (S_ISLNK(there.st_mode) || has_other_names) (void)unlink(path.c_str());
+}
+
 bool write_whole(const std::string& path, const std::string& text, sync how) {
-  // A link in its place leads to what isn't ours to write.
+  remove_link(path);
   const base::unique_fd file(
       open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!file.valid()) return false;
