@@ -48,10 +48,7 @@ int deliver(int argc, char** argv) {
   if (!open_standard_streams()) return kBroken;
   options asked;
   const parse_result parsed = parse_options(argc, argv, asked);
-  if (!parsed.ok) {
-    std::fputs(parsed.message.c_str(), parsed.exit_status == 0 ? stdout : stderr);
-    return parsed.exit_status;
-  }
+  if (!parsed.ok) return tools::print(parsed, "zelta-deliver");
   if (asked.status) return tell_status(asked);
   std::vector<std::string> errors;
   delivery_settings settings = load_delivery_settings(asked.settings_path, errors);

@@ -5,7 +5,6 @@
 #include <exception>
 #include <filesystem>
 #include <map>
-#include <sstream>
 #include <system_error>
 
 #include <CLI/CLI.hpp>
@@ -21,10 +20,6 @@ constexpr const char* kAbout =
     "last, each until the target is seen to have it. What became of each file stands in its "
     "folder's delivery.json: started again after whatever ended it, it goes on from there. "
     "SIGINT, SIGTERM and SIGHUP end it.\n";
-
-parse_result refused(const std::string& why) {
-  return {false, "zelta-deliver: " + why + "\n", kUsage};
-}
 
 // Without links, so that a folder has one name however it was called.
 std::string absolute(const std::string& path, std::string& error) {
@@ -102,15 +97,9 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
   app.add_flag("--json", o.json, "one JSON object a line and event");
   app.set_version_flag("--version", "zelta-deliver " ZELTA_REVISION);
   try {
-    app.parse(argc, argv);
-    const std::string fault = settle(o);
-    return fault.empty() ? parse_result{true, "", 0} : refused(fault);
-  } catch (const CLI::ParseError& e) {
-    std::ostringstream said;
-    if (app.exit(e, said, said) == 0) return {false, said.str(), 0};
-    return refused(std::string(e.what()) + "; --help lists all options");
+    return tools::parse_command_line(app, argc, argv, kUsage, [&o] { return settle(o); });
   } catch (const std::exception& e) {
-    return refused(e.what());
+    return {false, e.what(), kUsage};
   }
 }
 

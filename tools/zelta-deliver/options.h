@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "common/command_line.h"
+
 namespace zelta::deliver {
 
 struct options {
@@ -20,11 +22,7 @@ struct options {
   int give_up_s = 0;  // 0: never
 };
 
-struct parse_result {
-  bool ok = false;
-  std::string message;
-  int exit_status = 0;
-};
+using tools::parse_result;
 
 // `o` is of use when it is ok. Never throws.
 parse_result parse_options(int argc, const char* const* argv, options& o);

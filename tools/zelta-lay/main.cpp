@@ -2,7 +2,6 @@
 // zelta-lay: one film of a recording's many files.
 #include <algorithm>
 #include <csignal>
-#include <cstdio>
 #include <string>
 
 #include "core_service/load/descriptors.h"
@@ -20,10 +19,7 @@ int main(int argc, char** argv) {
   core_service::raise_descriptor_limit();
   lay::options o;
   const lay::parse_result parsed = lay::parse_options(argc, argv, o);
-  if (!parsed.ok && parsed.exit_status == 0) {
-    std::fputs(parsed.message.c_str(), stdout);
-    return 0;
-  }
+  if (!parsed.ok && parsed.exit_status == 0) return tools::print(parsed, "zelta-lay");
   if (!parsed.ok) {
     // As it stands there, for what is wrong may come before it.
     const bool json = std::find(argv + 1, argv + argc, std::string("--json")) != argv + argc;

@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "options.h"
 
-#include <sstream>
-
 #include <CLI/CLI.hpp>
 
 #include "exit_status.h"
@@ -13,10 +11,6 @@ namespace {
 
 constexpr int kLowestSize = 64;
 constexpr int kHighestSize = 7680;
-
-parse_result refused(const std::string& why) {
-  return {false, why, kUsage};
-}
 
 // An error or nothing.
 std::string take_size(const std::string& text, options& o) {
@@ -107,16 +101,10 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
                    std::string(kStatusHelp),
                "zelta-lay");
   add_options(app, o);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    std::ostringstream said;
-    if (app.exit(e, said, said) == 0) return {false, said.str(), 0};
-    return refused(std::string(e.what()) + "; --help lists all options");
-  }
-  o.fps_asked = app.count("--fps") > 0;
-  const std::string fault = contradiction(app, o);
-  return fault.empty() ? parse_result{true, "", 0} : refused(fault);
+  return tools::parse_command_line(app, argc, argv, kUsage, [&app, &o] {
+    o.fps_asked = app.count("--fps") > 0;
+    return contradiction(app, o);
+  });
 }
 
 }  // namespace zelta::lay

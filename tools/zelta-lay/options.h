@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+#include "common/command_line.h"
+
 namespace zelta::lay {
 
 struct options {
@@ -29,13 +31,7 @@ struct options {
   bool json = false;
 };
 
-struct parse_result {
-  bool ok;
-  // When not ok: what to print, a text for standard output when the exit status is 0 (--help), else
-  // what is wrong.
-  std::string message;
-  int exit_status;
-};
+using tools::parse_result;
 
 parse_result parse_options(int argc, const char* const* argv, options& o);
 

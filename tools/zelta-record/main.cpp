@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // zelta-record, the command line over the engine.
-#include <cstdio>
 #include <memory>
 
 #include "core_service/task/secrets.h"
@@ -15,9 +14,6 @@ int main(int argc, char** argv) {
   const auto o = std::make_unique<record::options>();
   const record::parse_result parsed = record::parse_options(argc, argv, *o);
   core_service::wipe_arguments(argc, argv, {"--channel-key", "--secret"});
-  if (!parsed.ok) {
-    std::fputs(parsed.message.c_str(), parsed.exit_status == 0 ? stdout : stderr);
-    return parsed.exit_status;
-  }
+  if (!parsed.ok) return tools::print(parsed, "zelta-record");
   return record::record(*o, signals);
 }

@@ -2,7 +2,6 @@
 #include "options.h"
 
 #include <cstdint>
-#include <sstream>
 
 #include <CLI/CLI.hpp>
 
@@ -60,10 +59,6 @@ std::string take_secret(const secret_source& source, const std::string& file, st
     secret = from_environment;
   }
   return "";
-}
-
-parse_result refused(const std::string& why) {
-  return {false, "zelta-record: " + why + "\n", kUsage};
 }
 
 struct secret_files {
@@ -216,15 +211,8 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
   add_tool_options(app, o, files);
   add_media_fields(app, o);
   add_session_fields(app, o);
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    std::ostringstream said;
-    if (app.exit(e, said, said) == 0) return {false, said.str(), 0};
-    return refused(std::string(e.what()) + "; --help lists all options");
-  }
-  const std::string fault = settle(app, o, files);
-  return fault.empty() ? parse_result{true, "", 0} : refused(fault);
+  return tools::parse_command_line(app, argc, argv, kUsage,
+                                   [&app, &o, &files] { return settle(app, o, files); });
 }
 
 }  // namespace zelta::record

@@ -5,6 +5,7 @@
 #include <string>
 
 #include "IZeltaRecordingEngine.h"
+#include "common/command_line.h"
 
 namespace zelta::record {
 
@@ -48,12 +49,7 @@ struct options {
   recording::RecordingConfig config;
 };
 
-struct parse_result {
-  bool ok;
-  // When not ok: what to print and the exit status (0 after --help).
-  std::string message;
-  int exit_status;
-};
+using tools::parse_result;
 
 // Fills `o`, whose config then points into its own strings: keep it where it is. Secrets may come
 // from files and from the environment, which loses them. Before any thread.

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
 // zelta-view: look at a recording.
-#include <cstdio>
 #include <exception>
 
 #include <gst/gst.h>
@@ -19,10 +18,7 @@ int main(int argc, char** argv) {
     view::options o;
     const view::parse_result parsed = view::parse_options(argc, argv, o);
     core_service::wipe_arguments(argc, argv, {"--token"});
-    if (!parsed.ok) {
-      std::fputs(parsed.message.c_str(), parsed.exit_status == 0 ? stdout : stderr);
-      return parsed.exit_status;
-    }
+    if (!parsed.ok) return tools::print(parsed, "zelta-view");
     core_service::glib_error fault;
     if (gst_init_check(nullptr, nullptr, fault.out()) == FALSE) {
       view::complain("GStreamer can't be used: " + fault.text());

@@ -3,7 +3,6 @@
 
 #include <charconv>
 #include <cstdlib>
-#include <sstream>
 
 #include <CLI/CLI.hpp>
 
@@ -20,10 +19,6 @@ constexpr const char* kTokenVariable = "ZELTA_VIEW_TOKEN";
 constexpr size_t kLongestToken = 1024;
 constexpr const char* kRightToken =
     "the token should be 1 to 1024 printable ASCII characters without spaces";
-
-parse_result refused(const std::string& why) {
-  return {false, "zelta-view: " + why + "\n", kUsage};
-}
 
 std::string default_cache() {
   const char* const named = std::getenv("XDG_CACHE_HOME");
@@ -114,27 +109,20 @@ parse_result parse_options(int argc, const char* const* argv, options& o) {
                      "~/.cache");
   app.add_flag("--no-cache", no_cache, "measure volumes each time")->excludes(cache);
   app.add_flag("--json", o.json, "one JSON object a line and event");
-  try {
-    app.parse(argc, argv);
-  } catch (const CLI::ParseError& e) {
-    std::ostringstream out;
-    const int status = app.exit(e, out, out);
-    return {false, out.str(), status == 0 ? 0 : kUsage};
-  }
-  if (no_cache) o.cache.clear();
-  if (!o.cache.empty() && o.cache.back() != '/') o.cache += '/';
-  if (o.folder.empty()) return refused("the folder should be named, and not be empty");
-  if (o.folder.back() != '/') o.folder += '/';
-  if (token->count() > 0 && o.token.empty()) return refused(std::string("--token: ") + kRightToken);
-  std::string error = parse_address(address, o.address, o.port);
-  if (error.empty()) error = take_token(token_file, o.token);
-  if (!error.empty()) return refused(error);
-  if (!o.export_page && o.token.empty() && !is_loopback(o.address)) {
-    return refused("--address " + address +
-                   " can be reached by others: give a token by --token-file or ZELTA_VIEW_TOKEN, "
-                   "or serve at 127.0.0.1");
-  }
-  return {true, "", kDone};
+  return tools::parse_command_line(app, argc, argv, kUsage, [&]() -> std::string {
+    if (no_cache) o.cache.clear();
+    if (!o.cache.empty() && o.cache.back() != '/') o.cache += '/';
+    if (o.folder.empty()) return "the folder should be named, and not be empty";
+    if (o.folder.back() != '/') o.folder += '/';
+    if (token->count() > 0 && o.token.empty()) return std::string("--token: ") + kRightToken;
+    std::string error = parse_address(address, o.address, o.port);
+    if (error.empty()) error = take_token(token_file, o.token);
+    if (!error.empty()) return error;
+    if (o.export_page || !o.token.empty() || is_loopback(o.address)) return "";
+    return "--address " + address +
+           " can be reached by others: give a token by --token-file or ZELTA_VIEW_TOKEN, or serve "
+           "at 127.0.0.1";
+  });
 }
 
 }  // namespace zelta::view

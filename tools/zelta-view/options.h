@@ -4,6 +4,8 @@
 
 #include <string>
 
+#include "common/command_line.h"
+
 namespace zelta::view {
 
 struct options {
@@ -16,12 +18,7 @@ struct options {
   bool json = false;
 };
 
-struct parse_result {
-  bool ok;
-  // When not ok: what to print and the exit status (0 after --help).
-  std::string message;
-  int exit_status;
-};
+using tools::parse_result;
 
 // The token may come from a file and from the environment, which loses it. Before any thread.
 parse_result parse_options(int argc, const char* const* argv, options& o);
