@@ -42,6 +42,13 @@ struct part {
   const char* entry = R"("closed":"user left","audio_codec":"opus")";  // of the manifest
 };
 
+// Every packet has a fragment of its own, with a time of as many ticks a second as sound has
+// samples.
+constexpr const char* kFragments =
+    "-bf 0 -tune zerolatency -video_track_timescale 48000 "
+    "-movflags +frag_every_frame+empty_moov+delay_moov";
+constexpr double kAway = 1e9;  // seconds
+
 class Film : public testing::Test {
  protected:
   void SetUp() override {
@@ -84,6 +91,36 @@ class Film : public testing::Test {
     }
     std::ofstream(path("recording.json"))
         << R"({"version":1,"channel_id":"c","files":[)" << files << "]}";
+  }
+
+  // Moves the fragments of a track (1: pictures, 2: sound) that begin from `from_s` on and before
+  // `to_s`; kAway takes them out. Of files that kFragments made.
+  void move_fragments(const char* name, uint32_t track, double from_s, double to_s,
+                      double by_s) const {
+    std::string bytes = text_of(name);
+    const auto number = [&bytes](size_t at, size_t size) {
+      uint64_t made = 0;
+      for (size_t i = 0; i < size; ++i) made = made << 8U | static_cast<uint8_t>(bytes[at + i]);
+      return made;
+    };
+    int moved = 0;
+    for (size_t at = bytes.find("tfdt"); at != std::string::npos; at = bytes.find("tfdt", at + 1)) {
+      const double time_s = static_cast<double>(number(at + 8, 8)) / kSampleRate;
+      if (number(bytes.rfind("tfhd", at) + 8, 4) != track || time_s < from_s || time_s >= to_s) {
+        continue;
+      }
+      ++moved;
+      if (by_s == kAway) {
+        bytes.replace(bytes.rfind("moof", at), 4, "free");
+        continue;
+      }
+      auto time = static_cast<uint64_t>(std::llround((time_s + by_s) * kSampleRate));
+      for (size_t i = 16; i > 8; --i, time >>= 8U) {
+        bytes[at + i - 1] = static_cast<char>(time & 0xffU);
+      }
+    }
+    EXPECT_GT(moved, 0) << name;
+    std::ofstream(path(name), std::ios::binary) << bytes;
   }
 
   double length_s() const {

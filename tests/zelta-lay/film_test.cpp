@@ -146,6 +146,45 @@ TEST_F(Film, DoesntEndWithADamagedTime) {
   }
 }
 
+TEST_F(Film, IsntMutedByATimeThatJumpsAheadAndComesBack) {
+  const struct {
+    const char* what;
+    uint32_t track;
+    double from_s, to_s, by_s;
+  } rows[] = {{"sound's first packet", 2, -1, 0.001, 5},
+              {"a packet of sound", 2, 2, 2.02, 5},
+              {"a second of sound", 2, 2, 3, 4},
+              {"a picture", 1, 2, 2.04, 5},
+              {"a second of pictures", 1, 2, 3, 4},
+              {"a picture behind the file's end", 1, 2, 2.04, 900}};
+  for (const bool died : {false, true}) {
+    part p = {"1.mp4", 1, 0, 8};
+    p.mux = kFragments;
+    // White but for a mark, so that a picture that stays isn't taken for those that should come.
+    p.picture_filter = "drawbox=enable='between(t,3.4,3.8)':color=black:t=fill";
+    if (died) p.entry = R"("closed":"recorder died","audio_codec":"opus")";
+    record({p});
+    const std::string whole = text_of(p.name);
+    for (const auto& row : rows) {
+      std::ofstream(path(p.name), std::ios::binary) << whole;
+      move_fragments(p.name, row.track, row.from_s, row.to_s, row.by_s);
+      for (const bool copied : {false, true}) {
+        options o = asked_;
+        o.force = true;
+        if (copied) o.track = 1;
+        testing::internal::CaptureStderr();
+        EXPECT_EQ(lay(o), kNotAll) << row.what << copied << died;
+        EXPECT_NE(testing::internal::GetCapturedStderr().find("damaged times"), std::string::npos);
+        EXPECT_NEAR(length_s(), 8, 0.1) << row.what << copied << died;
+        for (const double at_s : {0.5, 2.5, 3.6, 5.0, 7.5}) {
+          EXPECT_EQ(is_white(at_s), at_s != 3.6) << row.what << copied << died << " " << at_s;
+          EXPECT_GT(loudness(at_s), 0.3) << row.what << copied << died << " " << at_s;
+        }
+      }
+    }
+  }
+}
+
 TEST_F(Film, LosesOneUserWhoseFileIsDamaged) {
   record({{"1.mp4", 1, 0, 3}, {"2.mp4", 2, 0, 3}});
   std::string bytes = text_of("2.mp4");

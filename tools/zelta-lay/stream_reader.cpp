@@ -33,6 +33,8 @@ av_ptr<AVFormatContext> open_file(const std::string& path, std::string& error) {
 
 }  // namespace
 
+stream_reader::stream_reader() : packets_([this](AVPacket& packet) { return read(packet); }) {}
+
 std::unique_ptr<stream_reader> stream_reader::open(const std::string& path, AVMediaType medium,
                                                    std::string& error) {
   std::unique_ptr<stream_reader> made(new stream_reader);
@@ -47,6 +49,7 @@ std::unique_ptr<stream_reader> stream_reader::open(const std::string& path, AVMe
     if (static_cast<int>(i) != index) made->file_->streams[i]->discard = AVDISCARD_ALL;
   }
   made->stream_ = made->file_->streams[index];
+  made->packets_.restart(0, made->stream_->time_base);
   return made;
 }
 
@@ -54,9 +57,14 @@ void stream_reader::seek(int64_t at_us) {
   const int64_t at = av_rescale_q(at_us, kMicroseconds, stream_->time_base);
   // Without an index, reading on finds the place as well, only later.
   (void)av_seek_frame(file_.get(), stream_->index, at, AVSEEK_FLAG_BACKWARD);
+  packets_.restart(at, stream_->time_base);
 }
 
 bool stream_reader::next_packet(AVPacket& packet) {
+  return packets_.next(packet);
+}
+
+bool stream_reader::read(AVPacket& packet) {
   av_packet_unref(&packet);
   while (true) {
     const int result = av_read_frame(file_.get(), &packet);
@@ -120,10 +128,12 @@ bool stream_reader::next_frame(AVFrame& frame) {
 
 std::string stream_reader::fault() const {
   std::string said = read_error_;
-  if (broken_ > 0) {
-    if (!said.empty()) said += ", ";
-    said += std::to_string(broken_) + " packets can't be decoded";
-  }
+  const auto add = [&said](int count, const char* words) {
+    if (count == 0) return;
+    said += (said.empty() ? "" : ", ") + std::to_string(count) + words;
+  };
+  add(broken_, " packets can't be decoded");
+  add(packets_.mended(), " packets have damaged times, and are laid between those beside them");
   return said;
 }
 
@@ -135,28 +145,27 @@ media_facts measure_media(const std::string& path, int64_t most_us) {
   if (file == nullptr) return made;
   made.is_media = true;
   made.is_mp4 = std::string(file->iformat->name).find("mp4") != std::string::npos;
-  for (const AVMediaType medium : {AVMEDIA_TYPE_VIDEO, AVMEDIA_TYPE_AUDIO}) {
-    const int index = av_find_best_stream(file.get(), medium, -1, -1, nullptr, 0);
-    if (index < 0) continue;
-    const AVCodecParameters& is = *file->streams[index]->codecpar;
-    (medium == AVMEDIA_TYPE_VIDEO ? made.video_codec : made.audio_codec) =
-        avcodec_get_name(is.codec_id);
-    if (medium != AVMEDIA_TYPE_VIDEO) continue;
-    made.width = is.width;
-    made.height = is.height;
-  }
   made.begin_us = most_us;
   const av_ptr<AVPacket> packet = make_packet();
-  while (av_read_frame(file.get(), packet.get()) >= 0) {
-    const AVRational base = file->streams[packet->stream_index]->time_base;
-    const int64_t at = av_rescale_q(packet->pts, base, kMicroseconds);
-    if (packet->pts != AV_NOPTS_VALUE && at <= most_us) {
-      const int64_t lasts = av_rescale_q(packet->duration, base, kMicroseconds);
+  for (const AVMediaType medium : {AVMEDIA_TYPE_VIDEO, AVMEDIA_TYPE_AUDIO}) {
+    // Each by itself, for what is damaged shows only in one stream's order.
+    const auto reader = stream_reader::open(path, medium, error);
+    if (reader == nullptr) continue;
+    const AVCodecParameters& is = reader->parameters();
+    (medium == AVMEDIA_TYPE_VIDEO ? made.video_codec : made.audio_codec) =
+        avcodec_get_name(is.codec_id);
+    if (medium == AVMEDIA_TYPE_VIDEO) {
+      made.width = is.width;
+      made.height = is.height;
+    }
+    while (reader->next_packet(*packet)) {
+      throw_if_stopped();
+      const int64_t at = av_rescale_q(packet->pts, reader->time_base(), kMicroseconds);
+      if (packet->pts == AV_NOPTS_VALUE || at > most_us) continue;
+      const int64_t lasts = av_rescale_q(packet->duration, reader->time_base(), kMicroseconds);
       made.begin_us = std::min(made.begin_us, at);
       made.end_us = std::max(made.end_us, at + std::clamp<int64_t>(lasts, 0, kSecond));
     }
-    av_packet_unref(packet.get());
-    throw_if_stopped();
   }
   return made;
 }

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "av.h"
+#include "packet_queue.h"
 
 namespace zelta::lay {
 
@@ -19,7 +20,8 @@ class stream_reader {
   // To the last key frame at or before `at_us` of the file; a file that can't seek is read on.
   void seek(int64_t at_us);
 
-  // The next packet in the order of decoding, times in time_base(). False at the end.
+  // The next packet in the order of decoding, times in time_base(), mended where they were damaged.
+  // False at the end.
   bool next_packet(AVPacket& packet);
   // The next frame in the order of showing, its `pts` in microseconds of the file. False at the
   // end; what can't be decoded is left out and counted. Not to be mixed with next_packet().
@@ -31,12 +33,14 @@ class stream_reader {
   std::string fault() const;
 
  private:
-  stream_reader() = default;
+  stream_reader();
+  bool read(AVPacket& packet);
   bool open_decoder(std::string& error);
   bool feed_decoder();
 
   av_ptr<AVFormatContext> file_;
   AVStream* stream_ = nullptr;
+  packet_queue packets_;
   av_ptr<AVCodecContext> decoder_;  // made by the first next_frame()
   av_ptr<AVPacket> packet_ = make_packet();
   bool fed_all_ = false;
