@@ -173,26 +173,81 @@ TEST_F(Track, IsSoundOfOneKindOrEncoded) {
 }
 
 // 440 Hz of half full scale never step further than 0.03 from one sample to the next.
+constexpr float kClick = 0.06F;
+
 TEST_F(Track, HasNoClickWhereSoundEndsOrBegins) {
-  // Both go on where they are left.
-  part first = {"1.mp4", 1, 0, 1.003};
-  first.media_s = 1.2;
-  part second = {"1b.mp4", 1, 1.3, 2};
-  second.media_s = 0.9;
-  record({first, second});
-  problems found;
-  std::string error;
-  const auto s = read_session(folder_, "", found, error);
-  ASSERT_TRUE(s) << error;
-  sound_track track(s->users[0], found);
-  std::vector<float> samples(size_t{2} * 96000);
-  track.add(0, 96000, samples.data());
-  float most = 0;
-  for (size_t i = 9600; i < samples.size(); ++i) {
-    most = std::max(most, std::fabs(samples[i] - samples[i - 2]));
+  constexpr double kNever = 99;
+  // What is cut goes on in its file.
+  const struct {
+    const char* what;
+    double last_s, media_s;
+    double second_s;          // when a second file begins; kNever: there is none
+    double from_s, to_s, by;  // sound of the first file that is moved
+    double kept;              // of the first file's bytes
+  } rows[] = {{"begins and ends in the midst of a wave", 2, 2, kNever, 0, 0.21, kAway, 1},
+              {"is cut by the next file, which waits", 1.003, 1.2, 1.3, 0, 0, 0, 1},
+              {"is cut by the next file", 1.003, 1.2, 1.003, 0, 0, 0, 1},
+              {"ends long before the next file", 1, 2, 3.5, 0, 0, 0, 0.3},
+              {"is muted for a moment", 2.1, 2, kNever, 0.99, kNever, 0.1, 1},
+              {"is muted for less than a second", 2.7, 2, kNever, 0.99, kNever, 0.7, 1},
+              {"is muted for long", 3.7, 2, kNever, 0.99, kNever, 1.703, 1}};
+  for (const auto& row : rows) {
+    part first = {"1.mp4", 1, 0.503, 0.503 + row.last_s};
+    first.media_s = row.media_s;
+    first.mux = kFragments;
+    std::vector<part> parts = {{"2.mp4", 2, 0, 1}, first};
+    if (row.second_s < kNever) {
+      parts.push_back({"1b.mp4", 1, 0.503 + row.second_s, 1.403 + row.second_s});
+    }
+    record(parts);
+    if (row.by > 0) move_fragments("1.mp4", 2, row.from_s, row.to_s, row.by);
+    const auto bytes = static_cast<double>(std::filesystem::file_size(path("1.mp4")));
+    std::filesystem::resize_file(path("1.mp4"), static_cast<uintmax_t>(bytes * row.kept));
+    problems found;
+    std::string error;
+    const auto s = read_session(folder_, "", found, error);
+    ASSERT_TRUE(s) << error;
+    sound_track track(*s->find(1), found);
+    // By pieces, as films are made: what happens may lie on both sides of an edge.
+    constexpr int kPiece = 4800;
+    std::vector<float> samples(size_t{2} * 50 * kPiece);
+    for (int i = 0; i < 50; ++i) {
+      track.add(int64_t{i} * kPiece, kPiece,
+                samples.data() + size_t{2} * kPiece * static_cast<size_t>(i));
+    }
+    float most = 0;
+    size_t most_at = 0;
+    for (size_t i = 2; i < samples.size(); ++i) {
+      const float stepped = std::fabs(samples[i] - samples[i - 2]);
+      if (stepped > most) most_at = i / 2;
+      most = std::max(most, stepped);
+    }
+    EXPECT_LT(most, kClick) << row.what << ", at sample " << most_at;
+    EXPECT_GT(most, 0.02F) << row.what << ": there is sound";
   }
-  EXPECT_LT(most, 0.06F);
-  EXPECT_GT(most, 0.01F) << "there is sound";
+}
+
+TEST_F(Track, HasNoClickWhereAFilmIsCutOut) {
+  record({{"1.mp4", 1, 0, 3}});
+  asked_.track.reset();
+  asked_.from = "0.5006";
+  asked_.to = "1.5018";
+  ASSERT_EQ(lay(asked_), kLaid);
+  std::string error;
+  const auto reader = stream_reader::open(asked_.output, AVMEDIA_TYPE_AUDIO, error);
+  ASSERT_NE(reader, nullptr) << error;
+  const av_ptr<AVFrame> frame = make_frame();
+  float last = 0;
+  float most = 0;
+  while (reader->next_frame(*frame)) {
+    for (int i = 0; i < frame->nb_samples; ++i) {
+      const float v = reinterpret_cast<const float*>(frame->data[0])[i];
+      most = std::max(most, std::fabs(v - last));
+      last = v;
+    }
+  }
+  EXPECT_LT(std::max(most, std::fabs(last)), kClick);
+  EXPECT_GT(most, 0.02F) << "there is sound";
 }
 
 }  // namespace

@@ -66,6 +66,7 @@ class sound_lane : public lane {
     if (count > 0) {
       std::fill(block_.begin(), block_.end(), 0.0F);
       for (sound_track& t : tracks_) t.add(first_ + next_, count, block_.data());
+      fade_edges(count);
       limiter_.push(block_.data(), count, next_);
       next_ += count;
     } else {
@@ -78,6 +79,17 @@ class sound_lane : public lane {
   }
 
  private:
+  // A film that is cut from a recording begins and ends in the middle of sound.
+  void fade_edges(int count) {
+    for (int64_t i = 0; i < count; ++i) {
+      const int64_t from_edge = std::min(next_ + i, samples_ - 1 - next_ - i);
+      if (from_edge >= kFadeSamples) continue;
+      const float left = static_cast<float>(from_edge) / static_cast<float>(kFadeSamples);
+      block_[static_cast<size_t>(2 * i)] *= left;
+      block_[static_cast<size_t>(2 * i + 1)] *= left;
+    }
+  }
+
   encoder encoder_;
   limiter limiter_;
   std::list<sound_track> tracks_;

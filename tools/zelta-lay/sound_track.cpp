@@ -12,8 +12,6 @@ constexpr int kChannels = 2;
 // In a file a step below that is a rounding of times; from one to the next, what one encodes less.
 constexpr int64_t kStepSamples = kSampleRate / 100;
 constexpr int64_t kJoinSamples = kSampleRate / 400;
-// Larger ones are faded over that much.
-constexpr int64_t kFadeSamples = kSampleRate / 200;
 constexpr int64_t kSeekUs = 2000000;
 
 int64_t samples_of(int64_t us) {
@@ -24,14 +22,14 @@ int64_t pairs_in(const std::vector<float>& samples) {
   return static_cast<int64_t>(samples.size()) / kChannels;
 }
 
-// Makes a step of the wave a slope: `by` is added to the first sample and ever less to those
-// behind.
-void slope(std::vector<float>& samples, const float (&by)[kChannels]) {
-  const int64_t count = std::min(kFadeSamples, pairs_in(samples));
+// Makes a step of the wave a slope: `by` is added to the first sample from `at` on, and ever less
+// to those behind.
+void slope(std::vector<float>& samples, int64_t at, const float (&by)[kChannels]) {
+  const int64_t count = std::min(kFadeSamples, pairs_in(samples) - at);
   for (int64_t i = 0; i < count * kChannels; ++i) {
     const int64_t pair = i / kChannels;
     const float left = static_cast<float>(count - pair) / static_cast<float>(count);
-    samples[static_cast<size_t>(i)] += by[i % kChannels] * left;
+    samples[static_cast<size_t>(at * kChannels + i)] += by[i % kChannels] * left;
   }
 }
 
@@ -95,27 +93,40 @@ bool sound_track::take(const AVFrame& frame) {
 void sound_track::lay_at(int64_t at) {
   if (decoded_.empty()) return;
   const int64_t step = is_first_ ? kJoinSamples : kStepSamples;
-  decoded_at_ = std::abs(at - decoded_end_) <= step ? decoded_end_ : at;
+  const bool joins = !is_silent_ && std::abs(at - decoded_end_) <= step;
   is_first_ = false;
-  const int64_t hole = decoded_at_ - decoded_end_;
-  if (hole < 0) {
-    // What was heard already isn't heard twice.
-    const int64_t twice = std::min(-hole, pairs_in(decoded_));
-    decoded_.erase(decoded_.begin(), decoded_.begin() + twice * kChannels);
-    decoded_at_ += twice;
-    if (decoded_.empty()) return;
-    slope(decoded_, {last_[0] - decoded_[0], last_[1] - decoded_[1]});
-  } else if (hole > 0) {
-    slope(decoded_, {-decoded_[0], -decoded_[1]});
-    if (hole <= kSampleRate) {
-      // The end of what was before rings out in the hole.
-      decoded_.insert(decoded_.begin(), static_cast<size_t>(hole) * kChannels, 0.0F);
-      decoded_at_ = decoded_end_;
-      slope(decoded_, last_);
-    }
-  }
+  // What was heard already isn't heard twice.
+  const int64_t twice = joins ? 0 : std::clamp<int64_t>(decoded_end_ - at, 0, pairs_in(decoded_));
+  decoded_.erase(decoded_.begin(), decoded_.begin() + twice * kChannels);
+  decoded_at_ = joins ? decoded_end_ : at + twice;
+  if (decoded_.empty()) return;
+  if (decoded_at_ > decoded_end_) ring_out();
+  if (!joins) slope(decoded_, 0, {last_[0] - decoded_[0], last_[1] - decoded_[1]});
+  is_silent_ = false;
   decoded_end_ = decoded_at_ + pairs_in(decoded_);
   std::copy(decoded_.end() - kChannels, decoded_.end(), std::begin(last_));
+}
+
+// Behind decoded_end_ nothing follows at once.
+void sound_track::ring_out() {
+  if (is_silent_) return;
+  is_silent_ = true;
+  // Of a short stretch of sound the one before may still fade.
+  if (rest_.empty()) rest_at_ = decoded_end_;
+  const int64_t at = decoded_end_ - rest_at_;
+  rest_.resize(static_cast<size_t>(at + kFadeSamples) * kChannels);
+  slope(rest_, at, last_);
+  last_[0] = last_[1] = 0;
+}
+
+void sound_track::add_rest(int64_t first, int64_t end, float* to) {
+  const int64_t until = std::min(end, rest_at_ + pairs_in(rest_));
+  for (int64_t i = std::max(first, rest_at_) * kChannels; i < until * kChannels; ++i) {
+    to[i - first * kChannels] += rest_[static_cast<size_t>(i - rest_at_ * kChannels)];
+  }
+  if (until <= rest_at_) return;
+  rest_.erase(rest_.begin(), rest_.begin() + (until - rest_at_) * kChannels);
+  rest_at_ = until;
 }
 
 bool sound_track::decode_more(int64_t first, int64_t end) {
@@ -137,12 +148,17 @@ void sound_track::add(int64_t first, int count, float* to) {
     for (int64_t i = from * kChannels; i < until * kChannels; ++i) {
       to[i - first * kChannels] += decoded_[static_cast<size_t>(i - decoded_at_ * kChannels)];
     }
-    if (have > 0 && decoded_at_ + have >= end) return;
-    if (!decode_more(first, end)) {
+    if (have > 0 && decoded_at_ + have >= end) break;
+    // What begins behind the end, and close enough to be joined, is known before this rings out.
+    if (!decode_more(first, end + kStepSamples)) {
       decoded_.clear();
-      return;
+      ring_out();
+      // What comes too late for this stretch of the film isn't heard in the next one.
+      decoded_end_ = std::max(decoded_end_, end);
+      break;
     }
   }
+  add_rest(first, end, to);
 }
 
 }  // namespace zelta::lay

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A user's sound, by time: two channels at 48 kHz. One thread.
+// A user's sound, by time: two channels at 48 kHz. Where it begins, ends or steps it is faded. One
+// thread.
 #pragma once
 
 #include <cstdint>
@@ -9,6 +10,9 @@
 #include "stretch_walk.h"
 
 namespace zelta::lay {
+
+// What begins or ends in the middle of a wave is faded over that much, or it would click.
+constexpr int64_t kFadeSamples = kSampleRate / 200;
 
 class sound_track {
  public:
@@ -25,6 +29,8 @@ class sound_track {
   bool is_resampled(const AVFrame& frame);
   bool take(const AVFrame& frame);
   void lay_at(int64_t at);
+  void ring_out();
+  void add_rest(int64_t first, int64_t end, float* to);
 
   stretch_walk walk_;
   av_ptr<SwrContext> resampler_;
@@ -37,6 +43,10 @@ class sound_track {
   int64_t decoded_at_ = 0;  // sample
   int64_t decoded_end_ = 0;
   float last_[2] = {0, 0};  // before decoded_end_
+  bool is_silent_ = true;   // there is nothing that could go on behind it
+  // What fades behind sound that ended, from rest_at_ on.
+  std::vector<float> rest_;
+  int64_t rest_at_ = 0;
 };
 
 }  // namespace zelta::lay
