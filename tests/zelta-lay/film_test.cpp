@@ -98,6 +98,32 @@ TEST_F(Film, IsMadeWithoutWhatIsBroken) {
   EXPECT_EQ(lay(asked_), kUsage) << "there is no file to lay";
 }
 
+TEST_F(Film, MissesOnlyWhatItWouldHaveLaid) {
+  part died = {"2b.mp4", 2, 3, 3.2};
+  died.entry = R"("closed":"recorder died","audio_codec":"opus")";
+  record({{"1.mp4", 1, 1, 6}, {"2.mp4", 2, 0, 2}, died, {"2c.mp4", 2, 5, 6}});
+  fs::remove(path("2.mp4"));
+  fs::remove(path("2b.mp4"));
+  // The film's zero is the first file that is there, a second behind the first that isn't.
+  const struct {
+    const char* from;
+    const char* to;
+    int status;
+  } rows[] = {{"", "", kNotAll},       {"1.1", "1.9", kLaid}, {"0.5", "1.5", kNotAll},
+              {"1.5", "2.5", kNotAll}, {"3", "3.5", kNotAll}, {"4.1", "", kLaid},
+              {"0", "0.5", kNotAll}};
+  for (const auto& row : rows) {
+    for (const uint32_t track : {0U, 2U}) {
+      options o = asked_;
+      o.force = true;
+      o.from = row.from;
+      o.to = row.to;
+      if (track != 0) o.track = track;
+      EXPECT_EQ(lay(o), row.status) << row.from << " to " << row.to << ", track " << track;
+    }
+  }
+}
+
 // What a recorder leaves that dies: fragments, the last of them cut off, and a manifest that is
 // behind, or guesses.
 TEST_F(Film, HasAllOfWhatADyingRecorderLeft) {

@@ -49,7 +49,8 @@ session narrowed(const options& o, session of) {
     throw refusal("--track " + std::to_string(*o.track) + ": there is no such user; there are " +
                   all);
   }
-  if (one->stretches.empty()) throw refusal(one->missing.front() + ": there is no other to lay");
+  if (one->stretches.empty())
+    throw refusal(one->missing.front().line + ": there is no other to lay");
   const user only = *one;
   of.users = {only};
   return of;
@@ -61,11 +62,7 @@ session read(const options& o, problems& found) {
   if (!of) throw refusal(error);
   const std::string fault = targets_fault(o, of->recorded);
   if (!fault.empty()) throw refusal(fault);
-  session made = narrowed(o, std::move(*of));
-  for (const user& u : made.users) {
-    for (const std::string& line : u.missing) found.add(line);
-  }
-  return made;
+  return narrowed(o, std::move(*of));
 }
 
 int64_t time_of(const char* option, const std::string& text, const session& of) {
@@ -96,6 +93,22 @@ span span_of(const options& o, const session& of) {
   if (asked.to_us > asked.from_us) return asked;
   throw refusal("nothing lies between --from and --to; the recording goes from " +
                 time_text(all.from_us) + " to " + time_text(all.to_us));
+}
+
+// Only what would have been laid is missed.
+void add_missing(const options& o, const session& of, const span& what, problems& found) {
+  // What stands before all others, or behind them, would have made the film longer.
+  const bool from_begin = o.from.empty() || what.from_us == 0;
+  const bool to_end = o.to.empty() || what.to_us == of.length_us;
+  const bool sound_alone = o.audio_only && o.edl.empty() && o.otio.empty();
+  for (const user& u : of.users) {
+    for (const missing_file& m : u.missing) {
+      if (!from_begin && m.end_us <= what.from_us) continue;
+      if (!to_end && m.begin_us >= what.to_us) continue;
+      if (sound_alone && !m.has_sound) continue;
+      found.add(m.line);
+    }
+  }
 }
 
 picture_plan plan_of(const options& o) {
@@ -307,6 +320,7 @@ int lay(const options& o) {
     j.plan = plan_of(o);
     j.of = read(o, found);
     j.what = span_of(o, j.of);
+    add_missing(o, j.of, j.what, found);
     carry_out(j);
     return report(j);
   } catch (const refusal& e) {

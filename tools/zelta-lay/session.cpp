@@ -31,14 +31,18 @@ bool is_guessed(const recordings::media_file& file) {
   return file.closed.empty() || file.closed == "recorder died";
 }
 
-std::string fault_of(const recordings::media_file& file) {
-  if (file.bytes == 0) return "is missing or empty";
+bool has_possible_times(const recordings::media_file& file) {
   const int64_t first = file.first_utc_ms;
   const int64_t last = file.last_utc_ms;
-  if (first > 0 && first <= kLastMs) {
-    if (last >= first && last - first <= kLongestUs / kMs) return "";
-    if (last < first && is_guessed(file)) return "";
-  }
+  if (first <= 0 || first > kLastMs) return false;
+  return last < first ? is_guessed(file) : last - first <= kLongestUs / kMs;
+}
+
+std::string fault_of(const recordings::media_file& file) {
+  if (file.bytes == 0) return "is missing or empty";
+  if (has_possible_times(file)) return "";
+  const int64_t first = file.first_utc_ms;
+  const int64_t last = file.last_utc_ms;
   return "can't go from " + std::to_string(first) + " to " + std::to_string(last) +
          " ms since 1970: it is left out";
 }
@@ -121,6 +125,31 @@ stretch stretch_of(const recordings::media_file& file, const std::string& path, 
   return made;
 }
 
+// Its times since 1970, for the session's zero isn't known yet.
+missing_file missing_of(const placed& p) {
+  missing_file made;
+  made.line = p.file.name + " of user " + std::to_string(p.file.uid) + " " + p.fault;
+  made.has_sound = p.file.kind != "video";
+  if (!has_possible_times(p.file)) return made;
+  made.begin_us = p.file.first_utc_ms * kMs;
+  if (!is_guessed(p.file)) made.end_us = p.file.last_utc_ms * kMs;
+  return made;
+}
+
+// A file ends at the latest where the next one of its user begins.
+void end_before(std::vector<missing_file>& missing, int64_t begin_utc_us) {
+  for (missing_file& m : missing) {
+    if (m.begin_us != INT64_MIN) m.end_us = std::min(m.end_us, begin_utc_us);
+  }
+}
+
+void count_from_zero(std::vector<missing_file>& missing, int64_t zero_utc_us) {
+  for (missing_file& m : missing) {
+    if (m.begin_us != INT64_MIN) m.begin_us -= zero_utc_us;
+    if (m.end_us != INT64_MAX) m.end_us -= zero_utc_us;
+  }
+}
+
 user& user_of(session& of, const placed& p) {
   for (user& u : of.users) {
     if (u.uid == p.file.uid) return u;
@@ -171,10 +200,10 @@ std::optional<session> arrange(const std::vector<recordings::manifest>& manifest
   for (const placed& p : files) {
     if (p.file.channel_id != made.channel_id) continue;
     user& whose = user_of(made, p);
+    if (has_possible_times(p.file)) end_before(whose.missing, p.file.first_utc_ms * kMs);
     if (!p.fault.empty()) {
-      whose.missing.push_back(p.file.name + " of user " + std::to_string(p.file.uid) + " " +
-                              p.fault);
-      error = path + ": " + whose.missing.back();
+      whose.missing.push_back(missing_of(p));
+      error = path + ": " + whose.missing.back().line;
       continue;
     }
     if (zero_ms == 0) zero_ms = p.file.first_utc_ms;
@@ -184,7 +213,8 @@ std::optional<session> arrange(const std::vector<recordings::manifest>& manifest
     if (!before.empty()) before.back().end_us = std::min(before.back().end_us, next.begin_us);
     before.push_back(std::move(next));
   }
-  for (const user& u : made.users) {
+  for (user& u : made.users) {
+    count_from_zero(u.missing, zero_ms * kMs);
     for (const stretch& s : u.stretches) made.length_us = std::max(made.length_us, s.end_us);
   }
   made.zero_utc_us = zero_ms * kMs;

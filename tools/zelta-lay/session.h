@@ -34,11 +34,19 @@ struct stretch {
   bool has_sound() const { return !audio_codec.empty(); }
 };
 
+// A file that can't be laid, and where it would have stood as far as the manifest knows.
+struct missing_file {
+  std::string line;
+  int64_t begin_us = INT64_MIN;
+  int64_t end_us = INT64_MAX;
+  bool has_sound = true;
+};
+
 struct user {
   uint32_t uid = 0;
-  std::string name;                  // the number when they have none
-  std::vector<stretch> stretches;    // in the order of time
-  std::vector<std::string> missing;  // files that can't be laid, a line each
+  std::string name;                // the number when they have none
+  std::vector<stretch> stretches;  // in the order of time
+  std::vector<missing_file> missing;
 
   bool has_picture() const;
   bool has_sound() const;
