@@ -1,5 +1,6 @@
 # SPDX-License-Identifier: Apache-2.0
-"""Lays a session of four users with marks, and measures where they are found again and how fast it was.
+"""Lays a session of four users with marks, and measures where they are found again and how fast it was; then
+a real recording whose recorder is killed twice.
 
 Users come late, change files and picture sizes, and are away for a while, so that every mark says
 whether its file stands where the manifest put it. Each has a tile and a tone of their own, in which all
@@ -14,6 +15,7 @@ import sys
 import tempfile
 import time
 
+import lay_killed
 import marks
 
 ZERO_MS = 1764000000000
@@ -101,9 +103,38 @@ def row(name, tool, folder, film, seconds, late_ms, places, tones, *more):
     length = marks.duration(film) if status == 0 else 0
     good = (status == 0 and picture is not None and sound is not None and picture <= BOUND_MS
             and sound <= BOUND_MS and abs(length - seconds) <= LENGTH_S and cpu / PROCESSORS * SPEED <= seconds)
+    tell(name, status, length, picture, sound, wall, cpu, "ok" if good else "BAD")
+    return good
+
+
+def tell(name, status, length, picture, sound, wall, cpu, verdict):
     words = ["-" if ms is None else f"{ms:.1f}" for ms in (picture, sound)]
     print(f"{name:14} {status:6} {length:8.1f} {words[0]:>10} {words[1]:>8} {wall:7.1f} {cpu:7.1f} "
-          f"{seconds / wall:7.1f} {seconds * PROCESSORS / cpu:9.1f}  {'ok' if good else 'BAD'}", flush=True)
+          f"{length / wall:7.1f} {length * PROCESSORS / cpu:9.1f}  {verdict}", flush=True)
+
+
+def killed_rows(tool, scratch):
+    """Films of a recording whose recorder was killed: all users, and one, copied. Whether they are good."""
+    folder, users = lay_killed.record(scratch)
+    every = [entry for files in users.values() for entry in files]
+    rows = (("killed", [1, 2], {1: "640:360:0:180", 2: "640:360:640:180"}, 0.041),
+            ("killed-track", [1], {1: None}, 1.001, "--track", "1"))
+    good = []
+    for name, uids, places, picture_step_s, *more in rows:
+        film = f"{scratch}/{name}.mp4"
+        status, wall, cpu = lay(tool, folder, film, *more)
+        zero_ms = min(entry["first_utc_ms"] for entry in every if entry["uid"] in uids)
+        end_ms = max(entry["end_ms"] for entry in every if entry["uid"] in uids)
+        picture, sound, faults, length = None, None, ["not laid"], 0
+        if status == 0:
+            picture, sound, faults = lay_killed.look(film, users, zero_ms, places, picture_step_s)
+            length = marks.duration(film)
+        if abs(length - (end_ms - zero_ms) / 1000) > LENGTH_S:
+            faults.append(f"not {(end_ms - zero_ms) / 1000:.1f} s long")
+        if None in (picture, sound):
+            faults.append("marks")
+        tell(name, status, length, picture, sound, wall, cpu, "; ".join(faults) or "ok")
+        good.append(not faults)
     return good
 
 
@@ -131,6 +162,7 @@ def main():
         good = [row(name, asked.tool, folder, f"{scratch}/{name}.mp4", asked.seconds, late_ms, places, tones,
                     *more)
                 for name, places, tones, *more in rows]
+        good += killed_rows(asked.tool, scratch)
     sys.exit(0 if all(good) else 1)
 
 

@@ -96,11 +96,19 @@ class Recording:
             [f"{ROOT}/build/release/bin/zelta-record", "room", "--json", "--server",
              f"dir:{self.channels}", "--record-file-root-dir", self.root, *arguments],
             stdout=subprocess.PIPE, text=True)
-        for line in self.process.stdout:
-            event = json.loads(line)
-            if event["event"] == "joined":
-                break
+        self.wait_joined()
         self.folder = os.path.dirname(glob.glob(f"{self.root}/**/recording.json", recursive=True)[0])
+
+    def wait_joined(self):
+        for line in self.process.stdout:
+            if json.loads(line)["event"] == "joined":
+                return
+        raise RuntimeError("zelta-record ended, and did not join")
+
+    def kill_recorder(self):
+        """Until the one that the engine starts in its place has joined."""
+        os.kill(self.recorder_pid(), signal.SIGKILL)
+        self.wait_joined()
 
     def recorder_pid(self):
         return int(subprocess.check_output(
