@@ -12,6 +12,7 @@ from viewing import Viewer, require
 
 BIG_BYTES = 64 << 20
 MOST_OPEN_BYTES = 4 << 20
+MANY_SILENT = 200
 
 
 def served(_, folder):
@@ -123,4 +124,33 @@ def volumes_of_who_has_gone(_, _folder):
             require(len(kept) == 2, f"measured are {kept}")
 
 
-CASES = [served, volumes_of_who_has_gone, file_that_shrinks, server_that_comes_back]
+def too_many_visitors(_, _folder):
+    """Who was silent for longest is sent away; neither who asks nor who reads slowly is."""
+    with Crafted() as folder:
+        os.truncate(folder.add("1_a.mp4", 1, 0, 9000), BIG_BYTES)
+        with Viewer(folder.path, descriptors=MANY_SILENT) as viewer:
+            where = viewer.url.split("/")[2]
+            address = tuple(where.split(":"))
+            reader = http.client.HTTPConnection(where, timeout=10)
+            reader.request("GET", "/files/1_a.mp4")
+            answer = reader.getresponse()
+            silent = []
+            read = 0
+            for at in range(MANY_SILENT):
+                silent.append(socket.create_connection(address, timeout=10))
+                if at % 8 == 0:
+                    read += len(answer.read(2 << 20))
+                    require(viewer.get("session.json")[0] == 200, f"no answer beside {at}")
+            require(silent[0].recv(1) == b"", "who was silent for longest is still there")
+            silent[-1].sendall(f"GET /session.json HTTP/1.1\r\nHost: {where}\r\n\r\n".encode())
+            require(silent[-1].recv(12) == b"HTTP/1.1 200", "the last one isn't answered")
+            read += len(answer.read())
+            require(read == BIG_BYTES, f"a slow reader got {read} bytes of {BIG_BYTES}")
+            open_now = len(os.listdir(f"/proc/{viewer.process.pid}/fd"))
+            reader.close()
+            for one in silent:
+                one.close()
+    return {"descriptors": open_now}
+
+
+CASES = [served, too_many_visitors, volumes_of_who_has_gone, file_that_shrinks, server_that_comes_back]

@@ -3,6 +3,7 @@
 import glob
 import json
 import os
+import resource
 import shutil
 import subprocess
 import tempfile
@@ -90,11 +91,16 @@ class Recorder:
 class Viewer:
     """A run of zelta-view."""
 
-    def __init__(self, folder, *arguments, environment=None):
+    def __init__(self, folder, *arguments, environment=None, descriptors=None):
+        def bound():
+            if descriptors:
+                resource.setrlimit(resource.RLIMIT_NOFILE, (descriptors, descriptors))
+
         self.cache = tempfile.mkdtemp(prefix="zelta-view-cache-")
         self.process = subprocess.Popen(
             [f"{BIN}/zelta-view", folder, "--json", "--cache", self.cache, *arguments],
-            stdout=subprocess.PIPE, text=True, env={**os.environ, **(environment or {})})
+            stdout=subprocess.PIPE, text=True, env={**os.environ, **(environment or {})},
+            preexec_fn=bound)
         line = self.process.stdout.readline()
         require(line, "zelta-view didn't start")
         self.event = json.loads(line)

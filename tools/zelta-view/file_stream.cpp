@@ -15,6 +15,7 @@ constexpr uint64_t kPieceBytes = 256 << 10;
 constexpr const char* kData = "zelta-file-stream";
 
 struct file_stream {
+  core_service::http_listener& by;
   base::unique_fd file;
   uint64_t at;
   uint64_t left;
@@ -30,6 +31,7 @@ ssize_t read_at(const file_stream& from, void* to, size_t size) {
 
 void append_piece(SoupServerMessage* message, gpointer stream) {
   auto& from = *static_cast<file_stream*>(stream);
+  from.by.renew(soup_server_message_get_remote_address(message));
   if (from.left == 0) return;
   const size_t wanted = std::min(from.left, kPieceBytes);
   auto* const bytes = static_cast<guchar*>(g_malloc(wanted));
@@ -40,9 +42,7 @@ void append_piece(SoupServerMessage* message, gpointer stream) {
     // libsoup write and see it, and let go of the message.
     bytes[0] = 0;
     from.left = 0;
-    if (GSocket* const socket = soup_server_message_get_socket(message)) {
-      g_socket_shutdown(socket, TRUE, TRUE, nullptr);
-    }
+    from.by.cut(soup_server_message_get_remote_address(message));
     soup_message_body_append_take(body, bytes, 1);
     soup_server_message_unpause(message);
     return;
@@ -56,12 +56,13 @@ void append_piece(SoupServerMessage* message, gpointer stream) {
 
 }  // namespace
 
-void send_part(SoupServerMessage* message, base::unique_fd file, uint64_t first, uint64_t size) {
+void send_part(SoupServerMessage* message, core_service::http_listener& by, base::unique_fd file,
+               uint64_t first, uint64_t size) {
   SoupMessageHeaders* const headers = soup_server_message_get_response_headers(message);
   soup_message_headers_set_encoding(headers, SOUP_ENCODING_CONTENT_LENGTH);
   soup_message_headers_set_content_length(headers, static_cast<goffset>(size));
   soup_message_body_set_accumulate(soup_server_message_get_response_body(message), FALSE);
-  auto stream = std::make_unique<file_stream>(file_stream{std::move(file), first, size});
+  auto stream = std::make_unique<file_stream>(file_stream{by, std::move(file), first, size});
   g_signal_connect(message, "wrote-headers", G_CALLBACK(append_piece), stream.get());
   g_signal_connect(message, "wrote-chunk", G_CALLBACK(append_piece), stream.get());
   g_object_set_data_full(G_OBJECT(message), kData, stream.release(),

@@ -9,6 +9,7 @@
 namespace zelta::view {
 
 constexpr const char* kJson = "application/json";
+constexpr const char* kText = "text/plain; charset=utf-8";
 
 // Of the answer.
 void set_header(SoupServerMessage* message, const char* name, const std::string& value);

@@ -35,6 +35,7 @@ struct level_visitors::waiting_room {
     core_service::source_ptr gone;
   };
   level_worker* worker;
+  core_service::http_listener& by;
   std::map<uint64_t, visitor> visitors;
 
   void let_in(uint64_t id, SoupServerMessage* message) {
@@ -42,7 +43,7 @@ struct level_visitors::waiting_room {
     one.room = this;
     one.id = id;
     one.message.reset(SOUP_SERVER_MESSAGE(g_object_ref(message)));
-    GSocket* const socket = soup_server_message_get_socket(message);
+    GSocket* const socket = by.socket_of(soup_server_message_get_remote_address(message));
     if (socket == nullptr) return;
     one.gone.reset(g_socket_create_source(socket, G_IO_IN, nullptr));
     g_source_set_callback(one.gone.get(), G_SOURCE_FUNC(on_readable), &one, nullptr);
@@ -53,6 +54,7 @@ struct level_visitors::waiting_room {
     if (found == visitors.end()) return nullptr;
     message_ptr message = std::move(found->second.message);
     visitors.erase(found);
+    by.let_go(soup_server_message_get_remote_address(message.get()));
     return message;
   }
   // libsoup doesn't look at the connection of a message that is paused.
@@ -86,9 +88,10 @@ struct level_visitors::measured {
   }
 };
 
-level_visitors::level_visitors(std::string folder, level_cache cache)
+level_visitors::level_visitors(std::string folder, level_cache cache,
+                               core_service::http_listener& by)
     : worker_(std::make_unique<level_worker>(std::move(folder), std::move(cache))),
-      room_(std::make_shared<waiting_room>(waiting_room{worker_.get(), {}})) {}
+      room_(std::make_shared<waiting_room>(waiting_room{worker_.get(), by, {}})) {}
 
 level_visitors::~level_visitors() {
   while (!room_->visitors.empty()) room_->take(room_->visitors.begin()->first);
@@ -97,6 +100,10 @@ level_visitors::~level_visitors() {
 
 // The worker's thread hands the answer to this one, by its loop: it can't come before this returns.
 void level_visitors::wait(SoupServerMessage* message, const std::string& name) {
+  if (!room_->by.hold(soup_server_message_get_remote_address(message))) {
+    set_header(message, "Retry-After", "30");
+    return reply(message, 503, kText, "too many wait for volumes: try again later\n");
+  }
   const uint64_t id =
       worker_->measure(name, [room = room_](uint64_t of, const std::optional<std::string>& levels) {
         auto made = std::make_unique<measured>(measured{room, of, levels_json(levels)});

@@ -9,6 +9,7 @@
 
 #include <libsoup/soup.h>
 
+#include "core_service/channel/http_listener.h"
 #include "level_cache.h"
 #include "level_worker.h"
 
@@ -16,14 +17,16 @@ namespace zelta::view {
 
 class level_visitors {
  public:
-  // `folder` ends in a slash. Throws std::system_error when there is no thread to be had.
-  level_visitors(std::string folder, level_cache cache);
+  // `folder` ends in a slash; `by` has the visitors' connections and outlives this. Throws
+  // std::system_error when there is no thread to be had.
+  level_visitors(std::string folder, level_cache cache, core_service::http_listener& by);
   level_visitors(const level_visitors&) = delete;
   level_visitors& operator=(const level_visitors&) = delete;
   // Whoever waits still isn't answered.
   ~level_visitors();
 
-  // {"levels": base64} of the file, or {} when it can't be measured.
+  // {"levels": base64} of the file, or {} when it can't be measured. Who waits may be silent for as
+  // long as that takes; 503 when too many are already.
   void wait(SoupServerMessage* message, const std::string& name);
 
  private:

@@ -17,8 +17,7 @@
 namespace zelta::view {
 namespace {
 
-using core_service::glib_error;
-using core_service::glib_ptr;
+using core_service::http_listener;
 
 // Several pages that ask at once cost one look.
 constexpr int64_t kLookUs = 500'000;
@@ -26,11 +25,16 @@ constexpr int64_t kLookUs = 500'000;
 // In answer to a range without an end.
 constexpr uint64_t kMostOpenBytes = 4U << 20U;
 
+// A connection takes a descriptor, and what it sends another; a folder's files and the rest are
+// few.
+constexpr size_t kShareOfDescriptors = 4;
+// A browser's media stop reading when they have enough, and go on after a cut.
+constexpr unsigned kSilentMs = 60'000;
+
 // Of the form with a token.
 constexpr goffset kMostBodyBytes = 4096;
 
 constexpr const char* kHtml = "text/html; charset=utf-8";
-constexpr const char* kText = "text/plain; charset=utf-8";
 
 // A longer one is read and not kept: it isn't the form's.
 void bound_body(SoupServerMessage* message) {
@@ -75,13 +79,15 @@ std::string openable(const std::string& address) {
 
 }  // namespace
 
-view_server::view_server(const options& o)
+view_server::view_server(const options& o, listener_ptr listener)
     : options_(o),
+      listener_(std::move(listener)),
+      rules_(o.token, fresh_secret(), listener_->port()),
       policy_(policy_of_page()),
       // Paths stay encoded: a name may have a slash in it.
       server_(soup_server_new("raw-paths", TRUE, nullptr)),
       folder_(o.folder),
-      levels_(o.folder, level_cache(o.cache)) {
+      levels_(o.folder, level_cache(o.cache), *listener_) {
   soup_server_add_early_handler(
       server_.get(), nullptr,
       [](SoupServer* /*server*/, SoupServerMessage* message, const char* /*path*/,
@@ -93,34 +99,30 @@ view_server::view_server(const options& o)
          GHashTable* /*query*/,
          gpointer self) { static_cast<view_server*>(self)->answer_safely(message, path); },
       this, nullptr);
+  listener_->start(g_main_context_default(),
+                   [this](GIOStream* stream, GSocketAddress* local, GSocketAddress* remote) {
+                     soup_server_accept_iostream(server_.get(), stream, local, remote, nullptr);
+                   });
 }
 
 view_server::~view_server() {
+  listener_->stop();
   soup_server_disconnect(server_.get());
 }
 
 std::unique_ptr<view_server> view_server::start(const options& o, std::string& error) {
-  std::unique_ptr<view_server> made(new view_server(o));
-  const glib_ptr<GSocketAddress> place(
-      g_inet_socket_address_new_from_string(o.address.c_str(), static_cast<guint>(o.port)));
-  glib_error fault;
-  if (!soup_server_listen(made->server_.get(), place.get(), SoupServerListenOptions{},
-                          fault.out())) {
-    error = "can't listen at address " + o.address + ", TCP port " + std::to_string(o.port) + ": " +
-            fault.text();
-    return nullptr;
-  }
-  GSList* const all = soup_server_get_uris(made->server_.get());
-  if (all != nullptr) made->port_ = g_uri_get_port(static_cast<GUri*>(all->data));
-  g_slist_free_full(all, reinterpret_cast<GDestroyNotify>(g_uri_unref));
-  made->rules_.emplace(o.token, fresh_secret(), made->port_);
-  return made;
+  http_listener::limits bounds = http_listener::limits::of_descriptors(kShareOfDescriptors);
+  bounds.connection_ms = kSilentMs;
+  listener_ptr listener = http_listener::make(o.address, o.port, nullptr, bounds, error);
+  if (!listener) return nullptr;
+  return std::unique_ptr<view_server>(new view_server(o, std::move(listener)));
 }
 
 std::string view_server::url() const {
   const std::string host = openable(options_.address);
   const bool in_brackets = host.find(':') != std::string::npos;
-  return "http://" + (in_brackets ? "[" + host + "]" : host) + ":" + std::to_string(port_) + "/";
+  return "http://" + (in_brackets ? "[" + host + "]" : host) + ":" +
+         std::to_string(listener_->port()) + "/";
 }
 
 // libsoup can't pass an exception on.
@@ -134,12 +136,13 @@ void view_server::answer_safely(SoupServerMessage* message, const char* path) {
 }
 
 void view_server::answer(SoupServerMessage* message, const char* path) {
+  listener_->renew(soup_server_message_get_remote_address(message));
   set_header(message, "Cache-Control", "no-store");
   set_header(message, "X-Content-Type-Options", "nosniff");
   set_header(message, "Referrer-Policy", "no-referrer");
   // Nobody else's page may show what is here.
   set_header(message, "Cross-Origin-Resource-Policy", "same-origin");
-  const verdict found = rules_->judge(head_of(message, path));
+  const verdict found = rules_.judge(head_of(message, path));
   switch (found.what) {
     case verdict::kPage:
       return give_page(message);
@@ -217,7 +220,7 @@ void view_server::give_file(SoupServerMessage* message, const std::string& name)
                    std::to_string(size));
   }
   soup_server_message_set_status(message, part ? 206 : 200, nullptr);
-  send_part(message, std::move(file), range.first, size == 0 ? 0 : range.size());
+  send_part(message, *listener_, std::move(file), range.first, size == 0 ? 0 : range.size());
 }
 
 void view_server::give_levels(SoupServerMessage* message, const std::string& name) {
@@ -236,10 +239,10 @@ void view_server::take_token(SoupServerMessage* message) {
     const auto* const bytes = static_cast<const char*>(g_bytes_get_data(body.get(), &size));
     if (size > 0) form.assign(bytes, size);
   }
-  if (!rules_->knows_token(form)) {
+  if (!rules_.knows_token(form)) {
     return give_token_page(message, true);
   }
-  set_header(message, "Set-Cookie", rules_->cookie_header());
+  set_header(message, "Set-Cookie", rules_.cookie_header());
   set_header(message, "Location", "/");
   reply(message, 303, kText, "");
 }

@@ -3,12 +3,12 @@
 #pragma once
 
 #include <memory>
-#include <optional>
 #include <string>
 
 #include <libsoup/soup.h>
 
 #include "core_service/channel/glib.h"
+#include "core_service/channel/http_listener.h"
 #include "folder_reader.h"
 #include "level_visitors.h"
 #include "options.h"
@@ -30,7 +30,8 @@ class view_server {
   std::string url() const;
 
  private:
-  explicit view_server(const options& o);
+  using listener_ptr = std::unique_ptr<core_service::http_listener>;
+  view_server(const options& o, listener_ptr listener);
 
   void answer_safely(SoupServerMessage* message, const char* path);
   void answer(SoupServerMessage* message, const char* path);
@@ -43,8 +44,8 @@ class view_server {
   const folder_view& look();
 
   const options& options_;
-  int port_ = 0;
-  std::optional<view_rules> rules_;  // there once the port is known, before any request
+  const listener_ptr listener_;
+  const view_rules rules_;
   const std::string policy_;
   core_service::glib_ptr<SoupServer> server_;
   folder_reader folder_;

@@ -677,6 +677,38 @@ TEST(HttpListener, HearsOnItsOwnThreadThatAnotherLetGo) {
   let_go_elsewhere();  // of one who outlives it
 }
 
+TEST(HttpListener, CutsWhoWasSilentForLongest) {
+  std::string error;
+  auto listener = http_listener::make("127.0.0.1", 0, nullptr, {2, kLimitMs, kLimitMs}, error);
+  ASSERT_NE(listener, nullptr) << error;
+  const context_ptr context(g_main_context_new());
+  std::vector<glib_ptr<GIOStream>> held;
+  std::vector<GSocketAddress*> remotes;
+  listener->start(context.get(), [&](GIOStream* stream, GSocketAddress*, GSocketAddress* remote) {
+    held.emplace_back(static_cast<GIOStream*>(g_object_ref(stream)));
+    remotes.push_back(remote);
+  });
+  const auto take_in = [&](size_t count) {
+    while (held.size() < count) g_main_context_iteration(context.get(), TRUE);
+  };
+  Client first(listener->port());
+  take_in(1);
+  Client second(listener->port());
+  take_in(2);
+  listener->renew(remotes[0]);
+  const Client third(listener->port());
+  // Whoever reads from the second sees its end, and lets go.
+  while (g_socket_condition_check(listener->socket_of(remotes[1]), G_IO_HUP) == 0) {
+    g_main_context_iteration(context.get(), TRUE);
+  }
+  EXPECT_EQ(g_socket_condition_check(listener->socket_of(remotes[0]), G_IO_HUP), 0);
+  held[1].reset();
+  take_in(3);
+  EXPECT_EQ(listener->socket_of(remotes[1]), nullptr) << "it is forgotten";
+  held.clear();
+  listener->stop();
+}
+
 // ---- Names ---------------------------------------------------------------------------------
 
 TEST(UserId, IsTheNumberOrTheHashOfAName) {

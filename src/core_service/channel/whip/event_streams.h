@@ -12,7 +12,7 @@
 #include <string>
 
 #include "core_service/channel/glib.h"
-#include "core_service/channel/whip/http_listener.h"
+#include "core_service/channel/http_listener.h"
 
 typedef struct _SoupServerMessage SoupServerMessage;
 

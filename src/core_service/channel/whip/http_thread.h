@@ -16,9 +16,9 @@
 
 #include "core_service/channel/glib.h"
 #include "core_service/channel/glib_thread.h"
+#include "core_service/channel/http_listener.h"
 #include "core_service/channel/whip/answers.h"
 #include "core_service/channel/whip/event_streams.h"
-#include "core_service/channel/whip/http_listener.h"
 #include "core_service/channel/whip/whip_rules.h"
 
 typedef struct _SoupServer SoupServer;

@@ -4,10 +4,8 @@
 #include <system_error>
 #include <utility>
 
-#include <sys/resource.h>
-
+#include "core_service/channel/http_listener.h"
 #include "core_service/channel/whip/answers.h"
-#include "core_service/channel/whip/http_listener.h"
 #include "core_service/channel/whip/http_thread.h"
 #include "core_service/channel/whip/server_certificate.h"
 #include "core_service/channel/whip/whip_rules.h"
@@ -16,16 +14,7 @@ namespace zelta::core_service {
 namespace {
 
 // Of the process's descriptors most are for users who are recorded.
-http_listener::limits limits_here() {
-  constexpr rlim_t kShare = 8;
-  http_listener::limits bounds;
-  rlimit descriptors{};
-  if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0 &&
-      descriptors.rlim_cur / kShare < bounds.most_connections) {
-    bounds.most_connections = static_cast<size_t>(descriptors.rlim_cur / kShare);
-  }
-  return bounds;
-}
+constexpr size_t kShareOfDescriptors = 8;
 
 // Whom nobody reaches but by the machine's own browsers, which trust it without a certificate.
 bool is_loopback(const std::string& address) {
@@ -52,7 +41,8 @@ std::unique_ptr<whip_server> whip_server::start(const whip_terms& terms, base::e
     if (!certificate) return nullptr;
   }
   auto listener =
-      http_listener::make(terms.address, terms.port, std::move(certificate), limits_here(), error);
+      http_listener::make(terms.address, terms.port, std::move(certificate),
+                          http_listener::limits::of_descriptors(kShareOfDescriptors), error);
   if (!listener) return nullptr;
   const bool secure = listener->is_secure();
   whip_rules rules(terms.channel, terms.token);

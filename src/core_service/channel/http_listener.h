@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Takes connections of TCP, or of TLS over it, and bounds what they cost: their number, and the
-// time that one has for its only request.
+// Takes connections of TCP, or of TLS over it, for an HTTP end, and bounds what they cost: their
+// number, and the time that one has from a sign of its life to the next.
 //
 // Made and destroyed on any thread, everything else on the thread that iterates the context.
 #pragma once
@@ -19,13 +19,17 @@ namespace zelta::core_service {
 class http_listener {
  public:
   struct limits {
-    // When so many are open and one more comes, the oldest that isn't held is cut off: it is the
-    // one that has had the most time.
+    // When so many are open and one more comes, one that isn't held is cut off: that whose last
+    // sign of life is the oldest.
     size_t most_connections = 1000;
-    // From the first packet to the last: handshake, request and answer.
+    // From the handshake's end, or from renew(), which an end that takes one request never says.
     unsigned connection_ms = 30'000;
     // Of it until the handshake is done, which may take a thread of GLib's.
     unsigned handshake_ms = 10'000;
+
+    // As above, or as many connections as one in `share` of the descriptors that the process may
+    // have, if these are fewer.
+    static limits of_descriptors(size_t share);
   };
   // An HTTP end takes its own reference to what it keeps.
   using take_connection =
@@ -53,10 +57,15 @@ class http_listener {
   void cut_all();
   // The one that was handed over with this address.
   void cut(const GSocketAddress* remote);
+  // A request came by it, or a part of an answer went: its time begins anew.
+  void renew(const GSocketAddress* remote);
   // It may last until it is let go of, which gives it its time anew. False: half of all that may be
   // open are held already, the others are for requests.
   bool hold(const GSocketAddress* remote);
   void let_go(const GSocketAddress* remote);
+  // What it comes by, below TLS: for whoever looks whether a client has gone. Borrowed; null when
+  // it has been forgotten.
+  GSocket* socket_of(const GSocketAddress* remote);
   // Those that somebody still holds.
   size_t count() const { return open_.size(); }
 
@@ -71,7 +80,7 @@ class http_listener {
   void take_in(glib_ptr<GSocket> socket);
   void await_hello(connection& one, GIOStream* stream);
   void hand_over(connection& one, GIOStream* stream);
-  connection* find(const GSocketAddress* remote);
+  std::list<connection>::iterator find(const GSocketAddress* remote);
   void cut_oldest();
   source_ptr after(unsigned ms, GSourceFunc work, void* context) const;
   static void cut_off(connection& one);
@@ -91,7 +100,7 @@ class http_listener {
   bool stopped_ = false;
   source_ptr accepting_;
   source_ptr retry_;
-  std::list<connection> open_;  // in the order in which they came
+  std::list<connection> open_;  // in the order of their last signs of life
   std::shared_ptr<departures> departures_;
 };
 

@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-#include "core_service/channel/whip/http_listener.h"
+#include "core_service/channel/http_listener.h"
 
 #include <algorithm>
 #include <atomic>
@@ -7,6 +7,7 @@
 #include <utility>
 
 #include <netinet/in.h>
+#include <sys/resource.h>
 
 namespace zelta::core_service {
 namespace {
@@ -128,6 +129,16 @@ class http_listener::departures {
   source_ptr wake_;
 };
 
+http_listener::limits http_listener::limits::of_descriptors(size_t share) {
+  limits bounds;
+  rlimit descriptors{};
+  if (getrlimit(RLIMIT_NOFILE, &descriptors) == 0 &&
+      descriptors.rlim_cur / share < bounds.most_connections) {
+    bounds.most_connections = static_cast<size_t>(descriptors.rlim_cur / share);
+  }
+  return bounds;
+}
+
 std::unique_ptr<http_listener> http_listener::make(const std::string& address, int port,
                                                    glib_ptr<GTlsCertificate> certificate,
                                                    const limits& bounds, std::string& error) {
@@ -185,31 +196,41 @@ void http_listener::cut_all() {
 }
 
 void http_listener::cut(const GSocketAddress* remote) {
-  connection* const found = find(remote);
-  if (found != nullptr) cut_off(*found);
+  const auto found = find(remote);
+  if (found != open_.end()) cut_off(*found);
+}
+
+void http_listener::renew(const GSocketAddress* remote) {
+  const auto found = find(remote);
+  if (found == open_.end() || found->is_held || found->is_cut) return;
+  found->time_over = after(limits_.connection_ms, on_time_over, &*found);
+  open_.splice(open_.end(), open_, found);
 }
 
 bool http_listener::hold(const GSocketAddress* remote) {
   const auto held =
       std::count_if(open_.begin(), open_.end(), [](const connection& one) { return one.is_held; });
-  connection* const found = find(remote);
-  if (found == nullptr || static_cast<size_t>(held) >= limits_.most_connections / 2) return false;
+  const auto found = find(remote);
+  if (found == open_.end() || static_cast<size_t>(held) >= limits_.most_connections / 2)
+    return false;
   found->is_held = true;
   found->time_over.reset();
   return true;
 }
 
 void http_listener::let_go(const GSocketAddress* remote) {
-  connection* const found = find(remote);
-  if (found == nullptr || !std::exchange(found->is_held, false) || found->is_cut) return;
-  found->time_over = after(limits_.connection_ms, on_time_over, found);
+  const auto found = find(remote);
+  if (found != open_.end() && std::exchange(found->is_held, false)) renew(remote);
 }
 
-http_listener::connection* http_listener::find(const GSocketAddress* remote) {
-  const auto found = std::find_if(open_.begin(), open_.end(), [remote](const connection& one) {
-    return one.remote.get() == remote;
-  });
-  return found != open_.end() ? &*found : nullptr;
+GSocket* http_listener::socket_of(const GSocketAddress* remote) {
+  const auto found = find(remote);
+  return found != open_.end() ? found->socket.get() : nullptr;
+}
+
+std::list<http_listener::connection>::iterator http_listener::find(const GSocketAddress* remote) {
+  return std::find_if(open_.begin(), open_.end(),
+                      [remote](const connection& one) { return one.remote.get() == remote; });
 }
 
 // Not closed, which is for whoever reads from it: they see its end.
