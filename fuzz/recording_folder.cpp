@@ -4,23 +4,31 @@
 #include <algorithm>
 #include <map>
 
+#include <unistd.h>
+
 #include "folder_reader.h"
 #include "recordings/folder_state.h"
 #include "recordings/volume_log.h"
 #include "target.h"
 
 namespace zelta::fuzz {
+namespace {
+
+const std::string kManifest =
+    R"({"version": 1, "channel_id": "room", "files": [{"name": "7_a.mp4", "uid": 7,
+    "kind": "audio_video", "video_codec": "h264", "audio_codec": "aac", "width": 640,
+    "height": 360, "first_utc_ms": 1700000000000, "last_utc_ms": 1700000001000,
+    "closed": "user left", "crc32": "0a1b2c3d"}], "names": {"7": "alice"},
+    "missing": [{"uid": 7, "medium": "video", "reason": "r", "utc_ms": 1700000000000}],
+    "pictures": {"7": 3}, "dropped_frames": {"pictures": 1, "coded": 2, "sound": 3},
+    "sessions": [{"channel_id": "room", "began_utc_ms": 1, "ended": "x"}],
+    "lag": {"packets_ms": 5, "disk_ms": 6}})";
+
+}  // namespace
 
 std::vector<std::string> seeds() {
   return {
-      R"(r{"version": 1, "channel_id": "room", "files": [{"name": "7_a.mp4", "uid": 7,
-        "kind": "audio_video", "video_codec": "h264", "audio_codec": "aac", "width": 640,
-        "height": 360, "first_utc_ms": 1700000000000, "last_utc_ms": 1700000001000,
-        "closed": "user left", "crc32": "0a1b2c3d"}], "names": {"7": "alice"},
-        "missing": [{"uid": 7, "medium": "video", "reason": "r", "utc_ms": 1700000000000}],
-        "pictures": {"7": 3}, "dropped_frames": {"pictures": 1, "coded": 2, "sound": 3},
-        "sessions": [{"channel_id": "room", "began_utc_ms": 1, "ended": "x"}],
-        "lag": {"packets_ms": 5, "disk_ms": 6}})",
+      'r' + kManifest,
       R"(j{"session": "1@2 0 room"})",
       "v{\"utc_ms\":1000,\"step_ms\":200,\"channel_id\":\"room\",\"volumes\":{\"7\":[0,9,255]}}\n"
       "{\"utc_ms\":900,\"step_ms\":200,\"channel_id\":\"room\",\"volumes\":{\"7\":[4]}}\n",
@@ -42,6 +50,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string& folder = fuzz::scratch_folder();
   // Its medium is there, so that a page has it.
   fuzz::write_scratch(folder + "7_a.mp4", data, 1);
+  // Nothing of the input before: what is found is to be found by its own input alone.
+  for (const auto& [kind, other] : kNames) (void)unlink((folder + other).c_str());
+  if (name->first == 'm') {
+    const std::string& right = fuzz::kManifest;
+    fuzz::write_scratch(folder + "recording.json", reinterpret_cast<const uint8_t*>(right.data()),
+                        right.size());
+  }
   fuzz::write_scratch(folder + name->second, data + 1, size - 1);
   std::vector<std::string> errors;
   switch (name->first) {

@@ -32,8 +32,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (std::string& part : parts) {
     const uint8_t* const stop = std::find(data, end, uint8_t{'\n'});
     part.assign(data, stop);
-    data = std::min(stop + 1, end);
     if (stop == end) break;
+    data = stop + 1;
   }
   const view::request_head head{parts[0], parts[1], parts[2], parts[3], parts[4], parts[5]};
   static const view::view_rules kOpen("", "c00c1e", 8080);

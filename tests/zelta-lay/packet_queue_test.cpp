@@ -13,11 +13,12 @@ namespace {
 using times = std::vector<int64_t>;
 
 // Tenths of a second in, and what comes out.
-times mended(const times& in, int& count) {
+times mended(const times& in, int& count, int bytes = 0) {
   size_t next = 0;
   packet_queue queue([&](AVPacket& packet) {
     if (next == in.size()) return false;
     packet.pts = packet.dts = in[next++];
+    packet.size = bytes;
     return true;
   });
   queue.restart(0, {1, 10});
@@ -37,6 +38,10 @@ TEST(PacketQueue, MendsWhatComesBackAndKeepsPauses) {
   } rows[] = {
       {"nothing wrong", {0, 1, 2, 3}, {0, 1, 2, 3}},
       {"pictures in the order of decoding", {0, 4, 2, 1, 3, 8, 6}, {0, 4, 2, 1, 3, 8, 6}},
+      {"the same around a pause", {0, 90, 1, 2, 94, 92, 91}, {0, 90, 1, 2, 94, 92, 91}},
+      {"a pause, and some damaged behind",
+       {0, 90, 91, 92, 93, 5, 6, 95},
+       {0, 90, 91, 92, 93, 5, 6, 95}},
       {"a pause", {0, 1, 90, 91, 92}, {0, 1, 90, 91, 92}},
       {"a late beginning", {50, 51, 52}, {50, 51, 52}},
       {"one that jumps", {0, 1, 90, 3, 4, 5}, {0, 1, 2, 3, 4, 5}},
@@ -62,6 +67,8 @@ TEST(PacketQueue, LooksAheadNoFurtherThanAFragment) {
   int count = 0;
   EXPECT_EQ(mended(in, count), in);
   EXPECT_EQ(count, 0);
+  EXPECT_EQ(mended({0, 90, 91, 3, 4}, count, 30 << 20), (times{0, 90, 91, 3, 4}));
+  EXPECT_EQ(mended({0, 90, 91, 3, 4}, count, 10 << 20), (times{0, 1, 2, 3, 4}));
 }
 
 }  // namespace

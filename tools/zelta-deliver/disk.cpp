@@ -94,6 +94,8 @@ bool write_all(int fd, const char* bytes, size_t size, std::string& error) {
 }
 
 bool replace_file(const std::string& path, const std::string& text, std::string& error) {
+  // Whoever may write into the folder may have put a pipe there, which opening would wait for.
+  unlink((path + ".new").c_str());
   if (!core_service::replace_file(path, text, core_service::sync::kYes)) {
     return fail(error, "replace " + path);
   }

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "packet_queue.h"
 
+#include <algorithm>
 #include <utility>
 
 extern "C" {
@@ -12,6 +13,11 @@ namespace {
 
 // More than a fragment or a cluster has, whose packets share what is damaged.
 constexpr size_t kMostAhead = 512;
+// A file may name the same bytes as many packets'.
+constexpr size_t kMostBytesAhead = 64 << 20;
+constexpr size_t kMostWitnesses = 32;
+// Pictures that H.264 and HEVC let an encoder hold back.
+constexpr size_t kMostReordered = 16;
 
 int64_t time_of(const AVPacket& packet) {
   return packet.pts != AV_NOPTS_VALUE ? packet.pts : packet.dts;
@@ -23,6 +29,7 @@ packet_queue::packet_queue(std::function<bool(AVPacket&)> read) : read_(std::mov
 
 void packet_queue::restart(int64_t at, AVRational base) {
   ahead_.clear();
+  ahead_bytes_ = 0;
   last_ = at;
   jump_ = av_rescale_q(kSecond, kMicroseconds, base);
 }
@@ -31,27 +38,44 @@ AVPacket* packet_queue::ahead(size_t index) {
   while (ahead_.size() <= index) {
     av_ptr<AVPacket> packet = make_packet();
     if (!read_(*packet)) return nullptr;
+    ahead_bytes_ += static_cast<size_t>(packet->size);
     ahead_.push_back(std::move(packet));
   }
   return ahead_[index].get();
 }
 
+// Of those that were read ahead: whether it is before the one that jumped, and not long before the
+// last good one.
+bool packet_queue::is_back(size_t index) const {
+  const int64_t at = time_of(*ahead_[index]);
+  return at != AV_NOPTS_VALUE && at >= av_sat_sub64(last_, jump_) &&
+         at < av_sat_sub64(time_of(*ahead_[0]), jump_);
+}
+
+// As many packets as have jumped say that time is back, or all that are left: a few that say so
+// alone may be what is damaged. Nor does time go on soon where the jump led: pictures around a
+// pause would be in the order of decoding.
+bool packet_queue::stays_back(size_t from) {
+  const size_t needed = from + std::min(from, kMostWitnesses);
+  for (size_t i = from; i <= from + std::max(needed - from, kMostReordered); ++i) {
+    const AVPacket* const packet = ahead(i);
+    if (packet == nullptr) return true;
+    if (ahead_bytes_ > kMostBytesAhead) return false;
+    if (is_back(i)) continue;
+    const int64_t jumped = time_of(*ahead_[0]);
+    const int64_t at = time_of(*packet);
+    const bool goes_on = at > av_sat_sub64(jumped, jump_) && at < av_sat_add64(jumped, jump_);
+    if (i <= needed || goes_on) return false;
+  }
+  return true;
+}
+
 // How many packets jump ahead before time is back behind the last good one; 0: it doesn't come
 // back.
 size_t packet_queue::comes_back() {
-  const int64_t jumped = time_of(*ahead_[0]);
-  const auto is_back = [&](const AVPacket& packet) {
-    const int64_t at = time_of(packet);
-    return at != AV_NOPTS_VALUE && at >= av_sat_sub64(last_, jump_) &&
-           at < av_sat_sub64(jumped, jump_);
-  };
   for (size_t i = 1; i < kMostAhead; ++i) {
-    const AVPacket* const packet = ahead(i);
-    if (packet == nullptr) return 0;
-    if (!is_back(*packet)) continue;
-    // One that is alone may be what is damaged.
-    const AVPacket* const next = ahead(i + 1);
-    if (next == nullptr || is_back(*next)) return i;
+    if (ahead(i) == nullptr || ahead_bytes_ > kMostBytesAhead) return 0;
+    if (is_back(i) && stays_back(i)) return i;
   }
   return 0;
 }
@@ -77,6 +101,7 @@ bool packet_queue::next(AVPacket& packet) {
     }
     last_ = time_of(*first);
   }
+  ahead_bytes_ -= static_cast<size_t>(first->size);
   av_packet_unref(&packet);
   av_packet_move_ref(&packet, first);
   ahead_.pop_front();

@@ -32,10 +32,13 @@ class packet_queue {
   // The packet behind so many others, or none.
   AVPacket* ahead(size_t index);
   size_t comes_back();
+  bool is_back(size_t index) const;
+  bool stays_back(size_t from);
   void mend(size_t count);
 
   std::function<bool(AVPacket&)> read_;
   std::deque<av_ptr<AVPacket>> ahead_;
+  size_t ahead_bytes_ = 0;
   int64_t jump_ = 0;  // a second
   int64_t last_ = 0;
   int mended_ = 0;

@@ -149,6 +149,8 @@ void sound_track::add(int64_t first, int count, float* to) {
       to[i - first * kChannels] += decoded_[static_cast<size_t>(i - decoded_at_ * kChannels)];
     }
     if (have > 0 && decoded_at_ + have >= end) break;
+    // What faded before the film isn't kept while the place where that begins is looked for.
+    if (rest_at_ + pairs_in(rest_) <= first) rest_.clear();
     // What begins behind the end, and close enough to be joined, is known before this rings out.
     if (!decode_more(first, end + kStepSamples)) {
       decoded_.clear();

@@ -131,6 +131,7 @@ void view_server::answer_safely(SoupServerMessage* message, const char* path) {
     answer(message, path);
   } catch (const std::exception& e) {
     complain(std::string(path) + " can't be answered: " + e.what());
+    listener_->let_go(soup_server_message_get_remote_address(message));
     soup_server_message_set_status(message, 500, nullptr);
   }
 }

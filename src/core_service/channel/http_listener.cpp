@@ -7,6 +7,7 @@
 #include <utility>
 
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/resource.h>
 
 namespace zelta::core_service {
@@ -299,6 +300,8 @@ void http_listener::take_in(glib_ptr<GSocket> socket) {
   // It has gone again.
   if (!remote) return;
   g_socket_set_blocking(socket.get(), FALSE);
+  // The end of an answer would wait for the acknowledgement of its beginning.
+  g_socket_set_option(socket.get(), IPPROTO_TCP, TCP_NODELAY, 1, nullptr);
   const glib_ptr<GIOStream> stream(
       G_IO_STREAM(g_socket_connection_factory_create_connection(socket.get())));
   open_.push_back({this, std::move(socket), std::move(remote), {}, {}, {}});

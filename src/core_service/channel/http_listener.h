@@ -55,7 +55,8 @@ class http_listener {
   void stop();
   // Ends what goes on: whoever reads or writes sees the end, and lets go of the connection.
   void cut_all();
-  // The one that was handed over with this address.
+  // The one that was handed over with this address: itself, while somebody holds it, since those of
+  // two connections may be equal.
   void cut(const GSocketAddress* remote);
   // A request came by it, or a part of an answer went: its time begins anew.
   void renew(const GSocketAddress* remote);

@@ -18,16 +18,17 @@ namespace {
 constexpr int kTries = 3;
 
 // A link leads to what isn't ours to write: whoever may write into the folder may have made it.
-void remove_link(const std::string& path) {
+// False, with errno, when it stays.
+bool remove_link(const std::string& path) {
   struct stat there {};
-  if (lstat(path.c_str(), &there) != 0) return;
+  if (lstat(path.c_str(), &there) != 0) return true;
   const bool has_other_names = S_ISREG(there.st_mode) && there.st_nlink > 1;
-  // What can't be removed fails to be opened, or to be renamed.
-  if (S_ISLNK(there.st_mode) || has_other_names) (void)unlink(path.c_str());
+  return (!S_ISLNK(there.st_mode) && !has_other_names) || unlink(path.c_str()) == 0 ||
+         errno == ENOENT;
 }
 
 bool write_whole(const std::string& path, const std::string& text, sync how) {
-  remove_link(path);
+  if (!remove_link(path)) return false;
   const base::unique_fd file(
       open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0666));
   if (!file.valid()) return false;

@@ -683,10 +683,10 @@ TEST(HttpListener, CutsWhoWasSilentForLongest) {
   ASSERT_NE(listener, nullptr) << error;
   const context_ptr context(g_main_context_new());
   std::vector<glib_ptr<GIOStream>> held;
-  std::vector<GSocketAddress*> remotes;
+  std::vector<glib_ptr<GSocketAddress>> remotes;
   listener->start(context.get(), [&](GIOStream* stream, GSocketAddress*, GSocketAddress* remote) {
     held.emplace_back(static_cast<GIOStream*>(g_object_ref(stream)));
-    remotes.push_back(remote);
+    remotes.emplace_back(static_cast<GSocketAddress*>(g_object_ref(remote)));
   });
   const auto take_in = [&](size_t count) {
     while (held.size() < count) g_main_context_iteration(context.get(), TRUE);
@@ -695,16 +695,16 @@ TEST(HttpListener, CutsWhoWasSilentForLongest) {
   take_in(1);
   Client second(listener->port());
   take_in(2);
-  listener->renew(remotes[0]);
+  listener->renew(remotes[0].get());
   const Client third(listener->port());
   // Whoever reads from the second sees its end, and lets go.
-  while (g_socket_condition_check(listener->socket_of(remotes[1]), G_IO_HUP) == 0) {
+  while (g_socket_condition_check(listener->socket_of(remotes[1].get()), G_IO_HUP) == 0) {
     g_main_context_iteration(context.get(), TRUE);
   }
-  EXPECT_EQ(g_socket_condition_check(listener->socket_of(remotes[0]), G_IO_HUP), 0);
+  EXPECT_EQ(g_socket_condition_check(listener->socket_of(remotes[0].get()), G_IO_HUP), 0);
   held[1].reset();
   take_in(3);
-  EXPECT_EQ(listener->socket_of(remotes[1]), nullptr) << "it is forgotten";
+  EXPECT_EQ(listener->socket_of(remotes[1].get()), nullptr) << "it is forgotten";
   held.clear();
   listener->stop();
 }
