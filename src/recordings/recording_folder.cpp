@@ -51,8 +51,11 @@ media_file file_of(const Json::Value& entry, const manifest& of, const std::stri
   made.first_utc_ms = entry["first_utc_ms"].asInt64();
   made.last_utc_ms = entry["last_utc_ms"].asInt64();
   made.closed = entry["closed"].asString();
-  made.crc32 = crc_of_text(entry["crc32"].asString());
-  if (made.crc32) made.closed_bytes = entry["bytes"].asUInt64();
+  // Of a size that isn't told nothing can be said by it.
+  if (entry["bytes"].isUInt64()) {
+    made.crc32 = crc_of_text(entry["crc32"].asString());
+    made.closed_bytes = entry["bytes"].asUInt64();
+  }
   struct stat status {};
   if (stat((folder + made.name).c_str(), &status) == 0) {
     made.bytes = static_cast<uint64_t>(status.st_size);

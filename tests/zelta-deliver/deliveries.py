@@ -2,6 +2,7 @@
 """What tests of zelta-deliver share: recordings as a recorder leaves them, servers on the loopback,
 the tool's settings, runs and what it tells."""
 
+import contextlib
 import hashlib
 import json
 import os
@@ -145,6 +146,20 @@ class DeliveryTest(unittest.TestCase):
             tool.wait()
         self.addCleanup(end)
         return tool
+
+    @contextlib.contextmanager
+    def small_disk(self, at, size):
+        """Is `at`, and can be made larger by what is yielded."""
+        if os.geteuid() != 0:
+            self.skipTest("root alone can mount")
+        at.mkdir(exist_ok=True)
+        mount = ["mount", "-t", "tmpfs", "-o", f"size={size}", "tmpfs", at]
+        if subprocess.run(mount, capture_output=True, check=False).returncode != 0:
+            self.skipTest("nothing can be mounted here")
+        try:
+            yield lambda more: subprocess.run(["mount", "-o", f"remount,size={more}", at], check=True)
+        finally:
+            subprocess.run(["umount", at], check=True)
 
     @staticmethod
     def locks_of(tool):

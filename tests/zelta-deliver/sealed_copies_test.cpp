@@ -28,7 +28,7 @@ class SealedCopiesTest : public testing::Test {
   SealedCopiesTest() {
     target_.name = "nas";
     target_.encrypt_for = {"age1x"};
-    age_is("echo sealed; cat");
+    age_is("echo sealed for the tests; cat");
   }
 
   // In place of the program, which tests of the tool have.
@@ -70,17 +70,18 @@ TEST_F(SealedCopiesTest, AreOpenedOnlyAsTheyWereMade) {
   sealed_copy made;
   ASSERT_EQ(make("1.mp4", made).is, outcome::kDone);
   const std::string path = dir_.path() + ".delivery/nas/1.mp4.age";
-  EXPECT_EQ(read_file(path), "sealed\none");
-  EXPECT_EQ(made.bytes, 10U);
+  EXPECT_EQ(read_file(path), "sealed for the tests\none");
+  EXPECT_EQ(made.bytes, 24U);
   EXPECT_EQ(open("1.mp4", made), outcome::kDone);
-  const std::string spoilt[] = {"sealed\nonE", "sealed\non", "sealed\nones", ""};
+  const std::string right = read_file(path);
+  const std::string spoilt[] = {"S" + right.substr(1), right.substr(1), right + "s", ""};
   for (const std::string& text : spoilt) {
     std::ofstream(path) << text;
     EXPECT_EQ(open("1.mp4", made), outcome::kRefused) << text;
   }
   copies_.remove("nas", "1.mp4");
   EXPECT_EQ(open("1.mp4", made), outcome::kRefused);
-  fs::create_symlink(dir_.file("elsewhere", "sealed\none"), path);
+  fs::create_symlink(dir_.file("elsewhere", right), path);
   EXPECT_EQ(open("1.mp4", made), outcome::kRefused) << "a link";
 }
 
@@ -92,6 +93,9 @@ TEST_F(SealedCopiesTest, ThatFailLeaveNothingAndSayWhy) {
   EXPECT_EQ(failed.is, outcome::kLater);
   EXPECT_NE(failed.text.find("ended with 1: no room"), std::string::npos) << failed.text;
   EXPECT_EQ(there(), names{});
+  age_is("echo short");
+  EXPECT_NE(make("1.mp4", made).text.find("wrote too little"), std::string::npos);
+  EXPECT_EQ(there(), names{});
   age_is("exec sleep 60");
   limits_.stop();
   EXPECT_EQ(make("1.mp4", made).is, outcome::kStopped);
@@ -100,11 +104,12 @@ TEST_F(SealedCopiesTest, ThatFailLeaveNothingAndSayWhy) {
 
 TEST_F(SealedCopiesTest, ThatFindNoRoomAreNotBegun) {
   // Without a byte of it on the disk.
-  fs::resize_file(dir_.file("1.mp4", ""), uint64_t{1} << 43);
+  const uint64_t bytes = fs::space(dir_.path()).available;
+  fs::resize_file(dir_.file("1.mp4", ""), bytes);
   sealed_copy made;
   const outcome failed = make("1.mp4", made);
   EXPECT_EQ(failed.is, outcome::kLater);
-  EXPECT_EQ(failed.text, "no room for a sealed copy of 8796093022208 bytes");
+  EXPECT_EQ(failed.text, "no room for a sealed copy of " + std::to_string(bytes) + " bytes");
   EXPECT_EQ(there(), names{});
 }
 

@@ -166,8 +166,8 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
     def test_killed_while_it_sends_parts_it_goes_on_with_the_same_copy(self):
         self.serve("deaf=0.5")
         made = Recording(self.dir).add("7_a.mp4", 26_000_000)
-        settings = self.settings(self.sealed("s3"))
-        tool = self.start_tool(settings, made.folder)
+        # So slow that it isn't over before it is killed.
+        tool = self.start_tool(self.settings(self.sealed("s3"), kbps=20_000), made.folder)
         parts = self.kept / "parts.txt"
         wait_for("two parts", lambda: parts.exists() and len(parts.read_text().split("\n")) > 3)
         self.kill(tool)
@@ -175,7 +175,7 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
         self.assertEqual(self.copies(made), [".delivery/s3/7_a.mp4.age"])
         self.serve()
         parts.unlink()
-        self.run_tool(settings, made.folder)
+        self.run_tool(self.settings(self.sealed("s3")), made.folder)
         sent = [line for line in parts.read_text().splitlines() if line.startswith("7_a")]
         self.assertEqual(len(sent), 5 - len(before.get("parts", [])))
         self.assert_sealed(made, self.kept / "s3/bucket/p q")
@@ -231,7 +231,7 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
                 shutil.rmtree(self.kept, True)
                 self.serve("drop=1")
                 made = Recording(self.dir).add("7_a.mp4", 100_000)
-                self.run_tool(self.settings(self.sealed("http")), "--give-up", 1, made.folder,
+                self.run_tool(self.settings(self.sealed("http")), "--give-up", 3, made.folder,
                               status=3)
                 spoil(made.folder / ".delivery/http/7_a.mp4.age")
                 # What came of it before, cut.
@@ -263,6 +263,21 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
         self.run_tool(settings, "--give-up", 2, made.folder, status=3)
         self.assertEqual(self.copies(made), [])
 
+    def test_a_full_target_has_no_more_copies_made_than_may_be_under_way(self):
+        made = Recording(self.dir)
+        for at in range(10):
+            made.add(f"7_{at}.mp4", 300_000)
+        with self.small_disk(self.dir / "nas", "1m") as grow:
+            settings = self.settings(self.sealed("folder"), connections=1)
+            self.run_tool(settings, "--give-up", 3, made.folder, status=3)
+            self.assertGreater(made.state()["files"]["7_9.mp4"]["targets"]["folder"]["attempts"], 0)
+            # Two that stay, and one that was just made when it ended.
+            self.assertLessEqual(len(self.copies(made)), 3)
+            grow("8m")
+            self.run_tool(settings, made.folder)
+            self.assert_sealed(made, self.dir / "nas")
+        self.assertEqual(self.copies(made), [])
+
     def test_without_room_it_is_later_told_and_no_plain_byte_goes(self):
         def little_room():
             signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
@@ -281,7 +296,7 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
     def test_a_target_that_becomes_sealed_is_asked_for_its_other_names(self):
         self.serve("drop=1")
         made = Recording(self.dir).add("7_a.mp4", 100_000)
-        self.run_tool(self.settings(self.target("http")), "--give-up", 1, made.folder, status=3)
+        self.run_tool(self.settings(self.target("http")), "--give-up", 3, made.folder, status=3)
         self.assertTrue(made.state()["files"]["7_a.mp4"]["targets"]["http"]["ours"])
         self.serve()
         other = self.kept / "dav/call"
@@ -298,7 +313,7 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
         away.mkdir(parents=True)
         (away / "kept").write_text("kept")
         (made.folder / ".delivery").symlink_to(self.dir / "away")
-        told = self.run_tool(self.settings(self.sealed("folder")), "--give-up", 1, made.folder,
+        told = self.run_tool(self.settings(self.sealed("folder")), "--give-up", 3, made.folder,
                              status=3)
         self.assertIn("sealing: ", told[0]["error"])
         self.assertEqual([one.name for one in away.iterdir()], ["kept"])

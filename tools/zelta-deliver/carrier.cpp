@@ -185,6 +185,7 @@ bool carrier::seal() {
   parcel_.sha256 = sealed_.sha256;
   if (is_new) {
     const std::lock_guard lock(with_.mutex);
+    if (from_.at(of_).sealed_sha256.empty()) ++with_.copies[of_.target];
     from_.set_sealed(of_, sealed_.bytes, sealed_.sha256);
   }
   return true;
@@ -299,6 +300,14 @@ void carrier::fail(const outcome& why) {
     const std::lock_guard lock(with_.mutex);
     from_.fail(of_, why, now_utc_ms(), random_number());
     dead = from_.at(of_).at == stage::kDead;
+    // A target that answers, and takes nothing, would have the disk filled with copies of all that
+    // waits: beside those under way as many may wait. What it has a part of goes on.
+    const shipment& at = from_.at(of_);
+    const auto most = static_cast<size_t>(2 * with_.settings.connections);
+    if (!at.sealed_sha256.empty() && at.parts.empty() && with_.copies[of_.target] > most) {
+      --with_.copies[of_.target];
+      from_.give_up_sealed(of_);
+    }
     with_.gates.ended(of_.target, why, steady_ms(), random_number());
     static_cast<void>(from_.save_lazily(steady_ms()));
   }

@@ -27,7 +27,8 @@ struct carrier_tools {
   std::mutex& mutex;
   const delivery_settings& settings;
   const std::vector<std::unique_ptr<target>>& targets;
-  target_gates& gates;  // guarded by the mutex
+  target_gates& gates;          // guarded by the mutex
+  std::vector<size_t>& copies;  // sealed ones that stand, by targets; likewise
   pace& limits;
   reporter& reports;
 };

@@ -223,6 +223,11 @@ void consignment::index(const std::string& name, const entry& of) {
     } else {
       open_.erase({target, of.order, name});
     }
+    if (there != of.targets.end() && !there->second.sealed_sha256.empty()) {
+      sealed_.insert({target, name});
+    } else {
+      sealed_.erase({target, name});
+    }
   }
 }
 
@@ -245,6 +250,9 @@ void consignment::retry_dead() {
       one.sha256.clear();
     }
     one.announced = false;
+    for (size_t target = 0; other && target < settings_.targets.size(); ++target) {
+      drop_sealed({name, target});
+    }
     for (auto& [target, shipped] : one.targets) {
       // What was said to be another's is looked at again, and not replaced even now.
       if (shipped.at == stage::kDead || other) begin_anew(shipped);
@@ -351,6 +359,21 @@ void consignment::set_sealed(const errand& of, uint64_t bytes, const std::string
   spent_.erase({of.file, of.target});
   touch(of.file);
   is_due_ = true;
+}
+
+void consignment::give_up_sealed(const errand& of) {
+  drop_sealed(of);
+  // An upload of it is to be ended.
+  shipment& one = change(of);
+  one.part_bytes = 0;
+  one.parts.clear();
+  touch(of.file);
+  is_due_ = true;
+}
+
+size_t consignment::sealed(size_t target) const {
+  const auto first = sealed_.lower_bound({target, ""});
+  return static_cast<size_t>(std::distance(first, sealed_.lower_bound({target + 1, ""})));
 }
 
 // Once it is on disk that nobody waits for it.

@@ -65,6 +65,8 @@ class consignment {
   void disown(const errand& of);
   // A copy that is to go, and stands ready. Nothing of another one is gone on with.
   void set_sealed(const errand& of, uint64_t bytes, const std::string& sha256);
+  // The copy goes, once that is on disk; the next try makes another one.
+  void give_up_sealed(const errand& of);
   // These end the flight.
   void confirm(const errand& of, int64_t now_ms);
   // The time until the next try, or none: it was stopped, or is a dead letter.
@@ -104,6 +106,8 @@ class consignment {
 
   const std::string& folder() const { return folder_; }
   const ledger& state() const { return state_; }
+  // Copies for a target that stand ready.
+  size_t sealed(size_t target) const;
   bool is_over() const { return over_; }
   bool in_flight() const { return !flying_.empty() || noticing_[0] || noticing_[1]; }
   bool has_pending() const;  // something is still to be sent or told
@@ -147,8 +151,9 @@ class consignment {
   std::string fault_;
   std::map<std::string, checksum> checksums_;
   const sealed_copies copies_;
-  std::set<std::pair<std::string, size_t>> spent_;  // sealed copies, once that is on disk
-  bool maybe_empty_ = false;                        // the folders of some
+  std::set<std::pair<std::string, size_t>> spent_;   // sealed copies, once that is on disk
+  bool maybe_empty_ = false;                         // the folders of some
+  std::set<std::pair<size_t, std::string>> sealed_;  // what has a copy, by its target
   std::set<place> open_;
   std::set<std::pair<std::string, size_t>> flying_;
   std::vector<errand> buried_;

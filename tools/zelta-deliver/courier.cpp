@@ -50,6 +50,7 @@ courier::courier(const options& asked, const delivery_settings& settings)
       done_(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)),
       gates_(settings.targets.size(), settings.connections, settings.first_retry,
              settings.longest_retry),
+      copies_(settings.targets.size()),
       kept_(settings) {
   for (const target_settings& one : settings.targets) {
     targets_.push_back(make_target(one, settings.stall, limits_));
@@ -255,6 +256,11 @@ size_t courier::room() const {
 // Each time another one comes first, or what is due in the first ones would take all.
 void courier::hand_out() {
   if (folders_.empty() || room() == 0) return;
+  for (size_t target = 0; target < copies_.size(); ++target) {
+    copies_[target] = 0;
+    if (!settings_.targets[target].is_sealed()) continue;
+    for (const auto& [name, one] : folders_) copies_[target] += one->sealed(target);
+  }
   auto at = folders_.upper_bound(first_folder_);
   for (size_t left = folders_.size(); left > 0 && room() > 0; --left) {
     if (at == folders_.end()) at = folders_.begin();
@@ -278,7 +284,8 @@ void courier::hand_out(consignment& one) {
     for (consignment::errand& of : one.take_due(target, now_utc_ms(), most)) {
       gates_.began(target);
       add_work([this, &one, of = std::move(of)](http_client& by) {
-        carrier({mutex_, settings_, targets_, gates_, limits_, reports_}, by, one, of).carry();
+        carrier({mutex_, settings_, targets_, gates_, copies_, limits_, reports_}, by, one, of)
+            .carry();
       });
     }
   }

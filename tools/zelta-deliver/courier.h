@@ -105,9 +105,10 @@ class courier {
   bool ending_ = false;
   std::map<std::string, std::unique_ptr<consignment>> folders_;
   target_gates gates_;
-  bool posting_ = false;   // a webhook that doesn't answer takes one worker
-  bool may_clean_ = true;  // something ended since the last time
-  bool may_sweep_ = true;  // likewise
+  std::vector<size_t> copies_;  // sealed ones that stand, by targets
+  bool posting_ = false;        // a webhook that doesn't answer takes one worker
+  bool may_clean_ = true;       // something ended since the last time
+  bool may_sweep_ = true;       // likewise
 
   // The main thread's alone.
   std::vector<std::thread> workers_;

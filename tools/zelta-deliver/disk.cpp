@@ -104,10 +104,12 @@ bool replace_file(const std::string& path, const std::string& text, std::string&
 
 bool sync_folder(const std::string& path, std::string& error) {
   const base::unique_fd folder(open(path.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-  if (!folder.valid()) return fail(error, "open " + path);
+  return folder.valid() ? sync_folder(folder.get(), error) : fail(error, "open " + path);
+}
+
+bool sync_folder(int folder, std::string& error) {
   // Some network file systems have nothing to sync a folder with.
-  if (fsync(folder.get()) != 0 && errno != EINVAL) return fail(error, "fsync " + path);
-  return true;
+  return fsync(folder) == 0 || errno == EINVAL || fail(error, "fsync of the folder");
 }
 
 folder_mark mark_of(const std::string& folder) {

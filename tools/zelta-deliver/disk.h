@@ -39,6 +39,7 @@ bool write_all(int fd, const char* bytes, size_t size, std::string& error);
 // PATH.new goes.
 bool replace_file(const std::string& path, const std::string& text, std::string& error);
 bool sync_folder(const std::string& path, std::string& error);
+bool sync_folder(int folder, std::string& error);
 
 // Changes when something comes into a folder, goes, or is renamed, and when it is another folder.
 struct folder_mark {

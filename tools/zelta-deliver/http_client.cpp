@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
+#include <cstdlib>
 #include <new>
 #include <optional>
 #include <stdexcept>
@@ -19,6 +20,8 @@ constexpr size_t kMostBody = size_t{64} * 1024;
 constexpr size_t kMostHeaders = size_t{64} * 1024;
 constexpr size_t kPiece = size_t{64} * 1024;
 constexpr long kConnectSeconds = 20;
+// From there on libcurl sends no more of a file.
+constexpr int kLeastRefusal = 300;
 // Of what is read back, which no bound on what is sent slows down. A server may trickle, and is
 // then as stalled as one that is silent.
 constexpr long kLeastReadPerSecond = 1024;
@@ -30,6 +33,7 @@ struct transfer {
   pace& limits;
   uint64_t at = 0;  // of what is sent
   size_t header_bytes = 0;
+  bool refused = false;  // by a status that ends what is sent
   bool enough = false;
   std::optional<std::chrono::steady_clock::time_point> answered_at = std::nullopt;
   bool trickles = false;
@@ -107,7 +111,11 @@ size_t take_header(char* bytes, size_t size, size_t count, void* context) {
   if (of.header_bytes > kMostHeaders) return 0;
   try {
     const std::string line(bytes, got);
-    if (line.rfind("HTTP/", 0) == 0) of.answer.headers.clear();
+    if (line.rfind("HTTP/", 0) == 0) {
+      of.answer.headers.clear();
+      const size_t space = std::min(line.find(' '), line.size() - 1);
+      of.refused = std::atoi(line.c_str() + space) >= kLeastRefusal;
+    }
     const size_t colon = line.find(':');
     if (colon == std::string::npos) return got;
     std::string name = line.substr(0, colon);
@@ -126,7 +134,8 @@ size_t take_header(char* bytes, size_t size, size_t count, void* context) {
 // A file may take as long as it takes; an answer that has begun after it may not: a byte now and
 // then would keep the connection for ever.
 bool trickles(transfer& of) {
-  if (of.request.file < 0 || of.header_bytes == 0 || of.at < size_of(of.request)) {
+  const bool is_sent = of.at == size_of(of.request) || of.refused;
+  if (of.request.file < 0 || of.header_bytes == 0 || !is_sent) {
     of.answered_at.reset();
     return false;
   }

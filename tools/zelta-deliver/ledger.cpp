@@ -26,6 +26,7 @@ namespace {
 constexpr int kVersion = 1;
 constexpr size_t kMostBytes = size_t{256} << 20;
 constexpr size_t kMostParts = 10'000;
+constexpr uint64_t kMostSealedBytes = uint64_t{1} << 50;
 constexpr uint64_t kMostPartBytes = uint64_t{5} << 40;  // of what S3 takes as a whole
 constexpr const char* kLockName = ".delivery.lock";
 
@@ -99,6 +100,9 @@ shipment shipment_of(const Json::Value& from) {
   made.sealed_for = digest_of(from["sealed_for"]);
   made.sealed_sha256 = digest_of(from["sealed_sha256"]);
   made.sealed_bytes = from["sealed_bytes"].asUInt64();
+  const bool can_be =
+      made.sealed_sha256.empty() ? made.sealed_bytes == 0 : made.sealed_bytes <= kMostSealedBytes;
+  checked(made.sealed_sha256, can_be, "digest of so many bytes");
   return made;
 }
 

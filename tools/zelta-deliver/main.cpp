@@ -46,6 +46,8 @@ bool open_standard_streams() {
 
 int deliver(int argc, char** argv) {
   if (!open_standard_streams()) return kBroken;
+  // Who started us may have it ignored: children would leave nothing to be waited for.
+  signal(SIGCHLD, SIG_DFL);
   options asked;
   const parse_result parsed = parse_options(argc, argv, asked);
   if (!parsed.ok) return tools::print(parsed, "zelta-deliver");

@@ -24,7 +24,10 @@ constexpr const char* kFolderName = ".delivery";
 constexpr const char* kPartEnding = ".part";
 // A header of some hundred bytes a key, and 16 bytes for each 64 KiB.
 constexpr uint64_t kHeadBytes = uint64_t{64} * 1024;
-constexpr uint64_t kShareMore = 4000;
+constexpr uint64_t kPieceBytes = uint64_t{64} * 1024;
+constexpr uint64_t kTagBytes = 16;
+// One part in so many of the disk.
+constexpr uint64_t kShareLeft = 50;
 
 struct close_stream {
   void operator()(DIR* stream) const { closedir(stream); }
@@ -37,11 +40,6 @@ outcome later(const std::string& call) {
 base::unique_fd open_below(int folder, const std::string& name) {
   return base::unique_fd(
       openat(folder, name.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-}
-
-bool is_synced(int folder) {
-  // Some network file systems have nothing to sync a folder with.
-  return fsync(folder) == 0 || errno == EINVAL;
 }
 
 std::vector<std::string> names_in(int folder) {
@@ -57,13 +55,23 @@ std::vector<std::string> names_in(int folder) {
   return names;
 }
 
-// A full disk fails all else that stands on it, the recording first: it isn't filled for a copy
-// that then is of no use.
+// A full disk fails all else that stands on it, the recording first: a part of it is left free.
 bool has_room(int folder, uint64_t bytes) {
   struct statvfs disk {};
   if (fstatvfs(folder, &disk) != 0) return true;
-  const uint64_t wanted = bytes + bytes / kShareMore + kHeadBytes;
-  return wanted / std::max<uint64_t>(disk.f_frsize, 1) < disk.f_bavail;
+  const uint64_t wanted = bytes / std::max<uint64_t>(disk.f_frsize, 1);
+  return wanted + disk.f_blocks / kShareLeft < disk.f_bavail;
+}
+
+// So that those who seal beside it see what it is going to take. Not all file systems can.
+bool is_reserved(int file, uint64_t bytes) {
+  return fallocate(file, FALLOC_FL_KEEP_SIZE, 0, static_cast<off_t>(bytes)) == 0 ||
+         errno == EOPNOTSUPP || errno == ENOSYS;
+}
+
+// Without a header, which takes as much as there are keys.
+uint64_t least_sealed(uint64_t bytes) {
+  return bytes + (bytes + kPieceBytes - 1) / kPieceBytes * kTagBytes;
 }
 
 outcome read_back(int file, const pace& limits, sealed_copy& to) {
@@ -101,7 +109,8 @@ base::unique_fd sealed_copies::open_folder(const std::string& target, bool make,
     if (!at.valid()) break;
     const bool is_new = make && mkdirat(at.get(), name.c_str(), 0777) == 0;
     // Or a power cut could take it away again, with what was noted to stand in it.
-    if (is_new && !is_synced(at.get())) at.reset();
+    std::string fault;
+    if (is_new && !sync_folder(at.get(), fault)) at.reset();
     if (at.valid()) at = open_below(at.get(), name);
   }
   if (!at.valid()) {
@@ -119,7 +128,9 @@ outcome sealed_copies::make(const target_settings& target, const std::string& na
   const std::string whole = name + kSealedEnding;
   const std::string part = whole + kPartEnding;
   const std::optional<stamp> is = stamp_of(plain);
-  if (is && !has_room(folder.get(), is->bytes)) {
+  if (!is) return later("fstat " + name);
+  const uint64_t wanted = least_sealed(is->bytes) + kHeadBytes;
+  if (!has_room(folder.get(), wanted)) {
     return {outcome::kLater, "no room for a sealed copy of " + std::to_string(is->bytes) + " bytes",
             0};
   }
@@ -130,21 +141,39 @@ outcome sealed_copies::make(const target_settings& target, const std::string& na
   if (!fresh.file.valid()) return later("open " + part);
   const auto fill = [&]() -> outcome {
     if (lseek(plain, 0, SEEK_SET) != 0) return later("lseek");
+    if (!is_reserved(fresh.file.get(), wanted)) return later("fallocate " + part);
     outcome sealed =
         seal(settings.age, target.encrypt_for, plain, fresh.file.get(), settings.stall, limits);
     if (sealed.is != outcome::kDone) return sealed;
+    // What isn't needed of the reservation goes back.
+    struct stat written {};
+    if (fstat(fresh.file.get(), &written) != 0 || ftruncate(fresh.file.get(), written.st_size) != 0)
+      return later("ftruncate " + part);
     if (fsync(fresh.file.get()) != 0) return later("fsync " + part);
-    return read_back(fresh.file.get(), limits, fresh);
+    if (outcome read = read_back(fresh.file.get(), limits, fresh); read.is != outcome::kDone) {
+      return read;
+    }
+    // With `keep` the file itself goes once the target has the copy.
+    if (fresh.bytes < least_sealed(is->bytes)) {
+      return {outcome::kLater, settings.age + " ended well, and wrote too little", 0};
+    }
+    return {};
   };
-  if (outcome filled = fill(); filled.is != outcome::kDone) {
+  outcome filled = fill();
+  if (filled.is == outcome::kDone &&
+      renameat(folder.get(), part.c_str(), folder.get(), whole.c_str()) != 0) {
+    filled = later("rename " + part);
+  }
+  if (filled.is != outcome::kDone) {
     // A full disk isn't kept full.
     unlinkat(folder.get(), part.c_str(), 0);
     return filled;
   }
-  if (renameat(folder.get(), part.c_str(), folder.get(), whole.c_str()) != 0) {
-    return later("rename " + part);
+  if (!sync_folder(folder.get(), error)) {
+    // Nobody has noted it.
+    unlinkat(folder.get(), whole.c_str(), 0);
+    return {outcome::kLater, folder_ + "/" + kFolderName + ": " + error, 0};
   }
-  if (!is_synced(folder.get())) return later("fsync " + folder_ + "/" + kFolderName);
   made = std::move(fresh);
   return {};
 }
