@@ -330,9 +330,12 @@ TEST(RecordingFolder, HasAllThatItsManifestTells) {
   dir.file("recording.json", R"({"channel_id": "room", "files": [
     {"name": "7_a.mp4", "uid": 7, "kind": "audio_video", "video_codec": "h264", "audio_codec": "aac",
      "width": 640, "height": 360, "first_utc_ms": 11, "last_utc_ms": 14, "closed": "user left",
-     "crc32": "0a1b2c3d"},
-    {"name": "8_b.mp4", "channel_id": "hall", "crc32": "0a1b2c3"},
-    {"name": "8_c.mp4", "crc32": "0a1b2c3g"}, {"name": "8_d.mp4", "crc32": "0a1b2c3d4"}],
+     "bytes": 5, "crc32": "0a1b2c3d"},
+    {"name": "8_b.mp4", "channel_id": "hall", "bytes": 1, "crc32": "0a1b2c3"},
+    {"name": "8_c.mp4", "bytes": 1, "crc32": "0a1b2c3g"},
+    {"name": "8_d.mp4", "bytes": 1, "crc32": "0a1b2c3d4"},
+    {"name": "8_e.mp4", "bytes": -1, "crc32": "0a1b2c3d"},
+    {"name": "8_f.mp4", "crc32": "0a1b2c3d"}],
     "missing": [{"uid": 7, "medium": "video", "codec": "c", "reason": "r", "utc_ms": 15,
                  "until_utc_ms": 16}],
     "names": {"7": "alice", "-1": "x", "7a": "x"}, "pictures": {"7": 1}, "messages": {"7": 2},
@@ -343,7 +346,7 @@ TEST(RecordingFolder, HasAllThatItsManifestTells) {
   const auto all = recordings::read_manifests(dir.path(), errors);
   ASSERT_EQ(all.size(), 1U) << testing::PrintToString(errors);
   const recordings::manifest& m = all[0];
-  ASSERT_EQ(m.files.size(), 4U);
+  ASSERT_EQ(m.files.size(), 6U);
   const recordings::media_file& a = m.files[0];
   EXPECT_EQ(std::tie(a.channel_id, a.kind, a.video_codec, a.audio_codec, a.closed),
             std::make_tuple("room", "audio_video", "h264", "aac", "user left"));
@@ -352,7 +355,7 @@ TEST(RecordingFolder, HasAllThatItsManifestTells) {
   EXPECT_EQ(a.duration_ms(), 3);
   EXPECT_EQ(recordings::text_of_crc(*a.crc32), "0a1b2c3d");
   EXPECT_EQ(m.files[1].channel_id, "hall");
-  for (size_t at = 1; at < 4; ++at) EXPECT_FALSE(m.files[at].crc32) << m.files[at].name;
+  for (size_t at = 1; at < 6; ++at) EXPECT_FALSE(m.files[at].crc32) << m.files[at].name;
   ASSERT_EQ(m.missing.size(), 1U);
   const recordings::gap& gap = m.missing[0];
   EXPECT_EQ(std::tie(gap.uid, gap.channel_id, gap.medium, gap.codec, gap.reason, gap.utc_ms,
