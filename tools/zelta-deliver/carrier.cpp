@@ -303,7 +303,7 @@ void carrier::fail(const outcome& why) {
     // A target that answers, and takes nothing, would have the disk filled with copies of all that
     // waits: beside those under way as many may wait. What it has a part of goes on.
     const shipment& at = from_.at(of_);
-    const auto most = static_cast<size_t>(2 * with_.settings.connections);
+    const auto most = size_t{2} * static_cast<size_t>(with_.settings.connections);
     if (!at.sealed_sha256.empty() && at.parts.empty() && with_.copies[of_.target] > most) {
       --with_.copies[of_.target];
       from_.give_up_sealed(of_);
