@@ -60,6 +60,8 @@ av_ptr<AVCodecContext> open_sound_encoder(bool global_header) {
   made->bit_rate = kSoundBitrate;
   made->time_base = {1, kSampleRate};
   if (global_header) made->flags |= AV_CODEC_FLAG_GLOBAL_HEADER;
+  // At this bitrate the library's documentation has it for the better one, too; it takes half.
+  av_opt_set(made->priv_data, "aac_coder", "fast", 0);
   av_check(avcodec_open2(made.get(), made->codec, nullptr), "aac");
   return made;
 }

@@ -97,6 +97,7 @@ void film_file::start() {
 }
 
 void film_file::write(AVPacket& packet, int stream, AVRational time_base) {
+  const std::lock_guard<std::mutex> hold(writing_);
   const AVStream& to = *muxer_->streams[stream];
   packet.stream_index = stream;
   av_packet_rescale_ts(&packet, time_base, to.time_base);

@@ -1,9 +1,10 @@
 // SPDX-License-Identifier: Apache-2.0
-// The file that is made. One thread.
+// The file that is made. One thread, but for write().
 #pragma once
 
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "av.h"
@@ -26,7 +27,7 @@ class film_file {
   // it.
   int add_stream(const AVCodecParameters& parameters, AVRational time_base);
   void start();
-  // Takes the packet's content. Times are in `time_base`.
+  // Takes the packet's content. Times are in `time_base`. Any thread.
   void write(AVPacket& packet, int stream, AVRational time_base);
   // The file is whole and has its name.
   void finish();
@@ -39,6 +40,7 @@ class film_file {
   int64_t delay_of(const AVStream& stream) const;
 
   new_file file_;
+  std::mutex writing_;
   std::unique_ptr<AVFormatContext, muxer_deleter> muxer_;
 };
 

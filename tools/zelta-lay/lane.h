@@ -16,7 +16,8 @@ struct nothing_to_copy : std::runtime_error {
   using std::runtime_error::runtime_error;
 };
 
-// One thread. What it is made with outlives it. Its functions throw std::runtime_error.
+// One thread at a time, beside those of other lanes. What it is made with outlives it. Its
+// functions throw std::runtime_error.
 class lane {
  public:
   virtual ~lane() = default;

@@ -12,6 +12,7 @@
 #include "exit_status.h"
 #include "film_file.h"
 #include "lane.h"
+#include "lane_crew.h"
 #include "new_file.h"
 #include "recordings/volume_log.h"
 #include "reporter.h"
@@ -236,21 +237,14 @@ lanes lanes_of_film(job& j, film_file& into) {
 
 void make_film(job& j) {
   film_file into(j.asked.output, j.asked.force);
-  lanes all = j.asked.track ? lanes_of_track(j, into) : lanes_of_film(j, into);
+  const lanes all = j.asked.track ? lanes_of_track(j, into) : lanes_of_film(j, into);
   if (all.empty() && j.found.lines().empty()) {
     throw refusal("there is no sound to lay in " + j.asked.folder);
   }
   if (all.empty()) throw std::runtime_error(j.found.lines().back());
   into.start();
-  while (!all.empty()) {
-    throw_if_stopped();
-    // In the order of time, so that the muxer has little to hold.
-    const auto last = std::min_element(all.begin(), all.end(), [](const auto& a, const auto& b) {
-      return a->reached_us() < b->reached_us();
-    });
-    j.tell.progress("laid", (*last)->reached_us(), j.what.length_us());
-    if (!(*last)->advance()) all.erase(last);
-  }
+  run_lanes(all,
+            [&j](int64_t reached_us) { j.tell.progress("laid", reached_us, j.what.length_us()); });
   into.finish();
   j.made.push_back(j.asked.output);
 }

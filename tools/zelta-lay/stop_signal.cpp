@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "stop_signal.h"
 
+#include <atomic>
 #include <csignal>
 
 #include "zelta-record/ending_signals.h"
@@ -8,7 +9,9 @@
 namespace zelta::lay {
 namespace {
 
-volatile std::sig_atomic_t came = 0;
+// Which a handler may write, as it takes no lock.
+std::atomic<int> came{0};
+static_assert(std::atomic<int>::is_always_lock_free);
 
 void take(int number) {
   came = number;
