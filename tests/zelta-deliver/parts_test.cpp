@@ -153,6 +153,8 @@ TEST(Ledger, ThatNamesWhatIsNotOfTheRecordingIsRefused) {
       file("7_\\n.mp4", "", "media"),
       file("7_a.mp4", R"(, "upload_id": "u", "part_bytes": 0, "parts": ["x"])", "media"),
       file("7_a.mp4", R"(, "part_bytes": 18446744073709551615)", "media"),
+      file("7_a.mp4", R"(, "sealed_sha256": "ab", "sealed_bytes": 9223372036854775808)", "media"),
+      file("7_a.mp4", R"(, "sealed_bytes": 1)", "media"),
       file("7_a.mp4", R"(, "refusals": -1)", "media"),
       file("7_a.mp4", R"(, "sealed_sha256": "a\r\nx-amz-acl: public-read")", "media"),
       R"("files": {"7_a.mp4": {"rank": "media", "sha256": "a\r\nx-amz-acl: public-read"}})",

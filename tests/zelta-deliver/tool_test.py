@@ -295,6 +295,17 @@ echo it ran
                           for body in (events[one] for one in first)])
         self.assertEqual(json.loads(ran[0][ran[0].index("{"):])["bytes"], 1000)
 
+    def test_who_ignores_its_children_or_puts_a_pipe_in_the_way_holds_nothing_up(self):
+        made = Recording(self.dir).add("7_a.mp4", 10)
+        os.mkfifo(made.folder / "delivery.json.new")
+        settings = self.settings(self.target("folder"), hooks={"session": ["/bin/true"], "limit_s": 30})
+        began = time.monotonic()
+        told = self.run_tool(settings, made.folder,
+                             preexec_fn=lambda: signal.signal(signal.SIGCHLD, signal.SIG_IGN))
+        self.assertLess(time.monotonic() - began, 20)
+        self.assertEqual(self.count(told, "failed"), 0, told)
+        self.assertEqual(made.stages()["7_a.mp4"], {"confirmed"})
+
     def test_a_hook_that_hangs_is_ended_with_its_children_and_given_up(self):
         made = Recording(self.dir).add("7_a.mp4", 10)
         settings = self.settings(self.target("folder"), hooks={

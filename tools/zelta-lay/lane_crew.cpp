@@ -2,7 +2,6 @@
 #include "lane_crew.h"
 
 #include <algorithm>
-#include <chrono>
 #include <condition_variable>
 #include <exception>
 #include <limits>
@@ -16,8 +15,6 @@ namespace zelta::lay {
 namespace {
 
 constexpr int64_t kMostAheadUs = kSecond;
-// Progress is told once a second at most.
-constexpr std::chrono::milliseconds kLook{200};
 constexpr int64_t kAtItsEnd = std::numeric_limits<int64_t>::max();
 
 class crew {
@@ -36,7 +33,8 @@ class crew {
     }
     std::unique_lock<std::mutex> held(lock_);
     while (slowest() != kAtItsEnd && !failed_) {
-      changed_.wait_for(held, kLook);
+      // What changed meanwhile has been looked at by the loop.
+      changed_.wait(held);
       const int64_t at = slowest();
       if (at == kAtItsEnd) break;
       held.unlock();

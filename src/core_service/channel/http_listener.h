@@ -24,7 +24,7 @@ class http_listener {
     size_t most_connections = 1000;
     // From the handshake's end, or from renew(), which an end that takes one request never says.
     unsigned connection_ms = 30'000;
-    // Of it until the handshake is done, which may take a thread of GLib's.
+    // From the first packet to the handshake's end, which may take a thread of GLib's.
     unsigned handshake_ms = 10'000;
 
     // As above, or as many connections as one in `share` of the descriptors that the process may
