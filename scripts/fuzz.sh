@@ -1,16 +1,19 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
 # Fuzzes every parser of bytes that are not ours, with asan and ubsan: for MINUTES each (1 unless
-# given), or for a number of executions each ("10000000runs"), as many at a time as there are
-# processors. Names of targets may follow. Corpora stay in
+# given), for a number of seconds ("20s") or of executions ("10000000runs") each, as many at a time as
+# there are processors. Names of targets may follow. With --build it only builds them. Corpora stay in
 # build/fuzz/corpus and grow from run to run; prints executions, coverage and finds a target. Exit
 # status 1 after a find, whose input is then in build/fuzz/finds.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 # A fresh process every million executions: GLib's table of names grows in one, and slows it down.
 round=1000000
-case ${1:-1} in
+first=${1:-1}
+case $first in
   *runs) limit="-runs=$round" rounds=$(((${1%runs} + round - 1) / round)) ;;
+  *s) limit="-max_total_time=${1%s}" rounds=1 ;;
+  --build) ;;
   *) limit="-max_total_time=$((${1:-1} * 60))" rounds=1 ;;
 esac
 shift || true
@@ -18,6 +21,7 @@ shift || true
 scripts/install-deps.sh fuzz >&2
 cmake --preset fuzz >&2
 cmake --build --preset fuzz -- --quiet >&2
+[ "$first" != --build ] || exit 0
 targets=("$@")
 if [ ${#targets[@]} -eq 0 ]; then
   for program in build/fuzz/bin/fuzz_*; do targets+=("${program##*/fuzz_}"); done

@@ -6,10 +6,6 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 preset=${1:-release}
 
-echo "== setting up"
-scripts/install-deps.sh test browser
-echo "== building $preset"
-cmake --preset "$preset" -DZELTA_BUILD_TESTS=ON >/dev/null
-cmake --build --preset "$preset" -- --quiet
+scripts/build.sh "$preset"
 echo "== testing $preset"
 ctest --preset "$preset"

@@ -1,0 +1,12 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Builds the tests and what they run, of a preset (release unless named otherwise: debug, asan, tsan).
+set -euo pipefail
+cd "$(dirname "$0")/.."
+preset=${1:-release}
+
+echo "== setting up"
+scripts/install-deps.sh test browser
+echo "== building $preset"
+cmake --preset "$preset" -DZELTA_BUILD_TESTS=ON >/dev/null
+cmake --build --preset "$preset" -- --quiet
