@@ -30,10 +30,10 @@ endif()
 target_include_directories(
   zelta_options
   INTERFACE "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>"
-            "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>")
+            "$<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/src>"
+            "$<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/generated>")
 target_compile_definitions(
-  zelta_options INTERFACE "ZELTA_REVISION=\"${ZELTA_REVISION}\""
-                          "ZELTA_LIBEXEC_FROM_LIB=\"${ZELTA_LIBEXEC_FROM_LIB}\"")
+  zelta_options INTERFACE "ZELTA_LIBEXEC_FROM_LIB=\"${ZELTA_LIBEXEC_FROM_LIB}\"")
 set(CMAKE_CXX_VISIBILITY_PRESET hidden)
 set(CMAKE_VISIBILITY_INLINES_HIDDEN ON)
 set(CMAKE_POSITION_INDEPENDENT_CODE ON)

@@ -13,6 +13,7 @@
 #include "base/safe_log.h"
 #include "protocol/ipc_protocol.h"
 #include "rec_engine/RecordingEngineImpl.h"
+#include "zelta_revision.h"
 
 // A line that is streamed together: ENGINE_LOG(NOTICE_LOG) << "uid: " << uid;
 #define ENGINE_LOG(level)                                      \

@@ -11,6 +11,7 @@
 
 #include "disk.h"
 #include "exit_status.h"
+#include "zelta_revision.h"
 
 namespace zelta::deliver {
 namespace {

@@ -5,6 +5,7 @@
 
 #include "exit_status.h"
 #include "film_file.h"
+#include "zelta_revision.h"
 
 namespace zelta::lay {
 namespace {

@@ -9,6 +9,7 @@
 #include "exit_status.h"
 #include "secret_sources.h"
 #include "words.h"
+#include "zelta_revision.h"
 
 namespace zelta::record {
 namespace {

@@ -9,6 +9,7 @@
 #include "core_service/channel/glib.h"
 #include "exit_status.h"
 #include "secret_sources.h"
+#include "zelta_revision.h"
 
 namespace zelta::view {
 namespace {

@@ -7,6 +7,7 @@
 #include "IZeltaRecordingEngine.h"
 #include "base/clocks.h"
 #include "protocol/ipc_protocol.h"
+#include "zelta_revision.h"
 
 namespace zelta::core_service {
 namespace {
