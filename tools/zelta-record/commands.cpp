@@ -17,6 +17,7 @@ namespace zelta::record {
 namespace {
 
 constexpr size_t kLongestLine = 64 << 10;
+constexpr double kLongestLease = 24 * 3600;
 constexpr const char* kNoPicture =
     "no picture is mixed: it takes --is-mixing-enabled, and not --is-audio-only";
 
@@ -81,6 +82,16 @@ std::string set_log_level(command_scope& scope, const std::string& level) {
   return "";
 }
 
+std::string renew(command_scope& scope, const std::string& text) {
+  char* end = nullptr;
+  const double seconds = std::strtod(text.c_str(), &end);
+  if (*end != '\0' || !(seconds >= 0 && seconds <= kLongestLease)) {
+    return "\"" + text + "\" should be seconds, 0 to 86400";
+  }
+  scope.renewed_s = seconds;
+  return "";
+}
+
 std::string leave(command_scope& scope, const std::string& /*none*/) {
   scope.leave = true;
   return "";
@@ -98,6 +109,7 @@ constexpr command kCommands[] = {
     {"layout", "layout FILE", true, arrange},
     {"background", "background UID [IMAGE]", true, set_background},
     {"log-level", "log-level LEVEL", true, set_log_level},
+    {"renew", "renew SECONDS", true, renew},
     {"leave", "leave", false, leave},
 };
 

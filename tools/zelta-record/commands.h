@@ -2,6 +2,7 @@
 // What may be changed while it records: one command a line, from standard input.
 #pragma once
 
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -34,6 +35,7 @@ struct command_scope {
   // Set by commands.
   bool started = false;
   bool leave = false;
+  std::optional<double> renewed_s = std::nullopt;  // of the lease, from now on
 };
 
 // Carries the command out. Empty, or what is wrong with it and what would be right.

@@ -105,6 +105,9 @@ void add_tool_options(CLI::App& app, options& o, secret_files& files) {
   app.add_option("--duration", o.duration_s, "seconds after the join at which to leave")
       ->check(seconds());
   app.add_flag("--commands", o.commands, "take commands from standard input, one a line");
+  app.add_option("--lease", o.lease_s,
+                 "seconds after which it leaves, unless the command renew gives it more")
+      ->check(seconds());
   app.add_option("--layout", o.layout_path, "JSON file: where users stand on the mixed picture");
   app.add_option("--settings", o.settings_path,
                  "JSON file: what holds for each recording of this machine; default: the one that "
@@ -189,6 +192,7 @@ std::string settle(const CLI::App& app, options& o, const secret_files& files) {
     if (o.channel_id.empty()) o.channel_id = kDemoChannel;
     if (app.count("--duration") == 0) o.duration_s = kDemoSeconds;
   }
+  if (o.lease_s > 0) o.commands = true;
   if (o.channel_id.empty()) return "name the channel, or try --demo; --help shows all options";
   // What people expect of a mix is a file that they can play.
   if (app.count("--mixed-video-audio") == 0 && c.isMixingEnabled && !c.isAudioOnly &&

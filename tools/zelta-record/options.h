@@ -28,6 +28,7 @@ struct options {
   std::string settings_path;
   std::string metrics_address;
   bool commands = false;
+  double lease_s = 0;             // 0: for as long as it takes
   std::string configured_server;  // that the configuration file names; else empty
   std::string fixed_folder;       // that the configuration file names, with a slash; else empty
 

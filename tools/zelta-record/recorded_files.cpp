@@ -30,6 +30,8 @@ void add_manifest(const recordings::manifest& one, const std::string& channel_id
   all.dropped.pictures += one.dropped.pictures;
   all.dropped.coded += one.dropped.coded;
   all.dropped.sound += one.dropped.sound;
+  // One that is over is behind nothing.
+  if (one.sessions.empty() || !one.sessions.back().ended.empty()) return;
   all.lag_of_packets_ms = std::max(all.lag_of_packets_ms, one.lag_of_packets_ms);
   all.lag_of_disk_ms = std::max(all.lag_of_disk_ms, one.lag_of_disk_ms);
 }

@@ -32,6 +32,7 @@ using std::chrono::milliseconds;
 using clock = std::chrono::steady_clock;
 
 constexpr milliseconds kProgress(1000);
+constexpr int kSecondsOfProgress = 5;
 constexpr auto kDefaultLevel = recording::ZELTA_LOG_LEVEL_NOTICE;
 
 struct release_engine {
@@ -65,6 +66,9 @@ class recording_run {
   void tell_page();
   void take_signal();
   void take_commands();
+  void renew_lease(double seconds);
+  bool is_lease_over();
+  void tell_progress();
   void show_progress();
 
   options& o_;
@@ -76,9 +80,11 @@ class recording_run {
   std::unique_ptr<chunk_file> chunk_;
   engine_ptr engine_;
   std::optional<command_scope> scope_;
+  clock::time_point lease_until_ = clock::time_point::max();
   recording_place place_;
   std::shared_ptr<recording_metrics> metrics_;
   std::unique_ptr<metrics::metrics_server> metrics_server_;
+  int seconds_ = 0;
   // At the last progress line, for rates.
   double shown_s_ = 0;
   uint64_t shown_frames_ = 0;
@@ -171,9 +177,11 @@ exit_status recording_run::refused(int code, const std::string& why) {
 void recording_run::record_until_end() {
   auto end = clock::time_point::max();
   auto next_line = clock::now() + kProgress;
+  if (o_.lease_s > 0) renew_lease(o_.lease_s);
   auto before = reporter::state::kJoining;
   while (clock::now() < end && !scope_->leave) {
-    const auto wake = std::min(next_line, end);
+    if (is_lease_over()) return;
+    const auto wake = std::min({next_line, end, lease_until_});
     const auto left = std::chrono::ceil<milliseconds>(wake - clock::now()).count();
     std::array<pollfd, 3> fds{pollfd{report_.changes(), POLLIN, 0},
                               pollfd{signals_.fd(), POLLIN, 0}, pollfd{commands_.fd(), POLLIN, 0}};
@@ -190,6 +198,7 @@ void recording_run::record_until_end() {
     before = state;
     if (clock::now() < next_line) continue;
     show_progress();
+    tell_progress();
     next_line = clock::now() + kProgress;
   }
 }
@@ -212,12 +221,43 @@ void recording_run::take_signal() {
   report_.stop();
 }
 
+void recording_run::renew_lease(double seconds) {
+  lease_until_ = clock::now() + milliseconds(static_cast<int64_t>(seconds * 1000));
+}
+
+// Whoever gave it has died, hangs, or isn't to record this any more: somebody else may do so by
+// now. Until then it goes on, also when nobody is there to give it more: what it records is all
+// that there is.
+bool recording_run::is_lease_over() {
+  if (o_.lease_s <= 0 || clock::now() < lease_until_) return false;
+  out_.event("lease over", {});
+  return true;
+}
+
 void recording_run::take_commands() {
   for (const std::string& line : commands_.take()) {
     const std::string fault = run_command(line, *scope_);
+    if (scope_->renewed_s) {
+      renew_lease(*std::exchange(scope_->renewed_s, std::nullopt));
+      continue;
+    }
     out_.event("command", {{"line", line}, {"result", fault.empty() ? "done" : fault}});
     if (scope_->leave) return;
   }
+}
+
+// For whoever keeps it on a lease, and tells others how it does.
+void recording_run::tell_progress() {
+  if (!o_.json || o_.lease_s <= 0 || ++seconds_ % kSecondsOfProgress != 0) return;
+  const recorded all = read_recorded(place_);
+  const reporter::facts facts = report_.now();
+  out_.event("progress",
+             {{"users", facts.users},
+              {"files", Json::UInt64{all.files.size()}},
+              {"bytes", Json::UInt64{all.bytes()}},
+              {"missing", Json::UInt64{all.missing.size()}},
+              {"restarts", facts.restarts},
+              {"lag_ms", Json::Int64{std::max(all.lag_of_packets_ms, all.lag_of_disk_ms)}}});
 }
 
 void recording_run::show_progress() {
