@@ -107,6 +107,28 @@ TEST(Ledger, ComesBackAsItWasKept) {
   EXPECT_EQ(read->files.at("7_a.mp4").is, file.is);
 }
 
+TEST(RemotePath, KeepsLogsOfMachinesThatRecordedOneCallApart) {
+  const struct {
+    std::vector<const char*> manifests;
+    const char* file;
+    const char* path;
+  } rows[] = {
+      {{"recording.json", "recording_2.json"}, "recording_engine.log", "c/recording_engine.log"},
+      {{"recording_10.json", "recording_2.json"},
+       "recording_engine.log",
+       "c/recording_engine_2.log"},
+      {{"recording_3.json"}, "recording_engine.log.1", "c/recording_engine_3.log.1"},
+      {{"recording_3.json"}, "recording_3.json", "c/recording_3.json"},
+      {{}, "recording_engine.log", "c/recording_engine.log"},
+  };
+  for (const auto& row : rows) {
+    deliver::ledger of;
+    of.remote = "c";
+    for (const char* const name : row.manifests) of.files[name];
+    EXPECT_EQ(deliver::remote_path(of, row.file), row.path);
+  }
+}
+
 TEST(Ledger, ThatCannotBeUnderstoodIsNeverTakenForNone) {
   for (const char* const text : {"", "{", "[]", R"({"version": 2, "files": {}})",
                                  R"({"version": 1, "files": {"a": {"rank": "media", "targets":

@@ -54,7 +54,7 @@ bool carrier::load() {
   {
     const std::lock_guard lock(with_.mutex);
     const entry& is = from_.file(of_.file);
-    parcel_.remote = from_.state().remote + "/" + of_.file;
+    parcel_.remote = remote_path(from_.state(), of_.file);
     parcel_.replaces = from_.at(of_).ours;
     is_ = is.is;
     order_ = is.order;

@@ -19,6 +19,7 @@
 #include "digest.h"
 #include "names.h"
 #include "recordings/folder_state.h"
+#include "recordings/recording_folder.h"
 
 namespace zelta::deliver {
 namespace {
@@ -257,6 +258,23 @@ std::optional<ledger> load_ledger(const std::string& folder, std::string& error)
             "; move it away to have everything compared with the targets anew";
     return std::nullopt;
   }
+}
+
+std::string remote_path(const ledger& of, const std::string& file) {
+  const std::string log = "recording_engine";
+  const std::string stem = "recording";
+  if (file.compare(0, log.size(), log) != 0) return of.remote + "/" + file;
+  // The shortest name has the lowest number: "" of the first, then "_2".
+  std::string number;
+  bool found = false;
+  for (const auto& [name, is] : of.files) {
+    if (!recordings::is_manifest_name(name)) continue;
+    const std::string its = name.substr(stem.size(), name.rfind('.') - stem.size());
+    const bool is_lower = its.size() != number.size() ? its.size() < number.size() : its < number;
+    if (!found || is_lower) number = its;
+    found = true;
+  }
+  return of.remote + "/" + log + number + file.substr(log.size());
 }
 
 bool save_ledger(const std::string& folder, const ledger& of, std::string& error) {

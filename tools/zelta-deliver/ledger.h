@@ -89,6 +89,11 @@ struct ledger {
   uint64_t next_notice = 1;
 };
 
+// What a file of the folder is called at targets. Logs of several machines that recorded one call
+// after each other come together there, as their manifests do: each is called by the number of its
+// machine's first manifest.
+std::string remote_path(const ledger& of, const std::string& file);
+
 constexpr const char* kLedgerName = "delivery.json";
 
 // A new one with an id when there is none. Empty with `error` when it can't be read: a state that

@@ -1,8 +1,11 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "core_service/folder/folder_share.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
+#include <cstdlib>
+#include <cstring>
 #include <utility>
 
 #include <fcntl.h>
@@ -32,13 +35,21 @@ std::string session_of(const std::string& journal) {
 
 }  // namespace
 
-folder_share::folder_share(std::string folder, std::string session, bool recovery)
+folder_share::folder_share(std::string folder, std::string session, bool recovery, int first)
     : folder_(std::move(folder)), session_(std::move(session)) {
+  number_ = first;
   for (; recovery && access(lock_path().c_str(), F_OK) == 0; ++number_) {
     if (session_of(folder_ + journal_name()) == session_ && take()) return;
   }
-  number_ = 1;
+  number_ = first;
   while (number_ < kMost && (is_awaited() || !take())) ++number_;
+}
+
+int folder_share::first_of_environment() {
+  const char* const text = std::getenv("ZELTA_FIRST_MANIFEST");
+  int number = 1;
+  if (text != nullptr) std::from_chars(text, text + std::strlen(text), number);
+  return std::clamp(number, 1, kMost);
 }
 
 std::string folder_share::session_name(unsigned uid, const std::string& channel_id) {

@@ -14,10 +14,15 @@ namespace zelta::core_service {
 
 class folder_share {
  public:
-  // Takes the first share that nobody has, or with `recovery` the one whose journal is this
-  // session's, if there is such a one. `folder` has its slash. A folder that can't be locked counts
-  // as this session's alone.
-  folder_share(std::string folder, std::string session, bool recovery);
+  // Takes the first share from number `first` on that nobody has, or with `recovery` the one whose
+  // journal is this session's, if there is such a one. `folder` has its slash. A folder that can't
+  // be locked counts as this session's alone.
+  folder_share(std::string folder, std::string session, bool recovery, int first = 1);
+
+  // What ZELTA_FIRST_MANIFEST says: machines that record one call after each other, each into a
+  // folder of its own, have their files come together without one manifest replacing another's. 1
+  // where it says nothing.
+  static int first_of_environment();
 
   // The name by which journals tell sessions, and a relaunched recorder knows its own: of the
   // engine's process, the recorder's uid as it was called for, and the channel.

@@ -84,7 +84,7 @@ session::session(options given, const recorder_settings& settings, std::string s
       live_(options_),
       share_(options_.recording_file_dir,
              folder_share::session_name(options_.uid, options_.channel_id),
-             options_.recovery_id > 0),
+             options_.recovery_id > 0, folder_share::first_of_environment()),
       writer_([this](const std::string& path, int error) {
         poster_.post([this, path, error] { on_not_written(path, error); });
       }),
