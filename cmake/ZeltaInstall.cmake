@@ -11,9 +11,10 @@ install(
   ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}"
   INCLUDES DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(TARGETS ZeltaCoreService RUNTIME DESTINATION "${ZELTA_LIBEXECDIR}")
-install(TARGETS zelta-record zelta-deliver zelta-lay zelta-view RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+install(TARGETS zelta-record zelta-deliver zelta-lay zelta-view zelta-worker zelta-fleet
+        RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 install(FILES packaging/zelta-record.1 packaging/zelta-deliver.1 packaging/zelta-lay.1 packaging/zelta-view.1
-              packaging/ZeltaCoreService.1
+              packaging/zelta-worker.1 packaging/zelta-fleet.1 packaging/ZeltaCoreService.1
         DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
 
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/zelta_recording")

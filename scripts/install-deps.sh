@@ -6,16 +6,17 @@
 # with "bench" what the benchmarks compare with and draw by; with "fuzz" what the fuzzers are built
 # with; with "mutate" what scripts/mutate.sh builds with; with "lint" what CI's checks need too; with
 # "crowd" what scripts/check-crowd.sh encrypts with; with "deliver" what scripts/check-deliver.sh runs
-# and cuts.
+# and cuts; with "fleet" what scripts/check-fleet.sh does.
 #
-# "test" brings nginx and an SSH server, which Debian starts where systemd runs: they listen on ports 80
-# and 22 until `systemctl disable --now nginx ssh`. The tests start their own, on the loopback.
+# "test" brings nginx, an SSH server and a NATS server, which Debian starts where systemd runs: they
+# listen on ports 80, 22 and 4222 until `systemctl disable --now nginx ssh nats-server`. The tests start
+# their own, on the loopback.
 set -euo pipefail
 
 packages=(
   g++ cmake ninja-build pkg-config git ca-certificates
   libjsoncpp-dev libcli11-dev prometheus-cpp-dev libsrtp2-dev libusrsctp-dev libopus-dev libssl-dev zlib1g-dev libsoup-3.0-dev
-  glib-networking libcurl4-openssl-dev
+  glib-networking libcurl4-openssl-dev libnats-dev
   libgstreamer1.0-dev libgstreamer-plugins-base1.0-dev libgstreamer-plugins-bad1.0-dev
   gstreamer1.0-plugins-base gstreamer1.0-plugins-good gstreamer1.0-plugins-bad
   gstreamer1.0-plugins-ugly gstreamer1.0-libav
@@ -24,18 +25,19 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(libgtest-dev python3-jsonschema procps nginx-light openssh-server age) ;;
+    test) packages+=(libgtest-dev python3-jsonschema procps nginx-light openssh-server age nats-server openssl) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     sound) packages+=(pulseaudio pulseaudio-utils) ;;
     deliver)
       packages+=(nginx-light openssh-server age iproute2 nftables nodejs)
       # Other packages of Node.js than Debian's bring it along.
       command -v npm >/dev/null || packages+=(npm) ;;
-    bench) packages+=(libzmq3-dev gnuplot-nox) ;;
+    fleet) packages+=(nats-server iproute2 nftables) ;;
+    bench) packages+=(libzmq3-dev gnuplot-nox nats-server) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
-    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, bench, fuzz, mutate or lint" >&2; exit 2 ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, fleet, bench, fuzz, mutate or lint" >&2; exit 2 ;;
   esac
 done
 

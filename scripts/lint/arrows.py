@@ -20,6 +20,7 @@ ROOMS = {
     "rec_engine": "include base packets protocol link",
     "recordings": "base",
     "metrics": "",
+    "fleet": "base",
     "core_service/engine": "include base packets link",
     "core_service/folder": "base recordings",
     "core_service/media": "base core_service/folder",

@@ -68,4 +68,9 @@ ZELTA_SERVICE_DIR=$(dirname "$(find "$work/tree" -name ZeltaCoreService)") \
 test -s "$work/tree/share/man/man1/zelta-record.1"
 test -s "$work/tree/share/man/man1/zelta-deliver.1"
 test -s "$work/tree/share/man/man1/zelta-view.1"
+# A worker looks for its recorder beside itself.
+for program in zelta-worker zelta-fleet; do
+  "$work/tree/bin/$program" --help >/dev/null
+  test -s "$work/tree/share/man/man1/$program.1"
+done
 echo "installed tree works by CMake and pkg-config"

@@ -1,0 +1,168 @@
+// SPDX-License-Identifier: Apache-2.0
+// The way to NATS: one connection, the fleet's streams and buckets, and what is asked of them.
+//
+// Any thread; calls wait for the servers, as long as `patience` says. What fails says why, in
+// words; nothing throws but std::bad_alloc.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <cstdint>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "fleet/handles.h"
+#include "fleet/listening.h"
+
+namespace zelta::fleet {
+
+struct broker_settings {
+  std::vector<std::string> urls = {"nats://127.0.0.1:4222"};
+  std::string name;              // of the client, as servers list it
+  std::string credentials_file;  // of a user: a JWT and its key; empty: none
+  std::string ca_file;           // who signed the servers' certificates; empty: the machine's
+  std::string certificate_file;  // with key_file: the client's own
+  std::string key_file;
+  int replicas = 1;  // of streams and buckets that aren't there yet: 1, 3 or 5
+  std::chrono::milliseconds patience{3000};
+};
+
+// What became of a change that only holds for the revision that was known.
+enum class change { kDone, kOutdated, kFailed };
+
+struct stored {
+  std::string key;
+  std::string value;
+  uint64_t revision = 0;
+  int64_t utc_ms = 0;
+  bool deleted = false;
+};
+
+// What a server told lately that this user may not do: that comes beside what was asked, which then
+// times out.
+class violations {
+ public:
+  void note(std::string text);
+  // Empty: nothing, within the last seconds.
+  std::string latest() const;
+
+ private:
+  mutable std::mutex lock_;
+  std::string text_;
+  std::chrono::steady_clock::time_point at_;
+};
+
+class bucket {
+ public:
+  // Borrows what says why something failed.
+  bucket(bucket_ptr made, std::string name, const violations& denied)
+      : kv_(std::move(made)), name_(std::move(name)), denied_(denied) {}
+
+  // Nothing, with an empty error, when there is none.
+  std::optional<stored> get(const std::string& key, std::string& error) const;
+  // `revision` is the one that is replaced (0: there must be none), and becomes the new one.
+  change update(const std::string& key, const std::string& value, uint64_t& revision,
+                std::string& error) const;
+  bool put(const std::string& key, const std::string& value, std::string& error) const;
+  // All that there is; in no order.
+  std::vector<stored> all(std::string& error) const;
+  // What there is, then what comes, until `stop`; a call with nothing says that all was told that
+  // there was.
+  void watch(const std::atomic<bool>& stop, const std::function<void(const stored*)>& tell,
+             std::string& error) const;
+  std::vector<stored> history(const std::string& key, std::string& error) const;
+
+ private:
+  std::string words(const std::string& key, natsStatus status) const;
+
+  const bucket_ptr kv_;
+  const std::string name_;
+  const violations& denied_;
+};
+
+class broker {
+ public:
+  // Connects, waits for that, and keeps on trying later whenever the connection is lost. Null, with
+  // `error`.
+  static std::unique_ptr<broker> connect(const broker_settings& settings, std::string& error);
+  broker(const broker&) = delete;
+  broker& operator=(const broker&) = delete;
+  ~broker();
+
+  // Makes the streams and buckets that aren't there; those that are stay as they are. Servers that
+  // are just electing are asked again for half a minute.
+  bool prepare(std::chrono::milliseconds workers_ttl, std::string& error);
+  // Of those that prepare() made.
+  const bucket& recordings() const { return *recordings_; }
+  const bucket& wishes() const { return *wishes_; }
+  const bucket& workers() const { return *workers_; }
+  const bucket& deliveries() const { return *deliveries_; }
+
+  // Kept once by this id, however often it is tried, within two minutes.
+  // `is_repeat`: it was there already.
+  bool publish(const std::string& subject, const std::string& text, const std::string& id,
+               bool& is_repeat, std::string& error);
+  // Whoever listens gets it, or nobody: not kept.
+  bool say(const std::string& subject, const std::string& text);
+  // The answer; nothing, with `error`, and not `is_heard` when nobody listens or answers.
+  std::optional<std::string> ask(const std::string& subject, const std::string& text,
+                                 bool& is_heard, std::string& error);
+  // Null, with `error`.
+  std::unique_ptr<listening> listen(const std::string& subject, listening::heard to,
+                                    std::string& error);
+
+  // Says `text` to `subject`, whose answer goes to `answer_to`, under a subject of answers().
+  bool say(const std::string& subject, const std::string& answer_to, const std::string& text);
+  // What is answered to subjects that begin so, with what follows the beginning. As listen().
+  std::unique_ptr<listening> answers(std::string& beginning,
+                                     std::function<void(const std::string&)> told,
+                                     std::string& error);
+
+  // The queue of jobs of a label: its consumer is made when there is none. `lease`: a job that
+  // isn't renewed for so long is somebody else's.
+  subscription_ptr queue(const std::string& label, std::chrono::milliseconds lease,
+                         std::string& error);
+  struct queue_numbers {
+    uint64_t waiting = 0;
+    uint64_t taken = 0;
+  };
+  // By label: of those that jobs ask for, or a worker has asked for.
+  std::map<std::string, queue_numbers> numbers(std::string& error);
+  // Whether the job of that number still stands there: it isn't over. Nothing, with `error`, when
+  // it can't be asked.
+  std::optional<bool> stands_in_queue(uint64_t sequence, std::string& error);
+
+  bool is_connected() const { return connected_.load(std::memory_order_acquire); }
+  jsCtx* jetstream() const { return js_.get(); }
+
+ private:
+  explicit broker(const broker_settings& settings) : settings_(settings) {}
+
+  bool ensure_stream(const char* name, const char* subject, bool is_queue, std::string& error);
+  std::unique_ptr<bucket> ensure_bucket(const char* name, int history,
+                                        std::chrono::milliseconds ttl, std::string& error);
+  bool again_until(std::chrono::steady_clock::time_point until, natsStatus of) const;
+  bool fail(std::string& error, const std::string& what, natsStatus status) const;
+  void on_closed();
+
+  const broker_settings settings_;
+  std::atomic<bool> connected_{false};
+  violations denied_;
+  std::mutex closing_lock_;
+  std::condition_variable closing_;
+  bool closed_ = false;
+  connection_ptr connection_;
+  jetstream_ptr js_;
+  std::unique_ptr<bucket> recordings_;
+  std::unique_ptr<bucket> wishes_;
+  std::unique_ptr<bucket> workers_;
+  std::unique_ptr<bucket> deliveries_;
+};
+
+}  // namespace zelta::fleet
