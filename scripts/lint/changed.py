@@ -3,13 +3,14 @@
 """Prints which sources clang-tidy has to read again, as patterns for run-clang-tidy, a line each.
 
 These are the sources that changed since the commit in scripts/lint/checked, and for every header that
-did, the first source that includes it. All of them if the settings of clang-tidy changed, or if this
-clone doesn't have that commit."""
+did, the first source that includes it. All of them if the settings of clang-tidy changed. A clone that
+doesn't have that commit, as one without its history, has the files of its last commit read."""
 
 import os
 import pathlib
 import re
 import subprocess
+import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
 EVERYTHING = "(src|tools|tests|bench|fuzz|examples)/"
@@ -20,17 +21,20 @@ def git(*arguments):
 
 
 def changed_files():
-    """Paths below the root, or None where it can't be told."""
+    """Paths below the root."""
     commit = (ROOT / "scripts/lint/checked").read_text().split()[0]
-    try:
-        return git("diff", "--name-only", "--diff-filter=d", commit) + git("ls-files", "-o", "--exclude-standard")
-    except subprocess.CalledProcessError:
-        return None
+    unknown = git("ls-files", "-o", "--exclude-standard")
+    for since in (commit, "HEAD~1"):
+        try:
+            return git("diff", "--name-only", "--diff-filter=d", since) + unknown
+        except subprocess.CalledProcessError:
+            print(f"changed.py: {since} isn't in this clone", file=sys.stderr)
+    return unknown
 
 
 def main():
     changed = changed_files()
-    if changed is None or ".clang-tidy" in changed:
+    if ".clang-tidy" in changed:
         print(re.escape(f"{ROOT}/") + EVERYTHING)
         return
     sources = {path for path in changed if path.endswith(".cpp")}
