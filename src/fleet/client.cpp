@@ -2,13 +2,11 @@
 #include "fleet/client.h"
 
 #include <algorithm>
-#include <chrono>
-#include <exception>
 #include <map>
-#include <memory>
 #include <random>
 
 #include "base/clocks.h"
+#include "fleet/amend.h"
 #include "fleet/json_text.h"
 #include "fleet/names.h"
 
@@ -160,28 +158,13 @@ client::outcome client::command(const std::string& id, const Json::Value& what,
   }
   const bool is_leave = what["command"] == "leave";
   // First where it lasts: whoever has it now may die before its end is known.
-  if (is_leave && !wish_to_leave(id, error)) return outcome::kFailed;
+  const auto leave = [](Json::Value& wishes) { wishes["leave"] = true; };
+  if (is_leave && !amend(by_.wishes(), id, leave, error)) return outcome::kFailed;
   bool is_heard = false;
   if (ask(command_subject(id), what, is_heard, error)) return outcome::kDone;
   if (is_leave) return outcome::kLater;
   if (!is_heard) error = "nobody records it now";
   return outcome::kFailed;
-}
-
-bool client::wish_to_leave(const std::string& id, std::string& error) {
-  constexpr int kMostTries = 10;
-  change made = change::kOutdated;
-  for (int at = 0; at < kMostTries && made == change::kOutdated; ++at) {
-    const std::optional<stored> before = by_.wishes().get(id, error);
-    if (!error.empty()) return false;
-    Json::Value wishes = before ? parsed(before->value) : Json::nullValue;
-    if (!wishes.isObject()) wishes = Json::objectValue;
-    wishes["leave"] = true;
-    uint64_t revision = before ? before->revision : 0;
-    made = by_.wishes().update(id, line_of(wishes), revision, error);
-  }
-  if (made == change::kDone) error.clear();
-  return made == change::kDone;
 }
 
 bool client::note_delivered(const std::string& folder, const std::string& worker,
@@ -197,22 +180,13 @@ bool client::note_delivered(const std::string& folder, const std::string& worker
     error = "no stretch of \"" + cut(id) + "\" is in " + folder;
     return false;
   }
-  // Beside the state, which whoever records it writes. Each writing that came between is added to.
-  constexpr int kMostTries = 10;
-  change made = change::kOutdated;
-  for (int at = 0; at < kMostTries && made == change::kOutdated; ++at) {
-    const std::optional<stored> found = by_.deliveries().get(id, error);
-    if (!error.empty()) return false;
-    Json::Value known = found ? parsed(found->value) : Json::nullValue;
-    if (!known.isObject()) known = Json::objectValue;
+  // Beside the state, which whoever records it writes.
+  const auto add = [&](Json::Value& known) {
     for (const stretch& one : all) {
       if (is_meant(one)) known[one.worker][folder] = Json::Int64{base::utc_ms()};
     }
-    uint64_t revision = found ? found->revision : 0;
-    made = by_.deliveries().update(id, line_of(known), revision, error);
-  }
-  if (made != change::kDone) return false;
-  error.clear();
+  };
+  if (!amend(by_.deliveries(), id, add, error)) return false;
   Json::Value event;
   event["event"] = "delivered";
   event["job"] = id;

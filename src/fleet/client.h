@@ -53,7 +53,6 @@ class client {
   bool drain(const std::string& worker, bool handover, std::string& error);
 
  private:
-  bool wish_to_leave(const std::string& id, std::string& error);
   bool ask(const std::string& subject, const Json::Value& what, bool& is_heard, std::string& error);
 
   broker& by_;

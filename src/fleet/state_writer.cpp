@@ -4,6 +4,7 @@
 #include <chrono>
 #include <utility>
 
+#include "fleet/amend.h"
 #include "fleet/json_text.h"
 #include "fleet/names.h"
 #include "fleet/recording_state.h"
@@ -151,14 +152,13 @@ bool state_writer::write_states(std::unique_lock<std::mutex>& held) {
 
 // That it is to end may have been wished meanwhile, while nobody could be told.
 bool state_writer::write_wish(const std::string& job, const std::string& text) {
+  const auto replace = [&text](Json::Value& wishes) {
+    const Json::Value leave = wishes["leave"];
+    wishes = parsed(text);
+    if (leave.isBool()) wishes["leave"] = leave;
+  };
   std::string error;
-  const std::optional<stored> there = by_.wishes().get(job, error);
-  if (!error.empty()) return false;
-  const Json::Value before = there ? parsed(there->value) : Json::nullValue;
-  Json::Value wanted = parsed(text);
-  if (before.isObject() && before["leave"].isBool()) wanted["leave"] = before["leave"];
-  uint64_t revision = there ? there->revision : 0;
-  return by_.wishes().update(job, line_of(wanted), revision, error) == change::kDone;
+  return amend(by_.wishes(), job, replace, error);
 }
 
 bool state_writer::write_wishes(std::unique_lock<std::mutex>& held) {

@@ -164,7 +164,11 @@ void worker::take(assignment what) {
     natsMsg_NakWithDelay(made->by.message.get(), kAgainMs, nullptr);
     poster_.post([this, id, error] { say_(id, "put back", error); });
   }
-  poster_.post([this] { look_for_room(); });
+  poster_.post([this, id] {
+    // It was meant for this job, and not for a later one of that id.
+    early_leaves_.erase(id);
+    look_for_room();
+  });
 }
 
 void worker::tell_refused(const std::string& id, const std::string& key, const assignment& what,

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Sessions that record into one folder.
+#include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <iterator>
@@ -9,6 +10,7 @@
 #include <string>
 #include <thread>
 #include <tuple>
+#include <utility>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -69,6 +71,22 @@ TEST_F(FolderShareTest, EverySessionHasItsOwnUntilItEnds) {
   EXPECT_FALSE(recordings::is_manifest_name("recordings.json")) << "the application's own";
   const folder_share nowhere("/nonexistent/", me, false);
   EXPECT_EQ(nowhere.manifest_name(), "recording.json") << "writing it says what is wrong";
+}
+
+// Of machines that record one call after each other, each has its number, whatever this folder has.
+TEST_F(FolderShareTest, BeginsAtTheNumberThatTheEnvironmentSays) {
+  const std::pair<const char*, int> rows[] = {{nullptr, 1}, {"", 1},   {"3", 3},
+                                              {"0", 1},     {"-5", 1}, {"99999", 10'000}};
+  for (const auto& [text, number] : rows) {
+    text == nullptr ? unsetenv("ZELTA_FIRST_MANIFEST") : setenv("ZELTA_FIRST_MANIFEST", text, 1);
+    EXPECT_EQ(folder_share::first_of_environment(), number) << (text == nullptr ? "none" : text);
+  }
+  unsetenv("ZELTA_FIRST_MANIFEST");
+  const folder_share third(dir.path(), me, false, 3);
+  EXPECT_EQ(third.manifest_name(), "recording_3.json");
+  EXPECT_EQ(folder_share(dir.path(), me, false, 3).manifest_name(), "recording_4.json");
+  journal(4, me);
+  EXPECT_EQ(folder_share(dir.path(), me, true, 3).manifest_name(), "recording_4.json");
 }
 
 TEST_F(FolderShareTest, RelaunchFindsItsOwnAgainWhateverElseIsFree) {
