@@ -282,12 +282,12 @@ void carrier::confirm() {
     from_.confirm(of_, now_utc_ms());
     with_.gates.ended(of_.target, {}, steady_ms(), random_number());
     static_cast<void>(from_.save_lazily(steady_ms()));  // the courier looks for what isn't saved
+    note("confirmed", "");
   }
-  tell("confirmed", "");
+  with_.reports.tell_noted();
 }
 
 void carrier::fail(const outcome& why) {
-  bool dead = false;
   if (why.is == outcome::kRefused) {
     bool is_last = false;
     {
@@ -299,7 +299,9 @@ void carrier::fail(const outcome& why) {
   {
     const std::lock_guard lock(with_.mutex);
     from_.fail(of_, why, now_utc_ms(), random_number());
-    dead = from_.at(of_).at == stage::kDead;
+    if (why.is != outcome::kStopped) {
+      note(from_.at(of_).at == stage::kDead ? "dead letter" : "failed", why.text);
+    }
     // A target that answers, and takes nothing, would have the disk filled with copies of all that
     // waits: beside those under way as many may wait. What it has a part of goes on.
     const shipment& at = from_.at(of_);
@@ -311,7 +313,7 @@ void carrier::fail(const outcome& why) {
     with_.gates.ended(of_.target, why, steady_ms(), random_number());
     static_cast<void>(from_.save_lazily(steady_ms()));
   }
-  if (why.is != outcome::kStopped) tell(dead ? "dead letter" : "failed", why.text);
+  with_.reports.tell_noted();
 }
 
 void carrier::bury(const std::string& why) {
@@ -320,8 +322,9 @@ void carrier::bury(const std::string& why) {
     from_.bury(of_, why);
     with_.gates.ended(of_.target, {}, steady_ms(), random_number());
     static_cast<void>(from_.save_lazily(steady_ms()));
+    note("dead letter", why);
   }
-  tell("dead letter", why);
+  with_.reports.tell_noted();
 }
 
 void carrier::changed() {
@@ -331,8 +334,8 @@ void carrier::changed() {
   static_cast<void>(from_.save_lazily(steady_ms()));
 }
 
-void carrier::tell(const char* event, const std::string& why) const {
-  with_.reports.tell(event, {{"folder", folder_},
+void carrier::note(const char* event, const std::string& why) const {
+  with_.reports.note(event, {{"folder", folder_},
                              {"file", of_.file},
                              {"target", settings_.name},
                              {"bytes", std::to_string(is_.bytes)},

@@ -2,7 +2,7 @@
 // Carries one file to one target, as it is or sealed, and notes every step in its folder's ledger
 // before the next one. Of what goes sealed no target's code ever has the file itself.
 // Runs on a worker's thread; `mutex` guards the consignment and is not held while bytes move, nor
-// while anything is told.
+// while anything is told. It is noted under it: once a file is confirmed, its manifest may be.
 #pragma once
 
 #include <cstdint>
@@ -57,7 +57,7 @@ class carrier {
   void changed();
   bool still_the_same() const;
   void abandon_upload();
-  void tell(const char* event, const std::string& why) const;
+  void note(const char* event, const std::string& why) const;
 
   const carrier_tools with_;
   http_client& by_;

@@ -83,15 +83,15 @@ int courier::run(int signals) {
       const std::lock_guard lock(mutex_);
       turn();
     }
-    tell_all();
+    reports_.tell_noted();
   } while (!is_done() && !(stopped = wait(signals)));
   stop_workers();
   for (const auto& [name, one] : folders_) {
     tell_buried(*one);
     if (one->lazy_save_ms()) static_cast<void>(one->save());
   }
-  if (stopped) say("stopped", {});
-  tell_all();
+  if (stopped) reports_.note("stopped", {});
+  reports_.tell_noted();
   return stopped && watch_ ? static_cast<int>(kDelivered) : status();
 }
 
@@ -152,8 +152,8 @@ void courier::forget_gone() {
       continue;
     }
     if (one.has_pending()) {
-      say("broken", {{"folder", one.folder()},
-                     {"error", "the folder is gone, and not all of it was delivered"}});
+      reports_.note("broken", {{"folder", one.folder()},
+                               {"error", "the folder is gone, and not all of it was delivered"}});
     }
     faults_.erase(at->first);
     at = folders_.erase(at);
@@ -203,7 +203,7 @@ void courier::open_folder(const std::string& folder) {
   base::unique_fd lock = lock_deliveries(folder, error);
   if (!error.empty()) return tell_fault(folder, error);
   if (!lock.valid()) {
-    if (others_.insert(folder).second) say("busy", {{"folder", folder}});
+    if (others_.insert(folder).second) reports_.note("busy", {{"folder", folder}});
     return;
   }
   others_.erase(folder);
@@ -234,17 +234,17 @@ void courier::scan(consignment& one) {
 
 void courier::tell_fault(const std::string& folder, const std::string& fault) {
   if (std::exchange(faults_[folder], fault) != fault && !fault.empty()) {
-    say("broken", {{"folder", folder}, {"error", fault}});
+    reports_.note("broken", {{"folder", folder}, {"error", fault}});
   }
 }
 
 void courier::tell_buried(consignment& one) {
   for (const consignment::errand& of : one.take_buried()) {
-    say("dead letter", {{"folder", one.folder()},
-                        {"file", of.file},
-                        {"target", settings_.targets[of.target].name},
-                        {"bytes", std::to_string(one.file(of.file).is.bytes)},
-                        {"error", one.at(of).error}});
+    reports_.note("dead letter", {{"folder", one.folder()},
+                                  {"file", of.file},
+                                  {"target", settings_.targets[of.target].name},
+                                  {"bytes", std::to_string(one.file(of.file).is.bytes)},
+                                  {"error", one.at(of).error}});
   }
 }
 
@@ -342,13 +342,14 @@ void courier::tell_notice(http_client& by, consignment& of, const notice& what) 
       of.notice_postponed(what.for_hook, now_utc_ms(), wait);
     }
     static_cast<void>(of.save_lazily(steady_ms()));  // told again otherwise, by the same id
+    if (told.is == outcome::kDone) {
+      reports_.note("told", {{"folder", folder}, {"to", name}, {"id", what.id}});
+    } else {
+      reports_.note(last ? "given up" : "failed",
+                    {{"folder", folder}, {"to", name}, {"id", what.id}, {"error", told.text}});
+    }
   }
-  if (told.is == outcome::kDone) {
-    reports_.tell("told", {{"folder", folder}, {"to", name}, {"id", what.id}});
-  } else {
-    reports_.tell(last ? "given up" : "failed",
-                  {{"folder", folder}, {"to", name}, {"id", what.id}, {"error", told.text}});
-  }
+  reports_.tell_noted();
 }
 
 void courier::clean() {
@@ -360,10 +361,10 @@ void courier::clean() {
   std::vector<consignment*> all;
   for (const auto& [name, one] : folders_) all.push_back(one.get());
   for (const deletion& one : kept_.clean_up(all, now_utc_ms())) {
-    say(one.error.empty() ? "deleted" : "failed", {{"folder", one.folder},
-                                                   {"file", one.file},
-                                                   {"bytes", std::to_string(one.bytes)},
-                                                   {"error", one.error}});
+    reports_.note(one.error.empty() ? "deleted" : "failed", {{"folder", one.folder},
+                                                             {"file", one.file},
+                                                             {"bytes", std::to_string(one.bytes)},
+                                                             {"error", one.error}});
   }
   const int64_t now_ms = steady_ms();
   cleaned_from_ms_ = now_ms + (now_ms - began_ms) * kCleaningShare;
@@ -474,14 +475,6 @@ int courier::status() const {
   if (broken) return kBroken;
   if (dead) return kDeadLetters;
   return unfinished ? kUnfinished : kDelivered;
-}
-
-void courier::say(const char* event, reporter::values about) {
-  to_tell_.emplace_back(event, std::move(about));
-}
-
-void courier::tell_all() {
-  for (const auto& [event, about] : std::exchange(to_tell_, {})) reports_.tell(event, about);
 }
 
 void courier::start_workers() {

@@ -6,8 +6,8 @@
 //        ▲  inotify, signals, timers, workers' "done"                  │
 //        └─────────────────────────────────────────────────────────────┘
 //
-// Nothing is told while the mutex is held: whoever reads it may be slow. Times are of steady_ms(),
-// but for those in states, which outlive the process.
+// Nothing is told while the mutex is held, only noted: whoever reads it may be slow. Times are of
+// steady_ms(), but for those in states, which outlive the process.
 #pragma once
 
 #include <condition_variable>
@@ -81,9 +81,6 @@ class courier {
   bool wait(int signals);
   int status() const;
 
-  void say(const char* event, reporter::values about);
-  void tell_all();
-
   void start_workers();
   void stop_workers();
   void work_on();
@@ -112,7 +109,6 @@ class courier {
 
   // The main thread's alone.
   std::vector<std::thread> workers_;
-  std::deque<std::pair<const char*, reporter::values>> to_tell_;
   std::set<std::string> others_;                 // another process has them
   std::map<std::string, folder_mark> finished_;  // let go of, as they were then
   std::set<std::string> dirty_;

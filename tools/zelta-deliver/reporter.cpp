@@ -6,6 +6,7 @@
 #include <cstdlib>
 #include <exception>
 #include <string_view>
+#include <utility>
 
 #include <json/json.h>
 
@@ -24,32 +25,48 @@ std::string one_line(std::string text) {
 
 }  // namespace
 
-void reporter::tell(const char* event, const values& about) {
+void reporter::note(const char* event, const values& about) {
   try {
-    count_one(event, about);
-    write(line_of(event, about));
+    std::string target;
+    uint64_t bytes = 0;
+    for (const auto& [name, value] : about) {
+      if (name == std::string_view("target")) target = value;
+      if (name == std::string_view("bytes")) bytes = std::strtoull(value.c_str(), nullptr, 10);
+    }
+    std::string line = line_of(event, about);
+    const std::lock_guard lock(mutex_);
+    tally& of = counts_[{event, target}];
+    ++of.events;
+    of.bytes += bytes;
+    noted_.push_back(std::move(line));
   } catch (const std::exception&) {
     // For want of memory; the state on disk is what counts.
   }
 }
 
-void reporter::count_one(const char* event, const values& about) {
-  std::string target;
-  uint64_t bytes = 0;
-  for (const auto& [name, value] : about) {
-    if (name == std::string_view("target")) target = value;
-    if (name == std::string_view("bytes")) bytes = std::strtoull(value.c_str(), nullptr, 10);
-  }
+std::deque<std::string> reporter::take_noted() {
   const std::lock_guard lock(mutex_);
-  tally& of = told_[{event, target}];
-  ++of.events;
-  of.bytes += bytes;
+  return std::exchange(noted_, {});
+}
+
+void reporter::tell_noted() {
+  const std::lock_guard lock(writing_);
+  for (const std::string& line : take_noted()) {
+    // Whoever reads it may have gone; the state on disk is what counts.
+    static_cast<void>(std::fwrite(line.data(), 1, line.size(), stdout));
+  }
+  static_cast<void>(std::fflush(stdout));
+}
+
+void reporter::tell(const char* event, const values& about) {
+  note(event, about);
+  tell_noted();
 }
 
 reporter::tally reporter::count(const std::string& event, const std::string& target) const {
   const std::lock_guard lock(mutex_);
-  const auto found = told_.find({event, target});
-  return found != told_.end() ? found->second : tally();
+  const auto found = counts_.find({event, target});
+  return found != counts_.end() ? found->second : tally();
 }
 
 std::string reporter::line_of(const char* event, const values& about) const {
@@ -69,13 +86,6 @@ std::string reporter::line_of(const char* event, const values& about) const {
     }
   }
   return line + '\n';
-}
-
-void reporter::write(const std::string& line) {
-  const std::lock_guard lock(mutex_);
-  // Whoever reads it may have gone; the state on disk is what counts.
-  static_cast<void>(std::fwrite(line.data(), 1, line.size(), stdout));
-  static_cast<void>(std::fflush(stdout));
 }
 
 }  // namespace zelta::deliver

@@ -3,6 +3,7 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <mutex>
 #include <string>
@@ -16,24 +17,29 @@ class reporter {
   explicit reporter(bool json) : json_(json) {}
 
   using values = std::vector<std::pair<const char*, std::string>>;
-  // In words those that are empty are left out. Waits for whoever reads it; never throws.
+  // In words those that are empty are left out. Never throws. `note` waits for nobody, so what one
+  // mutex orders can be noted under it, and is told in that order; `tell_noted` tells all that
+  // anybody noted before, and waits for whoever reads it. `tell` does both.
+  void note(const char* event, const values& about);
+  void tell_noted();
   void tell(const char* event, const values& about);
 
   struct tally {
     uint64_t events = 0;
     uint64_t bytes = 0;
   };
-  // What was told so far of a target; without one, of no target.
+  // What was noted so far of a target; without one, of no target.
   tally count(const std::string& event, const std::string& target) const;
 
  private:
-  void count_one(const char* event, const values& about);
   std::string line_of(const char* event, const values& about) const;
-  void write(const std::string& line);
+  std::deque<std::string> take_noted();
 
   const bool json_;
+  std::mutex writing_;  // taken before the other one
   mutable std::mutex mutex_;
-  std::map<std::pair<std::string, std::string>, tally> told_;
+  std::map<std::pair<std::string, std::string>, tally> counts_;
+  std::deque<std::string> noted_;
 };
 
 }  // namespace zelta::deliver
