@@ -3,7 +3,7 @@
 # Tortures a fleet of three NATS servers and four workers, each in a network namespace of its own, for
 # MINUTES (60 unless given), and checks that every recording is over once, plays, and was gone on with:
 # tables on standard output, exit status 1 when something is wrong. Arguments: MINUTES, --seed N, --quick,
-# --recordings N, --interval S, --most-jobs N, --servers killed|ended|spared, --keep FOLDER. Needs root, and
+# --recordings N, --interval S, --most-jobs N, --servers killed|emptied|ended|spared, --keep FOLDER. Needs root, and
 # what `scripts/install-deps.sh test fleet` brings. ZELTA_BIN names a folder of programs that are tried as
 # they are; without it they are built.
 set -euo pipefail

@@ -142,7 +142,9 @@ class Torture:
 
     def server_killed(self, program, kind, short):
         self.lasts(program, kind, self.dice.uniform(0.5, 3 if short else 8), program.start)
-        (program.kill if self.given.servers == "killed" else program.end)()
+        (program.end if self.given.servers == "ended" else program.kill)()
+        if self.given.servers == "emptied":
+            program.empty()
 
     def machine_died(self, program, kind, _):
         self.lasts(program, kind, self.dice.uniform(3, 20), program.start_machine)
@@ -421,8 +423,9 @@ def options():
     parser.add_argument("--recordings", type=int, help="at a time; 40, with --quick 12")
     parser.add_argument("--interval", type=float, help="mean time between hits, s; 6, with --quick 4")
     parser.add_argument("--most-jobs", type=int, default=40, help="of a worker at a time")
-    parser.add_argument("--servers", choices=("killed", "ended", "spared"), default="killed",
-                        help="what becomes of NATS servers: SIGKILL, SIGTERM, or nothing at all")
+    parser.add_argument("--servers", choices=("killed", "emptied", "ended", "spared"), default="killed",
+                        help="what becomes of NATS servers: SIGKILL, that and their store is lost, "
+                        "SIGTERM, or nothing at all")
     parser.add_argument("--keep", type=pathlib.Path, help="folder for all that they write, which stays")
     parser.add_argument("--prefix", default=f"zelta-fleet-{os.getpid()}", help="of the namespaces' names")
     given = parser.parse_args()

@@ -4,6 +4,7 @@
 import json
 import os
 import pathlib
+import shutil
 import signal
 import subprocess
 import sys
@@ -90,6 +91,10 @@ class NatsServer(Program):
     def end(self):
         self.process.terminate()
         self.process.wait()
+
+    def empty(self):
+        """What it stored is lost; it gets the others' copies when it starts."""
+        shutil.rmtree(self.folder / "store")
 
     def copies(self):
         """What this server's own copy of each stream has: messages, and the last one's number."""

@@ -11,27 +11,14 @@
 
 #include <algorithm>
 #include <chrono>
-#include <ctime>
+
+#include "base/boot_clock.h"
 
 namespace zelta::fleet {
 
-// Goes on while a machine sleeps, or is moved: the queue's clock does, too.
-struct boot_clock {
-  using duration = std::chrono::nanoseconds;
-  using rep = duration::rep;
-  using period = duration::period;
-  using time_point = std::chrono::time_point<boot_clock>;
-  static constexpr bool is_steady = true;
-  static time_point now() noexcept {
-    timespec at{};
-    clock_gettime(CLOCK_BOOTTIME, &at);
-    return time_point(std::chrono::seconds(at.tv_sec) + std::chrono::nanoseconds(at.tv_nsec));
-  }
-};
-
 class lease {
  public:
-  using clock = boot_clock;
+  using clock = base::boot_clock;
   using milliseconds = std::chrono::milliseconds;
 
   // `length`: after it somebody else gets the job. Taken at `taken`, which is before it was asked

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 // zelta-record as its users run it: from a terminal, with signals, from scripts.
 #include <algorithm>
+#include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <filesystem>
@@ -219,9 +220,24 @@ TEST_F(Tool, TakesCommandsAndOutlivesTheirEnd) {
     EXPECT_TRUE(has(tool.text(), part)) << part << " in " << tool.text();
   }
   EXPECT_TRUE(has(read_file(folder() + "recording_engine.log"), "set log level to : 5"));
-  const std::string leave = "leave\n";
+  const std::string leave = "renew 5\nleave\n";
   Program left(command("room --server test:users=1 --commands"), 100, &leave);
   EXPECT_EQ(left.end(), 0) << left.text();
+  EXPECT_TRUE(has(left.text(), "renew 5  result it takes --lease")) << left.text();
+}
+
+TEST_F(Tool, LeavesWhenItsLeaseIsOver) {
+  const std::string input = "renew\nrenew soon\nrenew 86401\nrenew -1\nrenew 1.2\n";
+  const auto began = std::chrono::steady_clock::now();
+  Program tool(command("room --server test:users=1 --lease 60"), 100, &input);
+  EXPECT_EQ(tool.end(), 0) << tool.text();
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(30));
+  for (const char* part :
+       {"it should be: renew SECONDS", "\"soon\" should be seconds, 0 to 86400",
+        "\"86401\" should be seconds", "\"-1\" should be seconds", "lease over"}) {
+    EXPECT_TRUE(has(tool.text(), part)) << part << " in " << tool.text();
+  }
+  EXPECT_FALSE(has(tool.text(), "renew 1.2")) << tool.text();
 }
 
 TEST_F(Tool, ShowsNoSecretToAnybody) {

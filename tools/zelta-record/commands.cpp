@@ -83,6 +83,7 @@ std::string set_log_level(command_scope& scope, const std::string& level) {
 }
 
 std::string renew(command_scope& scope, const std::string& text) {
+  if (!scope.has_lease) return "it takes --lease";
   char* end = nullptr;
   const double seconds = std::strtod(text.c_str(), &end);
   if (*end != '\0' || !(seconds >= 0 && seconds <= kLongestLease)) {

@@ -32,6 +32,7 @@ struct command_scope {
   bool manual;       // started and stopped by command
   bool mixes_video;  // has a picture that can be arranged
   int highest_log_level;
+  bool has_lease;
   // Set by commands.
   bool started = false;
   bool leave = false;

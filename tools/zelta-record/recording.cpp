@@ -13,6 +13,7 @@
 
 #include <poll.h>
 
+#include "base/boot_clock.h"
 #include "chunk_file.h"
 #include "commands.h"
 #include "core_service/task/settings.h"
@@ -30,6 +31,7 @@ namespace {
 
 using std::chrono::milliseconds;
 using clock = std::chrono::steady_clock;
+using lease_clock = base::boot_clock;
 
 constexpr milliseconds kProgress(1000);
 constexpr int kSecondsOfProgress = 5;
@@ -44,6 +46,10 @@ int64_t utc_now_ms() {
   return std::chrono::duration_cast<milliseconds>(
              std::chrono::system_clock::now().time_since_epoch())
       .count();
+}
+
+int64_t ceil_ms(std::chrono::nanoseconds of) {
+  return std::chrono::ceil<milliseconds>(of).count();
 }
 
 class recording_run {
@@ -80,7 +86,7 @@ class recording_run {
   std::unique_ptr<chunk_file> chunk_;
   engine_ptr engine_;
   std::optional<command_scope> scope_;
-  clock::time_point lease_until_ = clock::time_point::max();
+  lease_clock::time_point lease_until_ = lease_clock::time_point::max();
   recording_place place_;
   std::shared_ptr<recording_metrics> metrics_;
   std::unique_ptr<metrics::metrics_server> metrics_server_;
@@ -150,7 +156,8 @@ exit_status recording_run::join() {
   scope_.emplace(command_scope{
       *engine_, o_.config.triggerMode == recording::MANUALLY_MODE,
       o_.config.isMixingEnabled && !o_.config.isAudioOnly,
-      o_.has_secrets() ? kHighestLevelWithSecrets : int{recording::ZELTA_LOG_LEVEL_DEBUG}});
+      o_.has_secrets() ? kHighestLevelWithSecrets : int{recording::ZELTA_LOG_LEVEL_DEBUG},
+      o_.lease_s > 0});
   scope_->started = !scope_->manual;
   // Without commands nobody else could start it.
   if (scope_->manual && !o_.commands) {
@@ -181,8 +188,8 @@ void recording_run::record_until_end() {
   auto before = reporter::state::kJoining;
   while (clock::now() < end && !scope_->leave) {
     if (is_lease_over()) return;
-    const auto wake = std::min({next_line, end, lease_until_});
-    const auto left = std::chrono::ceil<milliseconds>(wake - clock::now()).count();
+    const auto left = std::min(ceil_ms(std::min(next_line, end) - clock::now()),
+                               ceil_ms(lease_until_ - lease_clock::now()));
     std::array<pollfd, 3> fds{pollfd{report_.changes(), POLLIN, 0},
                               pollfd{signals_.fd(), POLLIN, 0}, pollfd{commands_.fd(), POLLIN, 0}};
     poll(fds.data(), fds.size(), static_cast<int>(std::max<int64_t>(left, 0)));
@@ -222,14 +229,14 @@ void recording_run::take_signal() {
 }
 
 void recording_run::renew_lease(double seconds) {
-  lease_until_ = clock::now() + milliseconds(static_cast<int64_t>(seconds * 1000));
+  lease_until_ = lease_clock::now() + milliseconds(static_cast<int64_t>(seconds * 1000));
 }
 
 // Whoever gave it has died, hangs, or isn't to record this any more: somebody else may do so by
 // now. Until then it goes on, also when nobody is there to give it more: what it records is all
 // that there is.
 bool recording_run::is_lease_over() {
-  if (o_.lease_s <= 0 || clock::now() < lease_until_) return false;
+  if (o_.lease_s <= 0 || lease_clock::now() < lease_until_) return false;
   out_.event("lease over", {});
   return true;
 }
