@@ -4,11 +4,11 @@
 #include <charconv>
 #include <utility>
 
+#include "fleet/assignment.h"
+
 namespace zelta::fleet {
 namespace {
 
-// The acknowledgement of JetStream's that says: still at it.
-constexpr const char* kInProgress = "+WPI";
 // Those that nobody answered in time are forgotten.
 constexpr size_t kMostAsked = 100'000;
 
@@ -31,7 +31,7 @@ void lease_keeper::renew(const std::string& job, const std::string& answer_subje
     while (asked_.size() > kMostAsked) asked_.erase(asked_.begin());
   }
   // What isn't sent isn't answered.
-  static_cast<void>(by_.say(answer_subject, beginning_ + std::to_string(number), kInProgress));
+  static_cast<void>(by_.say(answer_subject, beginning_ + std::to_string(number), kSayStillAtIt));
 }
 
 void lease_keeper::on_answer(const std::string& number) {

@@ -14,11 +14,6 @@ constexpr int64_t kLateMs = 200;
 
 }  // namespace
 
-std::string assignment::text() const {
-  return std::string(natsMsg_GetData(message.get()),
-                     static_cast<size_t>(natsMsg_GetDataLength(message.get())));
-}
-
 queue_reader::queue_reader(broker& by, std::string label, std::chrono::milliseconds lease_length,
                            told to)
     : by_(by), label_(std::move(label)), lease_length_(lease_length), told_(std::move(to)) {
@@ -61,7 +56,9 @@ void queue_reader::give_back_late_ones() {
   request.Expires = kLateMs * 1'000'000;
   natsMsgList list{};
   if (queue_ && natsSubscription_FetchRequest(&list, queue_.get(), &request) == NATS_OK) {
-    for (int at = 0; at < list.Count; ++at) natsMsg_Nak(list.Msgs[at], nullptr);
+    for (int at = 0; at < list.Count; ++at) {
+      static_cast<void>(by_.say(natsMsg_GetReply(list.Msgs[at]), kSayAgain));
+    }
   }
   natsMsgList_Destroy(&list);
 }
@@ -86,13 +83,17 @@ bool queue_reader::take_one(std::string& error) {
     queue_.reset();
     return false;
   }
-  assignment made;
-  made.message = message_ptr(std::exchange(list.Msgs[0], nullptr));
+  const message_ptr message(list.Count > 0 ? std::exchange(list.Msgs[0], nullptr) : nullptr);
   natsMsgList_Destroy(&list);
+  if (!message) return true;
+  assignment made;
+  made.text.assign(natsMsg_GetData(message.get()),
+                   static_cast<size_t>(natsMsg_GetDataLength(message.get())));
+  made.answer_to = natsMsg_GetReply(message.get());
   made.label = label_;
   made.asked = asked;
   metadata_ptr about;
-  if (natsMsg_GetMetaData(out(about), made.message.get()) == NATS_OK) {
+  if (natsMsg_GetMetaData(out(about), message.get()) == NATS_OK) {
     made.sequence = about->Sequence.Stream;
     made.delivered = about->NumDelivered;
   }

@@ -12,21 +12,10 @@
 #include <string>
 #include <thread>
 
+#include "fleet/assignment.h"
 #include "fleet/broker.h"
-#include "fleet/lease.h"
 
 namespace zelta::fleet {
-
-// A message of the queue's: whoever has it has the job, until its lease ends.
-struct assignment {
-  // Shared by what still has to answer it.
-  std::shared_ptr<natsMsg> message;
-  std::string label;
-  uint64_t sequence = 0;           // in the queue; a job that was put there again has a larger one
-  uint64_t delivered = 0;          // how often it was handed out, this time included
-  lease::clock::time_point asked;  // for it, before it came
-  std::string text() const;
-};
 
 class queue_reader {
  public:

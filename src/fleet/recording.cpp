@@ -242,7 +242,7 @@ void recording::keep_lease() {
     return stop_recorder("the lease could not be renewed");
   }
   if (!lease_.is_due(clock::now())) return;
-  with_.keeper.renew(job_.id, natsMsg_GetReply(by_.message.get()));
+  with_.keeper.renew(job_.id, by_.answer_to);
 }
 
 void recording::renewed(clock::time_point sent) {

@@ -17,7 +17,7 @@ namespace {
 
 constexpr int kReportMs = 1000;
 // A job that can't be recorded here may be somebody else's soon.
-constexpr int64_t kAgainMs = 1000;
+constexpr std::chrono::seconds kAgain{1};
 constexpr std::chrono::seconds kFaultPause{10};
 // The store forgets what nobody has written for a month.
 constexpr int kTouchReports = 3600;
@@ -118,14 +118,14 @@ bool worker::start(std::string& error) {
 void worker::take(assignment what) {
   // It asked for one before it was told to end.
   if (ends_.load(std::memory_order_acquire)) {
-    natsMsg_Nak(what.message.get(), nullptr);
+    static_cast<void>(by_.say(what.answer_to, kSayAgain));
     return;
   }
   std::string error;
-  const std::optional<job> asked = job_of(what.text(), error);
+  const std::optional<job> asked = job_of(what.text, error);
   if (!asked) {
     // Nobody else could read it either.
-    natsMsg_Term(what.message.get(), nullptr);
+    static_cast<void>(by_.say(what.answer_to, kSayNever));
     tell_refused("", "unreadable", what, error);
     return poster_.post([this] { look_for_room(); });
   }
@@ -134,7 +134,7 @@ void worker::take(assignment what) {
   const auto lacks =
       what_lacks(now.load, settings_.room, job_cost{0, 0, 0, 0}, cost_of(asked->expected_users), 0);
   if (asked->expected_users > 0 && lacks) {
-    natsMsg_NakWithDelay(what.message.get(), kAgainMs, nullptr);
+    static_cast<void>(by_.say(what.answer_to, say_again_after(kAgain)));
     return poster_.post([this, id = asked->id, why = *lacks] {
       say_(id, "put back", "too large for this worker now: " + why);
       look_for_room();
@@ -161,7 +161,7 @@ void worker::take(assignment what) {
     return poster_.post([this, made] { begin(*made); });
   }
   if (result != finding::kSettled) {
-    natsMsg_NakWithDelay(made->by.message.get(), kAgainMs, nullptr);
+    static_cast<void>(by_.say(made->by.answer_to, say_again_after(kAgain)));
     poster_.post([this, id, error] { say_(id, "put back", error); });
   }
   poster_.post([this, id] {
@@ -184,6 +184,13 @@ void worker::tell_refused(const std::string& id, const std::string& key, const a
     ++numbers_.refused;
     say_(id, "refused", why);
   });
+}
+
+// Waits until the queue has heard it, as a state that is over isn't written again.
+void worker::tell_done(const assignment& what) {
+  bool heard = false;
+  std::string error;
+  static_cast<void>(by_.ask(what.answer_to, kSayDone, heard, error));
 }
 
 // The store's word for a job, with this worker's stretch added.
@@ -211,7 +218,7 @@ worker::finding worker::prepare(taken& made, std::string& error) {
   state.channel = made.what.channel;
   if (is_over(state.now) && state.sequence == by.sequence) {
     // The queue wasn't told, or what it was told was lost.
-    natsMsg_AckSync(by.message.get(), nullptr, nullptr);
+    tell_done(by);
     return finding::kSettled;
   }
   if (is_repeat(by, state, error)) return finding::kSettled;
@@ -243,7 +250,7 @@ worker::finding worker::prepare(taken& made, std::string& error) {
   if (noted != change::kDone)
     return noted == change::kOutdated ? finding::kChanged : finding::kCant;
   if (leaves) {
-    natsMsg_AckSync(by.message.get(), nullptr, nullptr);
+    tell_done(by);
     return finding::kSettled;
   }
   return finding::kTaken;
@@ -255,7 +262,7 @@ bool worker::is_repeat(const assignment& what, const recording_state& state, std
   if (is_over(state.now) || state.sequence == 0 || state.sequence >= what.sequence) return false;
   const std::optional<bool> stands = by_.stands_in_queue(state.sequence, error);
   if (!stands || !*stands) return false;
-  natsMsg_AckSync(what.message.get(), nullptr, nullptr);
+  tell_done(what);
   tell_refused(state.id, state.id, what, "a job of this id stands in the queue already");
   return true;
 }
@@ -355,17 +362,17 @@ void worker::settle_later(const std::string& id, settling what) {
 void worker::on_kept(const std::string& id, uint64_t number) {
   const auto found = settling_.find(id);
   if (found == settling_.end() || number < found->second.number) return;
-  natsMsg* const message = found->second.by.message.get();
+  const std::string& answer_to = found->second.by.answer_to;
   // An acknowledgement that is lost has the job handed out again, to whom the store tells its end.
   switch (found->second.what) {
     case verdict::kDone:
-      natsMsg_Ack(message, nullptr);
+      static_cast<void>(by_.say(answer_to, kSayDone));
       break;
     case verdict::kAgain:
-      natsMsg_Nak(message, nullptr);
+      static_cast<void>(by_.say(answer_to, kSayAgain));
       break;
     case verdict::kLater:
-      natsMsg_NakWithDelay(message, kAgainMs, nullptr);
+      static_cast<void>(by_.say(answer_to, say_again_after(kAgain)));
       break;
     case verdict::kNotOurs:
       break;
@@ -382,7 +389,7 @@ void worker::look_after_settling() {
       at = settling_.erase(at);
       continue;
     }
-    keeper_->renew(at->first, natsMsg_GetReply(at->second.by.message.get()));
+    keeper_->renew(at->first, at->second.by.answer_to);
     ++at;
   }
 }

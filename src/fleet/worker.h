@@ -88,6 +88,7 @@ class worker {
 
   void take(assignment what);
   finding prepare(taken& made, std::string& error);
+  void tell_done(const assignment& what);
   bool is_repeat(const assignment& what, const recording_state& state, std::string& error);
   void tell_refused(const std::string& job, const std::string& key, const assignment& what,
                     const std::string& why);

@@ -275,6 +275,27 @@ class ToolTest(FleetTest):
             self.fleet("stop", job)
             self.wait_over(job)
 
+    def test_a_queue_that_is_asked_anew_settles_what_came_before(self):
+        self.serve()
+        worker = self.worker("w1")
+        jobs = [self.record(f"call{at}") for at in range(2)]
+        for job in jobs:
+            self.wait_state(job, "recording")
+        with self.raw() as raw:
+            name, = raw.request("$JS.API.CONSUMER.NAMES.zelta_jobs")["consumers"]
+            self.assertTrue(raw.request(f"$JS.API.CONSUMER.DELETE.zelta_jobs.{name}")["success"])
+            worker.wait_event("fault")
+            worker.wait_event("taken", self.record("later"))
+            for job in (*jobs, "later"):
+                self.fleet("stop", job)
+                over = self.wait_over(job)
+                self.assertEqual(len(over["stretches"]), 1, over)
+                self.files(worker.root / job)
+            self.wait_until("empty queue", lambda: raw.request(
+                "$JS.API.STREAM.INFO.zelta_jobs")["state"]["messages"] == 0)
+        worker.signal(signal.SIGTERM)
+        self.assertEqual(worker.wait(), 0, worker.said())
+
     def test_nobody_is_reached_where_nobody_is(self):
         self.serve()
         nowhere = ["--nats", "nats://127.0.0.1:1"]
