@@ -25,8 +25,11 @@ class lease {
   // for: the queue's time began later.
   lease(milliseconds length, clock::time_point taken) : length_(length), proven_(taken) {}
 
-  // A renewal that was sent at `sent` is known to have arrived.
+  // A renewal that was sent at `sent` is known to have arrived while the job was its holder's.
   void renewed(clock::time_point sent) { proven_ = std::max(proven_, sent); }
+  // Whether an answer that comes now is one to its holder. Later the queue may have given the job
+  // to somebody else, and answers whoever had it before all the same.
+  bool is_sure(clock::time_point now) const { return now - proven_ < length_; }
   // Between looks at whether it is due.
   milliseconds pause() const { return length_ / 10; }
   // Every fifth of it, and at each look while nobody answers: after an election servers hand out at

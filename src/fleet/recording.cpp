@@ -236,16 +236,31 @@ void recording::touch() {
 // ---- The lease -----------------------------------------------------------------------------
 
 void recording::keep_lease() {
-  if (lost_ || superseded_) return;
+  if (lost_) return;
   if (lease_.is_lost(clock::now())) {
+    if (superseded_) return superseded();
     lost_ = true;
     return stop_recorder("the lease could not be renewed");
   }
-  if (!lease_.is_due(clock::now())) return;
+  if (superseded_ || !lease_.is_due(clock::now())) return;
   with_.keeper.renew(job_.id, by_.answer_to);
 }
 
+// What was sent before a cable was cut arrives when it is whole again, after somebody else was
+// given the job. Whoever was wrote that into the store before they recorded anything.
 void recording::renewed(clock::time_point sent) {
+  if (lease_.is_sure(clock::now())) return prove(sent);
+  if (unsure_ || !child_ || lost_ || superseded_) return;
+  unsure_ = sent;
+  note(state_.now);
+  unsure_note_ = last_note_;
+}
+
+void recording::kept(uint64_t number) {
+  if (unsure_ && number >= unsure_note_) prove(*std::exchange(unsure_, std::nullopt));
+}
+
+void recording::prove(clock::time_point sent) {
   lease_.renewed(sent);
   // It leaves by itself when these don't come, whatever holds this process up.
   if (!child_ || lost_ || superseded_) return;
@@ -265,7 +280,8 @@ void recording::superseded() {
   if (!is_ending_) stop_recorder("another worker has taken it up");
 }
 
-void recording::outdated() {
+void recording::outdated(bool is_joined) {
+  if (is_joined) return superseded();
   if (std::exchange(superseded_, true)) return;
   grace_timer_ = base::scoped_timer(with_.loop, static_cast<int>(lease_.grace().count()),
                                     [this] { superseded(); });

@@ -8,6 +8,7 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -71,13 +72,16 @@ class recording {
   // Somebody else records it.
   void superseded();
   // Somebody else has it, and says when they record it: until then, though not for long, it goes
-  // on.
-  void outdated();
+  // on. `is_joined`: they do by now.
+  void outdated(bool is_joined);
   // Whether it isn't about to end.
   bool goes_on() const { return child_ && !is_ending_ && !lost_ && !superseded_; }
   // The queue has given the job to this worker once more, and it goes on by that.
   void taken_again(assignment by);
+  // A renewal that was sent at `sent` was answered.
   void renewed(lease::clock::time_point sent);
+  // What note() gave that number to is in the store: nobody else had the job until then.
+  void kept(uint64_t number);
   // An object with a "command", and what belongs to it; the answer comes later. "" or why not.
   void command(const Json::Value& asked, std::function<void(std::string)> answer);
 
@@ -101,6 +105,7 @@ class recording {
   void on_line(const std::string& line);
   void on_ended(int status);
   void keep_lease();
+  void prove(lease::clock::time_point sent);
   void stop_recorder(const std::string& why);
   void note(phase now);
   verdict judge(int status);
@@ -118,6 +123,9 @@ class recording {
   uint64_t files_told_ = 0;
   uint64_t losses_told_ = 0;
   lease lease_;
+  // A renewal whose answer came late, and the note that is to show that the job is still ours.
+  std::optional<lease::clock::time_point> unsure_;
+  uint64_t unsure_note_ = 0;
   std::unique_ptr<recorder_child> child_;
   base::scoped_timer lease_timer_;
   base::scoped_timer kill_timer_;

@@ -97,7 +97,7 @@ void state_writer::forget(const std::string& job, bool after_last) {
 // earlier writing may have been lost, and servers that came back may count otherwise. Who has it
 // stands in the state.
 change state_writer::write_state(const std::string& job, const std::string& text,
-                                 uint64_t& revision) {
+                                 uint64_t& revision, bool& is_joined) {
   std::string error;
   const change made = by_.recordings().update(job, text, revision, error);
   if (made != change::kOutdated) return made;
@@ -105,7 +105,10 @@ change state_writer::write_state(const std::string& job, const std::string& text
   if (!error.empty()) return change::kFailed;
   const auto known = there ? state_of(there->value, error) : std::optional<recording_state>();
   const auto ours = state_of(text, error);
-  if (!known || !ours || !is_same_stretch(*known, *ours)) return made;
+  if (!known || !ours || !is_same_stretch(*known, *ours)) {
+    is_joined = known && !known->stretches.empty() && known->stretches.back().joined_utc_ms != 0;
+    return made;
+  }
   revision = there->revision;
   if (there->value == text) return change::kDone;
   // Once more at most: what is there by then is looked at with the next try.
@@ -125,13 +128,14 @@ bool state_writer::write_states(std::unique_lock<std::mutex>& held) {
     const uint64_t adopted = found->second.adopted;
     uint64_t revision = found->second.revision;
     held.unlock();
-    const change made = write_state(job, text, revision);
+    bool is_joined = false;
+    const change made = write_state(job, text, revision, is_joined);
     held.lock();
     const auto still = jobs_.find(job);
     if (still == jobs_.end() || still->second.adopted != adopted) continue;
     held.unlock();
     if (made == change::kDone) told_.kept(job, number);
-    if (made == change::kOutdated) told_.outdated(job);
+    if (made == change::kOutdated) told_.outdated(job, is_joined);
     held.lock();
     const auto now = jobs_.find(job);
     if (now == jobs_.end() || now->second.adopted != adopted) continue;

@@ -21,8 +21,8 @@ class state_writer {
  public:
   // Come on its thread.
   struct told {
-    // Somebody else has written: the job isn't this worker's any more.
-    std::function<void(const std::string& job)> outdated;
+    // Somebody else has written: the job isn't this worker's any more. `is_joined`: they record it.
+    std::function<void(const std::string& job, bool is_joined)> outdated;
     // What note() gave that number to is in the store.
     std::function<void(const std::string& job, uint64_t number)> kept;
   };
@@ -63,7 +63,8 @@ class state_writer {
   };
   void work();
   bool write_states(std::unique_lock<std::mutex>& held);
-  change write_state(const std::string& job, const std::string& text, uint64_t& revision);
+  change write_state(const std::string& job, const std::string& text, uint64_t& revision,
+                     bool& is_joined);
   bool write_wish(const std::string& job, const std::string& text);
   bool write_wishes(std::unique_lock<std::mutex>& held);
   bool write_events(std::unique_lock<std::mutex>& held);

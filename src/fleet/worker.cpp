@@ -81,11 +81,12 @@ bool worker::start(std::string& error) {
       error);
   if (!keeper_) return false;
   writer_ = std::make_unique<state_writer>(
-      by_, state_writer::told{[this](const std::string& id) {
-                                poster_.post([this, id] {
+      by_, state_writer::told{[this](const std::string& id, bool is_joined) {
+                                poster_.post([this, id, is_joined] {
                                   settling_.erase(id);
                                   const auto found = recordings_.find(id);
-                                  if (found != recordings_.end()) found->second->outdated();
+                                  if (found != recordings_.end())
+                                    found->second->outdated(is_joined);
                                 });
                               },
                               [this](const std::string& id, uint64_t number) {
@@ -360,6 +361,8 @@ void worker::settle_later(const std::string& id, settling what) {
 }
 
 void worker::on_kept(const std::string& id, uint64_t number) {
+  const auto recorded = recordings_.find(id);
+  if (recorded != recordings_.end()) recorded->second->kept(number);
   const auto found = settling_.find(id);
   if (found == settling_.end() || number < found->second.number) return;
   const std::string& answer_to = found->second.by.answer_to;
@@ -378,7 +381,7 @@ void worker::on_kept(const std::string& id, uint64_t number) {
       break;
   }
   settling_.erase(found);
-  if (recordings_.count(id) == 0) writer_->forget(id);
+  if (recorded == recordings_.end()) writer_->forget(id);
   end_if_idle();
 }
 

@@ -43,6 +43,9 @@ TEST(Lease, CountsFromTheLastRenewalThatWasSentAndInNoOrderOfAnswers) {
   held.renewed(taken + milliseconds(1000));
   held.renewed(taken - milliseconds(1000));
   EXPECT_EQ(held.stop_at(), taken + milliseconds(11000));
+  // An answer after the lease may be one to whoever has the job no more.
+  EXPECT_TRUE(held.is_sure(taken + milliseconds(6999)));
+  EXPECT_FALSE(held.is_sure(taken + milliseconds(7000)));
   EXPECT_FALSE(held.is_lost(taken + milliseconds(10999)));
   EXPECT_TRUE(held.is_lost(taken + milliseconds(11000)));
 }
