@@ -103,14 +103,18 @@ change state_writer::write_state(const std::string& job, const std::string& text
   if (made != change::kOutdated) return made;
   const std::optional<stored> there = by_.recordings().get(job, error);
   if (!error.empty()) return change::kFailed;
+  if (there && there->value == text) {
+    revision = there->revision;
+    return change::kDone;
+  }
   const auto known = there ? state_of(there->value, error) : std::optional<recording_state>();
   const auto ours = state_of(text, error);
-  if (!known || !ours || !is_same_stretch(*known, *ours)) {
+  // Who is asked to end one whose worker hangs has it ended, and no stretch of theirs.
+  if (!known || !ours || is_over(known->now) || !is_same_stretch(*known, *ours)) {
     is_joined = known && !known->stretches.empty() && known->stretches.back().joined_utc_ms != 0;
     return made;
   }
   revision = there->revision;
-  if (there->value == text) return change::kDone;
   // Once more at most: what is there by then is looked at with the next try.
   return by_.recordings().update(job, text, revision, error) == change::kDone ? change::kDone
                                                                               : change::kFailed;

@@ -148,6 +148,18 @@ class ToolTest(FleetTest):
         self.record("next", "--duration", 1)
         self.assertEqual(self.wait_over("next")["stretches"][0]["worker"], "w1")
 
+    def test_one_that_is_told_to_end_while_its_worker_hangs_is_over_once(self):
+        self.serve()
+        first, _ = self.manual_recording("call")
+        first.signal(signal.SIGSTOP)
+        self.fleet("stop", "call")
+        self.wait_over("call")
+        first.signal(signal.SIGCONT)
+        first.wait_event("lost", "call")
+        self.files(first.root / "call")
+        self.assertEqual(self.states.of("call")[-1]["state"], "ended")
+        self.assertEqual([one["state"] for one in self.states.of("call")].count("ended"), 1)
+
     def test_a_recorder_that_is_killed_begins_again(self):
         self.serve()
         worker = self.worker("w1")
