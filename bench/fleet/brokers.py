@@ -101,7 +101,6 @@ def cluster():
     """Three servers with jobs that are given out: the one that leads, and a client of another one."""
     with tempfile.TemporaryDirectory() as folder, nats_servers.running(folder, 3) as servers:
         client = Client(servers[0].port)
-        client = Client(ports[0])
         client.call("STREAM.CREATE.jobs", {"name": "jobs", "subjects": ["jobs.*"], "num_replicas": 3,
                                            "retention": "workqueue", "storage": "file"})
         client.call("CONSUMER.DURABLE.CREATE.jobs.any", {"stream_name": "jobs", "config": {

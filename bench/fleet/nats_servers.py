@@ -33,7 +33,7 @@ def program():
 
 
 def version():
-    return subprocess.run([program(), "--version"], stdout=subprocess.PIPE, text=True, check=True).stdout.strip()
+    return subprocess.check_output([program(), "--version"], text=True).strip()
 
 
 def free_ports(count):
@@ -59,7 +59,8 @@ def running(folder, count):
     """`count` of them, which are killed at the end. They are called n0, n1 and so on."""
     free = free_ports(3 * count)
     ports, monitors, between = free[:count], free[count:2 * count], free[2 * count:]
-    routes = ", ".join(f'"nats://127.0.0.1:{port}"' for port in between)
+    addresses = [f"127.0.0.1:{port}" for port in between]
+    routes = ", ".join(f'"nats://{one}"' for one in addresses)
     with contextlib.ExitStack() as stack:
         servers = []
         for at in range(count):
@@ -69,7 +70,7 @@ def running(folder, count):
                            f'http: "127.0.0.1:{monitors[at]}"\n'
                            f'jetstream {{ store_dir: "{folder}/n{at}" }}\n')
                 if count > 1:
-                    file.write(f'cluster {{ name: c, listen: "127.0.0.1:{between[at]}", routes: [{routes}] }}\n')
+                    file.write(f'cluster {{ name: c, listen: "{addresses[at]}", routes: [{routes}] }}\n')
             with open(f"{folder}/n{at}.log", "w", encoding="utf-8") as log:
                 process = subprocess.Popen([program(), "-c", path], stdout=log, stderr=log)
             stack.callback(process.wait)

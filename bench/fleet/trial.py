@@ -25,6 +25,7 @@ sys.path.insert(0, str(ROOT / "scripts/fleet"))
 from nats import Connection, Follower, ask  # noqa: E402  pylint: disable=wrong-import-position
 
 BIN = pathlib.Path(os.environ.get("ZELTA_BIN") or ROOT / "build/release/bin")
+TICKS = os.sysconf("SC_CLK_TCK")
 WORKERS = 8
 # An election of servers may come first; of two leases, as docs/fleet.md has it; what waits at most.
 START_S, END_S, EMPTY_S = 40, 25, 60
@@ -40,6 +41,12 @@ def processor_s(pid):
     # The kernel's name for that clock, as clock_getcpuclockid() makes it: nanoseconds, where /proc has
     # hundredths of a second, of which a worker at rest takes few.
     return time.clock_gettime((~pid << 3) | 2)
+
+
+def ended_children_s(pid):
+    """Of the processor, of all that it started and that has ended."""
+    fields = pathlib.Path(f"/proc/{pid}/stat").read_text(encoding="utf-8").rsplit(")", 1)[1].split()
+    return (int(fields[13]) + int(fields[14])) / TICKS
 
 
 def size_of(pid):
@@ -74,6 +81,7 @@ class Used:
     at_s: float
     workers_s: float  # processor
     servers_s: float
+    recorders_s: float  # of those that have ended
     messages: int  # that came to the servers and that they sent
     busy: int  # ticks of the whole machine
     ticks: int
@@ -94,6 +102,7 @@ class Fleet:
         counted = [one.numbers() for one in self.servers]
         return Used(time.monotonic(), sum(processor_s(one.pid) for one in self.workers),
                     sum(processor_s(one.process.pid) for one in self.servers),
+                    sum(ended_children_s(one.pid) for one in self.workers),
                     sum(one["in_msgs"] + one["out_msgs"] for one in counted), *busy_and_all_ticks())
 
     def read_back(self, stream):
@@ -148,14 +157,15 @@ def running(servers, **settings):
             for at in range(WORKERS):
                 root = pathlib.Path(folder) / f"w{at}"
                 root.mkdir()
-                (root / "settings.json").write_text(json.dumps({
+                path = root / "settings.json"
+                path.write_text(json.dumps({
                     "name": root.name, "root": str(root), "servers": ["test:"],
                     "nats": {"urls": [f"nats://{one}" for one in made.addresses], "replicas": servers},
                     **settings}), encoding="utf-8")
                 with open(root / "out.txt", "w", encoding="utf-8") as out:
                     made.workers.append(subprocess.Popen(
-                        [BIN / "zelta-worker", "--handover", "--settings", root / "settings.json"], stdout=out,
-                        stderr=out, stdin=subprocess.DEVNULL, env={**os.environ, "TMPDIR": folder}))
+                        [BIN / "zelta-worker", "--handover", "--settings", path], stdin=subprocess.DEVNULL,
+                        stdout=out, stderr=out, env={**os.environ, "TMPDIR": folder}))
             made.wait()
             yield made
         finally:
