@@ -150,6 +150,8 @@ class Fleet:
 
 @contextlib.contextmanager
 def running(servers, **settings):
+    if not (BIN / "zelta-worker").exists():
+        sys.exit(f"{BIN / 'zelta-worker'} isn't there: build it, or say in ZELTA_BIN where it is")
     with tempfile.TemporaryDirectory(prefix="zelta-fleet-bench.") as folder, \
             nats_servers.running(folder, servers) as brokers:
         made = Fleet(brokers, [])
