@@ -92,9 +92,10 @@ class Used:
 
 
 class Fleet:
-    def __init__(self, servers, workers):
+    def __init__(self, folder, servers):
+        self.folder = folder
         self.servers = servers
-        self.workers = workers
+        self.workers = []
         self.addresses = [f"127.0.0.1:{one.port}" for one in servers]
         self.read = collections.Counter()  # messages of each stream that were read back
 
@@ -124,15 +125,15 @@ class Fleet:
     def _are_there(self):
         with contextlib.suppress(ConnectionError, OSError):
             told = ask(self.addresses, "$JS.API.STREAM.INFO.KV_zelta_workers")
-            return told["state"]["num_subjects"] == len(self.workers)
+            return told["state"].get("num_subjects") == len(self.workers)
         return False
 
     def wait(self):
         until = time.monotonic() + START_S
         while not self._are_there():
-            ended = [one.args for one in self.workers if one.poll() is not None]
-            if ended or time.monotonic() > until:
-                sys.exit(f"no fleet in {START_S} s; ended: {ended}")
+            if any(one.poll() is not None for one in self.workers) or time.monotonic() > until:
+                said = [path.read_text(encoding="utf-8") for path in self.folder.glob("w*/out.txt")]
+                sys.exit(f"the workers don't begin, or not within {START_S} s:\n{''.join(said)}")
             time.sleep(0.1)
 
     def end(self):
@@ -154,10 +155,10 @@ def running(servers, **settings):
         sys.exit(f"{BIN / 'zelta-worker'} isn't there: build it, or say in ZELTA_BIN where it is")
     with tempfile.TemporaryDirectory(prefix="zelta-fleet-bench.") as folder, \
             nats_servers.running(folder, servers) as brokers:
-        made = Fleet(brokers, [])
+        made = Fleet(pathlib.Path(folder), brokers)
         try:
             for at in range(WORKERS):
-                root = pathlib.Path(folder) / f"w{at}"
+                root = made.folder / f"w{at}"
                 root.mkdir()
                 path = root / "settings.json"
                 path.write_text(json.dumps({
