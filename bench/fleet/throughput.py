@@ -185,9 +185,14 @@ def options():
     return given
 
 
+def end(*_):
+    """By what ends what was started, too, whoever asks again meanwhile."""
+    signal.signal(signal.SIGTERM, signal.SIG_IGN)
+    sys.exit(1)
+
+
 def main():
-    # So that what was started is ended, too.
-    signal.signal(signal.SIGTERM, lambda *_: sys.exit(1))
+    signal.signal(signal.SIGTERM, end)
     measurement = Measurement(options())
     measurement.run()
     measurement.tell()
