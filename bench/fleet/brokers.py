@@ -16,11 +16,12 @@ import secrets
 import signal
 import socket
 import statistics
-import subprocess
 import sys
 import tempfile
 import threading
 import time
+
+import nats_servers
 
 SUBJECT = "jobs.any"
 NEXT = "$JS.API.CONSUMER.MSG.NEXT.jobs.any"
@@ -95,44 +96,11 @@ class Client:
         return b"503" not in header and text == b""
 
 
-def free_ports(count):
-    with contextlib.ExitStack() as stack:
-        held = [stack.enter_context(socket.socket()) for _ in range(count)]
-        for one in held:
-            one.bind(("127.0.0.1", 0))
-        return [one.getsockname()[1] for one in held]
-
-
-def wait_for(port):
-    until = time.monotonic() + 10
-    while time.monotonic() < until:
-        with contextlib.suppress(OSError):
-            socket.create_connection(("127.0.0.1", port), timeout=1).close()
-            return
-        threading.Event().wait(0.05)
-    sys.exit(f"brokers.py: no nats-server answers on port {port}")
-
-
 @contextlib.contextmanager
 def cluster():
     """Three servers with jobs that are given out: the one that leads, and a client of another one."""
-    with tempfile.TemporaryDirectory() as folder, contextlib.ExitStack() as stack:
-        ports = free_ports(6)
-        routes = ", ".join(f'"nats://127.0.0.1:{port}"' for port in ports[3:])
-        servers = []
-        for at in range(3):
-            path = f"{folder}/{at}.conf"
-            with open(path, "w", encoding="utf-8") as file:
-                file.write(f'server_name: n{at}\nlisten: "127.0.0.1:{ports[at]}"\n'
-                           f'jetstream {{ store_dir: "{folder}/{at}" }}\n'
-                           f'cluster {{ name: c, listen: "127.0.0.1:{ports[3 + at]}", routes: [{routes}] }}\n')
-            servers.append(subprocess.Popen(["nats-server", "-c", path], stdout=subprocess.DEVNULL,
-                                            stderr=subprocess.DEVNULL))
-            stack.callback(servers[-1].wait)
-            stack.callback(servers[-1].kill)
-        for port in ports[:3]:
-            wait_for(port)
-        client = Client(ports[0])
+    with tempfile.TemporaryDirectory() as folder, nats_servers.running(folder, 3) as servers:
+        client = Client(servers[0].port)
         client.call("STREAM.CREATE.jobs", {"name": "jobs", "subjects": ["jobs.*"], "num_replicas": 3,
                                            "retention": "workqueue", "storage": "file"})
         client.call("CONSUMER.DURABLE.CREATE.jobs.any", {"stream_name": "jobs", "config": {
@@ -141,12 +109,12 @@ def cluster():
         for _ in range(JOBS):
             client.answer(client.ask(SUBJECT, b"a job"))
         leads = int(client.call("CONSUMER.INFO.jobs.any")["cluster"]["leader"][1:])
-        other = Client(ports[(leads + 1) % 3])
+        other = Client(servers[(leads + 1) % 3].port)
         other.ask(NEXT, b'{"batch":%d,"expires":5000000000}' % JOBS)
         with other.changed:
             if not other.changed.wait_for(lambda: len(other.given) == JOBS, 5):
                 sys.exit("brokers.py: jobs aren't given out")
-        yield servers[leads], other
+        yield servers[leads].process, other
 
 
 def end_leader(how):
@@ -182,7 +150,7 @@ def renewals_a_second(count=50_000):
 
 def main():
     kills = int(sys.argv[1]) if len(sys.argv) > 1 else 5
-    print(subprocess.run(["nats-server", "--version"], stdout=subprocess.PIPE, text=True, check=True).stdout.strip())
+    print(nats_servers.version())
     for name, how in (("killed", signal.SIGKILL), ("told to end", signal.SIGTERM)):
         ends = [end_leader(how) for _ in range(kills)]
         took = [silence for silence, _ in ends]

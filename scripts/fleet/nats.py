@@ -21,14 +21,18 @@ class Message:
 
 
 class Connection:
+    """One thread may read while others send."""
+
     def __init__(self, servers):
-        """`servers` are addresses; the first one that is there."""
+        """`servers` are addresses, with ":PORT" where it isn't NATS' own; the first one that is there."""
         self.socket = None
         self.buffer = b""
         self.subscriptions = 0
-        for address in servers:
+        self.sending = threading.Lock()
+        for one in servers:
+            address, _, port = one.partition(":")
             with contextlib.suppress(OSError):
-                self.socket = socket.create_connection((address, 4222), timeout=1)
+                self.socket = socket.create_connection((address, int(port or 4222)), timeout=1)
                 break
         if not self.socket:
             raise ConnectionError("no server")
@@ -38,7 +42,8 @@ class Connection:
 
     def _send(self, line, body=None):
         text = line.encode() + b"\r\n"
-        self.socket.sendall(text if body is None else text + body + b"\r\n")
+        with self.sending:
+            self.socket.sendall(text if body is None else text + body + b"\r\n")
 
     def _more(self):
         got = self.socket.recv(1 << 16)
@@ -152,7 +157,7 @@ class Follower(threading.Thread):
                 raise ConnectionError("one was lost on the way")
             expected += 1
             self.last = of_stream
-            self.tell(message.subject, message.data, message.headers, nanoseconds // 1_000_000)
+            self.tell(message.subject, message.data, message.headers, nanoseconds / 1_000_000)
 
     def run(self):
         while not self.ending.is_set():
