@@ -284,11 +284,6 @@ void worker::begin(taken& what) {
     had->second->superseded();
     return give_back(what, phase::kWaiting, "this worker still ends its last stretch");
   }
-  const job_cost cost = cost_of(what.what.expected_users);
-  begun_.processors += cost.processors;
-  begun_.mbit += cost.mbit;
-  begun_.memory_bytes += cost.memory_bytes;
-  begun_.disk_bytes += cost.disk_bytes;
   writer_->adopt(id, what.revision);
   auto made = std::make_unique<recording>(
       recording_tools{loop_, by_, settings_, *keeper_, *writer_}, what.what, what.by, what.state,
@@ -301,6 +296,12 @@ void worker::begin(taken& what) {
     fault_until_ = clock::now() + kFaultPause;
     return give_back(what, phase::kWaiting, error);
   }
+  // What was refused takes nothing: many such jobs would keep the worker from others.
+  const job_cost cost = cost_of(what.what.expected_users);
+  begun_.processors += cost.processors;
+  begun_.mbit += cost.mbit;
+  begun_.memory_bytes += cost.memory_bytes;
+  begun_.disk_bytes += cost.disk_bytes;
   ++numbers_.taken;
   say_(id, "taken", made->what().channel);
   recordings_[id] = std::move(made);

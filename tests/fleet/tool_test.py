@@ -419,6 +419,21 @@ class ToolTest(FleetTest):
         self.assertFalse([one for one in over["stretches"] if one["joined_utc_ms"]])
         self.assertFalse(list(worker.root.glob("third/**/*.mp4")))
 
+    def test_what_is_refused_takes_no_room(self):
+        """Of a network that two such jobs would fill for seconds."""
+        self.serve()
+        worker = self.worker("w1", network_mbit=40)
+        for job in ("first", "second"):
+            self.send(id=job, settings="none", expect={"users": 30})
+            self.wait_over(job, "refused")
+        worker.wait_event("refused", "second")
+
+        def report():
+            return json.loads(self.fleet("--json", "workers"))
+        before = report()["utc_ms"]
+        self.wait_until("next report", lambda: report()["utc_ms"] > before)
+        self.assertEqual(report()["lacks"], "")
+
     def test_a_machine_that_cant_isnt_the_jobs_fault(self):
         """A folder that can't be written to, until it can."""
         self.serve()
