@@ -3,9 +3,13 @@
 
 #include <algorithm>
 #include <array>
+#include <cerrno>
 #include <condition_variable>
 #include <mutex>
+#include <system_error>
 #include <utility>
+
+#include <unistd.h>
 
 #include "fleet/names.h"
 
@@ -38,18 +42,61 @@ constexpr int64_t kMostWaiting = 100'000;
 // Of states that nobody has written again, and of wishes.
 constexpr std::chrono::hours kKept{30 * 24};
 
+// What the library's last call on this thread said beside its status, without the place in its
+// source.
+std::string detail_of(natsStatus status) {
+  natsStatus of = NATS_OK;
+  const char* const text = nats_GetLastError(&of);
+  std::string said = text != nullptr && of == status ? text : "";
+  const size_t place = said.rfind('(', 0) == 0 ? said.find("): ") : std::string::npos;
+  if (place != std::string::npos) said.erase(0, place + 3);
+  return said.empty() || said == natsStatus_GetText(status) ? "" : ": " + said;
+}
+
 std::string words(const std::string& what, natsStatus status, const violations& denied) {
   const std::string not_permitted = denied.latest();
-  return what + ": " + natsStatus_GetText(status) +
+  return what + ": " + natsStatus_GetText(status) + detail_of(status) +
          (not_permitted.empty() ? "" : "; this user may not: " + not_permitted);
+}
+
+// The library says nothing of a file that isn't there.
+std::string unreadable_file(const broker_settings& of) {
+  const std::array<std::pair<const char*, const std::string*>, 4> files{
+      {{"credentials_file", &of.credentials_file},
+       {"ca_file", &of.ca_file},
+       {"certificate_file", &of.certificate_file},
+       {"key_file", &of.key_file}}};
+  for (const auto& [name, path] : files) {
+    if (path->empty() || access(path->c_str(), R_OK) == 0) continue;
+    const std::string why = std::generic_category().message(errno);
+    return std::string(name) + ": \"" + *path + "\" can't be read: " + why;
+  }
+  return "";
+}
+
+// Servers tell who isn't let in no reason; over TLS they hang up when the handshake is over.
+std::string likely_reason(const broker_settings& of, natsStatus status) {
+  if (status == NATS_CONNECTION_AUTH_FAILED && !of.credentials_file.empty()) {
+    return "; credentials_file \"" + of.credentials_file +
+           "\" has expired or was revoked, or the servers don't know its account";
+  }
+  const bool is_tls = !of.ca_file.empty() ||
+                      std::any_of(of.urls.begin(), of.urls.end(), [](const std::string& url) {
+                        return url.rfind("tls://", 0) == 0;
+                      });
+  if (!is_tls || (status != NATS_IO_ERROR && status != NATS_PROTOCOL_ERROR)) return "";
+  return of.certificate_file.empty()
+             ? "; the server may want certificate_file and key_file"
+             : "; the server may not trust who signed \"" + of.certificate_file + "\"";
 }
 
 // Whose user it is may stand in it, and a password.
 std::string without_user(const std::string& url) {
-  const size_t start = url.find("//");
+  const size_t scheme = url.find("//");
+  const size_t start = scheme == std::string::npos ? 0 : scheme + 2;
   const size_t at = url.rfind('@');
-  if (start == std::string::npos || at == std::string::npos || at < start) return url;
-  return url.substr(0, start + 2) + url.substr(at + 1);
+  if (at == std::string::npos || at < start) return url;
+  return url.substr(0, start) + url.substr(at + 1);
 }
 
 stored stored_of(kvEntry* entry) {
@@ -180,6 +227,8 @@ std::vector<stored> bucket::history(const std::string& key, std::string& error) 
 // ---- The connection ------------------------------------------------------------------------
 
 std::unique_ptr<broker> broker::connect(const broker_settings& settings, std::string& error) {
+  error = unreadable_file(settings);
+  if (!error.empty()) return nullptr;
   std::unique_ptr<broker> made(new broker(settings));
   options_ptr options;
   natsStatus status = natsOptions_Create(out(options));
@@ -223,7 +272,13 @@ std::unique_ptr<broker> broker::connect(const broker_settings& settings, std::st
       },
       made.get()));
   set(natsOptions_SetClosedCB(
-      o, [](natsConnection*, void* self) { static_cast<broker*>(self)->on_closed(); }, made.get()));
+      o,
+      [](natsConnection* of, void* self) {
+        const char* text = nullptr;
+        const natsStatus last = natsConnection_GetLastError(of, &text);
+        static_cast<broker*>(self)->on_closed(last, text != nullptr ? text : "");
+      },
+      made.get()));
   set(natsOptions_SetErrorHandler(
       o,
       [](natsConnection* of, natsSubscription*, natsStatus what, void* self) {
@@ -242,7 +297,8 @@ std::unique_ptr<broker> broker::connect(const broker_settings& settings, std::st
     std::string all;
     for (const std::string& url : settings.urls)
       all += (all.empty() ? "" : ", ") + without_user(url);
-    error = words("no connection to NATS at " + all, status, made->denied_);
+    error = words("no connection to NATS at " + all, status, made->denied_) +
+            likely_reason(settings, status);
     return nullptr;
   }
   made->connected_.store(true, std::memory_order_release);
@@ -265,11 +321,18 @@ broker::~broker() {
   closing_.wait(held, [this] { return closed_; });
 }
 
-void broker::on_closed() {
+void broker::on_closed(natsStatus last, const std::string& text) {
   // Told with the lock: whoever waits for it takes all of this away.
   const std::lock_guard<std::mutex> hold(closing_lock_);
   closed_ = true;
+  closed_why_ = "NATS lets this user in no more: " + text + likely_reason(settings_, last);
   closing_.notify_all();
+}
+
+bool broker::is_shut_out(std::string& why) const {
+  const std::lock_guard<std::mutex> hold(closing_lock_);
+  if (closed_) why = closed_why_;
+  return closed_;
 }
 
 bool broker::fail(std::string& error, const std::string& what, natsStatus status) const {
@@ -277,10 +340,12 @@ bool broker::fail(std::string& error, const std::string& what, natsStatus status
   return false;
 }
 
-// An election takes a moment, in which nobody answers.
-bool broker::again_until(clock::time_point until, natsStatus of) const {
-  const bool may_pass =
-      of == NATS_TIMEOUT || of == NATS_NO_RESPONDERS || of == NATS_CONNECTION_DISCONNECTED;
+// An election takes a moment, in which nobody answers; whoever leads then may not have met all the
+// others yet, among whom it looks for room.
+bool broker::again_until(clock::time_point until, natsStatus of, jsErrCode code) const {
+  const bool may_pass = of == NATS_TIMEOUT || of == NATS_NO_RESPONDERS ||
+                        of == NATS_CONNECTION_DISCONNECTED || code == JSClusterNoPeersErr ||
+                        code == JSClusterNotAvailErr || code == JSClusterNotLeaderErr;
   if (!may_pass || clock::now() >= until || !denied_.latest().empty()) return false;
   pause(kElectionPause);
   return true;
@@ -307,12 +372,13 @@ bool broker::ensure_stream(const char* name, const char* subject, bool is_queue,
   jsErrCode code{};
   const auto until = clock::now() + kPatienceAtStart;
   do {
+    code = {};
     stream_info_ptr there;
     status = js_GetStreamInfo(out(there), js_.get(), name, nullptr, &code);
     if (status == NATS_NOT_FOUND) {
       status = js_AddStream(nullptr, js_.get(), &config, nullptr, &code);
     }
-  } while (status != NATS_OK && code != JSStreamNameExistErr && again_until(until, status));
+  } while (status != NATS_OK && code != JSStreamNameExistErr && again_until(until, status, code));
   if (status == NATS_OK || code == JSStreamNameExistErr) return true;
   return fail(error, std::string("stream ") + name, status);
 }
@@ -340,13 +406,15 @@ std::unique_ptr<bucket> broker::ensure_bucket(const char* name, int history, mil
   config.AllowDirect = false;
   bucket_ptr made;
   natsStatus status = NATS_OK;
+  jsErrCode code{};
   const auto until = clock::now() + kPatienceAtStart;
   do {
+    code = {};
     status = js_KeyValue(out(made), js_.get(), name);
     if (status != NATS_NOT_FOUND) continue;
-    status = js_AddStream(nullptr, js_.get(), &config, nullptr, nullptr);
+    status = js_AddStream(nullptr, js_.get(), &config, nullptr, &code);
     if (status == NATS_OK) status = js_KeyValue(out(made), js_.get(), name);
-  } while (status != NATS_OK && again_until(until, status));
+  } while (status != NATS_OK && again_until(until, status, code));
   if (status == NATS_OK) return std::make_unique<bucket>(std::move(made), name, denied_);
   fail(error, std::string("bucket ") + name, status);
   return nullptr;

@@ -96,7 +96,7 @@ class broker {
   ~broker();
 
   // Makes the streams and buckets that aren't there; those that are stay as they are. Servers that
-  // are just electing are asked again for half a minute.
+  // are just electing, or have just begun, are asked again for half a minute.
   bool prepare(std::chrono::milliseconds workers_ttl, std::string& error);
   // Of those that prepare() made.
   const bucket& recordings() const { return *recordings_; }
@@ -139,6 +139,9 @@ class broker {
   std::optional<bool> stands_in_queue(uint64_t sequence, std::string& error);
 
   bool is_connected() const { return connected_.load(std::memory_order_acquire); }
+  // For good, with `why`: a server refused this user twice in a row, after which the library
+  // doesn't ask again. All calls fail from then on.
+  bool is_shut_out(std::string& why) const;
   jsCtx* jetstream() const { return js_.get(); }
 
  private:
@@ -147,16 +150,18 @@ class broker {
   bool ensure_stream(const char* name, const char* subject, bool is_queue, std::string& error);
   std::unique_ptr<bucket> ensure_bucket(const char* name, int history,
                                         std::chrono::milliseconds ttl, std::string& error);
-  bool again_until(std::chrono::steady_clock::time_point until, natsStatus of) const;
+  bool again_until(std::chrono::steady_clock::time_point until, natsStatus of,
+                   jsErrCode code = {}) const;
   bool fail(std::string& error, const std::string& what, natsStatus status) const;
-  void on_closed();
+  void on_closed(natsStatus last, const std::string& text);
 
   const broker_settings settings_;
   std::atomic<bool> connected_{false};
   violations denied_;
-  std::mutex closing_lock_;
+  mutable std::mutex closing_lock_;
   std::condition_variable closing_;
   bool closed_ = false;
+  std::string closed_why_;
   connection_ptr connection_;
   jetstream_ptr js_;
   std::unique_ptr<bucket> recordings_;

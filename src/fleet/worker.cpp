@@ -399,12 +399,17 @@ void worker::look_after_settling() {
 }
 
 void worker::drain(bool handover) {
-  const bool first = !std::exchange(draining_, true);
-  ends_.store(true, std::memory_order_release);
-  for (const auto& reader : readers_) reader->want_none(true);
+  const bool first = !draining_;
+  take_no_more();
   hands_over_ = hands_over_ || handover_ || handover || !first;
   report();
   hand_over();
+}
+
+void worker::take_no_more() {
+  draining_ = true;
+  ends_.store(true, std::memory_order_release);
+  for (const auto& reader : readers_) reader->want_none(true);
 }
 
 // A request for a job that still waits at a server would get what is handed over: until it is over
@@ -445,6 +450,11 @@ worker_numbers worker::numbers() const {
 }
 
 void worker::report() {
+  std::string why;
+  if (!draining_ && by_.is_shut_out(why)) {
+    say_("", "fault", why);
+    take_no_more();
+  }
   load_ = meter_.measure();
   // What was begun shows in the load after a few seconds.
   begun_.processors *= 0.8;

@@ -62,7 +62,8 @@ class worker {
   // False, with `error`.
   bool start(std::string& error);
   // Takes no more jobs, and ends the loop when those it has are over or handed over; the second
-  // time they are handed over, or at once with `handover`.
+  // time they are handed over, or at once with `handover`. A worker that servers shut out does so
+  // by itself: what it records then goes on for as long as its leases do.
   void drain(bool handover = false);
   // Of the last second. Any thread.
   worker_numbers numbers() const;
@@ -98,6 +99,7 @@ class worker {
   void settle_later(const std::string& job, settling what);
   void on_kept(const std::string& job, uint64_t number);
   void look_after_settling();
+  void take_no_more();
   void hand_over();
   void look_for_room();
   void report();

@@ -15,6 +15,7 @@ import tempfile
 import threading
 import time
 import unittest
+from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
 BIN = Path(os.environ["ZELTA_BIN"])
@@ -27,6 +28,8 @@ LEASE_MS = 6000 if SANITIZED else 3000
 # A recorder that nobody renews has left by then: the lease ends, and most of another one is for
 # servers that elect.
 LEFT_S = LEASE_MS / 1000 * 1.8 + (10 if SANITIZED else 1)
+# Most cases wait most of the time.
+AT_ONCE = 2 if SANITIZED else 6
 CHANNEL = "test:users=1,size=160x120,fps=5,audio=none"
 ENDED = ("ended", "failed", "refused")
 
@@ -197,6 +200,10 @@ class RawNats:
                 return json.loads(answer) if answer else {}
 
 
+def openssl(*arguments):
+    return subprocess.run(["openssl", *map(str, arguments)], check=True, capture_output=True).stdout
+
+
 def free_port():
     with socket.socket() as tried:
         tried.bind(("127.0.0.1", 0))
@@ -254,6 +261,21 @@ class FleetTest(unittest.TestCase):
 
     def raw(self):
         return RawNats(self.server.port)
+
+    def certificates(self, **signed):
+        """Of two authorities, and of those on the loopback that one of them signed."""
+        at = self.dir
+        new_key = ["-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes"]
+        (at / "names").write_text("subjectAltName=IP:127.0.0.1,DNS:localhost")
+        for who in ("ca", "other-ca"):
+            openssl("req", "-x509", *new_key, "-days", "2", "-subj", f"/CN={who}", "-keyout",
+                    at / f"{who}.key", "-out", at / f"{who}.pem")
+        for who, by in signed.items():
+            openssl("req", *new_key, "-subj", f"/CN={who}", "-keyout", at / f"{who}.key", "-out",
+                    at / f"{who}.csr")
+            openssl("x509", "-req", "-in", at / f"{who}.csr", "-CA", at / f"{by}.pem", "-CAkey",
+                    at / f"{by}.key", "-CAcreateserial", "-days", "2", "-extfile", at / "names",
+                    "-out", at / f"{who}.pem")
 
     # ---- Workers ----------------------------------------------------------------------------
 
@@ -350,3 +372,23 @@ class FleetTest(unittest.TestCase):
                                   capture_output=True, timeout=LIMIT_S, check=False)
             self.assertEqual((done.returncode, done.stderr), (0, ""), file)
         return sorted(found, key=lambda one: one["first_utc_ms"])
+
+
+def run_case(case, told=threading.Lock()):
+    result = unittest.TestResult()
+    began = time.monotonic()
+    case.run(result)
+    faults = [text for _, text in result.failures + result.errors]
+    with told:
+        print(f"{'FAILED' if faults else 'ok'} {case.id().split('.')[-1]} "
+              f"({time.monotonic() - began:.1f} s)", *faults, sep="\n" if faults else "", flush=True)
+    return not faults
+
+
+def run_cases(of, parts):
+    """Beside each other, as each has servers and workers of its own; those with a part of `parts` in
+    their names, or all. The exit status."""
+    cases = [case for case in unittest.defaultTestLoader.loadTestsFromTestCase(of)
+             if not parts or any(part in case.id() for part in parts)]
+    with ThreadPoolExecutor(AT_ONCE) as pool:
+        return 0 if all([*pool.map(run_case, cases)]) and cases else 1

@@ -15,19 +15,14 @@ import signal
 import socket
 import subprocess
 import sys
-import threading
 import time
-import unittest
 import urllib.error
 import urllib.request
-from concurrent.futures import ThreadPoolExecutor
 from pathlib import Path
 
-from fleets import (AGAIN_S, BIN, CHANNEL, LEASE_MS, LEFT_S, LIMIT_S, SANITIZED, FleetTest, Program,
-                    Worker, children_of, command_line, free_port, wait_gone)
+from fleets import (AGAIN_S, BIN, CHANNEL, LEASE_MS, LEFT_S, LIMIT_S, FleetTest, Program, Worker,
+                    children_of, command_line, free_port, run_cases, wait_gone)
 
-# Most wait most of the time.
-AT_ONCE = 2 if SANITIZED else 6
 LAYOUT = {"backgroundColor": "#204060",
           "regions": [{"uid": 1, "x": 0, "y": 0, "width": 0.5, "height": 1}]}
 MIXED = {"is-mixing-enabled": True, "trigger-mode": "manual", "mix-resolution": "160,120,5,100"}
@@ -566,24 +561,8 @@ class ToolTest(FleetTest):
 
     # ---- Who may ------------------------------------------------------------------------------
 
-    def certificates(self):
-        """Of an authority, and of a server on the loopback that it signed."""
-        def openssl(*arguments):
-            subprocess.run(["openssl", *map(str, arguments)], check=True, capture_output=True)
-        at = self.dir
-        (at / "names").write_text("subjectAltName=IP:127.0.0.1,DNS:localhost")
-        for who in ("ca", "other-ca"):
-            openssl("req", "-x509", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1",
-                    "-nodes", "-days", "2", "-subj", f"/CN={who}", "-keyout", at / f"{who}.key",
-                    "-out", at / f"{who}.pem")
-        openssl("req", "-newkey", "ec", "-pkeyopt", "ec_paramgen_curve:prime256v1", "-nodes",
-                "-subj", "/CN=127.0.0.1", "-keyout", at / "server.key", "-out", at / "server.csr")
-        openssl("x509", "-req", "-in", at / "server.csr", "-CA", at / "ca.pem", "-CAkey",
-                at / "ca.key", "-CAcreateserial", "-days", "2", "-extfile", at / "names",
-                "-out", at / "server.pem")
-
     def test_servers_with_tls_and_users_have_each_do_what_is_theirs(self):
-        self.certificates()
+        self.certificates(server="ca")
         configuration = self.dir / "nats.conf"
         # No consumer of the queue's, by which whoever only reads could take jobs.
         reads = [f"$JS.API.{one}" for one in (
@@ -644,23 +623,5 @@ authorization {{ users = [{rows}
         self.assertTrue(self.files(worker.root / job))
 
 
-def run(case, told=threading.Lock()):
-    result = unittest.TestResult()
-    began = time.monotonic()
-    case.run(result)
-    faults = [text for _, text in result.failures + result.errors]
-    with told:
-        print(f"{'FAILED' if faults else 'ok'} {case.id().split('.')[-1]} "
-              f"({time.monotonic() - began:.1f} s)", *faults, sep="\n" if faults else "", flush=True)
-    return not faults
-
-
-def main():
-    cases = [case for case in unittest.defaultTestLoader.loadTestsFromTestCase(ToolTest)
-             if len(sys.argv) == 1 or any(part in case.id() for part in sys.argv[1:])]
-    with ThreadPoolExecutor(AT_ONCE) as pool:
-        return 0 if all([*pool.map(run, cases)]) and cases else 1
-
-
 if __name__ == "__main__":
-    sys.exit(main())
+    sys.exit(run_cases(ToolTest, sys.argv[1:]))

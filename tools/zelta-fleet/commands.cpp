@@ -206,7 +206,7 @@ exit_status watch(broker& by, const options& o) {
 }
 
 // Until a signal, which isn't a failure of what others collect.
-exit_status serve_metrics(client& by, const options& o) {
+exit_status serve_metrics(const broker& from, client& by, const options& o) {
   sigset_t ending;
   sigemptyset(&ending);
   for (const int one : record::ending_signals()) sigaddset(&ending, one);
@@ -216,8 +216,11 @@ exit_status serve_metrics(client& by, const options& o) {
   if (!server) return failed("metrics: " + error);
   const auto numbers = std::make_shared<fleet_metrics>(by);
   server->add(numbers);
-  int number = 0;
-  sigwait(&ending, &number);
+  // Whoever starts it anew may have other credentials for it.
+  constexpr timespec kLook{1, 0};
+  while (sigtimedwait(&ending, nullptr, &kLook) < 0) {
+    if (from.is_shut_out(error)) return failed(error);
+  }
   return kDone;
 }
 
@@ -242,7 +245,7 @@ exit_status run_command(const options& of) {
     case action::kQueue:
       return queue(asks, of);
     case action::kMetrics:
-      return serve_metrics(asks, of);
+      return serve_metrics(*by, asks, of);
     case action::kDrain:
       return drain(asks, of);
     case action::kDelivered:

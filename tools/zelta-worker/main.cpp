@@ -129,6 +129,10 @@ int work(int argc, char** argv) {
                                  }});
   tell(o.json, "", "ready", settings.name);
   loop.run(false);
+  if (by->is_shut_out(error)) {
+    std::fprintf(stderr, "zelta-worker: %s\n", error.c_str());
+    return kNoBroker;
+  }
   return kDrained;
 }
 
