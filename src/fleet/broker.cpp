@@ -178,11 +178,22 @@ bool bucket::put(const std::string& key, const std::string& value, std::string& 
   return false;
 }
 
+// Any server may be chosen to tell what there is, also one that is gone, for as long as the others
+// hope for it: nobody answers then, and the next time it may be another one.
+natsStatus bucket::begin_watch(watcher_ptr& to) const {
+  constexpr int kMostTries = 6;
+  natsStatus status = NATS_TIMEOUT;
+  for (int at = 0; at < kMostTries && status == NATS_TIMEOUT && denied_.latest().empty(); ++at) {
+    status = kvStore_WatchAll(out(to), kv_.get(), nullptr);
+  }
+  return status;
+}
+
 std::vector<stored> bucket::all(std::string& error) const {
   std::vector<stored> found;
   bool told = false;
   watcher_ptr watcher;
-  natsStatus status = kvStore_WatchAll(out(watcher), kv_.get(), nullptr);
+  natsStatus status = begin_watch(watcher);
   while (status == NATS_OK && !told) {
     value_ptr next;
     status = kvWatcher_Next(out(next), watcher.get(), kWatchMs * 25);
@@ -199,7 +210,11 @@ std::vector<stored> bucket::all(std::string& error) const {
 void bucket::watch(const std::atomic<bool>& stop, const std::function<void(const stored*)>& tell,
                    std::string& error) const {
   watcher_ptr watcher;
-  natsStatus status = kvStore_WatchAll(out(watcher), kv_.get(), nullptr);
+  natsStatus status = begin_watch(watcher);
+  if (status != NATS_OK) {
+    error = words("", status);
+    return;
+  }
   while ((status == NATS_OK || status == NATS_TIMEOUT) && !stop.load(std::memory_order_acquire)) {
     value_ptr next;
     status = kvWatcher_Next(out(next), watcher.get(), kWatchMs);
@@ -413,7 +428,10 @@ std::unique_ptr<bucket> broker::ensure_bucket(const char* name, int history, mil
     status = js_KeyValue(out(made), js_.get(), name);
     if (status != NATS_NOT_FOUND) continue;
     status = js_AddStream(nullptr, js_.get(), &config, nullptr, &code);
-    if (status == NATS_OK) status = js_KeyValue(out(made), js_.get(), name);
+    // Somebody with another lease may have been faster: what is there stays as it is.
+    if (status == NATS_OK || code == JSStreamNameExistErr) {
+      status = js_KeyValue(out(made), js_.get(), name);
+    }
   } while (status != NATS_OK && again_until(until, status, code));
   if (status == NATS_OK) return std::make_unique<bucket>(std::move(made), name, denied_);
   fail(error, std::string("bucket ") + name, status);

@@ -80,6 +80,7 @@ class bucket {
 
  private:
   std::string words(const std::string& key, natsStatus status) const;
+  natsStatus begin_watch(watcher_ptr& to) const;
 
   const bucket_ptr kv_;
   const std::string name_;

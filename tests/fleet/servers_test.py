@@ -51,26 +51,27 @@ class Signer:
     def sign(self, whom, exp=None, **nats):
         """What NATS calls a JWT: who that is, and what they may, until then."""
         claims = {"iat": int(time.time()), "iss": self.name, "sub": whom.name, "name": whom.kind,
-                  "nats": {"version": 2, "type": whom.kind, **nats}, **({"exp": exp} if exp else {})}
+                  "nats": {"version": 2, "type": whom.kind, **nats}}
+        if exp:
+            claims["exp"] = exp
 
         def packed(part):
             return base64.urlsafe_b64encode(part).rstrip(b"=").decode()
-        signed = ".".join(packed(json.dumps(one).encode())
-                          for one in ({"typ": "JWT", "alg": "ed25519-nkey"}, claims))
-        path = self.path.with_suffix(".signed")
-        path.write_text(signed)
-        return f"{signed}." + packed(openssl("pkeyutl", "-sign", "-keyform", "DER", "-inkey",
-                                             self.path, "-rawin", "-in", path))
+        text = ".".join(packed(json.dumps(one).encode())
+                        for one in ({"typ": "JWT", "alg": "ed25519-nkey"}, claims))
+        path = self.path.with_suffix(".text")
+        path.write_text(text)
+        return f"{text}." + packed(openssl("pkeyutl", "-sign", "-keyform", "DER", "-inkey",
+                                           self.path, "-rawin", "-in", path))
 
     def credentials(self, path, exp=None):
         """Of a user of this account; whole or not at all."""
         user = Signer(path.parent, "user")
+        parts = {"NATS USER JWT": self.sign(user, exp, **UNLIMITED), "USER NKEY SEED": user.seed}
         new = path.with_suffix(".new")
-        parts = (("NATS USER JWT", self.sign(user, exp, **UNLIMITED)), ("USER NKEY SEED", user.seed))
         new.write_text("".join(f"-----BEGIN {what}-----\n{text}\n------END {what}------\n"
-                               for what, text in parts))
+                               for what, text in parts.items()))
         new.rename(path)
-        return path
 
 
 class ServersTest(FleetTest):
@@ -82,8 +83,7 @@ class ServersTest(FleetTest):
     def nats_of(self, **files):
         """Settings, and the same as options."""
         settings = {name: str(self.dir / file) for name, file in files.items()}
-        options = [part for name, path in settings.items()
-                   for part in (f"--{name.replace('_', '-')}", path)]
+        options = [f"--{name.replace('_', '-')}={path}" for name, path in settings.items()]
         return {"urls": [self.url], **settings}, ["--nats", self.url, *options]
 
     def assert_refused(self, says, **files):
@@ -123,14 +123,11 @@ class ServersTest(FleetTest):
         self.assertTrue(self.files(worker.root / job))
 
     def serve_accounts(self):
-        """A server that knows users by credentials: of an account for the fleet, and of one that has
-        no store."""
-        def new(kind):
-            return Signer(self.dir, kind)
-        operator, system, ours, poor = new("operator"), *(new("account") for _ in range(3))
-        known = "".join(
-            f"{one.name}: {operator.sign(one, limits={**ACCOUNT, **more})}\n"
-            for one, more in ((system, {}), (ours, JETSTREAM), (poor, {})))
+        """Known by an operator's word: the fleet's account, and one that may store nothing."""
+        operator = Signer(self.dir, "operator")
+        system, ours, poor = (Signer(self.dir, "account") for _ in range(3))
+        known = "".join(f"{one.name}: {operator.sign(one, limits={**ACCOUNT, **more})}\n"
+                        for one, more in ((system, {}), (ours, JETSTREAM), (poor, {})))
         self.serve(self.configured(f"""
             operator: {operator.sign(operator)}
             system_account: {system.name}
@@ -208,13 +205,14 @@ class ServersTest(FleetTest):
         tool, = worker.recorders()
         servers[dies].signal(signal.SIGKILL)
         servers[dies].wait()
-        died = time.monotonic()
+        expired = time.monotonic() + LONG_LEASE_MS / 1000 + 1
         self.watch(anew=True)
         # What is sent meanwhile is recorded, too.
         later = self.record("later", "--duration", 1)
         self.wait_over(later)
+        self.assertIn(job, self.fleet("list"))
         # The other worker would have it by then if nobody had renewed it.
-        self.assertFalse(wait_gone(tool, died + LONG_LEASE_MS / 1000 + 1 - time.monotonic()))
+        self.assertFalse(wait_gone(tool, max(0, expired - time.monotonic())))
         self.fleet("stop", job)
         over = self.wait_over(job)
         self.assertEqual([one["worker"] for one in over["stretches"]], ["w1"], over)

@@ -26,8 +26,11 @@ std::vector<prometheus::MetricFamily> fleet_metrics::Collect() const {
   std::string error;
   std::vector<prometheus::MetricFamily> made;
   const std::vector<label_numbers> queue = by_.queue(error);
-  const std::vector<recording_state> recordings = by_.list(error);
-  const std::vector<Json::Value> workers = by_.workers(error);
+  std::vector<recording_state> recordings;
+  std::vector<Json::Value> workers;
+  // Whoever collects waits no longer for servers that don't answer.
+  if (error.empty()) recordings = by_.list(error);
+  if (error.empty()) workers = by_.workers(error);
   made.push_back(family(MetricType::Gauge, "zelta_fleet_up", "1 while its NATS servers answer.")
                      .add(error.empty() ? 1 : 0)
                      .take());
