@@ -100,9 +100,10 @@ class ServersTest(FleetTest):
         at = self.dir
         self.certificates(server="ca", client="ca", stranger="other-ca")
         self.serve(self.configured(f"""
+            authorization {{ user: worker, password: w }}
             tls {{ cert_file: "{at}/server.pem", key_file: "{at}/server.key",
                    ca_file: "{at}/ca.pem", verify: true }}"""))
-        self.url = f"tls://127.0.0.1:{self.server.port}"
+        self.url = f"tls://worker:w@127.0.0.1:{self.server.port}"
         (at / "junk.pem").write_text("junk")
         for ca, certificate, key, says in (
                 ("ca.pem", None, None, "may want certificate_file and key_file"),
