@@ -18,7 +18,7 @@ from fleets import (BIN, SANITIZED, FleetTest, Program, RawNats, Server, Worker,
                     run_cases, wait_gone)
 
 # Workers begin and take a job before it is over.
-SHORT_LIVED_S = 30 if SANITIZED else 6
+SHORT_LIVED_S = 40 if SANITIZED else 12
 LONG_LEASE_MS = 15_000
 # -1: no limit. What isn't named is 0.
 UNLIMITED = dict.fromkeys(("subs", "data", "payload"), -1)
