@@ -30,6 +30,7 @@ SUITES = {suite.name: suite for suite in [
     Suite("deliver_test"),
     Suite("deliver_tool_test", 1, 120, 300, "*", "zelta-deliver", "tests/zelta-deliver/tool_test.py"),
     Suite("view_test", 3, 40, 120), Suite("lay_test", 4, 60, 180),
+    Suite("fleet_test"), Suite("fuzz_job"),
     Suite("fuzz_delivery_state"), Suite("fuzz_recording_folder"), Suite("fuzz_view_requests"),
 ]}
 
@@ -79,6 +80,12 @@ COVERED_BY = [
     ("src/core_service/media/timeline.*", "recorder_unit_test"),
     ("src/core_service/media/sound_line.*", "recorder_unit_test"),
     ("src/core_service/mix/tiles.*", "recorder_unit_test"),
+    ("src/fleet/job.*", "fleet_test fuzz_job"),
+    ("src/fleet/lease.h", "fleet_test"),
+    ("src/fleet/recorder_child.*", "fleet_test"),
+    ("src/fleet/recording_state.*", "fleet_test"),
+    ("src/fleet/room.*", "fleet_test"),
+    ("src/fleet/worker_settings.*", "fleet_test"),
     ("src/recordings/crc_text.h", "deliver_test"),
     ("src/recordings/message_log.*", "view_test fuzz_recording_folder"),
     ("src/recordings/regular_file.*", "view_test deliver_test"),
