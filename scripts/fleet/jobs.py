@@ -61,8 +61,10 @@ class Job:
 
 def gone(stretches, before):
     """Whether a stretch is missing that was there. One that a worker began while it still had the one before
-    is none: the queue had given it its own job again."""
-    if before[1:] and before[-1]["worker"] == before[-2]["worker"] and not before[-1]["joined_utc_ms"]:
+    is none: the queue had given it its own job again, as the one before says then, too."""
+    if before[1:] and stretches and not before[-1]["joined_utc_ms"] and \
+            before[-1]["worker"] == stretches[-1]["worker"] and \
+            before[-1]["delivered"] == stretches[-1]["delivered"]:
         before = before[:-1]
     return len(stretches) < len(before)
 

@@ -181,7 +181,7 @@ bool bucket::put(const std::string& key, const std::string& value, std::string& 
 // Any server may be chosen to tell what there is, also one that is gone, for as long as the others
 // hope for it: nobody answers then, and the next time it may be another one.
 natsStatus bucket::begin_watch(watcher_ptr& to) const {
-  constexpr int kMostTries = 6;
+  constexpr int kMostTries = 3;
   natsStatus status = NATS_TIMEOUT;
   for (int at = 0; at < kMostTries && status == NATS_TIMEOUT && denied_.latest().empty(); ++at) {
     status = kvStore_WatchAll(out(to), kv_.get(), nullptr);
@@ -467,6 +467,8 @@ bool broker::publish(const std::string& subject, const std::string& text, const 
 }
 
 bool broker::say(const std::string& subject, const std::string& text) {
+  // Whatever the library would keep for later.
+  if (!is_connected()) return false;
   return natsConnection_Publish(connection_.get(), subject.c_str(), text.data(),
                                 static_cast<int>(text.size())) == NATS_OK;
 }
@@ -496,6 +498,7 @@ std::unique_ptr<listening> broker::listen(const std::string& subject, listening:
 
 bool broker::say(const std::string& subject, const std::string& answer_to,
                  const std::string& text) {
+  if (!is_connected()) return false;
   return natsConnection_PublishRequest(connection_.get(), subject.c_str(), answer_to.c_str(),
                                        text.data(), static_cast<int>(text.size())) == NATS_OK;
 }

@@ -140,8 +140,8 @@ class broker {
   std::optional<bool> stands_in_queue(uint64_t sequence, std::string& error);
 
   bool is_connected() const { return connected_.load(std::memory_order_acquire); }
-  // For good, with `why`: a server refused this user twice in a row, after which the library
-  // doesn't ask again. All calls fail from then on.
+  // For good, with `why`: mostly as a server refused this user twice in a row, after which the
+  // library doesn't ask again. All calls fail from then on.
   bool is_shut_out(std::string& why) const;
   jsCtx* jetstream() const { return js_.get(); }
 

@@ -124,6 +124,7 @@ std::vector<label_numbers> client::queue(std::string& error) {
   for (const auto& [label, of] : by_.numbers(error)) {
     by_label[label] = {label, of.waiting, of.taken, 0};
   }
+  if (!error.empty()) return {};
   for (const recording_state& one : list(error)) {
     if (one.now != phase::kWaiting) continue;
     label_numbers& of = by_label[one.label];

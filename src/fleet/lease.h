@@ -35,6 +35,7 @@ class lease {
   // Every fifth of it, and at each look while nobody answers: after an election servers hand out at
   // once what wasn't renewed.
   bool is_due(clock::time_point now) const { return now - proven_ >= length_ / 5 - length_ / 50; }
+  milliseconds length() const { return length_; }
   // How long what both record may be there twice.
   milliseconds grace() const { return length_ - length_ / 5; }
   // From then on the recording has to stop, so that nobody records it twice for as long as a lease.

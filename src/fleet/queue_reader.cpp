@@ -73,7 +73,10 @@ bool queue_reader::take_one(std::string& error) {
   if (!queue_) queue_ = by_.queue(label_, lease_length_, error);
   if (!queue_) return false;
   natsMsgList list{};
-  const auto asked = lease::clock::now();
+  // What is there already came by an earlier question, too late for it.
+  uint64_t queued = 0;
+  static_cast<void>(natsSubscription_QueuedMsgs(queue_.get(), &queued));
+  if (queued == 0) asked_ = lease::clock::now();
   const natsStatus status = natsSubscription_Fetch(&list, queue_.get(), 1, kAskMs, nullptr);
   if (status != NATS_OK) {
     natsMsgList_Destroy(&list);
@@ -85,13 +88,14 @@ bool queue_reader::take_one(std::string& error) {
   }
   const message_ptr message(list.Count > 0 ? std::exchange(list.Msgs[0], nullptr) : nullptr);
   natsMsgList_Destroy(&list);
-  if (!message) return true;
+  // Of one that is older than its lease somebody else may have the job.
+  if (!message || lease::clock::now() - asked_ >= lease_length_) return true;
   assignment made;
   made.text.assign(natsMsg_GetData(message.get()),
                    static_cast<size_t>(natsMsg_GetDataLength(message.get())));
   made.answer_to = natsMsg_GetReply(message.get());
   made.label = label_;
-  made.asked = asked;
+  made.asked = asked_;
   metadata_ptr about;
   if (natsMsg_GetMetaData(out(about), message.get()) == NATS_OK) {
     made.sequence = about->Sequence.Stream;

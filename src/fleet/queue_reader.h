@@ -51,6 +51,7 @@ class queue_reader {
   const std::chrono::milliseconds lease_length_;
   const told told_;
   subscription_ptr queue_;
+  lease::clock::time_point asked_;
   mutable std::mutex lock_;
   std::condition_variable changed_;
   bool wants_ = false;

@@ -249,15 +249,23 @@ void recording::keep_lease() {
 // What was sent before a cable was cut arrives when it is whole again, after somebody else was
 // given the job. Whoever was wrote that into the store before they recorded anything.
 void recording::renewed(clock::time_point sent) {
-  if (lease_.is_sure(clock::now())) return prove(sent);
-  if (unsure_ || !child_ || lost_ || superseded_) return;
+  const auto now = clock::now();
+  if (lease_.is_sure(now) && now >= doubtful_until_) return prove(sent);
+  if (!child_ || lost_ || superseded_) return;
+  if (unsure_) {
+    if (sent <= unsure_noted_) unsure_ = std::max(*unsure_, sent);
+    return;
+  }
   unsure_ = sent;
+  unsure_noted_ = now;
   note(state_.now);
   unsure_note_ = last_note_;
 }
 
 void recording::kept(uint64_t number) {
-  if (unsure_ && number >= unsure_note_) prove(*std::exchange(unsure_, std::nullopt));
+  if (!unsure_ || number < unsure_note_) return;
+  if (!lease_.is_sure(unsure_noted_)) doubtful_until_ = unsure_noted_ + lease_.length();
+  prove(*std::exchange(unsure_, std::nullopt));
 }
 
 void recording::prove(clock::time_point sent) {
@@ -280,8 +288,8 @@ void recording::superseded() {
   if (!is_ending_) stop_recorder("another worker has taken it up");
 }
 
-void recording::outdated(bool is_joined) {
-  if (is_joined) return superseded();
+void recording::outdated(bool at_once) {
+  if (at_once) return superseded();
   if (std::exchange(superseded_, true)) return;
   grace_timer_ = base::scoped_timer(with_.loop, static_cast<int>(lease_.grace().count()),
                                     [this] { superseded(); });

@@ -72,8 +72,8 @@ class recording {
   // Somebody else records it.
   void superseded();
   // Somebody else has it, and says when they record it: until then, though not for long, it goes
-  // on. `is_joined`: they do by now.
-  void outdated(bool is_joined);
+  // on. `at_once`: they do by now, or it is over.
+  void outdated(bool at_once);
   // Whether it isn't about to end.
   bool goes_on() const { return child_ && !is_ending_ && !lost_ && !superseded_; }
   // The queue has given the job to this worker once more, and it goes on by that.
@@ -125,7 +125,10 @@ class recording {
   lease lease_;
   // A renewal whose answer came late, and the note that is to show that the job is still ours.
   std::optional<lease::clock::time_point> unsure_;
+  lease::clock::time_point unsure_noted_;
   uint64_t unsure_note_ = 0;
+  // Whoever was given the job before that note may still be about to write.
+  lease::clock::time_point doubtful_until_;
   std::unique_ptr<recorder_child> child_;
   base::scoped_timer lease_timer_;
   base::scoped_timer kill_timer_;

@@ -3,6 +3,7 @@
 
 #include <chrono>
 #include <utility>
+#include <vector>
 
 #include "fleet/amend.h"
 #include "fleet/json_text.h"
@@ -41,10 +42,16 @@ void state_writer::adopt(const std::string& job, uint64_t revision) {
   const std::lock_guard<std::mutex> hold(lock_);
   of_job& of = jobs_[job];
   of.revision = revision;
-  ++of.adopted;
+  of.adopted = ++last_adopted_;
   of.is_last = false;
   // What waits is of an earlier stretch.
   waiting_.erase(job);
+}
+
+bool state_writer::is_current(const std::string& job, uint64_t adopted) {
+  const std::lock_guard<std::mutex> hold(lock_);
+  const auto found = jobs_.find(job);
+  return found == jobs_.end() || found->second.adopted == adopted;
 }
 
 uint64_t state_writer::note(const std::string& job, std::string text) {
@@ -97,7 +104,7 @@ void state_writer::forget(const std::string& job, bool after_last) {
 // earlier writing may have been lost, and servers that came back may count otherwise. Who has it
 // stands in the state.
 change state_writer::write_state(const std::string& job, const std::string& text,
-                                 uint64_t& revision, bool& is_joined) {
+                                 uint64_t& revision, bool& at_once) {
   std::string error;
   const change made = by_.recordings().update(job, text, revision, error);
   if (made != change::kOutdated) return made;
@@ -111,7 +118,8 @@ change state_writer::write_state(const std::string& job, const std::string& text
   const auto ours = state_of(text, error);
   // Who is asked to end one whose worker hangs has it ended, and no stretch of theirs.
   if (!known || !ours || is_over(known->now) || !is_same_stretch(*known, *ours)) {
-    is_joined = known && !known->stretches.empty() && known->stretches.back().joined_utc_ms != 0;
+    at_once = known && (is_over(known->now) ||
+                        (!known->stretches.empty() && known->stretches.back().joined_utc_ms != 0));
     return made;
   }
   revision = there->revision;
@@ -120,11 +128,14 @@ change state_writer::write_state(const std::string& job, const std::string& text
                                                                               : change::kFailed;
 }
 
-// Whether all went.
+// Whether all went. Servers that don't answer take seconds to fail: the next round begins behind
+// the one that did, and not before what is to be told of it.
 bool state_writer::write_states(std::unique_lock<std::mutex>& held) {
-  bool all = true;
-  for (const std::string& job : std::set<std::string>(waiting_)) {
-    waiting_.erase(job);
+  std::vector<std::string> round(waiting_.upper_bound(failed_), waiting_.end());
+  round.insert(round.end(), waiting_.begin(), waiting_.upper_bound(failed_));
+  for (const std::string& job : round) {
+    // What was adopted meanwhile has a new revision, and no new text yet.
+    if (waiting_.erase(job) == 0) continue;
     const auto found = jobs_.find(job);
     if (found == jobs_.end()) continue;
     const std::string text = found->second.text;
@@ -132,14 +143,14 @@ bool state_writer::write_states(std::unique_lock<std::mutex>& held) {
     const uint64_t adopted = found->second.adopted;
     uint64_t revision = found->second.revision;
     held.unlock();
-    bool is_joined = false;
-    const change made = write_state(job, text, revision, is_joined);
+    bool at_once = false;
+    const change made = write_state(job, text, revision, at_once);
     held.lock();
     const auto still = jobs_.find(job);
     if (still == jobs_.end() || still->second.adopted != adopted) continue;
     held.unlock();
     if (made == change::kDone) told_.kept(job, number);
-    if (made == change::kOutdated) told_.outdated(job, is_joined);
+    if (made == change::kOutdated) told_.outdated(job, adopted, at_once);
     held.lock();
     const auto now = jobs_.find(job);
     if (now == jobs_.end() || now->second.adopted != adopted) continue;
@@ -152,10 +163,10 @@ bool state_writer::write_states(std::unique_lock<std::mutex>& held) {
     now->second.revision = revision;
     if (made == change::kDone) continue;
     waiting_.insert(job);
-    all = false;
-    if (!by_.is_connected()) break;
+    failed_ = job;
+    return false;
   }
-  return all;
+  return true;
 }
 
 // That it is to end may have been wished meanwhile, while nobody could be told.
@@ -192,6 +203,8 @@ bool state_writer::write_events(std::unique_lock<std::mutex>& held) {
     bool ignored = false;
     const bool done = by_.publish(events_subject(one.job), one.text, one.id, ignored, error);
     held.lock();
+    // Leases may hang on states, and on no event.
+    if (done && !waiting_.empty()) return true;
     if (done) continue;
     events_.push_front(std::move(one));
     return false;

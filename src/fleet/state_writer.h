@@ -21,8 +21,9 @@ class state_writer {
  public:
   // Come on its thread.
   struct told {
-    // Somebody else has written: the job isn't this worker's any more. `is_joined`: they record it.
-    std::function<void(const std::string& job, bool is_joined)> outdated;
+    // Somebody else has written: the job that was adopted so isn't this worker's any more.
+    // `at_once`: they record it, or it is over.
+    std::function<void(const std::string& job, uint64_t adopted, bool at_once)> outdated;
     // What note() gave that number to is in the store.
     std::function<void(const std::string& job, uint64_t number)> kept;
   };
@@ -31,12 +32,14 @@ class state_writer {
   state_writer(broker& by, told to);
   state_writer(const state_writer&) = delete;
   state_writer& operator=(const state_writer&) = delete;
-  // What waits is tried once more.
+  // What waits is tried once more, until something fails.
   ~state_writer();
 
   // Any thread. The job's state in the store is of `revision`, written by this worker: what waits
   // of an earlier stretch is dropped.
   void adopt(const std::string& job, uint64_t revision);
+  // Whether the job wasn't adopted anew since then.
+  bool is_current(const std::string& job, uint64_t adopted);
   // Of several that wait the last one counts, and is tried until it is kept. Its number, larger
   // than those before; 0: it isn't written, as the job is somebody else's.
   uint64_t note(const std::string& job, std::string text);
@@ -51,7 +54,8 @@ class state_writer {
  private:
   struct of_job {
     uint64_t revision = 0;
-    uint64_t adopted = 0;  // counts: what was on its way before an adoption tells nothing any more
+    uint64_t adopted =
+        0;  // a number: what was on its way before an adoption tells nothing any more
     bool is_last = false;  // it is forgotten when it is written
     uint64_t number = 0;
     std::string text;
@@ -64,7 +68,7 @@ class state_writer {
   void work();
   bool write_states(std::unique_lock<std::mutex>& held);
   change write_state(const std::string& job, const std::string& text, uint64_t& revision,
-                     bool& is_joined);
+                     bool& at_once);
   bool write_wish(const std::string& job, const std::string& text);
   bool write_wishes(std::unique_lock<std::mutex>& held);
   bool write_events(std::unique_lock<std::mutex>& held);
@@ -77,6 +81,8 @@ class state_writer {
   std::set<std::string> waiting_;
   std::map<std::string, std::string> wishes_;
   std::deque<event> events_;
+  std::string failed_;  // the last one that could not be written
+  uint64_t last_adopted_ = 0;
   uint64_t last_number_ = 0;
   uint64_t last_event_ = 0;
   bool ending_ = false;

@@ -81,12 +81,13 @@ bool worker::start(std::string& error) {
       error);
   if (!keeper_) return false;
   writer_ = std::make_unique<state_writer>(
-      by_, state_writer::told{[this](const std::string& id, bool is_joined) {
-                                poster_.post([this, id, is_joined] {
+      by_, state_writer::told{[this](const std::string& id, uint64_t adopted, bool at_once) {
+                                poster_.post([this, id, adopted, at_once] {
+                                  // The queue may have given it to this worker anew meanwhile.
+                                  if (!writer_->is_current(id, adopted)) return;
                                   settling_.erase(id);
                                   const auto found = recordings_.find(id);
-                                  if (found != recordings_.end())
-                                    found->second->outdated(is_joined);
+                                  if (found != recordings_.end()) found->second->outdated(at_once);
                                 });
                               },
                               [this](const std::string& id, uint64_t number) {
@@ -388,6 +389,9 @@ void worker::on_kept(const std::string& id, uint64_t number) {
 
 // Their leases go on until the store knows how they ended: nobody should record them again.
 void worker::look_after_settling() {
+  // Nothing of it can be told any more.
+  std::string why;
+  if (by_.is_shut_out(why)) settling_.clear();
   for (auto at = settling_.begin(); at != settling_.end();) {
     if (clock::now() >= at->second.until) {
       at = settling_.erase(at);
@@ -399,7 +403,7 @@ void worker::look_after_settling() {
 }
 
 void worker::drain(bool handover) {
-  const bool first = !draining_;
+  const bool first = !std::exchange(was_told_to_end_, true);
   take_no_more();
   hands_over_ = hands_over_ || handover_ || handover || !first;
   report();

@@ -124,6 +124,7 @@ class worker {
   clock::time_point fault_until_;
   int reports_ = 0;
   bool draining_ = false;
+  bool was_told_to_end_ = false;
   bool hands_over_ = false;
   std::atomic<bool> ends_{false};  // for readers
   std::unique_ptr<lease_keeper> keeper_;

@@ -44,7 +44,7 @@ void reporter::note(const char* event, const values& about) {
   }
 }
 
-std::deque<std::string> reporter::take_noted() {
+std::vector<std::string> reporter::take_noted() {
   const std::lock_guard lock(mutex_);
   return std::exchange(noted_, {});
 }

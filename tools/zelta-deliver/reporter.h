@@ -3,7 +3,6 @@
 #pragma once
 
 #include <cstdint>
-#include <deque>
 #include <map>
 #include <mutex>
 #include <string>
@@ -33,13 +32,13 @@ class reporter {
 
  private:
   std::string line_of(const char* event, const values& about) const;
-  std::deque<std::string> take_noted();
+  std::vector<std::string> take_noted();
 
   const bool json_;
   std::mutex writing_;  // taken before the other one
   mutable std::mutex mutex_;
   std::map<std::pair<std::string, std::string>, tally> counts_;
-  std::deque<std::string> noted_;
+  std::vector<std::string> noted_;  // taken without asking for memory
 };
 
 }  // namespace zelta::deliver
