@@ -7,7 +7,7 @@
 
 #include <json/json.h>
 
-#include "fleet/broker.h"
+#include "fleet/bucket.h"
 
 namespace zelta::fleet {
 

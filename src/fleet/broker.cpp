@@ -3,13 +3,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cerrno>
 #include <condition_variable>
 #include <mutex>
-#include <system_error>
 #include <utility>
-
-#include <unistd.h>
 
 #include "fleet/names.h"
 
@@ -27,88 +23,17 @@ constexpr int64_t kJitterMs = 500;
 // A server that doesn't answer is gone: that is found out before leases end by it.
 constexpr int64_t kPingMs = 1000;
 constexpr int kMostPings = 2;
-constexpr int64_t kWatchMs = 200;
 constexpr milliseconds kElectionPause{100};
 // The longest election seen took nine seconds.
 constexpr std::chrono::seconds kPatienceAtStart{30};
 constexpr int64_t kEventsDays = 7;
 constexpr int64_t kEventsBytes = int64_t{1} << 30;
 constexpr int kHistory = 32;
-// Longer than what was asked waits for an answer.
-constexpr std::chrono::seconds kViolationCounts{5};
 constexpr int64_t kDuplicatesMs = 120'000;
 // Workers that wait for a job of one label.
 constexpr int64_t kMostWaiting = 100'000;
 // Of states that nobody has written again, and of wishes.
 constexpr std::chrono::hours kKept{30 * 24};
-
-// What the library's last call on this thread said beside its status, without the place in its
-// source.
-std::string detail_of(natsStatus status) {
-  natsStatus of = NATS_OK;
-  const char* const text = nats_GetLastError(&of);
-  std::string said = text != nullptr && of == status ? text : "";
-  const size_t place = said.rfind('(', 0) == 0 ? said.find("): ") : std::string::npos;
-  if (place != std::string::npos) said.erase(0, place + 3);
-  return said.empty() || said == natsStatus_GetText(status) ? "" : ": " + said;
-}
-
-std::string words(const std::string& what, natsStatus status, const violations& denied) {
-  const std::string not_permitted = denied.latest();
-  return what + ": " + natsStatus_GetText(status) + detail_of(status) +
-         (not_permitted.empty() ? "" : "; this user may not: " + not_permitted);
-}
-
-// The library says nothing of a file that isn't there.
-std::string unreadable_file(const broker_settings& of) {
-  const std::array<std::pair<const char*, const std::string*>, 4> files{
-      {{"credentials_file", &of.credentials_file},
-       {"ca_file", &of.ca_file},
-       {"certificate_file", &of.certificate_file},
-       {"key_file", &of.key_file}}};
-  for (const auto& [name, path] : files) {
-    if (path->empty() || access(path->c_str(), R_OK) == 0) continue;
-    const std::string why = std::generic_category().message(errno);
-    return std::string(name) + ": \"" + *path + "\" can't be read: " + why;
-  }
-  return "";
-}
-
-// Servers tell who isn't let in no reason; over TLS they hang up when the handshake is over.
-std::string likely_reason(const broker_settings& of, natsStatus status) {
-  if (status == NATS_CONNECTION_AUTH_FAILED && !of.credentials_file.empty()) {
-    return "; credentials_file \"" + of.credentials_file +
-           "\" has expired or was revoked, or the servers don't know its account";
-  }
-  const bool is_tls = !of.ca_file.empty() ||
-                      std::any_of(of.urls.begin(), of.urls.end(), [](const std::string& url) {
-                        return url.rfind("tls://", 0) == 0;
-                      });
-  if (!is_tls || (status != NATS_IO_ERROR && status != NATS_PROTOCOL_ERROR)) return "";
-  return of.certificate_file.empty()
-             ? "; the server may want certificate_file and key_file"
-             : "; the server may not trust who signed \"" + of.certificate_file + "\"";
-}
-
-// Whose user it is may stand in it, and a password.
-std::string without_user(const std::string& url) {
-  const size_t scheme = url.find("//");
-  const size_t start = scheme == std::string::npos ? 0 : scheme + 2;
-  const size_t at = url.rfind('@');
-  if (at == std::string::npos || at < start) return url;
-  return url.substr(0, start) + url.substr(at + 1);
-}
-
-stored stored_of(kvEntry* entry) {
-  stored made;
-  made.key = kvEntry_Key(entry);
-  const auto* const bytes = static_cast<const char*>(kvEntry_Value(entry));
-  if (bytes != nullptr) made.value.assign(bytes, static_cast<size_t>(kvEntry_ValueLen(entry)));
-  made.revision = kvEntry_Revision(entry);
-  made.utc_ms = kvEntry_Created(entry) / kNanosecondsAMs;
-  made.deleted = kvEntry_Operation(entry) != kvOp_Put;
-  return made;
-}
 
 // Waits without a clock of its own: for who has nothing else to wake it.
 void pause(milliseconds how_long) {
@@ -119,125 +44,6 @@ void pause(milliseconds how_long) {
 }
 
 }  // namespace
-
-// ---- What isn't permitted ------------------------------------------------------------------
-
-void violations::note(std::string text) {
-  const std::lock_guard<std::mutex> hold(lock_);
-  text_ = std::move(text);
-  at_ = clock::now();
-}
-
-std::string violations::latest() const {
-  const std::lock_guard<std::mutex> hold(lock_);
-  return clock::now() < at_ + kViolationCounts ? text_ : "";
-}
-
-// ---- Buckets -------------------------------------------------------------------------------
-
-std::string bucket::words(const std::string& key, natsStatus status) const {
-  return fleet::words(name_ + (key.empty() ? "" : ": " + key), status, denied_);
-}
-
-std::optional<stored> bucket::get(const std::string& key, std::string& error) const {
-  error.clear();
-  value_ptr found;
-  const natsStatus status = kvStore_Get(out(found), kv_.get(), key.c_str());
-  if (status == NATS_OK) return stored_of(found.get());
-  if (status != NATS_NOT_FOUND) error = words(key, status);
-  return std::nullopt;
-}
-
-change bucket::update(const std::string& key, const std::string& value, uint64_t& revision,
-                      std::string& error) const {
-  const auto size = static_cast<int>(value.size());
-  uint64_t made = 0;
-  // A key that was deleted has a revision, too, which kvStore_Create() knows about.
-  const natsStatus status =
-      revision == 0 ? kvStore_Create(&made, kv_.get(), key.c_str(), value.data(), size)
-                    : kvStore_Update(&made, kv_.get(), key.c_str(), value.data(), size, revision);
-  if (status == NATS_OK) {
-    revision = made;
-    return change::kDone;
-  }
-  error = words(key, status);
-  // The library tells a wrong revision by no status of its own.
-  std::string other;
-  const std::optional<stored> now = get(key, other);
-  if (!other.empty()) return change::kFailed;
-  const uint64_t there = now ? now->revision : 0;
-  // A server that is behind knows an older one.
-  return there > revision ? change::kOutdated : change::kFailed;
-}
-
-bool bucket::put(const std::string& key, const std::string& value, std::string& error) const {
-  const natsStatus status =
-      kvStore_Put(nullptr, kv_.get(), key.c_str(), value.data(), static_cast<int>(value.size()));
-  if (status == NATS_OK) return true;
-  error = words(key, status);
-  return false;
-}
-
-// Any server may be chosen to tell what there is, also one that is gone, for as long as the others
-// hope for it: nobody answers then, and the next time it may be another one.
-natsStatus bucket::begin_watch(watcher_ptr& to) const {
-  constexpr int kMostTries = 3;
-  natsStatus status = NATS_TIMEOUT;
-  for (int at = 0; at < kMostTries && status == NATS_TIMEOUT && denied_.latest().empty(); ++at) {
-    status = kvStore_WatchAll(out(to), kv_.get(), nullptr);
-  }
-  return status;
-}
-
-std::vector<stored> bucket::all(std::string& error) const {
-  std::vector<stored> found;
-  bool told = false;
-  watcher_ptr watcher;
-  natsStatus status = begin_watch(watcher);
-  while (status == NATS_OK && !told) {
-    value_ptr next;
-    status = kvWatcher_Next(out(next), watcher.get(), kWatchMs * 25);
-    if (status != NATS_OK) break;
-    told = next == nullptr;
-    if (next != nullptr && kvEntry_Operation(next.get()) == kvOp_Put) {
-      found.push_back(stored_of(next.get()));
-    }
-  }
-  if (status != NATS_OK) error = words("", status);
-  return found;
-}
-
-void bucket::watch(const std::atomic<bool>& stop, const std::function<void(const stored*)>& tell,
-                   std::string& error) const {
-  watcher_ptr watcher;
-  natsStatus status = begin_watch(watcher);
-  if (status != NATS_OK) {
-    error = words("", status);
-    return;
-  }
-  while ((status == NATS_OK || status == NATS_TIMEOUT) && !stop.load(std::memory_order_acquire)) {
-    value_ptr next;
-    status = kvWatcher_Next(out(next), watcher.get(), kWatchMs);
-    if (status != NATS_OK) continue;
-    if (next == nullptr) {
-      tell(nullptr);
-    } else {
-      const stored one = stored_of(next.get());
-      tell(&one);
-    }
-  }
-  if (status != NATS_OK && status != NATS_TIMEOUT) error = words("", status);
-}
-
-std::vector<stored> bucket::history(const std::string& key, std::string& error) const {
-  std::vector<stored> found;
-  kvEntryList list{};
-  const natsStatus status = kvStore_History(&list, kv_.get(), key.c_str(), nullptr);
-  for (int at = 0; at < list.Count; ++at) found.push_back(stored_of(list.Entries[at]));
-  kvEntryList_Destroy(&list);
-  if (status != NATS_OK && status != NATS_NOT_FOUND) error = words(key, status);
-  return found;
-}
 
 // ---- The connection ------------------------------------------------------------------------
 
@@ -304,7 +110,7 @@ std::unique_ptr<broker> broker::connect(const broker_settings& settings, std::st
       },
       made.get()));
   if (status != NATS_OK) {
-    error = words("NATS can't be used as the settings say", status, made->denied_);
+    error = fault_text("NATS can't be used as the settings say", status, made->denied_);
     return nullptr;
   }
   status = natsConnection_Connect(out(made->connection_), o);
@@ -312,7 +118,7 @@ std::unique_ptr<broker> broker::connect(const broker_settings& settings, std::st
     std::string all;
     for (const std::string& url : settings.urls)
       all += (all.empty() ? "" : ", ") + without_user(url);
-    error = words("no connection to NATS at " + all, status, made->denied_) +
+    error = fault_text("no connection to NATS at " + all, status, made->denied_) +
             likely_reason(settings, status);
     return nullptr;
   }
@@ -322,7 +128,7 @@ std::unique_ptr<broker> broker::connect(const broker_settings& settings, std::st
   js.Wait = settings.patience.count();
   status = natsConnection_JetStream(out(made->js_), made->connection_.get(), &js);
   if (status != NATS_OK) {
-    error = words("JetStream", status, made->denied_);
+    error = fault_text("JetStream", status, made->denied_);
     return nullptr;
   }
   return made;
@@ -351,7 +157,7 @@ bool broker::is_shut_out(std::string& why) const {
 }
 
 bool broker::fail(std::string& error, const std::string& what, natsStatus status) const {
-  error = words(what, status, denied_);
+  error = fault_text(what, status, denied_);
   return false;
 }
 
@@ -467,7 +273,8 @@ bool broker::publish(const std::string& subject, const std::string& text, const 
 }
 
 bool broker::say(const std::string& subject, const std::string& text) {
-  // Whatever the library would keep for later.
+  // The library's header has it that a buffer of 0 keeps 8 MB: all of it would go out, too late,
+  // when there is a connection again.
   if (!is_connected()) return false;
   return natsConnection_Publish(connection_.get(), subject.c_str(), text.data(),
                                 static_cast<int>(text.size())) == NATS_OK;

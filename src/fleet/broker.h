@@ -17,75 +17,13 @@
 #include <string>
 #include <vector>
 
+#include "fleet/broker_settings.h"
+#include "fleet/bucket.h"
 #include "fleet/handles.h"
 #include "fleet/listening.h"
+#include "fleet/nats_faults.h"
 
 namespace zelta::fleet {
-
-struct broker_settings {
-  std::vector<std::string> urls = {"nats://127.0.0.1:4222"};
-  std::string name;              // of the client, as servers list it
-  std::string credentials_file;  // of a user: a JWT and its key; empty: none
-  std::string ca_file;           // who signed the servers' certificates; empty: the machine's
-  std::string certificate_file;  // with key_file: the client's own
-  std::string key_file;
-  int replicas = 1;  // of streams and buckets that aren't there yet: 1, 3 or 5
-  std::chrono::milliseconds patience{3000};
-};
-
-// What became of a change that only holds for the revision that was known.
-enum class change { kDone, kOutdated, kFailed };
-
-struct stored {
-  std::string key;
-  std::string value;
-  uint64_t revision = 0;
-  int64_t utc_ms = 0;
-  bool deleted = false;
-};
-
-// What a server told lately that this user may not do: that comes beside what was asked, which then
-// times out.
-class violations {
- public:
-  void note(std::string text);
-  // Empty: nothing, within the last seconds.
-  std::string latest() const;
-
- private:
-  mutable std::mutex lock_;
-  std::string text_;
-  std::chrono::steady_clock::time_point at_;
-};
-
-class bucket {
- public:
-  // Borrows what says why something failed.
-  bucket(bucket_ptr made, std::string name, const violations& denied)
-      : kv_(std::move(made)), name_(std::move(name)), denied_(denied) {}
-
-  // Nothing, with an empty error, when there is none.
-  std::optional<stored> get(const std::string& key, std::string& error) const;
-  // `revision` is the one that is replaced (0: there must be none), and becomes the new one.
-  change update(const std::string& key, const std::string& value, uint64_t& revision,
-                std::string& error) const;
-  bool put(const std::string& key, const std::string& value, std::string& error) const;
-  // All that there is; in no order.
-  std::vector<stored> all(std::string& error) const;
-  // What there is, then what comes, until `stop`; a call with nothing says that all was told that
-  // there was.
-  void watch(const std::atomic<bool>& stop, const std::function<void(const stored*)>& tell,
-             std::string& error) const;
-  std::vector<stored> history(const std::string& key, std::string& error) const;
-
- private:
-  std::string words(const std::string& key, natsStatus status) const;
-  natsStatus begin_watch(watcher_ptr& to) const;
-
-  const bucket_ptr kv_;
-  const std::string name_;
-  const violations& denied_;
-};
 
 class broker {
  public:

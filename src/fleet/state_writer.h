@@ -54,8 +54,8 @@ class state_writer {
  private:
   struct of_job {
     uint64_t revision = 0;
-    uint64_t adopted =
-        0;  // a number: what was on its way before an adoption tells nothing any more
+    // A number: what was on its way before an adoption tells nothing any more.
+    uint64_t adopted = 0;
     bool is_last = false;  // it is forgotten when it is written
     uint64_t number = 0;
     std::string text;

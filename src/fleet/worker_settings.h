@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-#include "fleet/broker.h"
+#include "fleet/broker_settings.h"
 #include "fleet/room.h"
 
 namespace zelta::fleet {

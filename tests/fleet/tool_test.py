@@ -262,12 +262,16 @@ class ToolTest(FleetTest):
         self.assertEqual(over["first_joined_utc_ms"], state["first_joined_utc_ms"])
         self.files(worker.root / job)
 
-    def test_a_recording_ends_with_its_lease_and_goes_on_when_its_server_is_back(self):
+    def two_recordings(self):
         self.serve()
         worker = self.worker("w1")
         jobs = [self.record(f"call{at}") for at in range(2)]
         for job in jobs:
             self.wait_state(job, "recording")
+        return worker, jobs
+
+    def test_a_recording_ends_with_its_lease_and_goes_on_when_its_server_is_back(self):
+        worker, jobs = self.two_recordings()
         tools = worker.recorders()
         self.kill_server()
         for tool in tools:
@@ -283,11 +287,7 @@ class ToolTest(FleetTest):
             self.wait_over(job)
 
     def test_a_queue_that_is_asked_anew_settles_what_came_before(self):
-        self.serve()
-        worker = self.worker("w1")
-        jobs = [self.record(f"call{at}") for at in range(2)]
-        for job in jobs:
-            self.wait_state(job, "recording")
+        worker, jobs = self.two_recordings()
         with self.raw() as raw:
             name, = raw.request("$JS.API.CONSUMER.NAMES.zelta_jobs")["consumers"]
             self.assertTrue(raw.request(f"$JS.API.CONSUMER.DELETE.zelta_jobs.{name}")["success"])

@@ -6,7 +6,7 @@
 #include <vector>
 
 #include "common/command_line.h"
-#include "fleet/broker.h"
+#include "fleet/broker_settings.h"
 #include "fleet/job.h"
 
 namespace zelta::fleet {
