@@ -11,6 +11,7 @@ import shutil
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 import unittest
 import zlib
@@ -32,6 +33,17 @@ def wait_for(what, holds):
         if time.monotonic() > until:
             raise AssertionError(f"{what} in {LIMIT_S} s")
         time.sleep(0.02)
+
+
+@contextlib.contextmanager
+def killed_late(process):
+    """One that hangs is a failure, and keeps no test."""
+    late = threading.Timer(LIMIT_S, process.kill)
+    late.start()
+    try:
+        yield
+    finally:
+        late.cancel()
 
 
 class Recording:
@@ -124,15 +136,29 @@ class DeliveryTest(unittest.TestCase):
     def command(self, settings, *arguments):
         return [TOOL, "--json", "--settings", settings, *map(str, arguments)]
 
-    def run_tool(self, settings, *arguments, status=0, env=None, **more):
+    def run_tool(self, settings, *arguments, status=0, env=None, until=None, **more):
+        """What it tells. `until` such an event was told, however busy the machine is, and for a second
+        more, in which it is to be idle; then it is stopped."""
         before = resource.getrusage(resource.RUSAGE_CHILDREN)
-        done = subprocess.run(self.command(settings, *arguments), env=env or ENVIRONMENT,
-                              timeout=LIMIT_S, capture_output=True, text=True, **more)
+        command = self.command(settings, *arguments)
+        with tempfile.TemporaryFile("w+") as said, subprocess.Popen(
+                command, env=env or ENVIRONMENT, stdout=subprocess.PIPE, stderr=said, text=True,
+                **more) as tool, killed_late(tool):
+            told = []
+            for line in tool.stdout:
+                told.append(json.loads(line))
+                if until and told[-1]["event"] == until:
+                    until = None
+                    stop = threading.Timer(1, tool.terminate)
+                    self.addCleanup(stop.cancel)
+                    stop.start()
+            done = tool.wait(LIMIT_S)
+            said.seek(0)
+            self.said = said.read()
         after = resource.getrusage(resource.RUSAGE_CHILDREN)
         self.cpu_s = after.ru_utime + after.ru_stime - before.ru_utime - before.ru_stime
-        self.said = done.stderr
-        self.assertEqual(done.returncode, status, done.stdout + done.stderr)
-        return [json.loads(line) for line in done.stdout.splitlines()]
+        self.assertEqual(done, status, f"{told[-5:]} {self.said}")
+        return told
 
     def count(self, told, event):
         return sum(one["event"] == event for one in told)

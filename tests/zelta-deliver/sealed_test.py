@@ -159,7 +159,7 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
         os.mkfifo(self.dir / "fifo")
         environment = self.slow_age(f"exec cat {self.dir}/fifo")
         settings = self.settings(self.sealed("folder"), stall_s=1)
-        told = self.run_tool(settings, "--give-up", 3, made.folder, status=3, env=environment)
+        told = self.run_tool(settings, made.folder, until="failed", status=3, env=environment)
         self.assertIn("age did nothing for 1 s", told[0]["error"])
         self.assertEqual(told[0]["event"], "failed")
 
@@ -231,7 +231,7 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
                 shutil.rmtree(self.kept, True)
                 self.serve("drop=1")
                 made = Recording(self.dir).add("7_a.mp4", 100_000)
-                self.run_tool(self.settings(self.sealed("http")), "--give-up", 3, made.folder,
+                self.run_tool(self.settings(self.sealed("http")), made.folder, until="failed",
                               status=3)
                 spoil(made.folder / ".delivery/http/7_a.mp4.age")
                 # What came of it before, cut.
@@ -269,7 +269,7 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
             made.add(f"7_{at}.mp4", 300_000)
         with self.small_disk(self.dir / "nas", "1m") as grow:
             settings = self.settings(self.sealed("folder"), connections=1)
-            self.run_tool(settings, "--give-up", 3, made.folder, status=3)
+            self.run_tool(settings, made.folder, until="failed", status=3)
             self.assertGreater(made.state()["files"]["7_9.mp4"]["targets"]["folder"]["attempts"], 0)
             # Two that stay, and one that was just made when it ended.
             self.assertLessEqual(len(self.copies(made)), 3)
@@ -284,7 +284,7 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
             resource.setrlimit(resource.RLIMIT_FSIZE, (100_000, 100_000))
         made = Recording(self.dir).add("7_a.mp4", 1_000_000)
         settings = self.settings(self.sealed("folder"))
-        told = self.run_tool(settings, "--give-up", 2, made.folder, status=3,
+        told = self.run_tool(settings, made.folder, until="failed", status=3,
                              preexec_fn=little_room)
         self.assertEqual({one["event"] for one in told if one.get("file") == "7_a.mp4"}, {"failed"})
         self.assertIn("file too large", told[0]["error"])
@@ -296,7 +296,7 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
     def test_a_target_that_becomes_sealed_is_asked_for_its_other_names(self):
         self.serve("drop=1")
         made = Recording(self.dir).add("7_a.mp4", 100_000)
-        self.run_tool(self.settings(self.target("http")), "--give-up", 3, made.folder, status=3)
+        self.run_tool(self.settings(self.target("http")), made.folder, until="failed", status=3)
         self.assertTrue(made.state()["files"]["7_a.mp4"]["targets"]["http"]["ours"])
         self.serve()
         other = self.kept / "dav/call"
@@ -313,7 +313,7 @@ echo $$ > {pid}.new; mv {pid}.new {pid}; exec cat {self.dir}/fifo""")
         away.mkdir(parents=True)
         (away / "kept").write_text("kept")
         (made.folder / ".delivery").symlink_to(self.dir / "away")
-        told = self.run_tool(self.settings(self.sealed("folder")), "--give-up", 3, made.folder,
+        told = self.run_tool(self.settings(self.sealed("folder")), made.folder, until="failed",
                              status=3)
         self.assertIn("sealing: ", told[0]["error"])
         self.assertEqual([one.name for one in away.iterdir()], ["kept"])

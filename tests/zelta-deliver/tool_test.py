@@ -159,7 +159,7 @@ Subsystem sftp internal-sftp
         self.serve("busy=1")
         made = Recording(self.dir).add("7_a.mp4", 1000)
         settings = self.settings(self.target("http"))
-        told = self.run_tool(settings, "--give-up", 2, made.folder, status=3)
+        told = self.run_tool(settings, made.folder, status=3, until="failed")
         self.assertLessEqual(sum(one["event"] == "failed" for one in told), 3)
         self.assertEqual(made.stages(), {"7_a.mp4": {"sending"}, "recording.json": {"pending"}})
 
@@ -348,7 +348,7 @@ echo it ran
         self.addCleanup(signal.signal, signal.SIGIO, before)
         with open(made.folder / "7_a.mp4", "r+b") as leased:
             fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_WRLCK)
-            told = self.run_tool(settings, "--give-up", 2, made.folder, status=3)
+            told = self.run_tool(settings, made.folder, status=3, until="failed")
             fcntl.fcntl(leased, fcntl.F_SETLEASE, fcntl.F_UNLCK)
         self.assertIn("7_a.mp4: Resource temporarily unavailable", told[0]["error"])
         self.assert_idle(told)
@@ -393,7 +393,7 @@ echo it ran
         self.run_tool(settings, made.folder)
         made.add("7_b.mp4", 1000)
         told = self.run_tool(self.settings(self.target("http"), keep={"minutes": 0}, **more),
-                             "--give-up", 3, made.folder, status=1, preexec_fn=no_room)
+                             made.folder, until="broken", status=1, preexec_fn=no_room)
         self.assert_idle(told)
         self.assertIn("File too large", told[0]["error"])
         self.assertFalse((made.folder / "7_a.mp4").exists(), "its confirmation was on disk")
@@ -444,7 +444,7 @@ echo it ran
                 one.sendall(b"X-More: and more\r\n" * 100)
         with self.answering(answer) as url:
             told = self.run_tool(self.settings({"name": "endless", "type": "http", "url": url}),
-                                 "--give-up", 1, made.folder, status=3)
+                                 made.folder, status=3, until="failed")
         self.assertIn("more than 64 KiB", told[0]["error"])
         self.assert_idle(told)
 
@@ -477,7 +477,7 @@ echo it ran
                     settings = self.settings({"name": "slow", "type": "http", "url": url,
                                               "verify": "content"}, stall_s=1)
                     try:
-                        told = self.run_tool(settings, "--give-up", 6, made.folder, status=3)
+                        told = self.run_tool(settings, made.folder, status=3, until="failed")
                     finally:
                         ended.set()
                 self.assertGreaterEqual(self.count(told, "failed"), 1)
@@ -509,7 +509,7 @@ echo it ran
         made = Recording(self.dir).add("7_a.mp4", 600_000).add("7_b.mp4", 3_000_000)
         with self.small_disk(self.dir / "nas", "2m") as grow:
             settings = self.settings(self.target("folder"), connections=1)
-            told = self.run_tool(settings, "--give-up", 2, made.folder, status=3)
+            told = self.run_tool(settings, made.folder, status=3, until="failed")
             self.assertIn("No space left", [one for one in told if one["event"] == "failed"][0]["error"])
             self.assert_idle(told)
             self.assertEqual(made.stages()["7_a.mp4"], {"confirmed"})
@@ -527,7 +527,7 @@ echo it ran
                     contextlib.suppress(OSError):
                 while True:
                     filler.write(bytes(4096))
-            told = self.run_tool(settings, "--give-up", 2, made.folder, status=1)
+            told = self.run_tool(settings, made.folder, until="failed", status=1)
             self.assertIn("No space left", json.dumps(told))
             self.assert_idle(told)
             self.assertTrue((made.folder / "7_a.mp4").exists())
@@ -603,7 +603,7 @@ echo it ran
     def test_what_is_to_be_mounted_is_waited_for(self):
         made = Recording(self.dir).add("7_a.mp4", 10)
         settings = self.settings(self.target("folder", mount=str(self.dir / "nas")))
-        told = self.run_tool(settings, "--give-up", 1, made.folder, status=3)
+        told = self.run_tool(settings, made.folder, status=3, until="failed")
         self.assertIn("isn't mounted", told[0]["error"])
         self.assertEqual(list((self.dir / "nas").iterdir()), [])
         self.run_tool(self.settings(self.target("folder")), made.folder)
@@ -638,7 +638,7 @@ echo it ran
         made = Recording(self.dir).add("7_a.mp4", 1000)
         self.serve("plain,error=1")
         settings = self.settings(self.target("http"), retry={**RETRY, "refusals": 1})
-        told = self.run_tool(settings, "--give-up", 1, made.folder, status=3)
+        told = self.run_tool(settings, made.folder, status=3, until="failed")
         self.assertIn("PUT: the server answers 500", told[0]["error"])
         self.serve("plain")
         self.run_tool(settings, made.folder)
@@ -843,7 +843,7 @@ until [ -s {self.dir}/pid ]; do :; done
         made = Recording(self.dir).add("7_a.mp4", 10)
         settings = self.settings(self.target("folder"))
         os.rmdir(self.dir / "nas")
-        self.run_tool(settings, "--give-up", 1, made.folder, status=3)
+        self.run_tool(settings, made.folder, status=3, until="failed")
         told = self.run_tool(settings, "--status", made.folder, status=3)
         self.assertIn("mounted", told[0]["error"])
 
