@@ -25,7 +25,7 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(libgtest-dev python3-jsonschema procps nginx-light openssh-server age nats-server openssl) ;;
+    test) packages+=(libgtest-dev python3-jsonschema procps nginx-light openssh-server age nats-server openssl fish zsh) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     sound) packages+=(pulseaudio pulseaudio-utils) ;;
     deliver)
