@@ -24,7 +24,7 @@ set(version "${ZELTA_DEBIAN_VERSION}")
 set(commit_date "")
 if(GIT_FOUND)
   execute_process(
-    COMMAND "${GIT_EXECUTABLE}" log -1 --format=%ct;%cd;%h --date=format-local:%Y%m%d.%H%M%S
+    COMMAND env TZ=UTC "${GIT_EXECUTABLE}" log -1 "--format=%ct;%cd;%h" "--date=format-local:%Y%m%d.%H%M%S"
     WORKING_DIRECTORY "${PROJECT_SOURCE_DIR}" OUTPUT_VARIABLE commit OUTPUT_STRIP_TRAILING_WHITESPACE
     ERROR_QUIET)
   execute_process(
@@ -159,6 +159,8 @@ set(CPACK_DEBIAN_LIBRARY_PACKAGE_CONTROL_EXTRA "${made}/library/triggers")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME zelta-recording)
+# Each component has its own, in the first line of its description.
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "")
 set(CPACK_PACKAGE_CONTACT "${ZELTA_MAINTAINER}")
 set(CPACK_PACKAGE_DIRECTORY "${CMAKE_BINARY_DIR}/packages")
 set(CPACK_PACKAGING_INSTALL_PREFIX /usr)
@@ -166,10 +168,10 @@ set(CPACK_COMPONENTS_ALL ${components})
 set(CPACK_COMPONENTS_GROUPING ONE_PER_GROUP)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS
     OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE WORLD_READ WORLD_EXECUTE)
-set(CPACK_STRIP_FILES ON)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
-set(CPACK_DEBIAN_COMPRESSION_TYPE xz)
+# FinishPackages.cmake unpacks them once more, and compresses them.
+set(CPACK_DEBIAN_COMPRESSION_TYPE none)
 set(CPACK_DEBIAN_PACKAGE_VERSION "${version}")
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_SOURCE zelta-recording)
@@ -195,11 +197,11 @@ set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
 set(CPACK_DEBIAN_LIBRARY_PACKAGE_RECOMMENDS zelta-recorder)
 set(CPACK_COMPONENT_LIBRARY_DESCRIPTION
     "recording of real-time audio and video channels - engine
- An application links this library, makes an engine object for each recording
- and joins a channel; a process of its own, the recorder, receives the media,
- writes the files and gives frames to the application.
- .
- The recorder is in the package zelta-recorder.")
+An application links this library, makes an engine object for each recording
+and joins a channel; a process of its own, the recorder, receives the media,
+writes the files and gives frames to the application.
+
+The recorder is in the package zelta-recorder.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
@@ -210,8 +212,8 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS zelta-recorder)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS library)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
     "recording of real-time audio and video channels - development files
- The header of the recording engine, its library to link statically, a CMake
- package, zelta_recording, and a description for pkg-config.")
+The header of the recording engine, its library to link statically, a CMake
+package, zelta_recording, and a description for pkg-config.")
 
 # What is loaded by name while it runs: GStreamer's elements, and TLS of libsoup. x264enc is recommended
 # alone, as OpenH264 of -bad does its work in more time.
@@ -223,17 +225,17 @@ set(CPACK_DEBIAN_RECORDER_PACKAGE_RECOMMENDS
 set(CPACK_COMPONENT_RECORDER_DEPENDS library)
 set(CPACK_COMPONENT_RECORDER_DESCRIPTION
     "recording of real-time audio and video channels - recorder
- The recorder process and the command line: zelta-record records a channel of
- media files, RTP, browsers (WHIP) or a Janus gateway, one file a user or all
- mixed; zelta-view shows a recording in a browser; zelta-lay makes one film of
- it; zelta-deliver brings it to folders, WebDAV, S3 or SFTP.")
+The recorder process and the command line: zelta-record records a channel of
+media files, RTP, browsers (WHIP) or a Janus gateway, one file a user or all
+mixed; zelta-view shows a recording in a browser; zelta-lay makes one film of
+it; zelta-deliver brings it to folders, WebDAV, S3 or SFTP.")
 
 set(CPACK_DEBIAN_FLEET_PACKAGE_SECTION video)
 set(CPACK_DEBIAN_FLEET_PACKAGE_RECOMMENDS nats-server)
 set(CPACK_COMPONENT_FLEET_DEPENDS recorder)
 set(CPACK_COMPONENT_FLEET_DESCRIPTION
     "recording of real-time audio and video channels - fleet
- Many machines record what stands in one queue of NATS servers; when one dies
- another goes on. zelta-worker records on each of them, zelta-fleet sends jobs
- and shows what becomes of them.")
+Many machines record what stands in one queue of NATS servers; when one dies
+another goes on. zelta-worker records on each of them, zelta-fleet sends jobs
+and shows what becomes of them.")
 include(CPack)
