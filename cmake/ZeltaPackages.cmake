@@ -19,7 +19,7 @@ set(components library development recorder fleet)
 # Two builds of one state of the sources are called alike, those between releases by their commit, and
 # are older than the release that comes.
 set(ZELTA_DEBIAN_VERSION "" CACHE STRING "Version of the packages; empty: by the commit")
-set(ZELTA_MAINTAINER "Zelta recording <packages@zelta-recording.org>" CACHE STRING "Who answers for the packages")
+set(ZELTA_MAINTAINER "Zelta recording <packages@zelta-recording.invalid>" CACHE STRING "Who answers for the packages")
 set(version "${ZELTA_DEBIAN_VERSION}")
 set(commit_date "")
 if(GIT_FOUND)
