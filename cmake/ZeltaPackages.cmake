@@ -206,7 +206,7 @@ The recorder is in the package zelta-recorder.")
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SHLIBDEPS OFF)
 set(CPACK_DEBIAN_DEVELOPMENT_DEBUGINFO_PACKAGE OFF)
-# The static library is linked with it, and pkg-config reads what Requires.private names.
+# The static library is linked with it.
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_DEPENDS libjsoncpp-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS zelta-recorder)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS library)

@@ -198,7 +198,7 @@ builds_by_cmake() {
   inside sh -ec "cmake -S /tmp/consumer -B /tmp/consumer/build && cmake --build /tmp/consumer/build"
   # README's settings.
   echo '{"Channel_Server": "test:users=2"}' >"$root/tmp/consumer/server.json"
-  inside sh -ec "mkdir /tmp/consumer/by-cmake; cd /tmp/consumer/by-cmake; timeout 60 ../build/record ../server.json"
+  inside sh -ec "mkdir /tmp/consumer/by-cmake; cd /tmp/consumer/by-cmake; HOME=/tmp/consumer timeout 60 ../build/record ../server.json"
 }
 
 builds_static() {
@@ -210,9 +210,11 @@ builds_static() {
 
 builds_by_pkg_config() {
   # shellcheck disable=SC2016
-  inside sh -ec 'flags=$(pkg-config --cflags --libs zelta_recording); echo "$flags" | grep -vE "//|jsoncpp"
+  # Nothing but the library itself: its header and it are where the compiler looks by itself.
+  inside sh -ec 'flags=$(pkg-config --cflags --libs zelta_recording); echo "$flags"
+    test "$(echo $flags)" = -lzelta_recording
     c++ -std=c++17 /tmp/consumer/main.cpp -o /tmp/consumer/record $flags
-    mkdir /tmp/consumer/by-pkg-config; cd /tmp/consumer/by-pkg-config; timeout 60 ../record ../server.json'
+    mkdir /tmp/consumer/by-pkg-config; cd /tmp/consumer/by-pkg-config; HOME=/tmp/consumer timeout 60 ../record ../server.json'
 }
 
 trap remove_root EXIT
