@@ -6,7 +6,7 @@
 # with "bench" what the benchmarks compare with and draw by; with "fuzz" what the fuzzers are built
 # with; with "mutate" what scripts/mutate.sh builds with; with "lint" what CI's checks need too; with
 # "crowd" what scripts/check-crowd.sh encrypts with; with "deliver" what scripts/check-deliver.sh runs
-# and cuts; with "fleet" what scripts/check-fleet.sh does.
+# and cuts; with "fleet" what scripts/check-fleet.sh does; with "package" what scripts/check-packages.sh does.
 #
 # "test" brings nginx, an SSH server and a NATS server, which Debian starts where systemd runs: they
 # listen on ports 80, 22 and 4222 until `systemctl disable --now nginx ssh nats-server`. The tests start
@@ -25,7 +25,7 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(libgtest-dev python3-jsonschema procps nginx-light openssh-server age nats-server openssl) ;;
+    test) packages+=(libgtest-dev python3-jsonschema procps nginx-light openssh-server age nats-server openssl fish zsh) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     sound) packages+=(pulseaudio pulseaudio-utils) ;;
     deliver)
@@ -36,8 +36,9 @@ for want in "$@"; do
     bench) packages+=(libzmq3-dev gnuplot-nox nats-server) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;
+    package) packages+=(lintian debootstrap util-linux) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
-    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, fleet, bench, fuzz, mutate or lint" >&2; exit 2 ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, fleet, bench, fuzz, mutate, package or lint" >&2; exit 2 ;;
   esac
 done
 

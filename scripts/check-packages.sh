@@ -1,0 +1,262 @@
+#!/usr/bin/env bash
+# SPDX-License-Identifier: Apache-2.0
+# Builds the Debian packages, has lintian read them, installs them by apt into a Debian 12 of its own
+# (chroot), records, delivers and builds against them there, purges them and looks what is left.
+# A table on standard output, exit status 1 when something in it failed. Needs root, and the mirror of
+# this machine's apt. Argument: the folder in which the bare Debian is kept for the next time, and the
+# other one while it is used; build/package-check unless given.
+#
+# Nothing is installed here and no service is started. /proc is all that is mounted, in namespaces
+# (mounts and processes) that end with each command: outside of them nothing ever lies in the chroot.
+# shellcheck disable=SC2317  # the checks are called by row
+set -euo pipefail
+cd "$(dirname "$0")/.."
+[ "$(id -u)" -eq 0 ] || { echo "check-packages.sh: it makes a chroot, and should be run by root" >&2; exit 2; }
+[ $# -le 1 ] || { echo "check-packages.sh: it takes one folder, or none" >&2; exit 2; }
+work=${1:-build/package-check}
+mkdir -p "$work"
+work=$(cd "$work" && pwd)
+root=$work/root
+suite=bookworm
+packages=build/package/packages
+own=(zelta-fleet zelta-recorder libzelta-recording-dev 'libzelta-recording[0-9]*')
+failed=0
+
+scripts/install-deps.sh package >&2
+cmake --preset package >&2
+# Of another version, if any.
+rm -rf "$packages"
+cmake --build --preset package --target all package -- --quiet >&2
+
+# row NAME COMMAND...: a line of the table; what a command says that failed goes to standard error.
+row() {
+  local name=$1 status
+  shift
+  # Not in an "if", where a step that fails would not end the steps.
+  set +e
+  (set -e; "$@") >"$work/said" 2>&1
+  status=$?
+  set -e
+  if [ "$status" -eq 0 ]; then
+    printf '%-58s ok\n' "$name"
+  else
+    printf '%-58s FAILED\n' "$name"
+    tail -n 30 "$work/said" >&2
+    failed=1
+  fi
+}
+
+# A command in the chroot, where it sees itself and its own processes alone, which end with it.
+inside() {
+  # shellcheck disable=SC2016
+  unshare --mount --propagation private --pid --fork --kill-child -- \
+    sh -c 'mount -t proc proc "$0/proc" && exec chroot "$0" "$@"' "$root" \
+    env -i PATH=/usr/sbin:/usr/bin:/sbin:/bin HOME=/root LC_ALL=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
+    ${http_proxy:+http_proxy="$http_proxy"} ${https_proxy:+https_proxy="$https_proxy"} "$@"
+}
+
+remove_root() {
+  [ -e "$root" ] || return 0
+  if grep -qF " $root" /proc/self/mountinfo; then
+    echo "check-packages.sh: something is mounted in $root, which stays as it is" >&2
+    return 1
+  fi
+  rm -rf --one-file-system "$root"
+}
+
+# shellcheck disable=SC2016
+sources() { # URI and release of each Debian archive that this machine's apt knows
+  apt-get indextargets --format '$(REPO_URI) $(RELEASE) $(COMPONENT)' 'Created-By: Packages' |
+    awk -v suite="$suite" '$3 == "main" && index($2, suite) == 1 { print $1, $2 }' | sort -u
+}
+
+make_root() {
+  local mirror base=$work/base-$suite.tar
+  remove_root
+  mirror=$(sources | awk -v suite="$suite" '$2 == suite { print $1; exit }')
+  if [ ! -s "$base" ]; then
+    mkdir -p "$root"
+    unshare --mount --propagation private -- \
+      debootstrap --variant=minbase "$suite" "$root" "$mirror" >"$work/debootstrap.log"
+    tar --one-file-system -C "$root" -cf "$base.part" .
+    mv "$base.part" "$base"
+    remove_root
+  fi
+  mkdir -p "$root" "$work/archives"
+  tar -C "$root" -xpf "$base"
+  sources | sed 's/^/deb /; s/$/ main/' >"$root/etc/apt/sources.list"
+  # Packages that this brings along start nothing.
+  printf '#!/bin/sh\nexit 101\n' >"$root/usr/sbin/policy-rc.d"
+  chmod 755 "$root/usr/sbin/policy-rc.d"
+  find "$work/archives" -name '*.deb' -exec cp -t "$root/var/cache/apt/archives" {} +
+  mkdir "$root/packages"
+  cp "$packages"/*.deb "$root/packages"
+  inside apt-get update -qq
+}
+
+apt_get() {
+  inside apt-get -y -qq --no-install-recommends -o Dpkg::Use-Pty=0 \
+    -o Dpkg::Options::=--force-unsafe-io "$@"
+}
+
+# What packages of ours ask for, all but each other.
+others() {
+  local deb
+  for deb in "$@"; do dpkg-deb -f "$deb" Depends; done | tr ',' '\n' | sed 's/^ *//' |
+    grep -vE '^(lib)?zelta-' | sort -u | paste -sd, -
+}
+
+# Names of all files, and sums of those of /etc, without what apt and dpkg note down.
+snapshot() {
+  (
+    cd "$root"
+    find . -xdev \( -path ./proc -o -path ./packages -o -path ./var/lib/dpkg -o -path ./var/lib/apt -o \
+      -path ./var/cache/apt -o -path ./var/log -o -path ./var/cache/ldconfig -o \
+      -path ./etc/ld.so.cache \) -prune -o -print
+    find etc -xdev -type f ! -path etc/ld.so.cache -exec sha256sum {} +
+  ) | sort
+}
+
+# A user's record in passwd, its group, and the copies of before are left on purpose: files of theirs may be
+# somewhere.
+nothing_left() {
+  local left
+  left=$(diff "$1" "$2" | grep '^[<>]' |
+    grep -vE ' (\./)?etc/(passwd|group|shadow|gshadow|subuid|subgid)-?$| ./etc/.pwd.lock$') || true
+  [ -z "$left" ] || { printf '%s\n' "$left"; return 1; }
+}
+
+no_search_path() { # no RUNPATH in any file of any package
+  local deb found
+  for deb in "$packages"/*.deb; do
+    rm -rf "$work/unpacked"
+    dpkg-deb -x "$deb" "$work/unpacked"
+    found=$(find "$work/unpacked" -type f -exec sh -c 'readelf -d "$1" 2>/dev/null | grep -qE "R(UN)?PATH" && echo "$1"' \
+      sh {} \;)
+    [ -z "$found" ] || { echo "$found"; return 1; }
+  done
+}
+
+symbols_fit() { # each program's build id is among the debug packages' files
+  local deb id
+  rm -rf "$work/unpacked" "$work/symbols"
+  for deb in "$packages"/*.deb; do dpkg-deb -x "$deb" "$work/unpacked"; done
+  for deb in "$packages"/*.ddeb; do dpkg-deb -x "$deb" "$work/symbols"; done
+  while read -r id; do
+    [ -s "$work/symbols/usr/lib/debug/.build-id/${id:0:2}/${id:2}.debug" ] || { echo "no symbols of $id"; return 1; }
+  done < <(find "$work/unpacked/usr" -type f \( -perm -u+x -o -name '*.so.*' \) -exec readelf -n {} + 2>/dev/null |
+    awk '/Build ID/ { print $3 }')
+}
+
+# Errors fail; a warning has to stand in packaging/debian/known-tags, with why it is there.
+lintian_says() {
+  local said unknown
+  said=$(lintian --allow-root --tag-display-limit 0 "$packages"/*.deb "$packages"/*.ddeb) || true
+  printf '%s\n' "$said" >"$work/lintian.txt"
+  unknown=$(printf '%s\n' "$said" | grep '^[EW]:' |
+    grep -vF -f <(awk '/^[a-z]/ { print " " $1 }' packaging/debian/known-tags) || true)
+  [ -z "$unknown" ] || { printf '%s\n' "$unknown"; return 1; }
+}
+
+as_zelta() { inside runuser -u zelta -- env HOME=/tmp/check "$@"; }
+
+records() {
+  inside install -d -o zelta -g zelta /tmp/check /tmp/check/recordings /tmp/check/archive
+  as_zelta timeout 60 zelta-record meeting --server test:users=1 --duration 3 \
+    --record-file-root-dir /tmp/check/recordings
+  [ -n "$(find "$root/tmp/check/recordings" -name '*.mp4' -size +10k)" ]
+}
+
+recorded() { (cd "$root" && find tmp/check/recordings -name recording.json -printf '%h'); }
+
+# The recorder tells each element that it hasn't got, with its package: here those of -ugly, which isn't
+# installed, and no others.
+finds_all_plugins() {
+  grep 'gstreamer1\.0-' "$root/$folder/recording_engine.log" >"$work/missing"
+  grep -q plugins-ugly "$work/missing" && ! grep -v plugins-ugly "$work/missing"
+}
+
+lays() { as_zelta timeout 60 zelta-lay "/$folder" --names -o /tmp/check/film.mp4 && [ -s "$root/tmp/check/film.mp4" ]; }
+
+exports() { as_zelta zelta-view --export "/$folder" && [ -s "$root/$folder/index.html" ]; }
+
+delivers() {
+  echo '{"targets": [{"name": "archive", "type": "folder", "path": "/tmp/check/archive"}]}' >"$root/tmp/check/delivery.json"
+  as_zelta timeout 60 zelta-deliver --settings /tmp/check/delivery.json "/$folder" &&
+    [ -n "$(find "$root/tmp/check/archive" -name recording.json)" ]
+}
+
+tells_versions() {
+  local tool
+  for tool in zelta-record zelta-deliver zelta-lay zelta-view zelta-worker zelta-fleet; do
+    inside "$tool" --version
+  done
+}
+
+builds_by_cmake() {
+  cp -r "$root/usr/share/doc/libzelta-recording-dev/examples/record" "$root/tmp/consumer"
+  inside sh -ec "cmake -S /tmp/consumer -B /tmp/consumer/build && cmake --build /tmp/consumer/build"
+  # README's settings.
+  echo '{"Channel_Server": "test:users=2"}' >"$root/tmp/consumer/server.json"
+  inside sh -ec "mkdir /tmp/consumer/by-cmake; cd /tmp/consumer/by-cmake; HOME=/tmp/consumer timeout 60 ../build/record ../server.json"
+}
+
+builds_static() {
+  mkdir -p "$root/tmp/consumer/static"
+  sed 's/zelta_recording REQUIRED/& COMPONENTS static/; s/zelta::zelta_recording/&_static/; s/main\.cpp/..\/&/' \
+    "$root/tmp/consumer/CMakeLists.txt" >"$root/tmp/consumer/static/CMakeLists.txt"
+  inside sh -ec "cmake -S /tmp/consumer/static -B /tmp/consumer/static/build && cmake --build /tmp/consumer/static/build"
+}
+
+builds_by_pkg_config() {
+  # shellcheck disable=SC2016
+  # Nothing but the library itself: its header and it are where the compiler looks by itself.
+  inside sh -ec 'flags=$(pkg-config --cflags --libs zelta_recording); echo "$flags"
+    test "$(echo $flags)" = -lzelta_recording
+    c++ -std=c++17 /tmp/consumer/main.cpp -o /tmp/consumer/record $flags
+    mkdir /tmp/consumer/by-pkg-config; cd /tmp/consumer/by-pkg-config; HOME=/tmp/consumer timeout 60 ../record ../server.json'
+}
+
+trap remove_root EXIT
+printf '%s\n' "$(cd "$packages" && ls -- *.deb *.ddeb)"
+row "lintian: no errors, no warning that isn't known" lintian_says
+row "no RUNPATH" no_search_path
+row "debug packages fit the programs" symbols_fit
+row "Debian $suite" make_root
+
+mapfile -t running < <(find "$packages" -name '*.deb' ! -name '*-dev_*' -printf '%f\n')
+row "what they depend on is there" apt_get satisfy "$(others "${running[@]/#/$packages/}"), systemd-standalone-sysusers"
+snapshot >"$work/before"
+row "installed by apt" apt_get install "${running[@]/#//packages/}"
+row "the user zelta is there" inside id zelta
+row "/etc/zelta is its alone" test "$(stat -c %a "$root/etc/zelta")" = 750
+row "all tools tell their version" tells_versions
+row "zelta-record records 3 s" records
+folder=$(recorded)
+row "all elements of GStreamer but -ugly's are there" finds_all_plugins
+row "zelta-lay makes a film of it" lays
+row "zelta-view makes a page of it" exports
+row "zelta-deliver delivers it" delivers
+rm -rf --one-file-system "$root/tmp/check"
+row "purged" apt_get purge zelta-fleet zelta-recorder 'libzelta-recording[0-9]*'
+snapshot >"$work/after"
+row "nothing is left but the user" nothing_left "$work/before" "$work/after"
+
+row "a compiler, and what -dev depends on" apt_get satisfy \
+  "g++, make, cmake, pkg-config, $(others "$packages"/*-dev_*.deb)"
+snapshot >"$work/before"
+mapfile -t all < <(find "$packages" -name '*.deb' -printf '%f\n')
+row "installed by apt, with -dev" apt_get install "${all[@]/#//packages/}"
+row "a program by CMake, which records" builds_by_cmake
+row "a program by pkg-config, which records" builds_by_pkg_config
+row "a program by CMake, linked statically" builds_static
+rm -rf --one-file-system "$root/tmp/consumer"
+row "purged, with -dev" apt_get purge "${own[@]}"
+snapshot >"$work/after"
+row "nothing is left" nothing_left "$work/before" "$work/after"
+find "$root/var/cache/apt/archives" -maxdepth 1 -name '*.deb' -exec cp -n -t "$work/archives" {} +
+printf '%s\n' "" "What lintian says, and why it stays (packaging/debian/known-tags):"
+grep '^W:' "$work/lintian.txt" | awk '{ print $3 }' | sort | uniq -c | while read -r count tag; do
+  printf '%4d %s: %s\n' "$count" "$tag" "$(sed -n "s/^$tag //p" packaging/debian/known-tags)"
+done
+exit "$failed"
