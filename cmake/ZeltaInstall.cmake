@@ -1,9 +1,10 @@
 # SPDX-License-Identifier: Apache-2.0
-# What an installed tree holds: the public header, the library in both forms, the recorder in
+# What an installed tree holds: the public headers, the library in both forms, the recorder in
 # libexec, the command line, a CMake package and pkg-config files.
 include(CMakePackageConfigHelpers)
 
-install(FILES include/IZeltaRecordingEngine.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
+install(FILES include/IZeltaRecordingEngine.h include/zelta_recording.h
+        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}")
 install(
   TARGETS zelta_recording zelta_recording_static
   EXPORT zelta_recording
