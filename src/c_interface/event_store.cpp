@@ -230,6 +230,11 @@ void event_store::give_up_free_locked(size_t wanted) {
   }
 }
 
+size_t event_store::capacity() {
+  const std::lock_guard<std::mutex> guard(mutex_);
+  return capacity_;
+}
+
 void event_store::recycle_locked(block& unused) {
   held_ -= std::exchange(unused.counted, 0);
   unused.next = std::exchange(free_.at(unused.power), &unused);

@@ -54,6 +54,9 @@ class event_store {
   // Nobody is to wait any more.
   void abandon();
 
+  // Bytes of all blocks there are.
+  size_t capacity();
+
  private:
   struct block;
   struct losses {
