@@ -108,6 +108,50 @@ enum zelta_event_kind {
   ZELTA_EVENT_DROPPED = 16       // dropped, in a queue alone, at the place of what is missing
 };
 
+// Of ZELTA_EVENT_ERROR.
+enum zelta_session_error {
+  ZELTA_SESSION_FAILED = 1,         // the recorder could not do its work; leave
+  ZELTA_SESSION_USER_FAILED = 2,    // something of one user's can't be recorded; all else is
+  ZELTA_SESSION_RECORDER_GONE = 3,  // and could not be started again; leave
+};
+
+// What is added to it; the last three are bits.
+enum zelta_stat {
+  ZELTA_STAT_NONE = 0,
+  ZELTA_STAT_MEDIA_ENGINE = 1,   // the recorder's media engine failed
+  ZELTA_STAT_JOIN = 2,           // the channel could not be joined
+  ZELTA_STAT_PROCESS = 3,        // a process could not be started
+  ZELTA_STAT_MIXED_VIDEO = 4,    // the mixed picture's parameters can't be used
+  ZELTA_STAT_NOT_GIVEN = 5,      // something needed was not given
+  ZELTA_STAT_PROXY = 6,          // the proxy server's text can't be used
+  ZELTA_STAT_POLL_ERROR = 8,     // the recorder stopped reading, or sent nonsense
+  ZELTA_STAT_POLL_HANG_UP = 16,  // the recorder has ended
+  ZELTA_STAT_POLL_INVALID = 32,  // the link's descriptor is not open
+};
+
+enum zelta_warning {
+  ZELTA_WARNING_NO_AVAILABLE_CHANNEL = 103,  // no server has room for the channel
+  ZELTA_WARNING_LOOKUP_TIMEOUT = 104,        // looking the channel up took too long
+  ZELTA_WARNING_LOOKUP_REJECTED = 105,       // the server refused to look the channel up
+  ZELTA_WARNING_OPEN_TIMEOUT = 106,          // opening the channel took too long
+  ZELTA_WARNING_OPEN_REJECTED = 107,         // the server refused to open the channel
+  ZELTA_WARNING_RECOVERED = 108,             // the recorder had died and was started again
+};
+
+// Of ZELTA_EVENT_LEFT; bits.
+enum zelta_leave_reason {
+  ZELTA_LEAVE_SIGNAL = 2,        // the recorder got SIGTERM or SIGINT
+  ZELTA_LEAVE_NO_USERS = 4,      // nobody was in the channel for idle_limit_sec
+  ZELTA_LEAVE_GUARD = 8,         // the recorder's own guard: no progress, no disk
+  ZELTA_LEAVE_APPLICATION = 16,  // the application left
+};
+
+enum zelta_offline_reason {
+  ZELTA_OFFLINE_QUIT = 0,             // the user left; the only one that is reported today
+  ZELTA_OFFLINE_DROPPED = 1,          // the connection to the user was lost
+  ZELTA_OFFLINE_BECOME_AUDIENCE = 2,  // a host went to the audience
+};
+
 enum zelta_audio_format { ZELTA_AUDIO_PCM = 0, ZELTA_AUDIO_AAC = 1 };
 enum zelta_video_format { ZELTA_VIDEO_YUV = 0, ZELTA_VIDEO_H264 = 1, ZELTA_VIDEO_JPG = 2 };
 
@@ -154,25 +198,25 @@ typedef struct zelta_event {
   uint32_t reserved;
   union {
     struct {
-      int32_t error;  // ERROR_CODE_TYPE of the C++ header: 1 failed, 2 one user's, 3 no recorder
-      int32_t stat_code;  // STAT_CODE_TYPE there
+      int32_t error;      // zelta_session_error
+      int32_t stat_code;  // zelta_stat
     } error;
     struct {
-      int32_t warning;  // WARN_CODE_TYPE there: 108 the recorder had died and was started again
+      int32_t warning;  // zelta_warning
       uint32_t reserved;
     } warning;
     struct {
       const char* channel_id;
     } joined;
     struct {
-      int32_t reason;  // LEAVE_PATH_CODE there, bits: 2 signal, 4 no users, 8 the recorder's guard
+      int32_t reason;  // zelta_leave_reason
       uint32_t reserved;
     } left;
     struct {
       const char* storage_dir;  // the recording folder
     } user_joined;
     struct {
-      int32_t reason;  // USER_OFFLINE_REASON_TYPE there: 0 the user left
+      int32_t reason;  // zelta_offline_reason
       uint32_t reserved;
     } user_offline;
     zelta_audio_frame audio;
@@ -243,6 +287,34 @@ ZELTA_C_API int zelta_recording_create(const zelta_options* options, zelta_recor
 
 // ---- Joined --------------------------------------------------------------------------------
 
+enum zelta_decode_video {        // what is done with video; "frames" are ZELTA_EVENT_VIDEO_FRAME
+  ZELTA_DECODE_VIDEO_FILES = 0,  // recorded in files
+  ZELTA_DECODE_VIDEO_H264_FRAMES = 1,          // H.264 access units as frames
+  ZELTA_DECODE_VIDEO_YUV_FRAMES = 2,           // pictures as frames
+  ZELTA_DECODE_VIDEO_JPG_FRAMES = 3,           // a JPEG every capture_interval as a frame
+  ZELTA_DECODE_VIDEO_JPG_FILES = 4,            // a JPEG every capture_interval as a file
+  ZELTA_DECODE_VIDEO_FILES_AND_JPG_FILES = 5,  // JPEG files beside the recording
+};
+
+enum zelta_decode_audio {  // the same of audio
+  ZELTA_DECODE_AUDIO_FILES = 0,
+  ZELTA_DECODE_AUDIO_AAC_FRAMES = 1,        // AAC of each user as frames
+  ZELTA_DECODE_AUDIO_PCM_FRAMES = 2,        // samples of each user as frames
+  ZELTA_DECODE_AUDIO_MIXED_PCM_FRAMES = 3,  // samples of all users mixed, uid 0
+};
+
+enum zelta_mixed_file {  // whether mixed sound and picture share a file
+  ZELTA_MIXED_APART = 0,
+  ZELTA_MIXED_BASELINE = 1,  // one file, H.264 constrained baseline
+  ZELTA_MIXED_HIGH = 2,      // one file, H.264 high profile
+};
+
+enum zelta_audio_profile {             // of mixed sound, at 48 kHz
+  ZELTA_AUDIO_PROFILE_MONO = 0,        // 48 kbit/s
+  ZELTA_AUDIO_PROFILE_HIGH_MONO = 1,   // 128 kbit/s
+  ZELTA_AUDIO_PROFILE_HIGH_STEREO = 2  // 192 kbit/s
+};
+
 // What to record and how: the members of RecordingConfig in the C++ header, which says what goes
 // with what, and their values. Of flags 0 is no and 1 yes.
 typedef struct zelta_config {
@@ -250,19 +322,19 @@ typedef struct zelta_config {
   int32_t is_audio_only;
   int32_t is_video_only;
   int32_t is_mixing_enabled;
-  int32_t mixed_video_audio;  // 0 apart, 1 one file with baseline H.264, 2 with high profile
-  int32_t decode_video;       // 0 files, frames: 1 H.264, 2 YUV, 3 JPEG; 4 and 5 JPEG files
-  int32_t decode_audio;       // 0 files, frames: 1 AAC, 2 PCM, 3 mixed PCM
-  int32_t low_udp_port;       // 0 to 65535; 0: not restricted
-  int32_t high_udp_port;      // 0: not restricted; else at least low_udp_port + 3
-  int32_t idle_limit_sec;     // at least 3; 0: 300 seconds
-  int32_t capture_interval;   // seconds between JPEGs; 0: 5
+  int32_t mixed_video_audio;          // zelta_mixed_file
+  int32_t decode_video;               // zelta_decode_video
+  int32_t decode_audio;               // zelta_decode_audio
+  int32_t low_udp_port;               // 0 to 65535; 0: not restricted
+  int32_t high_udp_port;              // 0: not restricted; else at least low_udp_port + 3
+  int32_t idle_limit_sec;             // at least 3; 0: 300 seconds
+  int32_t capture_interval;           // seconds between JPEGs; 0: 5
   int32_t audio_indication_interval;  // milliseconds between ZELTA_EVENT_VOLUMES; 0: none
   int32_t channel_profile;            // 0 communication, 1 live broadcasting
   int32_t stream_type;                // 0 the large picture, 1 the small one
   int32_t trigger_mode;               // 0 recording starts with the join, 1 with start_service
   int32_t lang;                       // 0; 1 is Java
-  int32_t audio_profile;              // of mixed sound: 0, 1 and 2
+  int32_t audio_profile;              // zelta_audio_profile
   uint32_t reserved;                  // 0
   const char* mix_resolution;         // "width,height,fps,kbps"
   const char* decryption_mode;

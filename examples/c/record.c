@@ -23,7 +23,10 @@ int main(int argc, char** argv) {
       printf("user %u is recorded in %s\n", (unsigned)event->uid,
              event->as.user_joined.storage_dir);
     }
-    const int ended = event->kind == ZELTA_EVENT_ERROR || event->kind == ZELTA_EVENT_LEFT;
+    // An error of one user's ends nothing.
+    const int ended =
+        event->kind == ZELTA_EVENT_LEFT ||
+        (event->kind == ZELTA_EVENT_ERROR && event->as.error.error != ZELTA_SESSION_USER_FAILED);
     zelta_event_release(recording, event);
     if (ended) code = ZELTA_ERROR_REFUSED;
   }

@@ -23,6 +23,15 @@ constexpr size_t kRegionNeeds = offsetof(zelta_region, alpha) + sizeof(double);
 static_assert(sizeof(void*) != 8 || (sizeof(zelta_config) == 144 && sizeof(zelta_layout) == 48 &&
                                      sizeof(zelta_region) == 48 && sizeof(zelta_options) == 40));
 
+// Numbers of the one header are passed on as those of the other: the last of each tells.
+static_assert(int{ZELTA_DECODE_VIDEO_FILES_AND_JPG_FILES} ==
+              int{recording::VIDEO_FORMAT_JPG_VIDEO_FILE_TYPE});
+static_assert(int{ZELTA_DECODE_AUDIO_MIXED_PCM_FRAMES} ==
+              int{recording::AUDIO_FORMAT_MIXED_PCM_FRAME_TYPE});
+static_assert(int{ZELTA_MIXED_HIGH} == int{recording::MIXED_AV_CODEC_V2});
+static_assert(int{ZELTA_AUDIO_PROFILE_HIGH_STEREO} ==
+              int{recording::AUDIO_PROFILE_HIGH_QUALITY_STEREO});
+
 struct number {
   const char* name;
   int32_t value;

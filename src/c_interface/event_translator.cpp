@@ -15,6 +15,37 @@ namespace {
 static_assert(sizeof(zelta_volume) == sizeof(AudioVolumeInfo) &&
               offsetof(zelta_volume, volume) == offsetof(AudioVolumeInfo, volume));
 
+// Numbers of the one header are passed on as those of the other.
+template <class Ours, class Engines>
+constexpr bool same(Ours ours, Engines engines) {
+  return static_cast<int>(ours) == static_cast<int>(engines);
+}
+static_assert(same(ZELTA_SESSION_FAILED, ERR_FAILED) &&
+              same(ZELTA_SESSION_USER_FAILED, ERR_INVALID_ARGUMENT) &&
+              same(ZELTA_SESSION_RECORDER_GONE, ERR_INTERNAL_FAILED));
+static_assert(same(ZELTA_STAT_MEDIA_ENGINE, STAT_ERR_FROM_ENGINE) &&
+              same(ZELTA_STAT_JOIN, STAT_ERR_ZRS_JOIN_CHANNEL) &&
+              same(ZELTA_STAT_PROCESS, STAT_ERR_CREATE_PROCESS) &&
+              same(ZELTA_STAT_MIXED_VIDEO, STAT_ERR_MIXED_INVALID_VIDEO_PARAM) &&
+              same(ZELTA_STAT_NOT_GIVEN, STAT_ERR_NULL_POINTER) &&
+              same(ZELTA_STAT_PROXY, STAT_ERR_PROXY_SERVER_INVALID_PARAM) &&
+              same(ZELTA_STAT_POLL_ERROR, STAT_POLL_ERR) &&
+              same(ZELTA_STAT_POLL_HANG_UP, STAT_POLL_HANG_UP) &&
+              same(ZELTA_STAT_POLL_INVALID, STAT_POLL_NVAL));
+static_assert(same(ZELTA_WARNING_NO_AVAILABLE_CHANNEL, WARN_NO_AVAILABLE_CHANNEL) &&
+              same(ZELTA_WARNING_LOOKUP_TIMEOUT, WARN_LOOKUP_CHANNEL_TIMEOUT) &&
+              same(ZELTA_WARNING_LOOKUP_REJECTED, WARN_LOOKUP_CHANNEL_REJECTED) &&
+              same(ZELTA_WARNING_OPEN_TIMEOUT, WARN_OPEN_CHANNEL_TIMEOUT) &&
+              same(ZELTA_WARNING_OPEN_REJECTED, WARN_OPEN_CHANNEL_REJECTED) &&
+              same(ZELTA_WARNING_RECOVERED, WARN_RECOVERY_CORE_SERVICE_FAILURE));
+static_assert(same(ZELTA_LEAVE_SIGNAL, LEAVE_CODE_SIG) &&
+              same(ZELTA_LEAVE_NO_USERS, LEAVE_CODE_NO_USERS) &&
+              same(ZELTA_LEAVE_GUARD, LEAVE_CODE_TIMER_CATCH) &&
+              same(ZELTA_LEAVE_APPLICATION, LEAVE_CODE_CLIENT_LEAVE));
+static_assert(same(ZELTA_OFFLINE_QUIT, USER_OFFLINE_QUIT) &&
+              same(ZELTA_OFFLINE_DROPPED, USER_OFFLINE_DROPPED) &&
+              same(ZELTA_OFFLINE_BECOME_AUDIENCE, USER_OFFLINE_BECOME_AUDIENCE));
+
 }  // namespace
 
 void event_translator::onError(int error, STAT_CODE_TYPE stat_code) {

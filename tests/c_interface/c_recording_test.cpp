@@ -78,8 +78,8 @@ class GeneratedChannelTest : public CInterfaceTest {
   GeneratedChannelTest() {
     unsetenv("ZELTA_SERVICE_DIR");
     setenv("ZELTA_CHANNEL_SERVER", "test:users=2,size=160x90,fps=15", 1);
-    config.decode_audio = 2;
-    config.decode_video = 2;
+    config.decode_audio = ZELTA_DECODE_AUDIO_PCM_FRAMES;
+    config.decode_video = ZELTA_DECODE_VIDEO_YUV_FRAMES;
   }
   void join(const CRecording& recording) const {
     ASSERT_EQ(zelta_recording_join(recording.get(), nullptr, "room", 77, &config), ZELTA_OK)
