@@ -351,7 +351,7 @@ typedef struct zelta_config {
 // it to join: ZELTA_EVENT_JOINED or ZELTA_EVENT_ERROR follows, and may come before this returns.
 // `channel_key`: null or empty: the app id is used. `channel_id`: 1 to 64 bytes, a part of the
 // folder's name as it stands. `uid`: the recorder's own; 0: the recorder chooses. `config`: null is
-// one of zeros. After a failure but the last three the join may be tried again.
+// one of zeros. After a failure but the last four the join may be tried again.
 // ZELTA_ERROR_ARGUMENT, ZELTA_ERROR_STRUCT_SIZE, ZELTA_ERROR_UNKNOWN_FIELD,
 // ZELTA_ERROR_CONFIGURATION, ZELTA_ERROR_REFUSED (no recorder, folder, thread), ZELTA_ERROR_HANDLE,
 // ZELTA_ERROR_JOINED, ZELTA_ERROR_LEFT, ZELTA_ERROR_IN_CALLBACK.

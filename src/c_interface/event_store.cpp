@@ -70,7 +70,8 @@ void event_store::push(const zelta_event& event) noexcept {
   tell_losses_locked();
   if (taken != nullptr) append_locked(*taken);
   show_readiness_locked();
-  changed_.notify_one();
+  // All: a gap and a frame are two events.
+  changed_.notify_all();
 }
 
 void event_store::count_loss_locked(const zelta_event& event) {

@@ -66,9 +66,14 @@ outcome recording_object::start() {
     outcome opened = store_.open();
     if (opened.failed()) return opened;
   }
-  engine_.reset(
-      recording::IRecordingEngine::createZeltaRecordingEngine(app_id_.c_str(), &translator_));
-  if (!engine_) return {ZELTA_ERROR_MEMORY, "the engine could not be made"};
+  return make_engine();
+}
+
+outcome recording_object::make_engine() {
+  recording::IRecordingEngine* const made =
+      recording::IRecordingEngine::createZeltaRecordingEngine(app_id_.c_str(), &translator_);
+  if (made == nullptr) return {ZELTA_ERROR_MEMORY, "the engine could not be made"};
+  engine_.reset(made);
   return {};
 }
 
@@ -96,6 +101,10 @@ outcome recording_object::join(const char* channel_key, const char* channel_id, 
   const int code = engine_->joinChannel(channel_key, channel_id, uid, config);
   if (code == 0) return {};
   joined_ = false;
+  // An engine remembers the command line of a recorder that couldn't be started, and would put it
+  // in front of the next one's when that has to be started again.
+  outcome renewed = make_engine();
+  if (renewed.failed()) return renewed;
   return {code == -2 ? ZELTA_ERROR_CONFIGURATION : ZELTA_ERROR_REFUSED,
           "the join was refused; a line on standard error, or in recording_engine.log of the "
           "recording folder, says why"};

@@ -56,6 +56,7 @@ class recording_object final : private event_sink {
     void operator()(recording::IRecordingEngine* engine) const { engine->release(); }
   };
 
+  outcome make_engine();
   void take(const zelta_event& event) override;
   std::shared_lock<std::shared_mutex> keep_engine();
   template <class Call>

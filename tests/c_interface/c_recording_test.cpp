@@ -141,6 +141,22 @@ TEST_F(GeneratedChannelTest, ComesByCallbackAndCopiesOutliveIt) {
   }
 }
 
+class RetryTest : public CInterfaceTest {};
+
+TEST_F(RetryTest, AfterARefusedJoinARecorderThatDiesIsStartedAgain) {
+  const CRecording recording = made();
+  zelta_config wrong = config;
+  wrong.applite_dir = "/nonexistent";
+  EXPECT_EQ(zelta_recording_join(recording.get(), nullptr, "room", 1, &wrong), ZELTA_ERROR_REFUSED);
+  join(recording, "join kill");
+  const zelta_event* e = nullptr;
+  for (const int kind : {ZELTA_EVENT_JOINED, ZELTA_EVENT_WARNING}) {
+    ASSERT_EQ(zelta_next_event(recording.get(), 20'000, &e), ZELTA_OK);
+    ASSERT_EQ(e->kind, kind);
+  }
+  EXPECT_EQ(e->as.warning.warning, ZELTA_WARNING_RECOVERED);
+}
+
 class FloodTest : public CInterfaceTest {};
 
 TEST_F(FloodTest, OfFramesIsDroppedToldAndNothingElseIsLost) {
