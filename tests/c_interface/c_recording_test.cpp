@@ -57,8 +57,8 @@ class Seen {
     EXPECT_EQ(std::make_pair(v.width, v.height), std::make_pair(160U, 90U));
     ASSERT_EQ(v.format, ZELTA_VIDEO_YUV);
     EXPECT_EQ(v.planes[0], v.data);
-    EXPECT_EQ(v.planes[1], v.data + v.strides[0] * v.height);
-    EXPECT_LE(v.planes[2] + v.strides[2] * v.height / 2, v.data + v.data_bytes);
+    EXPECT_EQ(v.planes[1], v.data + size_t{v.strides[0]} * v.height);
+    EXPECT_LE(v.planes[2] + size_t{v.strides[2]} * v.height / 2, v.data + v.data_bytes);
     EXPECT_NE(v.planes[2][0], 0) << "chroma of a picture is never black";
   }
   static void see_sound(const zelta_audio_frame& a) {

@@ -121,7 +121,7 @@ TEST_F(EventStoreTest, AllocatesNothingOnceWarm) {
 
 // Frames of a size that is over leave their memory to those of another.
 TEST_F(EventStoreTest, KeepsNoMoreThanTwiceItsBound) {
-  for (const size_t bytes : {300, 700, 1500, 3000, 6000, 9000, 300, 700}) {
+  for (const size_t bytes : {300U, 700U, 1500U, 3000U, 6000U, 9000U, 300U, 700U}) {
     std::vector<const zelta_event*> taken;
     while (true) {
       push_frame(bytes);
