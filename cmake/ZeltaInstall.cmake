@@ -1,11 +1,11 @@
 # SPDX-License-Identifier: Apache-2.0
-# What an installed tree holds: the public header, the library in both forms, the recorder in
+# What an installed tree holds: the public headers, the library in both forms, the recorder in
 # libexec, the command line, a CMake package and pkg-config files. Components are Debian's packages.
 include(CMakePackageConfigHelpers)
 
 set(package_dir "${CMAKE_INSTALL_LIBDIR}/cmake/zelta_recording")
-install(FILES include/IZeltaRecordingEngine.h DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
-        COMPONENT development)
+install(FILES include/IZeltaRecordingEngine.h include/zelta_recording.h
+        DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}" COMPONENT development)
 install(
   TARGETS zelta_recording
   EXPORT zelta_recording

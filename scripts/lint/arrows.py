@@ -18,6 +18,7 @@ ROOMS = {
     "protocol": "include base",
     "link": "base packets",
     "rec_engine": "include base packets protocol link",
+    "c_interface": "include base",
     "recordings": "base",
     "metrics": "",
     "fleet": "base",

@@ -12,6 +12,7 @@ SUITES = {suite.name: suite for suite in [
     Suite("base_test", 3),
     Suite("engine_test", 2),
     Suite("allocation_test"),
+    Suite("c_interface_test", 3, 30, 120, "*-GeneratedChannelTest*"),
     # Two million packets and rounds of starts say more about machines than about single faults.
     Suite("hostile_test", 5, 30, 120),
     Suite("link_test", 8, 30, 120, "*-*RoundsLeaveNoDescriptorAndNoChild"),
@@ -36,6 +37,7 @@ SUITES = {suite.name: suite for suite in [
 
 COVERED_BY = [
     ("include/*", "base_test engine_test link_test"),
+    ("src/c_interface/*", "c_interface_test"),
     ("src/base/packer.*", "base_test fuzz_engine_packets fuzz_control_packets allocation_test"),
     ("src/link/packet_*", "base_test fuzz_engine_packets allocation_test hostile_test link_test"),
     ("src/base/protocol/*", "base_test fuzz_engine_packets engine_test hostile_test link_test"),

@@ -53,12 +53,19 @@ cmake -S "$source/examples/record" -B "$work/shared-build" -G Ninja -DCMAKE_PREF
 cmake --build "$work/shared-build" -- --quiet
 records shared "$work/shared-build/record"
 
+cmake -S "$source/examples/c" -B "$work/c-build" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" >/dev/null
+cmake --build "$work/c-build" -- --quiet
+records c "$work/c-build/record_c"
+
 libdir=$(dirname "$(dirname "$(find "$work/tree" -name zelta_recording.pc)")")
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
 # shellcheck disable=SC2046
 c++ -std=c++17 "$source/examples/record/main.cpp" -o "$work/record" \
   $(pkg-config --cflags --libs zelta_recording)
 LD_LIBRARY_PATH="$libdir" records pkg-config "$work/record"
+# shellcheck disable=SC2046
+cc -std=c99 "$source/examples/c/record.c" -o "$work/record_c" $(pkg-config --cflags --libs zelta_recording)
+LD_LIBRARY_PATH="$libdir" records pkg-config-c "$work/record_c"
 
 # A static engine lies in the executable, so the place of the recorder has to be named.
 cmake -S "$here" -B "$work/static-build" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" >/dev/null
