@@ -28,7 +28,7 @@ foreach(package IN LISTS CPACK_PACKAGE_FILES)
     file(REMOVE "${tree}/DEBIAN/postinst" "${tree}/DEBIAN/postrm")
     # From which version on it has each symbol, for the packages of applications. One that is new or gone
     # fails here.
-    file(GLOB_RECURSE library LIST_DIRECTORIES FALSE "${tree}/usr/lib/*.so.*")
+    file(GLOB_RECURSE library LIST_DIRECTORIES FALSE "${tree}/usr/lib/*.so.*.*.*")
     execute_process(COMMAND dpkg-deb --field "${package}" Version OUTPUT_VARIABLE version
                     OUTPUT_STRIP_TRAILING_WHITESPACE COMMAND_ERROR_IS_FATAL ANY)
     run(dpkg-gensymbols "-p${name}" "-v${version}" "-P${tree}" "-e${library}" -c4

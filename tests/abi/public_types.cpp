@@ -36,6 +36,7 @@ struct ZELTA_C_API cpp_types {
   recording::RecordingConfig* config;
   recording::RecordingConfigEx* config_ex;
   recording::RecordingEngineProperties* properties;
+  decltype(&recording::IRecordingEngine::createZeltaRecordingEngine) create;
 };
 
 struct ZELTA_C_API c_types {
@@ -53,6 +54,24 @@ struct ZELTA_C_API c_types {
   zelta_decode_audio decode_audio;
   zelta_mixed_file mixed_file;
   zelta_log log;
+  // Symbols of C say nothing of what their functions take and return.
+  decltype(&zelta_version) version;
+  decltype(&zelta_error_text) error_text;
+  decltype(&zelta_error_detail) error_detail;
+  decltype(&zelta_recording_create) create;
+  decltype(&zelta_recording_join) join;
+  decltype(&zelta_recording_folder) folder;
+  decltype(&zelta_recording_set_layout) set_layout;
+  decltype(&zelta_recording_set_user_background) set_user_background;
+  decltype(&zelta_recording_start_service) start_service;
+  decltype(&zelta_recording_stop_service) stop_service;
+  decltype(&zelta_recording_set_log_level) set_log_level;
+  decltype(&zelta_recording_leave) leave;
+  decltype(&zelta_recording_release) release;
+  decltype(&zelta_event_fd) event_fd;
+  decltype(&zelta_next_event) next_event;
+  decltype(&zelta_event_copy) event_copy;
+  decltype(&zelta_event_release) event_release;
   zelta_event* event;
   zelta_options* options;
   zelta_config* config;

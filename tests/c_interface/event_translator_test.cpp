@@ -88,7 +88,7 @@ TEST(EventTranslator, PassesEachValueOn) {
   EXPECT_EQ((values{u(kept.event.kind), u(as.receiving.audio), u(as.receiving.video)}),
             (values{ZELTA_EVENT_RECEIVING, 1, 0}));
   h.onConnectionLost();
-  EXPECT_EQ(kept.event.kind, ZELTA_EVENT_LOST);
+  EXPECT_EQ((values{u(kept.event.kind), kept.event.uid}), (values{ZELTA_EVENT_LOST, 0}));
   h.onConnectionInterrupted();
   EXPECT_EQ(kept.event.kind, ZELTA_EVENT_INTERRUPTED);
 }

@@ -114,6 +114,7 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
       {ZELTA_ERROR_NOT_JOINED, fresh.get(), "no folder",
        [&] { return zelta_recording_folder(fresh.get(), text, sizeof text); }},
       {ZELTA_ERROR_JOINED, j, "joins once", [&] { return join_of(j, "room"); }},
+      {ZELTA_ERROR_ARGUMENT, j, "", [&] { return zelta_error_detail(j, nullptr, sizeof text); }},
       {ZELTA_ERROR_ARGUMENT, j, "the buffer has 8 bytes, it should have",
        [&] { return zelta_recording_folder(j, text, sizeof text); }},
       {ZELTA_ERROR_REFUSED, j, "a start was refused",
@@ -293,11 +294,14 @@ TEST(Structs, RegionsOfANewerHeaderAreReadOneByOne) {
   l.size = sizeof l;
   l.region_size = sizeof regions[0];
   l.region_count = 2;
+  l.canvas_width = 640;
+  l.canvas_height = 360;
   l.regions = &regions[0].known;
   recording::VideoMixingLayout layout;
   std::vector<recording::VideoMixingLayout::Region> read;
   ASSERT_EQ(c_interface::read_layout(&l, layout, read).code, ZELTA_OK);
   ASSERT_EQ(layout.regionCount, 2U);
+  EXPECT_EQ((std::pair{layout.canvasWidth, layout.canvasHeight}), (std::pair{640, 360}));
   const auto& r = layout.regions[0];
   EXPECT_EQ((std::array<double, 7>{double(r.uid), double(r.renderMode), r.x, r.y, r.width, r.height,
                                    r.alpha}),

@@ -136,9 +136,9 @@ class DeliveryTest(unittest.TestCase):
     def command(self, settings, *arguments):
         return [TOOL, "--json", "--settings", settings, *map(str, arguments)]
 
-    def run_tool(self, settings, *arguments, status=0, env=None, until=None, **more):
-        """What it tells. `until` such an event was told, however busy the machine is, and for a second
-        more, in which it is to be idle; then it is stopped."""
+    def run_tool(self, settings, *arguments, status=0, env=None, until=None, times=1, **more):
+        """What it tells. `until` such an event was told so many times, however busy the machine is, and
+        for a second more, in which it is to be idle; then it is stopped."""
         before = resource.getrusage(resource.RUSAGE_CHILDREN)
         command = self.command(settings, *arguments)
         with tempfile.TemporaryFile("w+") as said, subprocess.Popen(
@@ -147,8 +147,9 @@ class DeliveryTest(unittest.TestCase):
             told = []
             for line in tool.stdout:
                 told.append(json.loads(line))
-                if until and told[-1]["event"] == until:
-                    until = None
+                times -= told[-1]["event"] == until
+                if times == 0:
+                    times = -1
                     stop = threading.Timer(1, tool.terminate)
                     self.addCleanup(stop.cancel)
                     stop.start()
