@@ -193,19 +193,20 @@ tells_versions() {
   done
 }
 
-builds_by_cmake() {
-  cp -r "$root/usr/share/doc/libzelta-recording-dev/examples/record" "$root/tmp/consumer"
-  inside sh -ec "cmake -S /tmp/consumer -B /tmp/consumer/build && cmake --build /tmp/consumer/build"
+# The examples' own project, as who installed -dev finds it; a copy, as that folder is the package's.
+builds_examples() {
+  cp -r "$root/usr/share/doc/libzelta-recording-dev/examples" "$root/tmp/consumer"
   # README's settings.
   echo '{"Channel_Server": "test:users=2"}' >"$root/tmp/consumer/server.json"
-  inside sh -ec "mkdir /tmp/consumer/by-cmake; cd /tmp/consumer/by-cmake; HOME=/tmp/consumer timeout 60 ../build/record ../server.json"
+  inside sh -ec "cmake -S /tmp/consumer -B /tmp/consumer/build && cmake --build /tmp/consumer/build"
+}
+
+runs_example() { # NAME: in a folder of its own
+  inside sh -ec "mkdir /tmp/consumer/by-$1; cd /tmp/consumer/by-$1; HOME=/tmp/consumer timeout 60 ../build/$1 ../server.json"
 }
 
 builds_static() {
-  mkdir -p "$root/tmp/consumer/static"
-  sed 's/zelta_recording REQUIRED/& COMPONENTS static/; s/zelta::zelta_recording/&_static/; s/main\.cpp/..\/&/' \
-    "$root/tmp/consumer/CMakeLists.txt" >"$root/tmp/consumer/static/CMakeLists.txt"
-  inside sh -ec "cmake -S /tmp/consumer/static -B /tmp/consumer/static/build && cmake --build /tmp/consumer/static/build"
+  inside sh -ec "cmake -S /tmp/consumer -B /tmp/consumer/static -DZELTA_EXAMPLES_STATIC=ON && cmake --build /tmp/consumer/static"
 }
 
 builds_by_pkg_config() {
@@ -213,8 +214,8 @@ builds_by_pkg_config() {
   # Nothing but the library itself: its header and it are where the compiler looks by itself.
   inside sh -ec 'flags=$(pkg-config --cflags --libs zelta_recording); echo "$flags"
     test "$(echo $flags)" = -lzelta_recording
-    c++ -std=c++17 /tmp/consumer/main.cpp -o /tmp/consumer/record $flags
-    mkdir /tmp/consumer/by-pkg-config; cd /tmp/consumer/by-pkg-config; HOME=/tmp/consumer timeout 60 ../record ../server.json'
+    c++ -std=c++17 /tmp/consumer/record/main.cpp -o /tmp/consumer/recorder $flags
+    mkdir /tmp/consumer/by-pkg-config; cd /tmp/consumer/by-pkg-config; HOME=/tmp/consumer timeout 60 ../recorder ../server.json'
 }
 
 trap remove_root EXIT
@@ -247,9 +248,12 @@ row "a compiler, and what -dev depends on" apt_get satisfy \
 snapshot >"$work/before"
 mapfile -t all < <(find "$packages" -name '*.deb' -printf '%f\n')
 row "installed by apt, with -dev" apt_get install "${all[@]/#//packages/}"
-row "a program by CMake, which records" builds_by_cmake
+row "the examples of -dev by CMake" builds_examples
+row "its record records" runs_example record
+row "its record_c records, in C" runs_example record_c
+row "its frames hears and sees" runs_example frames
 row "a program by pkg-config, which records" builds_by_pkg_config
-row "a program by CMake, linked statically" builds_static
+row "the examples of -dev, linked statically" builds_static
 rm -rf --one-file-system "$root/tmp/consumer"
 row "purged, with -dev" apt_get purge "${own[@]}"
 snapshot >"$work/after"

@@ -9,7 +9,9 @@ echo "== setting up"
 scripts/install-deps.sh browser
 echo "== building"
 cmake --preset release -DZELTA_BUILD_TESTS=OFF >/dev/null
-cmake --build --preset release --target zelta-record ZeltaCoreService -- --quiet
+progress=()
+[ -t 1 ] || progress=(-- --quiet)
+cmake --build --preset release --target zelta-record ZeltaCoreService "${progress[@]}"
 
 out=$(mktemp -d "${TMPDIR:-/tmp}/zelta-demo.XXXXXX")
 port=$(/usr/bin/python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')

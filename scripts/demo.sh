@@ -7,9 +7,12 @@ cd "$(dirname "$0")/.."
 
 echo "== setting up"
 scripts/install-deps.sh
-echo "== building"
+# All tools, as what comes after a recording is theirs. Who watches sees how far it is.
+echo "== building: minutes, on two processors about four"
 cmake --preset release -DZELTA_BUILD_TESTS=OFF >/dev/null
-cmake --build --preset release --target zelta-record ZeltaCoreService -- --quiet
+progress=()
+[ -t 1 ] || progress=(-- --quiet)
+cmake --build --preset release "${progress[@]}"
 
 out=$(mktemp -d "${TMPDIR:-/tmp}/zelta-demo.XXXXXX")
 echo "== recording 10 s of two users"
@@ -30,3 +33,6 @@ for file in "$folder"/*_*.mp4; do
   fi
   echo "  decodes without an error"
 done
+echo "== next"
+echo "  build/release/bin/zelta-view $folder    # in a browser"
+echo "  build/release/bin/zelta-lay $folder -o call.mp4    # one film"

@@ -52,5 +52,8 @@ echo "installing ${missing[*]}"
 as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(sudo)
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+# How much it is, as nothing is seen of it for minutes. It says no to itself, which is a failure to apt.
+"${as_root[@]}" env LC_ALL=C apt-get install --assume-no --no-install-recommends "${missing[@]}" 2>/dev/null |
+  grep -E '^([0-9]+ upgraded|Need to get|After this operation)' || true
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null
