@@ -218,12 +218,55 @@ builds_by_pkg_config() {
     mkdir /tmp/consumer/by-pkg-config; cd /tmp/consumer/by-pkg-config; HOME=/tmp/consumer timeout 60 ../recorder ../server.json'
 }
 
-trap remove_root EXIT
+# The bare Debian stands for the base of the image, so that no registry is asked. Fails where podman is missing
+# or has no right to run anything.
+image_base() {
+  tar --one-file-system -C "$root" --exclude=./packages --exclude='./var/cache/apt/archives/*.deb' -c . |
+    podman import - zelta-check-base
+  podman run --rm --network none zelta-check-base true
+}
+
+builds_image() {
+  podman build --network host --build-arg BASE=zelta-check-base -f packaging/image/Containerfile --target "$1" \
+    -t "zelta-check-$1" "$packages"
+}
+
+# As docs/image.md has it: whoever, on a root that is read-only, with a folder of users' files.
+image_records() {
+  rm -rf "$work/recordings"
+  install -d -o 1234 -g 1234 "$work/recordings"
+  contained() {
+    podman run --rm --read-only --read-only-tmpfs=false --tmpfs /tmp --cap-drop ALL --network none --user 1234:1234 \
+      -v "$work/recordings:/var/lib/zelta/recordings" "$@"
+  }
+  contained zelta-check-recorder first --server test:users=1 --duration 2
+  install -D "$(find "$work/recordings" -name '*.mp4')" "$work/recordings/channels/meeting/1.mp4"
+  contained zelta-check-recorder meeting --server dir:channels --duration 1
+  [ -n "$(find "$work/recordings" -path '*meeting_*' -name '*.mp4' -size +10k)" ]
+}
+
+image_works() { podman run --rm --read-only --network none zelta-check-worker --version; }
+
+remove_images() {
+  command -v podman >/dev/null || return 0
+  podman rmi -f zelta-check-recorder zelta-check-worker zelta-check-base >/dev/null 2>&1 || true
+}
+
+trap 'remove_images; remove_root' EXIT
 printf '%s\n' "$(cd "$packages" && ls -- *.deb *.ddeb)"
 row "lintian: no errors, no warning that isn't known" lintian_says
 row "no RUNPATH" no_search_path
 row "debug packages fit the programs" symbols_fit
 row "Debian $suite" make_root
+if image_base >"$work/said" 2>&1; then
+  row "an image that records" builds_image recorder
+  row "an image of a worker" builds_image worker
+  row "it records read-only, by a user of any number" image_records
+  row "the worker's starts" image_works
+else
+  printf '%-58s %s\n' "images" "skipped: podman is missing, or can't run here"
+  tail -n 3 "$work/said" >&2
+fi
 
 mapfile -t running < <(find "$packages" -name '*.deb' ! -name '*-dev_*' -printf '%f\n')
 row "what they depend on is there" apt_get satisfy "$(others "${running[@]/#/$packages/}"), systemd-standalone-sysusers"

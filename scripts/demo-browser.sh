@@ -15,8 +15,6 @@ cmake --build --preset release --target zelta-record ZeltaCoreService "${progres
 
 out=$(mktemp -d "${TMPDIR:-/tmp}/zelta-demo.XXXXXX")
 port=$(/usr/bin/python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
-# The first start of GStreamer on a machine looks at all its plugins, which takes seconds.
-GST_DEBUG=0 build/release/bin/ZeltaCoreService --help >/dev/null
 
 echo "== recording a browser for 6 s"
 mkfifo "$out/events"
