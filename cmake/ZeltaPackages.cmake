@@ -114,8 +114,12 @@ install(FILES packaging/delivery.json docs/delivery-settings.schema.json docs/re
 install(FILES packaging/fleet/worker.json packaging/fleet/accounts.conf packaging/fleet/nats-one.conf
               packaging/fleet/nats-three.conf docs/fleet-worker.schema.json
         DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/${fleet_name}/examples" COMPONENT fleet)
-install(FILES examples/record/main.cpp examples/record/CMakeLists.txt
-        DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/${development_name}/examples/record" COMPONENT development)
+set(examples "${CMAKE_INSTALL_DATADIR}/doc/${development_name}/examples")
+install(FILES examples/CMakeLists.txt DESTINATION "${examples}" COMPONENT development)
+foreach(source IN ITEMS c/record.c frames/main.cpp record/main.cpp)
+  get_filename_component(folder "${source}" DIRECTORY)
+  install(FILES "examples/${source}" DESTINATION "${examples}/${folder}" COMPONENT development)
+endforeach()
 install(FILES packaging/zelta-deliver.service DESTINATION lib/systemd/system COMPONENT recorder)
 install(FILES packaging/fleet/zelta-worker.service DESTINATION lib/systemd/system COMPONENT fleet)
 install(FILES packaging/fleet/sysusers.conf DESTINATION lib/sysusers.d RENAME zelta-recorder.conf

@@ -193,19 +193,20 @@ tells_versions() {
   done
 }
 
-builds_by_cmake() {
-  cp -r "$root/usr/share/doc/libzelta-recording-dev/examples/record" "$root/tmp/consumer"
-  inside sh -ec "cmake -S /tmp/consumer -B /tmp/consumer/build && cmake --build /tmp/consumer/build"
+# The examples' own project, as who installed -dev finds it; a copy, as that folder is the package's.
+builds_examples() {
+  cp -r "$root/usr/share/doc/libzelta-recording-dev/examples" "$root/tmp/consumer"
   # README's settings.
   echo '{"Channel_Server": "test:users=2"}' >"$root/tmp/consumer/server.json"
-  inside sh -ec "mkdir /tmp/consumer/by-cmake; cd /tmp/consumer/by-cmake; HOME=/tmp/consumer timeout 60 ../build/record ../server.json"
+  inside sh -ec "cmake -S /tmp/consumer -B /tmp/consumer/build && cmake --build /tmp/consumer/build"
+}
+
+runs_example() { # NAME: in a folder of its own
+  inside sh -ec "mkdir /tmp/consumer/by-$1; cd /tmp/consumer/by-$1; HOME=/tmp/consumer timeout 60 ../build/$1 ../server.json"
 }
 
 builds_static() {
-  mkdir -p "$root/tmp/consumer/static"
-  sed 's/zelta_recording REQUIRED/& COMPONENTS static/; s/zelta::zelta_recording/&_static/; s/main\.cpp/..\/&/' \
-    "$root/tmp/consumer/CMakeLists.txt" >"$root/tmp/consumer/static/CMakeLists.txt"
-  inside sh -ec "cmake -S /tmp/consumer/static -B /tmp/consumer/static/build && cmake --build /tmp/consumer/static/build"
+  inside sh -ec "cmake -S /tmp/consumer -B /tmp/consumer/static -DZELTA_EXAMPLES_STATIC=ON && cmake --build /tmp/consumer/static"
 }
 
 builds_by_pkg_config() {
@@ -213,16 +214,59 @@ builds_by_pkg_config() {
   # Nothing but the library itself: its header and it are where the compiler looks by itself.
   inside sh -ec 'flags=$(pkg-config --cflags --libs zelta_recording); echo "$flags"
     test "$(echo $flags)" = -lzelta_recording
-    c++ -std=c++17 /tmp/consumer/main.cpp -o /tmp/consumer/record $flags
-    mkdir /tmp/consumer/by-pkg-config; cd /tmp/consumer/by-pkg-config; HOME=/tmp/consumer timeout 60 ../record ../server.json'
+    c++ -std=c++17 /tmp/consumer/record/main.cpp -o /tmp/consumer/recorder $flags
+    mkdir /tmp/consumer/by-pkg-config; cd /tmp/consumer/by-pkg-config; HOME=/tmp/consumer timeout 60 ../recorder ../server.json'
 }
 
-trap remove_root EXIT
+# The bare Debian stands for the base of the image, so that no registry is asked. Fails where podman is missing
+# or has no right to run anything.
+image_base() {
+  tar --one-file-system -C "$root" --exclude=./packages --exclude='./var/cache/apt/archives/*.deb' -c . |
+    podman import - zelta-check-base
+  podman run --rm --network none zelta-check-base true
+}
+
+builds_image() {
+  podman build --network host --build-arg BASE=zelta-check-base -f packaging/image/Containerfile --target "$1" \
+    -t "zelta-check-$1" "$packages"
+}
+
+# As docs/image.md has it: whoever, on a root that is read-only, with a folder of users' files.
+image_records() {
+  rm -rf "$work/recordings"
+  install -d -o 1234 -g 1234 "$work/recordings"
+  contained() {
+    podman run --rm --read-only --read-only-tmpfs=false --tmpfs /tmp --cap-drop ALL --network none --user 1234:1234 \
+      -v "$work/recordings:/var/lib/zelta/recordings" "$@"
+  }
+  contained zelta-check-recorder first --server test:users=1 --duration 2
+  install -D "$(find "$work/recordings" -name '*.mp4')" "$work/recordings/channels/meeting/1.mp4"
+  contained zelta-check-recorder meeting --server dir:channels --duration 1
+  [ -n "$(find "$work/recordings" -path '*meeting_*' -name '*.mp4' -size +10k)" ]
+}
+
+image_works() { podman run --rm --read-only --network none zelta-check-worker --version; }
+
+remove_images() {
+  command -v podman >/dev/null || return 0
+  podman rmi -f zelta-check-recorder zelta-check-worker zelta-check-base >/dev/null 2>&1 || true
+}
+
+trap 'remove_images; remove_root' EXIT
 printf '%s\n' "$(cd "$packages" && ls -- *.deb *.ddeb)"
 row "lintian: no errors, no warning that isn't known" lintian_says
 row "no RUNPATH" no_search_path
 row "debug packages fit the programs" symbols_fit
 row "Debian $suite" make_root
+if image_base >"$work/said" 2>&1; then
+  row "an image that records" builds_image recorder
+  row "an image of a worker" builds_image worker
+  row "it records read-only, by a user of any number" image_records
+  row "the worker's starts" image_works
+else
+  printf '%-58s %s\n' "images" "skipped: podman is missing, or can't run here"
+  tail -n 3 "$work/said" >&2
+fi
 
 mapfile -t running < <(find "$packages" -name '*.deb' ! -name '*-dev_*' -printf '%f\n')
 row "what they depend on is there" apt_get satisfy "$(others "${running[@]/#/$packages/}"), systemd-standalone-sysusers"
@@ -247,9 +291,12 @@ row "a compiler, and what -dev depends on" apt_get satisfy \
 snapshot >"$work/before"
 mapfile -t all < <(find "$packages" -name '*.deb' -printf '%f\n')
 row "installed by apt, with -dev" apt_get install "${all[@]/#//packages/}"
-row "a program by CMake, which records" builds_by_cmake
+row "the examples of -dev by CMake" builds_examples
+row "its record records" runs_example record
+row "its record_c records, in C" runs_example record_c
+row "its frames hears and sees" runs_example frames
 row "a program by pkg-config, which records" builds_by_pkg_config
-row "a program by CMake, linked statically" builds_static
+row "the examples of -dev, linked statically" builds_static
 rm -rf --one-file-system "$root/tmp/consumer"
 row "purged, with -dev" apt_get purge "${own[@]}"
 snapshot >"$work/after"

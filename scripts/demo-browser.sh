@@ -9,12 +9,12 @@ echo "== setting up"
 scripts/install-deps.sh browser
 echo "== building"
 cmake --preset release -DZELTA_BUILD_TESTS=OFF >/dev/null
-cmake --build --preset release --target zelta-record ZeltaCoreService -- --quiet
+progress=()
+[ -t 1 ] || progress=(-- --quiet)
+cmake --build --preset release --target zelta-record ZeltaCoreService "${progress[@]}"
 
 out=$(mktemp -d "${TMPDIR:-/tmp}/zelta-demo.XXXXXX")
 port=$(/usr/bin/python3 -c 'import socket; s = socket.socket(); s.bind(("127.0.0.1", 0)); print(s.getsockname()[1])')
-# The first start of GStreamer on a machine looks at all its plugins, which takes seconds.
-GST_DEBUG=0 build/release/bin/ZeltaCoreService --help >/dev/null
 
 echo "== recording a browser for 6 s"
 mkfifo "$out/events"

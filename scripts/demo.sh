@@ -7,14 +7,16 @@ cd "$(dirname "$0")/.."
 
 echo "== setting up"
 scripts/install-deps.sh
-echo "== building"
+# Who watches sees how far it is.
+progress=()
+[ -t 1 ] || progress=(-- --quiet)
+build() { cmake --build --preset release --target "$@" "${progress[@]}"; }
+echo "== building the recorder, which takes some minutes"
 cmake --preset release -DZELTA_BUILD_TESTS=OFF >/dev/null
-cmake --build --preset release --target zelta-record ZeltaCoreService -- --quiet
+build zelta-record ZeltaCoreService
 
 out=$(mktemp -d "${TMPDIR:-/tmp}/zelta-demo.XXXXXX")
 echo "== recording 10 s of two users"
-# The first start of GStreamer on a machine looks at all its plugins, which takes seconds.
-GST_DEBUG=0 build/release/bin/ZeltaCoreService --help >/dev/null
 build/release/bin/zelta-record --demo --record-file-root-dir "$out"
 
 folder=$(dirname "$(find "$out" -name recording.json)")
@@ -30,3 +32,8 @@ for file in "$folder"/*_*.mp4; do
   fi
   echo "  decodes without an error"
 done
+# After the recording, so that there is one as soon as can be.
+echo "== building zelta-view and zelta-lay, for what comes now"
+build zelta-view zelta-lay
+echo "see it in a browser:  build/release/bin/zelta-view $folder"
+echo "make one film of it:  build/release/bin/zelta-lay $folder -o call.mp4"

@@ -6,7 +6,8 @@
 # with "bench" what the benchmarks compare with and draw by; with "fuzz" what the fuzzers are built
 # with; with "mutate" what scripts/mutate.sh builds with; with "lint" what CI's checks need too; with
 # "crowd" what scripts/check-crowd.sh encrypts with; with "deliver" what scripts/check-deliver.sh runs
-# and cuts; with "fleet" what scripts/check-fleet.sh does; with "package" what scripts/check-packages.sh does.
+# and cuts; with "fleet" what scripts/check-fleet.sh does; with "package" what scripts/check-packages.sh does,
+# and with "image" what it makes images with, too.
 #
 # "test" brings nginx, an SSH server and a NATS server, which Debian starts where systemd runs: they
 # listen on ports 80, 22 and 4222 until `systemctl disable --now nginx ssh nats-server`. The tests start
@@ -37,8 +38,9 @@ for want in "$@"; do
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;
     package) packages+=(dpkg-dev lintian debootstrap util-linux) ;;
+    image) packages+=(podman buildah runc) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
-    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, fleet, bench, fuzz, mutate, package or lint" >&2; exit 2 ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, fleet, bench, fuzz, mutate, package, image or lint" >&2; exit 2 ;;
   esac
 done
 
@@ -52,5 +54,8 @@ echo "installing ${missing[*]}"
 as_root=()
 [ "$(id -u)" -eq 0 ] || as_root=(sudo)
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive apt-get update -qq
+# How much it is, as nothing is seen of it for minutes. It says no to itself, which is a failure to apt.
+"${as_root[@]}" env LC_ALL=C apt-get install --assume-no --no-install-recommends "${missing[@]}" 2>/dev/null |
+  grep -E '^([0-9]+ upgraded|Need to get|After this operation)' || true
 "${as_root[@]}" env DEBIAN_FRONTEND=noninteractive \
   apt-get install -y -qq --no-install-recommends "${missing[@]}" >/dev/null

@@ -54,7 +54,14 @@ struct ZELTA_C_API c_types {
   zelta_decode_audio decode_audio;
   zelta_mixed_file mixed_file;
   zelta_log log;
-  // Symbols of C say nothing of what their functions take and return.
+  zelta_event* event;
+  zelta_options* options;
+  zelta_config* config;
+  zelta_layout* layout;
+};
+
+// Symbols of C say nothing of what their functions take and return.
+struct ZELTA_C_API c_functions {
   decltype(&zelta_version) version;
   decltype(&zelta_error_text) error_text;
   decltype(&zelta_error_detail) error_detail;
@@ -72,10 +79,6 @@ struct ZELTA_C_API c_types {
   decltype(&zelta_next_event) next_event;
   decltype(&zelta_event_copy) event_copy;
   decltype(&zelta_event_release) event_release;
-  zelta_event* event;
-  zelta_options* options;
-  zelta_config* config;
-  zelta_layout* layout;
 };
 
-ZELTA_C_API void public_types(const cpp_types&, const c_types&) {}
+ZELTA_C_API void public_types(const cpp_types&, const c_types&, const c_functions&) {}

@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Installs the build tree $1 below $2 and builds and runs the example that README.md shows against
-# it, with README.md's own configuration file: by CMake's package, shared and static, and by pkg-config.
+# Installs the build tree $1 below $2 and builds and runs the examples' project against it, with
+# README.md's own configuration file: by CMake's package, shared and static, and by pkg-config.
 set -euo pipefail
 here=$(cd "$(dirname "$0")" && pwd)
 source=$here/../..
@@ -49,13 +49,16 @@ CHECK
   done
 }
 
-cmake -S "$source/examples/record" -B "$work/shared-build" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" >/dev/null
-cmake --build "$work/shared-build" -- --quiet
-records shared "$work/shared-build/record"
-
-cmake -S "$source/examples/c" -B "$work/c-build" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" >/dev/null
-cmake --build "$work/c-build" -- --quiet
-records c "$work/c-build/record_c"
+# Builds it in its folder $1: a copy, so that the installed tree is all that it can find.
+cp -r "$source/examples" "$work/examples"
+examples() {
+  cmake -S "$work/examples" -B "$work/examples/$1" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" "${@:2}" >/dev/null
+  cmake --build "$work/examples/$1" -- --quiet
+}
+examples shared
+records shared "$work/examples/shared/record"
+records c "$work/examples/shared/record_c"
+"$here/frames_example.sh" "$work/examples/shared/frames"
 
 libdir=$(dirname "$(dirname "$(find "$work/tree" -name zelta_recording.pc)")")
 export PKG_CONFIG_PATH="$libdir/pkgconfig"
@@ -68,10 +71,11 @@ cc -std=c99 "$source/examples/c/record.c" -o "$work/record_c" $(pkg-config --cfl
 LD_LIBRARY_PATH="$libdir" records pkg-config-c "$work/record_c"
 
 # A static engine lies in the executable, so the place of the recorder has to be named.
-cmake -S "$here" -B "$work/static-build" -G Ninja -DCMAKE_PREFIX_PATH="$work/tree" >/dev/null
-cmake --build "$work/static-build" -- --quiet
-ZELTA_SERVICE_DIR=$(dirname "$(find "$work/tree" -name ZeltaCoreService)") \
-  records static "$work/static-build/record"
+examples static -DZELTA_EXAMPLES_STATIC=ON
+ZELTA_SERVICE_DIR=$(dirname "$(find "$work/tree" -name ZeltaCoreService)")
+export ZELTA_SERVICE_DIR
+records static "$work/examples/static/record"
+records static-c "$work/examples/static/record_c"
 test -s "$work/tree/share/man/man1/zelta-record.1"
 test -s "$work/tree/share/man/man1/zelta-deliver.1"
 test -s "$work/tree/share/man/man1/zelta-view.1"
