@@ -33,6 +33,11 @@
 // Strings are null-terminated and, like structs, read during the call alone: nothing that is given
 // to a function has to live any longer, but for `context` of the options.
 //
+// A thread that is cancelled (pthread_cancel) leaves a function first, also one that waits.
+//
+// A child of fork() has none of its parent's recordings: for it they are invalid, and what it does
+// with them is ZELTA_ERROR_HANDLE and reaches no recorder. It may make its own.
+//
 // The process: as with the C++ interface, a recording ignores SIGPIPE for the whole process, and
 // the application must not reap children that it didn't start.
 #ifndef ZELTA_RECORDING_H_

@@ -72,6 +72,13 @@ outcome check_numbers(const zelta_config& c) {
                                       ", it should be at least 3, or 0 for 300"};
   }
   if (c.reserved != 0) return out_of_range("reserved", c.reserved, 0, 0);
+  // The engine has the same code for it as for a recorder that isn't there.
+  if (c.mixed_video_audio != 0 &&
+      (c.is_mixing_enabled == 0 || c.is_audio_only != 0 || c.is_video_only != 0)) {
+    return {ZELTA_ERROR_CONFIGURATION, "mixed_video_audio is " +
+                                           std::to_string(c.mixed_video_audio) +
+                                           ", it should be 0 unless sound and picture are mixed"};
+  }
   return {};
 }
 

@@ -138,11 +138,12 @@ void event_store::close() {
 void event_store::abandon() {
   const std::lock_guard<std::mutex> guard(mutex_);
   abandoned_ = true;
+  show_readiness_locked();
   changed_.notify_all();
 }
 
 void event_store::show_readiness_locked() {
-  const bool ready = first_ != nullptr || closed_;
+  const bool ready = first_ != nullptr || closed_ || abandoned_;
   if (ready == shown_ready_ || !ready_fd_.valid()) return;
   uint64_t count = 1;
   // Neither can fail: one is written when the counter is 0, and read when it is 1.

@@ -4,8 +4,11 @@
 #include <atomic>
 #include <map>
 #include <mutex>
+#include <new>
 #include <shared_mutex>
 #include <utility>
+
+#include <pthread.h>
 
 namespace zelta::c_interface {
 
@@ -16,10 +19,23 @@ struct registry {
   std::map<const zelta_recording*, std::shared_ptr<recording_object>> recordings;
 };
 
+std::atomic<registry*> current{nullptr};
+
+// A child has none of its parent's threads, and would end the parent's recorders with what it
+// releases; another thread of the parent may have held the lock. What was there is left as it lies.
+void forget_parent() {
+  current = new (std::nothrow) registry;
+}
+
 // Never destroyed: recordings that nobody released have threads that run while the process ends.
 registry& all() {
-  static registry& only = *std::make_unique<registry>().release();
-  return only;
+  static const int watched = [] {
+    current = std::make_unique<registry>().release();
+    return pthread_atfork(nullptr, nullptr, forget_parent);
+  }();
+  registry* const found = current;
+  if (watched != 0 || found == nullptr) throw std::bad_alloc();
+  return *found;
 }
 
 }  // namespace
@@ -31,24 +47,27 @@ zelta_recording* new_handle() {
 }
 
 void add_recording(zelta_recording* handle, std::shared_ptr<recording_object> added) {
-  const std::unique_lock<std::shared_mutex> guard(all().lock);
-  all().recordings.emplace(handle, std::move(added));
+  registry& known = all();
+  const std::unique_lock<std::shared_mutex> guard(known.lock);
+  known.recordings.emplace(handle, std::move(added));
 }
 
 std::shared_ptr<recording_object> find_recording(const zelta_recording* handle) {
-  const std::shared_lock<std::shared_mutex> guard(all().lock);
-  const auto found = all().recordings.find(handle);
-  return found != all().recordings.end() ? found->second : nullptr;
+  registry& known = all();
+  const std::shared_lock<std::shared_mutex> guard(known.lock);
+  const auto found = known.recordings.find(handle);
+  return found != known.recordings.end() ? found->second : nullptr;
 }
 
 void remove_recording(const zelta_recording* handle) {
   // What it holds is freed once the lock is given back.
   std::shared_ptr<recording_object> last;
-  const std::unique_lock<std::shared_mutex> guard(all().lock);
-  const auto found = all().recordings.find(handle);
-  if (found == all().recordings.end()) return;
+  registry& known = all();
+  const std::unique_lock<std::shared_mutex> guard(known.lock);
+  const auto found = known.recordings.find(handle);
+  if (found == known.recordings.end()) return;
   last = std::move(found->second);
-  all().recordings.erase(found);
+  known.recordings.erase(found);
 }
 
 }  // namespace zelta::c_interface

@@ -228,17 +228,22 @@ outcome recording_object::release_event(const zelta_event* event) {
 
 outcome recording_object::leave() {
   if (in_callback()) {
-    if (left_.exchange(true)) return {ZELTA_ERROR_LEFT, "it was left before"};
+    // Also where another thread's leave waits for this callback: nothing is to come after it.
     muted_ = true;
-    engine_->leaveChannel();
-    return {};
+    if (left_.exchange(true)) return {ZELTA_ERROR_LEFT, "it was left before"};
+    if (engine_->leaveChannel() == 0) return {};
+    left_ = false;
+    return {ZELTA_ERROR_REFUSED, "the log says why"};
   }
   const std::unique_lock<std::shared_mutex> whole(engine_lock_);
   if (!engine_) return {ZELTA_ERROR_HANDLE, {}};
   if (!joined_) return {ZELTA_ERROR_NOT_JOINED, "a leave before a join"};
   if (thread_ended_) return {ZELTA_ERROR_LEFT, "it was left before"};
   left_ = true;
-  if (engine_->leaveChannel() != 0) return {ZELTA_ERROR_REFUSED, "the log says why"};
+  if (engine_->leaveChannel() != 0) {
+    left_ = false;
+    return {ZELTA_ERROR_REFUSED, "the log says why"};
+  }
   thread_ended_ = true;
   store_.close();
   return {};

@@ -11,6 +11,8 @@
 #include <new>
 #include <string>
 
+#include <pthread.h>
+
 #include "c_interface/handles.h"
 #include "c_interface/outcome.h"
 #include "c_interface/recording.h"
@@ -37,9 +39,23 @@ void note_down(recording_object* of, const outcome& failure) noexcept {
   }
 }
 
+// A thread that is cancelled is unwound by what looks like an exception, and none leaves a
+// function.
+class without_cancellation {
+ public:
+  without_cancellation() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+  ~without_cancellation() { pthread_setcancelstate(before_, nullptr); }
+  without_cancellation(const without_cancellation&) = delete;
+  without_cancellation& operator=(const without_cancellation&) = delete;
+
+ private:
+  int before_ = PTHREAD_CANCEL_ENABLE;
+};
+
 // What `call` comes to, of `of`, which may be null.
 template <class Call>
 int guarded(recording_object* of, Call call) noexcept {
+  const without_cancellation whole;
   outcome done;
   try {
     done = call();
@@ -65,7 +81,9 @@ int with_recording(const zelta_recording* handle, Call call) noexcept {
   const int code = guarded(nullptr, [&]() -> outcome {
     found = find_recording(handle);
     if (found) return {};
-    return {ZELTA_ERROR_HANDLE, handle == nullptr ? "recording is null" : "recording was released"};
+    return {ZELTA_ERROR_HANDLE, handle == nullptr
+                                    ? "recording is null"
+                                    : "recording was released, or made by another process"};
   });
   return code != ZELTA_OK ? code : guarded(found.get(), [&] { return call(*found); });
 }
@@ -115,7 +133,6 @@ const char* zelta_error_text(int code) {
 
 int zelta_error_detail(zelta_recording* recording, char* buffer, size_t size) {
   if (buffer == nullptr || size == 0) return ZELTA_ERROR_ARGUMENT;
-  *buffer = '\0';
   // Not by with_recording(): to ask for a failure's detail doesn't change it.
   const auto copy = [&](const std::string& text) {
     buffer[text.copy(buffer, size - 1)] = '\0';

@@ -1,10 +1,16 @@
 // SPDX-License-Identifier: Apache-2.0
 // What wrong uses of the C interface get, and structs of older and newer headers.
 #include <array>
+#include <atomic>
 #include <cstring>
 #include <future>
 #include <thread>
 #include <vector>
+
+#include <poll.h>
+#include <pthread.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include "c_interface/configuration.h"
 #include "support/c_recording.h"
@@ -102,6 +108,8 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
        [&] { return joins([](auto& c) { c.idle_limit_sec = 2; }); }},
       {ZELTA_ERROR_ARGUMENT, fresh.get(), "reserved is 1",
        [&] { return joins([](auto& c) { c.reserved = 1; }); }},
+      {ZELTA_ERROR_CONFIGURATION, fresh.get(), "mixed_video_audio is 1, it should be 0 unless",
+       [&] { return joins([](auto& c) { c.mixed_video_audio = 1; }); }},
       {ZELTA_ERROR_CONFIGURATION, fresh.get(), "refused",
        [&] { return joins([](auto& c) { c.is_audio_only = c.is_video_only = 1; }); }},
       {ZELTA_ERROR_REFUSED, fresh.get(), "refused",
@@ -204,6 +212,75 @@ TEST_F(WrongUsesTest, WhoWaitsForAnEventOfAReleasedRecordingIsTold) {
   EXPECT_EQ(waiting.get(), ZELTA_ERROR_HANDLE);
 }
 
+TEST_F(WrongUsesTest, WhoPollsIsWokenByARelease) {
+  CRecording recording = made();
+  join(recording, "await:1");
+  int fd = -1;
+  ASSERT_EQ(zelta_event_fd(recording.get(), &fd), ZELTA_OK);
+  const int kept = dup(fd);  // of the same queue, though the recording closes its own
+  recording.reset();
+  pollfd waited{kept, POLLIN, 0};
+  EXPECT_EQ(poll(&waited, 1, 0), 1);
+  close(kept);
+}
+
+// Whose finalizers would end the parent's recordings.
+TEST_F(WrongUsesTest, AChildOfAForkReachesNoRecordingOfItsParent) {
+  const CRecording recording = made();
+  join(recording, "join await:1");
+  const pid_t child = fork();
+  if (child == 0) {
+    const zelta_event* event = nullptr;
+    const bool refused = zelta_recording_release(recording.get()) == ZELTA_ERROR_HANDLE &&
+                         zelta_next_event(recording.get(), 0, &event) == ZELTA_ERROR_HANDLE;
+    _exit(refused ? 0 : 1);
+  }
+  int status = -1;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  EXPECT_EQ(status, 0);
+  EXPECT_EQ(zelta_recording_set_user_background(recording.get(), 1, nullptr), ZELTA_OK);
+}
+
+TEST_F(WrongUsesTest, ACancelledThreadLeavesItsFunctionFirst) {
+  CRecording recording = made();
+  join(recording, "await:1");
+  pthread_t waiting{};
+  const auto wait = [](void* of) -> void* {
+    const zelta_event* event = nullptr;
+    zelta_next_event(static_cast<zelta_recording*>(of), -1, &event);
+    pthread_testcancel();
+    return nullptr;
+  };
+  ASSERT_EQ(pthread_create(&waiting, nullptr, wait, recording.get()), 0);
+  ASSERT_EQ(pthread_cancel(waiting), 0);
+  recording.reset();
+  void* ended = nullptr;
+  ASSERT_EQ(pthread_join(waiting, &ended), 0);
+  EXPECT_EQ(ended, PTHREAD_CANCELED);
+}
+
+TEST_F(WrongUsesTest, NothingComesAfterALeaveFromInsideThatFoundAnotherOne) {
+  std::promise<void> inside;
+  std::promise<int> inner;
+  std::atomic<int> events{0};
+  std::future<int> outer;
+  OnEvent on_event = [&](zelta_recording* r, const zelta_event&) {
+    if (++events > 1) return;
+    inside.set_value();
+    // Until the other one has begun, which nothing else tells.
+    while (zelta_recording_set_user_background(r, 1, nullptr) != ZELTA_ERROR_LEFT) {
+      std::this_thread::yield();
+    }
+    inner.set_value(zelta_recording_leave(r));
+  };
+  const CRecording recording = made(options(&on_event));
+  join(recording, "join user:5 user:6 user:7 await:1");
+  inside.get_future().wait();
+  EXPECT_EQ(zelta_recording_leave(recording.get()), ZELTA_OK);
+  EXPECT_EQ(inner.get_future().get(), ZELTA_ERROR_LEFT);
+  EXPECT_EQ(events, 1);
+}
+
 // ---- Structs of other headers --------------------------------------------------------------
 
 // Two of these are what a newer header might have.
@@ -256,7 +333,7 @@ TEST(Structs, EachMemberReachesItsOwn) {
   zelta_config c{};
   c.size = sizeof c;
   // Numbers that are in range for all that follow each other, and texts that tell their place.
-  c.is_video_only = c.is_mixing_enabled = c.trigger_mode = c.lang = 1;
+  c.is_mixing_enabled = c.trigger_mode = c.lang = 1;
   c.mixed_video_audio = c.audio_profile = 2;
   c.decode_video = 4;
   c.decode_audio = 3;
@@ -276,7 +353,7 @@ TEST(Structs, EachMemberReachesItsOwn) {
                         r.decodeVideo, r.decodeAudio, r.lowUdpPort, r.highUdpPort, r.idleLimitSec,
                         r.captureInterval, r.audioIndicationInterval, r.channelProfile,
                         r.streamType, r.triggerMode, r.lang, r.audioProfile}),
-      (std::vector<int>{0, 1, 1, 2, 4, 3, 1000, 2000, 30, 40, 50, 1, 1, 1, 1, 2}));
+      (std::vector<int>{0, 0, 1, 2, 4, 3, 1000, 2000, 30, 40, 50, 1, 1, 1, 1, 2}));
   std::string texts;
   for (const char* text :
        {r.mixResolution, r.decryptionMode, r.secret, r.appliteDir, r.recordFileRootDir,
@@ -284,6 +361,10 @@ TEST(Structs, EachMemberReachesItsOwn) {
     texts += text;
   }
   EXPECT_EQ(texts, "abcdefghi");
+  c.is_video_only = 1;
+  c.mixed_video_audio = 0;
+  ASSERT_EQ(c_interface::read_config(&c, r).code, ZELTA_OK);
+  EXPECT_EQ((std::pair{r.isAudioOnly, r.isVideoOnly}), (std::pair{false, true}));
 }
 
 TEST(Structs, RegionsOfANewerHeaderAreReadOneByOne) {
