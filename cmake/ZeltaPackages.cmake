@@ -149,10 +149,7 @@ make_scripts(
   recorder zelta-deliver.service
   "    systemd-sysusers zelta-recorder.conf
     # Settings, which may hold secrets, are the services' alone to read.
-    if [ ! -e /etc/zelta ]; then
-      mkdir -m 0750 /etc/zelta
-      chgrp zelta /etc/zelta
-    fi
+    [ -e /etc/zelta ] || install -d -m 0750 -g zelta /etc/zelta
 "
   "  # Settings that somebody wrote, and recordings, stay.
   rmdir --ignore-fail-on-non-empty /etc/zelta 2>/dev/null || true
@@ -216,7 +213,7 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS zelta-recorder)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS library)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
     "recording of real-time audio and video channels - development files
-The header of the recording engine, its library to link statically, a CMake
+The headers of the recording engine, for C++ and C, its library to link statically, a CMake
 package, zelta_recording, and a description for pkg-config.")
 
 # What is loaded by name while it runs: GStreamer's elements, and TLS of libsoup. x264enc is recommended
