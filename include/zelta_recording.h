@@ -458,7 +458,7 @@ ZELTA_C_API int zelta_event_release(zelta_recording* recording, const zelta_even
 // ZELTA_ERROR_NOT_JOINED, ZELTA_ERROR_LEFT, ZELTA_ERROR_REFUSED.
 ZELTA_C_API int zelta_recording_leave(zelta_recording* recording);
 
-// Leaves, waits for the recorder to complete its files (10 s at most, then it is ended by force)
+// Leaves, waits for the recorder to complete its files (13 s at most, then it is ended by force)
 // and destroys the recording with all its events, its descriptor and its copies. Calls of it that
 // wait on other threads end. ZELTA_ERROR_HANDLE; ZELTA_ERROR_IN_CALLBACK: nothing was done.
 ZELTA_C_API int zelta_recording_release(zelta_recording* recording);
