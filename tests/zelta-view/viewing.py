@@ -33,7 +33,8 @@ const watchLayer = (layer, list) => {
     const at = clock.at + (frame.expectedDisplayTime - clock.since) * clock.speed;
     if (white && !lit && clock.runs) list.push(at);
     lit = white;
-    if (clock.runs && layer.file) list.lag.push([at, at - layer.file.begin_ms - frame.mediaTime * 1000]);
+    // How late the picture is, and how late the player says that it is.
+    if (clock.runs && layer.file) list.lag.push([at, at - layer.file.begin_ms - frame.mediaTime * 1000, clock.now() - layer.atMs]);
     layer.video.requestVideoFrameCallback(look);
   };
   layer.video.requestVideoFrameCallback(look);
