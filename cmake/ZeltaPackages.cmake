@@ -213,8 +213,9 @@ set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS zelta-recorder)
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS library)
 set(CPACK_COMPONENT_DEVELOPMENT_DESCRIPTION
     "recording of real-time audio and video channels - development files
-The headers of the recording engine, for C++ and C, its library to link statically, a CMake
-package, zelta_recording, and a description for pkg-config.")
+The headers of the recording engine, for C++ and C, its library to link
+statically, a CMake package, zelta_recording, a description for pkg-config,
+and examples.")
 
 # What is loaded by name while it runs: GStreamer's elements, and TLS of libsoup. x264enc is recommended
 # alone, as OpenH264 of -bad does its work in more time.

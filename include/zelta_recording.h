@@ -358,8 +358,9 @@ typedef struct zelta_config {
 // folder's name as it stands. `uid`: the recorder's own; 0: the recorder chooses. `config`: null is
 // one of zeros. After a failure but the last four the join may be tried again.
 // ZELTA_ERROR_ARGUMENT, ZELTA_ERROR_STRUCT_SIZE, ZELTA_ERROR_UNKNOWN_FIELD,
-// ZELTA_ERROR_CONFIGURATION, ZELTA_ERROR_REFUSED (no recorder, folder, thread), ZELTA_ERROR_HANDLE,
-// ZELTA_ERROR_JOINED, ZELTA_ERROR_LEFT, ZELTA_ERROR_IN_CALLBACK.
+// ZELTA_ERROR_CONFIGURATION, ZELTA_ERROR_REFUSED (no recorder, folder, thread),
+// ZELTA_ERROR_MEMORY, ZELTA_ERROR_HANDLE, ZELTA_ERROR_JOINED, ZELTA_ERROR_LEFT,
+// ZELTA_ERROR_IN_CALLBACK.
 ZELTA_C_API int zelta_recording_join(zelta_recording* recording, const char* channel_key,
                                      const char* channel_id, uint32_t uid,
                                      const zelta_config* config);
@@ -423,7 +424,8 @@ ZELTA_C_API int zelta_recording_set_log_level(zelta_recording* recording, int le
 
 // ---- Events by queue -----------------------------------------------------------------------
 
-// `*fd` becomes a descriptor that poll() finds readable while events wait, and from the leave on.
+// `*fd` becomes a descriptor that poll() finds readable while events wait, and from the leave on; a
+// release wakes who polls, too.
 // It is the recording's until its release: don't read from it, write to it or close it.
 // ZELTA_ERROR_HANDLE, ZELTA_ERROR_ARGUMENT (null), ZELTA_ERROR_NO_QUEUE.
 ZELTA_C_API int zelta_event_fd(zelta_recording* recording, int* fd);

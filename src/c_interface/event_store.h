@@ -33,7 +33,7 @@ class event_store {
 
   // Makes the descriptor of fd().
   outcome open();
-  // Readable while events wait, and once close() was called.
+  // Readable while events wait, and once close() or abandon() was called.
   int fd() const { return ready_fd_.get(); }
 
   // Queues a copy; a frame without room, or an event without memory, is counted instead, and a

@@ -232,7 +232,7 @@ outcome recording_object::leave() {
     muted_ = true;
     if (left_.exchange(true)) return {ZELTA_ERROR_LEFT, "it was left before"};
     if (engine_->leaveChannel() == 0) return {};
-    left_ = false;
+    left_ = muted_ = false;
     return {ZELTA_ERROR_REFUSED, "the log says why"};
   }
   const std::unique_lock<std::shared_mutex> whole(engine_lock_);

@@ -133,13 +133,17 @@ const char* zelta_error_text(int code) {
 
 int zelta_error_detail(zelta_recording* recording, char* buffer, size_t size) {
   if (buffer == nullptr || size == 0) return ZELTA_ERROR_ARGUMENT;
-  // Not by with_recording(): to ask for a failure's detail doesn't change it.
-  const auto copy = [&](const std::string& text) {
+  // Not by with_recording(), which notes down what fails: to ask for a detail doesn't change it.
+  bool is_known = true;
+  const int code = guarded(nullptr, [&]() -> outcome {
+    const auto of = recording != nullptr ? find_recording(recording) : nullptr;
+    is_known = recording == nullptr || of != nullptr;
+    if (!is_known) return {};
+    const std::string text = of != nullptr ? of->detail() : detail_without_recording;
     buffer[text.copy(buffer, size - 1)] = '\0';
-    return outcome{};
-  };
-  if (recording == nullptr) return copy(detail_without_recording).code;
-  return with_recording(recording, [&](auto& of) { return copy(of.detail()); });
+    return {};
+  });
+  return is_known ? code : ZELTA_ERROR_HANDLE;
 }
 
 int zelta_recording_create(const zelta_options* options, zelta_recording** recording) {

@@ -224,6 +224,17 @@ TEST_F(WrongUsesTest, WhoPollsIsWokenByARelease) {
   close(kept);
 }
 
+TEST_F(WrongUsesTest, ToAskForADetailChangesNone) {
+  zelta_recording* const gone = made().release();
+  ASSERT_EQ(zelta_recording_release(gone), ZELTA_OK);
+  EXPECT_EQ(zelta_recording_create(nullptr, nullptr), ZELTA_ERROR_ARGUMENT);
+  const std::string before = detail(nullptr);
+  char text[] = "as it is";
+  EXPECT_EQ(zelta_error_detail(gone, text, sizeof text), ZELTA_ERROR_HANDLE);
+  EXPECT_STREQ(text, "as it is");
+  EXPECT_EQ(detail(nullptr), before);
+}
+
 // Whose finalizers would end the parent's recordings.
 TEST_F(WrongUsesTest, AChildOfAForkReachesNoRecordingOfItsParent) {
   const CRecording recording = made();
@@ -263,7 +274,6 @@ TEST_F(WrongUsesTest, NothingComesAfterALeaveFromInsideThatFoundAnotherOne) {
   std::promise<void> inside;
   std::promise<int> inner;
   std::atomic<int> events{0};
-  std::future<int> outer;
   OnEvent on_event = [&](zelta_recording* r, const zelta_event&) {
     if (++events > 1) return;
     inside.set_value();
