@@ -377,18 +377,19 @@ ZELTA_C_API int zelta_recording_folder(zelta_recording* recording, char* buffer,
 typedef struct zelta_region {
   uint32_t uid;
   int32_t render_mode;  // 0 fills the region and crops, 1 fits the picture into it
-  double x;             // left edge, 0 to 1 of the canvas width
-  double y;             // upper edge, 0 to 1 of the canvas height
-  double width;         // 0 to 1 of the canvas width
-  double height;        // 0 to 1 of the canvas height
-  double alpha;         // 0 (invisible) to 1: zero is no sensible default here
+  // Shares of the canvas; what lies outside of it is cut off.
+  double x;       // left edge, -2 to 2 canvas widths
+  double y;       // upper edge, -2 to 2 canvas heights
+  double width;   // 0 to 2 canvas widths; less than a pixel isn't shown
+  double height;  // 0 to 2 canvas heights
+  double alpha;   // 0 (invisible) to 1: zero is no sensible default here
 } zelta_region;
 
 typedef struct zelta_layout {
   uint32_t size;            // needed
   uint32_t region_size;     // needed where there are regions: sizeof(zelta_region)
   uint32_t region_count;    // needed; 0: the background alone
-  uint32_t app_data_bytes;  // needed: of `app_data`
+  uint32_t app_data_bytes;  // needed: of `app_data`, at most 1 MiB
   int32_t canvas_width;     // without effect: the picture has the size that mix_resolution says
   int32_t canvas_height;
   const char* background_color;  // "#rrggbb"; null is black

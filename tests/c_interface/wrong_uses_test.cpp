@@ -2,6 +2,7 @@
 // What wrong uses of the C interface get, and structs of older and newer headers.
 #include <array>
 #include <atomic>
+#include <cmath>
 #include <cstring>
 #include <future>
 #include <thread>
@@ -59,6 +60,16 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
   };
   zelta_recording* const j = joined.get();
   const struct {
+  const auto shows = [&lays](auto change) {
+    return lays([&change](auto& l) {
+      static zelta_region region;
+      region = {1, 0, 0, 0, 1, 1, 1};
+      change(region);
+      l.region_count = 1;
+      l.region_size = sizeof region;
+      l.regions = &region;
+    });
+  };
     int code;
     zelta_recording* of;  // whose detail it is
     const char* detail;   // a part of it
@@ -112,6 +123,13 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
        [&] { return joins([](auto& c) { c.mixed_video_audio = 1; }); }},
       {ZELTA_ERROR_CONFIGURATION, fresh.get(), "refused",
        [&] { return joins([](auto& c) { c.is_audio_only = c.is_video_only = 1; }); }},
+      {ZELTA_ERROR_ARGUMENT, fresh.get(), "mix_resolution is \"640x360\", it should be four",
+       [&] {
+         return joins([](auto& c) {
+           c.is_mixing_enabled = 1;
+           c.mix_resolution = "640x360";
+         });
+       }},
       {ZELTA_ERROR_REFUSED, fresh.get(), "refused",
        [&] { return joins([](auto& c) { c.applite_dir = "/nonexistent"; }); }},
 
@@ -141,15 +159,27 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
            l.regions = &region;
          });
        }},
-      {ZELTA_ERROR_ARGUMENT, j, "layout.app_data_bytes is 4294967295",
+      {ZELTA_ERROR_ARGUMENT, j, "layout.app_data_bytes is 1048577, it should be 0 to 1048576",
        [&] {
          return lays([](auto& l) {
-           l.app_data_bytes = UINT32_MAX;
+           l.app_data_bytes = (1 << 20) + 1;
            l.app_data = &l;
          });
        }},
 
       {ZELTA_ERROR_ARGUMENT, j, "event is null", [&] { return zelta_next_event(j, 0, nullptr); }},
+      {ZELTA_ERROR_ARGUMENT, j, "background_color is \"#12345g\", it should be \"#rrggbb\"",
+       [&] { return lays([](auto& l) { l.background_color = "#12345g"; }); }},
+      {ZELTA_ERROR_ARGUMENT, j, "region 0.x is nan, it should be -2 to 2",
+       [&] { return shows([](auto& r) { r.x = std::nan(""); }); }},
+      {ZELTA_ERROR_ARGUMENT, j, "region 0.height is 2.5",
+       [&] { return shows([](auto& r) { r.height = 2.5; }); }},
+      {ZELTA_ERROR_ARGUMENT, j, "region 0.width is -0.1",
+       [&] { return shows([](auto& r) { r.width = -0.1; }); }},
+      {ZELTA_ERROR_ARGUMENT, j, "region 0.alpha is 1.500000, it should be 0 to 1",
+       [&] { return shows([](auto& r) { r.alpha = 1.5; }); }},
+      {ZELTA_ERROR_ARGUMENT, j, "region 0.render_mode is 2, it should be 0 to 1",
+       [&] { return shows([](auto& r) { r.render_mode = 2; }); }},
       {ZELTA_ERROR_ARGUMENT, j, "timeout_ms is -2",
        [&] { return zelta_next_event(j, -2, &event); }},
       {ZELTA_ERROR_ARGUMENT, j, "fd is null", [&] { return zelta_event_fd(j, nullptr); }},
@@ -354,7 +384,7 @@ TEST(Structs, EachMemberReachesItsOwn) {
   c.audio_indication_interval = 50;
   c.channel_profile = 1;
   c.stream_type = 1;
-  const char* const names[] = {"a", "b", "c", "d", "e", "f", "g", "h", "i"};
+  const char* const names[] = {"1,2,3,4", "b", "c", "d", "e", "f", "g", "h", "i"};
   std::memcpy(&c.mix_resolution, names, sizeof names);
   recording::RecordingConfig r;
   ASSERT_EQ(c_interface::read_config(&c, r).code, ZELTA_OK);
@@ -370,7 +400,7 @@ TEST(Structs, EachMemberReachesItsOwn) {
         r.cfgFilePath, r.proxyServer, r.defaultVideoBg, r.defaultUserBg}) {
     texts += text;
   }
-  EXPECT_EQ(texts, "abcdefghi");
+  EXPECT_EQ(texts, "1,2,3,4bcdefghi");
   c.is_video_only = 1;
   c.mixed_video_audio = 0;
   ASSERT_EQ(c_interface::read_config(&c, r).code, ZELTA_OK);
