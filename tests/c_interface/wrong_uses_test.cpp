@@ -30,6 +30,8 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
   join(joined, "join await:1");
   join(left, "join await:1");
   ASSERT_EQ(zelta_recording_leave(left.get()), ZELTA_OK);
+  const CRecording finished = made();
+  ASSERT_EQ(zelta_recording_finish(finished.get()), ZELTA_OK);
   zelta_recording* const gone = made().release();
   ASSERT_EQ(zelta_recording_release(gone), ZELTA_OK);
 
@@ -58,8 +60,6 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
     change(changed);
     return zelta_recording_set_layout(joined.get(), &changed);
   };
-  zelta_recording* const j = joined.get();
-  const struct {
   const auto shows = [&lays](auto change) {
     return lays([&change](auto& l) {
       static zelta_region region;
@@ -70,6 +70,8 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
       l.regions = &region;
     });
   };
+  zelta_recording* const j = joined.get();
+  const struct {
     int code;
     zelta_recording* of;  // whose detail it is
     const char* detail;   // a part of it
@@ -121,8 +123,6 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
        [&] { return joins([](auto& c) { c.reserved = 1; }); }},
       {ZELTA_ERROR_CONFIGURATION, fresh.get(), "mixed_video_audio is 1, it should be 0 unless",
        [&] { return joins([](auto& c) { c.mixed_video_audio = 1; }); }},
-      {ZELTA_ERROR_CONFIGURATION, fresh.get(), "refused",
-       [&] { return joins([](auto& c) { c.is_audio_only = c.is_video_only = 1; }); }},
       {ZELTA_ERROR_ARGUMENT, fresh.get(), "mix_resolution is \"640x360\", it should be four",
        [&] {
          return joins([](auto& c) {
@@ -130,6 +130,8 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
            c.mix_resolution = "640x360";
          });
        }},
+      {ZELTA_ERROR_CONFIGURATION, fresh.get(), "refused",
+       [&] { return joins([](auto& c) { c.is_audio_only = c.is_video_only = 1; }); }},
       {ZELTA_ERROR_REFUSED, fresh.get(), "refused",
        [&] { return joins([](auto& c) { c.applite_dir = "/nonexistent"; }); }},
 
@@ -166,8 +168,6 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
            l.app_data = &l;
          });
        }},
-
-      {ZELTA_ERROR_ARGUMENT, j, "event is null", [&] { return zelta_next_event(j, 0, nullptr); }},
       {ZELTA_ERROR_ARGUMENT, j, "background_color is \"#12345g\", it should be \"#rrggbb\"",
        [&] { return lays([](auto& l) { l.background_color = "#12345g"; }); }},
       {ZELTA_ERROR_ARGUMENT, j, "region 0.x is nan, it should be -2 to 2",
@@ -180,6 +180,8 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
        [&] { return shows([](auto& r) { r.alpha = 1.5; }); }},
       {ZELTA_ERROR_ARGUMENT, j, "region 0.render_mode is 2, it should be 0 to 1",
        [&] { return shows([](auto& r) { r.render_mode = 2; }); }},
+
+      {ZELTA_ERROR_ARGUMENT, j, "event is null", [&] { return zelta_next_event(j, 0, nullptr); }},
       {ZELTA_ERROR_ARGUMENT, j, "timeout_ms is -2",
        [&] { return zelta_next_event(j, -2, &event); }},
       {ZELTA_ERROR_ARGUMENT, j, "fd is null", [&] { return zelta_event_fd(j, nullptr); }},
@@ -196,6 +198,18 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
       {ZELTA_ERROR_LEFT, left.get(), "joins no more", [&] { return join_of(left.get(), "room"); }},
       {ZELTA_ERROR_LEFT, left.get(), "after the leave",
        [&] { return zelta_recording_set_user_background(left.get(), 1, nullptr); }},
+
+      {ZELTA_ERROR_HANDLE, nullptr, "released", [&] { return zelta_recording_finish(gone); }},
+      {ZELTA_ERROR_LEFT, finished.get(), "joins no more",
+       [&] { return join_of(finished.get(), "room"); }},
+      {ZELTA_ERROR_LEFT, finished.get(), "after the finish",
+       [&] { return zelta_recording_set_log_level(finished.get(), ZELTA_LOG_INFO); }},
+      {ZELTA_ERROR_NOT_JOINED, finished.get(), "before",
+       [&] { return zelta_recording_start_service(finished.get()); }},
+      {ZELTA_ERROR_NOT_JOINED, finished.get(), "before",
+       [&] { return zelta_recording_leave(finished.get()); }},
+      {ZELTA_ERROR_NOT_JOINED, finished.get(), "no folder",
+       [&] { return zelta_recording_folder(finished.get(), text, sizeof text); }},
   };
   int number = 0;
   for (const auto& row : rows) {
@@ -211,20 +225,21 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
 }
 
 TEST_F(WrongUsesTest, InsideACallbackGetCodes) {
-  std::promise<std::array<int, 6>> codes;
+  std::promise<std::array<int, 7>> codes;
   int events = 0;
   OnEvent on_event = [&](zelta_recording* r, const zelta_event& e) {
     if (++events > 1) return;
     codes.set_value({zelta_recording_join(r, nullptr, "room", 0, nullptr),
-                     zelta_recording_release(r), zelta_event_release(r, &e),
-                     zelta_recording_set_user_background(r, 1, nullptr), zelta_recording_leave(r),
-                     zelta_recording_leave(r)});
+                     zelta_recording_finish(r), zelta_recording_release(r),
+                     zelta_event_release(r, &e), zelta_recording_set_user_background(r, 1, nullptr),
+                     zelta_recording_leave(r), zelta_recording_leave(r)});
   };
   const CRecording recording = made(options(&on_event));
   join(recording, "join user:5 user:6 await:1");
-  EXPECT_EQ(codes.get_future().get(),
-            (std::array<int, 6>{ZELTA_ERROR_IN_CALLBACK, ZELTA_ERROR_IN_CALLBACK,
-                                ZELTA_ERROR_UNKNOWN_EVENT, ZELTA_OK, ZELTA_OK, ZELTA_ERROR_LEFT}));
+  EXPECT_EQ(
+      codes.get_future().get(),
+      (std::array<int, 7>{ZELTA_ERROR_IN_CALLBACK, ZELTA_ERROR_IN_CALLBACK, ZELTA_ERROR_IN_CALLBACK,
+                          ZELTA_ERROR_UNKNOWN_EVENT, ZELTA_OK, ZELTA_OK, ZELTA_ERROR_LEFT}));
   EXPECT_EQ(zelta_recording_leave(recording.get()), ZELTA_OK) << "waits for the one of above";
   EXPECT_EQ(events, 1) << "none came after it had left";
   EXPECT_EQ(zelta_recording_leave(recording.get()), ZELTA_ERROR_LEFT);
