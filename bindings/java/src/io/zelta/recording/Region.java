@@ -4,13 +4,13 @@ package io.zelta.recording;
 import java.util.Objects;
 
 /**
- * Where a user stands on the mixed picture.
+ * Where a user stands on the mixed picture; what lies outside of it is cut off.
  *
  * @param uid the user
- * @param x left edge, 0 to 1 of the picture's width
- * @param y upper edge, 0 to 1 of the picture's height
- * @param width 0 to 1 of the picture's width
- * @param height 0 to 1 of the picture's height
+ * @param x left edge, -2 to 2 widths of the picture
+ * @param y upper edge, -2 to 2 heights of the picture
+ * @param width 0 to 2 widths of the picture
+ * @param height 0 to 2 heights of the picture
  * @param alpha 0, invisible, to 1
  * @param renderMode how the user's picture is put there
  */
@@ -20,10 +20,10 @@ public record Region(
    * Checks the uid; places are checked when the layout is set.
    *
    * @param uid the user
-   * @param x left edge, 0 to 1 of the picture's width
-   * @param y upper edge, 0 to 1 of the picture's height
-   * @param width 0 to 1 of the picture's width
-   * @param height 0 to 1 of the picture's height
+   * @param x left edge, -2 to 2 widths of the picture
+   * @param y upper edge, -2 to 2 heights of the picture
+   * @param width 0 to 2 widths of the picture
+   * @param height 0 to 2 heights of the picture
    * @param alpha 0, invisible, to 1
    * @param renderMode how the user's picture is put there
    */
@@ -36,10 +36,10 @@ public record Region(
    * An opaque region that the user's picture fills.
    *
    * @param uid the user
-   * @param x left edge, 0 to 1 of the picture's width
-   * @param y upper edge, 0 to 1 of the picture's height
-   * @param width 0 to 1 of the picture's width
-   * @param height 0 to 1 of the picture's height
+   * @param x left edge, -2 to 2 widths of the picture
+   * @param y upper edge, -2 to 2 heights of the picture
+   * @param width 0 to 2 widths of the picture
+   * @param height 0 to 2 heights of the picture
    */
   public Region(long uid, double x, double y, double width, double height) {
     this(uid, x, y, width, height, 1, RenderMode.CROP);
