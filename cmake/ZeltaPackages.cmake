@@ -15,6 +15,11 @@ set(development_name libzelta-recording-dev)
 set(recorder_name zelta-recorder)
 set(fleet_name zelta-fleet)
 set(components library development recorder fleet)
+set(java_name libzelta-recording-java)
+set(jni_name libzelta-recording-jni)
+if(ZELTA_BUILD_JAVA)
+  list(APPEND components java jni)
+endif()
 
 # Two builds of one state of the sources are called alike, those between releases by their commit, and
 # are older than the release that comes.
@@ -120,6 +125,10 @@ foreach(source IN ITEMS c/record.c frames/main.cpp record/main.cpp)
   get_filename_component(folder "${source}" DIRECTORY)
   install(FILES "examples/${source}" DESTINATION "${examples}/${folder}" COMPONENT development)
 endforeach()
+if(ZELTA_BUILD_JAVA)
+  install(FILES examples/java/Record.java examples/java/Frames.java examples/java/GridLayout.java
+          DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/${java_name}/examples" COMPONENT java)
+endif()
 install(FILES packaging/zelta-deliver.service DESTINATION lib/systemd/system COMPONENT recorder)
 install(FILES packaging/fleet/zelta-worker.service DESTINATION lib/systemd/system COMPONENT fleet)
 install(FILES packaging/fleet/sysusers.conf DESTINATION lib/sysusers.d RENAME zelta-recorder.conf
@@ -240,4 +249,21 @@ set(CPACK_COMPONENT_FLEET_DESCRIPTION
 Many machines record what stands in one queue of NATS servers; when one dies
 another goes on. zelta-worker records on each of them, zelta-fleet sends jobs
 and shows what becomes of them.")
+
+# Which virtual machine runs it is the application's to say, as Debian has it for libraries.
+set(CPACK_DEBIAN_JAVA_PACKAGE_SECTION java)
+set(CPACK_DEBIAN_JAVA_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_JAVA_PACKAGE_SHLIBDEPS OFF)
+set(CPACK_DEBIAN_JAVA_DEBUGINFO_PACKAGE OFF)
+set(CPACK_DEBIAN_JAVA_PACKAGE_SUGGESTS "default-jre-headless (>= 2:1.17), zelta-recorder")
+set(CPACK_COMPONENT_JAVA_DEPENDS jni)
+set(CPACK_COMPONENT_JAVA_DESCRIPTION
+    "recording of real-time audio and video channels - Java
+The recording engine for Java 17 and newer: a recording that is closed by try,
+events that are waited for, frames as direct buffers that aren't copied.")
+set(CPACK_DEBIAN_JNI_PACKAGE_SECTION java)
+set(CPACK_COMPONENT_JNI_DEPENDS library)
+set(CPACK_COMPONENT_JNI_DESCRIPTION
+    "recording of real-time audio and video channels - Java's native part
+The library that the classes of libzelta-recording-java load, and nothing else.")
 include(CPack)

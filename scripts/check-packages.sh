@@ -19,7 +19,7 @@ work=$(cd "$work" && pwd)
 root=$work/root
 suite=bookworm
 packages=build/package/packages
-own=(zelta-fleet zelta-recorder libzelta-recording-dev 'libzelta-recording[0-9]*')
+own=(zelta-fleet zelta-recorder libzelta-recording-java libzelta-recording-jni libzelta-recording-dev 'libzelta-recording[0-9]*')
 failed=0
 
 scripts/install-deps.sh package >&2
@@ -214,6 +214,14 @@ runs_example() { # NAME: in a folder of its own
   inside sh -ec "mkdir /tmp/consumer/by-$1; cd /tmp/consumer/by-$1; HOME=/tmp/consumer timeout 60 ../build/$1 ../server.json"
 }
 
+# NAME ARGUMENT...: one for Java as its source stands, which java compiles and runs.
+runs_java() {
+  # shellcheck disable=SC2016
+  inside sh -ec 'mkdir "/tmp/consumer/java-$1"; cd "/tmp/consumer/java-$1"; name=$1; shift
+    timeout 60 java -XX:-UsePerfData -cp /usr/share/java/zelta-recording.jar \
+      "/usr/share/doc/libzelta-recording-java/examples/$name.java" ../server.json "$@"' sh "$@"
+}
+
 builds_static() {
   inside sh -ec "cmake -S /tmp/consumer -B /tmp/consumer/static -DZELTA_EXAMPLES_STATIC=ON && cmake --build /tmp/consumer/static"
 }
@@ -292,12 +300,12 @@ row "zelta-lay makes a film of it" lays
 row "zelta-view makes a page of it" exports
 row "zelta-deliver delivers it" delivers
 rm -rf --one-file-system "$root/tmp/check"
-row "purged" apt_get purge zelta-fleet zelta-recorder 'libzelta-recording[0-9]*'
+row "purged" apt_get purge zelta-fleet zelta-recorder libzelta-recording-java libzelta-recording-jni 'libzelta-recording[0-9]*'
 snapshot >"$work/after"
 row "nothing is left but the user" nothing_left "$work/before" "$work/after"
 
 row "a compiler, and what -dev depends on" apt_get satisfy \
-  "g++, make, cmake, pkg-config, $(others "$packages"/*-dev_*.deb)"
+  "g++, make, cmake, pkg-config, default-jdk-headless, $(others "$packages"/*-dev_*.deb)"
 snapshot >"$work/before"
 mapfile -t all < <(find "$packages" -name '*.deb' -printf '%f\n')
 row "installed by apt, with -dev" apt_get install "${all[@]/#//packages/}"
@@ -306,6 +314,9 @@ row "its record records" runs_example record
 row "its record_c records, in C" runs_example record_c
 row "its frames hears and sees" runs_example frames
 row "a program by pkg-config, which records" builds_by_pkg_config
+row "its Record.java records" runs_java Record
+row "its Frames.java hears and sees" runs_java Frames
+row "its GridLayout.java arranges a mix" runs_java GridLayout 4
 row "the examples of -dev, linked statically" builds_static
 rm -rf --one-file-system "$root/tmp/consumer"
 row "purged, with -dev" apt_get purge "${own[@]}"

@@ -26,7 +26,7 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(abigail-tools dpkg-dev libgtest-dev python3-jsonschema procps nginx-light openssh-server age nats-server openssl fish zsh) ;;
+    test) packages+=(openjdk-17-jdk-headless abigail-tools dpkg-dev libgtest-dev python3-jsonschema procps nginx-light openssh-server age nats-server openssl fish zsh) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     sound) packages+=(pulseaudio pulseaudio-utils) ;;
     deliver)
@@ -37,7 +37,7 @@ for want in "$@"; do
     bench) packages+=(libzmq3-dev gnuplot-nox nats-server) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;
-    package) packages+=(abigail-tools dpkg-dev lintian debootstrap util-linux) ;;
+    package) packages+=(openjdk-17-jdk-headless abigail-tools dpkg-dev lintian debootstrap util-linux) ;;
     image) packages+=(podman buildah runc) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
     *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, fleet, bench, fuzz, mutate, package, image or lint" >&2; exit 2 ;;

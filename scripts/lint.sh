@@ -17,8 +17,10 @@ echo "== clang-format"
 clang-format-14 --dry-run -Werror "${sources[@]}"
 echo "== arrows"
 scripts/lint/arrows.py
-cmake --preset release -DZELTA_BUILD_TESTS=ON -DZELTA_BUILD_BENCH=ON >/dev/null
-files=("$PWD/(src|tools|tests|bench|fuzz|examples)/")
+cmake --preset release -DZELTA_BUILD_TESTS=ON -DZELTA_BUILD_BENCH=ON -DZELTA_BUILD_JAVA=ON >/dev/null
+# With it javac writes the header of the JNI library.
+cmake --build --preset release --target zelta_recording_jar -- --quiet
+files=("$PWD/(src|tools|tests|bench|bindings|fuzz|examples)/")
 if [ "${1:-}" = --changed ]; then
   mapfile -t files < <(scripts/lint/changed.py)
 fi

@@ -13,7 +13,7 @@ import subprocess
 import sys
 
 ROOT = pathlib.Path(__file__).resolve().parents[2]
-EVERYTHING = "(src|tools|tests|bench|fuzz|examples)/"
+EVERYTHING = "(src|tools|tests|bench|bindings|fuzz|examples)/"
 
 
 def git(*arguments):
