@@ -218,7 +218,7 @@ runs_example() { # NAME: in a folder of its own
 runs_java() {
   # shellcheck disable=SC2016
   inside sh -ec 'mkdir "/tmp/consumer/java-$1"; cd "/tmp/consumer/java-$1"; name=$1; shift
-    timeout 60 java -XX:-UsePerfData -cp /usr/share/java/zelta-recording.jar \
+    HOME=/tmp/consumer timeout 60 java -XX:-UsePerfData -cp /usr/share/java/zelta-recording.jar \
       "/usr/share/doc/libzelta-recording-java/examples/$name.java" ../server.json "$@"' sh "$@"
 }
 

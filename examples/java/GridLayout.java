@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
-// Records the users of the channel "meeting" mixed into one file for some seconds, each in a cell of
-// a grid that is arranged anew when users come and go. The arguments are a configuration file that
-// names the channel server, and how many seconds.
+// Records the users of the channel "meeting" mixed into one file for some seconds, each in a cell
+// of a grid that is arranged anew when users come and go. The arguments are a configuration file
+// that names the channel server, and how many seconds.
 //     java -cp /usr/share/java/zelta-recording.jar GridLayout.java server.json 5
 import io.zelta.recording.Config;
 import io.zelta.recording.Event;

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// What tests share: a folder with a configuration file of generated users, recordings in it, and waits
-// for a named event with a limit.
+// What tests share: a folder with a configuration file of generated users, recordings in it, and
+// waits for a named event with a limit.
 import io.zelta.recording.Config;
 import io.zelta.recording.Event;
 import io.zelta.recording.Frame;
@@ -52,16 +52,25 @@ final class Channel implements AutoCloseable {
   static <T extends Event> T await(Recording recording, Class<T> kind) throws InterruptedException {
     long endNs = System.nanoTime() + LIMIT.toNanos();
     while (true) {
-      Event event =
-          recording
-              .nextEvent(Duration.ofNanos(endNs - System.nanoTime()))
-              .orElseThrow(() -> new AssertionError("no " + kind + " came"));
+      // Others that come all the time don't make it longer.
+      Duration left = Duration.ofNanos(endNs - System.nanoTime());
+      Event event = left.isNegative() ? null : recording.nextEvent(left).orElse(null);
+      Suite.check(event != null, "no", kind, "came");
       if (kind.isInstance(event)) {
         return kind.cast(event);
       }
       if (event instanceof Frame frame) {
         frame.close();
       }
+    }
+  }
+
+  /** Takes events, and forgets them, until there are so many files of that kind. */
+  void awaitFiles(Recording recording, String end, int count) throws Exception {
+    long endNs = System.nanoTime() + LIMIT.toNanos();
+    while (files(end).size() < count) {
+      Suite.check(System.nanoTime() < endNs, "no", count, "files", end);
+      recording.nextEvent(Duration.ofMillis(100));
     }
   }
 

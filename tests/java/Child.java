@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// A process that ends with everything alive: recordings, threads that wait for their events, and frames.
-// The arguments are how it ends, the folder to record into, and its configuration file.
+// A process that ends with everything alive: recordings, threads that wait for their events, and
+// frames. The arguments are how it ends, the folder to record into, and its configuration file.
 import io.zelta.recording.Config;
 import io.zelta.recording.DecodeVideo;
 import io.zelta.recording.Event;

@@ -20,7 +20,8 @@ import java.util.List;
 import java.util.Set;
 
 final class EventsTest {
-  // More than the local references that the virtual machine makes room for, which -Xcheck:jni counts.
+  // More than the local references that the virtual machine makes room for, which -Xcheck:jni
+  // counts.
   private static final int MANY = 64;
 
   private EventsTest() {}
@@ -41,13 +42,14 @@ final class EventsTest {
       Set<Long> users = new HashSet<>();
       Path folder = null;
       try (Recording recording = Recording.create("java-test")) {
-        recording.join(
-            "", "réunion", 4_000_000_000L, channel.config().volumeInterval(Duration.ofMillis(200)).build());
+        recording.join("", "réunion", 4_000_000_000L,
+            channel.config().volumeInterval(Duration.ofMillis(200)).build());
         Event.Joined joined = Channel.await(recording, Event.Joined.class);
         Suite.same("réunion", joined.channelId());
         Suite.same(4_000_000_000L, joined.uid());
         folder = recording.folder();
-        Suite.check(folder.startsWith(channel.folder()) && folder.toString().contains("réunion"), folder);
+        Suite.check(
+            folder.startsWith(channel.folder()) && folder.toString().contains("réunion"), folder);
         long endNs = System.nanoTime() + Duration.ofSeconds(2).toNanos();
         while (System.nanoTime() < endNs) {
           Event event = recording.nextEvent(Duration.ofMillis(100)).orElse(null);
@@ -58,13 +60,15 @@ final class EventsTest {
             Suite.same(folder, user.folder());
             users.add(user.uid());
           } else if (event instanceof Event.FirstVideo video) {
-            Suite.check(video.width() == 160 && video.height() == 90 && video.elapsedMs() >= 0, video);
+            Suite.check(
+                video.width() == 160 && video.height() == 90 && video.elapsedMs() >= 0, video);
           } else if (event instanceof Event.Volumes volumes) {
             for (Volume each : volumes.speakers()) {
               Suite.check(each.uid() <= Channel.USERS && each.volume() <= 255, volumes);
             }
           }
         }
+        channel.awaitFiles(recording, ".mp4", Channel.USERS);
       }
       Suite.same(Set.of(1L, 2L), users);
       List<Class<?>> wanted =
@@ -75,10 +79,12 @@ final class EventsTest {
       Suite.same(2, channel.files(".mp4").size());
       String list = Files.readString(folder.resolve("recording.json"));
       for (Path file : channel.files(".mp4")) {
-        Suite.check(Files.size(file) > 1000 && list.contains("\"" + file.getFileName() + "\""), list);
+        Suite.check(
+            Files.size(file) > 1000 && list.contains("\"" + file.getFileName() + "\""), list);
       }
       // What this library says that its application is written in.
-      Suite.check(Files.readString(folder.resolve("recording_engine.log")).contains("language 1"), folder);
+      Suite.check(
+          Files.readString(folder.resolve("recording_engine.log")).contains("language 1"), folder);
     }
   }
 
@@ -92,10 +98,7 @@ final class EventsTest {
         }
         recording.setLayout(new Layout(regions, "#102030"));
         recording.setLayout(new Layout(List.of()));
-        long endNs = System.nanoTime() + Duration.ofSeconds(3).toNanos();
-        while (System.nanoTime() < endNs) {
-          recording.nextEvent(Duration.ofMillis(100));
-        }
+        channel.awaitFiles(recording, ".mp4", 1);
       }
       Suite.same(1, channel.files(".mp4").size());
     }
@@ -106,7 +109,9 @@ final class EventsTest {
       Config.Builder config = channel.config().audioOnly(true);
       try (Recording recording = channel.join(config.volumeInterval(Duration.ofMillis(200)), 0)) {
         Set<Long> heard = new HashSet<>();
+        long endNs = System.nanoTime() + Channel.LIMIT.toNanos();
         while (heard.size() < MANY) {
+          Suite.check(System.nanoTime() < endNs, heard);
           for (Volume each : Channel.await(recording, Event.Volumes.class).speakers()) {
             heard.add(each.uid());
           }
@@ -149,13 +154,14 @@ final class EventsTest {
 
   private static void manual() throws Exception {
     try (Channel channel = new Channel()) {
-      try (Recording recording = channel.join(channel.config().triggerMode(TriggerMode.MANUAL), 0)) {
+      try (
+          Recording recording = channel.join(channel.config().triggerMode(TriggerMode.MANUAL), 0)) {
         recording.startService();
-        Channel.await(recording, Event.FirstVideo.class);
+        channel.awaitFiles(recording, ".mp4", Channel.USERS);
         recording.stopService();
         recording.setUserBackground(1, null);
       }
-      Suite.check(!channel.files(".mp4").isEmpty());
+      Suite.same(Channel.USERS, channel.files(".mp4").size());
     }
   }
 

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Processes of their own: how they end with everything alive, and what is said where the native library
-// is missing.
+// Processes of their own: how they end with everything alive, and what is said where the native
+// library is missing.
 import java.io.File;
 import java.nio.file.Files;
 import java.nio.file.Path;

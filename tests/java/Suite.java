@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
-// Runs the tests of the library for Java, all or those whose names are arguments: a line for each, and
-// exit status 1 when one has failed. Each is a situation and what is to come of it.
+// Runs the tests of the library for Java, all or those whose names are arguments: a line for each,
+// and exit status 1 when one has failed. Each is a situation and what is to come of it.
 import java.util.LinkedHashMap;
 import java.util.List;
 import java.util.Map;

@@ -48,7 +48,10 @@ final class ThreadsTest {
     return task.get(Channel.LIMIT.toSeconds(), TimeUnit.SECONDS);
   }
 
-  /** Until the thread is inside poll(), where the virtual machine calls it running, in a native method. */
+  /**
+   * Until the thread is inside poll(), where the virtual machine calls it running, in a native
+   * method.
+   */
   private static void awaitNative(Thread thread) {
     long endNs = System.nanoTime() + Channel.LIMIT.toNanos();
     while (System.nanoTime() < endNs) {
@@ -63,7 +66,8 @@ final class ThreadsTest {
 
   private static void time() throws Exception {
     try (Recording recording = Recording.create("java-test")) {
-      for (Duration limit : List.of(Duration.ZERO, Duration.ofSeconds(-1), Duration.ofNanos(100), Duration.ofMillis(120))) {
+      for (Duration limit : List.of(Duration.ZERO, Duration.ofSeconds(-1), Duration.ofNanos(100),
+               Duration.ofMillis(120))) {
         long beganNs = System.nanoTime();
         Suite.check(recording.nextEvent(limit).isEmpty());
         long ns = System.nanoTime() - beganNs;

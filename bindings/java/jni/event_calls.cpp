@@ -159,8 +159,7 @@ jobject Java_io_zelta_recording_Native_take(JNIEnv* env, jclass, jlong recording
     }
     taken_event taken(recording_of(recording), event);
     if (taken.is_frame()) {
-      numbers[io_zelta_recording_Native_FIELD_EVENT] =
-          static_cast<jlong>(reinterpret_cast<intptr_t>(event));
+      numbers[io_zelta_recording_Native_FIELD_EVENT] = number_of(event);
     }
     numbers[io_zelta_recording_Native_FIELD_KIND] = event->kind;
     numbers[io_zelta_recording_Native_FIELD_UID] = event->uid;
@@ -177,8 +176,7 @@ jobject Java_io_zelta_recording_Native_take(JNIEnv* env, jclass, jlong recording
 void Java_io_zelta_recording_Native_releaseEvent(JNIEnv* env, jclass, jlong recording,
                                                  jlong event) {
   succeeded(env, recording_of(recording),
-            zelta_event_release(recording_of(recording), reinterpret_cast<const zelta_event*>(
-                                                             static_cast<intptr_t>(event))));
+            zelta_event_release(recording_of(recording), pointer_of<const zelta_event>(event)));
 }
 
 jint Java_io_zelta_recording_Native_openWaker(JNIEnv* env, jclass) {

@@ -3,6 +3,7 @@
 // Where one of these says that it failed an exception is pending, and the function is to return.
 #pragma once
 
+#include <cstdint>
 #include <new>
 #include <string>
 #include <vector>
@@ -17,8 +18,17 @@ namespace zelta::java {
 bool remember_classes(JNIEnv* env);
 void forget_classes(JNIEnv* env);
 
+// Java has numbers alone.
+template <class Pointed>
+Pointed* pointer_of(jlong number) {
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): it is what number_of() has made
+  return reinterpret_cast<Pointed*>(static_cast<intptr_t>(number));
+}
+inline jlong number_of(const void* pointer) {
+  return static_cast<jlong>(reinterpret_cast<intptr_t>(pointer));
+}
 inline zelta_recording* recording_of(jlong number) {
-  return reinterpret_cast<zelta_recording*>(static_cast<intptr_t>(number));
+  return pointer_of<zelta_recording>(number);
 }
 
 // Whether `code` is no failure; else throws the exception that stands for it, with the detail that

@@ -91,7 +91,7 @@ jlong Java_io_zelta_recording_Native_create(JNIEnv* env, jclass, jbyteArray app_
     options.queue_bytes = static_cast<uint64_t>(queue_bytes);
     zelta_recording* made = nullptr;
     if (!succeeded(env, nullptr, zelta_recording_create(&options, &made))) return 0;
-    return static_cast<jlong>(reinterpret_cast<intptr_t>(made));
+    return number_of(made);
   });
 }
 

@@ -79,8 +79,8 @@ public final class Config {
   private static int whole(String name, Duration time, Duration unit, String units) {
     long count = time.dividedBy(unit);
     if (!unit.multipliedBy(count).equals(time) || count != (int) count) {
-      throw new IllegalArgumentException(
-          name + " is " + time + ", it should be whole " + units + ", " + Integer.MAX_VALUE + " at most");
+      throw new IllegalArgumentException(name + " is " + time + ", it should be whole " + units
+          + ", " + Integer.MAX_VALUE + " at most");
     }
     return (int) count;
   }
@@ -330,7 +330,8 @@ public final class Config {
      * @return this builder
      */
     public Builder recordingsFolder(Path recordingsFolder) {
-      this.recordingsFolder = Objects.requireNonNull(recordingsFolder, "recordingsFolder").toString();
+      this.recordingsFolder =
+          Objects.requireNonNull(recordingsFolder, "recordingsFolder").toString();
       return this;
     }
 

@@ -5,7 +5,8 @@ import java.util.List;
 import java.util.Objects;
 
 /**
- * How users are arranged on the mixed picture, whose size {@link Config.Builder#mixResolution} says.
+ * How users are arranged on the mixed picture, whose size {@link Config.Builder#mixResolution}
+ * says.
  *
  * @param regions later ones lie on top; none is the background alone
  * @param backgroundColor {@code "#rrggbb"}; empty is black

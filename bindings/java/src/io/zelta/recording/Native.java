@@ -72,7 +72,9 @@ final class Native {
 
   static native byte[] folder(long recording);
 
-  /** Of each region two numbers, uid and render mode, and five places: x, y, width, height, alpha. */
+  /**
+   * Of each region two numbers, uid and render mode, and five places: x, y, width, height, alpha.
+   */
   static native void setLayout(long recording, byte[] color, int[] numbers, double[] places);
 
   static native void setUserBackground(long recording, int uid, byte[] imagePath);
@@ -93,8 +95,9 @@ final class Native {
 
   /**
    * Takes the oldest event, if there is one. `fields` become the result, the event where it stays
-   * lent, its kind, its uid and its numbers in the order of the C struct. What comes back is a direct
-   * buffer over a frame's data, the bytes of a text, the uids and volumes of speakers, or null.
+   * lent, its kind, its uid and its numbers in the order of the C struct. What comes back is a
+   * direct buffer over a frame's data, the bytes of a text, the uids and volumes of speakers, or
+   * null.
    */
   static native Object take(long recording, long[] fields);
 

@@ -21,8 +21,8 @@ import java.util.Optional;
  *               Joined or Failure follows as an event
  * }</pre>
  *
- * <p>{@link #close()} does all that is left to do. A recording that nobody closes is closed when the
- * collector has found it, on a daemon thread; when the process ends before that, the recorder
+ * <p>{@link #close()} does all that is left to do. A recording that nobody closes is closed when
+ * the collector has found it, on a daemon thread; when the process ends before that, the recorder
  * notices, and completes its files by itself.
  */
 public final class Recording implements AutoCloseable {
@@ -52,7 +52,7 @@ public final class Recording implements AutoCloseable {
     closer.start();
   }
 
-  // ---- Made --------------------------------------------------------------------------------------
+  // ---- Made -----------------------------------------------------------------------------------
 
   /**
    * Makes a recording, whose frames may hold 64 MiB; nothing is started yet.
@@ -69,15 +69,16 @@ public final class Recording implements AutoCloseable {
    * Makes a recording; nothing is started yet.
    *
    * @param appId whose application it is; not empty
-   * @param queueBytes what frames may hold that wait to be taken, or that weren't closed yet; frames
-   *     past it are dropped, and {@link Event.Dropped} counts them. 0: 64 MiB
+   * @param queueBytes what frames may hold that wait to be taken, or that weren't closed yet;
+   *     frames past it are dropped, and {@link Event.Dropped} counts them. 0: 64 MiB
    * @return the recording, to be closed
    * @throws ZeltaException where it can't be made
    */
   public static Recording create(String appId, long queueBytes) {
     Objects.requireNonNull(appId, "appId");
     if (queueBytes < 0) {
-      throw new IllegalArgumentException("queueBytes is " + queueBytes + ", it should be at least 0");
+      throw new IllegalArgumentException(
+          "queueBytes is " + queueBytes + ", it should be at least 0");
     }
     return new Recording(new Handle(Native.create(Texts.one("appId", appId), queueBytes)));
   }
@@ -91,7 +92,7 @@ public final class Recording implements AutoCloseable {
     return Texts.of(Native.version());
   }
 
-  // ---- Joined ------------------------------------------------------------------------------------
+  // ---- Joined ---------------------------------------------------------------------------------
 
   /**
    * Joins a channel, with the app id for a key and a uid that the recorder chooses.
@@ -105,8 +106,8 @@ public final class Recording implements AutoCloseable {
   }
 
   /**
-   * Checks the configuration, prepares the recording folder and starts the recorder; doesn't wait for
-   * it to join: {@link Event.Joined} or {@link Event.Failure} follows.
+   * Checks the configuration, prepares the recording folder and starts the recorder; doesn't wait
+   * for it to join: {@link Event.Joined} or {@link Event.Failure} follows.
    *
    * @param channelKey the key of the channel; empty: the app id
    * @param channelId 1 to 64 bytes, a part of the folder's name as it stands
@@ -136,7 +137,7 @@ public final class Recording implements AutoCloseable {
     return Path.of(Texts.of(found[0]));
   }
 
-  // ---- Commands, between join and leave ----------------------------------------------------------
+  // ---- Commands, between join and leave -------------------------------------------------------
 
   /**
    * Arranges the users on the mixed picture.
@@ -211,13 +212,13 @@ public final class Recording implements AutoCloseable {
     call(() -> Native.setLogLevel(handle.number(), number));
   }
 
-  // ---- Events ------------------------------------------------------------------------------------
+  // ---- Events ---------------------------------------------------------------------------------
 
   /**
    * Takes the oldest event, or waits for one. Several threads may call; each event goes to one.
    *
-   * <p>When a {@link Event.Left} or a fatal {@link Event.Failure} is handed out the recording has been
-   * left, so that a loop until {@link #hasEnded()} ends whatever happened to the recorder.
+   * <p>When a {@link Event.Left} or a fatal {@link Event.Failure} is handed out the recording has
+   * been left, so that a loop until {@link #hasEnded()} ends whatever happened to the recorder.
    *
    * @param limit how long to wait at most; zero or less: not at all
    * @return the event; empty when none came in that time, and at once when none will come: {@link
@@ -230,9 +231,9 @@ public final class Recording implements AutoCloseable {
   }
 
   /**
-   * All events, until none will come: in a loop, each is waited for as long as it takes. The loop ends
-   * when the recording was left or closed and all that waited was handed out; by an interrupt, too,
-   * and the thread's interrupt status is set then.
+   * All events, until none will come: in a loop, each is waited for as long as it takes. The loop
+   * ends when the recording was left or closed and all that waited was handed out; by an interrupt,
+   * too, and the thread's interrupt status is set then.
    *
    * @return events to go through once; each {@link Frame} is to be closed
    */
@@ -266,8 +267,8 @@ public final class Recording implements AutoCloseable {
   }
 
   /**
-   * Whether no event will come any more: the recording was left, and all that waited was taken, or it
-   * was closed. Known when a {@link #nextEvent} has found no event.
+   * Whether no event will come any more: the recording was left, and all that waited was taken, or
+   * it was closed. Known when a {@link #nextEvent} has found no event.
    *
    * @return true from then on
    */
@@ -328,11 +329,11 @@ public final class Recording implements AutoCloseable {
     }
   }
 
-  // ---- Left --------------------------------------------------------------------------------------
+  // ---- Left -----------------------------------------------------------------------------------
 
   /**
-   * Ends the session, within about half a second: no event is made any more, and what waits can still
-   * be taken. Does nothing where the recording was left by itself.
+   * Ends the session, within about half a second: no event is made any more, and what waits can
+   * still be taken. Does nothing where the recording was left by itself.
    *
    * @throws RecordingStateException before the join, and a second time
    */
@@ -353,9 +354,9 @@ public final class Recording implements AutoCloseable {
   }
 
   /**
-   * As {@link #finish()}, and gives up what waits to be taken; who waits for events on another thread
-   * gets none. The files are complete when it returns. Frames that were handed out stay readable until
-   * each is closed. A second time does nothing. An interrupt doesn't shorten it.
+   * As {@link #finish()}, and gives up what waits to be taken; who waits for events on another
+   * thread gets none. The files are complete when it returns. Frames that were handed out stay
+   * readable until each is closed. A second time does nothing. An interrupt doesn't shorten it.
    */
   @Override
   public void close() {

@@ -14,8 +14,8 @@ import java.util.Objects;
  * @param alpha 0, invisible, to 1
  * @param renderMode how the user's picture is put there
  */
-public record Region(
-    long uid, double x, double y, double width, double height, double alpha, RenderMode renderMode) {
+public record Region(long uid, double x, double y, double width, double height, double alpha,
+    RenderMode renderMode) {
   /**
    * Checks the uid; places are checked when the layout is set.
    *

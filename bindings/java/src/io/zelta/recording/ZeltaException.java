@@ -40,8 +40,8 @@ public class ZeltaException extends RuntimeException {
   }
 
   /**
-   * Which value was wrong, and what would be right. Where calls of one recording fail on two threads
-   * at once, it may be the other's.
+   * Which value was wrong, and what would be right. Where calls of one recording fail on two
+   * threads at once, it may be the other's.
    *
    * @return the detail; empty where nothing more is known
    */
