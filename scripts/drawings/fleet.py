@@ -25,10 +25,10 @@ def fleet():
     d.text(144, 64, "jobs, commands", "note", "end")
     d.arrow((250, 78), (250, 40))
     d.text(256, 64, "states, events, reports", "note")
-    d.arrow((150, 314), (150, 374))
+    d.arrow((150, 314), (150, 366))
     d.text(144, 340, "one job at a time,", "note", "end")
     d.text(144, 355, "while it has room", "note", "end")
-    d.arrow((250, 374), (250, 314))
+    d.arrow((250, 366), (250, 314))
     d.text(256, 340, "leases renewed 5 times", "note")
     d.text(256, 355, "a lease; states, events", "note")
     d.frame(10, 366, 380, 146, "a machine that records, one of many")
@@ -48,7 +48,8 @@ def worker():
                 "writer, renewals and commands of NATS.", 330)
     d.box(12, 14, 150, "queue reader", "a thread a label", kind="box")
     d.box(238, 14, 150, "state writer", "a thread", kind="box")
-    d.frame(12, 92, 376, 134, "the loop, which waits for nobody")
+    d.frame(12, 92, 376, 134, "")
+    d.text(380, 218, "the loop: waits for nobody", "note", "end")
     d.box(24, 116, 128, "worker", "a recording a job", kind="ours")
     d.box(248, 116, 128, "room", "load_meter", kind="ours")
     d.box(24, 186, 128, "recorder_child", kind="ours")
@@ -66,8 +67,8 @@ def worker():
     d.text(96, 248, "renew, leave;", "note")
     d.text(96, 262, "its events", "note")
     d.box(238, 254, 150, "NATS' threads", "renewals, commands", kind="box")
-    d.arrow((270, 254), (270, 206), (152, 206))
-    d.text(276, 246, "renewed, asked", "note")
+    d.arrow((250, 254), (250, 174), (130, 174), (130, 160))
+    d.text(256, 188, "renewed, asked", "note")
     return d
 
 
@@ -79,19 +80,19 @@ def handover():
 
     def panel(y, title, rows, notes):
         d.text(12, y, title, "title")
+        bottom = y + 10 + len(rows) * 34
+        d.arrow((zero - 8, bottom + 2), (388, bottom + 2))
+        for x, says in notes:
+            d.line((x, y + 6), (x, bottom + 6), rare=True)
+            d.text(x, bottom + 18, says, "note", "middle")
         for at, (label, bars) in enumerate(rows):
             top = y + 10 + at * 34
             d.text(12, top + 18, label)
             for x, to, kind, says in bars:
                 d.bar(x, top, to - x, 26, kind)
                 d.text(x + 5, top + 17, says, "note", room=to - x - 4)
-        bottom = y + 10 + len(rows) * 34
-        d.arrow((zero - 8, bottom + 2), (388, bottom + 2))
-        for x, says in notes:
-            d.line((x, y + 6), (x, bottom + 6), rare=True)
-            d.text(x, bottom + 18, says, "note", "middle")
 
-    panel(26, "A worker is killed: no picture is lost",
+    panel(26, "A worker is killed: its recorder goes on",
           [("worker A", []), ("A's recorder", [(zero - 8, nine, "good", "records on, 1.8 leases at most")]),
            ("the lease", [(zero, five, "warn", "A's, not renewed")]),
            ("worker B", [(five, end, "ours", "has the job, records")])],
@@ -105,7 +106,7 @@ def handover():
            ("worker B", [(five, end, "ours", "has the job, records")])],
           [(zero, "off"), (five, "5 s")])
     d.bar(zero - 8, 272, 8, 26, "bad")
-    d.text(zero + 6, 289, "its files are readable, on its disk", "note")
+    d.text(zero + 6, 289, "its files stay there", "note")
     panel(430, "A worker hands over: 46 to 76 ms",
           [("worker A", [(zero - 8, 196, "good", "recorders end")]), ("worker B", [(200, end, "ours", "goes on")])],
           [(198, "drain --handover")])
@@ -149,7 +150,7 @@ def delivery():
     d.text(342, 254, "5 times", "note", "end")
     d.text(12, 548, "Deleted here only if keep says so: when every target has", "note")
     d.text(12, 563, "confirmed it, hooks have run, and its time is over.", "note")
-    d.text(12, 582, "Every step stands in delivery.json before the next begins.", "note")
+    d.text(12, 582, "What was done stands in delivery.json: a kill loses nothing.", "note")
     return d
 
 
