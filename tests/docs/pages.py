@@ -14,13 +14,14 @@ and, where a reader does something without a command,
 
     <!-- by hand: COMMAND -->       is run instead
     <!-- Ctrl-C: NAME -->           is pressed in that terminal; a block of text beneath has what it prints
+    <!-- shows: NAME -->            in that terminal its last command prints the block of text beneath
 """
 
 import dataclasses
 import re
 
 FENCE = re.compile(r"^( *)```(\S*)\s*$")
-MARK = re.compile(r"^ *<!-- (not run|terminal|status|by hand|Ctrl-C): (.+?) -->\s*$")
+MARK = re.compile(r"^ *<!-- (not run|terminal|status|by hand|Ctrl-C|shows): (.+?) -->\s*$")
 HEREDOC = re.compile(r"<<-?'?(\w+)'?")
 
 
@@ -33,7 +34,7 @@ class Command:
 
 @dataclasses.dataclass
 class Step:
-    kind: str  # run, not run, Ctrl-C
+    kind: str  # run, not run, Ctrl-C, shows
     line: int
     terminal: str = ""
     reason: str = ""
@@ -77,8 +78,9 @@ def steps_of(text):
         if found := MARK.match(line):
             if found[1] == "by hand":
                 made.append(Step("run", at, commands=[Command(found[2], at, [])]))
-            elif found[1] == "Ctrl-C":
-                made.append(Step("Ctrl-C", at, terminal=found[2], commands=[Command("", at, [])]))
+            elif found[1] in ("Ctrl-C", "shows"):
+                made.append(Step(found[1], at, terminal=found[2],
+                                 commands=[Command(f"({found[1]})", at, [])]))
             else:
                 marks[found[1]] = found[2]
             continue
@@ -91,7 +93,7 @@ def steps_of(text):
             at += 1
         body = [one[len(found[1]):] for one in lines[begin:at]]
         at += 1
-        if language == "text" and made and made[-1].kind == "Ctrl-C" and not marks:
+        if language == "text" and made and made[-1].kind in ("Ctrl-C", "shows") and not marks:
             made[-1].commands[0].expected += body
         elif language in ("console", "sh", "bash"):
             made.append(Step("not run" if "not run" in marks else "run", begin,

@@ -73,3 +73,5 @@ class Terminal:
                 pass
         self.shell.wait()
         self.reader.join(5)
+        if not self.reader.is_alive():  # else somebody outlived the shell who has its output
+            self.shell.stdout.close()
