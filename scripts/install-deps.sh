@@ -26,7 +26,7 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(abigail-tools dpkg-dev libgtest-dev python3-jsonschema procps nginx-light openssh-server age nats-server openssl fish zsh) ;;
+    test) packages+=(abigail-tools dpkg-dev libgtest-dev python3-jsonschema procps nginx-light openssh-server age nats-server openssl fish zsh curl) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     sound) packages+=(pulseaudio pulseaudio-utils) ;;
     deliver)

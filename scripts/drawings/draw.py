@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 # SPDX-License-Identifier: Apache-2.0
 """Draws docs/drawings/*.svg. With --check it writes nothing, and fails where a file isn't what it would
 draw."""

@@ -36,6 +36,7 @@ PAGES = ["README.md"] + sorted(
     for one in (ROOT / "docs" / folder).glob("*.md"))
 # Blocks that can't be run, by page: who adds one adds it here, too.
 NOT_RUN = {
+    "README.md": 2,
     "docs/tutorials/first-recording.md": 1,
     "docs/tutorials/first-fleet.md": 1,
     "docs/how-to/record-an-sfu.md": 1,
@@ -194,6 +195,49 @@ def options_of(tool, *command):
 
 
 class Blocks(unittest.TestCase):
+    def told_of(self, text):
+        """What is wrong with a page of this text."""
+        with tempfile.TemporaryDirectory(prefix="zelta-test.") as folder:
+            path = Path(folder) / "page.md"
+            path.write_text(text)
+            page = Page(path, Path(folder))
+            try:
+                for step in steps_of(text):
+                    page.run(step)
+            except AssertionError as e:
+                return str(e)
+            finally:
+                page.end()
+        return ""
+
+    def test_what_is_wrong_on_a_page_is_told(self):
+        rows = [
+            ("```sh\ntrue\n```", ""),
+            ("```sh\nfalse\n```", "ends with 1"),
+            ("```sh\nzelta-record --no-such-option\n```", "ends with 2"),
+            ("```console\n$ echo a; echo 'b  c'\na\nb c\n```", ""),
+            ("```console\n$ echo a 17 b\na … b\n```", ""),
+            ("```console\n$ echo b; echo a\na\nb\n```", "doesn't print \"b\""),
+            ("```console\n$ echo ab\na\n```", "doesn't print \"a\""),
+            ("<!-- status: 3 -->\n```sh\ntrue\n```", "ends with 0"),
+            ("<!-- terminal: one -->\n```console\n$ echo a; exit 1\nb\n```", "doesn't print \"b\""),
+            ("<!-- by hand: false -->", "ends with 1"),
+        ]
+        for text, told in rows:
+            with self.subTest(text=text):
+                said = self.told_of(text)
+                self.assertIn(told, said)
+                self.assertEqual(bool(told), bool(said), said)
+
+    def test_a_mark_that_marks_nothing_is_an_error(self):
+        for text in ("<!-- not run: why -->\ntext", "<!-- status: 3 -->\n```json\n{}\n```",
+                     "```console\noutput\n```"):
+            with self.subTest(text=text), self.assertRaises(ValueError):
+                steps_of(text)
+
+    def test_drawings_are_as_their_script_draws_them(self):
+        subprocess.run([ROOT / "scripts/drawings/draw.py", "--check"], check=True)
+
     def test_every_option_that_a_page_has_is_one_of_the_tool(self):
         known = {tool: options_of(tool) for tool in TOOLS}
         wrong, seen = [], 0
