@@ -100,7 +100,7 @@ def on_page_markdown(markdown, page, config, files):
 def on_nav(nav, config, files):
     """Doxygen's pages, of which mkdocs knows nothing, behind all else of the reference."""
     reference = next(item for item in nav.items if item.title == "Reference")
-    link = Link("The headers, by doxygen", "api/index.html")
+    link = Link("The headers, by doxygen", "api/files.html")
     link.parent = reference
     reference.children.append(link)
     return nav
