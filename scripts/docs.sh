@@ -18,7 +18,9 @@ while [ $# -gt 0 ]; do
 done
 
 scripts/install-deps.sh docs
-mkdocs build --strict --quiet --site-dir "$site"
+mkdir -p build
+mkdocs build --strict --site-dir "$site" >build/docs.log 2>&1 ||
+  { grep -E 'WARNING|ERROR|Error|Aborted' build/docs.log >&2; exit 1; }
 { cat scripts/docs/Doxyfile; printf 'OUTPUT_DIRECTORY = "%s"\nHTML_OUTPUT = api\n' "$site"; } | doxygen -
 echo "== ${site#"$PWD/"}/index.html"
 if [ -n "$serve" ]; then
