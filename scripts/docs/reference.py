@@ -109,7 +109,8 @@ def options(programs):
     return page("Options of every program",
                 paragraph("What `--help` of each program says; with which status each ends is in "
                           "[exit-statuses.md](exit-statuses.md)."),
-                table(["program", "what it does"], [[f"[`{name}`](#{name.lower()})", said] for name, (said, _) in PROGRAMS.items()]),
+                table(["program", "what it does"],
+                      [[f"[`{name}`](#{name.lower()})", said] for name, (said, _) in PROGRAMS.items()]),
                 *blocks)
 
 
@@ -142,8 +143,8 @@ def schema_blocks(name, more, what):
 
 def settings():
     return page("Settings",
-                paragraph("JSON files that programs read. A key with a dot stands inside an object, one with `[]` in each "
-                          "object of a list; what is needed is so within the object that it belongs to."),
+                paragraph("JSON files that programs read. A key with a dot stands inside an object, one with `[]` "
+                          "in each object of a list; what is needed is so within the object that it belongs to."),
                 *[block for each in SETTINGS for block in schema_blocks(*each)])
 
 
@@ -164,9 +165,10 @@ def enum_blocks(path):
 
 def codes():
     return page("Events, results, enumerations",
-                paragraph("Every number that the library hands out or takes. [c-interface.md](../c-interface.md) says how "
-                          "events come, [lifecycle.md](../lifecycle.md) what comes when a recording ends."),
-                "## C: `zelta_recording.h`", "[The header](../../include/zelta_recording.h) has the functions and structs.",
+                paragraph("Every number that the library hands out or takes. [c-interface.md](../c-interface.md) says "
+                          "how events come, [lifecycle.md](../lifecycle.md) what comes when a recording ends."),
+                "## C: `zelta_recording.h`",
+                "[The header](../../include/zelta_recording.h) has the functions and structs.",
                 *enum_blocks("include/zelta_recording.h"),
                 "## C++: `IZeltaRecordingEngine.h`",
                 "[The header](../../include/IZeltaRecordingEngine.h) has the classes and callbacks.",
@@ -182,8 +184,8 @@ def packets():
                            ", ".join(f"`{name}` {short(kind)}" for name, kind in packet.fields) or "none",
                            plain(packet.said)] for packet in each])]
     return page("Fields of each packet",
-                paragraph("[protocol.md](../protocol.md) says how packets stand on the pipes and how each kind of field is "
-                          "written; these are of [ipc_protocol.h](../../include/protocol/ipc_protocol.h)."), *blocks)
+                paragraph("[protocol.md](../protocol.md) says how packets stand on the pipes and how each kind of field "
+                          "is written; these are of [ipc_protocol.h](../../include/protocol/ipc_protocol.h)."), *blocks)
 
 
 def short(kind):

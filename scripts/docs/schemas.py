@@ -14,7 +14,8 @@ PATTERNS = {
     "^[^/]+$": "text without slashes",
     "^[!-~]+$": "printable ASCII without spaces",
     "^[^\\u0000-\\u001f\\u007f]*$": "text without control characters",
-    "^[^\\u0000-\\u001f\\u007f-][^\\u0000-\\u001f\\u007f]*$": "text without control characters that doesn't begin with `-`",
+    "^[^\\u0000-\\u001f\\u007f-][^\\u0000-\\u001f\\u007f]*$":
+        "text without control characters that doesn't begin with `-`",
     "^[0-9a-f]{8}$": "eight hexadecimal digits",
 }
 

@@ -106,7 +106,8 @@ class Helps(unittest.TestCase):
                          [("Positionals", 1), ("Options", 4), ("More", 1)])
 
     def test_what_options_take(self):
-        rows = {names: (helps.value(hint), said) for section in self.read.sections for names, hint, said in section.rows}
+        rows = {names: (helps.value(hint), said)
+                for section in self.read.sections for names, hint, said in section.rows}
         self.assertEqual(rows, {
             "word": (("text", ["needed"]), "what it is about"),
             "-q,--quiet": (("", []), "says nothing"),

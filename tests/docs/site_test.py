@@ -22,8 +22,8 @@ TELEPHONE = (390, 844)
 # Of doxygen's pages those that are read most.
 HEADERS = ["api/files.html", "api/zelta__recording_8h.html", "api/classzelta_1_1recording_1_1IRecordingEngine.html"]
 # Elements that a page is made of, unlike links, which a reader follows; by the attribute with the address.
-LOADED = {"script": "src", "img": "src", "link": "href", "iframe": "src", "source": "src", "video": "src", "audio": "src",
-          "object": "data", "embed": "src"}
+LOADED = {"script": "src", "img": "src", "link": "href", "iframe": "src", "source": "src", "video": "src",
+          "audio": "src", "object": "data", "embed": "src"}
 # A stylesheet's own.
 IN_STYLE = re.compile(r"(?:@import\s*|url\()\s*[\"']?((?:https?:)?//[^\"')]+)")
 
@@ -96,8 +96,9 @@ class Site(unittest.TestCase):
             self.assertEqual(IN_STYLE.findall(style.read_text()), [], style)
 
     def test_comments_of_both_headers_are_on_their_pages(self):
-        for header, said in (("zelta__recording_8h.html", "Hands out the oldest event that waits"),
-                             ("classzelta_1_1recording_1_1IRecordingEngine.html", "the engine thread has ended when this")):
+        rows = (("zelta__recording_8h.html", "Hands out the oldest event that waits"),
+                ("classzelta_1_1recording_1_1IRecordingEngine.html", "the engine thread has ended when this"))
+        for header, said in rows:
             with self.subTest(header=header):
                 self.assertIn(said, " ".join((SITE / "api" / header).read_text().split()))
 
@@ -136,7 +137,8 @@ class InABrowser(unittest.TestCase):
           words.dispatchEvent(new Event('keyup', {bubbles: true}));
         })()""")
         page.wait_for("document.querySelector('.md-search-result__link')")
-        found = page.evaluate("[...document.querySelectorAll('.md-search-result__link')].map(link => link.href).join(' ')")
+        found = page.evaluate(
+            "[...document.querySelectorAll('.md-search-result__link')].map(link => link.href).join(' ')")
         self.assertIn("recorder.html?h=most_users#settings-zelta_recorder_settings", found)
         asked = page.evaluate("performance.getEntriesByType('resource').map(each => new URL(each.name).host)")
         self.assertEqual(set(asked), {f"127.0.0.1:{self.server.server_port}"})
