@@ -37,7 +37,7 @@ for want in "$@"; do
     bench) packages+=(libzmq3-dev gnuplot-nox nats-server) ;;
     fuzz) packages+=(clang-14 libclang-rt-14-dev llvm-14) ;;
     mutate) packages+=(ccache lld util-linux) ;;
-    package) packages+=(dpkg-dev lintian debootstrap util-linux) ;;
+    package) packages+=(abigail-tools dpkg-dev lintian debootstrap util-linux) ;;
     image) packages+=(podman buildah runc) ;;
     docs) packages+=(mkdocs mkdocs-material doxygen) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
