@@ -6,7 +6,8 @@
 //     zelta_recording_join()     starts the recorder; JOINED or ERROR follows as an event
 //     zelta_next_event() ...     or the callback
 //     zelta_recording_leave()    no event is made any more
-//     zelta_recording_release()  the files are complete
+//     zelta_recording_finish()   the files are complete
+//     zelta_recording_release()  destroys the recording; finishes it, too, if that wasn't done
 //
 // A recording joins once and leaves once; make a new one for the next.
 //
@@ -16,8 +17,8 @@
 // zelta_error_detail() says more of the last failure. No exception leaves a function.
 //
 // Threads: each function may be called from any thread at any time, also from the callback where it
-// doesn't say otherwise. Calls of one recording wait for a join, leave or release of it that runs
-// on another thread; those that are about events wait for nobody.
+// doesn't say otherwise. Calls of one recording wait for a join, leave, finish or release of it
+// that runs on another thread; those that are about events wait for nobody.
 //
 // Structs that the caller fills begin with their `size`: set all to zero, then it, as in
 //     zelta_config config = {0};
@@ -366,8 +367,8 @@ ZELTA_C_API int zelta_recording_join(zelta_recording* recording, const char* cha
                                      const zelta_config* config);
 
 // Copies the path of the recording folder, with a slash at its end, into `buffer` of `size` bytes.
-// Known from the join on, also after a leave. ZELTA_ERROR_ARGUMENT: no buffer, or too small a one,
-// and the detail says how large it has to be. ZELTA_ERROR_NOT_JOINED, ZELTA_ERROR_HANDLE.
+// Known from the join on, also after the finish. ZELTA_ERROR_ARGUMENT: no buffer, or too small a
+// one, and the detail says how large it has to be. ZELTA_ERROR_NOT_JOINED, ZELTA_ERROR_HANDLE.
 ZELTA_C_API int zelta_recording_folder(zelta_recording* recording, char* buffer, size_t size);
 
 // ---- Commands, between join and leave ------------------------------------------------------
@@ -377,18 +378,19 @@ ZELTA_C_API int zelta_recording_folder(zelta_recording* recording, char* buffer,
 typedef struct zelta_region {
   uint32_t uid;
   int32_t render_mode;  // 0 fills the region and crops, 1 fits the picture into it
-  double x;             // left edge, 0 to 1 of the canvas width
-  double y;             // upper edge, 0 to 1 of the canvas height
-  double width;         // 0 to 1 of the canvas width
-  double height;        // 0 to 1 of the canvas height
-  double alpha;         // 0 (invisible) to 1: zero is no sensible default here
+  // Shares of the canvas; what lies outside of it is cut off.
+  double x;       // left edge, -2 to 2 canvas widths
+  double y;       // upper edge, -2 to 2 canvas heights
+  double width;   // 0 to 2 canvas widths; less than a pixel isn't shown
+  double height;  // 0 to 2 canvas heights
+  double alpha;   // 0 (invisible) to 1: zero is no sensible default here
 } zelta_region;
 
 typedef struct zelta_layout {
   uint32_t size;            // needed
   uint32_t region_size;     // needed where there are regions: sizeof(zelta_region)
   uint32_t region_count;    // needed; 0: the background alone
-  uint32_t app_data_bytes;  // needed: of `app_data`
+  uint32_t app_data_bytes;  // needed: of `app_data`, at most 1 MiB
   int32_t canvas_width;     // without effect: the picture has the size that mix_resolution says
   int32_t canvas_height;
   const char* background_color;  // "#rrggbb"; null is black
@@ -419,7 +421,8 @@ enum zelta_log {
 };
 
 // Sets what is logged from here on, in all recordings of the process and in this one's recorder.
-// Also before the join and after the leave. `level`: zelta_log, else ZELTA_ERROR_ARGUMENT.
+// Also before the join and after the leave, until the finish. `level`: zelta_log, else
+// ZELTA_ERROR_ARGUMENT.
 ZELTA_C_API int zelta_recording_set_log_level(zelta_recording* recording, int level);
 
 // ---- Events by queue -----------------------------------------------------------------------
@@ -460,9 +463,16 @@ ZELTA_C_API int zelta_event_release(zelta_recording* recording, const zelta_even
 // ZELTA_ERROR_NOT_JOINED, ZELTA_ERROR_LEFT, ZELTA_ERROR_REFUSED.
 ZELTA_C_API int zelta_recording_leave(zelta_recording* recording);
 
-// Leaves, waits for the recorder to complete its files (13 s at most, then it is ended by force)
-// and destroys the recording with all its events, its descriptor and its copies. Calls of it that
-// wait on other threads end. ZELTA_ERROR_HANDLE; ZELTA_ERROR_IN_CALLBACK: nothing was done.
+// Leaves, if that wasn't done, and waits for the recorder to complete its files (13 s at most, then
+// it is ended by force). Unlike a release it takes no event from anybody: those that wait can still
+// be taken, those that were handed out live on. Languages that collect garbage need it, as they
+// can't say when the last one is given back. A second one, or one before a join, does nothing more
+// than to let nothing be joined. ZELTA_ERROR_HANDLE; ZELTA_ERROR_IN_CALLBACK: nothing was done.
+ZELTA_C_API int zelta_recording_finish(zelta_recording* recording);
+
+// Finishes the recording and destroys it with all its events, its descriptor and its copies. Calls
+// of it that wait on other threads end. ZELTA_ERROR_HANDLE; ZELTA_ERROR_IN_CALLBACK: nothing was
+// done.
 ZELTA_C_API int zelta_recording_release(zelta_recording* recording);
 
 #ifdef __cplusplus

@@ -148,6 +148,15 @@ symbols_fit() { # each program's build id is among the debug packages' files
     awk '/Build ID/ { print $3 }')
 }
 
+# The library of the package, and what a compiler makes of the headers, against what the last release had.
+abi_fits() {
+  rm -rf "$work/unpacked"
+  dpkg-deb -x "$(ls "$packages"/libzelta-recording[0-9]*.deb)" "$work/unpacked"
+  g++ -std=c++17 -g -femit-class-debug-always -shared -fPIC -Iinclude -Wl,-soname,libpublic_types.so \
+    tests/abi/public_types.cpp -o "$work/libpublic_types.so"
+  scripts/abi.sh "$(find "$work/unpacked" -type f -name 'libzelta_recording.so.*')" "$work/libpublic_types.so"
+}
+
 # Errors fail; a warning has to stand in packaging/debian/known-tags, with why it is there.
 lintian_says() {
   local said unknown
@@ -257,6 +266,7 @@ printf '%s\n' "$(cd "$packages" && ls -- *.deb *.ddeb)"
 row "lintian: no errors, no warning that isn't known" lintian_says
 row "no RUNPATH" no_search_path
 row "debug packages fit the programs" symbols_fit
+row "symbols and types are the last release's" abi_fits
 row "Debian $suite" make_root
 if image_base >"$work/said" 2>&1; then
   row "an image that records" builds_image recorder

@@ -1,8 +1,12 @@
 // SPDX-License-Identifier: Apache-2.0
 #include "c_interface/configuration.h"
 
+#include <array>
+#include <charconv>
 #include <climits>
 #include <cstddef>
+#include <cstdio>
+#include <cstring>
 
 #include "c_interface/sized_struct.h"
 
@@ -32,6 +36,9 @@ static_assert(int{ZELTA_MIXED_HIGH} == int{recording::MIXED_AV_CODEC_V2});
 static_assert(int{ZELTA_AUDIO_PROFILE_HIGH_STEREO} ==
               int{recording::AUDIO_PROFILE_HIGH_QUALITY_STEREO});
 
+// Of app_data: what the recorder can be sent is 16 MiB, with all that waits.
+constexpr uint32_t kMostAppDataBytes = 1 << 20;
+
 struct number {
   const char* name;
   int32_t value;
@@ -42,6 +49,21 @@ struct number {
 // The engine only reads them.
 char* text(const char* given) {
   return const_cast<char*>(given);
+}
+
+// As the engine reads it.
+bool is_resolution(const char* text) {
+  std::array<int, 4> n{};
+  // NOLINTNEXTLINE(cert-err34-c): what isn't a number is counted out
+  const int read = std::sscanf(text, "%d,%d,%d,%d", &n[0], &n[1], &n[2], &n[3]);
+  return read == 4 && n[0] > 0 && n[1] > 0 && n[2] > 0 && n[3] > 0;
+}
+
+// As the recorder reads it.
+bool is_colour(const char* text) {
+  if (std::strlen(text) != 7 || text[0] != '#') return false;
+  unsigned value = 0;
+  return std::from_chars(text + 1, text + 7, value, 16).ptr == text + 7;
 }
 
 outcome check_numbers(const zelta_config& c) {
@@ -72,7 +94,13 @@ outcome check_numbers(const zelta_config& c) {
                                       ", it should be at least 3, or 0 for 300"};
   }
   if (c.reserved != 0) return out_of_range("reserved", c.reserved, 0, 0);
-  // The engine has the same code for it as for a recorder that isn't there.
+  // The engine has the same code for these as for a recorder that isn't there.
+  if (c.is_mixing_enabled != 0 && c.is_audio_only == 0 && c.mix_resolution != nullptr &&
+      !is_resolution(c.mix_resolution)) {
+    return {ZELTA_ERROR_ARGUMENT, std::string("mix_resolution is \"") + c.mix_resolution +
+                                      "\", it should be four numbers above 0: "
+                                      "\"width,height,fps,kbps\""};
+  }
   if (c.mixed_video_audio != 0 &&
       (c.is_mixing_enabled == 0 || c.is_audio_only != 0 || c.is_video_only != 0)) {
     return {ZELTA_ERROR_CONFIGURATION, "mixed_video_audio is " +
@@ -80,6 +108,32 @@ outcome check_numbers(const zelta_config& c) {
                                            ", it should be 0 unless sound and picture are mixed"};
   }
   return {};
+}
+
+// A share of the canvas; not a number is out of every range.
+outcome check_share(const std::string& name, double value, int least, int most) {
+  if (value >= least && value <= most) return {};
+  return {ZELTA_ERROR_ARGUMENT, name + " is " + std::to_string(value) + ", it should be " +
+                                    std::to_string(least) + " to " + std::to_string(most)};
+}
+
+outcome check_region(const std::string& name, const zelta_region& r) {
+  const struct {
+    const char* member;
+    double value;
+    int least;
+    int most;
+  } shares[] = {{".x", r.x, -2, 2},
+                {".y", r.y, -2, 2},
+                {".width", r.width, 0, 2},
+                {".height", r.height, 0, 2},
+                {".alpha", r.alpha, 0, 1}};
+  for (const auto& share : shares) {
+    outcome checked = check_share(name + share.member, share.value, share.least, share.most);
+    if (checked.failed()) return checked;
+  }
+  if (r.render_mode == 0 || r.render_mode == 1) return {};
+  return out_of_range((name + ".render_mode").c_str(), r.render_mode, 0, 1);
 }
 
 }  // namespace
@@ -125,8 +179,12 @@ outcome read_layout(const zelta_layout* given, VideoMixingLayout& layout,
   if (read.failed()) return read;
   if (l.region_count > 0 && l.regions == nullptr) return is_null("layout.regions");
   if (l.app_data_bytes > 0 && l.app_data == nullptr) return is_null("layout.app_data");
-  if (l.app_data_bytes > INT_MAX) {
-    return out_of_range("layout.app_data_bytes", l.app_data_bytes, 0, INT_MAX);
+  if (l.app_data_bytes > kMostAppDataBytes) {
+    return out_of_range("layout.app_data_bytes", l.app_data_bytes, 0, kMostAppDataBytes);
+  }
+  if (l.background_color != nullptr && !is_colour(l.background_color)) {
+    return {ZELTA_ERROR_ARGUMENT, std::string("layout.background_color is \"") +
+                                      l.background_color + "\", it should be \"#rrggbb\""};
   }
   if (l.region_count > 0) {
     read = check_size("layout.region_size", l.region_size, kRegionNeeds);
@@ -136,7 +194,9 @@ outcome read_layout(const zelta_layout* given, VideoMixingLayout& layout,
   const auto* at = reinterpret_cast<const unsigned char*>(l.regions);
   for (uint32_t i = 0; i < l.region_count; ++i, at += l.region_size) {
     zelta_region r{};
-    read = read_bytes(("region " + std::to_string(i)).c_str(), at, l.region_size, r);
+    const std::string name = "region " + std::to_string(i);
+    read = read_bytes(name.c_str(), at, l.region_size, r);
+    if (!read.failed()) read = check_region(name, r);
     if (read.failed()) return read;
     VideoMixingLayout::Region& to = regions.emplace_back();
     to.uid = r.uid;

@@ -93,7 +93,7 @@ outcome recording_object::join(const char* channel_key, const char* channel_id, 
   if (read.failed()) return read;
 
   const std::unique_lock<std::shared_mutex> whole(engine_lock_);
-  if (!engine_) return {ZELTA_ERROR_HANDLE, {}};
+  if (released_) return {ZELTA_ERROR_HANDLE, {}};
   if (left_) return {ZELTA_ERROR_LEFT, "a recording that was left joins no more: make a new one"};
   if (joined_) return {ZELTA_ERROR_JOINED, "a recording joins once: make a new one"};
   // Before the call, because a callback may ask for something before it has returned.
@@ -121,7 +121,7 @@ std::shared_lock<std::shared_mutex> recording_object::keep_engine() {
 template <class Call>
 outcome recording_object::command(const char* name, Call call) {
   const std::shared_lock<std::shared_mutex> kept = keep_engine();
-  if (!engine_) return {ZELTA_ERROR_HANDLE, {}};
+  if (released_) return {ZELTA_ERROR_HANDLE, {}};
   if (!joined_) return {ZELTA_ERROR_NOT_JOINED, std::string(name) + " before a join"};
   if (left_) return {ZELTA_ERROR_LEFT, std::string(name) + " after the leave"};
   if (call(*engine_) == 0) return {};
@@ -133,8 +133,8 @@ outcome recording_object::command(const char* name, Call call) {
 outcome recording_object::folder(char* buffer, size_t size) {
   if (buffer == nullptr) return is_null("buffer");
   const std::shared_lock<std::shared_mutex> kept = keep_engine();
-  if (!engine_) return {ZELTA_ERROR_HANDLE, {}};
-  const char* const path = engine_->getProperties()->storageDir;
+  if (released_) return {ZELTA_ERROR_HANDLE, {}};
+  const char* const path = engine_ ? engine_->getProperties()->storageDir : folder_.c_str();
   if (!joined_ || path == nullptr) return {ZELTA_ERROR_NOT_JOINED, "there is no folder yet"};
   const size_t bytes = std::strlen(path) + 1;
   if (bytes > size) {
@@ -171,7 +171,8 @@ outcome recording_object::set_log_level(int level) {
     return out_of_range("level", level, ZELTA_LOG_FATAL, ZELTA_LOG_DEBUG);
   }
   const std::shared_lock<std::shared_mutex> kept = keep_engine();
-  if (!engine_) return {ZELTA_ERROR_HANDLE, {}};
+  if (released_) return {ZELTA_ERROR_HANDLE, {}};
+  if (!engine_) return {ZELTA_ERROR_LEFT, "a log level after the finish"};
   engine_->setLogLevel(static_cast<recording::zelta_log_level>(level));
   return {};
 }
@@ -236,7 +237,7 @@ outcome recording_object::leave() {
     return {ZELTA_ERROR_REFUSED, "the log says why"};
   }
   const std::unique_lock<std::shared_mutex> whole(engine_lock_);
-  if (!engine_) return {ZELTA_ERROR_HANDLE, {}};
+  if (released_) return {ZELTA_ERROR_HANDLE, {}};
   if (!joined_) return {ZELTA_ERROR_NOT_JOINED, "a leave before a join"};
   if (thread_ended_) return {ZELTA_ERROR_LEFT, "it was left before"};
   left_ = true;
@@ -249,16 +250,34 @@ outcome recording_object::leave() {
   return {};
 }
 
+outcome recording_object::finish() {
+  if (in_callback()) return {ZELTA_ERROR_IN_CALLBACK, "a finish from inside a callback"};
+  const std::unique_lock<std::shared_mutex> whole(engine_lock_);
+  if (released_) return {ZELTA_ERROR_HANDLE, {}};
+  end_engine_locked();
+  return {};
+}
+
 outcome recording_object::release() {
   if (in_callback()) return {ZELTA_ERROR_IN_CALLBACK, "a release from inside a callback"};
   store_.abandon();
   const std::unique_lock<std::shared_mutex> whole(engine_lock_);
-  if (!engine_) return {ZELTA_ERROR_HANDLE, {}};
+  if (released_) return {ZELTA_ERROR_HANDLE, {}};
+  end_engine_locked();
+  released_ = true;
+  return {};
+}
+
+void recording_object::end_engine_locked() {
+  if (!engine_) return;
+  const char* const path = engine_->getProperties()->storageDir;
+  if (joined_ && path != nullptr) folder_ = path;
   left_ = true;
   // Before the pointer is cleared, because callbacks that still run may use it.
   engine_->leaveChannel();
+  thread_ended_ = true;
+  store_.close();
   engine_.reset();
-  return {};
 }
 
 // ---- Details -------------------------------------------------------------------------------

@@ -39,6 +39,7 @@ class recording_object final : private event_sink {
   outcome stop_service();
   outcome set_log_level(int level);
   outcome leave();
+  outcome finish();
   outcome release();
 
   outcome event_fd(int* fd) const;
@@ -59,6 +60,7 @@ class recording_object final : private event_sink {
   outcome make_engine();
   void take(const zelta_event& event) override;
   std::shared_lock<std::shared_mutex> keep_engine();
+  void end_engine_locked();
   template <class Call>
   outcome command(const char* name, Call call);
 
@@ -76,7 +78,10 @@ class recording_object final : private event_sink {
   // engine outlives its thread.
   std::shared_mutex engine_lock_;
   bool thread_ended_ = false;
+  bool released_ = false;
+  // Null from a finish or release on.
   std::unique_ptr<recording::IRecordingEngine, engine_release> engine_;
+  std::string folder_;  // once there is no engine to ask
   // The event that is being lent, on the engine's thread.
   const zelta_event* lent_ = nullptr;
   std::mutex detail_lock_;

@@ -222,6 +222,10 @@ int zelta_recording_leave(zelta_recording* recording) {
   return with_recording(recording, [](auto& of) { return of.leave(); });
 }
 
+int zelta_recording_finish(zelta_recording* recording) {
+  return with_recording(recording, [](auto& of) { return of.finish(); });
+}
+
 int zelta_recording_release(zelta_recording* recording) {
   return with_recording(recording, [&](auto& of) -> outcome {
     // Found until then, by callbacks that the release waits for.

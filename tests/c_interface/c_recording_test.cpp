@@ -11,6 +11,7 @@
 #include <poll.h>
 
 #include "support/c_recording.h"
+#include "support/read_json.h"
 
 namespace zelta::test {
 namespace {
@@ -139,6 +140,32 @@ TEST_F(GeneratedChannelTest, ComesByCallbackAndCopiesOutliveIt) {
     EXPECT_TRUE(bytes_of(*copy) == bytes);
     EXPECT_EQ(zelta_event_release(recording.get(), copy), ZELTA_OK);
   }
+}
+
+TEST_F(GeneratedChannelTest, AFinishCompletesTheFilesAndTakesNothingFromAnybody) {
+  config.decode_audio = ZELTA_DECODE_AUDIO_FILES;
+  const CRecording recording = made();
+  join(recording);
+  const zelta_event* kept = nullptr;
+  for (int kind = 0; kind != ZELTA_EVENT_VIDEO_FRAME; kind = kept->kind) {
+    ASSERT_EQ(zelta_next_event(recording.get(), 20'000, &kept), ZELTA_OK);
+  }
+  const std::string bytes(reinterpret_cast<const char*>(kept->as.video.data),
+                          kept->as.video.data_bytes);
+  const std::string folder = folder_of(recording);
+  EXPECT_EQ(zelta_recording_finish(recording.get()), ZELTA_OK);
+  EXPECT_EQ(read_json(folder + "recording.json")["sessions"][0]["ended"], "application left");
+  EXPECT_EQ(zelta_recording_finish(recording.get()), ZELTA_OK) << "a second one";
+  EXPECT_EQ(folder_of(recording), folder);
+
+  const zelta_event* event = nullptr;
+  int code = ZELTA_OK;
+  while (code == ZELTA_OK) code = zelta_next_event(recording.get(), -1, &event);
+  EXPECT_EQ(code, ZELTA_END);
+  EXPECT_EQ(bytes.compare(0, bytes.size(), reinterpret_cast<const char*>(kept->as.video.data),
+                          kept->as.video.data_bytes),
+            0);
+  EXPECT_EQ(zelta_event_release(recording.get(), kept), ZELTA_OK);
 }
 
 class RetryTest : public CInterfaceTest {};

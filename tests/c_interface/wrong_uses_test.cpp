@@ -2,6 +2,7 @@
 // What wrong uses of the C interface get, and structs of older and newer headers.
 #include <array>
 #include <atomic>
+#include <cmath>
 #include <cstring>
 #include <future>
 #include <thread>
@@ -29,6 +30,8 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
   join(joined, "join await:1");
   join(left, "join await:1");
   ASSERT_EQ(zelta_recording_leave(left.get()), ZELTA_OK);
+  const CRecording finished = made();
+  ASSERT_EQ(zelta_recording_finish(finished.get()), ZELTA_OK);
   zelta_recording* const gone = made().release();
   ASSERT_EQ(zelta_recording_release(gone), ZELTA_OK);
 
@@ -56,6 +59,16 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
     zelta_layout changed = layout;
     change(changed);
     return zelta_recording_set_layout(joined.get(), &changed);
+  };
+  const auto shows = [&lays](auto change) {
+    return lays([&change](auto& l) {
+      static zelta_region region;
+      region = {1, 0, 0, 0, 1, 1, 1};
+      change(region);
+      l.region_count = 1;
+      l.region_size = sizeof region;
+      l.regions = &region;
+    });
   };
   zelta_recording* const j = joined.get();
   const struct {
@@ -110,6 +123,13 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
        [&] { return joins([](auto& c) { c.reserved = 1; }); }},
       {ZELTA_ERROR_CONFIGURATION, fresh.get(), "mixed_video_audio is 1, it should be 0 unless",
        [&] { return joins([](auto& c) { c.mixed_video_audio = 1; }); }},
+      {ZELTA_ERROR_ARGUMENT, fresh.get(), "mix_resolution is \"640x360\", it should be four",
+       [&] {
+         return joins([](auto& c) {
+           c.is_mixing_enabled = 1;
+           c.mix_resolution = "640x360";
+         });
+       }},
       {ZELTA_ERROR_CONFIGURATION, fresh.get(), "refused",
        [&] { return joins([](auto& c) { c.is_audio_only = c.is_video_only = 1; }); }},
       {ZELTA_ERROR_REFUSED, fresh.get(), "refused",
@@ -141,13 +161,25 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
            l.regions = &region;
          });
        }},
-      {ZELTA_ERROR_ARGUMENT, j, "layout.app_data_bytes is 4294967295",
+      {ZELTA_ERROR_ARGUMENT, j, "layout.app_data_bytes is 1048577, it should be 0 to 1048576",
        [&] {
          return lays([](auto& l) {
-           l.app_data_bytes = UINT32_MAX;
+           l.app_data_bytes = (1 << 20) + 1;
            l.app_data = &l;
          });
        }},
+      {ZELTA_ERROR_ARGUMENT, j, "background_color is \"#12345g\", it should be \"#rrggbb\"",
+       [&] { return lays([](auto& l) { l.background_color = "#12345g"; }); }},
+      {ZELTA_ERROR_ARGUMENT, j, "region 0.x is nan, it should be -2 to 2",
+       [&] { return shows([](auto& r) { r.x = std::nan(""); }); }},
+      {ZELTA_ERROR_ARGUMENT, j, "region 0.height is 2.5",
+       [&] { return shows([](auto& r) { r.height = 2.5; }); }},
+      {ZELTA_ERROR_ARGUMENT, j, "region 0.width is -0.1",
+       [&] { return shows([](auto& r) { r.width = -0.1; }); }},
+      {ZELTA_ERROR_ARGUMENT, j, "region 0.alpha is 1.500000, it should be 0 to 1",
+       [&] { return shows([](auto& r) { r.alpha = 1.5; }); }},
+      {ZELTA_ERROR_ARGUMENT, j, "region 0.render_mode is 2, it should be 0 to 1",
+       [&] { return shows([](auto& r) { r.render_mode = 2; }); }},
 
       {ZELTA_ERROR_ARGUMENT, j, "event is null", [&] { return zelta_next_event(j, 0, nullptr); }},
       {ZELTA_ERROR_ARGUMENT, j, "timeout_ms is -2",
@@ -166,6 +198,18 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
       {ZELTA_ERROR_LEFT, left.get(), "joins no more", [&] { return join_of(left.get(), "room"); }},
       {ZELTA_ERROR_LEFT, left.get(), "after the leave",
        [&] { return zelta_recording_set_user_background(left.get(), 1, nullptr); }},
+
+      {ZELTA_ERROR_HANDLE, nullptr, "released", [&] { return zelta_recording_finish(gone); }},
+      {ZELTA_ERROR_LEFT, finished.get(), "joins no more",
+       [&] { return join_of(finished.get(), "room"); }},
+      {ZELTA_ERROR_LEFT, finished.get(), "after the finish",
+       [&] { return zelta_recording_set_log_level(finished.get(), ZELTA_LOG_INFO); }},
+      {ZELTA_ERROR_NOT_JOINED, finished.get(), "before",
+       [&] { return zelta_recording_start_service(finished.get()); }},
+      {ZELTA_ERROR_NOT_JOINED, finished.get(), "before",
+       [&] { return zelta_recording_leave(finished.get()); }},
+      {ZELTA_ERROR_NOT_JOINED, finished.get(), "no folder",
+       [&] { return zelta_recording_folder(finished.get(), text, sizeof text); }},
   };
   int number = 0;
   for (const auto& row : rows) {
@@ -181,20 +225,21 @@ TEST_F(WrongUsesTest, GetACodeAndADetail) {
 }
 
 TEST_F(WrongUsesTest, InsideACallbackGetCodes) {
-  std::promise<std::array<int, 6>> codes;
+  std::promise<std::array<int, 7>> codes;
   int events = 0;
   OnEvent on_event = [&](zelta_recording* r, const zelta_event& e) {
     if (++events > 1) return;
     codes.set_value({zelta_recording_join(r, nullptr, "room", 0, nullptr),
-                     zelta_recording_release(r), zelta_event_release(r, &e),
-                     zelta_recording_set_user_background(r, 1, nullptr), zelta_recording_leave(r),
-                     zelta_recording_leave(r)});
+                     zelta_recording_finish(r), zelta_recording_release(r),
+                     zelta_event_release(r, &e), zelta_recording_set_user_background(r, 1, nullptr),
+                     zelta_recording_leave(r), zelta_recording_leave(r)});
   };
   const CRecording recording = made(options(&on_event));
   join(recording, "join user:5 user:6 await:1");
-  EXPECT_EQ(codes.get_future().get(),
-            (std::array<int, 6>{ZELTA_ERROR_IN_CALLBACK, ZELTA_ERROR_IN_CALLBACK,
-                                ZELTA_ERROR_UNKNOWN_EVENT, ZELTA_OK, ZELTA_OK, ZELTA_ERROR_LEFT}));
+  EXPECT_EQ(
+      codes.get_future().get(),
+      (std::array<int, 7>{ZELTA_ERROR_IN_CALLBACK, ZELTA_ERROR_IN_CALLBACK, ZELTA_ERROR_IN_CALLBACK,
+                          ZELTA_ERROR_UNKNOWN_EVENT, ZELTA_OK, ZELTA_OK, ZELTA_ERROR_LEFT}));
   EXPECT_EQ(zelta_recording_leave(recording.get()), ZELTA_OK) << "waits for the one of above";
   EXPECT_EQ(events, 1) << "none came after it had left";
   EXPECT_EQ(zelta_recording_leave(recording.get()), ZELTA_ERROR_LEFT);
@@ -354,7 +399,7 @@ TEST(Structs, EachMemberReachesItsOwn) {
   c.audio_indication_interval = 50;
   c.channel_profile = 1;
   c.stream_type = 1;
-  const char* const names[] = {"a", "b", "c", "d", "e", "f", "g", "h", "i"};
+  const char* const names[] = {"1,2,3,4", "b", "c", "d", "e", "f", "g", "h", "i"};
   std::memcpy(&c.mix_resolution, names, sizeof names);
   recording::RecordingConfig r;
   ASSERT_EQ(c_interface::read_config(&c, r).code, ZELTA_OK);
@@ -370,7 +415,7 @@ TEST(Structs, EachMemberReachesItsOwn) {
         r.cfgFilePath, r.proxyServer, r.defaultVideoBg, r.defaultUserBg}) {
     texts += text;
   }
-  EXPECT_EQ(texts, "abcdefghi");
+  EXPECT_EQ(texts, "1,2,3,4bcdefghi");
   c.is_video_only = 1;
   c.mixed_video_audio = 0;
   ASSERT_EQ(c_interface::read_config(&c, r).code, ZELTA_OK);
