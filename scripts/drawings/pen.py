@@ -55,6 +55,8 @@ class Drawing:
         """The y below it."""
         count = len(lines) + (title is not None)
         tall = h or count * LINE + 12
+        if x + w > WIDTH - 4 or y + tall > self.height - 4:
+            raise ValueError(f"{self.title}: no room for the box \"{title}\"")
         self.parts.append(f'<rect class="{kind}" x="{x:g}" y="{y:g}" width="{w:g}" height="{tall:g}" rx="5"/>')
         row = y + tall / 2 - count * LINE / 2 + 12
         for at, text in enumerate(([title] if title is not None else []) + list(lines)):

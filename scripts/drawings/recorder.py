@@ -59,13 +59,13 @@ def session():
     y = d.box(152, y + 14, 240, "onWarning(108)", "the recorder had died and was", "started again: 3 times at most", kind="warn")
     y = d.box(152, y + 8, 240, "onError(2, 1)", "something of one user's can't be", "recorded; the others' is", kind="warn")
     d.box(8, 300, 132, "commands", "layout, background,", "start, stop", kind="ours")
-    y = d.box(152, y + 14, 240, "onLeaveChannel(bits)", "2 a signal · 4 nobody was there", "8 no disk; files are complete", kind="bad")
+    y = d.box(152, y + 14, 240, "onLeaveChannel(bits)", "2 a signal, 4 nobody was there:", "files are complete. 8: no disk", kind="bad")
     y = d.box(152, y + 8, 240, "onError(1, …), onError(3, …)", "couldn't join or go on;", "the recorder is gone for good", kind="bad")
     d.box(8, 512, 132, "leaveChannel()", "no callback after it", kind="ours")
     d.arrow((152, y - 28), (146, y - 28), (146, 534), (140, 534))
-    d.line((152, 478), (146, 478), (146, 520))
+    d.line((152, 510), (146, 510), (146, 534))
     d.box(8, 572, 132, "release()", "files are complete", kind="ours")
-    d.text(152, 626, "who calls leaveChannel first, is told", "note")
+    d.text(152, 626, "who calls leaveChannel first is told", "note")
     d.text(152, 642, "nothing more: no onLeaveChannel comes", "note")
     return d
 
@@ -99,7 +99,7 @@ def rooms():
 def packet():
     d = Drawing("A packet's way from the socket to the file",
                 "The kernel stamps a packet; the packet thread orders it and makes units; the loop gives units to "
-                "a user's consumers; the file writer's thread writes fragments of a fifth of a second.", 650)
+                "a user's consumers; the file writer's thread writes fragments of a fifth of a second.", 682)
     d.band(8, 62, "kernel")
     d.box(150, 16, 238, "socket", "room for seconds; a stamp each", kind="box")
     d.band(76, 206, "packet thread")
@@ -126,7 +126,7 @@ def packet():
     d.band(x + 12, 52, "file writer's thread")
     d.box(150, x + 20, 238, "writes all media files", kind="ours")
     d.arrow((269, x), (269, x + 20))
-    d.box(150, x + 78, 238, "UID_….mp4", "in fragments of 0.2 s: all that a", "recorder's death costs", kind="good")
+    d.box(150, x + 78, 238, "UID_….mp4", "in fragments of 0.2 s: a killed", "recorder loses the last one", kind="good")
     d.arrow((269, x + 48), (269, x + 78))
     return d
 
@@ -134,7 +134,7 @@ def packet():
 def folder():
     d = Drawing("A recording's folder",
                 "The files of a recording folder, what each is for, and how the manifest lays them on one clock.", 520)
-    d.frame(10, 10, 380, 336, "recordings/20260131/meeting_120000_123/")
+    d.frame(10, 10, 380, 336, "recordings/20260131/meeting_120000_123456789/")
     rows = [("good", "1_20260131T120000123.mp4", "user 1: picture and sound"),
             ("good", "1_20260131T120002500.mp4", "user 1 goes on: a larger picture"),
             ("good", "2_20260131T120001000.mp4", "user 2, who came a second later"),
@@ -171,7 +171,7 @@ def overload():
                 "pictures, pictures for the application, users who came last; and the way back.", 600)
     d.text(12, 26, "Once a second: how late are packets, loop, disk?", "title")
     y = d.box(12, 38, 376, "tight", "packets 0.5 s late, disk 2 s, under 128 MiB of memory left", kind="warn")
-    x = d.box(60, y + 20, 280, "1  nobody else is let in", "those who wait are told after 10 s", kind="box")
+    x = d.box(60, y + 20, 280, "1  nobody else is let in", "who still waits is told after 10 s", kind="box")
     d.arrow((200, y), (200, y + 20))
     z = d.box(12, x + 20, 376, "too much", "packets 1 s late and no better, or lost while 0.5 s late,", "or under 48 MiB of memory left", kind="bad")
     d.arrow((200, x), (200, x + 20))
