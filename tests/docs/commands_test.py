@@ -107,14 +107,20 @@ class Page:
             self.watch(step, command, terminal, begin, goes_on)
 
     def watch(self, step, command, terminal, begin, goes_on):
-        wanted = [(one, pattern_of(self.stand_ins.put_in(one)))
-                  for one in command.expected if one.strip() not in ("", "…")]
+        # What says most first, so that a line that says less leaves it what it wants.
+        wanted = sorted(((one, pattern_of(self.stand_ins.put_in(one)))
+                         for one in command.expected if one.strip() not in ("", "…")),
+                        key=lambda one: -len(one[0]))
 
         def missing(lines):
-            left = list(wanted)
-            for line in lines[begin:]:
-                if left and left[0][1].fullmatch(line.strip()):
-                    left.pop(0)
+            """Each wants a line of its own; users, and so their lines, come in any order."""
+            came, left = [line.strip() for line in lines[begin:]], []
+            for one in wanted:
+                at = next((at for at, line in enumerate(came) if one[1].fullmatch(line)), None)
+                if at is None:
+                    left.append(one)
+                else:
+                    del came[at]
             return left
 
         def status(lines):
@@ -217,7 +223,8 @@ class Blocks(unittest.TestCase):
             ("```sh\nzelta-record --no-such-option\n```", "ends with 2"),
             ("```console\n$ echo a; echo 'b  c'\na\nb c\n```", ""),
             ("```console\n$ echo a 17 b\na … b\n```", ""),
-            ("```console\n$ echo b; echo a\na\nb\n```", "doesn't print \"b\""),
+            ("```console\n$ echo b a 1; echo b 2\nb …\nb a …\n```", ""),
+            ("```console\n$ echo a\na\na\n```", "doesn't print \"a\""),
             ("```console\n$ echo ab\na\n```", "doesn't print \"a\""),
             ("<!-- status: 3 -->\n```sh\ntrue\n```", "ends with 0"),
             ("<!-- terminal: one -->\n```console\n$ echo a; exit 1\nb\n```", "doesn't print \"b\""),
