@@ -108,5 +108,6 @@ def steps_of(text):
 
 def pattern_of(expected):
     """Of an expected line: … is anything, and how many spaces there are doesn't matter."""
-    parts = [r"\s+".join(map(re.escape, part.split(" "))) for part in expected.strip().split("…")]
+    parts = [r"\s+".join(map(re.escape, re.split(" +", part)))
+             for part in expected.strip().split("…")]
     return re.compile(".*".join(parts))
