@@ -7,7 +7,7 @@
 # with; with "mutate" what scripts/mutate.sh builds with; with "lint" what CI's checks need too; with
 # "crowd" what scripts/check-crowd.sh encrypts with; with "deliver" what scripts/check-deliver.sh runs
 # and cuts; with "fleet" what scripts/check-fleet.sh does; with "package" what scripts/check-packages.sh does,
-# and with "image" what it makes images with, too.
+# with "image" what it makes images with, too; and with "docs" what scripts/docs.sh makes the site with.
 #
 # "test" brings nginx, an SSH server and a NATS server, which Debian starts where systemd runs: they
 # listen on ports 80, 22 and 4222 until `systemctl disable --now nginx ssh nats-server`. The tests start
@@ -26,7 +26,7 @@ packages=(
 )
 for want in "$@"; do
   case "$want" in
-    test) packages+=(openjdk-17-jdk-headless abigail-tools dpkg-dev libgtest-dev python3-jsonschema procps nginx-light openssh-server age nats-server openssl fish zsh) ;;
+    test) packages+=(openjdk-17-jdk-headless abigail-tools dpkg-dev libgtest-dev python3-jsonschema procps nginx-light openssh-server age nats-server openssl fish zsh curl) ;;
     browser) packages+=(chromium-headless-shell python3-websocket nftables iproute2 janus) ;;
     sound) packages+=(pulseaudio pulseaudio-utils) ;;
     deliver)
@@ -39,8 +39,9 @@ for want in "$@"; do
     mutate) packages+=(ccache lld util-linux) ;;
     package) packages+=(openjdk-17-jdk-headless abigail-tools dpkg-dev lintian debootstrap util-linux) ;;
     image) packages+=(podman buildah runc) ;;
+    docs) packages+=(mkdocs mkdocs-material doxygen) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14) ;;
-    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, fleet, bench, fuzz, mutate, package, image or lint" >&2; exit 2 ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, fleet, bench, fuzz, mutate, package, image, docs or lint" >&2; exit 2 ;;
   esac
 done
 

@@ -6,7 +6,7 @@ namespace zelta::view {
 
 enum exit_status : int {
   kDone = 0,         // served until a signal came, or the page is written
-  kNoRecording = 1,  // the folder holds none that can be read
+  kNoRecording = 1,  // the folder holds no recording that can be read
   kUsage = 2,        // refused before anything was started
   kCantServe =
       3,  // the address can't be listened at, or the page not be written, or GStreamer not be used

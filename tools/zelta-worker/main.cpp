@@ -28,7 +28,7 @@ namespace {
 enum exit_status : int {
   kDrained = 0,   // all that it had is over, or handed over
   kNoBroker = 1,  // NATS couldn't be reached, or used
-  kBadUsage = 2,  // of the command line or the settings
+  kBadUsage = 2,  // the command line or the settings can't be used
 };
 
 constexpr const char* kAbout =
