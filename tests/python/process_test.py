@@ -1,0 +1,135 @@
+# SPDX-License-Identifier: Apache-2.0
+"""Whole processes: Ctrl-C, an end with everything alive, forks, recordings that nobody closed."""
+
+import signal
+import time
+import unittest
+
+from support import PATIENCE_S, Fixture, files
+
+BEGIN = """
+import os, sys, threading
+from zelta_recording import *
+recording = Recording("test")
+recording.join("meeting", cfg_file_path="server.json", record_file_root_dir=".",
+               decode_audio=DecodeAudio.PCM_FRAMES)
+"""
+KEEP = """
+kept = []
+for event in recording:
+    if isinstance(event, AudioFrame):
+        kept.append((event, event.samples))
+    if len(kept) == 20:
+        break
+"""
+
+
+class Processes(Fixture, unittest.TestCase):
+    def setUp(self):
+        super().setUp()
+        self.settings()
+
+    def ends(self, child, status=0):
+        output, errors = child.communicate(timeout=PATIENCE_S)
+        self.assertEqual(child.returncode, status, errors)
+        for said in ("Traceback", "Fatal Python error", "Exception ignored"):
+            self.assertNotIn(said, errors)
+        return output, errors
+
+    def test_ctrl_c_interrupts_a_loop_that_waits(self):
+        for title, wait in [("for", "for event in recording: pass"),
+                            ("next_event", "recording.next_event()")]:
+            with self.subTest(title):
+                self.settings("test:users=0")
+                child = self.child(BEGIN + f"""
+for event in recording:
+    if isinstance(event, Joined): break
+while recording.next_event(0.2): pass
+print("waiting", flush=True)
+import time
+try:
+    {wait}
+except KeyboardInterrupt:
+    print(time.monotonic(), flush=True)
+recording.close()
+""")
+                self.assertEqual(child.stdout.readline(), "waiting\n")
+                # In poll() by then: its state is that of who sleeps, and time of a processor is none.
+                used = self.processor_time(child)
+                time.sleep(0.3)
+                self.assertLessEqual(self.processor_time(child) - used, 2)
+                sent = time.monotonic()
+                child.send_signal(signal.SIGINT)
+                output, _ = self.ends(child)
+                self.assertLess(float(output) - sent, 0.3)
+
+    def processor_time(self, child):
+        """In ticks, of all its threads."""
+        with open(f"/proc/{child.pid}/stat", encoding="ascii") as stat:
+            fields = stat.read().rsplit(")", 1)[1].split()
+        return int(fields[11]) + int(fields[12])
+
+    def test_ctrl_c_in_a_with_completes_the_files(self):
+        child = self.child("""
+from zelta_recording import *
+with Recording("test") as recording:
+    recording.join("meeting", cfg_file_path="server.json", record_file_root_dir=".")
+    for event in recording:
+        if isinstance(event, FirstVideo): print("now", flush=True)
+""")
+        child.stdout.readline()
+        child.send_signal(signal.SIGINT)
+        _, errors = child.communicate(timeout=PATIENCE_S)
+        self.assertIn("KeyboardInterrupt", errors)
+        self.assert_complete()
+
+    def test_an_end_with_everything_alive_completes_the_files(self):
+        for title, end in [
+            ("returned", ""),
+            ("exit", "sys.exit(0)"),
+            ("a thread that waits", "threading.Thread(target=list, args=(recording,), daemon=True).start()"),
+            ("a cycle", "kept.append((recording, kept)); del recording"),
+        ]:
+            with self.subTest(title):
+                self.settings()
+                self.ends(self.child(BEGIN + KEEP + end))
+                self.assert_complete()
+
+    def test_who_forgets_to_close_is_told_and_has_the_files(self):
+        output, errors = self.child(BEGIN + KEEP + """
+del recording
+print(sum(int(abs(samples).max()) >= 0 for _, samples in kept))
+""").communicate(timeout=PATIENCE_S)
+        self.assertEqual(output, "20\n")
+        self.assertIn("ResourceWarning: <Recording, joined> was not closed", errors)
+        self.assert_complete()
+
+    def test_a_forked_child_has_no_recording_and_hurts_none(self):
+        output, _ = self.ends(self.child(BEGIN + KEEP + """
+sys.stdout.flush()
+child = os.fork()
+if child == 0:
+    try:
+        recording.next_event()
+    except ClosedError:
+        print("none", flush=True)
+    recording.close()
+    sys.exit(0)
+os.waitpid(child, 0)
+for event in recording:
+    if isinstance(event, AudioFrame): break
+print("goes on", all((event.samples == samples).all() for event, samples in kept))
+recording.close()
+"""))
+        self.assertEqual(output, "none\ngoes on True\n")
+        self.assert_complete()
+
+    def assert_complete(self):
+        recorded = files(self.folder, "**/*.mp4") + files(self.folder, "**/*.webm")
+        self.assertTrue(recorded)
+        for file in recorded:
+            self.assertIn(b"moov", file.read_bytes())
+
+
+if __name__ == "__main__":
+    unittest.main()
