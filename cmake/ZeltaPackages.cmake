@@ -254,6 +254,8 @@ if(ZELTA_BUILD_PYTHON)
     list(APPEND python_scripts "${made}/python/${script}")
   endforeach()
   set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA "${python_scripts}")
+  # A module has no soname that others could depend on.
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_GENERATE_SHLIBS OFF)
   set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
   set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.11), python3-numpy, python3-cffi-backend")
   set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS zelta-recorder)

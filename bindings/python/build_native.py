@@ -70,7 +70,9 @@ def native_module() -> cffi.FFI:
 def main() -> None:
     header, output = map(pathlib.Path, sys.argv[1:])
     ffi = make_ffi(header)
-    ffi.set_source(MODULE, SOURCE)
+    ffi.set_source(MODULE, SOURCE, compiler_verbose=0)
+    # One that is as it was would be left alone, and be older than the header for ever.
+    output.unlink(missing_ok=True)
     ffi.emit_c_code(str(output))
 
 

@@ -48,8 +48,7 @@ class Asyncio(Fixture, unittest.IsolatedAsyncioTestCase):
         before = descriptors()
         for _ in range(3):
             task = asyncio.create_task(anext(recording))
-            await asyncio.sleep(0.02)
-            self.assertGreater(len(descriptors()), len(before))
+            await self.waits(before, 1)
             task.cancel()
             with self.assertRaises(asyncio.CancelledError):
                 await task
@@ -66,8 +65,9 @@ class Asyncio(Fixture, unittest.IsolatedAsyncioTestCase):
 
         async def take():
             return [event async for event in recording]
+        before = descriptors()
         tasks = [asyncio.create_task(take()) for _ in range(3)]
-        await asyncio.sleep(0.02)
+        await self.waits(before, 3)
         await asyncio.to_thread(recording.close)
         self.assertEqual(await asyncio.wait_for(asyncio.gather(*tasks), PATIENCE_S), [[], [], []])
 
@@ -81,6 +81,13 @@ class Asyncio(Fixture, unittest.IsolatedAsyncioTestCase):
     async def test_loop_raises_what_ended_the_session(self):
         with self.assertRaises(SessionError):
             await asyncio.wait_for(self.all(self.joined("nonsense:")), PATIENCE_S)
+
+    async def waits(self, before, tasks):
+        """Until so many tasks wait, each of which has a descriptor for that."""
+        async def look():
+            while len(descriptors() - before) < tasks:
+                await asyncio.sleep(0)
+        await asyncio.wait_for(look(), PATIENCE_S)
 
     async def all(self, recording):
         return [event async for event in recording]

@@ -45,16 +45,17 @@ class Processes(Fixture, unittest.TestCase):
 for event in recording:
     if isinstance(event, Joined): break
 while recording.next_event(0.2): pass
-print("waiting", flush=True)
 import time
 try:
+    print("waiting", flush=True)
     {wait}
 except KeyboardInterrupt:
     print(time.monotonic(), flush=True)
 recording.close()
 """)
                 self.assertEqual(child.stdout.readline(), "waiting\n")
-                # In poll() by then: its state is that of who sleeps, and time of a processor is none.
+                self.until_asleep(child)
+                # Of who waits a stretch of time is none of a processor's.
                 used = self.processor_time(child)
                 time.sleep(0.3)
                 self.assertLessEqual(self.processor_time(child) - used, 2)
@@ -63,11 +64,19 @@ recording.close()
                 output, _ = self.ends(child)
                 self.assertLess(float(output) - sent, 0.3)
 
+    def stat(self, child):
+        with open(f"/proc/{child.pid}/stat", encoding="ascii") as stat:
+            return stat.read().rsplit(")", 1)[1].split()
+
     def processor_time(self, child):
         """In ticks, of all its threads."""
-        with open(f"/proc/{child.pid}/stat", encoding="ascii") as stat:
-            fields = stat.read().rsplit(")", 1)[1].split()
-        return int(fields[11]) + int(fields[12])
+        return sum(map(int, self.stat(child)[11:13]))
+
+    def until_asleep(self, child):
+        deadline = time.monotonic() + PATIENCE_S
+        while self.stat(child)[0] != "S":
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.01)
 
     def test_ctrl_c_in_a_with_completes_the_files(self):
         child = self.child("""

@@ -117,6 +117,11 @@ class Sessions(Fixture, unittest.TestCase):
         for layout in ([Region(1, width=0.5), Region(2, x=0.5, width=0.5, alpha=0.5, fit=True)],
                        Layout((Region(uid) for uid in (1, 2)), "#102030", b"\0as it is"), Layout(), []):
             recording.set_layout(layout)
+        for layout, detail in [([Region(1), Region(2, x=3.0)], "region 1.x is 3"),
+                               (Layout(background_color="blue"), "background_color")]:
+            with self.subTest(detail), self.assertRaises(ArgumentError) as raised:
+                recording.set_layout(layout)
+            self.assertIn(detail, raised.exception.detail)
         recording.set_user_background(1, None)
         recording.set_log_level(LogLevel.INFO)
         recording.close()
@@ -157,7 +162,7 @@ class WrongUses(Fixture, unittest.TestCase):
             (lambda: recording.set_layout([]), NotJoinedError, "a layout before a join"),
             (lambda: recording.set_layout(Layout(background_color="a\0b")), ArgumentError,
              "layout.background_color has a null"),
-            (lambda: recording.set_layout([Region(-1)]), ArgumentError, "layout.regions[0].uid is -1"),
+            (lambda: recording.set_layout([Region(-1)]), ArgumentError, "region 0.uid is -1"),
             (lambda: recording.set_user_background(1, "x.png"), NotJoinedError, "a background before"),
             (lambda: recording.start_service(), NotJoinedError, "a start before a join"),
             (lambda: recording.set_log_level(9), ArgumentError, "level is 9"),

@@ -83,14 +83,14 @@ def config_struct(config: Config) -> tuple[Any, list[Any]]:
 
 @dataclasses.dataclass(frozen=True, slots=True)
 class Region:
-    """Where a user stands on the mixed picture; all but uid and fit are shares of it, 0 to 1."""
+    """Where a user stands on the mixed picture, in shares of it; what lies outside is cut off."""
 
     uid: int
-    x: float = 0.0  # left edge
-    y: float = 0.0  # upper edge
-    width: float = 1.0
-    height: float = 1.0
-    alpha: float = 1.0  # 0 is invisible
+    x: float = 0.0  # left edge, -2 to 2
+    y: float = 0.0  # upper edge, -2 to 2
+    width: float = 1.0  # 0 to 2
+    height: float = 1.0  # 0 to 2
+    alpha: float = 1.0  # 0 (invisible) to 1
     fit: bool = False  # True: all of the picture is in the region; False: it fills it, and is cropped
 
 
@@ -108,7 +108,7 @@ def layout_struct(layout: Layout) -> tuple[Any, list[Any]]:
     given = tuple(layout.regions)
     regions = ffi.new("zelta_region[]", len(given))
     for i, (region, struct) in enumerate(zip(given, regions)):
-        place = f"layout.regions[{i}]"
+        place = f"region {i}"
         for name in ("uid", "x", "y", "width", "height", "alpha"):
             set_number(struct, place, name, getattr(region, name))
         struct.render_mode = int(region.fit)
