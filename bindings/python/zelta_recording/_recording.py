@@ -17,7 +17,7 @@ import select
 import time
 import warnings
 import weakref
-from collections.abc import AsyncIterator, Iterable, Iterator
+from collections.abc import AsyncIterator, Callable, Iterable, Iterator
 from types import TracebackType
 from typing import Any, Union
 
@@ -50,7 +50,9 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
     def __init__(self, app_id: str, *, queue_bytes: int = 0) -> None:
         """`queue_bytes`: what frames may hold that wait or are still referred to; those beyond it are
         dropped, and told as Dropped. 0: 64 MiB. Nothing is started yet."""
-        self._handle: Any = None
+        # The handle, and what gives an event of it back. Both go with the close, and whoever is in the
+        # middle of something then has taken both before.
+        self._lender: tuple[Any, Callable[[Any], object]] | None = None
         name = c_string("app_id", app_id)
         options = ffi.new("zelta_options *", {
             "size": ffi.sizeof("zelta_options"), "delivery": lib.ZELTA_DELIVERY_QUEUE, "app_id": name})
@@ -60,10 +62,9 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
             raise wrong_argument(f"queue_bytes is {queue_bytes}, it should be 0 or more") from None
         made = ffi.new("zelta_recording **")
         check(lib.zelta_recording_create(options, made))
-        self._handle = ffi.gc(made[0], lib.zelta_recording_release)
-        self._give_back: Any = functools.partial(lib.zelta_event_release, self._handle)
+        handle = ffi.gc(made[0], lib.zelta_recording_release)
         descriptor = ffi.new("int *")
-        check(lib.zelta_event_fd(self._handle, descriptor), self._handle)
+        check(lib.zelta_event_fd(handle, descriptor), handle)
         self._fd: int = descriptor[0]
         self._folder: pathlib.Path | None = None
         self._joined = False
@@ -71,17 +72,18 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
         self._failure: ErrorEvent | None = None
         self._ended = False
         self._taken = 0
+        self._lender = handle, functools.partial(lib.zelta_event_release, handle)
         _open.add(self)
 
     def __repr__(self) -> str:
-        state = "closed" if self._handle is None else "joined" if self._joined else "not joined"
+        state = "closed" if self._lender is None else "joined" if self._joined else "not joined"
         return f"<Recording, {state}>"
 
-    def _lent_handle(self) -> Any:
-        handle = self._handle
-        if handle is None:
+    def _handle(self) -> Any:
+        lender = self._lender
+        if lender is None:
             raise ClosedError(lib.ZELTA_ERROR_HANDLE, "the recording was closed")
-        return handle
+        return lender[0]
 
     # ---- Joined ----------------------------------------------------------------------------
 
@@ -93,7 +95,7 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
         chooses. `channel_key`: None: the app id is used. `members` are members of Config, in place of
         those of `config`. ArgumentError, ConfigurationError, RefusedError, AlreadyJoinedError,
         LeftError, ClosedError; after one of the first three it may be tried again."""
-        handle = self._lent_handle()
+        handle = self._handle()
         channel = c_string("channel_id", channel_id)
         key = ffi.NULL if channel_key is None else c_string("channel_key", channel_key)
         if not 0 <= uid < 1 << 32:
@@ -106,10 +108,9 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
     @property
     def folder(self) -> pathlib.Path:
         """The recording folder, from the join on, also after the close. NotJoinedError."""
-        handle = self._handle
-        if handle is None and self._folder is not None:
+        if self._lender is None and self._folder is not None:
             return self._folder
-        handle = self._lent_handle()
+        handle = self._handle()
         buffer = ffi.new("char[]", _PATH_BYTES)
         check(lib.zelta_recording_folder(handle, buffer, _PATH_BYTES), handle)
         return pathlib.Path(os.fsdecode(ffi.string(buffer)))
@@ -119,30 +120,30 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
     def set_layout(self, layout: Union[Layout, Iterable[Region]]) -> None:
         """Arranges the users on the mixed picture; regions alone are a layout with a black background.
         ArgumentError."""
-        handle = self._lent_handle()
+        handle = self._handle()
         struct, kept = layout_struct(layout if isinstance(layout, Layout) else Layout(layout))
         check(lib.zelta_recording_set_layout(handle, struct), handle)
         del kept
 
     def set_user_background(self, uid: int, image: Text | None) -> None:
         """Shows the image (png or jpeg) in place of a user's video; None: no image any more."""
-        handle = self._lent_handle()
+        handle = self._handle()
         path = ffi.NULL if image is None else c_string("image", image)
         check(lib.zelta_recording_set_user_background(handle, uid, path), handle)
 
     def start_service(self) -> None:
         """Starts to record, with trigger_mode 1."""
-        handle = self._lent_handle()
+        handle = self._handle()
         check(lib.zelta_recording_start_service(handle), handle)
 
     def stop_service(self) -> None:
         """Records no more until start_service(), with trigger_mode 1."""
-        handle = self._lent_handle()
+        handle = self._handle()
         check(lib.zelta_recording_stop_service(handle), handle)
 
     def set_log_level(self, level: LogLevel) -> None:
         """What is logged from here on, in all recordings of the process; also before the join."""
-        handle = self._lent_handle()
+        handle = self._handle()
         check(lib.zelta_recording_set_log_level(handle, level), handle)
 
     # ---- Events ----------------------------------------------------------------------------
@@ -150,7 +151,7 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
     @property
     def ended(self) -> bool:
         """No event will come any more: the recording was left, and all were taken; or it was closed."""
-        return self._ended or self._handle is None
+        return self._ended or self._lender is None
 
     def next_event(self, timeout: float | None = None) -> Event | None:
         """The oldest event that waits, or the next that comes within `timeout` seconds; None: no limit.
@@ -177,10 +178,11 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
     def _take(self) -> tuple[Any, Event | None]:
         """An event, or None and the handle to wait with; None for that as well at the end. The caller
         holds the handle while it waits, as the descriptor is closed with it."""
-        handle = self._handle
-        if handle is None:
+        lender = self._lender
+        if lender is None:
             return None, None
-        event = take_event(handle, self._give_back)
+        handle = lender[0]
+        event = take_event(*lender)
         if event is not None:
             self._note(event)
             return handle, event
@@ -201,19 +203,19 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
 
     def _leave_now(self) -> None:
         self._over = False
-        handle = self._handle
-        if handle is not None:
+        lender = self._lender
+        if lender is not None:
             # Where somebody else has left or closed it meanwhile, that is as good.
-            lib.zelta_recording_leave(handle)
+            lib.zelta_recording_leave(lender[0])
 
     def __iter__(self) -> Recording:
         return self
 
     def __next__(self) -> Event:
-        handle = self._handle
+        lender = self._lender
         # By the shortest way while frames wait, as theirs are the numbers.
-        if handle is not None and not self._over:
-            event = take_event(handle, self._give_back)
+        if lender is not None and not self._over:
+            event = take_event(*lender)
             if event is not None:
                 if event.__class__ not in _FRAMES:
                     self._note(event)
@@ -265,29 +267,29 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
     def leave(self) -> None:
         """Ends the session, within half a second. What waits can still be taken, then loops end.
         NotJoinedError, LeftError, ClosedError."""
-        handle = self._lent_handle()
+        handle = self._handle()
         check(lib.zelta_recording_leave(handle), handle)
 
     def finish(self) -> None:
         """Leaves, and waits for the recorder to complete its files: 13 s at most, then it is ended by
         force. What waits can still be taken, then loops end. ClosedError."""
-        handle = self._lent_handle()
+        handle = self._handle()
         check(lib.zelta_recording_finish(handle), handle)
 
     def close(self) -> None:
         """finish(), and drops the events that wait; more than one does nothing. Frames that somebody
         refers to stay as they are: the recording's memory goes with the last of them."""
-        handle = self._handle
-        if handle is None:
+        lender = self._lender
+        if lender is None:
             return
         # Of a process that was forked from the recording's it is none, and there is nothing to do.
-        lib.zelta_recording_finish(handle)
+        lib.zelta_recording_finish(lender[0])
         if self._joined:
             try:
                 self._folder = self.folder
             except ClosedError:
                 pass
-        self._handle = self._give_back = None
+        self._lender = None
         _open.discard(self)
 
     def __enter__(self) -> Recording:
@@ -306,7 +308,7 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
 
     def __del__(self) -> None:
         # The handle's release completes the files; whoever reads the program should still see where.
-        if self._handle is not None and self._joined:
+        if self._lender is not None and self._joined:
             warnings.warn(f"{self!r} was not closed", ResourceWarning, source=self)
 
 
