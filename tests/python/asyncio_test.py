@@ -7,7 +7,7 @@ import signal
 import unittest
 
 from recording_test import recorder_pid
-from support import PATIENCE_S, Fixture, files
+from support import PATIENCE_S, Fixture
 from zelta_recording import FirstVideo, Joined, Left, Recording, SessionError, UserJoined
 
 
@@ -22,7 +22,8 @@ class Asyncio(Fixture, unittest.IsolatedAsyncioTestCase):
             async for event in recording:
                 if isinstance(event, FirstVideo):
                     break
-        self.assertGreaterEqual(len(files(recording.folder)), 1)
+            self.assertFalse(recording.ended)
+        self.assertTrue((recording.folder / "recording.json").exists())
         self.assertEqual([event async for event in recording], [])
 
     async def test_others_have_their_turn_while_it_closes(self):
@@ -56,8 +57,11 @@ class Asyncio(Fixture, unittest.IsolatedAsyncioTestCase):
         with self.assertRaises(asyncio.TimeoutError):
             await asyncio.wait_for(anext(recording), 0.05)
         self.assertEqual(descriptors(), before)
+        # The next one waits as if there had been no other.
+        task = asyncio.create_task(self.all(recording))
+        await self.waits(before, 1)
         recording.leave()
-        self.assertEqual([event async for event in recording], [])
+        self.assertEqual(await asyncio.wait_for(task, PATIENCE_S), [])
 
     async def test_several_tasks_wait_and_all_end(self):
         recording = self.joined("test:users=0")

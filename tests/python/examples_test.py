@@ -56,7 +56,7 @@ class Examples(Fixture, unittest.TestCase):
             self.assertTrue(16 <= int(brightness.split()[1]) <= 240)
 
     def test_layout_follows_the_users(self):
-        child = self.start("layout", "server.json", "3")
+        child = self.start("layout", "server.json", "5")
         output, errors = child.communicate(timeout=PATIENCE_S)
         self.assertEqual(child.returncode, 0, errors)
         self.assertIn("2 users: [", output)

@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Whole processes: Ctrl-C, an end with everything alive, forks, recordings that nobody closed."""
 
+import pathlib
 import signal
 import time
 import unittest
@@ -14,12 +15,18 @@ recording = Recording("test")
 recording.join("meeting", cfg_file_path="server.json", record_file_root_dir=".",
                decode_audio=DecodeAudio.PCM_FRAMES)
 """
+RECORDER = """
+import pathlib
+for task in pathlib.Path("/proc/self/task").iterdir():
+    print((task / "children").read_text(), end="", flush=True)
+"""
 KEEP = """
 kept = []
 for event in recording:
     if isinstance(event, AudioFrame):
         kept.append((event, event.samples))
-    if len(kept) == 20:
+        del kept[:-20]
+    if len(kept) == 20 and any(file.stat().st_size for file in recording.folder.glob("*.mp4")):
         break
 """
 
@@ -82,9 +89,11 @@ recording.close()
         child = self.child("""
 from zelta_recording import *
 with Recording("test") as recording:
-    recording.join("meeting", cfg_file_path="server.json", record_file_root_dir=".")
+    recording.join("meeting", cfg_file_path="server.json", record_file_root_dir=".",
+                   audio_indication_interval=100)
     for event in recording:
-        if isinstance(event, FirstVideo): print("now", flush=True)
+        if any(file.stat().st_size for file in recording.folder.glob("*.mp4")):
+            print("now", flush=True)
 """)
         child.stdout.readline()
         child.send_signal(signal.SIGINT)
@@ -101,7 +110,9 @@ with Recording("test") as recording:
         ]:
             with self.subTest(title):
                 self.settings()
-                self.ends(self.child(BEGIN + KEEP + end))
+                output, _ = self.ends(self.child(BEGIN + RECORDER + KEEP + end))
+                # Which would complete its files by itself, but later.
+                self.assertFalse(pathlib.Path(f"/proc/{int(output)}").exists())
                 self.assert_complete()
 
     def test_who_forgets_to_close_is_told_and_has_the_files(self):

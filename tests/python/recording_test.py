@@ -5,16 +5,20 @@ import json
 import os
 import pathlib
 import pickle
+import select
 import signal
 import threading
+import time
 import unittest
 
-from support import PATIENCE_S, Fixture, files, next_of
+from support import PATIENCE_S, Fixture, files, next_of, take_until_files
 from zelta_recording import (AlreadyJoinedError, ArgumentError, ClosedError, Config, ConfigurationError,
-                             Dropped, ErrorEvent, ErrorKind, FirstAudio, FirstVideo, Joined, Layout,
+                             ErrorEvent, ErrorKind, FirstAudio, FirstVideo, Joined, Layout,
                              LeaveReason, Left, LeftError, LogLevel, MixedFile, NotJoinedError, Receiving,
                              Recording, RefusedError, Region, SessionError, Stat, StateError, UserJoined,
                              Volumes, ZeltaError)
+from zelta_recording._events import take_event
+from zelta_recording._native import lib
 
 
 class Sessions(Fixture, unittest.TestCase):
@@ -30,6 +34,7 @@ class Sessions(Fixture, unittest.TestCase):
                     self.assertEqual(event.storage_dir.resolve(), recording.folder.resolve())
                 if {Joined, FirstAudio, FirstVideo, Receiving, Volumes} <= set(seen) and len(users) == 2:
                     break
+            take_until_files(recording, 2)
         self.assertEqual(seen[Joined], Joined(77, "meeting"))
         self.assertEqual(users, {1, 2})
         self.assertEqual((seen[FirstVideo].width, seen[FirstVideo].height), (160, 90))
@@ -79,13 +84,27 @@ class Sessions(Fixture, unittest.TestCase):
 
     def test_what_waits_can_be_taken_after_a_finish(self):
         recording = self.joined()
-        next_of(recording, FirstVideo)
+        take_until_files(recording, 1)
         recording.finish()
         recording.finish()
-        self.assertGreaterEqual(len(files(recording.folder)), 1)
+        self.assertTrue(all(b"moov" in file.read_bytes() for file in files(recording.folder)))
         for _ in recording:
             pass
         self.assertTrue(recording.ended)
+
+    def test_what_has_no_frame_is_given_back_at_once(self):
+        recording = self.joined()
+        handle, give_back = recording._lender
+        given = []
+        deadline = time.monotonic() + PATIENCE_S
+        seen = 0
+        while seen < 5:
+            self.assertLess(time.monotonic(), deadline)
+            if take_event(handle, lambda lent: given.append(give_back(lent))):
+                seen += 1
+            else:
+                select.select([recording._fd], [], [], 1)
+        self.assertEqual(given, [lib.ZELTA_OK] * seen)
 
     def test_each_event_goes_to_one_of_several_threads_and_all_end(self):
         recording = self.joined()
@@ -124,6 +143,7 @@ class Sessions(Fixture, unittest.TestCase):
             self.assertIn(detail, raised.exception.detail)
         recording.set_user_background(1, None)
         recording.set_log_level(LogLevel.INFO)
+        take_until_files(recording, 1)
         recording.close()
         self.assertEqual(len(files(recording.folder)), 1)
 

@@ -9,7 +9,6 @@ import subprocess
 import sys
 import tempfile
 import time
-import unittest
 
 from zelta_recording import Recording
 
@@ -67,9 +66,14 @@ def next_of(recording, kind):
     raise AssertionError(f"no {kind.__name__}")
 
 
+def take_until_files(recording, count):
+    """Takes events until so many files have something in them: on a busy machine they begin late."""
+    deadline = time.monotonic() + PATIENCE_S
+    while sum(file.stat().st_size > 0 for file in files(recording.folder)) < count:
+        if time.monotonic() > deadline:
+            raise AssertionError(f"{files(recording.folder)} and not {count}")
+        recording.next_event(0.1)
+
+
 def files(folder, pattern="*.mp4"):
     return sorted(pathlib.Path(folder).glob(pattern))
-
-
-def main():
-    unittest.main()
