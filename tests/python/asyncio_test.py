@@ -12,7 +12,8 @@ from zelta_recording import FirstVideo, Joined, Left, Recording, SessionError, U
 
 
 def descriptors():
-    return set(os.listdir("/proc/self/fd"))
+    # Without the one that the folder is read by.
+    return {int(name) for name in os.listdir("/proc/self/fd") if os.path.lexists(f"/proc/self/fd/{name}")}
 
 
 class Asyncio(Fixture, unittest.IsolatedAsyncioTestCase):
@@ -50,10 +51,13 @@ class Asyncio(Fixture, unittest.IsolatedAsyncioTestCase):
         for _ in range(3):
             task = asyncio.create_task(anext(recording))
             await self.waits(before, 1)
+            waited_for = descriptors() - before
             task.cancel()
             with self.assertRaises(asyncio.CancelledError):
                 await task
             self.assertEqual(descriptors(), before)
+            for descriptor in waited_for:
+                self.assertFalse(asyncio.get_running_loop().remove_reader(descriptor))
         with self.assertRaises(asyncio.TimeoutError):
             await asyncio.wait_for(anext(recording), 0.05)
         self.assertEqual(descriptors(), before)
