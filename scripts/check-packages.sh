@@ -195,13 +195,14 @@ delivers() {
     [ -n "$(find "$root/tmp/check/archive" -name recording.json)" ]
 }
 
-# By the examples of the package; the first is one to stop by Ctrl-C, and ends in order then.
+# By the examples of the package; the first is one to stop by Ctrl-C, and ends in order then. In the foreground,
+# or it gets a second one, which interrupts that.
 python_records() {
   local examples=/usr/share/doc/python3-zelta-recording/examples
   inside install -d -o zelta -g zelta /tmp/check/python
   echo '{"Channel_Server": "test:users=1"}' >"$root/tmp/check/python/server.json"
   as_zelta sh -ec "cd /tmp/check/python
-    timeout --preserve-status --signal INT 5 python3 $examples/record.py server.json
+    timeout --foreground --preserve-status --signal INT 5 python3 $examples/record.py server.json
     timeout 60 python3 $examples/frames.py server.json"
   [ -n "$(find "$root/tmp/check/python" -name '*.mp4' -size +10k)" ]
 }

@@ -96,6 +96,8 @@ with Recording("test") as recording:
             print("now", flush=True)
 """)
         child.stdout.readline()
+        # The second one may come while it closes, which goes on.
+        child.send_signal(signal.SIGINT)
         child.send_signal(signal.SIGINT)
         _, errors = child.communicate(timeout=PATIENCE_S)
         self.assertIn("KeyboardInterrupt", errors)

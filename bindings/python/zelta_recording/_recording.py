@@ -282,15 +282,18 @@ class Recording(Iterator[Event], AsyncIterator[Event]):
         lender = self._lender
         if lender is None:
             return
-        # Of a process that was forked from the recording's it is none, and there is nothing to do.
-        lib.zelta_recording_finish(lender[0])
-        if self._joined:
-            try:
+        try:
+            if self._joined:
                 self._folder = self.folder
-            except ClosedError:
-                pass
-        self._lender = None
-        _open.discard(self)
+        except ClosedError:
+            # In a process that was forked from the recording's it is none, and nothing is to be done.
+            pass
+        try:
+            lib.zelta_recording_finish(lender[0])
+        finally:
+            # Also where Ctrl-C came meanwhile, which is told once the files are complete.
+            self._lender = None
+            _open.discard(self)
 
     def __enter__(self) -> Recording:
         return self
