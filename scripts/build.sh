@@ -6,7 +6,7 @@ cd "$(dirname "$0")/.."
 preset=${1:-release}
 
 echo "== setting up"
-scripts/install-deps.sh test browser
+scripts/install-deps.sh test browser python
 echo "== building $preset"
-cmake --preset "$preset" -DZELTA_BUILD_TESTS=ON >/dev/null
+cmake --preset "$preset" -DZELTA_BUILD_TESTS=ON -DZELTA_BUILD_PYTHON=ON >/dev/null
 cmake --build --preset "$preset" -- --quiet
