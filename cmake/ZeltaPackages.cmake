@@ -20,6 +20,10 @@ set(jni_name libzelta-recording-jni)
 if(ZELTA_BUILD_JAVA)
   list(APPEND components java jni)
 endif()
+if(ZELTA_BUILD_PYTHON)
+  set(python_name python3-zelta-recording)
+  list(APPEND components python)
+endif()
 
 # Two builds of one state of the sources are called alike, those between releases by their commit, and
 # are older than the release that comes.
@@ -266,4 +270,28 @@ set(CPACK_COMPONENT_JNI_DEPENDS library)
 set(CPACK_COMPONENT_JNI_DESCRIPTION
     "recording of real-time audio and video channels - Java's native part
 The library that the classes of libzelta-recording-java load, and nothing else.")
+
+if(ZELTA_BUILD_PYTHON)
+  set(python_examples "${CMAKE_INSTALL_DATADIR}/doc/${python_name}/examples")
+  install(FILES examples/python/record.py examples/python/frames.py examples/python/layout.py
+          DESTINATION "${python_examples}" COMPONENT python)
+  foreach(script IN ITEMS postinst prerm)
+    file(COPY_FILE packaging/debian/python.${script} "${made}/python/${script}" ONLY_IF_DIFFERENT)
+    list(APPEND python_scripts "${made}/python/${script}")
+  endforeach()
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_CONTROL_EXTRA "${python_scripts}")
+  # A module has no soname that others could depend on.
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_GENERATE_SHLIBS OFF)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_SECTION python)
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_DEPENDS "python3 (>= 3.11), python3-numpy, python3-cffi-backend")
+  set(CPACK_DEBIAN_PYTHON_PACKAGE_RECOMMENDS zelta-recorder)
+  set(CPACK_COMPONENT_PYTHON_DEPENDS library)
+  set(CPACK_COMPONENT_PYTHON_DESCRIPTION
+      "recording of real-time audio and video channels - Python
+The module zelta_recording: a program in Python records channels, follows
+their events by a loop, also of asyncio, and looks at sound and pictures as
+NumPy arrays that nothing was copied for.
+
+The recorder is in the package zelta-recorder.")
+endif()
 include(CPack)

@@ -19,10 +19,10 @@ work=$(cd "$work" && pwd)
 root=$work/root
 suite=bookworm
 packages=build/package/packages
-own=(zelta-fleet zelta-recorder libzelta-recording-java libzelta-recording-jni libzelta-recording-dev 'libzelta-recording[0-9]*')
+own=(zelta-fleet zelta-recorder python3-zelta-recording libzelta-recording-java libzelta-recording-jni libzelta-recording-dev 'libzelta-recording[0-9]*')
 failed=0
 
-scripts/install-deps.sh package >&2
+scripts/install-deps.sh package python >&2
 cmake --preset package >&2
 # Of another version, if any.
 rm -rf "$packages"
@@ -195,6 +195,18 @@ delivers() {
     [ -n "$(find "$root/tmp/check/archive" -name recording.json)" ]
 }
 
+# By the examples of the package; the first is one to stop by Ctrl-C, and ends in order then. In the foreground,
+# or it gets a second one, which interrupts that.
+python_records() {
+  local examples=/usr/share/doc/python3-zelta-recording/examples
+  inside install -d -o zelta -g zelta /tmp/check/python
+  echo '{"Channel_Server": "test:users=1"}' >"$root/tmp/check/python/server.json"
+  as_zelta sh -ec "cd /tmp/check/python
+    timeout --foreground --preserve-status --signal INT 5 python3 $examples/record.py server.json
+    timeout 60 python3 $examples/frames.py server.json"
+  [ -n "$(find "$root/tmp/check/python" -name '*.mp4' -size +10k)" ]
+}
+
 tells_versions() {
   local tool
   for tool in zelta-record zelta-deliver zelta-lay zelta-view zelta-worker zelta-fleet; do
@@ -299,8 +311,9 @@ row "all elements of GStreamer but -ugly's are there" finds_all_plugins
 row "zelta-lay makes a film of it" lays
 row "zelta-view makes a page of it" exports
 row "zelta-deliver delivers it" delivers
+row "the examples in Python record, and see frames" python_records
 rm -rf --one-file-system "$root/tmp/check"
-row "purged" apt_get purge zelta-fleet zelta-recorder libzelta-recording-java libzelta-recording-jni 'libzelta-recording[0-9]*'
+row "purged" apt_get purge zelta-fleet zelta-recorder python3-zelta-recording libzelta-recording-java libzelta-recording-jni 'libzelta-recording[0-9]*'
 snapshot >"$work/after"
 row "nothing is left but the user" nothing_left "$work/before" "$work/after"
 

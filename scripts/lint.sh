@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
 # SPDX-License-Identifier: Apache-2.0
-# Checks the format and which way includes go, and runs clang-tidy over everything, which takes an hour
-# of a processor. With --changed clang-tidy reads only what changed since the commit that
+# Checks the format, which way includes go and the types of the Python package, and runs clang-tidy over
+# everything, which takes an hour of a processor. With --changed clang-tidy reads only what changed since the commit that
 # scripts/lint/checked names, whose every file it has read: sources, and of a header that changed the
 # first source that includes it.
 set -euo pipefail
@@ -17,6 +17,8 @@ echo "== clang-format"
 clang-format-14 --dry-run -Werror "${sources[@]}"
 echo "== arrows"
 scripts/lint/arrows.py
+echo "== mypy"
+MYPYPATH=bindings/python mypy --strict --cache-dir build/mypy bindings/python/zelta_recording examples/python
 cmake --preset release -DZELTA_BUILD_TESTS=ON -DZELTA_BUILD_BENCH=ON -DZELTA_BUILD_JAVA=ON >/dev/null
 # With it javac writes the header of the JNI library.
 cmake --build --preset release --target zelta_recording_jar -- --quiet

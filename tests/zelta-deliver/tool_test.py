@@ -232,6 +232,13 @@ Subsystem sftp internal-sftp
         tool.send_signal(signal.SIGTERM)
         self.assertEqual(tool.wait(LIMIT_S), 0)
 
+    def test_who_delivers_a_running_recording_once_is_told_that_it_isnt_all(self):
+        self.serve()
+        made = Recording(self.dir).add("7_a.mp4", 1000).runs(True)
+        told = self.run_tool(self.settings(self.target("http")), made.folder, status=3)
+        self.assertEqual([(one["event"], one.get("folder")) for one in told],
+                         [("confirmed", str(made.folder)), ("unfinished", str(made.folder))])
+
     def test_two_processes_share_folders_without_sending_twice(self):
         self.serve()
         root = self.dir / "root"

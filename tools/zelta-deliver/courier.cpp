@@ -89,6 +89,11 @@ int courier::run(int signals) {
   for (const auto& [name, one] : folders_) {
     tell_buried(*one);
     if (one->lazy_save_ms()) static_cast<void>(one->save());
+    // Without a word it would look as if there had been nothing to do.
+    if (!watch_ && !one->is_over() && one->fault().empty()) {
+      reports_.note("unfinished", {{"folder", one->folder()},
+                                   {"error", "it is still recorded; --watch waits for its end"}});
+    }
   }
   if (stopped) reports_.note("stopped", {});
   reports_.tell_noted();

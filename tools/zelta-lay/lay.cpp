@@ -295,8 +295,9 @@ int tell_stopped(reporter& tell, const std::vector<std::string>& made) {
 int report(const job& j) {
   for (const std::string& line : j.found.lines()) j.tell.missing(line);
   const bool all = j.found.lines().empty();
-  j.tell.end(all ? kLaid : kNotAll, time_text(j.what.length_us()) + " of " +
-                                        std::to_string(j.of.users.size()) + " users from " +
+  const size_t users = j.of.users.size();
+  j.tell.end(all ? kLaid : kNotAll, time_text(j.what.length_us()) + " of " + std::to_string(users) +
+                                        (users == 1 ? " user" : " users") + " from " +
                                         time_text(j.what.from_us) + " on" +
                                         (all ? "" : ", without the above"));
   return all ? kLaid : kNotAll;
