@@ -159,12 +159,13 @@ final class WrongUsesTest {
       state(-9, recording::stopService);
       recording.finish();
       recording.finish();
-      Suite.check(recording.folder().startsWith(channel.folder()));
+      Path folder = recording.folder();
+      Suite.check(folder.startsWith(channel.folder()));
       recording.close();
       recording.close();
+      Suite.same(folder, recording.folder());
       Suite.check(
-          state(-1, recording::folder).getMessage().contains("the recording was closed"));
-      state(-1, recording::finish);
+          state(-1, recording::finish).getMessage().contains("the recording was closed"));
       state(-1, () -> recording.join("meeting", channel.config().build()));
       Suite.check(recording.nextEvent(Channel.LIMIT).isEmpty() && recording.hasEnded());
     }

@@ -36,6 +36,7 @@ public final class Recording implements AutoCloseable {
   private final Cleaner.Cleanable forgotten;
   private volatile boolean hasEnded;
   private volatile boolean leftByItself;
+  private volatile Path folderAtClose;
 
   private Recording(Handle handle) {
     this.handle = handle;
@@ -126,12 +127,16 @@ public final class Recording implements AutoCloseable {
   }
 
   /**
-   * The recording folder: known from the join on, also after a leave.
+   * The recording folder: known from the join on, also after {@link #close()}.
    *
    * @return its path
-   * @throws RecordingStateException before the join, or after {@link #close()}
+   * @throws RecordingStateException before the join
    */
   public Path folder() {
+    Path known = folderAtClose;
+    if (known != null) {
+      return known;
+    }
     byte[][] found = new byte[1][];
     call(() -> found[0] = Native.folder(handle.number()));
     return Path.of(Texts.of(found[0]));
@@ -360,6 +365,11 @@ public final class Recording implements AutoCloseable {
    */
   @Override
   public void close() {
+    try {
+      folderAtClose = folder();
+    } catch (RecordingStateException notJoined) {
+      // There is none, or it is known already.
+    }
     handle.close();
     hasEnded = true;
     forgotten.clean();
