@@ -1,8 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // Types of zelta-recording, and what each call does. docs/node.md has examples.
 
-/// <reference types="node" />
-
 // ---- Numbers of zelta_recording.h by name ----------------------------------------------------
 
 type Value<Constants> = Constants[keyof Constants];
@@ -238,7 +236,8 @@ export type Event =
  * What both kinds of frames have. Views are of the frame's memory, without a copy;
  * `Buffer.from(view)` and `view.slice()` are copies.
  */
-interface Frame {
+declare abstract class Frame {
+  protected constructor();
   /** The user; 0 for mixed sound. */
   readonly uid: number;
   /** Media time, of the first sample, in milliseconds. */
@@ -252,9 +251,11 @@ interface Frame {
    * Not before what was started with a view, such as a write to a file, has ended.
    */
   release(): void;
+  [Symbol.dispose](): void;
 }
 
-export interface AudioFrame extends Frame {
+export class AudioFrame extends Frame {
+  private constructor();
   readonly type: 'audioFrame';
   /** PCM: 16-bit samples. AAC: one ADTS frame. */
   readonly format: AudioFormat;
@@ -267,7 +268,6 @@ export interface AudioFrame extends Frame {
   /** PCM: all channels, interleaved. ERR_ZELTA_FORMAT, ERR_ZELTA_RELEASED. */
   readonly samples: Int16Array;
 }
-export const AudioFrame: { readonly prototype: AudioFrame };
 
 export interface Plane {
   data: Uint8Array;
@@ -277,7 +277,8 @@ export interface Plane {
   height: number;
 }
 
-export interface VideoFrame extends Frame {
+export class VideoFrame extends Frame {
+  private constructor();
   readonly type: 'videoFrame';
   /** An I420 picture, an access unit of H.264 in byte-stream format, or a JPEG image. */
   readonly format: VideoFormat;
@@ -291,13 +292,12 @@ export interface VideoFrame extends Frame {
   /** YUV: Y, U and V. ERR_ZELTA_FORMAT, ERR_ZELTA_RELEASED. */
   readonly planes: [Plane, Plane, Plane];
 }
-export const VideoFrame: { readonly prototype: VideoFrame };
 
 // ---- Failures --------------------------------------------------------------------------------
 
 /** A call that had no effect. Arguments of a wrong type are a TypeError instead. */
 export class ZeltaError extends Error {
-  private constructor();
+  protected constructor();
   readonly code:
     | 'ERR_ZELTA_ARGUMENT' // an argument, or a member of one, can't be
     | 'ERR_ZELTA_CLOSED' // the recording was closed
@@ -318,6 +318,7 @@ export class ZeltaError extends Error {
 
 /** The session failed: thrown by a loop over the events, when it has had all of them. */
 export class SessionError extends ZeltaError {
+  private constructor();
   readonly code: 'ERR_ZELTA_SESSION';
   /** What ended the session. */
   readonly event: ErrorEvent;
@@ -379,6 +380,7 @@ export class Recording implements AsyncIterable<Event> {
    * 13 s at most. More than one does nothing more. Frames that somebody refers to stay as they are.
    */
   close(): Promise<void>;
+  [Symbol.asyncDispose](): Promise<void>;
 }
 
 // Where the compiler knows `using`: it releases and closes.
@@ -388,9 +390,4 @@ declare global {
     readonly asyncDispose: unique symbol;
   }
 }
-interface Frame {
-  [Symbol.dispose](): void;
-}
-export interface Recording {
-  [Symbol.asyncDispose](): Promise<void>;
-}
+export {};

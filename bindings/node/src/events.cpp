@@ -114,7 +114,8 @@ napi_value frame_value(napi_env env, const session& of, const zelta_event* event
   } else {
     describe_video(env, event->as.video, made);
   }
-  made.set("memory", share_value(env, std::make_shared<frame_memory>(env, of.owner(), event)));
+  made.set("memory",
+           share_value(env, std::make_shared<frame_memory>(env, of.owner(), of.account(), event)));
   return made.get();
 }
 
@@ -125,6 +126,7 @@ napi_value take_event(napi_env env, session& of) {
   int code = ZELTA_OK;
   while ((code = zelta_next_event(of.recording(), 0, &event)) == ZELTA_OK) {
     if (is_frame(*event)) return frame_value(env, of, event);
+    if (event->kind == ZELTA_EVENT_DROPPED) of.account()->dropped(env);
     object_value made(env);
     const bool known = describe(env, *event, made);
     zelta_event_release(of.recording(), event);

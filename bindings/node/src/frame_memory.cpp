@@ -7,10 +7,9 @@
 namespace zelta::node {
 
 frame_memory::frame_memory(napi_env env, std::shared_ptr<const lease> owner,
-                           const zelta_event* event)
-    : env_(env), owner_(std::move(owner)), event_(event) {
-  // Else the collector sees a small object and has no reason to hurry.
-  count(static_cast<int64_t>(bytes()));
+                           std::shared_ptr<frame_account> account, const zelta_event* event)
+    : env_(env), owner_(std::move(owner)), account_(std::move(account)), event_(event) {
+  account_->lent(env_, bytes());
 }
 
 frame_memory::~frame_memory() {
@@ -26,12 +25,6 @@ size_t frame_memory::bytes() const {
                                                  : event_->as.video.data_bytes;
 }
 
-void frame_memory::count(int64_t bytes) {
-  int64_t all = 0;
-  static_cast<void>(napi_adjust_external_memory(env_, bytes - counted_, &all));
-  counted_ = bytes;
-}
-
 napi_value frame_memory::buffer() {
   if (event_ == nullptr) return nullptr;
   auto share = std::make_unique<std::shared_ptr<frame_memory>>(shared_from_this());
@@ -45,7 +38,6 @@ napi_value frame_memory::buffer() {
       env_, const_cast<uint8_t*>(data()), bytes(), collected, share.get(), &made);
   if (status == napi_ok) {
     static_cast<void>(share.release());
-    count(0);  // the buffer counts by itself
     return made;
   }
   if (status != napi_no_external_buffers_allowed) return nullptr;
@@ -67,10 +59,9 @@ void frame_memory::release(napi_value buffer) {
 }
 
 void frame_memory::give_back() {
-  const zelta_event* const lent = std::exchange(event_, nullptr);
-  if (lent == nullptr) return;
-  zelta_event_release(owner_->get(), lent);
-  count(0);
+  if (event_ == nullptr) return;
+  account_->given_back(bytes());
+  zelta_event_release(owner_->get(), std::exchange(event_, nullptr));
 }
 
 }  // namespace zelta::node

@@ -14,13 +14,15 @@
 
 #include <node_api.h>
 
+#include "frame_account.h"
 #include "lease.h"
 
 namespace zelta::node {
 
 class frame_memory : public std::enable_shared_from_this<frame_memory> {
  public:
-  frame_memory(napi_env env, std::shared_ptr<const lease> owner, const zelta_event* event);
+  frame_memory(napi_env env, std::shared_ptr<const lease> owner,
+               std::shared_ptr<frame_account> account, const zelta_event* event);
   ~frame_memory();
   frame_memory(const frame_memory&) = delete;
   frame_memory& operator=(const frame_memory&) = delete;
@@ -33,14 +35,13 @@ class frame_memory : public std::enable_shared_from_this<frame_memory> {
 
  private:
   void give_back();
-  void count(int64_t bytes);
   const uint8_t* data() const;
   size_t bytes() const;
 
   const napi_env env_;
   const std::shared_ptr<const lease> owner_;
+  const std::shared_ptr<frame_account> account_;
   const zelta_event* event_;  // null: given back
-  int64_t counted_ = 0;       // bytes that the collector was told of
 };
 
 }  // namespace zelta::node

@@ -36,7 +36,9 @@ napi_value create(napi_env env, const arguments& given) {
   zelta_recording* made = nullptr;
   const int code = zelta_recording_create(&options, &made);
   if (code != ZELTA_OK) return number_value(env, code);
-  std::shared_ptr<session> opened = session::open(env, std::make_shared<const lease>(made));
+  std::shared_ptr<session> opened =
+      session::open(env, std::make_shared<const lease>(made),
+                    std::make_shared<frame_account>(options.queue_bytes));
   if (!opened) return number_value(env, ZELTA_ERROR_SYSTEM);
   // A share that tells the session when JavaScript has no more of it.
   return share_value(env, std::shared_ptr<session>(opened.get(), [opened](session* of) mutable {

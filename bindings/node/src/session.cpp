@@ -17,13 +17,15 @@ struct session::work {
 
 // ---- Made ----------------------------------------------------------------------------------
 
-std::shared_ptr<session> session::open(napi_env env, std::shared_ptr<const lease> owner) {
-  std::shared_ptr<session> made(new session(env, std::move(owner)));
+std::shared_ptr<session> session::open(napi_env env, std::shared_ptr<const lease> owner,
+                                       std::shared_ptr<frame_account> account) {
+  std::shared_ptr<session> made(new session(env, std::move(owner), std::move(account)));
   return made->start() ? made : nullptr;
 }
 
-session::session(napi_env env, std::shared_ptr<const lease> owner)
-    : env_(env), owner_(std::move(owner)) {}
+session::session(napi_env env, std::shared_ptr<const lease> owner,
+                 std::shared_ptr<frame_account> account)
+    : env_(env), owner_(std::move(owner)), account_(std::move(account)) {}
 
 bool session::start() {
   int fd = -1;

@@ -20,6 +20,7 @@
 #include <node_api.h>
 #include <uv.h>
 
+#include "frame_account.h"
 #include "lease.h"
 
 namespace zelta::node {
@@ -27,12 +28,14 @@ namespace zelta::node {
 class session : public std::enable_shared_from_this<session> {
  public:
   // Null where the runtime refuses something that it needs.
-  static std::shared_ptr<session> open(napi_env env, std::shared_ptr<const lease> owner);
+  static std::shared_ptr<session> open(napi_env env, std::shared_ptr<const lease> owner,
+                                       std::shared_ptr<frame_account> account);
   ~session() = default;
   session(const session&) = delete;
   session& operator=(const session&) = delete;
 
   const std::shared_ptr<const lease>& owner() const { return owner_; }
+  const std::shared_ptr<frame_account>& account() const { return account_; }
   zelta_recording* recording() const { return owner_->get(); }
 
   // A promise that is fulfilled once events wait, or none will come. One at a time.
@@ -48,7 +51,7 @@ class session : public std::enable_shared_from_this<session> {
  private:
   struct work;
 
-  session(napi_env env, std::shared_ptr<const lease> owner);
+  session(napi_env env, std::shared_ptr<const lease> owner, std::shared_ptr<frame_account> account);
   bool start();
   void watch();
   void on_readable();
@@ -63,6 +66,7 @@ class session : public std::enable_shared_from_this<session> {
 
   const napi_env env_;
   std::shared_ptr<const lease> owner_;
+  const std::shared_ptr<frame_account> account_;
   std::shared_ptr<session> self_;
   uv_loop_t* loop_ = nullptr;
   uv_poll_t poll_{};
