@@ -81,20 +81,15 @@ test('a released frame leaves views of length 0, and copies as they were', async
   if (Symbol.dispose) assert.equal(frame[Symbol.dispose], frame.release);
 });
 
-test('memory that was moved elsewhere is not given back under its new owner', async (t) => {
+test('a clone that was to move the memory is a copy', async (t) => {
   const recording = joined(t, { ...FRAMES, queueBytes: 2 ** 18 });
   const [frame] = await frames(recording, 1, 'videoFrame');
   const view = frame.data;
   const copy = Buffer.from(view);
-  let moved = view;
-  try {
-    moved = structuredClone(view, { transfer: [view.buffer] });
-  } catch (error) {
-    assert.equal(error.name, 'DataCloneError');
-  }
+  const clone = structuredClone(view, { transfer: [view.buffer] });
   frame.release();
   await pass(recording, 100);
-  assert.ok(moved.length === 0 || copy.equals(moved));
+  assert.ok(copy.equals(clone));
 });
 
 test('what is beyond the queue is dropped and told, until frames are released', async (t) => {
@@ -112,8 +107,8 @@ test('what is beyond the queue is dropped and told, until frames are released', 
   await pass(recording, 50);
 });
 
-test('frames that nobody released come back, though nothing else asks the collector', async (t) => {
-  const queueBytes = 2 ** 20;
+test('frames that nobody released come back, though nothing else asks the collector', { timeout: 20_000 }, async (t) => {
+  const queueBytes = 2 ** 19;
   const recording = joined(t, { ...FRAMES, queueBytes });
   let bytes = 0;
   let count = 0;

@@ -107,38 +107,69 @@ describe('worker threads', SEVERAL, () => WORKERS.forEach(([what, body, config, 
   });
 }));
 
-test('a recording that was left and forgotten is finished by the collector', async (t) => {
-  const folder = folderOf(t);
-  const source = `
-    import { collect, firstOf, isComplete, until } from './support.mjs';
-    import { Recording } from 'zelta-recording';
-    async function recorded() {
-      const recording = new Recording({ appId: 'my-app' });
-      recording.join('meeting', ${JSON.stringify(channel(folder))});
-      await firstOf(recording, ({ type, uid }) => type === 'firstVideo' && uid === 2);
-      await recording.leave();
-      return recording.folder;
-    }
-    const folder = await recorded();
-    await until('it is complete', () => { collect(); return isComplete(folder); });
-  `;
-  const { status, stderr } = await run(folder, { source });
-  assert.equal(status, 0, stderr);
-});
+describe('memory', SEVERAL, () => {
+  test('a recording that was left and forgotten is finished by the collector', async (t) => {
+    const folder = folderOf(t);
+    const source = `
+      import { collect, firstOf, isComplete, until } from './support.mjs';
+      import { Recording } from 'zelta-recording';
+      async function recorded() {
+        const recording = new Recording({ appId: 'my-app' });
+        recording.join('meeting', ${JSON.stringify(channel(folder))});
+        await firstOf(recording, ({ type, uid }) => type === 'firstVideo' && uid === 2);
+        await recording.leave();
+        return recording.folder;
+      }
+      const folder = await recorded();
+      await until('it is complete', () => { collect(); return isComplete(folder); });
+    `;
+    const { status, stderr } = await run(folder, { source });
+    assert.equal(status, 0, stderr);
+  });
 
-test('a small heap suffices for frames that nobody releases', async (t) => {
-  const folder = folderOf(t);
-  const source = `
-    import { Recording } from 'zelta-recording';
-    const recording = new Recording({ appId: 'my-app' });
-    recording.join('meeting', ${JSON.stringify({ ...channel(folder, 'test:users=2,size=640x360,fps=30'), ...FRAMES })});
-    let bytes = 0;
-    for await (const event of recording) {
-      if (event.type.endsWith('Frame')) bytes += event.data.length;
-      if (bytes > 100e6) break;
-    }
-    await recording.close();
-  `;
-  const { status, stderr } = await run(folder, { source, flags: ['--max-old-space-size=24'] });
-  assert.equal(status, 0, stderr);
+  test('a small heap suffices for frames that nobody releases', async (t) => {
+    const folder = folderOf(t);
+    const source = `
+      import { Recording } from 'zelta-recording';
+      const recording = new Recording({ appId: 'my-app', queueBytes: 8e6 });
+      recording.join('meeting', ${JSON.stringify({ ...channel(folder, 'test:users=2,size=640x360,fps=30'), ...FRAMES })});
+      let bytes = 0;
+      for await (const event of recording) {
+        if (event.type.endsWith('Frame')) bytes += event.data.length;
+        if (bytes > 40e6) break;
+      }
+      await recording.close();
+    `;
+    const { status, stderr } = await run(folder, { source, flags: ['--max-old-space-size=24'] });
+    assert.equal(status, 0, stderr);
+  });
+
+  const major = Number.parseInt(process.versions.node, 10);
+  const skip = major < 20 && 'no buffer can be moved';
+  test('memory that was moved to another buffer is not given back under it', { skip }, async (t) => {
+    const folder = folderOf(t);
+    const source = `
+      import assert from 'node:assert/strict';
+      import { Recording } from 'zelta-recording';
+      const recording = new Recording({ appId: 'my-app', queueBytes: 2 ** 18 });
+      recording.join('meeting', ${JSON.stringify({ ...channel(folder), ...FRAMES })});
+      let seen = 0;
+      let moved;
+      let copy;
+      for await (const event of recording) {
+        if (event.type === 'videoFrame' && moved === undefined) {
+          copy = Buffer.from(event.data);
+          moved = event.data.buffer.transfer();
+        }
+        if (event.type.endsWith('Frame')) event.release();
+        if (moved !== undefined && ++seen === 100) break;
+      }
+      assert.ok(copy.equals(new Uint8Array(moved)));
+      await recording.close();
+      assert.ok(copy.equals(new Uint8Array(moved)));
+    `;
+    const flags = major < 22 ? ['--harmony-rab-gsab-transfer'] : [];
+    const { status, stderr } = await run(folder, { source, flags });
+    assert.equal(status, 0, stderr);
+  });
 });

@@ -3,7 +3,7 @@
 import assert from 'node:assert/strict';
 import fs from 'node:fs';
 import { createRequire } from 'node:module';
-import { after, test } from 'node:test';
+import { after, describe, test } from 'node:test';
 import { setTimeout as passed } from 'node:timers/promises';
 
 import * as zelta from 'zelta-recording';
@@ -71,55 +71,58 @@ test('who waits takes no processor', async (t) => {
   await loop;
 });
 
-test('the recorder leaves by itself, and the loop ends', async (t) => {
-  const recording = joined(t, { server: 'test:users=1,size=160x90,leave=1@1', idleLimitSec: 3 });
-  let left;
-  for await (const event of recording) if (event.type === 'left') left = event;
-  assert.equal(left.reason & LeaveReason.NO_USERS, LeaveReason.NO_USERS);
-});
-
-test('a failed session ends the loop with an error', async (t) => {
-  const recording = joined(t, { server: 'nonsense:' });
-  const seen = [];
-  await assert.rejects(async () => {
-    for await (const event of recording) seen.push(event);
-  }, (error) => error instanceof SessionError && error instanceof ZeltaError &&
-    error.code === 'ERR_ZELTA_SESSION' && error.event === seen.find(({ type }) => type === 'error'));
-  assert.equal(seen.find(({ type }) => type === 'error').error, ErrorKind.FAILED);
-});
-
-test('several at a time, and several loops over one', async (t) => {
-  const recordings = [joined(t), joined(t), joined(t)];
-  await Promise.all(recordings.map((of) => firstOf(of, ({ type }) => type === 'firstVideo')));
-  assert.equal(new Set(recordings.map(({ folder }) => folder)).size, 3);
-  const loops = [1, 2].map(async () => {
-    const types = [];
-    for await (const { type } of recordings[0]) types.push(type);
-    return types;
+// They mostly wait.
+describe('at once', { concurrency: 5 }, () => {
+  test('the recorder leaves by itself, and the loop ends', async (t) => {
+    const recording = joined(t, { server: 'test:users=1,size=160x90,leave=1@1', idleLimitSec: 3 });
+    let left;
+    for await (const event of recording) if (event.type === 'left') left = event;
+    assert.equal(left.reason & LeaveReason.NO_USERS, LeaveReason.NO_USERS);
   });
-  await recordings[0].leave();
-  await Promise.all(loops);
-  await Promise.all(recordings.map((of) => of.close()));
-});
 
-test('a mix is arranged, and its users have backgrounds', async (t) => {
-  const recording = joined(t, { isMixingEnabled: true, mixResolution: '160,90,15,200' });
-  await firstOf(recording, ({ type }) => type === 'userJoined');
-  recording.setLayout({
-    regions: [{ uid: 1, width: 0.5 }, { uid: 2, x: 0.5, width: 0.5, fit: true }],
-    backgroundColor: '#203040',
-    appData: new Uint8Array([1, 2]),
+  test('a failed session ends the loop with an error', async (t) => {
+    const recording = joined(t, { server: 'nonsense:' });
+    const seen = [];
+    await assert.rejects(async () => {
+      for await (const event of recording) seen.push(event);
+    }, (error) => error instanceof SessionError && error instanceof ZeltaError &&
+      error.code === 'ERR_ZELTA_SESSION' && error.event === seen.find(({ type }) => type === 'error'));
+    assert.equal(seen.find(({ type }) => type === 'error').error, ErrorKind.FAILED);
   });
-  recording.setUserBackground(1, null);
-  recording.setLogLevel(zelta.LogLevel.NOTICE);
-});
 
-test('recording starts and stops by command', async (t) => {
-  const recording = joined(t, { triggerMode: 1 });
-  await firstOf(recording, ({ type }) => type === 'joined');
-  assert.throws(() => recording.stopService(), { code: 'ERR_ZELTA_REFUSED' });
-  recording.startService();
-  recording.stopService();
+  test('several at a time, and several loops over one', async (t) => {
+    const recordings = [joined(t), joined(t), joined(t)];
+    await Promise.all(recordings.map((of) => firstOf(of, ({ type }) => type === 'firstVideo')));
+    assert.equal(new Set(recordings.map(({ folder }) => folder)).size, 3);
+    const loops = [1, 2].map(async () => {
+      const types = [];
+      for await (const { type } of recordings[0]) types.push(type);
+      return types;
+    });
+    await recordings[0].leave();
+    await Promise.all(loops);
+    await Promise.all(recordings.map((of) => of.close()));
+  });
+
+  test('a mix is arranged, and its users have backgrounds', async (t) => {
+    const recording = joined(t, { isMixingEnabled: true, mixResolution: '160,90,15,200' });
+    await firstOf(recording, ({ type }) => type === 'userJoined');
+    recording.setLayout({
+      regions: [{ uid: 1, width: 0.5 }, { uid: 2, x: 0.5, width: 0.5, fit: true }],
+      backgroundColor: '#203040',
+      appData: new Uint8Array([1, 2]),
+    });
+    recording.setUserBackground(1, null);
+    recording.setLogLevel(zelta.LogLevel.NOTICE);
+  });
+
+  test('recording starts and stops by command', async (t) => {
+    const recording = joined(t, { triggerMode: 1 });
+    await firstOf(recording, ({ type }) => type === 'joined');
+    assert.throws(() => recording.stopService(), { code: 'ERR_ZELTA_REFUSED' });
+    recording.startService();
+    recording.stopService();
+  });
 });
 
 const folder = fs.mkdtempSync('wrong-');

@@ -18,10 +18,24 @@ for (const name of ['ZELTA_SERVICE_DIR', 'ZELTA_CHANNEL_SERVER', 'ZELTA_FILE_ROO
 
 export const FRAMES = { decodeAudio: DecodeAudio.PCM_FRAMES, decodeVideo: DecodeVideo.YUV_FRAMES };
 
-// What a test leaves behind goes when the test ends.
+function isRecordedInto(folder) {
+  return fs.readdirSync('/proc').filter((name) => /^\d+$/.test(name)).some((pid) => {
+    try {
+      const command = fs.readFileSync(`/proc/${pid}/cmdline`, 'utf8');
+      return command.includes('ZeltaCoreService') && command.includes(folder);
+    } catch {
+      return false; // it has ended since
+    }
+  });
+}
+
+// What a test leaves behind goes when the test ends; no recorder may outlive that.
 export function folderOf(test) {
   const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'zelta-node-'));
-  test.after(() => fs.rmSync(folder, { recursive: true, force: true, maxRetries: 5 }));
+  test.after(async () => {
+    await until('the recorder is gone', () => !isRecordedInto(folder));
+    fs.rmSync(folder, { recursive: true });
+  });
   return folder;
 }
 
