@@ -211,7 +211,7 @@ node_records() {
   inside install -d -o zelta -g zelta /tmp/check/node
   echo '{"Channel_Server": "test:users=1"}' >"$root/tmp/check/node/server.json"
   as_zelta sh -ec "cd /tmp/check/node
-    mkdir node_modules && ln -s /usr/lib/nodejs/zelta-recording node_modules/ && cp $examples/*.mjs .
+    mkdir node_modules && ln -s /usr/lib/*/nodejs/zelta-recording node_modules/ && cp $examples/*.mjs .
     node -e 'require(\"zelta-recording\")'
     timeout 60 node record.mjs server.json
     timeout 60 node frames.mjs server.json"
