@@ -24,6 +24,10 @@ if(ZELTA_BUILD_PYTHON)
   set(python_name python3-zelta-recording)
   list(APPEND components python)
 endif()
+if(ZELTA_BUILD_NODE)
+  set(node_name node-zelta-recording)
+  list(APPEND components node)
+endif()
 
 # Two builds of one state of the sources are called alike, those between releases by their commit, and
 # are older than the release that comes.
@@ -291,6 +295,23 @@ if(ZELTA_BUILD_PYTHON)
 The module zelta_recording: a program in Python records channels, follows
 their events by a loop, also of asyncio, and looks at sound and pictures as
 NumPy arrays that nothing was copied for.
+
+The recorder is in the package zelta-recorder.")
+endif()
+
+if(ZELTA_BUILD_NODE)
+  install(FILES examples/node/record.mjs examples/node/frames.mjs
+          DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/${node_name}/examples" COMPONENT node)
+  set(CPACK_DEBIAN_NODE_PACKAGE_GENERATE_SHLIBS OFF)
+  set(CPACK_DEBIAN_NODE_PACKAGE_SECTION javascript)
+  set(CPACK_DEBIAN_NODE_PACKAGE_DEPENDS "nodejs (>= 18)")
+  set(CPACK_DEBIAN_NODE_PACKAGE_RECOMMENDS zelta-recorder)
+  set(CPACK_COMPONENT_NODE_DEPENDS library)
+  set(CPACK_COMPONENT_NODE_DESCRIPTION
+      "recording of real-time audio and video channels - Node.js
+The package zelta-recording: a program in JavaScript or TypeScript records
+channels, follows their events by a loop of its own event loop, and looks at
+sound and pictures that nothing was copied for.
 
 The recorder is in the package zelta-recorder.")
 endif()

@@ -6,9 +6,9 @@ cd "$(dirname "$0")/.."
 preset=${1:-release}
 
 echo "== setting up"
-scripts/install-deps.sh test browser python
+scripts/install-deps.sh test browser python node
 echo "== building $preset"
-bindings=(-DZELTA_BUILD_PYTHON=ON)
+bindings=(-DZELTA_BUILD_PYTHON=ON -DZELTA_BUILD_NODE=ON)
 # Virtual machines load no library with a sanitizer in it.
 [ "$preset" != release ] || bindings+=(-DZELTA_BUILD_JAVA=ON)
 cmake --preset "$preset" -DZELTA_BUILD_TESTS=ON "${bindings[@]}" >/dev/null

@@ -19,10 +19,10 @@ work=$(cd "$work" && pwd)
 root=$work/root
 suite=bookworm
 packages=build/package/packages
-own=(zelta-fleet zelta-recorder python3-zelta-recording libzelta-recording-java libzelta-recording-jni libzelta-recording-dev 'libzelta-recording[0-9]*')
+own=(zelta-fleet zelta-recorder python3-zelta-recording node-zelta-recording libzelta-recording-java libzelta-recording-jni libzelta-recording-dev 'libzelta-recording[0-9]*')
 failed=0
 
-scripts/install-deps.sh package python >&2
+scripts/install-deps.sh package python node >&2
 cmake --preset package >&2
 # Of another version, if any.
 rm -rf "$packages"
@@ -206,6 +206,17 @@ python_records() {
     timeout 60 python3 $examples/frames.py server.json"
   [ -n "$(find "$root/tmp/check/python" -name '*.mp4' -size +10k)" ]
 }
+node_records() {
+  local examples=/usr/share/doc/node-zelta-recording/examples
+  inside install -d -o zelta -g zelta /tmp/check/node
+  echo '{"Channel_Server": "test:users=1"}' >"$root/tmp/check/node/server.json"
+  as_zelta sh -ec "cd /tmp/check/node
+    mkdir node_modules && ln -s /usr/lib/*/nodejs/zelta-recording node_modules/ && cp $examples/*.mjs .
+    node -e 'require(\"zelta-recording\")'
+    timeout 60 node record.mjs server.json
+    timeout 60 node frames.mjs server.json"
+  [ -n "$(find "$root/tmp/check/node" -name '*.mp4' -size +10k)" ]
+}
 
 tells_versions() {
   local tool
@@ -312,8 +323,9 @@ row "zelta-lay makes a film of it" lays
 row "zelta-view makes a page of it" exports
 row "zelta-deliver delivers it" delivers
 row "the examples in Python record, and see frames" python_records
+row "the examples for Node.js record, and see frames" node_records
 rm -rf --one-file-system "$root/tmp/check"
-row "purged" apt_get purge zelta-fleet zelta-recorder python3-zelta-recording libzelta-recording-java libzelta-recording-jni 'libzelta-recording[0-9]*'
+row "purged" apt_get purge zelta-fleet zelta-recorder python3-zelta-recording node-zelta-recording libzelta-recording-java libzelta-recording-jni 'libzelta-recording[0-9]*'
 snapshot >"$work/after"
 row "nothing is left but the user" nothing_left "$work/before" "$work/after"
 

@@ -8,7 +8,7 @@
 # "crowd" what scripts/check-crowd.sh encrypts with; with "deliver" what scripts/check-deliver.sh runs
 # and cuts; with "fleet" what scripts/check-fleet.sh does; with "package" what scripts/check-packages.sh does,
 # with "image" what it makes images with, too; with "docs" what scripts/docs.sh makes the site with; and with
-# "python" what the Python package is built with.
+# "python" or "node" what the package for Python or for Node.js is built with.
 #
 # "test" brings nginx, an SSH server and a NATS server, which Debian starts where systemd runs: they
 # listen on ports 80, 22 and 4222 until `systemctl disable --now nginx ssh nats-server`. The tests start
@@ -40,10 +40,14 @@ for want in "$@"; do
     mutate) packages+=(ccache lld util-linux) ;;
     package) packages+=(openjdk-17-jdk-headless abigail-tools dpkg-dev lintian debootstrap util-linux) ;;
     python) packages+=(python3-dev python3-cffi python3-numpy) ;;
+    node)
+      packages+=(nodejs)
+      # Other packages of Node.js than Debian's bring the headers along.
+      [ -e /usr/include/node/node_api.h ] || packages+=(libnode-dev) ;;
     image) packages+=(podman buildah runc) ;;
     docs) packages+=(mkdocs mkdocs-material doxygen) ;;
     lint) packages+=(clang-14 clang-format-14 clang-tidy-14 clang-tools-14 mypy python3-numpy) ;;
-    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, fleet, bench, fuzz, mutate, package, python, image, docs or lint" >&2; exit 2 ;;
+    *) echo "install-deps.sh: unknown set \"$want\": it should be test, browser, sound, deliver, fleet, bench, fuzz, mutate, package, python, node, image, docs or lint" >&2; exit 2 ;;
   esac
 done
 

@@ -11,7 +11,7 @@ case ${1:-} in
   *) echo "lint.sh: unknown argument \"$1\": it should be --changed, or none" >&2; exit 2 ;;
 esac
 
-scripts/install-deps.sh test bench lint
+scripts/install-deps.sh test bench lint node
 mapfile -t sources < <(git ls-files -co --exclude-standard '*.cpp' '*.h')
 echo "== clang-format"
 clang-format-14 --dry-run -Werror "${sources[@]}"
@@ -19,7 +19,7 @@ echo "== arrows"
 scripts/lint/arrows.py
 echo "== mypy"
 MYPYPATH=bindings/python mypy --strict --cache-dir build/mypy bindings/python/zelta_recording examples/python
-cmake --preset release -DZELTA_BUILD_TESTS=ON -DZELTA_BUILD_BENCH=ON -DZELTA_BUILD_JAVA=ON >/dev/null
+cmake --preset release -DZELTA_BUILD_TESTS=ON -DZELTA_BUILD_BENCH=ON -DZELTA_BUILD_JAVA=ON -DZELTA_BUILD_NODE=ON >/dev/null
 # With it javac writes the header of the JNI library.
 cmake --build --preset release --target zelta_recording_jar -- --quiet
 files=("$PWD/(src|tools|tests|bench|bindings|fuzz|examples)/")

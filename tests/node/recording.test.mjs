@@ -1,0 +1,207 @@
+// SPDX-License-Identifier: Apache-2.0
+// Recordings in one process: events, files, failures, wrong uses.
+import assert from 'node:assert/strict';
+import fs from 'node:fs';
+import { createRequire } from 'node:module';
+import { after, describe, test } from 'node:test';
+import { setTimeout as passed } from 'node:timers/promises';
+
+import * as zelta from 'zelta-recording';
+import { channel, firstOf, folderOf, isComplete, joined } from './support.mjs';
+
+const { ErrorKind, LeaveReason, Recording, SessionError, ZeltaError } = zelta;
+
+test('users come, and their files are complete once it is closed', async (t) => {
+  const recording = joined(t, { audioIndicationInterval: 100 });
+  const seen = new Map();
+  for await (const event of recording) {
+    seen.set(event.type, event);
+    if (event.type === 'volumes' && event.speakers.length === 2) break;
+  }
+  assert.equal(seen.get('joined').channelId, 'meeting');
+  assert.equal(seen.get('userJoined').storageDir, recording.folder);
+  assert.equal(seen.get('firstVideo').width, 160);
+  assert.ok(seen.get('volumes').speakers.every(({ uid, volume }) => uid >= 1 && volume <= 255));
+
+  let turns = 0;
+  let isClosed = false;
+  const turn = () => {
+    ++turns;
+    if (!isClosed) setImmediate(turn);
+  };
+  setImmediate(turn);
+  await recording.close();
+  isClosed = true;
+  assert.ok(isComplete(recording.folder));
+  assert.ok(turns > 1, 'the loop stood still while it was closed');
+  await recording.close();
+});
+
+test('what waited before a leave is handed out, and then the loop ends', async (t) => {
+  const recording = joined(t);
+  await firstOf(recording, ({ type }) => type === 'userJoined');
+  await firstOf(recording, ({ type }) => type === 'userJoined');
+  await recording.leave();
+  await recording.leave();
+  const types = [];
+  for await (const { type } of recording) types.push(type);
+  assert.ok(!types.includes('left'));
+  await recording.close();
+  assert.ok(isComplete(recording.folder));
+});
+
+test('a close ends the loop that waits', async (t) => {
+  const recording = joined(t);
+  const loop = firstOf(recording, () => false).catch((error) => error);
+  await passed(300);
+  await recording.close();
+  assert.match((await loop).message, /the events ended/);
+  for await (const event of recording) assert.fail(event.type);
+});
+
+test('who waits takes no processor', async (t) => {
+  const recording = joined(t, { isAudioOnly: true });
+  await firstOf(recording, ({ type }) => type === 'receiving');
+  const loop = firstOf(recording, () => false).catch(() => {});
+  const before = process.cpuUsage();
+  await passed(500);
+  const { user, system } = process.cpuUsage(before);
+  assert.ok(user + system < 250_000, `${user + system} microseconds of 500000`);
+  await recording.close();
+  await loop;
+});
+
+// They mostly wait.
+describe('at once', { concurrency: 5 }, () => {
+  test('the recorder leaves by itself, and the loop ends', async (t) => {
+    const recording = joined(t, { server: 'test:users=1,size=160x90,leave=1@1', idleLimitSec: 3 });
+    let left;
+    for await (const event of recording) if (event.type === 'left') left = event;
+    assert.equal(left.reason & LeaveReason.NO_USERS, LeaveReason.NO_USERS);
+  });
+
+  test('a failed session ends the loop with an error', async (t) => {
+    const recording = joined(t, { server: 'nonsense:' });
+    const seen = [];
+    await assert.rejects(async () => {
+      for await (const event of recording) seen.push(event);
+    }, (error) => error instanceof SessionError && error instanceof ZeltaError &&
+      error.code === 'ERR_ZELTA_SESSION' && error.event === seen.find(({ type }) => type === 'error'));
+    assert.equal(seen.find(({ type }) => type === 'error').error, ErrorKind.FAILED);
+  });
+
+  test('several at a time, and several loops over one', async (t) => {
+    const recordings = [joined(t), joined(t), joined(t)];
+    await Promise.all(recordings.map((of) => firstOf(of, ({ type }) => type === 'firstVideo')));
+    assert.equal(new Set(recordings.map(({ folder }) => folder)).size, 3);
+    const loops = [1, 2].map(async () => {
+      const types = [];
+      for await (const { type } of recordings[0]) types.push(type);
+      return types;
+    });
+    await recordings[0].leave();
+    await Promise.all(loops);
+    await Promise.all(recordings.map((of) => of.close()));
+  });
+
+  test('a mix is arranged, and its users have backgrounds', async (t) => {
+    const recording = joined(t, { isMixingEnabled: true, mixResolution: '160,90,15,200' });
+    await firstOf(recording, ({ type }) => type === 'userJoined');
+    recording.setLayout({
+      regions: [{ uid: 1, width: 0.5 }, { uid: 2, x: 0.5, width: 0.5, fit: true }],
+      backgroundColor: '#203040',
+      appData: new Uint8Array([1, 2]),
+    });
+    recording.setUserBackground(1, null);
+    recording.setLogLevel(zelta.LogLevel.NOTICE);
+  });
+
+  test('recording starts and stops by command', async (t) => {
+    const recording = joined(t, { triggerMode: 1 });
+    await firstOf(recording, ({ type }) => type === 'joined');
+    assert.throws(() => recording.stopService(), { code: 'ERR_ZELTA_REFUSED' });
+    recording.startService();
+    recording.stopService();
+  });
+});
+
+const folder = fs.mkdtempSync('wrong-');
+after(() => fs.rmSync(folder, { recursive: true }));
+const made = () => new Recording({ appId: 'my-app' });
+const config = channel(folder);
+const WRONG = [
+  ['no options', () => new Recording(), TypeError, /options is of type undefined, it should be an object/],
+  ['no app id', () => new Recording({}), TypeError, /options.appId is of type undefined.* a string/],
+  ['an empty app id', () => new Recording({ appId: '' }), 'ERR_ZELTA_ARGUMENT', /app_id is null or empty/],
+  ['an unknown option', () => new Recording({ appId: 'a', queue: 1 }), 'ERR_ZELTA_ARGUMENT', /options.queue is unknown/],
+  ['a queue below nothing', () => new Recording({ appId: 'a', queueBytes: -1 }), 'ERR_ZELTA_ARGUMENT', /options.queueBytes is -1/],
+  ['a queue of half a byte', () => new Recording({ appId: 'a', queueBytes: 0.5 }), 'ERR_ZELTA_ARGUMENT', /whole number/],
+  ['a queue that is text', () => new Recording({ appId: 'a', queueBytes: '1' }), TypeError, /options.queueBytes is of type string/],
+  ['without new', () => Recording({ appId: 'a' }), TypeError, /new/],
+  ['no channel', () => made().join(), TypeError, /channelId is of type undefined/],
+  ['an empty channel', () => made().join('', config), 'ERR_ZELTA_ARGUMENT', /length of channel_id is 0/],
+  ['a channel with a null character', () => made().join('a\0b', config), 'ERR_ZELTA_ARGUMENT', /channelId has a null/],
+  ['a misspelt member', () => made().join('a', { decodeVidio: 1 }), 'ERR_ZELTA_ARGUMENT', /config.decodeVidio is unknown/],
+  ['a member of a wrong type', () => made().join('a', { decodeVideo: '2' }), TypeError, /config.decodeVideo is of type string, it should be a number/],
+  ['a flag that is a number', () => made().join('a', { isAudioOnly: 1 }), TypeError, /config.isAudioOnly is of type number, it should be true or false/],
+  ['a path that is a number', () => made().join('a', { cfgFilePath: 1 }), TypeError, /config.cfgFilePath is of type number/],
+  ['a member out of range', () => made().join('a', { decodeVideo: 9 }), 'ERR_ZELTA_ARGUMENT', /decode_video is 9, it should be 0 to 5/],
+  ['a member beyond 32 bits', () => made().join('a', { idleLimitSec: 2 ** 40 }), 'ERR_ZELTA_ARGUMENT', /config.idleLimitSec is 1099511627776/],
+  ['a uid below 0', () => made().join('a', { uid: -1 }), 'ERR_ZELTA_ARGUMENT', /config.uid is -1/],
+  ['members that do not go together', () => made().join('a', { isAudioOnly: true, isVideoOnly: true }), 'ERR_ZELTA_CONFIGURATION', /standard error/],
+  ['no folder yet', () => made().folder, 'ERR_ZELTA_NOT_JOINED', /no folder/],
+  ['a layout before a join', () => made().setLayout({}), 'ERR_ZELTA_NOT_JOINED', /before a join/],
+  ['a layout that is none', () => made().setLayout(null), TypeError, /layout is of type null/],
+  ['a region without uid', () => made().setLayout({ regions: [{}] }), TypeError, /layout.regions\[0\].uid is of type undefined/],
+  ['a region that is text', () => made().setLayout({ regions: 'ab' }), TypeError, /layout.regions is of type string/],
+  ['data that is text', () => made().setLayout({ appData: 'ab' }), TypeError, /layout.appData is of type string, it should be a Uint8Array/],
+  ['a color that is none', () => made().setLayout({ backgroundColor: 'red' }), 'ERR_ZELTA_ARGUMENT', /background_color/],
+  ['a start before a join', () => made().startService(), 'ERR_ZELTA_NOT_JOINED', /before a join/],
+  ['a stop before a join', () => made().stopService(), 'ERR_ZELTA_NOT_JOINED', /before a join/],
+  ['a background before a join', () => made().setUserBackground(1, 'a.png'), 'ERR_ZELTA_NOT_JOINED', /before a join/],
+  ['a level that is none', () => made().setLogLevel(7), 'ERR_ZELTA_ARGUMENT', /level is 7/],
+  ['events before a join', async () => { for await (const event of made()) assert.fail(event.type); }, 'ERR_ZELTA_NOT_JOINED', /before a join/],
+  ['a leave before a join', () => made().leave(), 'ERR_ZELTA_NOT_JOINED', /before a join/],
+];
+for (const [what, use, wanted, text] of WRONG) {
+  test(`wrong: ${what}`, async () => {
+    const expected = wanted === TypeError ? { name: 'TypeError' } : { name: 'ZeltaError', code: wanted };
+    await assert.rejects(async () => use(), { ...expected, message: text });
+  });
+}
+
+test('wrong: one that was joined, left, closed', async (t) => {
+  const recording = joined(t);
+  assert.throws(() => recording.join('meeting', config), { code: 'ERR_ZELTA_JOINED' });
+  await firstOf(recording, ({ type }) => type === 'joined');
+  await recording.leave();
+  assert.throws(() => recording.join('meeting', config), { code: 'ERR_ZELTA_LEFT' });
+  assert.throws(() => recording.setLayout({}), { code: 'ERR_ZELTA_LEFT' });
+  await recording.close();
+  for (const use of [() => recording.join('meeting'), () => recording.setLayout({}),
+    () => recording.startService(), () => recording.setLogLevel(1)]) {
+    assert.throws(use, { code: 'ERR_ZELTA_CLOSED' });
+  }
+  await recording.leave();
+});
+
+test('a join that failed may be tried again', async (t) => {
+  const recording = made();
+  t.after(() => recording.close());
+  assert.throws(() => recording.join('meeting', { appliteDir: folder }), ZeltaError);
+  recording.join('meeting', channel(folderOf(t)));
+  await firstOf(recording, ({ type }) => type === 'joined');
+});
+
+test('both kinds of import have the same names, and types have the same numbers', () => {
+  const load = createRequire(import.meta.url);
+  const required = load('zelta-recording');
+  assert.deepEqual(Object.keys(zelta).sort(), Object.keys(required).sort());
+  const types = fs.readFileSync(load.resolve('zelta-recording').replace('index.js', 'index.d.ts'), 'utf8');
+  const groups = [...types.matchAll(/^export const (\w+): \{([^}]*)\};/gm)];
+  assert.equal(groups.length, 12);
+  for (const [, name, members] of groups) {
+    const numbers = [...members.matchAll(/readonly (\w+): (\d+);?/g)].map(([, of, value]) => [of, Number(value)]);
+    assert.deepEqual(Object.fromEntries(numbers), zelta[name], name);
+  }
+});
