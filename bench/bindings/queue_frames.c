@@ -1,5 +1,5 @@
 // SPDX-License-Identifier: Apache-2.0
-// Takes frames from the queue of the C interface and gives each back at once, for python_frames.py:
+// Takes frames from the queue of the C interface and gives each back at once, for frames.py:
 // what the queue costs before a language is added. Arguments: a folder to record in, and how many
 // frames. Prints JSON: nanoseconds of processor a frame, of the process and of this thread, and
 // frames dropped.
