@@ -19,10 +19,11 @@ work=$(cd "$work" && pwd)
 root=$work/root
 suite=bookworm
 packages=build/package/packages
-own=(zelta-fleet zelta-recorder python3-zelta-recording node-zelta-recording libzelta-recording-java libzelta-recording-jni libzelta-recording-dev 'libzelta-recording[0-9]*')
+own=(zelta-fleet zelta-recorder python3-zelta-recording node-zelta-recording libzelta-recording-java
+  libzelta-recording-jni 'libzelta-recording[0-9]*')
 failed=0
 
-scripts/install-deps.sh package python node >&2
+scripts/install-deps.sh package python node docs >&2
 cmake --preset package >&2
 # Of another version, if any.
 rm -rf "$packages"
@@ -147,6 +148,8 @@ symbols_fit() { # each program's build id is among the debug packages' files
   done < <(find "$work/unpacked/usr" -type f \( -perm -u+x -o -name '*.so.*' \) -exec readelf -n {} + 2>/dev/null |
     awk '/Build ID/ { print $3 }')
 }
+
+documents_link() { tests/docs/links_test.py && scripts/docs.sh --into "$work/site"; }
 
 # The library of the package, and what a compiler makes of the headers, against what the last release had.
 abi_fits() {
@@ -297,6 +300,7 @@ printf '%s\n' "$(cd "$packages" && ls -- *.deb *.ddeb)"
 row "lintian: no errors, no warning that isn't known" lintian_says
 row "no RUNPATH" no_search_path
 row "debug packages fit the programs" symbols_fit
+row "links of the documents, and the site of them" documents_link
 row "symbols and types are the last release's" abi_fits
 row "Debian $suite" make_root
 if image_base >"$work/said" 2>&1; then
@@ -325,7 +329,7 @@ row "zelta-deliver delivers it" delivers
 row "the examples in Python record, and see frames" python_records
 row "the examples for Node.js record, and see frames" node_records
 rm -rf --one-file-system "$root/tmp/check"
-row "purged" apt_get purge zelta-fleet zelta-recorder python3-zelta-recording node-zelta-recording libzelta-recording-java libzelta-recording-jni 'libzelta-recording[0-9]*'
+row "purged" apt_get purge "${own[@]}"
 snapshot >"$work/after"
 row "nothing is left but the user" nothing_left "$work/before" "$work/after"
 
@@ -344,7 +348,7 @@ row "its Frames.java hears and sees" runs_java Frames
 row "its GridLayout.java arranges a mix" runs_java GridLayout 4
 row "the examples of -dev, linked statically" builds_static
 rm -rf --one-file-system "$root/tmp/consumer"
-row "purged, with -dev" apt_get purge "${own[@]}"
+row "purged, with -dev" apt_get purge libzelta-recording-dev "${own[@]}"
 snapshot >"$work/after"
 row "nothing is left" nothing_left "$work/before" "$work/after"
 find "$root/var/cache/apt/archives" -maxdepth 1 -name '*.deb' -exec cp -n -t "$work/archives" {} +
