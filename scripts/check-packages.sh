@@ -10,6 +10,7 @@
 # (mounts and processes) that end with each command: outside of them nothing ever lies in the chroot.
 # shellcheck disable=SC2317  # the checks are called by row
 set -euo pipefail
+export PYTHONDONTWRITEBYTECODE=1  # nothing is written beside the sources
 cd "$(dirname "$0")/.."
 [ "$(id -u)" -eq 0 ] || { echo "check-packages.sh: it makes a chroot, and should be run by root" >&2; exit 2; }
 [ $# -le 1 ] || { echo "check-packages.sh: it takes one folder, or none" >&2; exit 2; }
@@ -205,7 +206,7 @@ python_records() {
   inside install -d -o zelta -g zelta /tmp/check/python
   echo '{"Channel_Server": "test:users=1"}' >"$root/tmp/check/python/server.json"
   as_zelta sh -ec "cd /tmp/check/python
-    timeout --foreground --preserve-status --signal INT 5 python3 $examples/record.py server.json
+    timeout --foreground --preserve-status --signal INT 20 python3 $examples/record.py server.json
     timeout 60 python3 $examples/frames.py server.json"
   [ -n "$(find "$root/tmp/check/python" -name '*.mp4' -size +10k)" ]
 }

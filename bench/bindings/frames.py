@@ -63,6 +63,15 @@ def first_line(*command):
     return subprocess.run(command, check=True, stdout=subprocess.PIPE, text=True).stdout.splitlines()[0]
 
 
+def languages(build):
+    """What is measured, with its version."""
+    yield f"Python {platform.python_version()}"
+    if (build / "java").is_dir():
+        yield first_line("java", "--version")
+    if (build / "node").is_dir():
+        yield f"Node.js {first_line('node', '--version')}"
+
+
 def commands(build, folder, frames):
     """What takes frames from a queue, by its name: the command, and its environment beside the stand-in's."""
     arguments = [folder, frames]
@@ -119,7 +128,7 @@ def main():
     print(f"""# Frames in each language, measured
 
 Made by `/usr/bin/python3 bench/bindings/frames.py > docs/bench/bindings.md` on {platform.machine()}, Linux {platform.release()},
-Python {platform.python_version()}, {first_line("java", "--version")}, Node.js {first_line("node", "--version")}, {given.rounds} rounds.
+{", ".join(languages(given.build))}, {given.rounds} rounds.
 Microseconds of processor that a frame costs the application while the recorder's stand-in sends as fast as it can: of all
 its threads, which are the engine's, who reads, and copies into the queue where there is one, the application's, and
 those that a language brings along; and of the application's alone. "Taken" counts the frames and gives them back,
