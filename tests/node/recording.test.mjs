@@ -87,10 +87,12 @@ test('a close that waits for a recorder takes no processor', async (t) => {
   t.after(() => recording.close());
   recording.join('meeting', channel(folder));
   await firstOf(recording, ({ type }) => type === 'firstVideo');
-  const loop = firstOf(recording, () => false).catch((error) => error);
   const [recorder, ...others] = recordersInto(folder);
   assert.deepEqual(others, []);
   process.kill(recorder, 'SIGSTOP');
+  const loop = firstOf(recording, () => false).catch((error) => error);
+  // It has taken all there is, and waits.
+  await nextTurn();
   const before = process.cpuUsage();
   let isClosed = false;
   const closing = recording.close().then(() => { isClosed = true; });
@@ -252,10 +254,14 @@ test('wrong: one that was joined, left, closed', async (t) => {
   assert.throws(() => recording.join('meeting', config), { code: 'ERR_ZELTA_JOINED' });
   await firstOf(recording, ({ type }) => type === 'joined');
   const leaving = recording.leave();
+  // A thread has begun with it, and has half a second to go.
+  await nextTurn();
+  const before = performance.now();
   for (const when of ['while it is left', 'after that']) {
     for (const use of [() => recording.join('meeting', config), () => recording.setLayout({}),
       () => recording.setUserBackground(1, null), () => recording.startService(), () => recording.stopService()]) {
       assert.throws(use, { code: 'ERR_ZELTA_LEFT' }, when);
+      if (when === 'while it is left') assert.ok(performance.now() - before < 250, 'it waited for the leave');
     }
     await leaving;
   }
