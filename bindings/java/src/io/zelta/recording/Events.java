@@ -62,11 +62,12 @@ final class Events {
     Lease lease = null;
     handle.holdOnceMore();
     try {
-      lease = new Lease(handle, event, lent);
+      lease = Lease.of(handle, event, lent);
       return kind == AUDIO_FRAME
           ? new AudioFrame(uid, fields, Native.FIELD_FIRST, lent, lease)
           : new VideoFrame(uid, fields, Native.FIELD_FIRST, lent, lease);
     } catch (Throwable noMemory) {
+        // The hold goes with the buffer.
       if (lease != null) {
         lease.end();
       } else {
