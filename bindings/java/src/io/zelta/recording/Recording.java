@@ -114,7 +114,8 @@ public final class Recording implements AutoCloseable {
    * @param channelId 1 to 64 bytes, a part of the folder's name as it stands
    * @param uid the recorder's own; 0: the recorder chooses
    * @param config what to record
-   * @throws ConfigurationException where a value can't be used; it may be tried again
+   * @throws ArgumentException where a value can't be used; it may be tried again
+   * @throws ConfigurationException where values don't go together; it may be tried again
    * @throws RefusedException where there is no recorder, or no folder; it may be tried again
    * @throws RecordingStateException where it was joined, left or closed before
    */
@@ -148,7 +149,7 @@ public final class Recording implements AutoCloseable {
    * Arranges the users on the mixed picture.
    *
    * @param layout where each is
-   * @throws ConfigurationException where a place or the color can't be
+   * @throws ArgumentException where a place or the color can't be
    * @throws RefusedException where the engine can't
    * @throws RecordingStateException before the join or after the leave
    */
