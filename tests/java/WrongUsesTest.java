@@ -154,20 +154,27 @@ final class WrongUsesTest {
       state(-7, recording::folder);
       state(-7, recording::startService);
       state(-7, recording::leave);
+      state(-7, () -> recording.nextEvent(Duration.ofSeconds(Long.MIN_VALUE)));
+      state(-7, () -> recording.nextEvent(Channel.LIMIT));
+      state(-7, () -> recording.events().iterator().hasNext());
+      Suite.check(!recording.hasEnded());
       state(-7, () -> recording.setLayout(new Layout(List.of())));
       recording.setLogLevel(LogLevel.NOTICE);
       recording.join("meeting", channel.config().build());
       state(-8, () -> recording.join("meeting", channel.config().build()));
       Suite.thrown(RefusedException.class, recording::startService);
       recording.leave();
-      state(-9, recording::leave);
+      recording.leave();
       state(-9, recording::stopService);
       recording.finish();
       recording.finish();
+      recording.leave();
+      state(-9, () -> recording.setLogLevel(LogLevel.NOTICE));
       Path folder = recording.folder();
       Suite.check(folder.startsWith(channel.folder()));
       recording.close();
       recording.close();
+      recording.leave();
       Suite.same(folder, recording.folder());
       Suite.check(
           state(-1, recording::finish).getMessage().contains("the recording was closed"));
