@@ -21,6 +21,7 @@ class GridLayout {
     Config.Builder config = Config.builder().configFile(Path.of(arguments[0])).mixing(true);
     config.mixedFile(MixedFile.HIGH).mixResolution("640,360,15,500");
     Set<Long> users = new TreeSet<>();
+    boolean recorded;
     try (Recording recording = Recording.create("my-app")) {
       recording.join("meeting", config.build());
       long endNs = System.nanoTime() + Duration.ofSeconds(Long.parseLong(arguments[1])).toNanos();
@@ -35,8 +36,9 @@ class GridLayout {
           System.out.println(users.size() + " users in " + recording.folder());
         }
       }
+      recorded = !users.isEmpty() && !recording.hasEnded();
     }
-    System.exit(users.isEmpty() ? 1 : 0);
+    System.exit(recorded ? 0 : 1);
   }
 
   static List<Region> grid(Set<Long> users) {

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: Apache-2.0
 // A process that ends with everything alive: recordings, threads that wait for their events, and
-// frames. The arguments are how it ends, the folder to record into, and its configuration file.
+// frames. Or one whose locale has no path for the name of its folder. The arguments are how it
+// ends, the folder to record into, and its configuration file.
 import io.zelta.recording.Config;
 import io.zelta.recording.DecodeVideo;
 import io.zelta.recording.Event;
 import io.zelta.recording.Recording;
 import io.zelta.recording.VideoFrame;
+import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
@@ -21,6 +23,10 @@ final class Child {
   public static void main(String[] arguments) throws Exception {
     Config.Builder config = Config.builder().recordingsFolder(Path.of(arguments[1]));
     config.configFile(Path.of(arguments[2])).decodeVideo(DecodeVideo.YUV_FRAMES);
+    if (arguments[0].equals("locale")) {
+      record(config.build());
+      return;
+    }
     CountDownLatch seen = new CountDownLatch(RECORDINGS);
     for (int i = 0; i < RECORDINGS; ++i) {
       Recording recording = Recording.create("java-test");
@@ -36,6 +42,18 @@ final class Child {
     } else if (arguments[0].equals("halt")) {
       Runtime.getRuntime().halt(0);
     }
+  }
+
+  // Nothing is open after the close, not even the recorder, and the event wasn't lost.
+  private static void record(Config config) throws Exception {
+    try (Recording recording = Recording.create("java-test")) {
+      recording.join("r\u00e9union", config);
+      Event.UserJoined user = Channel.await(recording, Event.UserJoined.class);
+      Suite.check(user.folderText().contains("r\u00e9union"), user);
+      Suite.thrown(InvalidPathException.class, user::folder);
+      Suite.thrown(InvalidPathException.class, recording::folder);
+    }
+    Suite.same(0L, ProcessHandle.current().children().count());
   }
 
   private static void hold(Recording recording, CountDownLatch seen) {

@@ -8,6 +8,7 @@ import io.zelta.recording.MixedFile;
 import io.zelta.recording.Recording;
 import io.zelta.recording.Region;
 import io.zelta.recording.SessionError;
+import io.zelta.recording.SessionException;
 import io.zelta.recording.Stat;
 import io.zelta.recording.TriggerMode;
 import io.zelta.recording.Volume;
@@ -143,12 +144,25 @@ final class EventsTest {
       // A port of this machine on which nobody answers.
       Files.writeString(settings, "{\"Channel_Server\": \"janus:ws://127.0.0.1:1/\"}");
       recording.join("1", channel.config().configFile(settings).build());
-      Event.Failure failure = null;
-      for (Event event : recording.events()) {
-        failure = event instanceof Event.Failure found ? found : failure;
-      }
-      Suite.check(failure != null && failure.isFatal(), failure);
-      Suite.check(!failure.stats().isEmpty(), failure);
+      List<Event.Failure> failures = new ArrayList<>();
+      SessionException thrown =
+          Suite.thrown(
+              SessionException.class,
+              () -> {
+                for (Event event : recording.events()) {
+                  if (event instanceof Event.Failure failure && failure.isFatal()) {
+                    failures.add(failure);
+                  }
+                }
+              });
+      // Handed out first, as any other event.
+      Suite.same(failures.get(0), thrown.failure());
+      Suite.check(!thrown.failure().stats().isEmpty(), thrown);
+      Suite.check(thrown.detail().contains("FAILED"), thrown);
+      // Every loop says so; who asks for one event looks at the events alone.
+      Suite.thrown(SessionException.class, () -> recording.events().iterator().hasNext());
+      Suite.check(recording.nextEvent(Channel.LIMIT).isEmpty() && recording.hasEnded());
+      recording.leave();
     }
   }
 

@@ -11,9 +11,12 @@ import io.zelta.recording.Frame;
 import io.zelta.recording.Recording;
 import io.zelta.recording.VideoFormat;
 import io.zelta.recording.VideoFrame;
+import java.lang.reflect.Field;
 import java.nio.ByteBuffer;
 import java.nio.ByteOrder;
 import java.nio.ReadOnlyBufferException;
+import java.nio.file.Files;
+import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.Arrays;
 import java.util.List;
@@ -32,6 +35,7 @@ final class FramesTest {
     suite.add("KeptSliceHoldsWhatItIsOf", FramesTest::slice);
     suite.add("ClosedFrameIsNotRead", FramesTest::closed);
     suite.add("FrameOutlivesTheCloseOfItsRecording", FramesTest::outlives);
+    suite.add("KeptBufferOfClosedFrameStaysMapped", FramesTest::mapped);
     suite.add("ForgottenFramesComeBackByTheCollector", FramesTest::forgotten);
     suite.add("HeldFramesFillTheQueueUntilTheyComeBack", FramesTest::full);
   }
@@ -161,6 +165,45 @@ final class FramesTest {
       video.close();
       Suite.thrown(IllegalStateException.class, video::data);
     }
+  }
+
+  private static void mapped() throws Exception {
+    try (Channel channel = new Channel()) {
+      // Pictures so large that their memory is mapped for each alone, and unmapped with it.
+      Path settings = channel.folder().resolve("large.json");
+      Files.writeString(settings, "{\"Channel_Server\": \"test:users=1,size=1280x720,fps=15\"}");
+      Config.Builder config = decoded(channel).configFile(settings);
+      Path queue;
+      ByteBuffer kept;
+      try (Recording recording = channel.join(config, 0)) {
+        queue = queueOf(recording);
+        try (VideoFrame video = Channel.await(recording, VideoFrame.class)) {
+          kept = video.plane(0);
+        }
+      }
+      System.gc();
+      // What it shows is anybody's; that it can be read at all is what counts.
+      for (int i = 0; i < kept.capacity(); ++i) {
+        kept.get(i);
+      }
+      Suite.check(Files.isSymbolicLink(queue), "the recording is gone");
+      kept = null;
+      long endNs = System.nanoTime() + Channel.LIMIT.toNanos();
+      while (Files.isSymbolicLink(queue)) {
+        Suite.check(System.nanoTime() < endNs, "the recording was not released");
+        System.gc();
+        Thread.sleep(20);
+      }
+    }
+  }
+
+  /** The queue's descriptor, which is there as long as the library has the recording. */
+  private static Path queueOf(Recording recording) throws Exception {
+    Field handle = Recording.class.getDeclaredField("handle");
+    handle.setAccessible(true);
+    Field eventFd = handle.getType().getDeclaredField("eventFd");
+    eventFd.setAccessible(true);
+    return Path.of("/proc/self/fd", eventFd.get(handle.get(recording)).toString());
   }
 
   private static void forgotten() throws Exception {

@@ -15,11 +15,18 @@ final class ProcessTest {
     for (String way : List.of("return", "exit", "halt")) {
       suite.add("ProcessEndsWithEverythingAliveBy" + way, () -> endsBy(way));
     }
+    suite.add("NameThatTheLocaleHasNoPathForIsRecorded", ProcessTest::locale);
     suite.add("MissingLibrarySaysWhereItLooked", ProcessTest::missing);
   }
 
-  /** Runs the child, and returns what it wrote; it has to end with that status. */
   private static String child(int status, Channel channel, String libraries, String... way)
+      throws Exception {
+    return child(status, channel, libraries, "C.UTF-8", way);
+  }
+
+  /** Runs the child, and returns what it wrote; it has to end with that status. */
+  private static String child(
+      int status, Channel channel, String libraries, String locale, String[] way)
       throws Exception {
     Path said = channel.folder().resolve("said.txt");
     List<String> command = new ArrayList<>();
@@ -29,11 +36,10 @@ final class ProcessTest {
     command.addAll(List.of("-Djava.library.path=" + libraries, "-cp"));
     command.addAll(List.of(System.getProperty("java.class.path"), "Child"));
     command.addAll(List.of(way));
-    Process process =
-        new ProcessBuilder(command)
-            .redirectErrorStream(true)
-            .redirectOutput(said.toFile())
-            .start();
+    ProcessBuilder builder =
+        new ProcessBuilder(command).redirectErrorStream(true).redirectOutput(said.toFile());
+    builder.environment().put("LC_ALL", locale);
+    Process process = builder.start();
     try {
       boolean ended = process.waitFor(Channel.LIMIT.toSeconds(), TimeUnit.SECONDS);
       String text = Files.readString(said);
@@ -57,6 +63,17 @@ final class ProcessTest {
         Suite.check(System.nanoTime() < endNs, "files are not complete");
         Thread.sleep(20);
       }
+    }
+  }
+
+  private static void locale() throws Exception {
+    try (Channel channel = new Channel()) {
+      String folder = channel.folder().toString();
+      String settings = channel.folder().resolve("server.json").toString();
+      String libraries = System.getProperty("java.library.path");
+      child(0, channel, libraries, "C", new String[] {"locale", folder, settings});
+      // Complete when the child's close has returned.
+      Suite.check(channel.isComplete(1), channel.files(""));
     }
   }
 

@@ -1,5 +1,6 @@
 // SPDX-License-Identifier: Apache-2.0
 // What can't be is an exception of its kind, whose text has the value that was wrong.
+import io.zelta.recording.ArgumentException;
 import io.zelta.recording.AudioProfile;
 import io.zelta.recording.Config;
 import io.zelta.recording.ConfigurationException;
@@ -41,17 +42,21 @@ final class WrongUsesTest {
             new Setting("capture_interval is -1", c -> c.captureInterval(Duration.ofSeconds(-1))),
             new Setting(
                 "audio_indication_interval is -5", c -> c.volumeInterval(Duration.ofMillis(-5))),
-            new Setting("mixed_video_audio is 2", c -> c.mixedFile(MixedFile.HIGH)),
             new Setting("mix_resolution is \"640\"", c -> c.mixing(true).mixResolution("640")));
     try (Recording recording = Recording.create("java-test")) {
       for (Setting row : rows) {
         Config config = row.set().apply(Config.builder()).build();
         ZeltaException wrong =
-            Suite.thrown(ConfigurationException.class, () -> recording.join("meeting", config));
+            Suite.thrown(ArgumentException.class, () -> recording.join("meeting", config));
         Suite.check(wrong.getMessage().contains(wrong.text()), wrong);
         Suite.check(wrong.getMessage().contains(wrong.detail()), wrong);
         Suite.check(wrong.detail().contains(row.detail()), row.detail(), "isn't in", wrong);
       }
+      Config apart = Config.builder().mixedFile(MixedFile.HIGH).build();
+      String both =
+          Suite.thrown(ConfigurationException.class, () -> recording.join("meeting", apart))
+              .detail();
+      Suite.check(both.contains("mixed_video_audio is 2"), both);
       // What the engine itself finds, and says in its log alone.
       for (Config.Builder config :
           List.of(
@@ -81,7 +86,7 @@ final class WrongUsesTest {
       recording.join("meeting", channel.config().mixing(true).build());
       for (Row row : rows) {
         String detail =
-            Suite.thrown(ConfigurationException.class, () -> recording.setLayout(row.layout()))
+            Suite.thrown(ArgumentException.class, () -> recording.setLayout(row.layout()))
                 .detail();
         Suite.check(detail.contains(row.detail()), row.detail(), "isn't in", detail);
       }
@@ -135,10 +140,10 @@ final class WrongUsesTest {
         Suite.check(said.contains(row.name()), said);
       }
       Suite.check(
-          Suite.thrown(ConfigurationException.class, () -> recording.join("", config))
+          Suite.thrown(ArgumentException.class, () -> recording.join("", config))
               .detail().contains("channel_id"));
       Suite.check(
-          Suite.thrown(ConfigurationException.class, () -> Recording.create("")).detail()
+          Suite.thrown(ArgumentException.class, () -> Recording.create("")).detail()
               .contains("app_id"));
     }
   }
@@ -149,20 +154,27 @@ final class WrongUsesTest {
       state(-7, recording::folder);
       state(-7, recording::startService);
       state(-7, recording::leave);
+      state(-7, () -> recording.nextEvent(Duration.ofSeconds(Long.MIN_VALUE)));
+      state(-7, () -> recording.nextEvent(Channel.LIMIT));
+      state(-7, () -> recording.events().iterator().hasNext());
+      Suite.check(!recording.hasEnded());
       state(-7, () -> recording.setLayout(new Layout(List.of())));
       recording.setLogLevel(LogLevel.NOTICE);
       recording.join("meeting", channel.config().build());
       state(-8, () -> recording.join("meeting", channel.config().build()));
       Suite.thrown(RefusedException.class, recording::startService);
       recording.leave();
-      state(-9, recording::leave);
+      recording.leave();
       state(-9, recording::stopService);
       recording.finish();
       recording.finish();
+      recording.leave();
+      state(-9, () -> recording.setLogLevel(LogLevel.NOTICE));
       Path folder = recording.folder();
       Suite.check(folder.startsWith(channel.folder()));
       recording.close();
       recording.close();
+      recording.leave();
       Suite.same(folder, recording.folder());
       Suite.check(
           state(-1, recording::finish).getMessage().contains("the recording was closed"));

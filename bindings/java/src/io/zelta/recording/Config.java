@@ -6,8 +6,9 @@ import java.time.Duration;
 import java.util.Objects;
 
 /**
- * What to record and how. A join checks it: what can't be used, or doesn't go together, is a {@link
- * ConfigurationException} there, which names the value as the C header does.
+ * What to record and how. A join checks it: what can't be used is an {@link ArgumentException}
+ * there, which names the value as the C header does, and what doesn't go together a {@link
+ * ConfigurationException}.
  */
 public final class Config {
   private static final int LANGUAGE_JAVA = 1;

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 package io.zelta.recording;
 
-/** A value can't be used, or values don't go together: the detail says which, or the log. */
+/** Values of a configuration don't go together: the detail says which, or the log. */
 public class ConfigurationException extends ZeltaException {
   private static final long serialVersionUID = 1L;
 

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: Apache-2.0
 package io.zelta.recording;
 
+import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
 import java.util.List;
 import java.util.Set;
@@ -68,9 +69,19 @@ public sealed interface Event
    * A user is in the channel.
    *
    * @param uid the user
-   * @param folder the recording folder
+   * @param folderText the recording folder, also where the locale has no path for its name
    */
-  record UserJoined(long uid, Path folder) implements Event {}
+  record UserJoined(long uid, String folderText) implements Event {
+    /**
+     * The recording folder.
+     *
+     * @return its path
+     * @throws InvalidPathException where the name has letters that the locale doesn't have
+     */
+    public Path folder() {
+      return Path.of(folderText);
+    }
+  }
 
   /**
    * A user has gone.

@@ -2,7 +2,6 @@
 package io.zelta.recording;
 
 import java.nio.ByteBuffer;
-import java.nio.file.Path;
 import java.util.ArrayList;
 import java.util.List;
 
@@ -41,7 +40,7 @@ final class Events {
       case WARNING -> new Event.Warning(WarningCode.of(first), (int) first);
       case JOINED -> new Event.Joined(uid, text(content));
       case LEFT -> new Event.Left(LeaveReason.of(first));
-      case USER_JOINED -> new Event.UserJoined(uid, Path.of(text(content)));
+      case USER_JOINED -> new Event.UserJoined(uid, text(content));
       case USER_OFFLINE -> new Event.UserOffline(uid, OfflineReason.of(first));
       case AUDIO_FRAME, VIDEO_FRAME -> frame(handle, kind, fields, (ByteBuffer) content);
       case SPEAKER -> new Event.Speaker(uid);
@@ -62,12 +61,13 @@ final class Events {
     Lease lease = null;
     handle.holdOnceMore();
     try {
-      lease = new Lease(handle, event, lent);
+      lease = Lease.of(handle, event, lent);
       return kind == AUDIO_FRAME
           ? new AudioFrame(uid, fields, Native.FIELD_FIRST, lent, lease)
           : new VideoFrame(uid, fields, Native.FIELD_FIRST, lent, lease);
     } catch (Throwable noMemory) {
       if (lease != null) {
+        // The hold goes with the buffer.
         lease.end();
       } else {
         Native.releaseEvent(handle.number(), event);

@@ -9,10 +9,13 @@ import java.nio.ByteOrder;
  * and frames that come without room are dropped: close each as soon as it was used.
  *
  * <p>{@link #close()} gives the memory back at once. Until then its buffers stay as they are, also
- * after the recording was closed. A buffer that is read after the close of its frame shows
- * anything; {@link #toByteArray()} is for what is kept. A frame that nobody closes is given back
- * when the collector has found that neither it nor a buffer of it, nor a slice of one, is
- * reachable. That may take long, as the collector doesn't know how much memory that is.
+ * after the recording was closed. Afterwards a buffer that was kept must not be read: it shows
+ * another frame, or ends the virtual machine. {@link #toByteArray()} is for what is kept.
+ *
+ * <p>A frame that nobody closes is given back when the collector has found that neither it nor a
+ * buffer of it, nor a slice of one, is reachable. That may take long, as the collector doesn't know
+ * how much memory that is. The native memory of a closed recording goes when the collector has
+ * found that of all its frames, closed or not.
  */
 public abstract sealed class Frame implements Event, AutoCloseable permits AudioFrame, VideoFrame {
   private final long uid;

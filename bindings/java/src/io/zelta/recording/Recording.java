@@ -3,6 +3,7 @@ package io.zelta.recording;
 
 import java.lang.ref.Cleaner;
 import java.lang.ref.Reference;
+import java.nio.file.InvalidPathException;
 import java.nio.file.Path;
 import java.time.Duration;
 import java.util.Iterator;
@@ -10,6 +11,7 @@ import java.util.List;
 import java.util.NoSuchElementException;
 import java.util.Objects;
 import java.util.Optional;
+import java.util.concurrent.atomic.AtomicReference;
 
 /**
  * One recording of one channel. It joins once and leaves once; make a new one for the next.
@@ -27,6 +29,8 @@ import java.util.Optional;
  */
 public final class Recording implements AutoCloseable {
   private static final long DEFAULT_QUEUE_BYTES = 0;
+  private static final int HANDLE = -1;
+  private static final int NOT_JOINED = -7;
   private static final int LEFT = -9;
 
   /** Longer waits are cut to it: a century, which a long has room for in nanoseconds. */
@@ -35,8 +39,10 @@ public final class Recording implements AutoCloseable {
   private final Handle handle;
   private final Cleaner.Cleanable forgotten;
   private volatile boolean hasEnded;
-  private volatile boolean leftByItself;
-  private volatile Path folderAtClose;
+  private volatile boolean isJoined;
+  private volatile boolean isToBeLeft;
+  private volatile String folderAtClose;
+  private final AtomicReference<Event.Failure> fatal = new AtomicReference<>();
 
   private Recording(Handle handle) {
     this.handle = handle;
@@ -114,7 +120,8 @@ public final class Recording implements AutoCloseable {
    * @param channelId 1 to 64 bytes, a part of the folder's name as it stands
    * @param uid the recorder's own; 0: the recorder chooses
    * @param config what to record
-   * @throws ConfigurationException where a value can't be used; it may be tried again
+   * @throws ArgumentException where a value can't be used; it may be tried again
+   * @throws ConfigurationException where values don't go together; it may be tried again
    * @throws RefusedException where there is no recorder, or no folder; it may be tried again
    * @throws RecordingStateException where it was joined, left or closed before
    */
@@ -124,6 +131,7 @@ public final class Recording implements AutoCloseable {
     Objects.requireNonNull(config, "config");
     int number = Uids.toInt(uid);
     call(() -> Native.join(handle.number(), key, id, number, config.numbers(), config.texts()));
+    isJoined = true;
   }
 
   /**
@@ -131,15 +139,20 @@ public final class Recording implements AutoCloseable {
    *
    * @return its path
    * @throws RecordingStateException before the join
+   * @throws InvalidPathException where the name has letters that the locale doesn't have
    */
   public Path folder() {
-    Path known = folderAtClose;
+    return Path.of(folderText());
+  }
+
+  private String folderText() {
+    String known = folderAtClose;
     if (known != null) {
       return known;
     }
     byte[][] found = new byte[1][];
     call(() -> found[0] = Native.folder(handle.number()));
-    return Path.of(Texts.of(found[0]));
+    return Texts.of(found[0]);
   }
 
   // ---- Commands, between join and leave -------------------------------------------------------
@@ -148,7 +161,7 @@ public final class Recording implements AutoCloseable {
    * Arranges the users on the mixed picture.
    *
    * @param layout where each is
-   * @throws ConfigurationException where a place or the color can't be
+   * @throws ArgumentException where a place or the color can't be
    * @throws RefusedException where the engine can't
    * @throws RecordingStateException before the join or after the leave
    */
@@ -207,10 +220,10 @@ public final class Recording implements AutoCloseable {
 
   /**
    * Sets what is logged from here on, in all recordings of the process and in this one's recorder.
-   * Also before the join and after the leave.
+   * Also before the join and after the leave, until the finish.
    *
    * @param level the least severe that is logged
-   * @throws RecordingStateException after {@link #close()}
+   * @throws RecordingStateException after {@link #finish()} or {@link #close()}
    */
   public void setLogLevel(LogLevel level) {
     int number = Objects.requireNonNull(level, "level").value();
@@ -229,16 +242,21 @@ public final class Recording implements AutoCloseable {
    * @return the event; empty when none came in that time, and at once when none will come: {@link
    *     #hasEnded()} tells which. A {@link Frame} is to be closed
    * @throws InterruptedException where the thread is interrupted; no event is lost by that
+   * @throws RecordingStateException before the join, as no event would come
    */
   public Optional<Event> nextEvent(Duration limit) throws InterruptedException {
     Objects.requireNonNull(limit, "limit");
-    return Optional.ofNullable(next(limit.compareTo(FOREVER) < 0 ? limit : FOREVER));
+    // Neither has a length that can't be reckoned with.
+    Duration least = limit.isNegative() ? Duration.ZERO : limit;
+    return Optional.ofNullable(next(least.compareTo(FOREVER) < 0 ? least : FOREVER));
   }
 
   /**
    * All events, until none will come: in a loop, each is waited for as long as it takes. The loop
    * ends when the recording was left or closed and all that waited was handed out; by an interrupt,
-   * too, and the thread's interrupt status is set then.
+   * too, and the thread's interrupt status is set then. Where the session has failed the loop ends
+   * by a {@link SessionException}, and where nothing was joined it begins by a {@link
+   * RecordingStateException}.
    *
    * @return events to go through once; each {@link Frame} is to be closed
    */
@@ -255,6 +273,10 @@ public final class Recording implements AutoCloseable {
               }
             } catch (InterruptedException interrupt) {
               Thread.currentThread().interrupt();
+              return false;
+            }
+            if (waiting == null && fatal.get() != null) {
+              throw new SessionException(fatal.get());
             }
             return waiting != null;
           }
@@ -307,6 +329,14 @@ public final class Recording implements AutoCloseable {
           return null;
         }
         Duration left = limit.minusNanos(System.nanoTime() - beganNs);
+        if (!isJoined) {
+          throw new RecordingStateException(
+              NOT_JOINED, "not before a join", "none waits, and none would come");
+        }
+        if (isToBeLeft) {
+          leaveOnce();
+          continue;
+        }
         if (left.isZero() || left.isNegative()) {
           return null;
         }
@@ -326,25 +356,39 @@ public final class Recording implements AutoCloseable {
     if (!isOver) {
       return;
     }
-    leftByItself = true;
+    if (event instanceof Event.Failure failure) {
+      fatal.compareAndSet(null, failure);
+    }
+    isToBeLeft = true;
+    try {
+      leaveOnce();
+    } catch (ZeltaException refused) {
+      // The event comes first; who waits for the next one tries again.
+    }
+  }
+
+  private void leaveOnce() {
     try {
       Native.leave(handle.number());
-    } catch (RecordingStateException leftBefore) {
-      assert leftBefore.code() == LEFT;
+    } catch (RecordingStateException wrong) {
+      if (wrong.code() != LEFT) {
+        throw wrong;
+      }
     }
+    isToBeLeft = false;
   }
 
   // ---- Left -----------------------------------------------------------------------------------
 
   /**
    * Ends the session, within about half a second: no event is made any more, and what waits can
-   * still be taken. Does nothing where the recording was left by itself.
+   * still be taken. Does nothing where the recording was left before, also by itself, or closed.
    *
-   * @throws RecordingStateException before the join, and a second time
+   * @throws RecordingStateException before the join
    */
   public void leave() {
-    if (!leftByItself) {
-      call(() -> Native.leave(handle.number()));
+    if (handle.tryHold()) {
+      whileHeld(this::leaveOnce);
     }
   }
 
@@ -366,19 +410,24 @@ public final class Recording implements AutoCloseable {
   @Override
   public void close() {
     try {
-      folderAtClose = folder();
+      folderAtClose = folderText();
     } catch (RecordingStateException notJoined) {
       // There is none, or it is known already.
+    } finally {
+      handle.close();
+      hasEnded = true;
+      forgotten.clean();
     }
-    handle.close();
-    hasEnded = true;
-    forgotten.clean();
   }
 
   private void call(Runnable nativeCall) {
     if (!handle.tryHold()) {
-      throw new RecordingStateException(-1, "not a recording", "the recording was closed");
+      throw new RecordingStateException(HANDLE, "not a recording", "the recording was closed");
     }
+    whileHeld(nativeCall);
+  }
+
+  private void whileHeld(Runnable nativeCall) {
     try {
       nativeCall.run();
     } finally {

@@ -52,7 +52,9 @@ public class ZeltaException extends RuntimeException {
   // The numbers are those of the C header.
   static ZeltaException of(int code, String text, String detail) {
     switch (code) {
-      case -2, -3, -4, -5:
+      case -2, -3, -4:
+        return new ArgumentException(code, text, detail);
+      case -5:
         return new ConfigurationException(code, text, detail);
       case -6:
         return new RefusedException(code, text, detail);

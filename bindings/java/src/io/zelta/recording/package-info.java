@@ -11,6 +11,9 @@
  * } // the files are complete
  * }</pre>
  *
+ * <p>A loop ends when the recording was left and all that waited was handed out; when its session
+ * has failed, by a {@link SessionException}.
+ *
  * <p>Threads: every method may be called from any thread. Calls of one {@link Recording} wait for a
  * join, leave, finish or close of it that runs on another thread; those that are about events wait
  * for nobody. The package makes one daemon thread a process, on which the collector's findings are
