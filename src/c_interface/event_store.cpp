@@ -9,6 +9,8 @@
 #include <utility>
 
 #include <sys/eventfd.h>
+#include <sys/mman.h>
+#include <unistd.h>
 
 #include "c_interface/event_parts.h"
 
@@ -30,6 +32,7 @@ size_t power_for(size_t bytes) {
 struct event_store::block {
   explicit block(size_t size) : power(size), bytes(new unsigned char[capacity()]) {}
   size_t capacity() const { return size_t{1} << power; }
+  void give_pages_back() const;
 
   zelta_event event{};
   const size_t power;
@@ -38,6 +41,16 @@ struct event_store::block {
   block* next = nullptr;    // in the queue, or among the free
   const std::unique_ptr<unsigned char[]> bytes;
 };
+
+// What nobody will write again needs no memory; its addresses stay, so that who wrongly reads on
+// sees zeros. Where the system refuses, memory stays as well.
+void event_store::block::give_pages_back() const {
+  const auto page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
+  const uintptr_t begin = (reinterpret_cast<uintptr_t>(bytes.get()) + page - 1) / page * page;
+  const uintptr_t end = (reinterpret_cast<uintptr_t>(bytes.get()) + capacity()) / page * page;
+  // NOLINTNEXTLINE(performance-no-int-to-ptr): a page's, which is none of a member
+  if (begin < end) madvise(reinterpret_cast<void*>(begin), end - begin, MADV_DONTNEED);
+}
 
 // What an event takes of the bound: no less than half of what is kept for it.
 size_t event_store::counted_for(const zelta_event& event, size_t bytes) {
@@ -131,6 +144,9 @@ void event_store::close() {
   const std::lock_guard<std::mutex> guard(mutex_);
   closed_ = true;
   tell_losses_locked();
+  for (const block* unused : free_) {
+    for (; unused != nullptr; unused = unused->next) unused->give_pages_back();
+  }
   show_readiness_locked();
   changed_.notify_all();
 }
@@ -239,6 +255,7 @@ size_t event_store::capacity() {
 
 void event_store::recycle_locked(block& unused) {
   held_ -= std::exchange(unused.counted, 0);
+  if (closed_) unused.give_pages_back();
   unused.next = std::exchange(free_.at(unused.power), &unused);
 }
 

@@ -5,7 +5,8 @@
 // Blocks are kept by size, in powers of two, and used again, so that nothing is allocated once as
 // many events of each size have been held as are held at a time. All blocks together have at most
 // twice the bytes that frames may hold, and what other events need: free ones are given up for
-// that.
+// that. Once nothing is pushed any more the memory of what is free goes back to the system, because
+// whoever keeps one frame for long keeps all blocks.
 //
 // Thread rule: push() belongs to one thread; the rest may be called from any.
 #pragma once

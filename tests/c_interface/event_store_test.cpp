@@ -134,6 +134,26 @@ TEST_F(EventStoreTest, KeepsNoMoreThanTwiceItsBound) {
   }
 }
 
+TEST_F(EventStoreTest, OnceClosedGivesTheMemoryOfWhatIsFreeBack) {
+  constexpr size_t kPages = 3 * 4096;
+  event_store large(10 * payload.size());
+  const zelta_event* held[3] = {};
+  for (const zelta_event*& one : held) {
+    zelta_event e = event_of(ZELTA_EVENT_AUDIO_FRAME, sizeof e.as.audio, 5);
+    e.as.audio.data = reinterpret_cast<const uint8_t*>(payload.data());
+    e.as.audio.data_bytes = static_cast<uint32_t>(payload.size());
+    large.push(e);
+    ASSERT_EQ(large.next(0, one), ZELTA_OK);
+  }
+  ASSERT_TRUE(large.release(held[0]));
+  large.close();
+  ASSERT_TRUE(large.release(held[1]));
+  // Blocks are there until the store goes, so what they show can be looked at.
+  EXPECT_EQ(held[0]->as.audio.data[kPages], 0) << "was free when it was closed";
+  EXPECT_EQ(held[1]->as.audio.data[kPages], 0) << "was released later";
+  EXPECT_EQ(held[2]->as.audio.data[kPages], 'p') << "is held";
+}
+
 TEST(EventParts, CopiesPointIntoTheirOwnMemory) {
   uint8_t picture[6] = {1, 2, 3, 4, 5, 6};
   zelta_event video = event_of(ZELTA_EVENT_VIDEO_FRAME, sizeof video.as.video);

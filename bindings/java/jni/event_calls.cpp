@@ -173,6 +173,14 @@ jobject Java_io_zelta_recording_Native_take(JNIEnv* env, jclass, jlong recording
   });
 }
 
+void Java_io_zelta_recording_Native_dropQueue(JNIEnv*, jclass, jlong recording) {
+  const zelta_event* event = nullptr;
+  while (zelta_next_event(recording_of(recording), 0, &event) == ZELTA_OK) {
+    // It was lent, and nobody else has it.
+    zelta_event_release(recording_of(recording), event);
+  }
+}
+
 void Java_io_zelta_recording_Native_releaseEvent(JNIEnv* env, jclass, jlong recording,
                                                  jlong event) {
   succeeded(env, recording_of(recording),

@@ -59,6 +59,8 @@ final class Handle {
     }
     try {
       Native.finish(number);
+      // The handle may be held for long, by buffers that the collector has not looked at.
+      Native.dropQueue(number);
     } finally {
       synchronized (this) {
         closed = true;

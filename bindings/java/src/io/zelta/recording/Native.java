@@ -101,6 +101,9 @@ final class Native {
    */
   static native Object take(long recording, long[] fields);
 
+  /** Gives back what waits to be taken. */
+  static native void dropQueue(long recording);
+
   static native void releaseEvent(long recording, long event);
 
   static native int openWaker();
