@@ -55,7 +55,7 @@ final class ProcessTest {
       long endNs = System.nanoTime() + Channel.LIMIT.toNanos();
       while (!channel.isComplete(Child.RECORDINGS)) {
         Suite.check(System.nanoTime() < endNs, "files are not complete");
-        Thread.yield();
+        Thread.sleep(20);
       }
     }
   }

@@ -52,14 +52,14 @@ final class ThreadsTest {
    * Until the thread is inside poll(), where the virtual machine calls it running, in a native
    * method.
    */
-  private static void awaitNative(Thread thread) {
+  private static void awaitNative(Thread thread) throws InterruptedException {
     long endNs = System.nanoTime() + Channel.LIMIT.toNanos();
     while (System.nanoTime() < endNs) {
       StackTraceElement[] stack = thread.getStackTrace();
       if (stack.length > 0 && stack[0].getMethodName().equals("poll")) {
         return;
       }
-      Thread.yield();
+      Thread.sleep(10);
     }
     throw new AssertionError("the thread doesn't wait");
   }
@@ -95,7 +95,7 @@ final class ThreadsTest {
       long beganNs = System.nanoTime();
       thread[0].interrupt();
       Suite.check(result(task), "the status is still set");
-      Suite.check(System.nanoTime() - beganNs < 500_000_000, "it took long");
+      Suite.check(System.nanoTime() - beganNs < 5_000_000_000L, "it took long");
     }
   }
 
@@ -205,6 +205,7 @@ final class ThreadsTest {
       while (!channel.isComplete(1)) {
         Suite.check(System.nanoTime() < endNs, "it was not closed");
         System.gc();
+        Thread.sleep(20);
       }
     }
   }

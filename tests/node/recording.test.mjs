@@ -3,11 +3,12 @@
 import assert from 'node:assert/strict';
 import fs from 'node:fs';
 import { createRequire } from 'node:module';
+import path from 'node:path';
 import { after, describe, test } from 'node:test';
-import { setTimeout as passed } from 'node:timers/promises';
+import { setImmediate as nextTurn, setTimeout as passed } from 'node:timers/promises';
 
 import * as zelta from 'zelta-recording';
-import { channel, firstOf, folderOf, isComplete, joined } from './support.mjs';
+import { channel, firstOf, folderOf, isComplete, joined, until } from './support.mjs';
 
 const { ErrorKind, LeaveReason, Recording, SessionError, ZeltaError } = zelta;
 
@@ -51,9 +52,16 @@ test('what waited before a leave is handed out, and then the loop ends', async (
 });
 
 test('a close ends the loop that waits', async (t) => {
-  const recording = joined(t);
-  const loop = firstOf(recording, () => false).catch((error) => error);
-  await passed(300);
+  const recording = joined(t, { server: 'test:users=0' });
+  let loop;
+  await new Promise((hasJoined) => {
+    loop = firstOf(recording, ({ type }) => {
+      if (type === 'joined') hasJoined();
+      return false;
+    }).catch((error) => error);
+  });
+  // Nobody else comes; in the next turn it has asked for more, and waits.
+  await nextTurn();
   await recording.close();
   assert.match((await loop).message, /the events ended/);
   for await (const event of recording) assert.fail(event.type);
@@ -70,6 +78,14 @@ test('who waits takes no processor', async (t) => {
   await recording.close();
   await loop;
 });
+
+// Its videos that have something in them.
+function begun({ folder: of }) {
+  return fs.readdirSync(of).filter((name) => name.endsWith('.mp4') && fs.statSync(path.join(of, name)).size > 0);
+}
+
+// An event that never comes is a failure.
+const LIMITED = { timeout: 60_000 };
 
 // They mostly wait.
 describe('at once', { concurrency: 5 }, () => {
@@ -104,7 +120,7 @@ describe('at once', { concurrency: 5 }, () => {
     await Promise.all(recordings.map((of) => of.close()));
   });
 
-  test('a mix is arranged, and its users have backgrounds', async (t) => {
+  test('a mix is arranged, and its users have backgrounds', LIMITED, async (t) => {
     const recording = joined(t, { isMixingEnabled: true, mixResolution: '160,90,15,200' });
     await firstOf(recording, ({ type }) => type === 'userJoined');
     recording.setLayout({
@@ -114,14 +130,24 @@ describe('at once', { concurrency: 5 }, () => {
     });
     recording.setUserBackground(1, null);
     recording.setLogLevel(zelta.LogLevel.NOTICE);
+    await until('the mix is recorded', () => begun(recording).some((name) => name.startsWith('mix_')));
+    await recording.close();
+    assert.equal(begun(recording).length, 1);
   });
 
-  test('recording starts and stops by command', async (t) => {
+  test('recording starts and stops by command', LIMITED, async (t) => {
     const recording = joined(t, { triggerMode: 1 });
     await firstOf(recording, ({ type }) => type === 'joined');
     assert.throws(() => recording.stopService(), { code: 'ERR_ZELTA_REFUSED' });
+    await firstOf(recording, ({ type }) => type === 'firstVideo');
+    // By when one that joined later has its files, this one would have had its own.
+    const other = joined(t);
+    await until('the other one is recorded', () => begun(other).length === 2);
+    assert.deepEqual(begun(recording), []);
     recording.startService();
+    await until('it is recorded', () => begun(recording).length === 2);
     recording.stopService();
+    assert.throws(() => recording.stopService(), { code: 'ERR_ZELTA_REFUSED' });
   });
 });
 
@@ -188,8 +214,9 @@ test('wrong: one that was joined, left, closed', async (t) => {
 test('a join that failed may be tried again', async (t) => {
   const recording = made();
   t.after(() => recording.close());
-  assert.throws(() => recording.join('meeting', { appliteDir: folder }), ZeltaError);
-  recording.join('meeting', channel(folderOf(t)));
+  const config = channel(folderOf(t));
+  assert.throws(() => recording.join('meeting', { ...config, appliteDir: folder }), ZeltaError);
+  recording.join('meeting', config);
   await firstOf(recording, ({ type }) => type === 'joined');
 });
 

@@ -76,9 +76,9 @@ export function isComplete(folder, count = 2) {
       closed === 'recording ended' && fs.statSync(path.join(folder, name)).size === bytes);
 }
 
-// For what another process or the collector does: until it is so, at most ten seconds.
+// For what another process or the collector does: until it is so, at most half a minute.
 export async function until(what, isSo) {
-  const deadline = performance.now() + 10_000;
+  const deadline = performance.now() + 30_000;
   while (!isSo()) {
     assert.ok(performance.now() < deadline, `waited in vain until ${what}`);
     await passed(20);
@@ -97,7 +97,7 @@ export function run(folder, { source, file, flags = [], args = [] }) {
     fs.writeFileSync(program, source);
   }
   return new Promise((resolve) => {
-    const options = { cwd: folder, timeout: 20_000, killSignal: 'SIGKILL' };
+    const options = { cwd: folder, timeout: 60_000, killSignal: 'SIGKILL' };
     execFile(process.execPath, [...flags, program, ...args], options, (error, stdout, stderr) => {
       if (source !== undefined) fs.rmSync(program);
       resolve({ status: error ? error.code ?? error.signal : 0, stdout, stderr });

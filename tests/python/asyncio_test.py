@@ -94,7 +94,7 @@ class Asyncio(Fixture, unittest.IsolatedAsyncioTestCase):
         """Until so many tasks wait, each of which has a descriptor for that."""
         async def look():
             while len(descriptors() - before) < tasks:
-                await asyncio.sleep(0)
+                await asyncio.sleep(0.01)
         await asyncio.wait_for(look(), PATIENCE_S)
 
     async def all(self, recording):

@@ -7,7 +7,7 @@ import subprocess
 import sys
 import unittest
 
-from support import PATIENCE_S, Fixture, files
+from support import PATIENCE_S, Fixture, end, files, line_of
 
 EXAMPLES = pathlib.Path(__file__).resolve().parents[2] / "examples/python"
 
@@ -20,13 +20,12 @@ class Examples(Fixture, unittest.TestCase):
     def start(self, name, *arguments):
         child = subprocess.Popen([sys.executable, EXAMPLES / f"{name}.py", *arguments], cwd=self.folder,
                                  text=True, stdout=subprocess.PIPE, stderr=subprocess.PIPE)
-        self.addCleanup(child.wait)
-        self.addCleanup(child.kill)
+        self.addCleanup(end, child)
         return child
 
     def test_record_until_ctrl_c(self):
         child = self.start("record", "server.json")
-        said = {child.stdout.readline().split(" in ")[0] for _ in range(2)}
+        said = {line_of(child).split(" in ")[0] for _ in range(2)}
         self.assertEqual(said, {"user 1 is recorded", "user 2 is recorded"})
         child.send_signal(signal.SIGINT)
         output, errors = child.communicate(timeout=PATIENCE_S)

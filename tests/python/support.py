@@ -8,6 +8,7 @@ import pathlib
 import subprocess
 import sys
 import tempfile
+import threading
 import time
 
 from zelta_recording import Recording
@@ -44,11 +45,25 @@ class Fixture:
         (self.folder / "program.py").write_text(program)
         child = subprocess.Popen([sys.executable, "-X", "dev", "program.py", *arguments], cwd=self.folder,
                                  stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True, **options)
-        self.addCleanup(_end, child)
+        self.addCleanup(end, child)
         return child
 
 
-def _end(child):
+def line_of(child):
+    """The next line that it prints. A child that prints none in time is killed, which ends the wait."""
+    late = threading.Timer(PATIENCE_S, child.kill)
+    late.start()
+    try:
+        line = child.stdout.readline()
+    finally:
+        late.cancel()
+    if not line:
+        raise AssertionError(f"the child printed nothing and ended or was killed: {child.wait(PATIENCE_S)}")
+    return line
+
+
+def end(child):
+    """For a cleanup: it doesn't outlive its test."""
     if child.poll() is None:
         child.kill()
     child.communicate()
