@@ -37,7 +37,9 @@
 // A thread that is cancelled (pthread_cancel) leaves a function first, also one that waits.
 //
 // A child of fork() has none of its parent's recordings: for it they are invalid, and what it does
-// with them is ZELTA_ERROR_HANDLE and reaches no recorder. It may make its own.
+// with them is ZELTA_ERROR_HANDLE and reaches no recorder. To record it calls exec() first, because
+// another thread may have held a lock when it was made. As long as it lives without that, recorders
+// don't notice their application's death.
 //
 // The process: as with the C++ interface, a recording ignores SIGPIPE for the whole process, and
 // the application must not reap children that it didn't start.

@@ -181,6 +181,11 @@ outcome recording_object::set_log_level(int level) {
 
 void recording_object::take(const zelta_event& event) {
   if (muted_) return;
+  // The process of a recorder that has left ends next, which the engine tells as a failure unless
+  // it has been left by then: to who is slow to take events all would have failed in the end.
+  if (event.kind == ZELTA_EVENT_LEFT) recorder_left_ = true;
+  if (event.kind == ZELTA_EVENT_JOINED) recorder_left_ = false;
+  if (event.kind == ZELTA_EVENT_ERROR && recorder_left_) return;
   if (callback_ == nullptr) {
     store_.push(event);
     return;

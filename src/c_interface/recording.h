@@ -74,14 +74,15 @@ class recording_object final : private event_sink {
   std::atomic<bool> left_{false};
   // Left from inside a callback: no other one may come, though the engine has read more.
   std::atomic<bool> muted_{false};
-  // Whole to join, leave and release, shared to use the engine; callbacks need none, since the
-  // engine outlives its thread.
+  // Whole to join, leave, finish and release, shared to use the engine; callbacks need none, since
+  // the engine outlives its thread.
   std::shared_mutex engine_lock_;
   bool thread_ended_ = false;
   bool released_ = false;
   // Null from a finish or release on.
   std::unique_ptr<recording::IRecordingEngine, engine_release> engine_;
-  std::string folder_;  // once there is no engine to ask
+  std::string folder_;          // once there is no engine to ask
+  bool recorder_left_ = false;  // of the engine's thread
   // The event that is being lent, on the engine's thread.
   const zelta_event* lent_ = nullptr;
   std::mutex detail_lock_;

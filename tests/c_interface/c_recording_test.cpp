@@ -184,6 +184,20 @@ TEST_F(RetryTest, AfterARefusedJoinARecorderThatDiesIsStartedAgain) {
   EXPECT_EQ(e->as.warning.warning, ZELTA_WARNING_RECOVERED);
 }
 
+class LeftTest : public CInterfaceTest {};
+
+TEST_F(LeftTest, ARecorderThatHasLeftIsNoFailureWhenItsProcessEnds) {
+  const CRecording recording = made();
+  join(recording, "join leave:4");
+  const zelta_event* e = nullptr;
+  for (const int kind : {ZELTA_EVENT_JOINED, ZELTA_EVENT_LEFT}) {
+    ASSERT_EQ(zelta_next_event(recording.get(), 20'000, &e), ZELTA_OK);
+    ASSERT_EQ(e->kind, kind);
+  }
+  // Where it is told, that comes within milliseconds.
+  EXPECT_EQ(zelta_next_event(recording.get(), 500, &e), ZELTA_NO_EVENT);
+}
+
 class FloodTest : public CInterfaceTest {};
 
 TEST_F(FloodTest, OfFramesIsDroppedToldAndNothingElseIsLost) {
