@@ -70,9 +70,9 @@ class Sessions(Fixture, unittest.TestCase):
         with self.assertRaises(SessionError) as raised:
             for event in recording:
                 events.append(event)
-        self.assertEqual(raised.exception.event, ErrorEvent(0, ErrorKind.FAILED, Stat.JOIN))
+        self.assertEqual(raised.exception.event, ErrorEvent(ErrorKind.FAILED, Stat.JOIN))
         self.assertIn(raised.exception.event, events)
-        self.assertIn("FAILED, JOIN", str(raised.exception))
+        self.assertEqual(str(raised.exception), "the session failed: FAILED, JOIN")
         self.assertTrue(recording.ended)
 
     def test_next_event_waits_no_longer_than_it_was_told(self):
@@ -228,7 +228,7 @@ class WrongUses(Fixture, unittest.TestCase):
 
     def test_errors_survive_pickling_with_all_they_have(self):
         for error in (ArgumentError(-2, "that is so"),
-                      SessionError(ErrorEvent(1, ErrorKind.FAILED, Stat.JOIN))):
+                      SessionError(ErrorEvent(ErrorKind.FAILED, Stat.JOIN))):
             again = pickle.loads(pickle.dumps(error))
             self.assertEqual((type(again), again.code, again.text, str(again)),
                              (type(error), error.code, error.text, str(error)))
