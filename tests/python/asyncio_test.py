@@ -133,12 +133,16 @@ class Asyncio(Fixture, unittest.IsolatedAsyncioTestCase):
         self.assertEqual(repr(recording), "<Recording, closed>")
 
     async def test_it_closes_though_all_threads_of_the_executor_wait_for_that(self):
+        executor = concurrent.futures.ThreadPoolExecutor(1)
+        self.addCleanup(executor.shutdown)
         recording = self.joined("test:users=0")
-        with concurrent.futures.ThreadPoolExecutor(1) as executor:
-            asyncio.get_running_loop().set_default_executor(executor)
+        loop = asyncio.get_running_loop()
+        loop.set_default_executor(executor)
+
+        async def record():
             async with recording:
-                waiting = asyncio.get_running_loop().run_in_executor(None, list, recording)
-            await asyncio.wait_for(waiting, PATIENCE_S)
+                loop.run_in_executor(None, list, recording)
+        await asyncio.wait_for(record(), PATIENCE_S)
 
     async def cancelled_while(self, work, held):
         """Cancels `work` when it is inside the held method, and checks that it waits for the end of that."""
