@@ -179,10 +179,9 @@ export interface Layout {
 
 // ---- Events ----------------------------------------------------------------------------------
 
-/** Something failed; `uid` is the user where it is one's. */
+/** Something failed. */
 export interface ErrorEvent {
   type: 'error';
-  uid: number;
   error: ErrorKind;
   /** Of Stat. */
   stat: number;
@@ -192,7 +191,7 @@ export interface ErrorEvent {
 export interface WarningEvent { type: 'warning'; warning: WarningKind }
 /** The recorder is in the channel, as `uid`; comes again after it had to be started anew. */
 export interface Joined { type: 'joined'; uid: number; channelId: string }
-/** The recorder left by itself; its files are complete. `reason`: of LeaveReason. */
+/** The recorder left by itself, so the recording was left; its files are complete. `reason`: of LeaveReason. */
 export interface Left { type: 'left'; reason: number }
 /** `storageDir` is the recording folder. */
 export interface UserJoined { type: 'userJoined'; uid: number; storageDir: string }
@@ -330,10 +329,11 @@ export class SessionError extends ZeltaError {
  * Records one channel; a new one is needed for the next. From the join until it was left or closed it
  * keeps the process alive.
  *
- * `for await (const event of recording)` hands out its events. After a left event, or an error that
- * ends the session, the recording leaves by itself; what waits is still handed out, then the loop
- * ends, with a SessionError where it was an error. It ends after leave() as well, and at once after
- * close(). A loop that is broken out of may be begun again; of several each event goes to one.
+ * `for await (const event of recording)` hands out its events. Once a left event, or an error that
+ * ends the session, is handed out, the recording was left; what waits is still handed out, then the
+ * loop ends, with a SessionError where it was an error. It ends after leave() as well, and at once
+ * after close(). A loop that is broken out of may be begun again; of several each event goes to one.
+ * Where nobody takes that event, the recording stays joined, until it is left or closed.
  */
 export class Recording implements AsyncIterable<Event> {
   /**
@@ -364,14 +364,18 @@ export class Recording implements AsyncIterable<Event> {
   /** Records no more until startService(), with triggerMode 1. */
   stopService(): void;
 
-  /** What is logged from here on, in all recordings of the process; also before the join. */
+  /**
+   * What is logged from here on, in all recordings of the process; also before the join, and until
+   * close(). It waits for a leave that runs.
+   */
   setLogLevel(level: LogLevel): void;
 
   [Symbol.asyncIterator](): AsyncGenerator<Event, void, undefined>;
 
   /**
    * Ends the session, within half a second: what waits can still be taken, then loops end. Of one that
-   * was left or closed it does nothing. Rejected with ERR_ZELTA_NOT_JOINED, ERR_ZELTA_REFUSED.
+   * was left, also by itself, or closed it does nothing; commands are refused from the call on.
+   * Rejected with ERR_ZELTA_NOT_JOINED, ERR_ZELTA_REFUSED.
    */
   leave(): Promise<void>;
 

@@ -167,8 +167,8 @@ def folder():
 
 def overload():
     d = Drawing("What a recorder leaves out when the machine is too busy",
-                "Four steps of overload, least loss first: nobody else is let in, stills, half of the mix's "
-                "pictures, pictures for the application, users who came last; and the way back.", 600)
+                "Five steps of overload, least loss first: nobody else is let in, stills, half of the mix's "
+                "pictures, pictures for the application, users who came last; and the way back.", 616)
     d.text(12, 26, "Once a second: how late are packets, loop, disk?", "title")
     y = d.box(12, 38, 376, "tight", "packets 0.5 s late, disk 2 s, under 128 MiB of memory left", kind="warn")
     x = d.box(60, y + 20, 280, "1  nobody else is let in", "who still waits is told after 10 s", kind="box")
@@ -185,10 +185,10 @@ def overload():
     e = d.box(60, c + 34, 280, "5  users go, the last who came first", "a quarter of them a second at most;", "their files are complete", kind="bad")
     d.arrow((200, c), (200, c + 34))
     d.text(206, c + 22, "the same for 3 s more", "note")
-    f = d.box(12, e + 22, 376, "calm", "5 s and longer: what was left out last is made again", "15 s and longer: who waits is taken up, in turn", kind="good")
+    f = d.box(12, e + 22, 376, "calm", "5 s and longer: what was left out last is made again", "2 s with nothing left out, 15 s or longer after step 5:", "who waits is taken up, in turn", kind="good")
     d.arrow((200, e), (200, e + 22))
     d.text(12, f + 20, "All of it is told: log, missing[], onError(2, 1).", "note")
-    d.text(12, f + 36, "Who stays loses nothing: packets wait in their sockets.", "note")
+    d.text(12, f + 36, "Packets wait in their sockets; what finds no room is counted.", "note")
     return d
 
 

@@ -31,6 +31,9 @@ LIMIT_S = 40
 PR_SET_CHILD_SUBREAPER = 36
 TOOLS = ("zelta-record", "zelta-view", "zelta-lay", "zelta-deliver", "zelta-worker", "zelta-fleet")
 SET = re.compile(r"\w+=")  # a variable of the command's
+# Folders that a command makes or records into, and films, which aren't written over.
+MADE = re.compile(r"\bmkdir((?: +-m +\d+| +[\w./-]+)+)|--record-file-root-dir[ =]([\w./-]+)|"
+                  r"\bzelta-lay .*? -o ([\w./-]+)")
 PAGES = ["README.md"] + sorted(
     str(one.relative_to(ROOT)) for folder in ("tutorials", "how-to")
     for one in (ROOT / "docs" / folder).glob("*.md"))
@@ -182,6 +185,17 @@ class Pages(unittest.TestCase):
                 return
 
 
+def made_by(text):
+    """What the commands of a page of this text make that another page's may stumble over."""
+    made = set()
+    for step in steps_of(text):
+        for command in step.commands if step.kind == "run" else []:
+            for folders, root, film in MADE.findall(command.text):
+                folders = re.sub(r" -m +\d+", "", folders).split()
+                made |= {one for one in [*folders, root, film] if one and not one.startswith("-")}
+    return made
+
+
 def add_page(page):
     setattr(Pages, f"test_{name_of(page)}", lambda self: self.run_page(page))
 
@@ -241,6 +255,27 @@ class Blocks(unittest.TestCase):
                      "```console\noutput\n```"):
             with self.subTest(text=text), self.assertRaises(ValueError):
                 steps_of(text)
+
+    def test_no_two_pages_make_the_same_so_that_one_clone_does_for_all(self):
+        makers = {}
+        for page in PAGES:
+            for name in made_by((ROOT / page).read_text()):
+                makers.setdefault(name, []).append(page)
+        self.assertGreater(len(makers), 15)
+        self.assertEqual({name: pages for name, pages in makers.items() if len(pages) > 1}, {})
+
+    def test_what_a_page_makes_is_found(self):
+        rows = [
+            ("mkdir -p a/b c", {"a/b", "c"}),
+            ("mkdir -m 700 keys", {"keys"}),
+            ("zelta-record call --server dir:x \\\n    --record-file-root-dir out --duration 2", {"out"}),
+            ("zelta-lay a/*/meeting_* -o film.mp4 --names", {"film.mp4"}),
+            ("c++ a.cpp -o a", set()),
+        ]
+        for text, names in rows:
+            with self.subTest(text=text):
+                self.assertEqual(made_by(f"```sh\n{text}\n```"), names)
+                self.assertEqual(made_by(f"<!-- not run: why -->\n```sh\n{text}\n```"), set())
 
     def test_drawings_are_as_their_script_draws_them(self):
         subprocess.run([ROOT / "scripts/drawings/draw.py", "--check"], check=True)

@@ -12,7 +12,7 @@ from pathlib import Path
 
 ROOT = Path(__file__).resolve().parents[2]
 # Ports that pages name. Somebody may have them here, so each page gets others.
-PORTS = re.compile(r"\b(4222|8080|9464|9465)\b")
+PORTS = re.compile(r"\b(4222|4333|8080|9464|9465)\b")
 STORE = "https://s3.example.org"
 SSH = "sftp://backup.example.org/srv/calls"
 SSH_SETTINGS = """

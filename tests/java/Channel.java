@@ -16,7 +16,7 @@ import java.util.List;
 import java.util.stream.Stream;
 
 final class Channel implements AutoCloseable {
-  static final Duration LIMIT = Duration.ofSeconds(20);
+  static final Duration LIMIT = Duration.ofSeconds(60);
   static final int USERS = 2;
   private final Path folder;
   private final Path settings;

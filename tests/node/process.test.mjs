@@ -64,6 +64,27 @@ describe('processes', SEVERAL, () => ENDS.forEach(([what, config, end, printed, 
   });
 }));
 
+// What a loop is broken out of at, and how it comes.
+const LAST = [
+  ['a left event', 'test:users=0', "event.type === 'left'"],
+  ['a failure', 'nonsense:', "event.type === 'error' && event.endsSession"],
+];
+describe('loops that end early', SEVERAL, () => LAST.forEach(([what, server, isLast]) => {
+  test(`the process ends by a break at ${what}`, async (t) => {
+    const folder = folderOf(t);
+    const source = `
+      import { Recording } from 'zelta-recording';
+      const recording = new Recording({ appId: 'my-app' });
+      recording.join('meeting', ${JSON.stringify({ ...channel(folder, server), idleLimitSec: 3 })});
+      for await (const event of recording) if (${isLast}) break;
+      console.log('broken out');
+    `;
+    const { status, stdout, stderr } = await run(folder, { source });
+    assert.equal(status, 0, stderr);
+    assert.equal(stdout, 'broken out\n');
+  });
+}));
+
 // Of a worker thread, which begins as the programs do, and then says so.
 const READY = "import { parentPort } from 'node:worker_threads'; parentPort.postMessage('ready');";
 const WORKERS = [

@@ -8,9 +8,11 @@ import { after, describe, test } from 'node:test';
 import { setImmediate as nextTurn, setTimeout as passed } from 'node:timers/promises';
 
 import * as zelta from 'zelta-recording';
-import { channel, firstOf, folderOf, isComplete, joined, until } from './support.mjs';
+import { channel, firstOf, folderOf, isComplete, joined, recordersInto, until } from './support.mjs';
 
 const { ErrorKind, LeaveReason, Recording, SessionError, ZeltaError } = zelta;
+
+const made = () => new Recording({ appId: 'my-app' });
 
 test('users come, and their files are complete once it is closed', async (t) => {
   const recording = joined(t, { audioIndicationInterval: 100 });
@@ -79,6 +81,34 @@ test('who waits takes no processor', async (t) => {
   await loop;
 });
 
+test('a close that waits for a recorder takes no processor', async (t) => {
+  const folder = folderOf(t);
+  const recording = made();
+  t.after(() => recording.close());
+  recording.join('meeting', channel(folder));
+  await firstOf(recording, ({ type }) => type === 'firstVideo');
+  const [recorder, ...others] = recordersInto(folder);
+  assert.deepEqual(others, []);
+  process.kill(recorder, 'SIGSTOP');
+  const loop = firstOf(recording, () => false).catch((error) => error);
+  // It has taken all there is, and waits.
+  await nextTurn();
+  const before = process.cpuUsage();
+  let isClosed = false;
+  const closing = recording.close().then(() => { isClosed = true; });
+  try {
+    // It ends although the recorder doesn't.
+    assert.match((await loop).message, /the events ended/);
+    await passed(2000);
+    assert.ok(!isClosed);
+    const { user, system } = process.cpuUsage(before);
+    assert.ok(user + system < 500_000, `${user + system} microseconds of 2000000`);
+  } finally {
+    process.kill(recorder, 'SIGKILL');
+  }
+  await closing;
+});
+
 // Its videos that have something in them.
 function begun({ folder: of }) {
   return fs.readdirSync(of).filter((name) => name.endsWith('.mp4') && fs.statSync(path.join(of, name)).size > 0);
@@ -103,7 +133,29 @@ describe('at once', { concurrency: 5 }, () => {
       for await (const event of recording) seen.push(event);
     }, (error) => error instanceof SessionError && error instanceof ZeltaError &&
       error.code === 'ERR_ZELTA_SESSION' && error.event === seen.find(({ type }) => type === 'error'));
-    assert.equal(seen.find(({ type }) => type === 'error').error, ErrorKind.FAILED);
+    const { stat, ...failed } = seen.find(({ type }) => type === 'error');
+    assert.equal(typeof stat, 'number');
+    assert.deepEqual(failed, { type: 'error', error: ErrorKind.FAILED, endsSession: true });
+  });
+
+  test('an event that ends the session is handed out when it was left', LIMITED, async (t) => {
+    const recording = joined(t, { server: 'nonsense:' });
+    await firstOf(recording, ({ endsSession }) => endsSession);
+    assert.throws(() => recording.setLayout({}), { code: 'ERR_ZELTA_LEFT' });
+  });
+
+  test('an event is not lost where the leave is refused', LIMITED, async (t) => {
+    class Kept extends Recording {
+      async leave() { throw new Error('refused'); }
+    }
+    const recording = new Kept({ appId: 'my-app' });
+    t.after(() => recording.close());
+    recording.join('meeting', channel(folderOf(t), 'nonsense:'));
+    const seen = [];
+    await assert.rejects(async () => {
+      for await (const event of recording) seen.push(event.type);
+    }, /refused/);
+    assert.equal(seen.at(-1), 'error');
   });
 
   test('several at a time, and several loops over one', async (t) => {
@@ -153,7 +205,6 @@ describe('at once', { concurrency: 5 }, () => {
 
 const folder = fs.mkdtempSync('wrong-');
 after(() => fs.rmSync(folder, { recursive: true }));
-const made = () => new Recording({ appId: 'my-app' });
 const config = channel(folder);
 const WRONG = [
   ['no options', () => new Recording(), TypeError, /options is of type undefined, it should be an object/],
@@ -174,11 +225,13 @@ const WRONG = [
   ['a member out of range', () => made().join('a', { decodeVideo: 9 }), 'ERR_ZELTA_ARGUMENT', /decode_video is 9, it should be 0 to 5/],
   ['a member beyond 32 bits', () => made().join('a', { idleLimitSec: 2 ** 40 }), 'ERR_ZELTA_ARGUMENT', /config.idleLimitSec is 1099511627776/],
   ['a uid below 0', () => made().join('a', { uid: -1 }), 'ERR_ZELTA_ARGUMENT', /config.uid is -1/],
+  ['a configuration that is null', () => made().join('a', null), TypeError, /config is of type null, it should be an object/],
   ['members that do not go together', () => made().join('a', { isAudioOnly: true, isVideoOnly: true }), 'ERR_ZELTA_CONFIGURATION', /standard error/],
   ['no folder yet', () => made().folder, 'ERR_ZELTA_NOT_JOINED', /no folder/],
   ['a layout before a join', () => made().setLayout({}), 'ERR_ZELTA_NOT_JOINED', /before a join/],
   ['a layout that is none', () => made().setLayout(null), TypeError, /layout is of type null/],
   ['a region without uid', () => made().setLayout({ regions: [{}] }), TypeError, /layout.regions\[0\].uid is of type undefined/],
+  ['members that are undefined, before a join', () => made().setLayout({ regions: [{ uid: 1, x: undefined, fit: undefined }] }), 'ERR_ZELTA_NOT_JOINED', /before a join/],
   ['a region that is text', () => made().setLayout({ regions: 'ab' }), TypeError, /layout.regions is of type string/],
   ['data that is text', () => made().setLayout({ appData: 'ab' }), TypeError, /layout.appData is of type string, it should be a Uint8Array/],
   ['a color that is none', () => made().setLayout({ backgroundColor: 'red' }), 'ERR_ZELTA_ARGUMENT', /background_color/],
@@ -200,15 +253,36 @@ test('wrong: one that was joined, left, closed', async (t) => {
   const recording = joined(t);
   assert.throws(() => recording.join('meeting', config), { code: 'ERR_ZELTA_JOINED' });
   await firstOf(recording, ({ type }) => type === 'joined');
-  await recording.leave();
-  assert.throws(() => recording.join('meeting', config), { code: 'ERR_ZELTA_LEFT' });
-  assert.throws(() => recording.setLayout({}), { code: 'ERR_ZELTA_LEFT' });
+  const leaving = recording.leave();
+  // A thread has begun with it, and has half a second to go.
+  await nextTurn();
+  const before = performance.now();
+  for (const when of ['while it is left', 'after that']) {
+    for (const use of [() => recording.join('meeting', config), () => recording.setLayout({}),
+      () => recording.setUserBackground(1, null), () => recording.startService(), () => recording.stopService()]) {
+      assert.throws(use, { code: 'ERR_ZELTA_LEFT' }, when);
+      if (when === 'while it is left') assert.ok(performance.now() - before < 250, 'it waited for the leave');
+    }
+    await leaving;
+  }
   await recording.close();
   for (const use of [() => recording.join('meeting'), () => recording.setLayout({}),
     () => recording.startService(), () => recording.setLogLevel(1)]) {
     assert.throws(use, { code: 'ERR_ZELTA_CLOSED' });
   }
   await recording.leave();
+});
+
+test('a leave does nothing where nothing is left to do', async (t) => {
+  const unjoined = made();
+  const refused = assert.rejects(unjoined.leave(), { code: 'ERR_ZELTA_NOT_JOINED' });
+  // Which it isn't by that.
+  unjoined.join('meeting', channel(folderOf(t)));
+  await refused;
+  await Promise.all([unjoined.leave(), unjoined.leave(), unjoined.close(), unjoined.leave()]);
+  const unused = made();
+  await unused.close();
+  await unused.leave();
 });
 
 test('a join that failed may be tried again', async (t) => {

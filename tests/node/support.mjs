@@ -18,8 +18,9 @@ for (const name of ['ZELTA_SERVICE_DIR', 'ZELTA_CHANNEL_SERVER', 'ZELTA_FILE_ROO
 
 export const FRAMES = { decodeAudio: DecodeAudio.PCM_FRAMES, decodeVideo: DecodeVideo.YUV_FRAMES };
 
-function isRecordedInto(folder) {
-  return fs.readdirSync('/proc').filter((name) => /^\d+$/.test(name)).some((pid) => {
+// Of the processes that record into the folder.
+export function recordersInto(folder) {
+  return fs.readdirSync('/proc').filter((name) => /^\d+$/.test(name)).map(Number).filter((pid) => {
     try {
       const command = fs.readFileSync(`/proc/${pid}/cmdline`, 'utf8');
       return command.includes('ZeltaCoreService') && command.includes(folder);
@@ -33,7 +34,7 @@ function isRecordedInto(folder) {
 export function folderOf(test) {
   const folder = fs.mkdtempSync(path.join(os.tmpdir(), 'zelta-node-'));
   test.after(async () => {
-    await until('the recorder is gone', () => !isRecordedInto(folder));
+    await until('the recorder is gone', () => recordersInto(folder).length === 0);
     fs.rmSync(folder, { recursive: true });
   });
   return folder;

@@ -14,7 +14,7 @@ import time
 from zelta_recording import Recording
 
 # Of anything that has to come.
-PATIENCE_S = 20.0
+PATIENCE_S = 60.0
 USERS = "test:users=2,size=160x90,fps=15"
 
 

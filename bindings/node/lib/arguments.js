@@ -80,11 +80,12 @@ function config(value) {
 }
 
 function region(place, value) {
-  const given = { ...REGION, ...members(place, value, Object.keys(REGION)) };
-  return Object.keys(REGION).map((name) => {
-    if (name === 'uid') return uid(`${place}.uid`, given.uid);
-    if (name === 'fit') return flag(`${place}.fit`, given.fit);
-    return number(`${place}.${name}`, given[name]);
+  const given = members(place, value, Object.keys(REGION));
+  return Object.entries(REGION).map(([name, byItself]) => {
+    const { [name]: member = byItself } = given;
+    if (name === 'uid') return uid(`${place}.uid`, member);
+    if (name === 'fit') return flag(`${place}.fit`, member);
+    return number(`${place}.${name}`, member);
   });
 }
 

@@ -20,7 +20,7 @@ class Recording {
   #session;
   #folder = null;
   #joined = false;
-  #left = false;
+  #leaving = null; // once it is asked for; null again where that failed
   #over = false; // a left or a failure was handed out
   #failure = null;
   #readable = null;
@@ -37,12 +37,19 @@ class Recording {
     return this.#session;
   }
 
+  // For calls that make no sense after a leave. One that runs would let them, and so the loop, wait for it.
+  #openAndNotLeft() {
+    const session = this.#open();
+    if (this.#leaving !== null) throw failure(Result.LEFT, 'a new recording is needed');
+    return session;
+  }
+
   // ---- Joined ------------------------------------------------------------------------------
 
   join(channelId, config = {}) {
     const channel = given.text('channelId', channelId);
     const { channelKey, uid, numbers, texts } = given.config(config);
-    const session = this.#open();
+    const session = this.#openAndNotLeft();
     check(native.join(session, channelKey, channel, uid, numbers, texts), session);
     this.#joined = true;
     this.#folder = check(native.folder(session), session);
@@ -59,24 +66,24 @@ class Recording {
 
   setLayout(layout) {
     const { regions, backgroundColor, appData } = given.layout(layout);
-    const session = this.#open();
+    const session = this.#openAndNotLeft();
     check(native.setLayout(session, regions, backgroundColor, appData), session);
   }
 
   setUserBackground(uid, image) {
     const user = given.uid('uid', uid);
     const path = given.textOrNothing('image', image) ?? '';
-    const session = this.#open();
+    const session = this.#openAndNotLeft();
     check(native.setUserBackground(session, user, path), session);
   }
 
   startService() {
-    const session = this.#open();
+    const session = this.#openAndNotLeft();
     check(native.startService(session), session);
   }
 
   stopService() {
-    const session = this.#open();
+    const session = this.#openAndNotLeft();
     check(native.stopService(session), session);
   }
 
@@ -92,13 +99,18 @@ class Recording {
     if (this.#session !== null && !this.#joined) {
       throw failure(Result.NOT_JOINED, 'no event comes before a join');
     }
-    for (let event = await this.#next(); event !== null; event = await this.#next()) yield event;
+    for (let event = await this.#next(); event !== null; event = await this.#next()) {
+      // Before it is handed out, as the loop may end at it. Where that fails the event isn't lost, and the
+      // next step tries again.
+      if (this.#over) await this.leave().catch(() => {});
+      yield event;
+      if (this.#over) await this.leave();
+    }
     if (this.#failure !== null) throw new SessionError(this.#failure);
   }
 
   // The oldest event that waits, or the next that comes; null: none will.
   async #next() {
-    if (this.#over && !this.#left) await this.leave();
     if (++this.#taken % EVENTS_A_TURN === 0) await nextTurn();
     while (this.#session !== null) {
       const event = check(native.next(this.#session), this.#session);
@@ -126,11 +138,21 @@ class Recording {
   // ---- Left --------------------------------------------------------------------------------
 
   async leave() {
-    const session = this.#session;
-    if (session === null) return;
+    if (this.#session === null) return;
+    if (!this.#joined) throw failure(Result.NOT_JOINED, 'a leave before a join');
+    this.#leaving ??= this.#leave(this.#session);
+    try {
+      await this.#leaving;
+    } catch (error) {
+      this.#leaving = null;
+      throw error;
+    }
+  }
+
+  async #leave(session) {
     const result = await native.leave(session);
+    // By a close that was faster.
     if (result !== Result.LEFT) check(result, session);
-    this.#left = true;
     this.#letGo();
   }
 
@@ -143,7 +165,6 @@ class Recording {
     const session = this.#session;
     // What waits is handed out no more.
     this.#session = null;
-    this.#left = true;
     const result = await native.finish(session);
     inUse.delete(this);
     check(result);

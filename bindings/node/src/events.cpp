@@ -14,7 +14,7 @@ bool describe(napi_env env, const zelta_event& event, object_value& made) {
   const auto& as = event.as;
   switch (event.kind) {
     case ZELTA_EVENT_ERROR:
-      made.set("type", "error").set("uid", event.uid);
+      made.set("type", "error");
       made.set("error", as.error.error).set("stat", as.error.stat_code);
       made.set_flag("endsSession", as.error.error != ZELTA_SESSION_USER_FAILED);
       return true;

@@ -91,8 +91,8 @@ napi_deferred session::promise(napi_value& made) const {
   return napi_create_promise(env_, &answer, &made) == napi_ok ? answer : nullptr;
 }
 
-// From the loop, where nothing of JavaScript's is on the stack: what waits for the promise runs
-// before this returns.
+// What waits for the promise runs before this returns, or where JavaScript is on the stack, after
+// that has returned.
 void session::settle(napi_deferred answer, int code) const {
   napi_handle_scope handles = nullptr;
   if (environment_ends_ || napi_open_handle_scope(env_, &handles) != napi_ok) return;
@@ -143,6 +143,9 @@ napi_value session::finish() {
   napi_value made = nullptr;
   if (ending_) return nullptr;
   end(promise(made));
+  // No event is handed out any more.
+  const napi_deferred waiting = std::exchange(waiting_, nullptr);
+  if (waiting != nullptr) settle(waiting, ZELTA_OK);
   return made;
 }
 
@@ -158,13 +161,12 @@ void session::on_environment_end(napi_async_cleanup_hook_handle, void* of) {
 
 void session::end(napi_deferred answer) {
   ending_ = true;
+  // Events that nobody takes would wake the loop again and again until the recorder has ended.
+  static_cast<void>(uv_poll_stop(&poll_));
   run(zelta_recording_finish, answer);
 }
 
 void session::close_poll() {
-  // It may have been queued since the last turn that the loop took.
-  const napi_deferred waiting = std::exchange(waiting_, nullptr);
-  if (waiting != nullptr) settle(waiting, ZELTA_OK);
   uv_close(reinterpret_cast<uv_handle_t*>(&poll_),
            [](uv_handle_t* poll) { static_cast<session*>(poll->data)->closed(); });
 }
