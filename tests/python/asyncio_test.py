@@ -2,18 +2,35 @@
 """The loop of asyncio: events without threads, and nothing left behind by what is cancelled."""
 
 import asyncio
+import concurrent.futures
 import os
 import signal
+import threading
 import unittest
 
 from recording_test import recorder_pid
 from support import PATIENCE_S, Fixture
-from zelta_recording import FirstVideo, Joined, Left, Recording, SessionError, UserJoined
+from zelta_recording import ErrorEvent, FirstVideo, Joined, Left, Recording, SessionError, UserJoined
+from zelta_recording._native import lib
 
 
 def descriptors():
     # Without the one that the folder is read by.
     return {int(name) for name in os.listdir("/proc/self/fd") if os.path.lexists(f"/proc/self/fd/{name}")}
+
+
+class Held:
+    """A method of a recording that waits, when it is called, to be let go on."""
+
+    def __init__(self, recording, name):
+        self.begun, self.go_on = threading.Event(), threading.Event()
+        self.method = getattr(recording, name)
+        setattr(recording, name, self)
+
+    def __call__(self):
+        self.begun.set()
+        self.go_on.wait(PATIENCE_S)
+        self.method()
 
 
 class Asyncio(Fixture, unittest.IsolatedAsyncioTestCase):
@@ -89,6 +106,55 @@ class Asyncio(Fixture, unittest.IsolatedAsyncioTestCase):
     async def test_loop_raises_what_ended_the_session(self):
         with self.assertRaises(SessionError):
             await asyncio.wait_for(self.all(self.joined("nonsense:")), PATIENCE_S)
+
+    async def test_it_has_been_left_when_its_end_is_handed_out(self):
+        recording = self.joined("nonsense:")
+        await self.until(recording, ErrorEvent)
+        self.assertEqual(lib.zelta_recording_leave(recording._lender[0]), lib.ZELTA_ERROR_LEFT)
+
+    async def test_cancelled_while_it_leaves_it_loses_no_event(self):
+        recording = self.joined("test:users=0")
+        await self.until(recording, Joined)
+        leaves = Held(recording, "_leave_now")
+        os.kill(recorder_pid(), signal.SIGTERM)
+        await self.cancelled_while(self.all(recording), leaves)
+        self.assertFalse(recording.ended)
+        events = await asyncio.wait_for(self.all(recording), PATIENCE_S)
+        self.assertTrue(any(isinstance(event, Left) for event in events))
+
+    async def test_cancelled_while_it_closes_it_is_closed(self):
+        recording = self.joined()
+        closes = Held(recording, "close")
+
+        async def record():
+            async with recording:
+                await self.until(recording, FirstVideo)
+        await self.cancelled_while(record(), closes)
+        self.assertEqual(repr(recording), "<Recording, closed>")
+
+    async def test_it_closes_though_all_threads_of_the_executor_wait_for_that(self):
+        executor = concurrent.futures.ThreadPoolExecutor(1)
+        self.addCleanup(executor.shutdown)
+        recording = self.joined("test:users=0")
+        loop = asyncio.get_running_loop()
+        loop.set_default_executor(executor)
+
+        async def record():
+            async with recording:
+                loop.run_in_executor(None, list, recording)
+        await asyncio.wait_for(record(), PATIENCE_S)
+
+    async def cancelled_while(self, work, held):
+        """Cancels `work` when it is inside the held method, and checks that it waits for the end of that."""
+        task = asyncio.create_task(work)
+        self.assertTrue(await asyncio.to_thread(held.begun.wait, PATIENCE_S))
+        for _ in range(2):
+            task.cancel()
+            await asyncio.sleep(0.02)
+            self.assertFalse(task.done())
+        held.go_on.set()
+        with self.assertRaises(asyncio.CancelledError):
+            await asyncio.wait_for(asyncio.shield(task), PATIENCE_S)
 
     async def waits(self, before, tasks):
         """Until so many tasks wait, each of which has a descriptor for that."""

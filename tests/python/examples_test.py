@@ -40,7 +40,7 @@ class Examples(Fixture, unittest.TestCase):
                 child = self.start("record", "server.json")
                 _, errors = child.communicate(timeout=PATIENCE_S)
                 self.assertEqual(child.returncode, 1)
-                self.assertIn("the engine could not do it", errors)
+                self.assertIn("the session failed: FAILED, JOIN", errors)
                 self.assertNotIn("Traceback", errors)
 
     def test_frames_are_loud_and_bright(self):

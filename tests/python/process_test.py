@@ -3,6 +3,7 @@
 
 import pathlib
 import signal
+import subprocess
 import time
 import unittest
 
@@ -117,6 +118,30 @@ with Recording("test") as recording:
                 # Which would complete its files by itself, but later.
                 self.assertFalse(pathlib.Path(f"/proc/{int(output)}").exists())
                 self.assert_complete()
+
+    def test_an_end_closes_all_at_a_time_and_through_ctrl_c(self):
+        child = self.child(BEGIN + """
+other = Recording("test")
+both = threading.Barrier(2)
+def close(recording, method):
+    # Neither goes on before the other has begun, nor before it is told to.
+    both.wait(10)
+    if recording is other:
+        print("closing", flush=True)
+        sys.stdin.readline()
+    method()
+    os.write(1, f"{recording!r}\\n".encode())
+for one in (recording, other):
+    one.close = lambda one=one, method=one.close: close(one, method)
+for event in recording:
+    if any(file.stat().st_size for file in recording.folder.glob("*.mp4")):
+        break
+""", stdin=subprocess.PIPE)
+        self.assertEqual(line_of(child), "closing\n")
+        child.send_signal(signal.SIGINT)
+        output, errors = child.communicate("go on\n", timeout=PATIENCE_S)
+        self.assertEqual(output, "<Recording, closed>\n" * 2, errors)
+        self.assert_complete()
 
     def test_who_forgets_to_close_is_told_and_has_the_files(self):
         output, errors = self.child(BEGIN + KEEP + """

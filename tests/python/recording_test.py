@@ -1,6 +1,7 @@
 # SPDX-License-Identifier: Apache-2.0
 """Recordings: what comes of them, how they end, and what each wrong use is told."""
 
+import gc
 import json
 import os
 import pathlib
@@ -10,10 +11,11 @@ import signal
 import threading
 import time
 import unittest
+from unittest import mock
 
 from support import PATIENCE_S, Fixture, files, next_of, take_until_files
-from zelta_recording import (AlreadyJoinedError, ArgumentError, ClosedError, Config, ConfigurationError,
-                             ErrorEvent, ErrorKind, FirstAudio, FirstVideo, Joined, Layout,
+from zelta_recording import (AlreadyJoinedError, ArgumentError, AudioFrame, ClosedError, Config,
+                             ConfigurationError, DecodeAudio, ErrorEvent, ErrorKind, FirstAudio, FirstVideo, Joined, Layout,
                              LeaveReason, Left, LeftError, LogLevel, MixedFile, NotJoinedError, Receiving,
                              Recording, RefusedError, Region, SessionError, Stat, StateError, UserJoined,
                              Volumes, ZeltaError)
@@ -70,10 +72,74 @@ class Sessions(Fixture, unittest.TestCase):
         with self.assertRaises(SessionError) as raised:
             for event in recording:
                 events.append(event)
-        self.assertEqual(raised.exception.event, ErrorEvent(0, ErrorKind.FAILED, Stat.JOIN))
+        self.assertEqual(raised.exception.event, ErrorEvent(ErrorKind.FAILED, Stat.JOIN))
         self.assertIn(raised.exception.event, events)
-        self.assertIn("FAILED, JOIN", str(raised.exception))
+        self.assertEqual(str(raised.exception), "the session failed: FAILED, JOIN")
         self.assertTrue(recording.ended)
+
+    def test_first_failure_is_the_one_that_is_told(self):
+        recording = self.joined("test:users=0")
+        next_of(recording, Joined)
+        first, second = ErrorEvent(ErrorKind.FAILED, Stat.JOIN), ErrorEvent(ErrorKind.RECORDER_GONE, Stat.NONE)
+        recording._held.extend([first, second])
+        with self.assertRaises(SessionError) as raised:
+            for _ in recording:
+                pass
+        self.assertEqual(raised.exception.event, first)
+
+    def test_it_has_been_left_when_its_end_is_handed_out(self):
+        for server, kind in [("test:users=0", Left), ("nonsense:", ErrorEvent)]:
+            for title, take in [("for", next), ("next_event", lambda of: of.next_event(PATIENCE_S))]:
+                with self.subTest(f"{kind.__name__} by {title}"):
+                    recording = self.joined(server)
+                    if kind is Left:
+                        next_of(recording, Joined)
+                        os.kill(recorder_pid(), signal.SIGTERM)
+                    while not isinstance(take(recording), kind):
+                        pass
+                    self.assertEqual(lib.zelta_recording_leave(recording._lender[0]), lib.ZELTA_ERROR_LEFT)
+                    recording.close()
+
+    def test_interrupted_while_it_leaves_it_loses_no_event(self):
+        recording = self.joined("test:users=0")
+        next_of(recording, Joined)
+        os.kill(recorder_pid(), signal.SIGTERM)
+        with mock.patch.object(recording, "_leave_now", side_effect=KeyboardInterrupt), \
+                self.assertRaises(KeyboardInterrupt):
+            while True:
+                next(recording)
+        self.assertFalse(recording.ended)
+        self.assertIn(Left(LeaveReason.SIGNAL), list(recording))
+
+    def test_interrupted_at_the_end_of_its_join_it_has_joined(self):
+        recording = Recording("test")
+        with mock.patch("zelta_recording._recording.check", side_effect=KeyboardInterrupt), \
+                self.assertRaises(KeyboardInterrupt):
+            recording.join("meeting", **self.settings("test:users=0"))
+        next_of(recording, Joined)
+        recording.close()
+        self.assertTrue((recording.folder / "recording.json").exists())
+
+    def test_forgotten_it_ends_though_a_frame_is_kept(self):
+        recording = self.joined(decode_audio=DecodeAudio.PCM_FRAMES, cleanup=False)
+        frame = next_of(recording, AudioFrame)
+        samples = frame.samples.copy()
+        recorder = pathlib.Path(f"/proc/{recorder_pid()}")
+        with self.assertWarns(ResourceWarning):
+            del recording
+            gc.collect()
+        deadline = time.monotonic() + PATIENCE_S
+        while recorder.exists():
+            self.assertLess(time.monotonic(), deadline)
+            time.sleep(0.02)
+        self.assertTrue((frame.samples == samples).all())
+
+    def test_made_without_its_arguments_it_says_one_thing(self):
+        with mock.patch("sys.unraisablehook") as also_said:
+            with self.assertRaises(TypeError):
+                Recording()
+            gc.collect()
+        also_said.assert_not_called()
 
     def test_next_event_waits_no_longer_than_it_was_told(self):
         recording = self.joined("test:users=0")
@@ -81,6 +147,14 @@ class Sessions(Fixture, unittest.TestCase):
         self.assertIsNone(recording.next_event(0))
         self.assertIsNone(recording.next_event(0.05))
         self.assertFalse(recording.ended)
+
+    def test_next_event_waits_however_long_it_is_told(self):
+        recording = self.joined(audio_indication_interval=200)
+        for timeout in (3e6, 1e300, float("inf")):
+            next_of(recording, Volumes)
+            while recording.next_event(0):
+                pass
+            self.assertIsNotNone(recording.next_event(timeout))
 
     def test_what_waits_can_be_taken_after_a_finish(self):
         recording = self.joined()
@@ -183,9 +257,11 @@ class WrongUses(Fixture, unittest.TestCase):
             (lambda: recording.set_layout(Layout(background_color="a\0b")), ArgumentError,
              "layout.background_color has a null"),
             (lambda: recording.set_layout([Region(-1)]), ArgumentError, "region 0.uid is -1"),
+            (lambda: recording.set_user_background(-1, None), ArgumentError, "uid is -1"),
             (lambda: recording.set_user_background(1, "x.png"), NotJoinedError, "a background before"),
             (lambda: recording.start_service(), NotJoinedError, "a start before a join"),
             (lambda: recording.set_log_level(9), ArgumentError, "level is 9"),
+            (lambda: recording.set_log_level(1 << 40), ArgumentError, "level is 1099511627776"),
             (lambda: recording.next_event(-1), ArgumentError, "timeout is -1"),
             (lambda: recording.next_event(float("nan")), ArgumentError, "timeout is nan"),
             (lambda: recording.next_event(), NotJoinedError, "no event comes before a join"),
@@ -202,7 +278,6 @@ class WrongUses(Fixture, unittest.TestCase):
         commands = {
             "join": lambda: recording.join("meeting"),
             "layout": lambda: recording.set_layout([]),
-            "leave": recording.leave,
             "finish": recording.finish,
             "folder": lambda: recording.folder,
             "close": recording.close,
@@ -210,17 +285,17 @@ class WrongUses(Fixture, unittest.TestCase):
         folder = recording.folder
         for step, expected in [
             (lambda: None, {"join": AlreadyJoinedError}),
-            (recording.leave, {"join": LeftError, "layout": LeftError, "leave": LeftError}),
-            (recording.close, {"join": ClosedError, "layout": ClosedError, "leave": ClosedError,
-                               "finish": ClosedError}),
+            (recording.leave, {"join": LeftError, "layout": LeftError}),
+            (recording.close, {"join": ClosedError, "layout": ClosedError, "finish": ClosedError}),
         ]:
             step()
+            step()  # Which does nothing more.
             for name, error in expected.items():
                 with self.subTest(name), self.assertRaises(error) as raised:
                     commands[name]()
                 self.assertIsInstance(raised.exception, StateError)
                 self.assertTrue(raised.exception.detail)
-        recording.close()
+        recording.leave()
         self.assertEqual(recording.folder, folder)
         self.assertEqual(list(recording), [])
         self.assertIsNone(recording.next_event(1))
@@ -228,7 +303,7 @@ class WrongUses(Fixture, unittest.TestCase):
 
     def test_errors_survive_pickling_with_all_they_have(self):
         for error in (ArgumentError(-2, "that is so"),
-                      SessionError(ErrorEvent(1, ErrorKind.FAILED, Stat.JOIN))):
+                      SessionError(ErrorEvent(ErrorKind.FAILED, Stat.JOIN))):
             again = pickle.loads(pickle.dumps(error))
             self.assertEqual((type(again), again.code, again.text, str(again)),
                              (type(error), error.code, error.text, str(error)))

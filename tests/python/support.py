@@ -34,9 +34,10 @@ class Fixture:
         path.write_text(json.dumps({"Channel_Server": server}))
         return {"cfg_file_path": path, "record_file_root_dir": self.folder}
 
-    def joined(self, server=USERS, queue_bytes=0, **members):
+    def joined(self, server=USERS, queue_bytes=0, cleanup=True, **members):
         recording = Recording("test", queue_bytes=queue_bytes)
-        self.addCleanup(recording.close)
+        if cleanup:
+            self.addCleanup(recording.close)
         recording.join("meeting", **self.settings(server), **members)
         return recording
 

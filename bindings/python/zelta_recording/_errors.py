@@ -20,9 +20,9 @@ class ZeltaError(Exception):
     `code` is one of the header's zelta_result, `text` says what that means, and `detail` which value
     was wrong and what would be right; it may be empty."""
 
-    def __init__(self, code: int, detail: str = "") -> None:
+    def __init__(self, code: int, detail: str = "", text: str | None = None) -> None:
         self.code = code
-        self.text: str = ffi.string(lib.zelta_error_text(code)).decode()
+        self.text: str = text or ffi.string(lib.zelta_error_text(code)).decode()
         self.detail = detail
         super().__init__(f"{self.text}: {detail}" if detail else self.text)
 
@@ -69,12 +69,13 @@ class ResourceError(ZeltaError):
 class SessionError(ZeltaError):
     """The session failed: raised by a loop over the events, when it has had all of them.
 
-    `event` is the ErrorEvent that ended the session."""
+    `event` is the ErrorEvent that ended the session, the first one where more came. `code` is that of a
+    RefusedError, as the header has none for it."""
 
     def __init__(self, event: ErrorEvent) -> None:
         self.event = event
         stat = f", {event.stat.name}" if event.stat else ""
-        super().__init__(lib.ZELTA_ERROR_REFUSED, f"the session ended by {event.error.name}{stat}")
+        super().__init__(lib.ZELTA_ERROR_REFUSED, event.error.name + stat, "the session failed")
 
     def __reduce__(self) -> tuple[Any, ...]:
         return type(self), (self.event,)

@@ -16,9 +16,8 @@ from ._native import ffi, lib
 
 @dataclass(frozen=True, slots=True)
 class ErrorEvent:
-    """Something failed; `uid` is the user where it is one's."""
+    """Something failed: the session, or something of one user's."""
 
-    uid: int
     error: ErrorKind
     stat: Stat
 
@@ -142,7 +141,7 @@ def _dropped(uid: int, of: Any) -> Dropped:
 # Of all kinds but frames, from the event's user and its union.
 _MAKERS: dict[int, Callable[[int, Any], Event]] = {
     lib.ZELTA_EVENT_ERROR: lambda uid, of: ErrorEvent(
-        uid, ErrorKind(of.error.error), Stat(of.error.stat_code)),
+        ErrorKind(of.error.error), Stat(of.error.stat_code)),
     lib.ZELTA_EVENT_WARNING: lambda uid, of: WarningEvent(WarningKind(of.warning.warning)),
     lib.ZELTA_EVENT_JOINED: lambda uid, of: Joined(
         uid, ffi.string(of.joined.channel_id).decode(errors="replace")),
