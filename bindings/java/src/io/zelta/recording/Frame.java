@@ -14,8 +14,7 @@ import java.nio.ByteOrder;
  *
  * <p>A frame that nobody closes is given back when the collector has found that neither it nor a
  * buffer of it, nor a slice of one, is reachable. That may take long, as the collector doesn't know
- * how much memory that is. The native memory of a closed recording goes when the collector has
- * found that of all its frames, closed or not.
+ * how much memory that is.
  */
 public abstract sealed class Frame implements Event, AutoCloseable permits AudioFrame, VideoFrame {
   private final long uid;
