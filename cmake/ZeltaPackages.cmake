@@ -300,7 +300,7 @@ The recorder is in the package zelta-recorder.")
 endif()
 
 if(ZELTA_BUILD_NODE)
-  install(FILES examples/node/record.mjs examples/node/frames.mjs
+  install(FILES examples/node/record.mjs examples/node/frames.mjs examples/node/layout.mjs
           DESTINATION "${CMAKE_INSTALL_DATADIR}/doc/${node_name}/examples" COMPONENT node)
   set(CPACK_DEBIAN_NODE_PACKAGE_GENERATE_SHLIBS OFF)
   set(CPACK_DEBIAN_NODE_PACKAGE_SECTION javascript)

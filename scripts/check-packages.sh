@@ -218,7 +218,8 @@ node_records() {
     mkdir node_modules && ln -s /usr/lib/*/nodejs/zelta-recording node_modules/ && cp $examples/*.mjs .
     node -e 'require(\"zelta-recording\")'
     timeout 60 node record.mjs server.json
-    timeout 60 node frames.mjs server.json"
+    timeout 60 node frames.mjs server.json
+    timeout 60 node layout.mjs server.json 3"
   [ -n "$(find "$root/tmp/check/node" -name '*.mp4' -size +10k)" ]
 }
 

@@ -37,3 +37,15 @@ test('frames.mjs hears and sees two users', async (t) => {
   for (const wanted of [/^user 1: -?[\d.]+ dBFS$/m, /^user 2: brightness [\d.]+$/m]) assert.match(stdout, wanted);
   assert.equal(stdout.trim().split('\n').length, 100);
 });
+
+test('layout.mjs draws two users and makes one film of them', async (t) => {
+  const folder = folderOf(t);
+  channel(folder);
+  const { status, stdout, stderr } = await run(folder, { file: example('layout.mjs'), args: ['server.json', '5'] });
+  assert.equal(status, 0, stderr);
+  assert.match(stdout, /^2 users: [12],[12]$/m);
+  const recording = path.resolve(folder, /^recorded in (.*)$/m.exec(stdout)[1]);
+  const films = fs.readdirSync(recording).filter((name) => /^mix_.*\.mp4$/.test(name));
+  assert.equal(films.length, 1);
+  assert.ok(fs.statSync(path.join(recording, films[0])).size > 1024);
+});
