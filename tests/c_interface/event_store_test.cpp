@@ -135,7 +135,7 @@ TEST_F(EventStoreTest, KeepsNoMoreThanTwiceItsBound) {
 }
 
 TEST_F(EventStoreTest, OnceClosedGivesTheMemoryOfWhatIsFreeBack) {
-  constexpr size_t kPages = 3 * 4096;
+  constexpr size_t kPages = size_t{3} * 4096;
   event_store large(10 * payload.size());
   const zelta_event* held[3] = {};
   for (const zelta_event*& one : held) {
