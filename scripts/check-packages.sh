@@ -210,6 +210,8 @@ python_records() {
     timeout 60 python3 $examples/frames.py server.json"
   [ -n "$(find "$root/tmp/check/python" -name '*.mp4' -size +10k)" ]
 }
+
+# In a folder of its own, as import looks in node_modules alone.
 node_records() {
   local examples=/usr/share/doc/node-zelta-recording/examples
   inside install -d -o zelta -g zelta /tmp/check/node

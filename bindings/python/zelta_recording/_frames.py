@@ -30,8 +30,8 @@ def _memory(lent: Any, data: Any, size: int) -> memoryview:
     return memoryview(_buffer(held, size)).toreadonly()
 
 
-class AudioFrame:
-    """Sound of a user, or of all users mixed (uid 0), with the memory that it lies in."""
+class _Frame:
+    """What sound and pictures have in common."""
 
     __slots__ = ("_lent", "__weakref__")
     __match_args__ = ("uid",)
@@ -40,8 +40,9 @@ class AudioFrame:
         self._lent = lent
 
     @property
-    def _audio(self) -> Any:
-        return getattr(self._lent, "as").audio
+    def _media(self) -> Any:
+        """The member of the event's union that describes it."""
+        raise NotImplementedError
 
     @property
     def uid(self) -> int:
@@ -51,31 +52,52 @@ class AudioFrame:
 
     @property
     def time_ms(self) -> int:
-        """Media time of the first sample, in milliseconds."""
-        time: int = self._audio.time_ms
+        """Media time of the picture or of the first sample, in milliseconds."""
+        time: int = self._media.time_ms
         return time
+
+    @property
+    def data(self) -> npt.NDArray[np.uint8]:
+        """All bytes of the frame: a read-only view of its memory, which keeps that, as all arrays do."""
+        media = self._media
+        return np.ndarray((media.data_bytes,), np.uint8, _memory(self._lent, media.data, media.data_bytes))
+
+    def __repr__(self) -> str:
+        formats = AudioFormat if isinstance(self, AudioFrame) else VideoFormat
+        return (f"{type(self).__name__}(uid={self.uid}, time_ms={self.time_ms}, "
+                f"format={formats(self._media.format).name}, {self._media.data_bytes} bytes)")
+
+
+class AudioFrame(_Frame):
+    """Sound of a user, or of all users mixed (uid 0), with the memory that it lies in."""
+
+    __slots__ = ()
+
+    @property
+    def _media(self) -> Any:
+        return getattr(self._lent, "as").audio
 
     @property
     def format(self) -> AudioFormat:
         """PCM: 16-bit samples. AAC: one ADTS frame."""
-        return AudioFormat(self._audio.format)
+        return AudioFormat(self._media.format)
 
     @property
     def channels(self) -> int:
         """1 or 2."""
-        channels: int = self._audio.channels
+        channels: int = self._media.channels
         return channels
 
     @property
     def sample_rate(self) -> int:
         """PCM: samples a second and channel; else 0."""
-        rate: int = self._audio.sample_rate
+        rate: int = self._media.sample_rate
         return rate
 
     @property
     def bitrate(self) -> int:
         """AAC: bits a second; else 0."""
-        rate: int = self._audio.bitrate
+        rate: int = self._media.bitrate
         return rate
 
     @property
@@ -84,78 +106,51 @@ class AudioFrame:
 
         It keeps the memory, also after the recording was closed; `np.array(frame.samples)` is a copy.
         Of AAC it is a ValueError."""
-        audio = self._audio
+        audio = self._media
         if audio.format != _PCM:
             raise ValueError("a frame of AAC has no samples, its bytes are in data")
         channels = audio.channels
         return np.ndarray((audio.samples // channels, channels), np.int16,
                           _memory(self._lent, audio.data, audio.data_bytes))
 
-    @property
-    def data(self) -> npt.NDArray[np.uint8]:
-        """All bytes of the frame: a read-only view of its memory, as with `samples`."""
-        audio = self._audio
-        return np.ndarray((audio.data_bytes,), np.uint8,
-                          _memory(self._lent, audio.data, audio.data_bytes))
 
-    def __repr__(self) -> str:
-        return (f"AudioFrame(uid={self.uid}, time_ms={self.time_ms}, format={self.format.name}, "
-                f"{self._audio.data_bytes} bytes)")
-
-
-class VideoFrame:
+class VideoFrame(_Frame):
     """A picture of a user, with the memory that it lies in."""
 
-    __slots__ = ("_lent", "__weakref__")
-    __match_args__ = ("uid",)
-
-    def __init__(self, lent: Any) -> None:
-        self._lent = lent
+    __slots__ = ()
 
     @property
-    def _video(self) -> Any:
+    def _media(self) -> Any:
         return getattr(self._lent, "as").video
-
-    @property
-    def uid(self) -> int:
-        """The user."""
-        uid: int = self._lent.uid
-        return uid
-
-    @property
-    def time_ms(self) -> int:
-        """Media time, in milliseconds."""
-        time: int = self._video.time_ms
-        return time
 
     @property
     def format(self) -> VideoFormat:
         """YUV: an I420 picture. H264: an access unit in byte-stream format, with the parameter sets in
         front of a key frame. JPG: an image."""
-        return VideoFormat(self._video.format)
+        return VideoFormat(self._media.format)
 
     @property
     def rotation(self) -> int:
         """Degrees clockwise by which to turn the picture for display."""
-        rotation: int = self._video.rotation
+        rotation: int = self._media.rotation
         return rotation
 
     @property
     def frame_number(self) -> int:
         """H264: counts the user's access units; else 0."""
-        number: int = self._video.frame_number
+        number: int = self._media.frame_number
         return number
 
     @property
     def width(self) -> int:
         """YUV: pixels; else 0."""
-        width: int = self._video.width
+        width: int = self._media.width
         return width
 
     @property
     def height(self) -> int:
         """YUV: pixels; else 0."""
-        height: int = self._video.height
+        height: int = self._media.height
         return height
 
     @property
@@ -165,7 +160,7 @@ class VideoFrame:
 
         They keep the memory, also after the recording was closed; `np.array(plane)` is a copy.
         Of another format it is a ValueError."""
-        video = self._video
+        video = self._media
         if video.format != _YUV:
             raise ValueError(f"a frame of {self.format.name} has no planes, its bytes are in data")
         data, strides = video.data, video.strides
@@ -176,14 +171,3 @@ class VideoFrame:
         return (np.ndarray((height, width), np.uint8, memory, y - data, (strides[0], 1)),
                 np.ndarray(half, np.uint8, memory, u - data, (strides[1], 1)),
                 np.ndarray(half, np.uint8, memory, v - data, (strides[2], 1)))
-
-    @property
-    def data(self) -> npt.NDArray[np.uint8]:
-        """All bytes of the frame: a read-only view of its memory, as with `planes`."""
-        video = self._video
-        return np.ndarray((video.data_bytes,), np.uint8,
-                          _memory(self._lent, video.data, video.data_bytes))
-
-    def __repr__(self) -> str:
-        return (f"VideoFrame(uid={self.uid}, time_ms={self.time_ms}, format={self.format.name}, "
-                f"{self._video.data_bytes} bytes)")
